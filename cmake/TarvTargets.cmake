@@ -1,0 +1,61 @@
+# What every target of the project shares: one place for flags, one function for a library, one
+# for a test program.
+
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_C_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/bin")
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/lib")
+set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/lib")
+
+find_package(Threads REQUIRED)
+add_library(tarv_options INTERFACE)
+add_library(tarv::options ALIAS tarv_options)
+target_compile_options(tarv_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow
+  $<$<BOOL:${TARV_WERROR}>:-Werror>
+  # Log lines and assertions name a file by its path from the repository's root.
+  "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=")
+target_link_libraries(tarv_options INTERFACE Threads::Threads)
+if(TARV_SANITIZE)
+  target_compile_options(tarv_options INTERFACE
+    -fsanitize=${TARV_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(tarv_options INTERFACE -fsanitize=${TARV_SANITIZE})
+endif()
+if(TARV_COVERAGE)
+  target_compile_options(tarv_options INTERFACE --coverage)
+  target_link_options(tarv_options INTERFACE --coverage)
+endif()
+
+# tarv_add_library(NAME SOURCES file... HEADERS include/file.h... [LINKS target...])
+# A static library tarv::NAME whose public headers lie under include/ and compile alone.
+function(tarv_add_library name)
+  cmake_parse_arguments(PARSE_ARGV 1 ARG "" "" "SOURCES;HEADERS;LINKS")
+  add_library(${name} STATIC ${ARG_SOURCES})
+  add_library(tarv::${name} ALIAS ${name})
+  target_sources(${name} PUBLIC FILE_SET HEADERS
+    BASE_DIRS "${CMAKE_CURRENT_SOURCE_DIR}/include" FILES ${ARG_HEADERS})
+  set_target_properties(${name} PROPERTIES VERIFY_INTERFACE_HEADER_SETS ON)
+  target_link_libraries(${name} PUBLIC ${ARG_LINKS} PRIVATE $<BUILD_INTERFACE:tarv::options>)
+endfunction()
+
+# tarv_add_test(NAME SOURCES file... [LINKS target...] [TIMEOUT seconds])
+# A GoogleTest program; each of its tests is a test of ctest. Its time limit is for one test.
+function(tarv_add_test name)
+  if(NOT TARV_BUILD_TESTS)
+    return()
+  endif()
+  cmake_parse_arguments(PARSE_ARGV 1 ARG "" "TIMEOUT" "SOURCES;LINKS")
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 120)
+  endif()
+  include(GoogleTest)
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ${ARG_LINKS} tarv::options GTest::gmock_main)
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT ${ARG_TIMEOUT})
+endfunction()

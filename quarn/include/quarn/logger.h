@@ -1,0 +1,64 @@
+// The project's log: one line a call on standard output.
+//
+//   QUARN_LOG_ERROR() << "No chunk <" << id << ">";
+//
+// prints "[error] src/manager.cpp:42 No chunk <7>" and flushes it. The tag and the location are
+// coloured only while standard output is a terminal.
+#ifndef QUARN_LOGGER_H
+#define QUARN_LOGGER_H
+
+#include <quarn/export.h>
+
+#include <cstdint>
+#include <ostream>
+#include <string_view>
+
+namespace quarn::logger::details {
+
+enum class LogLevel : std::int32_t { Info = 0, Warn = 1, Error = 2, Fatal = 3 };
+
+// One log line: begun by the constructor, ended by the destructor. Any thread; a printer takes no
+// lock, so pieces of lines that two threads write at one time may interleave.
+class TARV_EXPORT Printer {
+ public:
+  // Writes the level's tag (none for a value outside LogLevel) and, unless it is empty, `location`,
+  // which carries its own blanks on both sides. Throws std::logic_error for a location that is null
+  // but not of length zero.
+  Printer(LogLevel level, std::string_view location);
+
+  // Ends the line and flushes it. A Fatal line then aborts the process.
+  ~Printer();
+
+  Printer(const Printer&) = delete;
+  Printer& operator=(const Printer&) = delete;
+
+  // Where the caller writes the message; valid while the printer lives.
+  std::ostream& GetStream() const { return *stream_; }
+
+ private:
+  std::ostream* stream_;
+  LogLevel level_;
+};
+
+}  // namespace quarn::logger::details
+
+#define QUARN_DETAILS_STRINGIFY(x) #x
+#define QUARN_DETAILS_TO_STRING(x) QUARN_DETAILS_STRINGIFY(x)
+
+// The place of the call, as the log shows it: " src/manager.cpp:42 ".
+#define QUARN_LOCATION " " __FILE__ ":" QUARN_DETAILS_TO_STRING(__LINE__) " "
+
+#define QUARN_DETAILS_LOG_AT(level, location)                                              \
+  ::quarn::logger::details::Printer(::quarn::logger::details::LogLevel::level, (location)) \
+      .GetStream()
+
+#define QUARN_LOG_INFO() QUARN_DETAILS_LOG_AT(Info, QUARN_LOCATION)
+#define QUARN_LOG_WARN() QUARN_DETAILS_LOG_AT(Warn, QUARN_LOCATION)
+#define QUARN_LOG_ERROR() QUARN_DETAILS_LOG_AT(Error, QUARN_LOCATION)
+// Ends the process with abort() once the line is written.
+#define QUARN_LOG_FATAL() QUARN_DETAILS_LOG_AT(Fatal, QUARN_LOCATION)
+
+// An error line for a location that the caller of the logging function passed in.
+#define QUARN_LOG_ERROR_AT(location) QUARN_DETAILS_LOG_AT(Error, location)
+
+#endif  // QUARN_LOGGER_H

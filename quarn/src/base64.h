@@ -1,0 +1,44 @@
+// Base64 (RFC 4648, section 4) straight between caller-provided buffers.
+#ifndef QUARN_BASE64_H
+#define QUARN_BASE64_H
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
+namespace quarn::base64 {
+
+// The most 3-byte groups whose text, four characters each, can still be addressed with room to
+// spare.
+constexpr std::size_t kMaxGroups = 0x0FFFFFFFFFFFFFFF;
+
+// Characters that `size` bytes take, padding included; none when that is more than can be
+// addressed.
+constexpr std::optional<std::size_t> EncodedLength(std::size_t size) {
+  const std::size_t groups = size / 3 + (size % 3 != 0 ? 1 : 0);
+  if (groups > kMaxGroups) {
+    return std::nullopt;
+  }
+  return groups * 4;
+}
+
+// Writes EncodedLength(size) characters to `out`.
+void Encode(const std::uint8_t* data, std::size_t size, char* out);
+
+// Bytes that a well-formed text of `length` characters holds, judged by its padding alone; none
+// when no canonical text has this length.
+std::optional<std::size_t> DecodedSize(const char* text, std::size_t length);
+
+// Decodes a text whose DecodedSize is known into `out`. False, with `out` partly written, when the
+// text is not canonical.
+bool Decode(const char* text, std::size_t length, std::uint8_t* out);
+
+// The same by the definition, one character at a time: what the fast paths are compared with.
+namespace reference {
+void Encode(const std::uint8_t* data, std::size_t size, char* out);
+bool Decode(const char* text, std::size_t length, std::uint8_t* out);
+}  // namespace reference
+
+}  // namespace quarn::base64
+
+#endif  // QUARN_BASE64_H

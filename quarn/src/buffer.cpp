@@ -1,0 +1,82 @@
+#include <quarn/buffer.h>
+#include <quarn/logger.h>
+#include <quarn/sized_struct.h>
+
+#include "base64.h"
+
+namespace quarn {
+
+Buffer::Buffer(const std::uint8_t* data, std::size_t size) { WriteBytes(data, size); }
+
+Buffer& Buffer::operator=(Buffer&& other) noexcept {
+  if (this != &other) {
+    bytes_ = std::move(other.bytes_);
+    other.bytes_.clear();
+  }
+  return *this;
+}
+
+std::unique_ptr<std::vector<std::uint8_t>> Buffer::Extract() {
+  if (bytes_.empty()) {
+    return nullptr;
+  }
+  auto bytes = std::make_unique<std::vector<std::uint8_t>>(std::move(bytes_));
+  bytes_.clear();
+  return bytes;
+}
+
+void Buffer::WriteBytes(const std::uint8_t* data, std::size_t size) {
+  if (data != nullptr && size != 0) {
+    bytes_.insert(bytes_.end(), data, data + size);
+  }
+}
+
+void Buffer::WriteAlignment(std::uint8_t alignment) {
+  if (alignment == 0) {
+    return;
+  }
+  const std::size_t excess = bytes_.size() % alignment;
+  if (excess != 0) {
+    bytes_.resize(bytes_.size() + alignment - excess);
+  }
+}
+
+QuarnResult Buffer::ToCAPI(QuarnBufferView* view, std::size_t view_size) const {
+  if (view == nullptr) {
+    QUARN_LOG_ERROR() << "Structure pointer is null";
+    return QUARN_RESULT_INVALID_ARGUMENT;
+  }
+  StructFiller<QuarnBufferView>(view, view_size)
+      .Fill(&QuarnBufferView::data, GetData())
+      .Fill(&QuarnBufferView::size, GetSize());
+  return QUARN_RESULT_SUCCESS;
+}
+
+Buffer Buffer::FromCAPI(QuarnBufferView* view) {
+  return Buffer(ReadField(view, &QuarnBufferView::data), ReadField(view, &QuarnBufferView::size));
+}
+
+std::string Buffer::ToBase64() const {
+  const auto length = base64::EncodedLength(bytes_.size());
+  if (!length) {
+    QUARN_LOG_ERROR() << "Buffer is too large to encode as Base64.";
+    return {};
+  }
+  std::string text(*length, '\0');
+  base64::Encode(bytes_.data(), bytes_.size(), text.data());
+  return text;
+}
+
+Buffer Buffer::FromBase64(const std::string& text) {
+  const auto size = base64::DecodedSize(text.data(), text.size());
+  if (!size) {
+    return {};
+  }
+  std::vector<std::uint8_t> bytes(*size);
+  if (!base64::Decode(text.data(), text.size(), bytes.data())) {
+    return {};
+  }
+  return Buffer(std::move(bytes));
+}
+
+}  // namespace quarn

@@ -1,0 +1,55 @@
+#include <quarn/logger.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <iostream>
+#include <string>
+
+namespace quarn::logger::details {
+namespace {
+
+constexpr std::string_view kReset = "\033[0m";
+constexpr std::string_view kGrey = "\033[90m";
+
+struct Tag {
+  std::string_view text;
+  std::string_view colour;
+};
+
+constexpr Tag kTags[] = {
+    {"[info]", "\033[1;32m"},
+    {"[warn]", "\033[1;33m"},
+    {"[error]", "\033[1;31m"},
+    {"[fatal]", "\033[1;31m"},
+};
+
+// Asked afresh for each escape: standard output may be redirected while the process runs.
+std::string_view Gated(std::string_view escape) {
+  return isatty(STDOUT_FILENO) != 0 ? escape : std::string_view();
+}
+
+const Tag* FindTag(LogLevel level) {
+  const auto index = static_cast<std::uint32_t>(level);
+  return index < std::size(kTags) ? &kTags[index] : nullptr;
+}
+
+}  // namespace
+
+Printer::Printer(LogLevel level, std::string_view location) : stream_(&std::cout), level_(level) {
+  if (const Tag* tag = FindTag(level)) {
+    *stream_ << Gated(tag->colour) << tag->text << Gated(kReset);
+  }
+  if (!location.empty()) {
+    // The copy is what rejects a null location.
+    *stream_ << Gated(kGrey) << std::string(location.data(), location.size()) << Gated(kReset);
+  }
+}
+
+Printer::~Printer() {
+  *stream_ << '\n' << std::flush;
+  if (level_ == LogLevel::Fatal) {
+    std::abort();
+  }
+}
+
+}  // namespace quarn::logger::details
