@@ -21,6 +21,8 @@ target_compile_options(tarv_options INTERFACE
   $<$<BOOL:${TARV_WERROR}>:-Werror>
   # Log lines and assertions name a file by its path from the repository's root.
   "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=")
+# Qt's lower-case keywords (signals, slots, emit) would eat names of ours.
+target_compile_definitions(tarv_options INTERFACE QT_NO_KEYWORDS)
 target_link_libraries(tarv_options INTERFACE Threads::Threads)
 if(TARV_SANITIZE)
   target_compile_options(tarv_options INTERFACE

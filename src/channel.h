@@ -1,0 +1,51 @@
+// What both ends of a task's channel share: the envelope of a message, and the ownership of the
+// platform's objects.
+#ifndef TARV_SRC_CHANNEL_H
+#define TARV_SRC_CHANNEL_H
+
+#include <quarn/resources_cache.h>
+
+#include <QJsonObject>
+#include <QObject>
+#include <QString>
+#include <memory>
+#include <string>
+
+namespace tarv::details {
+
+// The member of the JSON object on the wire that holds a message's text.
+inline QString EnvelopeMember() { return QStringLiteral("data"); }
+
+// The JSON object that carries `text`, which is UTF-8.
+inline QJsonObject WrapMessage(const std::string& text) {
+  return {{EnvelopeMember(), QString::fromStdString(text)}};
+}
+
+// Hands an object's message, in a chunk of its own, to `listener`. An object that carries no text
+// is dropped.
+template <class Listener>
+void DeliverMessage(const QJsonObject& object, quarn::ResourcesCache& cache,
+                    const Listener* listener) {
+  const QJsonValue data = object.value(EnvelopeMember());
+  if (!data.isString() || listener == nullptr) {
+    return;
+  }
+  const std::uint64_t chunk = cache.CreateChunk();
+  listener->OnMessage(cache.AppendStr(chunk, data.toString().toStdString()), chunk);
+}
+
+// Ends a platform object: nothing it still emits is heard, and it dies on its event loop, so it may
+// be ended from inside its own signals.
+struct DisconnectAndDeleteLater {
+  void operator()(QObject* object) const {
+    object->disconnect();
+    object->deleteLater();
+  }
+};
+
+template <class T>
+using PlatformPtr = std::unique_ptr<T, DisconnectAndDeleteLater>;
+
+}  // namespace tarv::details
+
+#endif  // TARV_SRC_CHANNEL_H

@@ -1,0 +1,101 @@
+#include "manager.h"
+
+#include <quarn/listener.h>
+#include <quarn/logger.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "creation.h"
+
+namespace tarv::details {
+
+Manager::Manager(PrivateTag) : Object(quarn::IDispatcher::CreateEmpty()) {}
+
+std::shared_ptr<Manager> Manager::Create() {
+  auto manager = CreateOrEmpty([] { return Object::Create(PrivateTag()); });
+  if (!manager) {
+    QUARN_LOG_ERROR() << "Could not create Runtime Manager on API side.";
+  }
+  return manager;
+}
+
+_TARVManagerRef* Manager::HandleInitialize() {
+  static const std::shared_ptr<Manager> kManager = Create();
+  return kManager ? kManager->GetRef() : nullptr;
+}
+
+void Manager::HandleRelease(_TARVManagerRef* manager) {
+  if (const auto self = FromRef(manager)) {
+    self->Release();
+  }
+}
+
+void Manager::Release() {
+  // Callbacks of the dying objects may come back here: what they find must be whole.
+  auto clients = std::exchange(rpc_clients_, {});
+  for (auto& client : clients) {
+    client.reset();
+  }
+  std::exchange(rpc_server_, nullptr).reset();
+}
+
+_TARVIntentManagerRef* Manager::HandleGetIntentManager(_TARVManagerRef* manager) {
+  if (!FromRef(manager)) {
+    QUARN_LOG_ERROR() << "Runtime Manager is not initialized.";
+    return nullptr;
+  }
+  QUARN_LOG_ERROR() << "Could not create Intent Manager on API side.";
+  return nullptr;
+}
+
+_TARVRpcServerRef* Manager::HandleGetRpcServer(_TARVManagerRef* manager) {
+  const auto self = FromRef(manager);
+  if (!self) {
+    return nullptr;
+  }
+  if (!self->rpc_server_) {
+    self->rpc_server_ = RpcServerImpl::Create();
+  }
+  return self->rpc_server_ ? self->rpc_server_->GetRef() : nullptr;
+}
+
+_TARVRpcClientRef* Manager::HandleCreateRpcClient(_TARVManagerRef* manager) {
+  const auto self = FromRef(manager);
+  if (!self) {
+    QUARN_LOG_ERROR() << "Runtime Manager is not initialized.";
+    return nullptr;
+  }
+  const auto client = CreateOrEmpty([&self] { return self->CreateRpcClient(); });
+  if (!client) {
+    QUARN_LOG_ERROR() << "Could not create Task Worker on API side.";
+    return nullptr;
+  }
+  return client->GetRef();
+}
+
+std::shared_ptr<RpcClientImpl> Manager::CreateRpcClient() {
+  const auto stop_listener = std::make_shared<quarn::CppStyleListener<_TARVRpcClientRef*>>(
+      [manager = GetRef()](_TARVRpcClientRef* client) {
+        if (const auto self = FromRef(manager)) {
+          self->RemoveRpcClient(client);
+        }
+      });
+  auto client = RpcClientImpl::Create(stop_listener);
+  if (client) {
+    rpc_clients_.push_back(client);
+  }
+  return client;
+}
+
+void Manager::RemoveRpcClient(_TARVRpcClientRef* client) {
+  const auto stopped =
+      std::stable_partition(rpc_clients_.begin(), rpc_clients_.end(),
+                            [client](const auto& entry) { return entry->GetRef() != client; });
+  // They die after the list is whole again: their callbacks may come back to it.
+  const std::vector<std::shared_ptr<RpcClientImpl>> removed(
+      std::make_move_iterator(stopped), std::make_move_iterator(rpc_clients_.end()));
+  rpc_clients_.erase(stopped, rpc_clients_.end());
+}
+
+}  // namespace tarv::details

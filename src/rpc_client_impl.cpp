@@ -1,0 +1,283 @@
+#include "rpc_client_impl.h"
+
+#include <quarn/logger.h>
+#include <quarn/sized_struct.h>
+
+#include <QString>
+#include <QStringList>
+#include <utility>
+
+#include "creation.h"
+#include "error_relay.h"
+
+namespace tarv {
+namespace {
+
+// JSON-RPC's "internal error": the one code for whatever the platform reports.
+constexpr int kPlatformFailure = -32603;
+
+// Calls `first`, then `second` whether or not `first` threw.
+template <class First, class Second>
+void CallBoth(First&& first, Second&& second) {
+  try {
+    first();
+  } catch (...) {
+    second();
+    throw;
+  }
+  second();
+}
+
+}  // namespace
+
+RpcClientListener::RpcClientListener(PrivateTag, const TARVRpcClientSlots* slots)
+    : on_started_(quarn::ReadField(slots, &TARVRpcClientSlots::OnStarted)),
+      on_disconnect_(quarn::ReadField(slots, &TARVRpcClientSlots::OnDisconnect)),
+      on_message_(quarn::ReadField(slots, &TARVRpcClientSlots::OnMessage)),
+      release_(quarn::ReadField(slots, &TARVRpcClientSlots::Release)),
+      user_data_(quarn::ReadField(slots, &TARVRpcClientSlots::user_data)) {}
+
+std::shared_ptr<RpcClientListener> RpcClientListener::Create(TARVRpcClientSlots* slots) {
+  return std::make_shared<RpcClientListener>(PrivateTag(), slots);
+}
+
+void RpcClientListener::OnStarted(int code, const char* message, std::size_t chunk) const {
+  if (on_started_ != nullptr) {
+    on_started_(user_data_, code, message, chunk);
+  }
+}
+
+void RpcClientListener::OnDisconnect(int code, const char* message, std::size_t chunk) const {
+  if (on_disconnect_ != nullptr) {
+    on_disconnect_(user_data_, code, message, chunk);
+  }
+}
+
+void RpcClientListener::OnMessage(const char* message, std::size_t chunk) const {
+  if (on_message_ != nullptr) {
+    on_message_(user_data_, message, chunk);
+  }
+}
+
+void RpcClientListener::Release() {
+  on_started_ = nullptr;
+  on_disconnect_ = nullptr;
+  on_message_ = nullptr;
+  const auto release = std::exchange(release_, nullptr);
+  void* const user_data = std::exchange(user_data_, nullptr);
+  if (release != nullptr) {
+    release(user_data);
+  }
+}
+
+RpcClientImpl::RpcClientImpl(std::shared_ptr<StopListener> stop_listener, PrivateTag)
+    : Object(quarn::IDispatcher::CreateEmpty()), stop_listener_(std::move(stop_listener)) {}
+
+RpcClientImpl::~RpcClientImpl() {
+  listener_.reset();
+  TakeStopListener();
+  CleanupMessaging(0, "", 0);
+  CleanupTask();
+  Release();
+}
+
+std::shared_ptr<RpcClientImpl> RpcClientImpl::Create(
+    const std::shared_ptr<StopListener>& stop_listener) {
+  auto client = details::CreateOrEmpty(
+      [&stop_listener] { return Object::Create(stop_listener, PrivateTag()); });
+  if (!client) {
+    QUARN_LOG_ERROR() << "Could not create Task Worker.";
+  }
+  return client;
+}
+
+QuarnResult RpcClientImpl::HandleLoadProcTable(TARVRpcClientProcTable* table, std::size_t size) {
+  if (table == nullptr) {
+    QUARN_LOG_ERROR() << "Null table specified.";
+    return QUARN_RESULT_INVALID_ARGUMENT;
+  }
+  quarn::StructFiller<TARVRpcClientProcTable>(table, size)
+      .Fill(&TARVRpcClientProcTable::StartTask, &HandleStartTask)
+      .Fill(&TARVRpcClientProcTable::UnlockResources, &RpcUnlockResourcesImpl)
+      .Fill(&TARVRpcClientProcTable::SendMessage, &HandleSendMessage)
+      .Fill(&TARVRpcClientProcTable::Release, &HandleRelease);
+  return QUARN_RESULT_SUCCESS;
+}
+
+QuarnResult RpcClientImpl::HandleStartTask(_TARVRpcClientRef* client, const char* task_name,
+                                           const char* libs_path, TARVRpcClientSlots* slots) {
+  if (task_name == nullptr || *task_name == '\0' || libs_path == nullptr || *libs_path == '\0') {
+    return QUARN_RESULT_INVALID_ARGUMENT;
+  }
+  const auto self = FromRef(client);
+  if (!self) {
+    return QUARN_RESULT_INVALID_ARGUMENT;
+  }
+  if (!self->Transit(kIdle, kStarting)) {
+    return QUARN_RESULT_REFUSED;
+  }
+  self->listener_ = RpcClientListener::Create(slots);
+  self->StartTask(task_name, libs_path);
+  return QUARN_RESULT_SUCCESS;
+}
+
+void RpcClientImpl::StartTask(const std::string& task_name, const std::string& libs_path) {
+  task_.reset(new RuntimeManager::Task(QString::fromStdString(task_name), nullptr));
+  task_->withIpcSocket(true);
+  task_->withArguments({QStringLiteral("--libs-path"), QString::fromStdString(libs_path)});
+  details::ErrorRelay::Listen(task_.get(), "finished",
+                              [client = GetRef()](const RuntimeManager::Error& error) {
+                                if (const auto self = FromRef(client)) {
+                                  self->OnLost(error);
+                                }
+                              });
+  task_->start([client = GetRef()](const RuntimeManager::Error& error) {
+    if (const auto self = FromRef(client)) {
+      self->OnStartCompleted(error);
+    }
+  });
+}
+
+void RpcClientImpl::OnStartCompleted(const RuntimeManager::Error& error) {
+  if (error.isError()) {
+    OnStartFailed(error);
+    return;
+  }
+  if (Transit(kStarting, kRunning) && listener_) {
+    OpenMessaging();
+    listener_->OnStarted(0, "", 0);
+  }
+}
+
+void RpcClientImpl::OnStartFailed(const RuntimeManager::Error& error) {
+  if (!Transit(kStarting, kStartFailed) || !listener_) {
+    return;
+  }
+  const std::uint64_t chunk = cache_.CreateChunk();
+  const char* const message = cache_.AppendStr(chunk, error.message().toStdString());
+  QUARN_LOG_INFO() << "[ta-rv] on started call error: " << message;
+  listener_->OnStarted(kPlatformFailure, message, chunk);
+}
+
+void RpcClientImpl::OpenMessaging() {
+  messaging_.reset(new RuntimeManager::TaskMessaging(task_->socketPath(), nullptr));
+  message_connection_ = QObject::connect(
+      messaging_.get(), &RuntimeManager::TaskMessaging::messageReceived, messaging_.get(),
+      [client = GetRef()](const QJsonObject& object) {
+        if (const auto self = FromRef(client)) {
+          self->OnMessageReceived(object);
+        }
+      },
+      Qt::DirectConnection);
+  details::ErrorRelay::Listen(messaging_.get(), "disconnected",
+                              [client = GetRef()](const RuntimeManager::Error& error) {
+                                if (const auto self = FromRef(client)) {
+                                  self->OnLost(error);
+                                }
+                              });
+}
+
+void RpcClientImpl::OnMessageReceived(const QJsonObject& object) {
+  details::DeliverMessage(object, cache_, listener_.get());
+}
+
+QuarnResult RpcClientImpl::HandleSendMessage(_TARVRpcClientRef* client, const char* message) {
+  const auto self = FromRef(client);
+  if (!self || message == nullptr) {
+    return QUARN_RESULT_REFUSED;
+  }
+  return self->SendMessage(message) ? QUARN_RESULT_SUCCESS : QUARN_RESULT_REFUSED;
+}
+
+bool RpcClientImpl::SendMessage(const std::string& message) {
+  if (!messaging_) {
+    return false;
+  }
+  messaging_->sendMessage(details::WrapMessage(message));
+  return true;
+}
+
+void RpcClientImpl::RpcUnlockResourcesImpl(_TARVRpcClientRef* client, std::size_t chunk) {
+  if (chunk == 0) {
+    return;
+  }
+  if (const auto self = FromRef(client)) {
+    self->cache_.RemoveChunk(chunk);
+  }
+}
+
+void RpcClientImpl::HandleRelease(_TARVRpcClientRef* client) {
+  const auto self = FromRef(client);
+  if (!self) {
+    return;
+  }
+  self->Unregister();
+  self->Release();
+}
+
+void RpcClientImpl::Release() {
+  if (Transit(kRunning, kStopping)) {
+    Stop(0, "", 0);
+  }
+}
+
+// The task ended, or its channel was lost, without a Release.
+void RpcClientImpl::OnLost(const RuntimeManager::Error& error) {
+  if (!Transit(kRunning, kStopping)) {
+    return;
+  }
+  const std::uint64_t chunk = cache_.CreateChunk();
+  Stop(kPlatformFailure, cache_.AppendStr(chunk, error.message().toStdString()), chunk);
+}
+
+void RpcClientImpl::Stop(int code, const char* message, std::size_t chunk) {
+  CallBoth([this, code, message, chunk] { CleanupMessaging(code, message, chunk); },
+           [this] { StopTask(); });
+}
+
+void RpcClientImpl::StopTask() {
+  if (!task_) {
+    OnStop();
+    return;
+  }
+  task_->stop({}, [client = weak_from_this()](const RuntimeManager::Error& error) {
+    const auto self = client.lock();
+    if (!self) {
+      return;
+    }
+    if (error.isError()) {
+      QUARN_LOG_ERROR() << "[ta-rv] stop error: " << error.message().toStdString();
+    }
+    self->OnStop();
+  });
+}
+
+void RpcClientImpl::OnStop() {
+  if (const auto stop_listener = TakeStopListener()) {
+    // The listener drops the manager's reference; the client must outlive that call.
+    const auto self = shared_from_this();
+    stop_listener->InvokeOnce(GetRef());
+  }
+}
+
+void RpcClientImpl::CleanupMessaging(int code, const char* message, std::size_t chunk) {
+  CallBoth(
+      [this, code, message, chunk] {
+        if (listener_) {
+          listener_->OnDisconnect(code, message, chunk);
+        }
+      },
+      [this] {
+        QObject::disconnect(std::exchange(message_connection_, {}));
+        messaging_.reset();
+      });
+}
+
+void RpcClientImpl::CleanupTask() { task_.reset(); }
+
+std::shared_ptr<RpcClientImpl::StopListener> RpcClientImpl::TakeStopListener() {
+  const std::lock_guard lock(stop_mutex_);
+  return std::exchange(stop_listener_, nullptr);
+}
+
+}  // namespace tarv
