@@ -1,0 +1,59 @@
+#include "activation.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <QtCore/QFileInfo>
+#include <cstdlib>
+
+#include "support.h"
+
+namespace RuntimeManager::host {
+namespace {
+
+bool IsListeningSocket(int descriptor) {
+  int listening = 0;
+  int domain = 0;
+  socklen_t size = sizeof(int);
+  return ::getsockopt(descriptor, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 &&
+         domain == AF_UNIX &&
+         ::getsockopt(descriptor, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) == 0 &&
+         listening != 0;
+}
+
+int TakeSocket() {
+  // Variables that were meant for another process, a parent's for instance, say nothing to this
+  // one.
+  const bool is_ours = Variable("LISTEN_PID") == QByteArray::number(::getpid());
+  if (!is_ours || Variable("LISTEN_FDS").toInt() < 1) return -1;
+  if (!IsListeningSocket(kActivationSocket)) {
+    qCWarning(Log).noquote() << QString(
+                                    "LISTEN_FDS promises a socket as descriptor %1, but that is "
+                                    "no listening Unix socket: messages cannot be served")
+                                    .arg(kActivationSocket);
+    return -1;
+  }
+  ::fcntl(kActivationSocket, F_SETFD, FD_CLOEXEC);
+  return kActivationSocket;
+}
+
+Activation Take() {
+  Activation activation;
+  activation.socket = TakeSocket();
+  const QString given = QString::fromUtf8(Variable("LISTEN_FDNAMES")).section(':', 0, 0);
+  const bool has_name = activation.socket >= 0 && !given.isEmpty();
+  activation.name =
+      has_name ? given : QFileInfo(QFileInfo("/proc/self/exe").symLinkTarget()).fileName();
+  for (const char* name : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES"}) ::unsetenv(name);
+  return activation;
+}
+
+}  // namespace
+
+const Activation& GetActivation() {
+  static const Activation activation = Take();
+  return activation;
+}
+
+}  // namespace RuntimeManager::host

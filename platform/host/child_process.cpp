@@ -1,0 +1,229 @@
+#include "child_process.h"
+
+#include <poll.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QThread>
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "support.h"
+
+namespace RuntimeManager::host {
+namespace {
+
+// What a task gets to end by itself after SIGTERM.
+constexpr int kGraceMs = 3000;
+// What a killed process takes to be gone; longer only inside the kernel.
+constexpr int kKillMs = 1000;
+// How often a child is looked after where processes have no descriptors.
+constexpr int kPollMs = 20;
+
+int OpenPidfd(pid_t pid) {
+#ifdef SYS_pidfd_open
+  return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0U));
+#else
+  static_cast<void>(pid);
+  return -1;
+#endif
+}
+
+QString Describe(const siginfo_t& info) {
+  if (info.si_code == CLD_EXITED) return QString("exited with status %1").arg(info.si_status);
+  const char* name = ::sigdescr_np(info.si_status);
+  return QString("was killed by signal %1 (%2)%3")
+      .arg(info.si_status)
+      .arg(name == nullptr ? "unknown" : name, info.si_code == CLD_DUMPED ? ", core dumped" : "");
+}
+
+}  // namespace
+
+// The children that nobody owns any more, until they are reaped. One per process, any thread.
+class Orphanage {
+ public:
+  static Orphanage& Get() {
+    // Never destroyed: it is needed until the very end of the process.
+    static Orphanage* const orphanage = [] {
+      std::atexit([] { Get().EndAll(); });
+      return new Orphanage;
+    }();
+    return *orphanage;
+  }
+  void Add(std::shared_ptr<ChildProcess> child) {
+    const std::lock_guard lock(mutex_);
+    children_.insert(std::move(child));
+  }
+  void Remove(const std::shared_ptr<ChildProcess>& child) {
+    const std::lock_guard lock(mutex_);
+    children_.erase(child);
+  }
+
+ private:
+  // At exit: whoever was asked to end and does not is ended. Objects of other threads are left
+  // alone; only processes are dealt with.
+  void EndAll() {
+    if (owner_ != ::getpid()) return;
+    const std::lock_guard lock(mutex_);
+    for (const auto& child : children_) {
+      if (child->since_terminate_.isValid()) child->EndNow();
+    }
+  }
+
+  const pid_t owner_ = ::getpid();
+  std::mutex mutex_;
+  std::set<std::shared_ptr<ChildProcess>> children_;
+};
+
+int ChildProcess::Start(const SpawnRequest& request, Callbacks callbacks,
+                        std::shared_ptr<ChildProcess>* child) {
+  Spawned spawned;
+  const int error_number = Spawn(request, &spawned);
+  if (error_number != 0) return error_number;
+  child->reset(new ChildProcess(std::move(spawned), std::move(callbacks)));
+  (*child)->Watch();
+  return 0;
+}
+
+ChildProcess::ChildProcess(Spawned spawned, Callbacks callbacks)
+    : pid_(spawned.pid),
+      callbacks_(std::move(callbacks)),
+      pidfd_(OpenPidfd(spawned.pid)),
+      exec_status_(std::move(spawned.exec_status)),
+      stderr_(std::move(spawned.stderr_pipe)) {}
+
+void ChildProcess::Watch() {
+  exec_notifier_ = std::make_unique<QSocketNotifier>(exec_status_.Get(), QSocketNotifier::Read);
+  QObject::connect(exec_notifier_.get(), &QSocketNotifier::activated, &context_,
+                   [this] { OnExecStatus(); });
+  grace_.setSingleShot(true);
+  QObject::connect(&grace_, &QTimer::timeout, &context_, [this] { Signal(SIGKILL); });
+  QObject::connect(&poll_, &QTimer::timeout, &context_, [this] { OnMaybeEnded(); });
+  if (!pidfd_.IsValid()) return poll_.start(kPollMs);
+  ended_notifier_ = std::make_unique<QSocketNotifier>(pidfd_.Get(), QSocketNotifier::Read);
+  QObject::connect(ended_notifier_.get(), &QSocketNotifier::activated, &context_,
+                   [this] { OnMaybeEnded(); });
+}
+
+int ChildProcess::Terminate(bool kill) {
+  if (reaped_) return 0;
+  const int error_number = Signal(kill ? SIGKILL : SIGTERM);
+  if (error_number != 0 || since_terminate_.isValid()) return error_number;
+  since_terminate_.start();
+  grace_.start(kGraceMs);
+  return 0;
+}
+
+int ChildProcess::Signal(int signal) {
+#ifdef SYS_pidfd_send_signal
+  if (pidfd_.IsValid() &&
+      ::syscall(SYS_pidfd_send_signal, pidfd_.Get(), signal, nullptr, 0U) == 0) {
+    return 0;
+  }
+  if (pidfd_.IsValid() && errno != ENOSYS) return errno == ESRCH ? 0 : errno;
+#endif
+  // The number is safe to use while the process waits to be reaped here, and only then.
+  siginfo_t info{};
+  if (::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) != 0) return 0;
+  if (info.si_pid != 0 || ::kill(pid_, signal) == 0) return 0;
+  return errno == ESRCH ? 0 : errno;
+}
+
+void ChildProcess::OnExecStatus() {
+  const auto self = shared_from_this();
+  int exec_error = 0;
+  const ssize_t size = RetryOnEintr(
+      [this, &exec_error] { return ::read(exec_status_.Get(), &exec_error, sizeof(exec_error)); });
+  if (size < 0 && errno == EAGAIN) return;
+  exec_notifier_->setEnabled(false);
+  exec_status_.Reset();
+  // The child is about to end; that is when the failure is told.
+  if (size == sizeof(exec_error)) end_.exec_error = exec_error;
+  if (end_.exec_error != 0 || std::exchange(running_told_, true)) return;
+  if (const auto on_running = std::move(callbacks_.on_running)) on_running();
+}
+
+void ChildProcess::OnMaybeEnded() {
+  const auto self = shared_from_this();
+  if (reaped_ || !Reap()) return;
+  grace_.stop();
+  poll_.stop();
+  if (ended_notifier_ != nullptr) ended_notifier_->setEnabled(false);
+  pidfd_.Reset();
+  if (exec_status_.IsValid()) OnExecStatus();
+  stderr_.Finish();
+  end_.last_lines = stderr_.LastLines();
+  const auto on_ended = std::move(callbacks_.on_ended);
+  if (on_ended) on_ended(end_);
+  Orphanage::Get().Remove(self);
+}
+
+bool ChildProcess::Reap() {
+  siginfo_t info{};
+  const int result = RetryOnEintr(
+      [this, &info] { return ::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG); });
+  if (result == 0 && info.si_pid == 0) return false;
+  reaped_ = true;
+  end_.succeeded = result == 0 && info.si_code == CLD_EXITED && info.si_status == 0;
+  // The application ignores SIGCHLD, or has waited for every child itself.
+  end_.how =
+      result == 0 ? Describe(info) : QString("ended, and the application took its exit status");
+  return true;
+}
+
+void ChildProcess::Abandon() {
+  callbacks_ = {};
+  if (reaped_) return;
+  if (Terminate(false) != 0) return KeepUntilReaped();
+  if (!HasEventLoop()) return EndNow();
+  KeepUntilReaped();
+}
+
+void ChildProcess::LetGo() {
+  callbacks_ = {};
+  if (!reaped_ && HasEventLoop()) KeepUntilReaped();
+}
+
+void ChildProcess::KeepUntilReaped() {
+  Orphanage::Get().Add(shared_from_this());
+  // When the event loop goes, nothing would wake this object any more.
+  const auto end_now = [weak = weak_from_this()] {
+    const auto self = weak.lock();
+    if (self == nullptr) return;
+    if (self->since_terminate_.isValid()) self->EndNow();
+    Orphanage::Get().Remove(self);
+  };
+  QObject* application = QCoreApplication::instance();
+  if (application != nullptr && application->thread() == QThread::currentThread()) {
+    QObject::connect(application, &QObject::destroyed, &context_, end_now);
+  } else {
+    QObject::connect(QThread::currentThread(), &QThread::finished, &context_, end_now,
+                     Qt::DirectConnection);
+  }
+}
+
+void ChildProcess::EndNow() {
+  if (reaped_ || WaitUntil(kGraceMs)) return;
+  Signal(SIGKILL);
+  WaitUntil(since_terminate_.elapsed() + kKillMs);
+}
+
+bool ChildProcess::WaitUntil(qint64 deadline_ms) {
+  while (!Reap()) {
+    const qint64 left = deadline_ms - since_terminate_.elapsed();
+    if (left <= 0) return false;
+    pollfd ended{pidfd_.Get(), POLLIN, 0};
+    ::poll(&ended, pidfd_.IsValid() ? 1 : 0, static_cast<int>(std::min<qint64>(left, kPollMs)));
+  }
+  return true;
+}
+
+}  // namespace RuntimeManager::host

@@ -1,0 +1,85 @@
+// One child process, from its start until it is reaped.
+#ifndef RUNTIME_MANAGER_HOST_CHILD_PROCESS_H
+#define RUNTIME_MANAGER_HOST_CHILD_PROCESS_H
+
+#include <sys/types.h>
+
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QObject>
+#include <QtCore/QSocketNotifier>
+#include <QtCore/QString>
+#include <QtCore/QTimer>
+#include <functional>
+#include <memory>
+
+#include "spawn.h"
+#include "stderr_relay.h"
+#include "unique_fd.h"
+
+namespace RuntimeManager::host {
+
+// How a child came to its end.
+struct ChildEnd {
+  int exec_error = 0;      // not 0: the program never ran, and this error number says why
+  bool succeeded = false;  // it exited with status 0
+  QString how;             // "exited with status 3", "was killed by signal 9 (Killed)"
+  QString last_lines;      // the end of what it wrote to its standard error
+};
+
+// Belongs to the thread that made it. Its owner may drop it from inside a callback, after Abandon()
+// or LetGo(); then it calls nothing any more.
+class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
+ public:
+  struct Callbacks {
+    std::function<void()> on_running;               // the program runs
+    std::function<void(const ChildEnd&)> on_ended;  // it is gone and reaped; the last call
+  };
+
+  // Both callbacks come from the event loop. Returns an error number, 0 for none.
+  static int Start(const SpawnRequest& request, Callbacks callbacks,
+                   std::shared_ptr<ChildProcess>* child);
+  ~ChildProcess() = default;
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  pid_t GetPid() const { return pid_; }
+  // Asks the process to end, and makes it end if it does not within the grace period, or at once
+  // with `kill`. An error number when it cannot be signalled; 0 also when it has ended already.
+  int Terminate(bool kill);
+  // Ends the process in the background. Without an event loop that could see to it, it waits here,
+  // for the grace period at most.
+  void Abandon();
+  // Lets the process run on; it is only reaped in the background.
+  void LetGo();
+
+ private:
+  friend class Orphanage;
+  ChildProcess(Spawned spawned, Callbacks callbacks);
+  void Watch();
+  void KeepUntilReaped();
+  int Signal(int signal);
+  void OnExecStatus();
+  void OnMaybeEnded();
+  bool Reap();
+  void EndNow();
+  bool WaitUntil(qint64 deadline_ms);
+
+  const pid_t pid_;
+  Callbacks callbacks_;
+  UniqueFd pidfd_;  // invalid on systems without them; then a timer asks
+  UniqueFd exec_status_;
+  StderrRelay stderr_;
+  QObject context_;
+  QTimer grace_;
+  QTimer poll_;
+  QElapsedTimer since_terminate_;
+  std::unique_ptr<QSocketNotifier> ended_notifier_;
+  std::unique_ptr<QSocketNotifier> exec_notifier_;
+  ChildEnd end_;
+  bool running_told_ = false;
+  bool reaped_ = false;
+};
+
+}  // namespace RuntimeManager::host
+
+#endif  // RUNTIME_MANAGER_HOST_CHILD_PROCESS_H

@@ -1,0 +1,215 @@
+#include "connections.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <QtCore/QObject>
+#include <utility>
+
+#include "support.h"
+
+namespace RuntimeManager::host {
+namespace {
+
+// Descriptors come back when the process closes some; nobody tells when.
+constexpr int kShortageRetryMs = 100;
+// Connections taken in one turn of the event loop.
+constexpr int kAcceptsPerTurn = 64;
+// A full queue means a task that does not run; it shall get some time to.
+constexpr int kDialRetryMs = 20;
+constexpr int kDialLimitMs = 5000;
+
+bool IsShortage(int error_number) {
+  return error_number == EMFILE || error_number == ENFILE || error_number == ENOBUFS ||
+         error_number == ENOMEM;
+}
+
+// A failure that concerns one connection, not the socket.
+bool IsPassing(int error_number) {
+  return error_number == ECONNABORTED || error_number == EPERM || error_number == EINTR ||
+         error_number == EPROTO;
+}
+
+bool IsListening(int socket) {
+  int listening = 0;
+  socklen_t size = sizeof(listening);
+  return ::getsockopt(socket, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) == 0 && listening != 0;
+}
+
+bool SetNonBlocking(int descriptor) {
+  const int flags = ::fcntl(descriptor, F_GETFL);
+  return flags >= 0 && ::fcntl(descriptor, F_SETFL, flags | O_NONBLOCK) == 0;
+}
+
+}  // namespace
+
+Error CheckPeer(int socket) {
+  ucred peer{};
+  socklen_t size = sizeof(peer);
+  if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
+    return SystemError(Error::kPeerRefused, "cannot tell whose the peer of a connection is", errno);
+  }
+  if (peer.uid == ::geteuid()) return {};
+  return {Error::kPeerRefused,
+          QString("a connection with process %1 is refused: it belongs to the user with id %2, and "
+                  "only user %3 may talk to this process")
+              .arg(peer.pid)
+              .arg(peer.uid)
+              .arg(::geteuid())};
+}
+
+struct Acceptor::State : std::enable_shared_from_this<State> {
+  void Open(int listening);
+  void OnReadable();
+  // Whether to go on accepting in this turn.
+  bool AcceptOne();
+  bool OnFailure(int error_number);
+  void Pause(int error_number);
+  void Close();
+
+  std::function<void(UniqueFd)> on_connection;
+  UniqueFd socket;
+  std::unique_ptr<QSocketNotifier> readable;
+  QTimer retry;
+  Error error;
+  bool shortage_warned = false;
+};
+
+void Acceptor::State::Open(int listening) {
+  if (!IsListening(listening)) {
+    error = {Error::kNotATask, QString("descriptor %1 is not a listening socket").arg(listening)};
+    return;
+  }
+  socket.Reset(::fcntl(listening, F_DUPFD_CLOEXEC, 0));
+  if (!socket.IsValid() || !SetNonBlocking(socket.Get())) {
+    error =
+        SystemError(Error::kConnectFailed,
+                    QString("cannot accept connections on descriptor %1").arg(listening), errno);
+    return;
+  }
+  readable = std::make_unique<QSocketNotifier>(socket.Get(), QSocketNotifier::Read);
+  QObject::connect(readable.get(), &QSocketNotifier::activated, &retry, [this] { OnReadable(); });
+  retry.setSingleShot(true);
+  QObject::connect(&retry, &QTimer::timeout, &retry, [this] {
+    if (readable != nullptr) readable->setEnabled(true);
+  });
+}
+
+void Acceptor::State::OnReadable() {
+  const auto self = shared_from_this();
+  for (int i = 0; i < kAcceptsPerTurn && socket.IsValid(); ++i) {
+    if (!AcceptOne()) return;
+  }
+}
+
+bool Acceptor::State::AcceptOne() {
+  UniqueFd peer(::accept4(socket.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+  if (!peer.IsValid()) return OnFailure(errno);
+  shortage_warned = false;
+  const Error refusal = CheckPeer(peer.Get());
+  if (refusal.isError()) {
+    qCWarning(Log).noquote() << refusal.message();
+    return true;
+  }
+  on_connection(std::move(peer));
+  return true;
+}
+
+bool Acceptor::State::OnFailure(int error_number) {
+  if (error_number == EAGAIN) return false;
+  if (IsPassing(error_number)) return true;
+  Pause(error_number);
+  return false;
+}
+
+void Acceptor::State::Pause(int error_number) {
+  if (!std::exchange(shortage_warned, true)) {
+    qCWarning(Log).noquote() << QString(
+                                    "a connection has to wait, because it cannot be accepted: %1%2")
+                                    .arg(ErrnoText(error_number),
+                                         IsShortage(error_number)
+                                             ? "; it is tried again until there is room"
+                                             : "; it is tried again");
+  }
+  readable->setEnabled(false);
+  retry.start(kShortageRetryMs);
+}
+
+void Acceptor::State::Close() {
+  retry.stop();
+  if (readable != nullptr) readable->setEnabled(false);
+  socket.Reset();
+}
+
+Acceptor::Acceptor(int listening, std::function<void(UniqueFd)> on_connection)
+    : state_(std::make_shared<State>()) {
+  state_->on_connection = std::move(on_connection);
+  state_->Open(listening);
+}
+
+Acceptor::~Acceptor() { state_->Close(); }
+
+Error Acceptor::GetError() const { return state_->error; }
+
+struct Dialer::State : std::enable_shared_from_this<State> {
+  // Reports success only; whatever else there is to report, the next try does.
+  void TryAtOnce();
+  void Try();
+  void Finish(UniqueFd socket, const Error& error, int error_number);
+
+  QString what;
+  Connect connect;
+  Done done;
+  QTimer retry;
+  QElapsedTimer since;
+};
+
+void Dialer::State::TryAtOnce() {
+  int error_number = 0;
+  UniqueFd socket = connect(&error_number);
+  if (socket.IsValid() && !CheckPeer(socket.Get()).isError()) {
+    return Finish(std::move(socket), {}, 0);
+  }
+  retry.start(error_number == EAGAIN ? kDialRetryMs : 0);
+}
+
+void Dialer::State::Try() {
+  const auto self = shared_from_this();
+  int error_number = 0;
+  UniqueFd socket = connect(&error_number);
+  if (socket.IsValid()) {
+    const Error refusal = CheckPeer(socket.Get());
+    if (refusal.isError()) socket.Reset();
+    return Finish(std::move(socket), refusal, 0);
+  }
+  if (error_number == EAGAIN && since.elapsed() < kDialLimitMs) return retry.start(kDialRetryMs);
+  Finish(
+      {},
+      SystemError(Error::kConnectFailed, QString("cannot connect to '%1'").arg(what), error_number),
+      error_number);
+}
+
+void Dialer::State::Finish(UniqueFd socket, const Error& error, int error_number) {
+  if (!done) return;
+  const Done call = std::exchange(done, nullptr);
+  call(std::move(socket), error, error_number);
+}
+
+Dialer::Dialer(QString what, Connect connect, Done done) : state_(std::make_shared<State>()) {
+  state_->what = std::move(what);
+  state_->connect = std::move(connect);
+  state_->done = std::move(done);
+  state_->since.start();
+  state_->retry.setSingleShot(true);
+  QObject::connect(&state_->retry, &QTimer::timeout, &state_->retry,
+                   [state = state_.get()] { state->Try(); });
+  state_->TryAtOnce();
+}
+
+Dialer::~Dialer() {
+  state_->retry.stop();
+  state_->done = nullptr;
+}
+
+}  // namespace RuntimeManager::host

@@ -1,0 +1,64 @@
+// How connections come to be: accepting them, and asking for one.
+#ifndef RUNTIME_MANAGER_HOST_CONNECTIONS_H
+#define RUNTIME_MANAGER_HOST_CONNECTIONS_H
+
+#include <RuntimeManager/Error.h>
+
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QSocketNotifier>
+#include <QtCore/QString>
+#include <QtCore/QTimer>
+#include <functional>
+#include <memory>
+
+#include "unique_fd.h"
+
+namespace RuntimeManager::host {
+
+// No error when the peer of a connected socket belongs to this process's user.
+Error CheckPeer(int socket);
+
+// Accepts connections of this user on a listening socket; those of other users are closed at once.
+// It goes on when the process is short of descriptors or memory: it waits and tries again. Belongs
+// to the thread that made it; it may be destroyed from inside its own callback.
+class Acceptor {
+ public:
+  // Keeps a duplicate of `listening`. `on_connection` gets connected, non-blocking sockets.
+  Acceptor(int listening, std::function<void(UniqueFd)> on_connection);
+  ~Acceptor();
+  Acceptor(const Acceptor&) = delete;
+  Acceptor& operator=(const Acceptor&) = delete;
+
+  // Why it cannot accept at all; no error when it can.
+  Error GetError() const;
+
+ private:
+  struct State;
+  std::shared_ptr<State> state_;
+};
+
+// Connects, and tries again for a while as long as the listener's queue is full. Belongs to the
+// thread that made it; it may be destroyed from inside its own callback.
+class Dialer {
+ public:
+  // Connects once without blocking; EAGAIN asks for another try.
+  using Connect = std::function<UniqueFd(int* error_number)>;
+  // A connected socket of a peer of this user; or an invalid one, an error, and its number if it
+  // has one.
+  using Done = std::function<void(UniqueFd, const Error&, int error_number)>;
+
+  // `what` names the other side. `done` is called once: from inside the constructor when
+  // the connection is there at once, else from the event loop.
+  Dialer(QString what, Connect connect, Done done);
+  ~Dialer();
+  Dialer(const Dialer&) = delete;
+  Dialer& operator=(const Dialer&) = delete;
+
+ private:
+  struct State;
+  std::shared_ptr<State> state_;
+};
+
+}  // namespace RuntimeManager::host
+
+#endif  // RUNTIME_MANAGER_HOST_CONNECTIONS_H

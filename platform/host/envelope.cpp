@@ -1,0 +1,127 @@
+#include "envelope.h"
+
+#include <QtCore/QJsonArray>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QString>
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <string_view>
+
+namespace RuntimeManager::host {
+namespace {
+
+// Nearly every message is one string of plain characters in this envelope. Such a line is written
+// and read without a JSON document, which would copy the text four times more.
+constexpr std::string_view kDataHead = R"({"data":")";
+constexpr std::string_view kDataTail = R"("})";
+// No number takes more in compact JSON: a sign, 17 digits, a point and an exponent.
+constexpr std::size_t kLongestNumber = 25;
+
+// A character that stands for itself, in one byte, within a JSON string.
+bool IsPlain(ushort code) { return code >= 0x20 && code <= 0x7e && code != '"' && code != '\\'; }
+
+// Without a branch in the loop, so that compilers make vector code of it.
+template <typename Unit>
+bool IsPlainText(const Unit* text, std::size_t size) {
+  bool plain = true;
+  for (std::size_t i = 0; i < size; ++i) plain &= IsPlain(text[i]);
+  return plain;
+}
+
+std::optional<QByteArray> EncodePlainData(const QJsonObject& object, std::size_t max_size) {
+  if (object.size() != 1) return std::nullopt;
+  const auto member = object.constBegin();
+  if (!member.value().isString() || member.key() != QLatin1String("data")) return std::nullopt;
+  const QString text = member.value().toString();
+  const auto size = static_cast<std::size_t>(text.size());
+  if (kDataHead.size() + size + kDataTail.size() > max_size) return std::nullopt;
+  if (!IsPlainText(text.utf16(), size)) return std::nullopt;
+  QByteArray line(static_cast<int>(kDataHead.size() + size + kDataTail.size() + 1),
+                  Qt::Uninitialized);
+  char* out = std::copy(kDataHead.begin(), kDataHead.end(), line.data());
+  const ushort* units = text.utf16();
+  out = std::transform(units, units + size, out, [](ushort unit) { return char(unit); });
+  out = std::copy(kDataTail.begin(), kDataTail.end(), out);
+  *out = '\n';
+  return line;
+}
+
+std::optional<QJsonObject> DecodePlainData(std::string_view line) {
+  const std::size_t frame = kDataHead.size() + kDataTail.size();
+  if (line.size() < frame || line.substr(0, kDataHead.size()) != kDataHead) return std::nullopt;
+  if (line.substr(line.size() - kDataTail.size()) != kDataTail) return std::nullopt;
+  const std::string_view text = line.substr(kDataHead.size(), line.size() - frame);
+  if (!IsPlainText(reinterpret_cast<const unsigned char*>(text.data()), text.size())) {
+    return std::nullopt;
+  }
+  return QJsonObject{
+      {QStringLiteral("data"), QString::fromLatin1(text.data(), static_cast<int>(text.size()))}};
+}
+
+std::size_t EscapedSize(ushort code) {
+  if (IsPlain(code) || code == 0x7f) return 1;
+  if (code == '"' || code == '\\' || (code >= '\b' && code <= '\r' && code != '\v')) return 2;
+  if (code < 0x20) return 6;
+  return code < 0x800 ? 2 : 3;
+}
+
+std::size_t EscapedSize(const QString& text) {
+  std::size_t size = 2;
+  for (int i = 0; i < text.size(); ++i) {
+    if (!text.at(i).isSurrogate()) {
+      size += EscapedSize(text.at(i).unicode());
+    } else if (text.at(i).isHighSurrogate() && i + 1 < text.size() &&
+               text.at(i + 1).isLowSurrogate()) {
+      size += 4;
+      ++i;
+    } else {
+      size += 6;
+    }
+  }
+  return size;
+}
+
+// The bytes of a value's compact JSON, if everything that is neither text nor a container took
+// `scalar_size`.
+std::size_t JsonSize(const QJsonValue& value, std::size_t scalar_size) {
+  if (value.isString()) return EscapedSize(value.toString());
+  if (!value.isArray() && !value.isObject()) return scalar_size;
+  std::size_t size = 2;
+  if (value.isArray()) {
+    const QJsonArray array = value.toArray();
+    for (const QJsonValue& item : array) size += JsonSize(item, scalar_size) + 1;
+    return array.isEmpty() ? size : size - 1;
+  }
+  const QJsonObject object = value.toObject();
+  for (auto member = object.begin(); member != object.end(); ++member) {
+    size += EscapedSize(member.key()) + JsonSize(member.value(), scalar_size) + 2;
+  }
+  return object.isEmpty() ? size : size - 1;
+}
+
+// Found without taking memory; numbers make the exact size a matter of trying.
+bool MayFit(const QJsonObject& object, std::size_t max_size) {
+  constexpr std::size_t kQtBound = std::numeric_limits<int>::max() / 2;
+  return JsonSize(object, 1) <= max_size && JsonSize(object, kLongestNumber) <= kQtBound;
+}
+
+}  // namespace
+
+std::optional<QByteArray> EncodeLine(const QJsonObject& object, std::size_t max_size) {
+  if (auto line = EncodePlainData(object, max_size)) return line;
+  if (!MayFit(object, max_size)) return std::nullopt;
+  QByteArray line = QJsonDocument(object).toJson(QJsonDocument::Compact);
+  if (static_cast<std::size_t>(line.size()) > max_size) return std::nullopt;
+  return line += '\n';
+}
+
+std::optional<QJsonObject> DecodeLine(const char* text, std::size_t size) {
+  if (auto object = DecodePlainData({text, size})) return object;
+  const QJsonDocument document =
+      QJsonDocument::fromJson(QByteArray::fromRawData(text, static_cast<int>(size)));
+  if (!document.isObject()) return std::nullopt;
+  return document.object();
+}
+
+}  // namespace RuntimeManager::host

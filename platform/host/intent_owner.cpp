@@ -1,0 +1,171 @@
+#include "intent_owner.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <QtCore/QThread>
+#include <atomic>
+#include <utility>
+
+#include "line_channel.h"
+#include "support.h"
+
+namespace RuntimeManager::host {
+namespace {
+
+// Held only while a name is taken, which waits for nothing. Names of intents have no leading dot.
+constexpr char kLockFile[] = ".lock";
+constexpr mode_t kLockMode = 0600;
+constexpr int kLockTries = 100;
+constexpr int kLockRetryMs = 10;
+
+UniqueFd LockFolder(const SocketFolder& folder, Error* error) {
+  UniqueFd lock(::openat(folder.Descriptor(), kLockFile, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW,
+                         kLockMode));
+  int result = lock.IsValid() ? ::flock(lock.Get(), LOCK_EX | LOCK_NB) : -1;
+  for (int i = 0; i < kLockTries && result != 0 && errno == EWOULDBLOCK; ++i) {
+    QThread::msleep(kLockRetryMs);
+    result = ::flock(lock.Get(), LOCK_EX | LOCK_NB);
+  }
+  if (result == 0) return lock;
+  *error = SystemError(Error::kRuntimeFolder,
+                       QString("cannot lock '%1'").arg(folder.PathOf(kLockFile)), errno);
+  return {};
+}
+
+// Makes `name` free: false, with `error` set, when somebody listens there. Under the lock.
+bool FreeName(const SocketFolder& folder, const QString& name, Error* error) {
+  int error_number = 0;
+  const UniqueFd probe = folder.Connect(name, &error_number);
+  if (error_number == ENOENT) return true;
+  if (error_number == ECONNREFUSED) {
+    folder.Remove(name);
+    return true;
+  }
+  // A full queue is an owner too.
+  *error = probe.IsValid() || error_number == EAGAIN
+               ? Error(Error::kWrongState, "a live process owns it already, and keeps it")
+               : SystemError(Error::kRuntimeFolder,
+                             QString("cannot tell who owns '%1'").arg(folder.PathOf(name)),
+                             error_number);
+  return false;
+}
+
+UniqueFd ClaimName(const SocketFolder& folder, const QString& name, Error* error) {
+  const UniqueFd lock = LockFolder(folder, error);
+  if (!lock.IsValid() || !FreeName(folder, name, error)) return {};
+  return folder.Listen(name, error);
+}
+
+}  // namespace
+
+// One connection of an invoker: a line with both objects, and the line with the answer.
+class IntentOwner::Invocation : public std::enable_shared_from_this<Invocation> {
+ public:
+  explicit Invocation(IntentOwner* owner) : owner_(owner) {}
+  void Open(UniqueFd socket);
+  void Send(const QJsonObject& answer) { channel_->Send(answer); }
+
+ private:
+  void OnObject(const QJsonObject& object);
+  void OnEnd();
+
+  IntentOwner* owner_;
+  std::shared_ptr<LineChannel> channel_;
+  bool invoked_ = false;
+};
+
+namespace {
+
+// What the copies of one reply function share. It answers once: with the first reply, or, when all
+// copies are gone, with the news that there is none.
+template <typename Invocation>
+class Answer {
+ public:
+  Answer(std::weak_ptr<Invocation> invocation, QObject* context, QString name)
+      : invocation_(std::move(invocation)), context_(context), name_(std::move(name)) {}
+  Answer(const Answer&) = delete;
+  Answer& operator=(const Answer&) = delete;
+  ~Answer() {
+    if (answered_) return;
+    Send({{intent::kError,
+           QString("the owner of the intent '%1' let it go without an answer").arg(name_)}});
+  }
+
+  void Reply(const QJsonObject& reply) {
+    if (!answered_.exchange(true)) return Send({{intent::kReply, reply}});
+    qCWarning(Log).noquote() << QString("a second reply to the intent '%1' is dropped").arg(name_);
+  }
+
+ private:
+  // The connection belongs to the owner's thread.
+  void Send(const QJsonObject& answer) {
+    const auto send = [invocation = invocation_, answer] {
+      if (const auto live = invocation.lock()) live->Send(answer);
+    };
+    if (context_->thread() == QThread::currentThread()) return send();
+    Post(context_, send);
+  }
+
+  const std::weak_ptr<Invocation> invocation_;
+  QObject* const context_;
+  const QString name_;
+  std::atomic<bool> answered_{false};
+};
+
+}  // namespace
+
+void IntentOwner::Invocation::Open(UniqueFd socket) {
+  LineChannel::Callbacks callbacks;
+  callbacks.on_object = [this](const QJsonObject& object) { OnObject(object); };
+  callbacks.on_end = [this](const Error& /*error*/) { OnEnd(); };
+  channel_ = std::make_shared<LineChannel>(
+      IntentTitle(owner_->name_), QString("an invoker of the intent '%1'").arg(owner_->name_),
+      std::move(callbacks));
+  channel_->Attach(std::move(socket));
+}
+
+void IntentOwner::Invocation::OnObject(const QJsonObject& object) {
+  const auto self = shared_from_this();
+  if (std::exchange(invoked_, true)) return;
+  const auto answer =
+      std::make_shared<Answer<Invocation>>(weak_from_this(), &owner_->context_, owner_->name_);
+  owner_->handler_(object.value(intent::kFirst).toObject(),
+                   object.value(intent::kSecond).toObject(),
+                   [answer](const QJsonObject& reply) { answer->Reply(reply); });
+}
+
+void IntentOwner::Invocation::OnEnd() { owner_->invocations_.erase(shared_from_this()); }
+
+std::unique_ptr<IntentOwner> IntentOwner::Register(const QString& name,
+                                                   RuntimeDispatcher::IntentHandler handler,
+                                                   Error* error) {
+  *error = CheckName("an intent", name, kMaxIntentName);
+  if (error->isError()) return nullptr;
+  const SocketFolder folder = SocketFolder::OpenIntents(error);
+  if (!folder.IsValid()) return nullptr;
+  const UniqueFd socket = ClaimName(folder, name, error);
+  if (!socket.IsValid()) return nullptr;
+  SocketFile file(folder.PathOf(name));
+  std::unique_ptr<IntentOwner> owner(
+      new IntentOwner(name, std::move(handler), std::move(file), socket.Get()));
+  *error = owner->acceptor_.GetError();
+  if (error->isError()) return nullptr;
+  return owner;
+}
+
+IntentOwner::IntentOwner(QString name, RuntimeDispatcher::IntentHandler handler, SocketFile file,
+                         int listening)
+    : name_(std::move(name)),
+      handler_(std::move(handler)),
+      file_(std::move(file)),
+      acceptor_(listening, [this](UniqueFd socket) { OnConnection(std::move(socket)); }) {}
+
+void IntentOwner::OnConnection(UniqueFd socket) {
+  const auto invocation = std::make_shared<Invocation>(this);
+  invocations_.insert(invocation);
+  invocation->Open(std::move(socket));
+}
+
+}  // namespace RuntimeManager::host

@@ -1,0 +1,49 @@
+// Bytes of a stream, cut into lines.
+#ifndef RUNTIME_MANAGER_HOST_LINE_BUFFER_H
+#define RUNTIME_MANAGER_HOST_LINE_BUFFER_H
+
+#include <cstddef>
+#include <cstdlib>
+#include <memory>
+#include <string_view>
+
+namespace RuntimeManager::host {
+
+// Holds at most one byte more than the longest line. Every byte is searched once, and moved at most
+// once for each time that the buffer is filled.
+class LineBuffer {
+ public:
+  explicit LineBuffer(std::size_t max_line) : max_line_(max_line) {}
+
+  struct Room {
+    char* data = nullptr;
+    std::size_t size = 0;
+  };
+  // Where the next bytes go. No room when memory is short. Invalidates every line that was handed
+  // out.
+  Room MakeRoom();
+  // `size` bytes of the room have been filled.
+  void Commit(std::size_t size) { end_ += size; }
+
+  // Takes the next whole line, without its end, out of the buffer. False when there is none.
+  bool TakeLine(std::string_view* line);
+  // Whether the line that has begun is too long already.
+  bool IsOverlong() const { return end_ - begin_ > max_line_; }
+
+ private:
+  struct Free {
+    void operator()(char* data) const { std::free(data); }
+  };
+  bool Resize(std::size_t capacity);
+
+  std::size_t max_line_;
+  std::unique_ptr<char, Free> data_;
+  std::size_t capacity_ = 0;
+  std::size_t begin_ = 0;
+  std::size_t searched_ = 0;
+  std::size_t end_ = 0;
+};
+
+}  // namespace RuntimeManager::host
+
+#endif  // RUNTIME_MANAGER_HOST_LINE_BUFFER_H

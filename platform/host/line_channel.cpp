@@ -1,0 +1,231 @@
+#include "line_channel.h"
+
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <array>
+#include <optional>
+#include <utility>
+
+#include "envelope.h"
+#include "support.h"
+#include "trace.h"
+
+namespace RuntimeManager::host {
+namespace {
+
+// What one turn of the event loop reads and writes at most, so that a flood on one connection
+// leaves time for timers and other connections.
+constexpr std::size_t kBytesPerTurn = std::size_t{1} << 20U;
+// What a drain reads at most. A socket holds far less; only a peer that goes on writing gets here.
+constexpr std::size_t kBytesPerDrain = std::size_t{64} << 20U;
+// Small messages that go out in one system call.
+constexpr std::size_t kPartsPerWrite = 64;
+// A peer that speaks another protocol shall not fill the log.
+constexpr int kMaxLineWarnings = 10;
+constexpr int kShownOfLine = 80;
+
+}  // namespace
+
+LineChannel::LineChannel(QString task, QString peer, Callbacks callbacks)
+    : task_(std::move(task)),
+      peer_(std::move(peer)),
+      limits_(ReadLimits()),
+      callbacks_(std::move(callbacks)),
+      input_(limits_.max_message) {}
+
+void LineChannel::Attach(UniqueFd socket) {
+  if (ended_) return;
+  socket_ = std::move(socket);
+  readable_ = std::make_unique<QSocketNotifier>(socket_.Get(), QSocketNotifier::Read);
+  writable_ = std::make_unique<QSocketNotifier>(socket_.Get(), QSocketNotifier::Write);
+  writable_->setEnabled(false);
+  QObject::connect(readable_.get(), &QSocketNotifier::activated, &context_,
+                   [this] { OnReadable(); });
+  QObject::connect(writable_.get(), &QSocketNotifier::activated, &context_,
+                   [this] { OnWritable(); });
+  Flush();
+}
+
+void LineChannel::Send(const QJsonObject& object) {
+  if (ended_ || sending_ended_) {
+    if (!std::exchange(late_send_warned_, true)) {
+      qCWarning(Log).noquote()
+          << QString("messages to %1 are dropped: its connection has ended").arg(peer_);
+    }
+    return;
+  }
+  std::optional<QByteArray> line = EncodeLine(object, limits_.max_message);
+  if (!line) {
+    EndSoon({Error::kMessageTooLong, QString("a message to %1 is over the bound of %2 bytes that "
+                                             "RUNTIME_MANAGER_MAX_MESSAGE sets")
+                                         .arg(peer_)
+                                         .arg(limits_.max_message)});
+    return;
+  }
+  const auto size = static_cast<std::size_t>(line->size());
+  if (queued_ - front_sent_ + size > limits_.max_queue) {
+    EndSoon({Error::kQueueFull, QString("%1 does not read: more than the %2 bytes that "
+                                        "RUNTIME_MANAGER_MAX_QUEUE sets would wait for it")
+                                    .arg(peer_)
+                                    .arg(limits_.max_queue)});
+    return;
+  }
+  Trace(task_, Direction::kSend, line->constData(), size - 1);
+  const bool was_empty = queue_.empty();
+  queue_.push_back(*std::move(line));
+  queued_ += size;
+  if (was_empty && socket_.IsValid()) Flush();
+}
+
+void LineChannel::Drain() {
+  const auto self = shared_from_this();
+  Read(kBytesPerDrain, true);
+}
+
+void LineChannel::EndSoon(const Error& error) {
+  if (ended_ || sending_ended_) return;
+  sending_ended_ = true;
+  queue_.clear();
+  queued_ = front_sent_ = 0;
+  WaitForRoom(false);
+  Post(&context_, [this, error, weak = weak_from_this()] {
+    const auto self = weak.lock();
+    if (self == nullptr) return;
+    Drain();
+    End(error);
+  });
+}
+
+void LineChannel::Close() {
+  ended_ = true;
+  if (readable_ != nullptr) readable_->setEnabled(false);
+  if (writable_ != nullptr) writable_->setEnabled(false);
+  socket_.Reset();
+  queue_.clear();
+  queued_ = front_sent_ = 0;
+}
+
+void LineChannel::End(const Error& error) {
+  if (ended_) return;
+  Close();
+  const auto on_end = std::move(callbacks_.on_end);
+  if (on_end) on_end(error);
+}
+
+void LineChannel::OnReadable() {
+  const auto self = shared_from_this();
+  Read(kBytesPerTurn, false);
+}
+
+void LineChannel::Read(std::size_t budget, bool to_the_end) {
+  while (!ended_ && socket_.IsValid() && budget > 0) {
+    const LineBuffer::Room room = input_.MakeRoom();
+    if (room.data == nullptr) return OnReadError(ENOMEM);
+    const ssize_t size = RetryOnEintr(
+        [this, &room] { return ::recv(socket_.Get(), room.data, room.size, MSG_DONTWAIT); });
+    if (size < 0) return OnReadError(errno);
+    if (size == 0) return OnReadError(ECONNRESET);
+    const auto count = static_cast<std::size_t>(size);
+    input_.Commit(count);
+    DeliverLines();
+    budget -= std::min(budget, count);
+    // A short read has emptied the socket, most likely; if not, the notifier tells.
+    if (count < room.size && !to_the_end) return;
+  }
+}
+
+void LineChannel::OnReadError(int error_number) {
+  if (error_number == EAGAIN) return;
+  // A reset is the end that a peer makes which has not read everything.
+  if (error_number == ECONNRESET || error_number == EPIPE) {
+    return End(
+        {Error::kConnectionLost, QString("%1 closed the connection, or has ended").arg(peer_)});
+  }
+  End(SystemError(Error::kConnectionLost, QString("cannot read from %1").arg(peer_), error_number));
+}
+
+void LineChannel::DeliverLines() {
+  std::string_view line;
+  // The line is done with before a handler runs, which may run an event loop and read on.
+  while (!ended_ && input_.TakeLine(&line)) DeliverLine(line);
+  if (ended_ || !input_.IsOverlong()) return;
+  End({Error::kMessageTooLong, QString("%1 sent a line over the bound of %2 bytes that "
+                                       "RUNTIME_MANAGER_MAX_MESSAGE sets")
+                                   .arg(peer_)
+                                   .arg(limits_.max_message)});
+}
+
+void LineChannel::DeliverLine(std::string_view line) {
+  const std::optional<QJsonObject> object = DecodeLine(line.data(), line.size());
+  if (!object) return WarnAboutLine(line);
+  Trace(task_, Direction::kReceive, line.data(), line.size());
+  callbacks_.on_object(*object);
+}
+
+void LineChannel::WarnAboutLine(std::string_view line) {
+  if (++line_warnings_ > kMaxLineWarnings) return;
+  const int shown = static_cast<int>(std::min<std::size_t>(line.size(), kShownOfLine));
+  qCWarning(Log).noquote() << QString(
+                                  "a line of %1 bytes from %2 is dropped: it is not a JSON "
+                                  "object; it begins with: %3%4")
+                                  .arg(line.size())
+                                  .arg(peer_, QString::fromUtf8(line.data(), shown),
+                                       line_warnings_ == kMaxLineWarnings
+                                           ? " (further lines are dropped without a warning)"
+                                           : "");
+}
+
+void LineChannel::OnWritable() {
+  const auto self = shared_from_this();
+  Flush();
+}
+
+void LineChannel::Flush() {
+  std::size_t budget = kBytesPerTurn;
+  while (!queue_.empty() && budget > 0) {
+    const ssize_t size = RetryOnEintr([this] { return WriteSome(); });
+    if (size < 0 && errno != EAGAIN && errno != ENOBUFS && errno != ENOMEM) {
+      return EndSoon(SystemError(Error::kConnectionLost,
+                                 QString("cannot write to %1, which may have ended").arg(peer_),
+                                 errno));
+    }
+    if (size < 0) break;
+    DropWritten(static_cast<std::size_t>(size));
+    budget -= std::min(budget, static_cast<std::size_t>(size));
+  }
+  WaitForRoom(!queue_.empty());
+}
+
+ssize_t LineChannel::WriteSome() {
+  std::array<iovec, kPartsPerWrite> parts{};
+  const std::size_t count = std::min(queue_.size(), parts.size());
+  std::size_t skip = front_sent_;
+  for (std::size_t i = 0; i < count; ++i) {
+    const QByteArray& line = queue_[i];
+    parts[i].iov_base = const_cast<char*>(line.constData()) + skip;
+    parts[i].iov_len = static_cast<std::size_t>(line.size()) - skip;
+    skip = 0;
+  }
+  msghdr message{};
+  message.msg_iov = parts.data();
+  message.msg_iovlen = count;
+  return ::sendmsg(socket_.Get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
+void LineChannel::DropWritten(std::size_t size) {
+  front_sent_ += size;
+  while (!queue_.empty() && front_sent_ >= static_cast<std::size_t>(queue_.front().size())) {
+    const auto done = static_cast<std::size_t>(queue_.front().size());
+    front_sent_ -= done;
+    queued_ -= done;
+    queue_.pop_front();
+  }
+}
+
+void LineChannel::WaitForRoom(bool wait) {
+  if (writable_ != nullptr && writable_->isEnabled() != wait) writable_->setEnabled(wait);
+}
+
+}  // namespace RuntimeManager::host

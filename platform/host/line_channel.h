@@ -1,0 +1,87 @@
+// One connection that carries JSON objects, a line each.
+#ifndef RUNTIME_MANAGER_HOST_LINE_CHANNEL_H
+#define RUNTIME_MANAGER_HOST_LINE_CHANNEL_H
+
+#include <RuntimeManager/Error.h>
+
+#include <QtCore/QByteArray>
+#include <QtCore/QJsonObject>
+#include <QtCore/QObject>
+#include <QtCore/QSocketNotifier>
+#include <QtCore/QString>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string_view>
+
+#include "limits.h"
+#include "line_buffer.h"
+#include "unique_fd.h"
+
+namespace RuntimeManager::host {
+
+// Belongs to the thread that made it. Its owner may drop it, or Close() it, from inside either
+// callback; after that it calls nothing any more.
+class LineChannel : public std::enable_shared_from_this<LineChannel> {
+ public:
+  struct Callbacks {
+    std::function<void(const QJsonObject&)> on_object;
+    std::function<void(const Error&)> on_end;  // once at most, the last call
+  };
+
+  // `task` names the channel in the record, `peer` its other end in texts: "the task 'x'".
+  LineChannel(QString task, QString peer, Callbacks callbacks);
+  ~LineChannel() { Close(); }
+  LineChannel(const LineChannel&) = delete;
+  LineChannel& operator=(const LineChannel&) = delete;
+
+  // The connected, non-blocking socket. What was sent before waits for it.
+  void Attach(UniqueFd socket);
+  // Sends after all earlier objects. An object over the bound of a message, and one too much for
+  // the queue, end the channel.
+  void Send(const QJsonObject& object);
+  // Delivers what has arrived by now, whole.
+  void Drain();
+  // Ends the channel from the event loop, after what has arrived.
+  void EndSoon(const Error& error);
+  // Ends the channel without a word.
+  void Close();
+
+  bool IsOpen() const { return !ended_; }
+
+ private:
+  void OnReadable();
+  void OnWritable();
+  void Read(std::size_t budget, bool to_the_end);
+  void OnReadError(int error_number);
+  void DeliverLines();
+  void DeliverLine(std::string_view line);
+  void WarnAboutLine(std::string_view line);
+  void Flush();
+  ssize_t WriteSome();
+  void DropWritten(std::size_t size);
+  void WaitForRoom(bool wait);
+  void End(const Error& error);
+
+  const QString task_;
+  const QString peer_;
+  const Limits limits_;
+  Callbacks callbacks_;
+  QObject context_;
+  UniqueFd socket_;
+  std::unique_ptr<QSocketNotifier> readable_;
+  std::unique_ptr<QSocketNotifier> writable_;
+  LineBuffer input_;
+  std::deque<QByteArray> queue_;
+  std::size_t queued_ = 0;      // bytes in the queue, with those of its front that are sent
+  std::size_t front_sent_ = 0;  // bytes of the front that are sent
+  int line_warnings_ = 0;
+  bool sending_ended_ = false;
+  bool late_send_warned_ = false;
+  bool ended_ = false;
+};
+
+}  // namespace RuntimeManager::host
+
+#endif  // RUNTIME_MANAGER_HOST_LINE_CHANNEL_H

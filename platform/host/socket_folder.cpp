@@ -1,0 +1,299 @@
+#include "socket_folder.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <QtCore/QDir>
+#include <QtCore/QFile>
+#include <QtCore/QStringList>
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <vector>
+
+#include "support.h"
+
+namespace RuntimeManager::host {
+namespace {
+
+constexpr mode_t kFolderMode = 0700;
+constexpr mode_t kSocketMode = 0600;
+constexpr mode_t kOthersMask = 0077;
+// Connections that wait for a busy task; one is its starter's, the rest are closed anyway.
+constexpr int kBacklog = 64;
+
+const QString kFolderName = QStringLiteral("runtime-manager");
+const QString kSocketSuffix = QStringLiteral(".sock");
+
+Error FolderError(const QString& path, const QString& why) {
+  return {Error::kRuntimeFolder,
+          QString("the folder of the runtime manager's sockets, '%1', %2").arg(path, why)};
+}
+
+Error CheckFolder(int folder, const QString& path) {
+  struct stat facts {};
+  if (::fstat(folder, &facts) != 0) return FolderError(path, "cannot be read: " + ErrnoText(errno));
+  if (facts.st_uid != ::geteuid()) {
+    return FolderError(path, QString("belongs to the user with id %1, not to %2: remove it, or set "
+                                     "XDG_RUNTIME_DIR to a folder of your own")
+                                 .arg(facts.st_uid)
+                                 .arg(::geteuid()));
+  }
+  if ((facts.st_mode & kOthersMask) != 0) {
+    return FolderError(path,
+                       QString("can be entered by other users (mode 0%1): run chmod 700 on it")
+                           .arg(facts.st_mode & 07777U, 0, 8));
+  }
+  return {};
+}
+
+// When the process started, in clock ticks since the machine did; empty when there is no such
+// process. With the process id it names one process of a machine's run.
+QByteArray StartTime(const QByteArray& pid) {
+  // The entry of the first thread; an emulator makes up the process's own.
+  QFile stat(QString::fromLatin1("/proc/" + pid + "/task/" + pid + "/stat"));
+  if (!stat.open(QIODevice::ReadOnly)) return {};
+  const QByteArray text = stat.readAll();
+  // The second field is the program's name in parentheses, which may hold anything. The start time
+  // is field 22, and the first field after the name is 3.
+  constexpr int kStartTimeAfterName = 22 - 3;
+  const QList<QByteArray> fields = text.mid(text.lastIndexOf(')') + 2).split(' ');
+  return fields.value(kStartTimeAfterName);
+}
+
+// Whether `name` is a task's socket whose starter is no more.
+bool IsLeftBehind(const QString& name) {
+  if (!name.endsWith(kSocketSuffix)) return false;
+  const QStringList parts = name.left(name.size() - kSocketSuffix.size()).split('-');
+  if (parts.size() != 3) return false;
+  const auto is_number = [](const QString& part) {
+    return !part.isEmpty() && std::all_of(part.begin(), part.end(), [](QChar digit) {
+      return digit >= QLatin1Char('0') && digit <= QLatin1Char('9');
+    });
+  };
+  if (!std::all_of(parts.begin(), parts.end(), is_number)) return false;
+  return StartTime(parts[0].toLatin1()) != parts[1].toLatin1();
+}
+
+QString TemporaryFolder() {
+  const QString chosen = QString::fromUtf8(Variable("TMPDIR"));
+  return chosen.startsWith('/') ? chosen : QStringLiteral("/tmp");
+}
+
+struct CloseDirectory {
+  void operator()(DIR* directory) const { ::closedir(directory); }
+};
+
+void Sweep(const SocketFolder& folder) {
+  // A descriptor of its own: the position in the folder is part of what a duplicate shares.
+  UniqueFd own(::openat(folder.Descriptor(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const std::unique_ptr<DIR, CloseDirectory> directory(::fdopendir(own.Get()));
+  if (directory == nullptr) {
+    qCWarning(Log).noquote() << "cannot look for left-behind sockets in" << folder.PathOf(".")
+                             << ":" << ErrnoText(errno);
+    return;
+  }
+  own.Release();
+  std::vector<QString> dead;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is this call's own
+  while (const dirent* entry = ::readdir(directory.get())) {
+    const QString name = QString::fromUtf8(entry->d_name);
+    if (IsLeftBehind(name)) dead.push_back(name);
+  }
+  for (const QString& name : dead) folder.Remove(name);
+}
+
+bool IsFirstUse(int folder) {
+  static std::mutex mutex;
+  static std::set<std::pair<dev_t, ino_t>> used;
+  struct stat facts {};
+  if (::fstat(folder, &facts) != 0) return false;
+  const std::lock_guard lock(mutex);
+  return used.emplace(facts.st_dev, facts.st_ino).second;
+}
+
+sockaddr_un Address(const QByteArray& path, int* error_number) {
+  sockaddr_un address{};
+  if (static_cast<std::size_t>(path.size()) >= sizeof(address.sun_path)) {
+    *error_number = ENAMETOOLONG;
+    return address;
+  }
+  address.sun_family = AF_UNIX;
+  std::copy(path.begin(), path.end(), address.sun_path);
+  return address;
+}
+
+// The path of a name in an open folder. It is short however long the folder's own path is.
+QByteArray PathThrough(int folder, const QString& name) {
+  return "/proc/self/fd/" + QByteArray::number(folder) + '/' + name.toUtf8();
+}
+
+UniqueFd ConnectShort(const QByteArray& path, int* error_number) {
+  *error_number = 0;
+  const sockaddr_un address = Address(path, error_number);
+  if (*error_number != 0) return {};
+  UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  const auto connect = [&socket, &address] {
+    return ::connect(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+  };
+  if (socket.IsValid() && RetryOnEintr(connect) == 0) return socket;
+  *error_number = errno;
+  return {};
+}
+
+// The socket files of this process that exist now.
+struct LiveFiles {
+  std::mutex mutex;
+  std::set<QByteArray> paths;
+  pid_t owner = ::getpid();
+};
+
+void RemoveLiveFiles();
+
+LiveFiles& GetLiveFiles() {
+  // Never destroyed: objects that outlive static destruction still take their files out of it.
+  static LiveFiles* const files = [] {
+    std::atexit(RemoveLiveFiles);
+    return new LiveFiles;
+  }();
+  return *files;
+}
+
+void RemoveLiveFiles() {
+  LiveFiles& files = GetLiveFiles();
+  if (files.owner != ::getpid()) return;
+  const std::lock_guard lock(files.mutex);
+  for (const QByteArray& path : files.paths) ::unlink(path.constData());
+  files.paths.clear();
+}
+
+}  // namespace
+
+SocketFolder SocketFolder::OpenIn(int parent, const QString& parent_path, const QString& name,
+                                  Error* error) {
+  const QString path = QDir::cleanPath(parent_path + '/' + name);
+  const QByteArray entry = name.toUtf8();
+  const bool made = ::mkdirat(parent, entry.constData(), kFolderMode) == 0;
+  if (!made && errno != EEXIST) {
+    *error = FolderError(path, "cannot be made: " + ErrnoText(errno));
+    return {};
+  }
+  // The umask may have taken rights that the user needs.
+  if (made) ::fchmodat(parent, entry.constData(), kFolderMode, 0);
+  UniqueFd folder(
+      ::openat(parent, entry.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!folder.IsValid()) {
+    const bool is_other = errno == ENOTDIR || errno == ELOOP;
+    *error = FolderError(path, is_other ? QString("is not a folder, or a symbolic link: remove it")
+                                        : "cannot be opened: " + ErrnoText(errno));
+    return {};
+  }
+  *error = CheckFolder(folder.Get(), path);
+  if (error->isError()) return {};
+  return {std::move(folder), path};
+}
+
+SocketFolder SocketFolder::OpenTasks(Error* error) {
+  const QString runtime = QString::fromUtf8(Variable("XDG_RUNTIME_DIR"));
+  // A relative path would mean another folder in every process.
+  const bool is_set = runtime.startsWith('/');
+  const QString parent_path = is_set ? runtime : TemporaryFolder();
+  const QString name = is_set ? kFolderName : kFolderName + '-' + QString::number(::geteuid());
+  const UniqueFd parent(::open(parent_path.toUtf8().constData(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!parent.IsValid()) {
+    const QString why = QString("cannot be made, because '%1' (%2) cannot be opened: %3")
+                            .arg(parent_path, is_set ? "XDG_RUNTIME_DIR" : "the temporary folder",
+                                 ErrnoText(errno));
+    *error = FolderError(parent_path + '/' + name, why);
+    return {};
+  }
+  SocketFolder folder = OpenIn(parent.Get(), parent_path, name, error);
+  if (folder.IsValid() && IsFirstUse(folder.Descriptor())) Sweep(folder);
+  return folder;
+}
+
+SocketFolder SocketFolder::OpenIntents(Error* error) {
+  const SocketFolder tasks = OpenTasks(error);
+  if (!tasks.IsValid()) return {};
+  return OpenIn(tasks.Descriptor(), tasks.path_, QStringLiteral("intents"), error);
+}
+
+UniqueFd SocketFolder::Listen(const QString& name, Error* error) const {
+  const QByteArray entry = name.toUtf8();
+  int error_number = 0;
+  const sockaddr_un address = Address(PathThrough(Descriptor(), name), &error_number);
+  // A blocking socket, as socket activation hands it to programs of any kind.
+  UniqueFd socket(error_number != 0 ? -1 : ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (error_number == 0 && !socket.IsValid()) error_number = errno;
+  const auto* target = reinterpret_cast<const sockaddr*>(&address);
+  if (error_number == 0 && ::bind(socket.Get(), target, sizeof(address)) != 0) error_number = errno;
+  if (error_number == 0 && (::fchmodat(Descriptor(), entry.constData(), kSocketMode, 0) != 0 ||
+                            ::listen(socket.Get(), kBacklog) != 0)) {
+    error_number = errno;
+    Remove(name);
+  }
+  if (error_number == 0) return socket;
+  *error = SystemError(Error::kRuntimeFolder,
+                       QString("cannot listen on the socket '%1'").arg(PathOf(name)), error_number);
+  return {};
+}
+
+UniqueFd SocketFolder::Connect(const QString& name, int* error_number) const {
+  return ConnectShort(PathThrough(Descriptor(), name), error_number);
+}
+
+void SocketFolder::Remove(const QString& name) const {
+  ::unlinkat(Descriptor(), name.toUtf8().constData(), 0);
+}
+
+SocketFile::SocketFile(const QString& path) : path_(path) {
+  LiveFiles& files = GetLiveFiles();
+  const std::lock_guard lock(files.mutex);
+  files.paths.insert(path_.toUtf8());
+}
+
+SocketFile& SocketFile::operator=(SocketFile&& other) noexcept {
+  if (this == &other) return *this;
+  Remove();
+  path_ = std::exchange(other.path_, {});
+  return *this;
+}
+
+void SocketFile::Remove() {
+  if (path_.isEmpty()) return;
+  const QByteArray path = std::exchange(path_, {}).toUtf8();
+  LiveFiles& files = GetLiveFiles();
+  if (files.owner != ::getpid()) return;
+  const std::lock_guard lock(files.mutex);
+  if (files.paths.erase(path) != 0) ::unlink(path.constData());
+}
+
+QString UniqueSocketName() {
+  static std::atomic<unsigned> counter{0};
+  const QByteArray pid = QByteArray::number(::getpid());
+  return QString::fromLatin1(pid + '-' + StartTime(pid) + '-') + QString::number(++counter) +
+         kSocketSuffix;
+}
+
+UniqueFd ConnectSocket(const QString& path, int* error_number) {
+  const QByteArray whole = path.toUtf8();
+  if (static_cast<std::size_t>(whole.size()) < sizeof(sockaddr_un::sun_path)) {
+    return ConnectShort(whole, error_number);
+  }
+  const int slash = path.lastIndexOf('/');
+  const UniqueFd folder(::open(QFile::encodeName(path.left(std::max(slash, 1))).constData(),
+                               O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!folder.IsValid()) {
+    *error_number = errno;
+    return {};
+  }
+  return ConnectShort(PathThrough(folder.Get(), path.mid(slash + 1)), error_number);
+}
+
+}  // namespace RuntimeManager::host

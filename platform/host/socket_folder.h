@@ -1,0 +1,72 @@
+// The folder of the user's sockets, and the socket files in it.
+#ifndef RUNTIME_MANAGER_HOST_SOCKET_FOLDER_H
+#define RUNTIME_MANAGER_HOST_SOCKET_FOLDER_H
+
+#include <RuntimeManager/Error.h>
+
+#include <QtCore/QString>
+
+#include "unique_fd.h"
+
+namespace RuntimeManager::host {
+
+// A folder that is the user's alone, held open: what is done in it cannot be led elsewhere.
+class SocketFolder {
+ public:
+  // The folder of the tasks' sockets: runtime-manager/ under XDG_RUNTIME_DIR, or
+  // runtime-manager-<uid>/ under the temporary directory. It is made when it is missing; when this
+  // process uses it for the first time, the files of starters that are no more are removed.
+  static SocketFolder OpenTasks(Error* error);
+  // intents/ in the folder of the tasks.
+  static SocketFolder OpenIntents(Error* error);
+
+  bool IsValid() const { return folder_.IsValid(); }
+  int Descriptor() const { return folder_.Get(); }
+  QString PathOf(const QString& name) const { return path_ + '/' + name; }
+
+  // A socket that listens on `name` in the folder, its file open to the user alone whatever the
+  // umask. Invalid, with `error` set, when there is none. The file is the caller's to remove.
+  UniqueFd Listen(const QString& name, Error* error) const;
+  // Connects to the socket `name`; see ConnectSocket.
+  UniqueFd Connect(const QString& name, int* error_number) const;
+  void Remove(const QString& name) const;
+
+ private:
+  SocketFolder() = default;
+  SocketFolder(UniqueFd folder, QString path)
+      : folder_(std::move(folder)), path_(std::move(path)) {}
+  static SocketFolder OpenIn(int parent, const QString& parent_path, const QString& name,
+                             Error* error);
+
+  UniqueFd folder_;
+  QString path_;
+};
+
+// A socket file that goes with this object, and at the exit of the process if the object is still
+// there. A forked child that inherits the object leaves the file alone.
+class SocketFile {
+ public:
+  SocketFile() = default;
+  explicit SocketFile(const QString& path);
+  SocketFile(SocketFile&& other) noexcept : path_(std::exchange(other.path_, {})) {}
+  SocketFile& operator=(SocketFile&& other) noexcept;
+  SocketFile(const SocketFile&) = delete;
+  SocketFile& operator=(const SocketFile&) = delete;
+  ~SocketFile() { Remove(); }
+
+  void Remove();
+
+ private:
+  QString path_;
+};
+
+// A name for a socket file that no other process uses, now or later.
+QString UniqueSocketName();
+
+// Connects without blocking to the socket at `path`, however long that is. Invalid, with the error
+// number stored, when it cannot; EAGAIN means that the listener's queue is full for now.
+UniqueFd ConnectSocket(const QString& path, int* error_number);
+
+}  // namespace RuntimeManager::host
+
+#endif  // RUNTIME_MANAGER_HOST_SOCKET_FOLDER_H

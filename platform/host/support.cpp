@@ -1,0 +1,59 @@
+#include "support.h"
+
+#include <QtCore/QAbstractEventDispatcher>
+#include <QtCore/QCoreApplication>
+#include <QtCore/QMetaObject>
+#include <QtCore/QThread>
+#include <algorithm>
+#include <cstdlib>
+#include <system_error>
+
+namespace RuntimeManager::host {
+namespace {
+
+bool IsNameCharacter(QChar character) {
+  const ushort code = character.unicode();
+  return (code >= 'A' && code <= 'Z') || (code >= 'a' && code <= 'z') ||
+         (code >= '0' && code <= '9') || code == '.' || code == '_' || code == '-';
+}
+
+}  // namespace
+
+Q_LOGGING_CATEGORY(Log, "runtimemanager")
+
+QString ErrnoText(int error_number) {
+  return QString::fromStdString(std::generic_category().message(error_number));
+}
+
+Error SystemError(Error::Code code, const QString& what, int error_number) {
+  return {code, what + QStringLiteral(": ") + ErrnoText(error_number)};
+}
+
+Error CheckName(const QString& kind, const QString& name, int longest) {
+  const bool fits = !name.isEmpty() && name.size() <= longest && !name.startsWith('.') &&
+                    std::all_of(name.begin(), name.end(), IsNameCharacter);
+  if (fits) return {};
+  const QString shown = name.size() <= longest ? name : name.left(longest) + "...";
+  return {
+      Error::kInvalidArgument,
+      QString("'%1' cannot be the name of %2: it must be 1 to %3 of the characters A-Z a-z 0-9 . "
+              "_ - and must not begin with a dot")
+          .arg(shown, kind)
+          .arg(longest)};
+}
+
+QByteArray Variable(const char* name) {
+  const char* value = std::getenv(name);
+  return value == nullptr ? QByteArray() : QByteArray(value);
+}
+
+void Post(QObject* context, std::function<void()> call) {
+  QMetaObject::invokeMethod(context, std::move(call), Qt::QueuedConnection);
+}
+
+bool HasEventLoop() {
+  return QCoreApplication::instance() != nullptr &&
+         QAbstractEventDispatcher::instance(QThread::currentThread()) != nullptr;
+}
+
+}  // namespace RuntimeManager::host

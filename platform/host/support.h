@@ -1,0 +1,53 @@
+// What every file of the host needs: the log category, error texts, names, retries.
+#ifndef RUNTIME_MANAGER_HOST_SUPPORT_H
+#define RUNTIME_MANAGER_HOST_SUPPORT_H
+
+#include <RuntimeManager/Error.h>
+
+#include <QtCore/QByteArray>
+#include <QtCore/QLoggingCategory>
+#include <QtCore/QObject>
+#include <QtCore/QString>
+#include <cerrno>
+#include <functional>
+
+namespace RuntimeManager::host {
+
+Q_DECLARE_LOGGING_CATEGORY(Log)
+
+// A name of a task becomes a file name: long enough for a reversed domain name.
+constexpr int kMaxTaskName = 128;
+// A name of an intent becomes the last part of a socket path that begins with "/proc/self/fd/" and
+// a descriptor, and such a path has 107 bytes.
+constexpr int kMaxIntentName = 80;
+
+// The text of an error number.
+QString ErrnoText(int error_number);
+// `what` and the text of the error number, joined by a colon.
+Error SystemError(Error::Code code, const QString& what, int error_number);
+
+// No error when `name` is 1 to `longest` of A-Z a-z 0-9 . _ - without a leading dot; else an error
+// that names the rule. `kind` is what the name is of: "task".
+Error CheckName(const QString& kind, const QString& name, int longest);
+
+// The value of an environment variable; empty when it is unset.
+QByteArray Variable(const char* name);
+
+// Calls a function that reports failure as -1 again as long as a signal interrupts it.
+template <typename Call>
+auto RetryOnEintr(Call call) {
+  auto result = call();
+  while (result == -1 && errno == EINTR) result = call();
+  return result;
+}
+
+// Runs `call` from the event loop of `context`'s thread, unless `context` is destroyed first.
+// Any thread that keeps `context` alive during this call.
+void Post(QObject* context, std::function<void()> call);
+
+// Whether the calling thread can still get events: a loop that may run again.
+bool HasEventLoop();
+
+}  // namespace RuntimeManager::host
+
+#endif  // RUNTIME_MANAGER_HOST_SUPPORT_H

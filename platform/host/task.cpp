@@ -1,0 +1,244 @@
+#include <RuntimeManager/Task.h>
+
+#include <QtCore/QPointer>
+#include <utility>
+#include <vector>
+
+#include "child_process.h"
+#include "socket_folder.h"
+#include "support.h"
+#include "task_finder.h"
+#include "task_registry.h"
+
+namespace RuntimeManager {
+
+using host::ChildEnd;
+using host::ChildProcess;
+using host::SocketFile;
+using host::SocketFolder;
+using host::TaskRegistry;
+using host::UniqueFd;
+
+class Task::Private {
+ public:
+  enum class State { kIdle, kStarting, kRunning, kStopping, kEnded };
+
+  Private(Task* task, QString task_name) : owner(task), name(std::move(task_name)) {}
+  ~Private();
+  Private(const Private&) = delete;
+  Private& operator=(const Private&) = delete;
+
+  Error Start();
+  Error MakeArguments(host::SpawnRequest* request) const;
+  UniqueFd MakeSocket(Error* error);
+  Error Spawn(const host::SpawnRequest& request);
+  void ForgetSocket();
+
+  void OnRunning();
+  void OnEnded(const ChildEnd& end);
+  void OnNeverRan(const Error& error);
+  void OnRanAndEnded(const ChildEnd& end);
+  void CompleteStart(const Error& error);
+  void CompleteStops(const Error& error);
+  void CompleteLater(Completion completion, const Error& error) const;
+  // "the task 'echo' (process 12)"
+  QString Title() const;
+
+  Task* const owner;
+  const QString name;
+  bool has_socket = false;
+  QStringList arguments;
+  QString socket_path;
+  SocketFile socket_file;
+  std::shared_ptr<ChildProcess> process;
+  State state = State::kIdle;
+  Completion start_completion;
+  std::vector<Completion> stop_completions;
+};
+
+Task::Private::~Private() {
+  ForgetSocket();
+  if (process != nullptr) process->Abandon();
+}
+
+void Task::Private::ForgetSocket() {
+  TaskRegistry::Get().RemoveTask(socket_path);
+  socket_file.Remove();
+}
+
+QString Task::Private::Title() const {
+  return QString("the task '%1' (process %2)").arg(name).arg(process->GetPid());
+}
+
+Error Task::Private::MakeArguments(host::SpawnRequest* request) const {
+  for (const QString& argument : arguments) {
+    if (argument.contains(QChar(0))) {
+      return {
+          Error::kInvalidArgument,
+          QString("the task '%1' cannot be started: an argument holds a NUL character").arg(name)};
+    }
+    request->arguments.push_back(argument.toUtf8());
+  }
+  return {};
+}
+
+UniqueFd Task::Private::MakeSocket(Error* error) {
+  if (!has_socket) return {};
+  const SocketFolder folder = SocketFolder::OpenTasks(error);
+  if (!folder.IsValid()) return {};
+  const QString file = host::UniqueSocketName();
+  UniqueFd socket = folder.Listen(file, error);
+  if (!socket.IsValid()) return socket;
+  socket_path = folder.PathOf(file);
+  socket_file = SocketFile(socket_path);
+  return socket;
+}
+
+Error Task::Private::Start() {
+  Error error;
+  host::SpawnRequest request;
+  request.program = host::FindTask(name, &error).toUtf8();
+  if (!error.isError()) error = MakeArguments(&request);
+  if (error.isError()) return error;
+  const UniqueFd socket = MakeSocket(&error);
+  if (error.isError()) return error;
+  request.task_name = name.toUtf8();
+  request.listen_socket = socket.Get();
+  error = Spawn(request);
+  if (error.isError()) socket_file.Remove();
+  return error;
+}
+
+Error Task::Private::Spawn(const host::SpawnRequest& request) {
+  ChildProcess::Callbacks callbacks;
+  callbacks.on_running = [this] { OnRunning(); };
+  callbacks.on_ended = [this](const ChildEnd& end) { OnEnded(end); };
+  const int error_number = ChildProcess::Start(request, std::move(callbacks), &process);
+  if (error_number != 0) {
+    return host::SystemError(Error::kStartFailed,
+                             QString("the task '%1' cannot be started").arg(name), error_number);
+  }
+  if (has_socket) TaskRegistry::Get().AddTask(socket_path, name);
+  return {};
+}
+
+void Task::Private::CompleteLater(Completion completion, const Error& error) const {
+  if (!completion) return;
+  host::Post(owner, [completion = std::move(completion), error] { completion(error); });
+}
+
+void Task::Private::CompleteStart(const Error& error) {
+  const Completion completion = std::exchange(start_completion, nullptr);
+  if (completion) completion(error);
+}
+
+void Task::Private::CompleteStops(const Error& error) {
+  const QPointer<Task> alive(owner);
+  // A completion may ask for another stop, which completes by itself.
+  const auto completions = std::exchange(stop_completions, {});
+  for (const Completion& completion : completions) {
+    if (alive.isNull()) return;
+    if (completion) completion(error);
+  }
+}
+
+void Task::Private::OnRunning() {
+  if (state == State::kStarting) {
+    state = State::kRunning;
+    return CompleteStart({});
+  }
+  CompleteStart({Error::kWrongState, Title() + " was stopped before it had started"});
+}
+
+void Task::Private::OnEnded(const ChildEnd& end) {
+  if (end.exec_error == 0) return OnRanAndEnded(end);
+  const char* hint = "";
+  if (end.exec_error == ENOENT) hint = " (the interpreter or loader that it names is missing)";
+  if (end.exec_error == ENOEXEC) hint = " (it is no program of this machine, nor a script with #!)";
+  if (end.exec_error == E2BIG) hint = " (its arguments and the environment are too long)";
+  OnNeverRan(host::SystemError(
+      Error::kStartFailed, QString("the program of the task '%1' cannot be run%2").arg(name, hint),
+      end.exec_error));
+}
+
+void Task::Private::OnNeverRan(const Error& error) {
+  const QPointer<Task> alive(owner);
+  const QString path = socket_path;
+  state = State::kEnded;
+  ForgetSocket();
+  CompleteStart(error);
+  if (!alive.isNull()) CompleteStops({});
+  TaskRegistry::Get().TellEnded(path, error);
+}
+
+void Task::Private::OnRanAndEnded(const ChildEnd& end) {
+  const QPointer<Task> alive(owner);
+  const QString path = socket_path;
+  QString text = Title() + ' ' + end.how;
+  if (!end.last_lines.isEmpty()) text += "; its last words on standard error:\n" + end.last_lines;
+  const Error why(Error::kTaskEnded, text);
+
+  if (start_completion) OnRunning();
+  // Whatever the task sent before it ended comes before the news of its end.
+  if (!alive.isNull() && has_socket) TaskRegistry::Get().DrainTask(path);
+  if (!alive.isNull()) {
+    const bool unasked = state != State::kStopping;
+    state = State::kEnded;
+    ForgetSocket();
+    if (unasked) Q_EMIT owner->finished(why);
+  }
+  if (!alive.isNull()) CompleteStops({});
+  TaskRegistry::Get().TellEnded(path, why);
+}
+
+Task::Task(const QString& name, QObject* parent)
+    : QObject(parent), d_(std::make_unique<Private>(this, name)) {
+  qRegisterMetaType<RuntimeManager::Error>();
+}
+
+Task::~Task() = default;
+
+void Task::withIpcSocket(bool enabled) {
+  if (d_->state == Private::State::kIdle) d_->has_socket = enabled;
+}
+
+void Task::withArguments(const QStringList& arguments) { d_->arguments = arguments; }
+
+void Task::start(Completion completion) {
+  if (d_->state != Private::State::kIdle) {
+    return d_->CompleteLater(
+        std::move(completion),
+        {Error::kWrongState,
+         QString("the task '%1' has been started before: make a new Task").arg(d_->name)});
+  }
+  d_->state = Private::State::kStarting;
+  const Error error = d_->Start();
+  if (!error.isError()) {
+    d_->start_completion = std::move(completion);
+    return;
+  }
+  d_->state = Private::State::kEnded;
+  d_->CompleteLater(std::move(completion), error);
+}
+
+void Task::stop(StopFlags flags, Completion completion) {
+  if (d_->state == Private::State::kIdle) {
+    return d_->CompleteLater(
+        std::move(completion),
+        {Error::kWrongState,
+         QString("the task '%1' cannot be stopped: it was never started").arg(d_->name)});
+  }
+  if (d_->state == Private::State::kEnded) return d_->CompleteLater(std::move(completion), {});
+  const int error_number = d_->process->Terminate(flags.testFlag(StopFlag::Kill));
+  if (error_number != 0) {
+    return d_->CompleteLater(
+        std::move(completion),
+        host::SystemError(Error::kStopFailed, d_->Title() + " cannot be stopped", error_number));
+  }
+  d_->state = Private::State::kStopping;
+  d_->stop_completions.push_back(std::move(completion));
+}
+
+QString Task::socketPath() const { return d_->socket_path; }
+
+}  // namespace RuntimeManager

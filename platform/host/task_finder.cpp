@@ -1,0 +1,70 @@
+#include "task_finder.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <QtCore/QFileInfo>
+#include <QtCore/QStringList>
+
+#include "support.h"
+
+namespace RuntimeManager::host {
+namespace {
+
+// What is wrong with the file at `path`: empty when it is a program, nothing said when there is no
+// file at all.
+QString WhyNotProgram(const QString& path, bool* exists) {
+  struct stat facts {};
+  const QByteArray name = path.toUtf8();
+  *exists = ::stat(name.constData(), &facts) == 0;
+  if (!*exists) return {};
+  if (!S_ISREG(facts.st_mode)) return QString("'%1' is not a regular file").arg(path);
+  if (::access(name.constData(), X_OK) == 0) return {};
+  return QString("'%1' is not executable: run chmod +x on it").arg(path);
+}
+
+QStringList FoldersOf(const char* variable) {
+  return QString::fromUtf8(Variable(variable)).split(':', Qt::SkipEmptyParts);
+}
+
+QStringList TaskFolders() {
+  QStringList folders = FoldersOf("RUNTIME_MANAGER_TASK_PATH");
+  const QString executable = QFileInfo("/proc/self/exe").symLinkTarget();
+  folders << QFileInfo(executable).path() + "/tasks" << QStringLiteral(TARV_TASK_FOLDER);
+  return folders;
+}
+
+}  // namespace
+
+QString FindTask(const QString& name, Error* error) {
+  *error = CheckName("a task", name, kMaxTaskName);
+  if (error->isError()) return {};
+  const QStringList folders = TaskFolders();
+  QStringList obstacles;
+  for (const QString& folder : folders) {
+    const QString path = folder + '/' + name;
+    bool exists = false;
+    const QString obstacle = WhyNotProgram(path, &exists);
+    if (exists && obstacle.isEmpty()) return path;
+    if (exists) obstacles << obstacle;
+  }
+  const QString looked =
+      QString("looked in: %1 (RUNTIME_MANAGER_TASK_PATH adds folders)").arg(folders.join(", "));
+  const QString found =
+      obstacles.isEmpty() ? QString("there is no such executable") : obstacles.join("; ");
+  *error = {Error::kTaskNotFound,
+            QString("the task '%1' cannot be started: %2; %3").arg(name, found, looked)};
+  return {};
+}
+
+QString FindProgram(const QString& program) {
+  if (program.contains('/')) return program;
+  for (const QString& folder : FoldersOf("PATH")) {
+    const QString path = folder + '/' + program;
+    bool exists = false;
+    if (WhyNotProgram(path, &exists).isEmpty() && exists) return path;
+  }
+  return {};
+}
+
+}  // namespace RuntimeManager::host

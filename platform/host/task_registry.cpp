@@ -1,0 +1,84 @@
+#include "task_registry.h"
+
+#include <QtCore/QThread>
+#include <algorithm>
+#include <utility>
+
+#include "support.h"
+
+namespace RuntimeManager::host {
+
+TaskRegistry& TaskRegistry::Get() {
+  // Never destroyed: objects that outlive static destruction still report here.
+  static auto* const registry = new TaskRegistry;
+  return *registry;
+}
+
+void TaskRegistry::AddTask(const QString& path, const QString& name) {
+  const std::lock_guard lock(mutex_);
+  names_[path] = name;
+}
+
+void TaskRegistry::RemoveTask(const QString& path) {
+  const std::lock_guard lock(mutex_);
+  names_.erase(path);
+}
+
+bool TaskRegistry::HasTask(const QString& path) const {
+  const std::lock_guard lock(mutex_);
+  return names_.count(path) != 0;
+}
+
+QString TaskRegistry::NameOf(const QString& path) const {
+  const std::lock_guard lock(mutex_);
+  const auto found = names_.find(path);
+  return found == names_.end() ? path : found->second;
+}
+
+void TaskRegistry::Watch(const QString& path, std::weak_ptr<TaskWatcher> watcher,
+                         QObject* context) {
+  const std::lock_guard lock(mutex_);
+  watchers_.push_back({path, std::move(watcher), context});
+}
+
+void TaskRegistry::Unwatch(const QObject* context) {
+  const std::lock_guard lock(mutex_);
+  const auto is_of_context = [context](const Entry& entry) { return entry.context == context; };
+  watchers_.erase(std::remove_if(watchers_.begin(), watchers_.end(), is_of_context),
+                  watchers_.end());
+}
+
+std::vector<std::weak_ptr<TaskWatcher>> TaskRegistry::WatchersOfThisThread(
+    const QString& path) const {
+  const std::lock_guard lock(mutex_);
+  std::vector<std::weak_ptr<TaskWatcher>> found;
+  for (const Entry& entry : watchers_) {
+    if (entry.path == path && entry.context->thread() == QThread::currentThread()) {
+      found.push_back(entry.watcher);
+    }
+  }
+  return found;
+}
+
+void TaskRegistry::DrainTask(const QString& path) {
+  for (const auto& weak : WatchersOfThisThread(path)) {
+    if (const auto watcher = weak.lock()) watcher->DrainTask();
+  }
+}
+
+void TaskRegistry::TellEnded(const QString& path, const Error& why) {
+  {
+    const std::lock_guard lock(mutex_);
+    for (const Entry& entry : watchers_) {
+      if (entry.path != path || entry.context->thread() == QThread::currentThread()) continue;
+      Post(entry.context, [weak = entry.watcher, why] {
+        if (const auto watcher = weak.lock()) watcher->OnTaskEnded(why);
+      });
+    }
+  }
+  for (const auto& weak : WatchersOfThisThread(path)) {
+    if (const auto watcher = weak.lock()) watcher->OnTaskEnded(why);
+  }
+}
+
+}  // namespace RuntimeManager::host

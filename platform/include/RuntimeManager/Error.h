@@ -1,0 +1,54 @@
+// RuntimeManager::Error: how an operation of the runtime manager went.
+#ifndef RUNTIME_MANAGER_ERROR_H
+#define RUNTIME_MANAGER_ERROR_H
+
+#include <QtCore/QMetaType>
+#include <QtCore/QString>
+#include <utility>
+
+namespace RuntimeManager {
+
+// A value: no error, or a code with a text for the person who meets it. Any thread.
+class Error {
+ public:
+  // The codes of the platform's own errors. Another implementation may use others; 0 alone is
+  // fixed: it means success everywhere.
+  enum Code : int {
+    kNoError = 0,
+    kInvalidArgument = 1,    // a name, an argument or a URI that cannot be used
+    kTaskNotFound = 2,       // no executable of that name in the folders of tasks
+    kRuntimeFolder = 3,      // the folder of the sockets cannot be made, or is not safe to use
+    kStartFailed = 4,        // the program could not be started
+    kWrongState = 5,         // the operation does not fit: started twice, stopped before a start
+    kStopFailed = 6,         // the process cannot be signalled
+    kTaskEnded = 7,          // a task ended and nobody had asked it to
+    kConnectFailed = 8,      // nobody listens on the socket, or it cannot be reached
+    kConnectionLost = 9,     // the peer is gone, or the socket failed
+    kPeerRefused = 10,       // the peer belongs to another user
+    kMessageTooLong = 11,    // a message is over the bound of one message
+    kQueueFull = 12,         // the peer does not read, and too much waits for it
+    kNotATask = 13,          // this process has no task socket
+    kNoSuchIntent = 14,      // nobody owns the intent
+    kIntentFailed = 15,      // the owner died, or dropped the invocation, before it answered
+    kUriHandlerFailed = 16,  // the program that opens URIs failed or cannot be run
+  };
+
+  Error() = default;
+  Error(int code, QString message) : code_(code), message_(std::move(message)) {}
+
+  // True for every code but 0.
+  bool isError() const { return code_ != kNoError; }
+  int code() const { return code_; }
+  // What failed, on which object, why, and what to do about it; empty when there is no error.
+  QString message() const { return message_; }
+
+ private:
+  int code_ = kNoError;
+  QString message_;
+};
+
+}  // namespace RuntimeManager
+
+Q_DECLARE_METATYPE(RuntimeManager::Error)
+
+#endif  // RUNTIME_MANAGER_ERROR_H

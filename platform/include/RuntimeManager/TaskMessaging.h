@@ -1,0 +1,50 @@
+// RuntimeManager::TaskMessaging: JSON objects to and from the other end of a task's socket.
+#ifndef RUNTIME_MANAGER_TASK_MESSAGING_H
+#define RUNTIME_MANAGER_TASK_MESSAGING_H
+
+#include <RuntimeManager/Error.h>
+#include <RuntimeManager/Export.h>
+
+#include <QtCore/QJsonObject>
+#include <QtCore/QObject>
+#include <QtCore/QString>
+#include <memory>
+
+namespace RuntimeManager {
+
+// Belongs to the thread that made it, and that thread must run a Qt event loop. Both signals come
+// from the event loop. The object may be destroyed from inside either of them, and emits nothing
+// once it is destroyed.
+class RUNTIME_MANAGER_EXPORT TaskMessaging : public QObject {
+  Q_OBJECT
+
+ public:
+  // The starter's end: connects to the socket of a task (Task::socketPath()).
+  explicit TaskMessaging(const QString& socket_path, QObject* parent = nullptr);
+  // The task's end: waits on a listening socket (RuntimeDispatcher::localServerSocket()) for the
+  // starter, and serves that one connection; further ones are closed at once. The descriptor stays
+  // the caller's: another object can serve on it when this one is gone.
+  explicit TaskMessaging(int descriptor, QObject* parent = nullptr);
+  ~TaskMessaging() override;
+
+  // Sends `message` after all earlier ones. Never blocks: what the peer does not read yet, or
+  // before there is one, waits in memory. Delivery is not confirmed. After disconnected() messages
+  // are dropped.
+  void sendMessage(const QJsonObject& message);
+
+ Q_SIGNALS:
+  // One message of the peer, in the order they were sent.
+  void messageReceived(const QJsonObject& message);
+  // The connection is lost, was refused, or never came to be; `error` says why. Emitted once at
+  // most, after the last message; nothing follows it. When the task of that socket was started by
+  // this process and has ended, Task::finished() comes first.
+  void disconnected(const RuntimeManager::Error& error);
+
+ private:
+  class Private;
+  std::unique_ptr<Private> d_;
+};
+
+}  // namespace RuntimeManager
+
+#endif  // RUNTIME_MANAGER_TASK_MESSAGING_H
