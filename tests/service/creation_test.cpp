@@ -1,0 +1,108 @@
+// What callers are told when memory runs out while an object is made. This program replaces the
+// allocation functions, so that a chosen allocation fails.
+
+#include <gmock/gmock.h>
+#include <tarv/tarv_capi.h>
+
+#include <cstdlib>
+#include <new>
+
+#include "kit/service.h"
+#include "support/capture.h"
+
+namespace {
+
+thread_local int allocations_until_failure = -1;  // -1: none fails
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+  if (allocations_until_failure >= 0 && allocations_until_failure-- == 0) {
+    throw std::bad_alloc();
+  }
+  if (void* const memory = std::malloc(size)) {
+    return memory;
+  }
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+
+namespace tarv::test {
+namespace {
+
+using testing::ContainsRegex;
+using testing::EndsWith;
+using testing::HasSubstr;
+
+// Runs `action` with its n-th allocation failing.
+template <class Action>
+std::string OutputWithFailingAllocation(int n, Action&& action) {
+  CaptureStdout output;
+  allocations_until_failure = n;
+  action();
+  allocations_until_failure = -1;
+  return output.GetText();
+}
+
+// In a process of its own, because the manager is made once in a process.
+TEST(CreationFailure, OfTheManagerMakesEveryInitializeReturnNullAndSaysWhyOnce) {
+  const pid_t child = fork();
+  if (child == 0) {
+    Tables tables;
+    _TARVManagerRef* first = nullptr;
+    const std::string output =
+        OutputWithFailingAllocation(0, [&] { first = tables.root.Initialize(); });
+    const bool told =
+        output.rfind("[error] src/manager.cpp:", 0) == 0 &&
+        output.find(" Could not create Runtime Manager on API side.\n") != std::string::npos;
+    const std::string later = StdoutOf([&] {
+      if (tables.root.Initialize() != nullptr) {
+        std::_Exit(2);
+      }
+    });
+    std::_Exit(first == nullptr && told && later.empty() ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+}
+
+class CreationFailure : public ServiceTest {};
+
+TEST_F(CreationFailure, OfAClientAtAnyAllocationGivesNullAndALine) {
+  int failures = 0;
+  for (int n = 0; n < 20; ++n) {
+    _TARVRpcClientRef* client = nullptr;
+    const std::string output =
+        OutputWithFailingAllocation(n, [&] { client = tables_.root.CreateRpcClient(manager_); });
+    if (client == nullptr) {
+      ++failures;
+      EXPECT_THAT(output, EndsWith(" Could not create Task Worker on API side.\n"));
+    } else {
+      EXPECT_EQ(output, "");
+    }
+  }
+  EXPECT_GT(failures, 3);
+}
+
+TEST_F(CreationFailure, OfTheClientObjectItselfAddsItsOwnLine) {
+  bool seen = false;
+  for (int n = 0; n < 20; ++n) {
+    const std::string output =
+        OutputWithFailingAllocation(n, [&] { tables_.root.CreateRpcClient(manager_); });
+    seen = seen || output.find(" Could not create Task Worker.\n") != std::string::npos;
+  }
+  EXPECT_TRUE(seen);
+}
+
+TEST_F(CreationFailure, OfTheServerGivesNullWithoutAWord) {
+  _TARVRpcServerRef* server = nullptr;
+  EXPECT_EQ(OutputWithFailingAllocation(0, [&] { server = tables_.root.GetRpcServer(manager_); }),
+            "");
+  EXPECT_EQ(server, nullptr);
+  EXPECT_NE(tables_.root.GetRpcServer(manager_), nullptr);
+}
+
+}  // namespace
+}  // namespace tarv::test

@@ -1,0 +1,201 @@
+// What no real platform can be made to do at will: a start that completes too late or twice, a stop
+// that fails, a platform without the optional signals.
+
+#include <RuntimeManager/RuntimeDispatcher.h>
+#include <RuntimeManager/Task.h>
+#include <RuntimeManager/TaskMessaging.h>
+#include <gmock/gmock.h>
+#include <tarv/tarv_capi.h>
+
+#include <QCoreApplication>
+#include <QEvent>
+#include <string>
+#include <vector>
+
+#include "support/capture.h"
+#include "support/log_line.h"
+
+namespace tarv::test {
+namespace {
+
+using RuntimeManager::Error;
+using RuntimeManager::Task;
+using RuntimeManager::TaskMessaging;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+int argument_count = 1;
+char program_name[] = "fake_platform_tests";
+char* arguments[] = {program_name, nullptr};
+
+class FakePlatform : public testing::Test {
+ protected:
+  FakePlatform() : application_(argument_count, arguments) {
+    Task::GetAll().clear();
+    TaskMessaging::GetAll().clear();
+    TARVProcTableLoad(&root_, sizeof(root_));
+    root_.RpcClientProcTableLoad(&table_, sizeof(table_));
+    root_.RpcServerProcTableLoad(&server_table_, sizeof(server_table_));
+    manager_ = root_.Initialize();
+    client_ = root_.CreateRpcClient(manager_);
+  }
+  ~FakePlatform() override {
+    root_.Release(manager_);
+    RunDeferredDeletes();
+  }
+
+  // Starts the client's task; its completions are then at the test's disposal.
+  Task& Start() {
+    TARVRpcClientSlots callbacks{};
+    callbacks.size = sizeof(callbacks);
+    callbacks.OnStarted = [](void* log, int code, const char* text, std::size_t) {
+      Log(log, "started " + std::to_string(code) + " " + text);
+    };
+    callbacks.OnDisconnect = [](void* log, int code, const char* text, std::size_t) {
+      Log(log, "disconnect " + std::to_string(code) + " " + text);
+    };
+    callbacks.OnMessage = [](void* log, const char* text, std::size_t) {
+      Log(log, std::string("message ") + text);
+    };
+    callbacks.Release = [](void* log) { Log(log, "released"); };
+    callbacks.user_data = &log_;
+    EXPECT_EQ(table_.StartTask(client_, "worker", "/libs", &callbacks), QUARN_RESULT_SUCCESS);
+    return *Task::GetAll().at(0);
+  }
+
+  static void Log(void* log, const std::string& line) {
+    static_cast<std::vector<std::string>*>(log)->push_back(line);
+  }
+
+  static void RunDeferredDeletes() {
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+  }
+
+  QCoreApplication application_;
+  TARVProcTable root_{};
+  TARVRpcClientProcTable table_{};
+  TARVRpcServerProcTable server_table_{};
+  _TARVManagerRef* manager_ = nullptr;
+  _TARVRpcClientRef* client_ = nullptr;
+  std::vector<std::string> log_;
+};
+
+TEST_F(FakePlatform, TaskIsAskedForASocketAndGivenTheLibrariesFolder) {
+  const Task& task = Start();
+  EXPECT_EQ(task.name, "worker");
+  EXPECT_EQ(task.parent(), nullptr);
+  EXPECT_TRUE(task.has_socket);
+  EXPECT_EQ(task.arguments, QStringList({"--libs-path", "/libs"}));
+}
+
+TEST_F(FakePlatform, ChannelOpensOnTheTasksSocketAndMessagesTravelAsData) {
+  Start().complete_start(Error());
+  ASSERT_EQ(TaskMessaging::GetAll().size(), 1U);
+  TaskMessaging& channel = *TaskMessaging::GetAll()[0];
+  EXPECT_EQ(channel.path, "/fake/worker");
+  EXPECT_EQ(channel.parent(), nullptr);
+  table_.SendMessage(client_, "grüß dich");
+  EXPECT_THAT(channel.sent, ElementsAre(QJsonObject{{"data", "grüß dich"}}));
+}
+
+TEST_F(FakePlatform, PlatformWithoutTheOptionalSignalsStartsRelaysAndStops) {
+  Task& task = Start();
+  task.complete_start(Error());
+  Q_EMIT TaskMessaging::GetAll().at(0)->messageReceived({{"data", "hello"}});
+  table_.Release(client_);
+  EXPECT_FALSE(task.stop_flags);
+  task.complete_stop(Error());
+  EXPECT_THAT(log_, ElementsAre("started 0 ", "message hello", "disconnect 0 ", "released"));
+}
+
+TEST_F(FakePlatform, StartThatCompletesAfterReleaseCallsNothing) {
+  Task& task = Start();
+  table_.Release(client_);
+  task.complete_start(Error());
+  EXPECT_THAT(log_, IsEmpty());
+  EXPECT_THAT(TaskMessaging::GetAll(), IsEmpty());
+}
+
+TEST_F(FakePlatform, StartThatFailsAfterReleaseCallsNothingAndLogsNothing) {
+  Task& task = Start();
+  table_.Release(client_);
+  EXPECT_EQ(StdoutOf([&task] { task.complete_start(Error(7, "no room")); }), "");
+  EXPECT_THAT(log_, IsEmpty());
+}
+
+TEST_F(FakePlatform, StartThatCompletesAfterTheManagersReleaseCallsNothing) {
+  const Task::Completion complete = Start().complete_start;
+  root_.Release(manager_);
+  RunDeferredDeletes();
+  complete(Error());
+  EXPECT_THAT(log_, ElementsAre("released"));
+}
+
+TEST_F(FakePlatform, StartThatCompletesTwiceCountsOnce) {
+  Task& task = Start();
+  task.complete_start(Error());
+  task.complete_start(Error());
+  task.complete_start(Error(7, "too late"));
+  EXPECT_THAT(log_, ElementsAre("started 0 "));
+  EXPECT_EQ(TaskMessaging::GetAll().size(), 1U);
+}
+
+TEST_F(FakePlatform, StartThatFailsHasTheFixedCodeWhateverThePlatformsIs) {
+  Task& task = Start();
+  const std::string output = StdoutOf([&task] { task.complete_start(Error(7, "no röom")); });
+  EXPECT_THAT(log_, ElementsAre("started -32603 no röom"));
+  EXPECT_THAT(output, IsLogLine("info", "[ta-rv] on started call error: no röom"));
+}
+
+TEST_F(FakePlatform, ErrorOnStopIsLoggedAndTheStopCompletesAsUsual) {
+  Task& task = Start();
+  task.complete_start(Error());
+  table_.Release(client_);
+  const std::string output = StdoutOf([&task] { task.complete_stop(Error(6, "will not die")); });
+  EXPECT_THAT(output, IsLogLine("error", "[ta-rv] stop error: will not die"));
+  EXPECT_THAT(log_, ElementsAre("started 0 ", "disconnect 0 ", "released"));
+}
+
+TEST_F(FakePlatform, StopThatCompletesTwiceOrAfterTheManagersReleaseIsHarmless) {
+  Task& task = Start();
+  task.complete_start(Error());
+  table_.Release(client_);
+  const Task::Completion complete = task.complete_stop;
+  complete(Error());
+  complete(Error());
+  root_.Release(manager_);
+  RunDeferredDeletes();
+  complete(Error());
+  EXPECT_THAT(log_, ElementsAre("started 0 ", "disconnect 0 ", "released"));
+}
+
+TEST_F(FakePlatform, MessagesAfterReleaseAreNotHeard) {
+  Start().complete_start(Error());
+  const auto channel = TaskMessaging::GetAll().at(0);
+  table_.Release(client_);
+  ASSERT_FALSE(channel.isNull());
+  Q_EMIT channel->messageReceived({{"data", "too late"}});
+  EXPECT_THAT(log_, ElementsAre("started 0 ", "disconnect 0 "));
+  RunDeferredDeletes();
+  EXPECT_TRUE(channel.isNull());
+}
+
+TEST_F(FakePlatform, DestroyedClientsTaskIsDeletedButNotStopped) {
+  Task& task = Start();
+  task.complete_start(Error());
+  root_.Release(manager_);
+  EXPECT_FALSE(task.complete_stop);
+  EXPECT_THAT(log_, ElementsAre("started 0 ", "released"));
+}
+
+TEST_F(FakePlatform, ServerListensOnTheSocketThatTheDispatcherNames) {
+  _TARVRpcServerRef* const server = root_.GetRpcServer(manager_);
+  server_table_.Run(server, nullptr);
+  ASSERT_EQ(TaskMessaging::GetAll().size(), 1U);
+  EXPECT_EQ(TaskMessaging::GetAll()[0]->descriptor, RuntimeManager::RuntimeDispatcher::kSocket);
+  server_table_.SendMessage(server, "hi");
+  EXPECT_THAT(TaskMessaging::GetAll()[0]->sent, ElementsAre(QJsonObject{{"data", "hi"}}));
+}
+
+}  // namespace
+}  // namespace tarv::test

@@ -1,0 +1,26 @@
+// A platform of which a test decides every move. It has the operations that every platform has, and
+// none of the signals that a platform may lack.
+#ifndef FAKE_RUNTIME_MANAGER_ERROR_H
+#define FAKE_RUNTIME_MANAGER_ERROR_H
+
+#include <QString>
+#include <utility>
+
+namespace RuntimeManager {
+
+class Error {
+ public:
+  Error() = default;
+  Error(int code, QString message) : code_(code), message_(std::move(message)) {}
+  bool isError() const { return code_ != 0; }
+  int code() const { return code_; }
+  QString message() const { return message_; }
+
+ private:
+  int code_ = 0;
+  QString message_;
+};
+
+}  // namespace RuntimeManager
+
+#endif  // FAKE_RUNTIME_MANAGER_ERROR_H

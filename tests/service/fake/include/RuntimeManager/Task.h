@@ -1,0 +1,50 @@
+#ifndef FAKE_RUNTIME_MANAGER_TASK_H
+#define FAKE_RUNTIME_MANAGER_TASK_H
+
+#include <RuntimeManager/Error.h>
+
+#include <QFlags>
+#include <QObject>
+#include <QStringList>
+#include <functional>
+#include <vector>
+
+namespace RuntimeManager {
+
+// Does nothing by itself: the test calls the completions that it was given.
+class Task : public QObject {
+ public:
+  enum class StopFlag { Kill = 1 };
+  Q_DECLARE_FLAGS(StopFlags, StopFlag)
+  using Completion = std::function<void(const Error&)>;
+
+  Task(QString task_name, QObject* parent) : QObject(parent), name(std::move(task_name)) {
+    GetAll().push_back(this);
+  }
+
+  void withIpcSocket(bool enabled) { has_socket = enabled; }
+  void withArguments(const QStringList& list) { arguments = list; }
+  void start(Completion completion) { complete_start = std::move(completion); }
+  void stop(StopFlags flags, Completion completion) {
+    stop_flags = flags;
+    complete_stop = std::move(completion);
+  }
+  QString socketPath() const { return "/fake/" + name; }
+
+  // Every task made since the test began, some of them perhaps destroyed.
+  static std::vector<Task*>& GetAll() {
+    static std::vector<Task*> tasks;
+    return tasks;
+  }
+
+  const QString name;
+  bool has_socket = false;
+  QStringList arguments;
+  StopFlags stop_flags{StopFlag::Kill};
+  Completion complete_start;
+  Completion complete_stop;
+};
+
+}  // namespace RuntimeManager
+
+#endif  // FAKE_RUNTIME_MANAGER_TASK_H

@@ -1,0 +1,8 @@
+/* The task "idle": waits to be told to go. */
+#include <unistd.h>
+
+int main(void) {
+  for (;;) {
+    pause();
+  }
+}

@@ -1,0 +1,30 @@
+#!/usr/bin/env python3
+"""The task "lines.py": speaks JSON Lines on the inherited socket with nothing but Python's library."""
+import json
+import os
+import socket
+import sys
+
+assert os.environ["LISTEN_FDS"] == "1" and int(os.environ["LISTEN_PID"]) == os.getpid()
+listener = socket.socket(fileno=3)
+connection, _ = listener.accept()
+stream = connection.makefile("rwb")
+
+
+def send(value):
+    stream.write(json.dumps(value).encode() + b"\n")
+    stream.flush()
+
+
+for line in stream:
+    text = json.loads(line)["data"]
+    if text == "odd ones":
+        send({"data": 5})
+        send({})
+        send({"text": "not a message"})
+        send([1, 2])
+        send({"data": ""})
+    elif text == "arguments":
+        send({"data": " ".join(sys.argv[1:])})
+    else:
+        send({"data": text[::-1]})
