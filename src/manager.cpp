@@ -38,15 +38,23 @@ void Manager::Release() {
     client.reset();
   }
   std::exchange(rpc_server_, nullptr).reset();
+  std::exchange(intent_manager_, nullptr).reset();
 }
 
 _TARVIntentManagerRef* Manager::HandleGetIntentManager(_TARVManagerRef* manager) {
-  if (!FromRef(manager)) {
+  const auto self = FromRef(manager);
+  if (!self) {
     QUARN_LOG_ERROR() << "Runtime Manager is not initialized.";
     return nullptr;
   }
-  QUARN_LOG_ERROR() << "Could not create Intent Manager on API side.";
-  return nullptr;
+  if (!self->intent_manager_) {
+    self->intent_manager_ = IntentManagerImpl::Create();
+  }
+  if (!self->intent_manager_) {
+    QUARN_LOG_ERROR() << "Could not create Intent Manager on API side.";
+    return nullptr;
+  }
+  return self->intent_manager_->GetRef();
 }
 
 _TARVRpcServerRef* Manager::HandleGetRpcServer(_TARVManagerRef* manager) {

@@ -8,6 +8,7 @@
 #include <memory>
 #include <vector>
 
+#include "intent_manager_impl.h"
 #include "rpc_client_impl.h"
 #include "rpc_server_impl.h"
 
@@ -39,6 +40,7 @@ class Manager final : public quarn::Object<Manager, _TARVManagerRef*> {
   void RemoveRpcClient(_TARVRpcClientRef* client);
 
   // Destroyed from the last to the first.
+  std::shared_ptr<IntentManagerImpl> intent_manager_;
   std::vector<std::shared_ptr<RpcClientImpl>> rpc_clients_;
   std::shared_ptr<RpcServerImpl> rpc_server_;
 };

@@ -2,6 +2,7 @@
 #include <quarn/sized_struct.h>
 #include <tarv/tarv_capi.h>
 
+#include "intent_manager_impl.h"
 #include "manager.h"
 #include "rpc_client_impl.h"
 #include "rpc_server_impl.h"
@@ -19,6 +20,7 @@ QuarnResult TARVProcTableLoad(TARVProcTable* table, std::size_t size) {
       .Fill(&TARVProcTable::Initialize, &Manager::HandleInitialize)
       .Fill(&TARVProcTable::Release, &Manager::HandleRelease)
       .Fill(&TARVProcTable::GetIntentManager, &Manager::HandleGetIntentManager)
+      .Fill(&TARVProcTable::IntentManagerProcTableLoad, &IntentManagerImpl::HandleLoadProcTable)
       .Fill(&TARVProcTable::CreateRpcClient, &Manager::HandleCreateRpcClient)
       .Fill(&TARVProcTable::RpcClientProcTableLoad, &RpcClientImpl::HandleLoadProcTable)
       .Fill(&TARVProcTable::GetRpcServer, &Manager::HandleGetRpcServer)

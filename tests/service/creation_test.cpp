@@ -31,7 +31,6 @@ void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 namespace tarv::test {
 namespace {
 
-using testing::ContainsRegex;
 using testing::EndsWith;
 using testing::HasSubstr;
 
@@ -46,7 +45,7 @@ std::string OutputWithFailingAllocation(int n, Action&& action) {
 }
 
 // In a process of its own, because the manager is made once in a process.
-TEST(CreationFailure, OfTheManagerMakesEveryInitializeReturnNullAndSaysWhyOnce) {
+TEST(ManagerCreationFailure, MakesEveryInitializeReturnNullAndSaysWhyOnce) {
   const pid_t child = fork();
   if (child == 0) {
     Tables tables;
@@ -94,6 +93,16 @@ TEST_F(CreationFailure, OfTheClientObjectItselfAddsItsOwnLine) {
     seen = seen || output.find(" Could not create Task Worker.\n") != std::string::npos;
   }
   EXPECT_TRUE(seen);
+}
+
+TEST_F(CreationFailure, OfTheIntentManagerGivesNullAndALineOfEachLayer) {
+  _TARVIntentManagerRef* intents = nullptr;
+  const std::string output = OutputWithFailingAllocation(
+      0, [&] { intents = tables_.root.GetIntentManager(manager_); });
+  EXPECT_EQ(intents, nullptr);
+  EXPECT_THAT(output, HasSubstr(" Could not create Intent Manager.\n"));
+  EXPECT_THAT(output, EndsWith(" Could not create Intent Manager on API side.\n"));
+  EXPECT_NE(tables_.root.GetIntentManager(manager_), nullptr);
 }
 
 TEST_F(CreationFailure, OfTheServerGivesNullWithoutAWord) {

@@ -49,6 +49,16 @@ TEST_F(Manager, HasOneServerUntilReleaseAndThenAnother) {
   EXPECT_NE(second, first);
 }
 
+TEST_F(Manager, HasOneIntentManagerUntilReleaseAndThenAnother) {
+  _TARVIntentManagerRef* const first = tables_.root.GetIntentManager(manager_);
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(tables_.root.GetIntentManager(manager_), first);
+  tables_.root.Release(manager_);
+  _TARVIntentManagerRef* const second = tables_.root.GetIntentManager(manager_);
+  EXPECT_NE(second, nullptr);
+  EXPECT_NE(second, first);
+}
+
 TEST_F(Manager, MakesANewClientAtEachCall) {
   const std::set<_TARVRpcClientRef*> handles = {tables_.root.CreateRpcClient(manager_),
                                                 tables_.root.CreateRpcClient(manager_),

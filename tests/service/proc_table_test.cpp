@@ -114,12 +114,20 @@ TEST(ProcTable, ServerIsFilledAsFarAsAnySizeReaches) {
   ExpectFillingByTheSizeRule<TARVRpcServerProcTable>(Tables().root.RpcServerProcTableLoad);
 }
 
+TEST(ProcTable, IntentManagerIsFilledAsFarAsAnySizeReaches) {
+  ExpectFillingByTheSizeRule<TARVIntentManagerProcTable>(Tables().root.IntentManagerProcTableLoad);
+}
+
 TEST(ProcTable, NullRootIsRefusedWithALine) {
   ExpectRefusalOfNull<TARVProcTable>(&TARVProcTableLoad);
 }
 
 TEST(ProcTable, NullClientTableIsRefusedWithALine) {
   ExpectRefusalOfNull<TARVRpcClientProcTable>(Tables().root.RpcClientProcTableLoad);
+}
+
+TEST(ProcTable, NullIntentManagerTableIsRefusedWithALine) {
+  ExpectRefusalOfNull<TARVIntentManagerProcTable>(Tables().root.IntentManagerProcTableLoad);
 }
 
 TEST(ProcTable, NullServerTableIsRefusedWithALine) {
