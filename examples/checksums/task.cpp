@@ -2,6 +2,7 @@
 // event loop always has an ear for the next message.
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <tarv/tarv_capi.h>
 
 #include <QCoreApplication>
@@ -9,8 +10,11 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QTimer>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <deque>
+#include <functional>
 #include <iostream>
 #include <memory>
 
@@ -50,7 +54,7 @@ class Hasher {
   };
 
   struct Work {
-    explicit Work(const Job& job) : id(job.id), file(QFile::decodeName(job.path.c_str())) {}
+    explicit Work(int job_id) : id(job_id) {}
     int id;
     QFile file;
     QCryptographicHash hash{QCryptographicHash::Sha256};
@@ -76,13 +80,17 @@ class Hasher {
       next_slice_.stop();
       return false;
     }
-    current_ = std::make_unique<Work>(waiting_.front());
+    const Job job = std::move(waiting_.front());
     waiting_.pop_front();
-    if (!current_->file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
-      Finish({{"failed", current_->id}, {"why", current_->file.errorString()}});
+    current_ = std::make_unique<Work>(job.id);
+    // Opened by its bytes: a path need not be text, which is all that QFile takes.
+    const int descriptor = open(job.path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (descriptor < 0) {
+      Finish({{"failed", job.id}, {"why", QString::fromLocal8Bit(std::strerror(errno))}});
       return false;
     }
-    return true;
+    return current_->file.open(descriptor, QIODevice::ReadOnly | QIODevice::Unbuffered,
+                               QFileDevice::AutoCloseHandle);
   }
 
   void ReportProgress() {
