@@ -24,6 +24,8 @@ void LoadTable(Load load, Table& table) {
 
 }  // namespace
 
+std::string TaskFolder() { return TEST_TASK_FOLDER; }
+
 bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
   const QDeadlineTimer deadline(limit);
   QTimer wake;  // so that a condition that no event announces is looked at all the same
@@ -122,7 +124,7 @@ bool Client::WaitForMessages(std::size_t count) const {
 }
 
 ServiceTest::ServiceTest()
-    : task_path_("RUNTIME_MANAGER_TASK_PATH", TEST_TASK_FOLDER),
+    : task_path_("RUNTIME_MANAGER_TASK_PATH", TaskFolder()),
       application_(argument_count, arguments),
       manager_(tables_.root.Initialize()) {
   RunEvents(std::chrono::milliseconds(0));  // the event loop opens its own descriptors

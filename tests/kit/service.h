@@ -19,6 +19,9 @@ namespace tarv::test {
 // Long enough for a loaded machine under a sanitizer; a test that waits this long has failed.
 constexpr std::chrono::seconds kPatience{60};
 
+// Where the tests' own tasks lie.
+std::string TaskFolder();
+
 // Runs the event loop until `condition` holds. False when patience ends first.
 bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit = kPatience);
 
