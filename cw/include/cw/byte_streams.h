@@ -1,0 +1,145 @@
+// What serializers write to and read from, and the streams over buffers.
+#ifndef CW_BYTE_STREAMS_H
+#define CW_BYTE_STREAMS_H
+
+#include <cw/codec_limits.h>
+#include <quarn/buffer.h>
+#include <quarn/export.h>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace cw {
+
+namespace internal {
+
+// What reading one message has used up of the bounds in codec_limits.h: one budget for the whole
+// message, whatever the nesting. Every operation throws std::length_error when a bound is passed.
+class TARV_EXPORT DecodeBudget {
+ public:
+  // One value more, or less, is being read inside others.
+  void EnterValue();
+  void LeaveValue() { --depth_; }
+  bool IsInsideValue() const { return depth_ > 0; }
+
+  // The value being read is a list or map.
+  void CheckContainer() const;
+
+  // A container announces `count` items of at least `item_size` bytes each, with `bytes_left` to
+  // come. Everything announced and not begun must find a byte of its own or be made up, so headers
+  // that each claim the rest of the message add up.
+  void Announce(std::size_t count, std::size_t item_size, std::size_t bytes_left);
+  // One announced item is begun.
+  void Begin(std::size_t item_size, std::size_t bytes_left);
+  // `count` announced items will not be read.
+  void Withdraw(std::size_t count) { announced_ -= count; }
+
+  // `count` items are made up.
+  void MakeUp(std::size_t count);
+
+ private:
+  std::size_t Left() const { return kMaxMadeUpItems - made_up_; }
+
+  std::size_t depth_ = 0;
+  std::size_t announced_ = 0;
+  std::size_t made_up_ = 0;
+};
+
+}  // namespace internal
+
+// Where a serializer writes one message. One thread at a time.
+class TARV_EXPORT ByteStreamWriter {
+ public:
+  ByteStreamWriter() = default;
+  ByteStreamWriter(const ByteStreamWriter&) = delete;
+  ByteStreamWriter& operator=(const ByteStreamWriter&) = delete;
+
+  virtual ~ByteStreamWriter() = default;
+  virtual void WriteByte(std::uint8_t byte) = 0;
+  // Appends `length` bytes; `data` may be null when there are none.
+  virtual void WriteBytes(const std::uint8_t* data, std::size_t length) = 0;
+  // Appends zero bytes up to a multiple of `alignment`, counted from the start of the message.
+  virtual void WriteAlignment(std::uint8_t alignment) = 0;
+
+ private:
+  friend class NestingScope;
+  std::size_t nesting_ = 0;
+};
+
+// One level of nesting on a writer, while it lives. Whoever writes the header and the items of a
+// list or map opens one around them. Throws std::length_error past kMaxNesting.
+class TARV_EXPORT NestingScope {
+ public:
+  explicit NestingScope(ByteStreamWriter* stream);
+  ~NestingScope() { --stream_->nesting_; }
+  NestingScope(const NestingScope&) = delete;
+  NestingScope& operator=(const NestingScope&) = delete;
+
+ private:
+  ByteStreamWriter* stream_;
+};
+
+// Writes to the end of a buffer. Start with an empty one: alignment counts from the buffer's start.
+class TARV_EXPORT ByteBufferStreamWriter final : public ByteStreamWriter {
+ public:
+  // `buffer` stays the caller's and must outlive the writer.
+  explicit ByteBufferStreamWriter(quarn::Buffer* buffer) : buffer_(buffer) {}
+
+  void WriteByte(std::uint8_t byte) override { buffer_->WriteByte(byte); }
+  void WriteBytes(const std::uint8_t* data, std::size_t length) override {
+    buffer_->WriteBytes(data, length);
+  }
+  void WriteAlignment(std::uint8_t alignment) override { buffer_->WriteAlignment(alignment); }
+
+ private:
+  quarn::Buffer* buffer_;
+};
+
+// Where a serializer reads one message from. One thread at a time.
+class TARV_EXPORT ByteStreamReader {
+ public:
+  ByteStreamReader() = default;
+  ByteStreamReader(const ByteStreamReader&) = delete;
+  ByteStreamReader& operator=(const ByteStreamReader&) = delete;
+
+  virtual ~ByteStreamReader() = default;
+  // The next byte; 0 past the end.
+  virtual std::uint8_t ReadByte() = 0;
+  // The next `length` bytes into `out`; when there are fewer, leaves `out` and the position alone.
+  virtual void ReadBytes(std::uint8_t* out, std::size_t length) = 0;
+  // Moves on to the next multiple of `alignment`, counted from the start of the message.
+  virtual void ReadAlignment(std::uint8_t alignment) = 0;
+  // How many bytes are left for certain. What a stream does not vouch for counts as made up, so
+  // with this default at most kMaxMadeUpItems items can be read: override it for larger messages.
+  virtual std::size_t BytesLeft() const { return 0; }
+
+  // For serializers: the budget of the message that this stream holds.
+  internal::DecodeBudget& GetBudget() { return budget_; }
+
+ private:
+  internal::DecodeBudget budget_;
+};
+
+// Reads a range of bytes. Each read past the end writes one line to standard error, "Invalid read
+// in StandardCodecByteStreamReader", and yields zeros.
+class TARV_EXPORT ByteBufferStreamReader final : public ByteStreamReader {
+ public:
+  // The bytes stay the caller's and must outlive the reader. A null `data` is an empty range.
+  ByteBufferStreamReader(const std::uint8_t* data, std::size_t size)
+      : data_(data), size_(data == nullptr ? 0 : size) {}
+
+  std::uint8_t ReadByte() override;
+  void ReadBytes(std::uint8_t* out, std::size_t length) override;
+  // May move past the end; the next read reports it. Nothing for an alignment of 0.
+  void ReadAlignment(std::uint8_t alignment) override;
+  std::size_t BytesLeft() const override { return location_ < size_ ? size_ - location_ : 0; }
+
+ private:
+  const std::uint8_t* data_;
+  std::size_t size_;
+  std::size_t location_ = 0;
+};
+
+}  // namespace cw
+
+#endif  // CW_BYTE_STREAMS_H

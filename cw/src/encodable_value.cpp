@@ -1,0 +1,80 @@
+#include <cw/encodable_value.h>
+#include <cw/standard_message_codec.h>
+#include <quarn/sized_struct.h>
+
+#include <new>
+#include <stdexcept>
+
+namespace cw {
+
+namespace {
+
+// Doubles hold every integer up to this magnitude.
+constexpr std::int64_t kMaxExactInteger = std::int64_t{1} << 53;
+
+}  // namespace
+
+std::optional<bool> EncodableValue::AsBool() const {
+  const auto* flag = std::get_if<bool>(this);
+  return flag == nullptr ? std::nullopt : std::optional(*flag);
+}
+
+std::optional<std::int64_t> EncodableValue::AsInt64() const {
+  if (const auto* int32 = std::get_if<std::int32_t>(this)) {
+    return *int32;
+  }
+  const auto* int64 = std::get_if<std::int64_t>(this);
+  return int64 == nullptr ? std::nullopt : std::optional(*int64);
+}
+
+std::optional<double> EncodableValue::AsDouble() const {
+  if (const auto* number = std::get_if<double>(this)) {
+    return *number;
+  }
+  const std::optional<std::int64_t> integer = AsInt64();
+  if (!integer || *integer > kMaxExactInteger || *integer < -kMaxExactInteger) {
+    return std::nullopt;
+  }
+  return static_cast<double>(*integer);
+}
+
+const EncodableValue* EncodableValue::Find(std::string_view key) const {
+  const EncodableMap* map = AsMap();
+  return map == nullptr ? nullptr : cw::Find(*map, key);
+}
+
+const EncodableValue* EncodableValue::At(std::size_t index) const {
+  const EncodableList* list = AsList();
+  return list == nullptr || index >= list->size() ? nullptr : &(*list)[index];
+}
+
+const EncodableValue* Find(const EncodableMap& map, std::string_view key) {
+  const auto entry = map.find(EncodableValue(key));
+  return entry == map.end() ? nullptr : &entry->second;
+}
+
+quarn::Buffer EncodableValue::Serialize() const {
+  return StandardMessageCodec::GetInstance(nullptr).EncodeMessage(*this);
+}
+
+EncodableValue EncodableValue::Deserialize(const std::uint8_t* data, std::size_t size) {
+  try {
+    auto value = StandardMessageCodec::GetInstance(nullptr).DecodeMessage(data, size);
+    return value ? std::move(*value) : EncodableValue();
+  } catch (const std::length_error&) {
+    return {};  // beyond the codec's bounds
+  } catch (const std::bad_alloc&) {
+    return {};
+  }
+}
+
+EncodableValue EncodableValue::Deserialize(QuarnBufferView* view) {
+  return Deserialize(quarn::ReadField(view, &QuarnBufferView::data),
+                     quarn::ReadField(view, &QuarnBufferView::size));
+}
+
+EncodableValue EncodableValue::Deserialize(const quarn::Buffer& buffer) {
+  return Deserialize(buffer.GetData(), buffer.GetSize());
+}
+
+}  // namespace cw
