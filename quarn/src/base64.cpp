@@ -1,5 +1,7 @@
 #include "base64.h"
 
+#include <quarn/logger.h>
+
 #include <array>
 #include <cstring>
 
@@ -70,7 +72,8 @@ void StoreGroup(std::uint32_t group, std::uint8_t* out) {
   out[2] = static_cast<std::uint8_t>(group);
 }
 
-// Whether c and d are the last two characters, so that '=' may stand there.
+// Decodes the quad that ends a text, the only one in which '=' may stand: one to three bytes. False
+// for a foreign character, misplaced padding, or bits left over before the padding.
 bool DecodeLastQuad(const char* text, std::uint8_t* out) {
   const std::uint8_t a = ValueOf(text[0]);
   const std::uint8_t b = ValueOf(text[1]);
@@ -108,6 +111,17 @@ void EncodeTail(const std::uint8_t* data, std::size_t size, char* out) {
 }
 
 }  // namespace
+
+std::string EncodeToText(const std::uint8_t* data, std::size_t size) {
+  const auto length = EncodedLength(size);
+  if (!length) {
+    QUARN_LOG_ERROR() << "Buffer is too large to encode as Base64.";
+    return {};
+  }
+  std::string text(*length, '\0');
+  Encode(data, size, text.data());
+  return text;
+}
 
 void Encode(const std::uint8_t* data, std::size_t size, char* out) {
   const std::uint8_t* const full_end = data + size / 3 * 3;

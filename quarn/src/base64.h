@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <string>
 
 namespace quarn::base64 {
 
@@ -21,6 +22,10 @@ constexpr std::optional<std::size_t> EncodedLength(std::size_t size) {
   }
   return groups * 4;
 }
+
+// The text of `size` bytes; empty, after a log line, when it would be too large to address, without
+// a look at the bytes.
+std::string EncodeToText(const std::uint8_t* data, std::size_t size);
 
 // Writes EncodedLength(size) characters to `out`.
 void Encode(const std::uint8_t* data, std::size_t size, char* out);

@@ -56,16 +56,7 @@ Buffer Buffer::FromCAPI(QuarnBufferView* view) {
   return Buffer(ReadField(view, &QuarnBufferView::data), ReadField(view, &QuarnBufferView::size));
 }
 
-std::string Buffer::ToBase64() const {
-  const auto length = base64::EncodedLength(bytes_.size());
-  if (!length) {
-    QUARN_LOG_ERROR() << "Buffer is too large to encode as Base64.";
-    return {};
-  }
-  std::string text(*length, '\0');
-  base64::Encode(bytes_.data(), bytes_.size(), text.data());
-  return text;
-}
+std::string Buffer::ToBase64() const { return base64::EncodeToText(bytes_.data(), bytes_.size()); }
 
 Buffer Buffer::FromBase64(const std::string& text) {
   const auto size = base64::DecodedSize(text.data(), text.size());

@@ -1,6 +1,7 @@
 #include <quarn/logger.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <iostream>
 #include <string>
@@ -23,9 +24,13 @@ constexpr Tag kTags[] = {
     {"[fatal]", "\033[1;31m"},
 };
 
-// Asked afresh for each escape: standard output may be redirected while the process runs.
+// Asked afresh for each escape: standard output may be redirected while the process runs. Leaves
+// errno alone: the message may be about to describe it.
 std::string_view Gated(std::string_view escape) {
-  return isatty(STDOUT_FILENO) != 0 ? escape : std::string_view();
+  const int saved_errno = errno;
+  const bool is_terminal = isatty(STDOUT_FILENO) != 0;
+  errno = saved_errno;
+  return is_terminal ? escape : std::string_view();
 }
 
 const Tag* FindTag(LogLevel level) {

@@ -29,7 +29,8 @@ ResourcesCache::Chunk* ResourcesCache::GetChunkUnsafe(std::uint64_t id) {
   const auto found = std::find_if(chunks_.begin(), chunks_.end(),
                                   [id](const Chunk& chunk) { return chunk.id == id; });
   if (id == 0 || found == chunks_.end()) {
-    QUARN_LOG_ERROR() << "Invalid chunk ID <" << id << ">";
+    // Decimal, whatever base or locale the application has set on standard output.
+    QUARN_LOG_ERROR() << "Invalid chunk ID <" << std::to_string(id) << ">";
     return nullptr;
   }
   return &*found;

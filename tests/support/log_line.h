@@ -15,7 +15,7 @@ namespace tarv::test {
 // `message`, a line break, and nothing else.
 MATCHER_P2(IsLogLine, level, message,
            std::string(negation ? "is not" : "is") + " the " + level + " line: " + message) {
-  const std::string text(arg);
+  const std::string& text = arg;
   const std::string tag = "[" + std::string(level) + "] ";
   const std::string end = " " + std::string(message) + "\n";
   if (text.size() < tag.size() + end.size() || text.compare(0, tag.size(), tag) != 0 ||

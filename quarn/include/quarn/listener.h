@@ -60,7 +60,8 @@ class CppStyleListener : public IListener<Args...> {
 };
 
 // A listener around a C slot: a callback, a function that releases the user data, the user data.
-// `release` runs exactly once, after InvokeOnce or when the listener dies. Not for concurrent use.
+// `release` runs exactly once, after InvokeOnce (also when the callback throws) or when the
+// listener dies. The callback may call or destroy the listener. Not for concurrent use.
 template <class... Args>
 class CStyleListener : public IListener<Args...> {
  public:
@@ -72,7 +73,11 @@ class CStyleListener : public IListener<Args...> {
         release_(ReadField(slot, &Slot::release)),
         user_data_(ReadField(slot, &Slot::user_data)) {}
 
-  ~CStyleListener() override { Release(); }
+  ~CStyleListener() override {
+    if (release_ != nullptr) {
+      release_(user_data_);
+    }
+  }
   CStyleListener(const CStyleListener&) = delete;
   CStyleListener& operator=(const CStyleListener&) = delete;
 
@@ -83,22 +88,16 @@ class CStyleListener : public IListener<Args...> {
   }
 
   void InvokeOnce(Args... args) override {
-    const auto callback = std::exchange(callback_, nullptr);
-    if (callback != nullptr) {
-      callback(user_data_, std::move(args)...);
-    }
-    Release();
+    // Dies, and so releases the user data, when the call is over.
+    const CStyleListener taken(std::move(*this));
+    taken.Invoke(std::move(args)...);
   }
 
  private:
-  void Release() {
-    callback_ = nullptr;
-    const auto release = std::exchange(release_, nullptr);
-    void* const user_data = std::exchange(user_data_, nullptr);
-    if (release != nullptr) {
-      release(user_data);
-    }
-  }
+  CStyleListener(CStyleListener&& other) noexcept
+      : callback_(std::exchange(other.callback_, nullptr)),
+        release_(std::exchange(other.release_, nullptr)),
+        user_data_(std::exchange(other.user_data_, nullptr)) {}
 
   void (*callback_)(void* user_data, Args...);
   void (*release_)(void* user_data);

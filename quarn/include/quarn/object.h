@@ -22,6 +22,7 @@
 #include <mutex>
 #include <new>
 #include <shared_mutex>
+#include <type_traits>
 #include <unordered_map>
 #include <utility>
 
@@ -94,7 +95,8 @@ class ObjectRegistry {
 // as the last argument of its constructor, so that only its own Create can build one.
 template <class T, class Ref>
 class Object : public details::ObjectImpl, public std::enable_shared_from_this<T> {
-  static_assert(sizeof(Ref) == sizeof(std::uint64_t), "a handle carries a 64-bit id");
+  static_assert(std::is_pointer_v<Ref> && sizeof(std::uintptr_t) == sizeof(std::uint64_t),
+                "a handle is a pointer type that carries a 64-bit id");
 
  public:
   explicit Object(const std::shared_ptr<IDispatcher>& dispatcher)
@@ -104,7 +106,8 @@ class Object : public details::ObjectImpl, public std::enable_shared_from_this<T
   // The live object with this handle, or an empty pointer. Any thread.
   static std::shared_ptr<T> FromRef(Ref ref) { return GetRegistry().Find(ref); }
 
-  Ref GetRef() const { return reinterpret_cast<Ref>(id_); }
+  // A number in a pointer's clothes: nobody dereferences it.
+  Ref GetRef() const { return reinterpret_cast<Ref>(id_); }  // NOLINT(performance-no-int-to-ptr)
   std::uint64_t GetId() const { return id_; }
 
   // Makes the handle resolve to nothing while the object lives on. Any thread.

@@ -43,8 +43,7 @@ class TARV_EXPORT ResourcesCache {
 
   // Moves `buffer` into the chunk and describes it in `out`, as far as `out_size` bytes reach.
   // False, with the buffer left to the caller, when `out` is null (logged) or there is no such
-  // chunk
-  // (`out` is then zero but for its size).
+  // chunk (`out` is then zero but for its size).
   bool AppendBuffer(std::uint64_t id, Buffer&& buffer, QuarnBufferView* out, std::size_t out_size);
 
  private:

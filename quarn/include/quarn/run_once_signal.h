@@ -36,7 +36,7 @@ class RunOnceSignal : public details::CounterClient {
       owned_->emplace_back(id, listener);
       return id;
     }
-    InvokeLate(lock, *listener);
+    InvokeLate(lock, listener);
     return 0;
   }
 
@@ -46,7 +46,7 @@ class RunOnceSignal : public details::CounterClient {
     if (!emitted_) {
       weak_->push_back(listener);
     } else if (const auto alive = listener.lock()) {
-      InvokeLate(lock, *alive);
+      InvokeLate(lock, alive);
     }
   }
 
@@ -71,7 +71,7 @@ class RunOnceSignal : public details::CounterClient {
 
   // The first call stores the arguments, calls every listener with them and lets the listeners go;
   // later calls do nothing. An exception ends the emission and reaches the caller.
-  void EmitImpl(const Args&... args) {
+  void EmitImpl(Args... args) {
     std::unique_lock lock(mutex_);
     if (emitted_) {
       return;
@@ -92,10 +92,11 @@ class RunOnceSignal : public details::CounterClient {
   }
 
  private:
-  void InvokeLate(std::unique_lock<std::mutex>& lock, Listener& listener) {
+  // Takes the listener by value: its call may destroy this signal and drop every other reference.
+  void InvokeLate(std::unique_lock<std::mutex>& lock, std::shared_ptr<Listener> listener) {
     const std::tuple<Args...> args = *stored_;
     lock.unlock();
-    std::apply([&listener](const Args&... arg) { listener.InvokeOnce(arg...); }, args);
+    std::apply([&listener](const Args&... arg) { listener->InvokeOnce(arg...); }, args);
   }
 
   using OwnedListeners = std::vector<std::pair<std::uint64_t, std::shared_ptr<Listener>>>;

@@ -16,7 +16,8 @@
 namespace quarn {
 
 // What subscribers see of a signal; its owner emits it through OwnedSignal. Any thread. Listeners
-// run outside the lock and may subscribe, unsubscribe or emit from inside their call.
+// run outside the lock and may subscribe, unsubscribe, emit or destroy the signal from inside their
+// call.
 template <class... Args>
 class Signal : public details::CounterClient {
  public:
@@ -29,17 +30,28 @@ class Signal : public details::CounterClient {
   // the id returned here. The id is drawn from the process's counter.
   std::uint64_t Subscribe(const std::shared_ptr<Listener>& listener) {
     const std::uint64_t id = GenerateId();
-    const std::unique_lock lock(mutex_);
+    const std::unique_lock lock(order_->mutex);
     owned_.emplace(id, listener);
-    listeners_.push_back(listener);
+    order_->entries.push_back({id, listener});
     return id;
   }
 
-  // Ends a subscription; an unknown id changes nothing. The listener, unless somebody else holds
-  // it, is not called any more, not even by an emission under way that has not reached it yet.
+  // As Subscribe, without keeping the listener alive; the first emission that finds it dead forgets
+  // it.
+  std::uint64_t SubscribeWeak(const std::weak_ptr<Listener>& listener) {
+    const std::uint64_t id = GenerateId();
+    const std::unique_lock lock(order_->mutex);
+    order_->entries.push_back({id, listener});
+    return id;
+  }
+
+  // Ends a subscription; an unknown id changes nothing. No emission that begins from now on calls
+  // the listener, and neither does one under way that has not reached it, unless somebody else
+  // keeps it alive.
   void Unsubscribe(std::uint64_t id) {
     std::shared_ptr<Listener> listener;  // dies after the lock is released
-    const std::unique_lock lock(mutex_);
+    const std::unique_lock lock(order_->mutex);
+    order_->EraseIf([id](const Entry& entry) { return entry.id == id; });
     const auto found = owned_.find(id);
     if (found != owned_.end()) {
       listener = std::move(found->second);
@@ -53,37 +65,49 @@ class Signal : public details::CounterClient {
 
   // Calls every listener with a copy of the arguments. An exception ends the emission and reaches
   // the caller.
-  void EmitImpl(const Args&... args) const {
+  void EmitImpl(Args... args) const {
+    // From the first call on, neither the signal nor what the emitter passed in need be there.
+    const std::shared_ptr<Order> order = order_;
     bool seen_dead = false;
-    for (const auto& entry : CopyListeners()) {
-      if (const auto listener = entry.lock()) {
+    for (const Entry& entry : order->Copy()) {
+      if (const auto listener = entry.listener.lock()) {
         listener->Invoke(args...);
       } else {
         seen_dead = true;
       }
     }
     if (seen_dead) {
-      EraseExpired();
+      const std::unique_lock lock(order->mutex);
+      order->EraseIf([](const Entry& entry) { return entry.listener.expired(); });
     }
   }
 
  private:
-  std::vector<std::weak_ptr<Listener>> CopyListeners() const {
-    const std::shared_lock lock(mutex_);
-    return listeners_;
-  }
+  struct Entry {
+    std::uint64_t id;
+    std::weak_ptr<Listener> listener;
+  };
 
-  void EraseExpired() const {
-    const std::unique_lock lock(mutex_);
-    listeners_.erase(std::remove_if(listeners_.begin(), listeners_.end(),
-                                    [](const auto& entry) { return entry.expired(); }),
-                     listeners_.end());
-  }
+  // The order of emission. Emissions under way share it, so it may outlive the signal.
+  struct Order {
+    std::vector<Entry> Copy() const {
+      const std::shared_lock lock(mutex);
+      return entries;
+    }
 
-  // The order of emission; `owned_` is what keeps the listeners alive.
-  mutable std::vector<std::weak_ptr<Listener>> listeners_;
+    // With the mutex held.
+    template <class Predicate>
+    void EraseIf(Predicate predicate) {
+      entries.erase(std::remove_if(entries.begin(), entries.end(), predicate), entries.end());
+    }
+
+    mutable std::shared_mutex mutex;  // guards the entries and the signal's `owned_`
+    std::vector<Entry> entries;
+  };
+
+  std::shared_ptr<Order> order_ = std::make_shared<Order>();
+  // What keeps the listeners alive, by subscription.
   std::unordered_map<std::uint64_t, std::shared_ptr<Listener>> owned_;
-  mutable std::shared_mutex mutex_;
 };
 
 // The owner's view of a signal.

@@ -1,0 +1,192 @@
+// A program of its own: it counts the locks that the library takes, and makes taking them fail.
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <quarn/object.h>
+#include <quarn/run_once_signal.h>
+#include <quarn/signal.h>
+
+#include <cerrno>
+#include <functional>
+#include <memory>
+#include <string>
+#include <system_error>
+
+namespace {
+
+int shared_locks = 0;
+int exclusive_locks = 0;
+// How many attempts to lock shared fail for a while, and what the next attempt of any kind returns.
+int busy_attempts = 0;
+int failure = 0;
+
+}  // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker wants these names
+extern "C" {
+
+int __real_pthread_rwlock_rdlock(pthread_rwlock_t* lock);
+int __real_pthread_rwlock_wrlock(pthread_rwlock_t* lock);
+
+int __wrap_pthread_rwlock_rdlock(pthread_rwlock_t* lock) {
+  ++shared_locks;
+  if (busy_attempts > 0) {
+    --busy_attempts;
+    return EAGAIN;
+  }
+  return failure != 0 ? failure : __real_pthread_rwlock_rdlock(lock);
+}
+
+int __wrap_pthread_rwlock_wrlock(pthread_rwlock_t* lock) {
+  ++exclusive_locks;
+  return failure != 0 ? failure : __real_pthread_rwlock_wrlock(lock);
+}
+
+}  // extern "C"
+// NOLINTEND(bugprone-reserved-identifier)
+
+struct ThingRef;
+
+namespace {
+
+using quarn::IDispatcher;
+
+class Thing : public quarn::Object<Thing, ThingRef*> {
+  struct PrivateTag {
+    explicit PrivateTag() = default;
+  };
+
+ public:
+  Thing(const std::shared_ptr<IDispatcher>& dispatcher, PrivateTag) : Object(dispatcher) {}
+  static std::shared_ptr<Thing> Create(const std::shared_ptr<IDispatcher>& dispatcher) {
+    return Object::Create(dispatcher, PrivateTag());
+  }
+};
+
+class RunningDispatcher : public IDispatcher {
+ public:
+  void Invoke(const std::function<void()>& task, unsigned int /*param*/) override { task(); }
+};
+
+using IntListener = quarn::CppStyleListener<int>;
+
+class Locks : public testing::Test {
+ protected:
+  void SetUp() override {
+    thing_ = Thing::Create(std::make_shared<RunningDispatcher>());
+    Forget();
+  }
+  void TearDown() override { failure = 0; }
+
+  static void Forget() {
+    shared_locks = 0;
+    exclusive_locks = 0;
+  }
+
+  // Whether `action` raises the error of a lock that would deadlock.
+  template <class Action>
+  static bool Deadlocks(Action&& action) {
+    failure = EDEADLK;
+    std::error_code code;
+    try {
+      action();
+    } catch (const std::system_error& error) {
+      code = error.code();
+    }
+    failure = 0;
+    return code == std::errc::resource_deadlock_would_occur;
+  }
+
+  quarn::OwnedSignal<int> signal_;
+  std::shared_ptr<Thing> thing_;
+  int heard_ = 0;
+  std::shared_ptr<IntListener> listener_ =
+      std::make_shared<IntListener>([this](int value) { heard_ += value; });
+};
+
+TEST_F(Locks, EmittingASignalWithoutListenersTakesNoExclusiveLock) {
+  signal_.Emit(1);
+  EXPECT_EQ(exclusive_locks, 0);
+  EXPECT_EQ(shared_locks, 1);
+}
+
+TEST_F(Locks, EmittingToLiveListenersTakesNoExclusiveLock) {
+  signal_.Subscribe(listener_);
+  EXPECT_EQ(exclusive_locks, 1);
+  Forget();
+  signal_.Emit(1);
+  EXPECT_EQ(heard_, 1);
+  EXPECT_EQ(exclusive_locks, 0);
+}
+
+TEST_F(Locks, AnEmissionForgetsDeadListenersOnceUnderAnExclusiveLock) {
+  signal_.SubscribeWeak(std::make_shared<IntListener>([](int) {}));
+  signal_.SubscribeWeak(std::make_shared<IntListener>([](int) {}));
+  Forget();
+  signal_.Emit(1);
+  EXPECT_EQ(exclusive_locks, 1);
+  Forget();
+  signal_.Emit(1);
+  EXPECT_EQ(exclusive_locks, 0);
+}
+
+TEST_F(Locks, ResolvingAHandleTakesNoExclusiveLock) {
+  EXPECT_EQ(Thing::FromRef(thing_->GetRef()), thing_);
+  EXPECT_EQ(shared_locks, 1);
+  EXPECT_EQ(exclusive_locks, 0);
+}
+
+TEST_F(Locks, InvokingTakesNoExclusiveLock) {
+  bool ran = false;
+  thing_->Invoke([&ran] { ran = true; }, 0);
+  EXPECT_TRUE(ran);
+  EXPECT_EQ(shared_locks, 1);
+  EXPECT_EQ(exclusive_locks, 0);
+}
+
+TEST_F(Locks, DrawingAnIdTakesNoLock) {
+  quarn::details::CounterClient::GenerateId();
+  EXPECT_EQ(shared_locks + exclusive_locks, 0);
+}
+
+TEST_F(Locks, ASharedLockThatIsBusyIsTriedAgain) {
+  signal_.Subscribe(listener_);
+  busy_attempts = 3;
+  EXPECT_EQ(Thing::FromRef(thing_->GetRef()), thing_);
+  EXPECT_EQ(busy_attempts, 0);
+  busy_attempts = 3;
+  bool ran = false;
+  thing_->Invoke([&ran] { ran = true; }, 0);
+  EXPECT_TRUE(ran);
+  busy_attempts = 3;
+  signal_.Emit(1);
+  EXPECT_EQ(heard_, 1);
+  busy_attempts = 3;
+  listener_->Invoke(1);
+  EXPECT_EQ(heard_, 2);
+  EXPECT_EQ(busy_attempts, 0);
+}
+
+TEST_F(Locks, ALockThatWouldDeadlockRaisesASystemError) {
+  EXPECT_TRUE(Deadlocks([this] { Thing::FromRef(thing_->GetRef()); }));
+  EXPECT_TRUE(Deadlocks([this] { thing_->Invoke([] {}, 0); }));
+  EXPECT_TRUE(Deadlocks([this] { thing_->ResetDispatcher(); }));
+  EXPECT_TRUE(Deadlocks([this] { signal_.Emit(1); }));
+  EXPECT_TRUE(Deadlocks([this] { signal_.Subscribe(listener_); }));
+  EXPECT_TRUE(Deadlocks([this] { listener_->Invoke(1); }));
+  EXPECT_TRUE(Deadlocks([this] { listener_->InvokeOnce(1); }));
+  listener_->Invoke(1);
+  EXPECT_EQ(heard_, 1);
+}
+
+using LocksDeathTest = Locks;
+
+TEST_F(LocksDeathTest, ADestructorThatWouldDeadlockEndsTheProcess) {
+  EXPECT_EXIT(
+      {
+        failure = EDEADLK;
+        thing_.reset();
+      },
+      testing::KilledBySignal(SIGABRT), "");
+}
+
+}  // namespace
