@@ -1,0 +1,37 @@
+// A library that plays the service: what its tables hold and what its entries answer is up to the
+// test, which reaches the library's state through the symbol "GetFakeLibrary".
+#ifndef WRAPPER_FAKE_LIBRARY_H
+#define WRAPPER_FAKE_LIBRARY_H
+
+#include <tarv/tarv_capi.h>
+
+#include <set>
+#include <string>
+#include <vector>
+
+namespace tarv::test {
+
+struct FakeLibrary {
+  // What the loaders state as the size of their table; 0: what they were given.
+  std::uint64_t root_size = 0;
+  std::uint64_t client_size = 0;
+  std::uint64_t server_size = 0;
+  std::uint64_t intents_size = 0;
+  // Names of entries that are null, although their size covers them.
+  std::set<std::string> null_entries;
+  // Names of entries that fail: null handles, refusals.
+  std::set<std::string> failing;
+
+  // Every call, as "Name(arguments)".
+  std::vector<std::string> calls;
+  // What the wrapper passed in.
+  TARVRpcClientSlots client_slots{};
+  TARVRpcServerSlots server_slots{};
+  std::vector<TARVOpenUriSlot> uri_slots;
+};
+
+using GetFakeLibraryFunction = FakeLibrary*();
+
+}  // namespace tarv::test
+
+#endif  // WRAPPER_FAKE_LIBRARY_H

@@ -1,0 +1,670 @@
+// The objects that plug-ins use, over a library that plays the service.
+
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <quarn/dispatcher.h>
+#include <tarv/manager_wrapper.h>
+#include <tarv/rpc_client.h>
+#include <tarv/rpc_server.h>
+
+#include <filesystem>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "fake_library.h"
+#include "support/capture.h"
+#include "support/log_line.h"
+
+namespace tarv::test {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::IsSupersetOf;
+using testing::Not;
+using testing::StartsWith;
+using vorpc::Message;
+
+constexpr char kFolder[] = FAKE_LIBRARY_FOLDER;
+
+auto IsMissing(const std::string& entry) {
+  return IsLogLine("error", "Method '" + entry + "' is not provided by the loaded API.");
+}
+
+class Wrapper : public testing::Test {
+ protected:
+  Wrapper() : handle_(dlopen((std::string(kFolder) + "/libtarv.so").c_str(), RTLD_NOW)) {
+    const auto get = reinterpret_cast<GetFakeLibraryFunction*>(dlsym(handle_, "GetFakeLibrary"));
+    fake_ = get();
+    *fake_ = FakeLibrary();
+  }
+  ~Wrapper() override { dlclose(handle_); }
+
+  static std::unique_ptr<ManagerWrapper> CreateManager() {
+    return ManagerWrapper::Create(quarn::IDispatcher::CreateEmpty(), kFolder);
+  }
+
+  std::shared_ptr<vorpc::IClient> CreateClient() {
+    manager_ = CreateManager();
+    auto client = manager_->CreateIpcClient("worker");
+    fake_->calls.clear();
+    return client;
+  }
+
+  std::shared_ptr<vorpc::IServer> CreateServer() {
+    manager_ = CreateManager();
+    auto server = manager_->CreateRpcServer();
+    fake_->calls.clear();
+    return server;
+  }
+
+  // What `action` logs when it returns nothing.
+  template <class Action>
+  static std::string OutputOfFailure(Action&& action) {
+    return StdoutOf([&action] { EXPECT_FALSE(action()); });
+  }
+
+  void* handle_;
+  FakeLibrary* fake_ = nullptr;
+  std::unique_ptr<ManagerWrapper> manager_;
+};
+
+// ---- ManagerWrapper
+
+class ManagerWrapperTest : public Wrapper {};
+
+TEST_F(ManagerWrapperTest, OfANullRegistrarIsEmptyWithoutAWord) {
+  EXPECT_EQ(OutputOfFailure([] { return ManagerWrapper::Create(nullptr); }), "");
+}
+
+TEST_F(ManagerWrapperTest, OfAFolderWithoutTheLibraryIsEmptyWithTheLoadersLine) {
+  const std::string output = OutputOfFailure(
+      [] { return ManagerWrapper::Create(quarn::IDispatcher::CreateEmpty(), "/no/such/folder"); });
+  EXPECT_THAT(output, HasSubstr(" Couldn't load library \"\"/no/such/folder/libtarv.so\"\": "));
+  EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 1);
+}
+
+TEST_F(ManagerWrapperTest, OfALibraryWithoutTheSymbolIsEmptyWithBothLines) {
+  const std::string output = OutputOfFailure([] {
+    return ManagerWrapper::Create(quarn::IDispatcher::CreateEmpty(), EMPTY_LIBRARY_FOLDER);
+  });
+  EXPECT_THAT(output, HasSubstr(" Could not load TARVProcTableLoad symbol: "));
+  EXPECT_THAT(output, HasSubstr(" No proc table loader function provided.\n"));
+}
+
+TEST_F(ManagerWrapperTest, OfALoaderThatFailsIsEmptyWithALine) {
+  fake_->failing = {"TARVProcTableLoad"};
+  EXPECT_THAT(OutputOfFailure([] { return CreateManager(); }),
+              IsLogLine("error", "Failed to load proc table."));
+}
+
+TEST_F(ManagerWrapperTest, OfATableOfSizeEightNamesInitialize) {
+  fake_->root_size = 8;
+  EXPECT_THAT(OutputOfFailure([] { return CreateManager(); }), IsMissing("Initialize"));
+  EXPECT_THAT(fake_->calls, IsEmpty());
+}
+
+TEST_F(ManagerWrapperTest, OfATableWithoutInitializeNamesIt) {
+  fake_->null_entries = {"Initialize"};
+  EXPECT_THAT(OutputOfFailure([] { return CreateManager(); }), IsMissing("Initialize"));
+}
+
+TEST_F(ManagerWrapperTest, OfAnInitializeThatFailsIsEmptyWithoutAWord) {
+  fake_->failing = {"Initialize"};
+  EXPECT_EQ(OutputOfFailure([] { return CreateManager(); }), "");
+  EXPECT_THAT(fake_->calls, ElementsAre("Initialize()"));
+}
+
+TEST_F(ManagerWrapperTest, ReleasesTheManagerOnceWhenItDies) {
+  CreateManager();
+  EXPECT_THAT(fake_->calls, ElementsAre("Initialize()", "Release(manager)"));
+}
+
+TEST_F(ManagerWrapperTest, WithoutReleaseDiesWithoutAWord) {
+  fake_->null_entries = {"Release"};
+  EXPECT_EQ(StdoutOf([] { EXPECT_TRUE(CreateManager()); }), "");
+  EXPECT_THAT(fake_->calls, ElementsAre("Initialize()"));
+}
+
+TEST_F(ManagerWrapperTest, ReleasesAlsoWhenTheSizeDoesNotCoverThatEntry) {
+  fake_->root_size = 16;
+  CreateManager();
+  EXPECT_THAT(fake_->calls, ElementsAre("Initialize()", "Release(manager)"));
+}
+
+TEST_F(ManagerWrapperTest, OfSizeFortyHasIntentsButNeitherClientNorServer) {
+  fake_->root_size = 40;
+  const auto manager = CreateManager();
+  EXPECT_TRUE(manager->GetIntentManager());
+  EXPECT_THAT(OutputOfFailure([&] { return manager->CreateIpcClient("worker"); }),
+              IsMissing("CreateRpcClient"));
+  EXPECT_THAT(OutputOfFailure([&] { return manager->CreateRpcServer(); }),
+              IsMissing("GetRpcServer"));
+}
+
+TEST_F(ManagerWrapperTest, OfSize48NamesTheClientsLoader) {
+  fake_->root_size = 48;
+  const auto manager = CreateManager();
+  EXPECT_THAT(OutputOfFailure([&] { return manager->CreateIpcClient("worker"); }),
+              IsMissing("RpcClientProcTableLoad"));
+}
+
+TEST_F(ManagerWrapperTest, OfSize64NamesTheServersLoader) {
+  fake_->root_size = 64;
+  const auto manager = CreateManager();
+  EXPECT_THAT(OutputOfFailure([&] { return manager->CreateRpcServer(); }),
+              IsMissing("RpcServerProcTableLoad"));
+}
+
+TEST_F(ManagerWrapperTest, WithoutBothIntentEntriesNamesOnlyTheLoader) {
+  fake_->null_entries = {"GetIntentManager", "IntentManagerProcTableLoad"};
+  const auto manager = CreateManager();
+  EXPECT_THAT(OutputOfFailure([&] { return manager->GetIntentManager(); }),
+              IsMissing("IntentManagerProcTableLoad"));
+}
+
+TEST_F(ManagerWrapperTest, WithoutGetIntentManagerNamesIt) {
+  fake_->null_entries = {"GetIntentManager"};
+  const auto manager = CreateManager();
+  EXPECT_THAT(OutputOfFailure([&] { return manager->GetIntentManager(); }),
+              IsMissing("GetIntentManager"));
+  EXPECT_THAT(fake_->calls, ElementsAre("Initialize()"));
+}
+
+TEST_F(ManagerWrapperTest, LoadsTheIntentTableBeforeItAsksForTheObject) {
+  const auto manager = CreateManager();
+  manager->GetIntentManager();
+  EXPECT_THAT(fake_->calls, ElementsAre("Initialize()", "LoadIntents()", "GetIntentManager()"));
+}
+
+TEST_F(ManagerWrapperTest, AsksForTheClientBeforeItLoadsItsTable) {
+  const auto manager = CreateManager();
+  const auto client = manager->CreateIpcClient("worker");
+  EXPECT_THAT(fake_->calls, ElementsAre("Initialize()", "CreateRpcClient()", "LoadClient()",
+                                        StartsWith("StartTask('worker', ")));
+}
+
+TEST_F(ManagerWrapperTest, AsksForTheServerBeforeItLoadsItsTable) {
+  const auto manager = CreateManager();
+  const auto server = manager->CreateRpcServer();
+  EXPECT_THAT(fake_->calls, ElementsAre("Initialize()", "GetRpcServer()", "LoadServer()"));
+}
+
+TEST_F(ManagerWrapperTest, GivesNothingWithoutAWordWhereTheServiceGivesNull) {
+  fake_->failing = {"GetIntentManager", "CreateRpcClient", "GetRpcServer"};
+  const auto manager = CreateManager();
+  EXPECT_EQ(OutputOfFailure([&] { return manager->GetIntentManager(); }), "");
+  EXPECT_EQ(OutputOfFailure([&] { return manager->CreateIpcClient("worker"); }), "");
+  EXPECT_EQ(OutputOfFailure([&] { return manager->CreateRpcServer(); }), "");
+}
+
+TEST_F(ManagerWrapperTest, GivesNothingAndReleasesNothingWhereATableDoesNotLoad) {
+  fake_->failing = {"LoadIntents", "LoadClient", "LoadServer"};
+  const auto manager = CreateManager();
+  const auto line = IsLogLine("error", "Failed to load proc table.");
+  EXPECT_THAT(OutputOfFailure([&] { return manager->GetIntentManager(); }), line);
+  EXPECT_THAT(OutputOfFailure([&] { return manager->CreateIpcClient("worker"); }), line);
+  EXPECT_THAT(OutputOfFailure([&] { return manager->CreateRpcServer(); }), line);
+  EXPECT_THAT(fake_->calls, Not(Contains("Release(client)")));
+}
+
+TEST_F(ManagerWrapperTest, ObjectsThatOutliveItKeepTheLibraryLoaded) {
+  auto client = CreateClient();
+  manager_.reset();
+  client.reset();
+  EXPECT_THAT(fake_->calls, ElementsAre("Release(manager)", "Release(client)"));
+}
+
+// ---- RpcClient
+
+class RpcClientWrapper : public Wrapper {
+ protected:
+  void Started(int code, const char* message, std::size_t chunk) const {
+    fake_->client_slots.OnStarted(fake_->client_slots.user_data, code, message, chunk);
+  }
+  void Disconnected(int code, const char* message, std::size_t chunk) const {
+    fake_->client_slots.OnDisconnect(fake_->client_slots.user_data, code, message, chunk);
+  }
+  void Received(const std::string& text, std::size_t chunk) const {
+    fake_->client_slots.OnMessage(fake_->client_slots.user_data, text.c_str(), chunk);
+  }
+
+  // The message that the wrapper sent last.
+  Message LastSent() const {
+    std::string call = fake_->calls.back();
+    return Message::FromBase64(call.substr(6, call.size() - 8));
+  }
+
+  // A client whose handshake is done.
+  std::shared_ptr<vorpc::IClient> CreateConnectedClient() {
+    auto client = CreateClient();
+    client->Run();
+    Started(0, "", 0);
+    const Message connect = LastSent();
+    Received(Message::CreateResponse(connect.GetRequest()->id, {}).ToBase64(), 1);
+    EXPECT_TRUE(client->IsConnected());
+    fake_->calls.clear();
+    return client;
+  }
+};
+
+TEST_F(RpcClientWrapper, WithoutATableOrAHandleIsEmptyWithoutAWord) {
+  const auto library = quarn::Library::Create(std::string(kFolder) + "/libtarv.so");
+  const std::shared_ptr<RpcClient::Api> api = RpcClient::Api::Create(
+      library, [](TARVRpcClientProcTable*, std::uint64_t) { return QUARN_RESULT_SUCCESS; });
+  auto* const handle = reinterpret_cast<_TARVRpcClientRef*>(7);
+  EXPECT_EQ(OutputOfFailure([&] { return RpcClient::Create(nullptr, "w", nullptr, handle); }), "");
+  EXPECT_EQ(OutputOfFailure([&] { return RpcClient::Create(nullptr, "w", api, nullptr); }), "");
+}
+
+TEST_F(RpcClientWrapper, ChecksItsEntriesInOrderAndNamesTheFirstThatIsMissing) {
+  const auto output = [this] {
+    return OutputOfFailure([] { return CreateManager()->CreateIpcClient("worker"); });
+  };
+  fake_->null_entries = {"SendMessage", "StartTask", "UnlockResources", "client Release"};
+  EXPECT_THAT(output(), IsMissing("SendMessage"));
+  fake_->null_entries.erase("SendMessage");
+  EXPECT_THAT(output(), IsMissing("StartTask"));
+  fake_->null_entries.erase("StartTask");
+  EXPECT_THAT(output(), IsMissing("UnlockResources"));
+  fake_->null_entries.erase("UnlockResources");
+  EXPECT_THAT(output(), IsMissing("Release"));
+}
+
+TEST_F(RpcClientWrapper, OfATableOfSize24NamesSendMessage) {
+  fake_->client_size = 24;
+  EXPECT_THAT(OutputOfFailure([] { return CreateManager()->CreateIpcClient("worker"); }),
+              IsMissing("SendMessage"));
+}
+
+TEST_F(RpcClientWrapper, OfATableOfSize32NamesRelease) {
+  fake_->client_size = 32;
+  EXPECT_THAT(OutputOfFailure([] { return CreateManager()->CreateIpcClient("worker"); }),
+              IsMissing("Release"));
+}
+
+TEST_F(RpcClientWrapper, StartsTheTaskWithTheFolderOfTheLibraryAndItsOwnSlots) {
+  const auto manager = CreateManager();
+  const auto client = manager->CreateIpcClient("worker");
+  EXPECT_EQ(fake_->calls.back(), "StartTask('worker', '" + std::string(kFolder) + "')");
+  EXPECT_EQ(fake_->client_slots.size, 48U);
+  EXPECT_NE(fake_->client_slots.OnStarted, nullptr);
+  EXPECT_NE(fake_->client_slots.OnDisconnect, nullptr);
+  EXPECT_NE(fake_->client_slots.OnMessage, nullptr);
+  EXPECT_EQ(fake_->client_slots.Release, nullptr);
+}
+
+TEST_F(RpcClientWrapper, WhoseStartIsRefusedIsEmptyAndReleasesTheServicesClient) {
+  fake_->failing = {"StartTask"};
+  const auto manager = CreateManager();
+  EXPECT_EQ(OutputOfFailure([&] { return manager->CreateIpcClient("worker"); }), "");
+  EXPECT_EQ(fake_->calls.back(), "Release(client)");
+}
+
+TEST_F(RpcClientWrapper, ShakesHandsOnceBothRunAndStartHaveHappened) {
+  const auto client = CreateClient();
+  client->Run();
+  EXPECT_THAT(fake_->calls, IsEmpty());
+  Started(0, "", 0);
+  ASSERT_EQ(fake_->calls.size(), 1U);
+  EXPECT_TRUE(LastSent().IsRequest("vorpc.connected"));
+}
+
+TEST_F(RpcClientWrapper, SendsRequestsAndHandsResponsesToTheirCallbacks) {
+  const auto client = CreateConnectedClient();
+  cw::EncodableValue result;
+  client->SendRequest("add", cw::EncodableList{1, 2}, [&result](const Message::Response& response) {
+    result = *response.GetResult();
+  });
+  const Message request = LastSent();
+  ASSERT_TRUE(request.IsRequest("add"));
+  EXPECT_EQ(request.GetRequest()->params, cw::EncodableValue(cw::EncodableList{1, 2}));
+  Received(Message::CreateResponse(request.GetRequest()->id, 3).ToBase64(), 77);
+  EXPECT_EQ(result, cw::EncodableValue(3));
+  EXPECT_EQ(fake_->calls.back(), "Unlock(77)");
+}
+
+TEST_F(RpcClientWrapper, IgnoresTheResultOfASend) {
+  const auto client = CreateConnectedClient();
+  fake_->failing = {"SendMessage"};
+  client->SendNotify("tick", {});
+  EXPECT_TRUE(client->IsConnected());
+}
+
+TEST_F(RpcClientWrapper, EmptyTextIsNotDecodedAndItsChunkIsStillUnlocked) {
+  const auto client = CreateClient();
+  EXPECT_EQ(StdoutOf([this] { Received("", 5); }), "");
+  EXPECT_THAT(fake_->calls, ElementsAre("Unlock(5)"));
+}
+
+TEST_F(RpcClientWrapper, UndecodableTextIsUnlockedToo) {
+  const auto client = CreateConnectedClient();
+  StdoutOf([this] { Received("%%% no message %%%", 6); });
+  EXPECT_THAT(fake_->calls, ElementsAre("Unlock(6)"));
+}
+
+TEST_F(RpcClientWrapper, NullTextIsALogicErrorAndItsChunkIsStillUnlocked) {
+  const auto client = CreateClient();
+  EXPECT_THROW(fake_->client_slots.OnMessage(fake_->client_slots.user_data, nullptr, 8),
+               std::logic_error);
+  EXPECT_THAT(fake_->calls, ElementsAre("Unlock(8)"));
+}
+
+TEST_F(RpcClientWrapper, ExceptionOfACallbackReachesTheServiceAndTheChunkIsStillUnlocked) {
+  const auto client = CreateConnectedClient();
+  client->OnNotify("tick", [](const Message::Notification&) { throw std::runtime_error("no"); });
+  EXPECT_THROW(Received(Message::CreateNotification("tick", {}).ToBase64(), 9), std::runtime_error);
+  EXPECT_THAT(fake_->calls, ElementsAre("Unlock(9)"));
+}
+
+TEST_F(RpcClientWrapper, FailedStartFailsTheConnectionWithTheServicesErrorAndUnlocks) {
+  const auto client = CreateClient();
+  std::optional<Message::Error> error;
+  client->OnConnected([&error](const auto& outcome) { error = outcome; });
+  client->Run();
+  Started(-32603, "no such task", 10);
+  EXPECT_TRUE(client->HasConnectionFailed());
+  EXPECT_EQ(error, Message::Error(-32603, "no such task"));
+  EXPECT_THAT(fake_->calls, ElementsAre("Unlock(10)"));
+}
+
+TEST_F(RpcClientWrapper, FailedStartBeforeRunFailsTheConnectionAtRun) {
+  const auto client = CreateClient();
+  Started(-32603, "no such task", 10);
+  std::optional<Message::Error> error;
+  client->OnConnected([&error](const auto& outcome) { error = outcome; });
+  client->Run();
+  EXPECT_EQ(error, Message::Error(-32603, "no such task"));
+  EXPECT_TRUE(client->HasConnectionFailed());
+}
+
+TEST_F(RpcClientWrapper, StartWithoutAChunkUnlocksNothing) {
+  const auto client = CreateClient();
+  Started(0, "", 0);
+  EXPECT_THAT(fake_->calls, IsEmpty());
+}
+
+TEST_F(RpcClientWrapper, LostTaskFailsPendingRequestsWithTheReason) {
+  const auto client = CreateConnectedClient();
+  std::optional<Message::Error> pending;
+  std::optional<Message::Error> disconnected;
+  client->OnDisconnected([&disconnected](const auto& error) { disconnected = error; });
+  client->SendRequest(
+      "add", {}, [&pending](const Message::Response& response) { pending = *response.GetError(); });
+  Disconnected(-32603, "the task was killed", 12);
+  EXPECT_EQ(pending, Message::Error(-32603, "the task was killed"));
+  EXPECT_EQ(disconnected, Message::Error(-32603, "the task was killed"));
+  EXPECT_EQ(fake_->calls.back(), "Unlock(12)");
+}
+
+TEST_F(RpcClientWrapper, OrderlyDisconnectHasNoErrorAndUnlocksWhateverTheChunk) {
+  const auto client = CreateConnectedClient();
+  int disconnects = 0;
+  client->OnDisconnected([&disconnects](const auto& error) {
+    EXPECT_FALSE(error);
+    ++disconnects;
+  });
+  Disconnected(0, "", 0);
+  EXPECT_EQ(disconnects, 1);
+  EXPECT_THAT(fake_->calls, ElementsAre("Unlock(0)"));
+}
+
+TEST_F(RpcClientWrapper, ReleasesTheServicesClientOnceWhenItDies) {
+  auto client = CreateClient();
+  client.reset();
+  EXPECT_THAT(fake_->calls, ElementsAre("Release(client)"));
+}
+
+TEST_F(RpcClientWrapper, CallbacksForAClientThatIsGoneDoNothingAndUnlockNothing) {
+  auto client = CreateClient();
+  client.reset();
+  fake_->calls.clear();
+  Started(0, "", 3);
+  Received("text", 4);
+  Disconnected(-1, "text", 5);
+  EXPECT_THAT(fake_->calls, IsEmpty());
+}
+
+TEST_F(RpcClientWrapper, MayDieInsideEachOfItsCallbacks) {
+  for (const std::string callback : {"connected", "notify", "response", "disconnected"}) {
+    SCOPED_TRACE(callback);
+    auto client = CreateClient();
+    const auto drop_at = [&client, &callback](const std::string& here) {
+      if (here == callback) {
+        client.reset();
+      }
+    };
+    client->OnConnected([&](const auto&) { drop_at("connected"); });
+    client->OnDisconnected([&](const auto&) { drop_at("disconnected"); });
+    client->OnNotify("tick", [&](const auto&) { drop_at("notify"); });
+    client->Run();
+    Started(0, "", 0);
+    Received(Message::CreateResponse(LastSent().GetRequest()->id, {}).ToBase64(), 1);
+    if (client) {
+      client->SendRequest("add", {}, [&](const auto&) { drop_at("response"); });
+      const Message request = LastSent();
+      Received(Message::CreateNotification("tick", {}).ToBase64(), 2);
+      Received(Message::CreateResponse(request.GetRequest()->id, {}).ToBase64(), 3);
+      Disconnected(-1, "gone", 4);
+    }
+    EXPECT_FALSE(client);
+    EXPECT_THAT(fake_->calls, Contains("Release(client)"));
+  }
+}
+
+// ---- RpcServer
+
+class RpcServerWrapper : public Wrapper {
+ protected:
+  void Started(std::size_t chunk) const {
+    fake_->server_slots.OnStarted(fake_->server_slots.user_data, 0, "", chunk);
+  }
+  void Received(const std::string& text, std::size_t chunk) const {
+    fake_->server_slots.OnMessage(fake_->server_slots.user_data, text.c_str(), chunk);
+  }
+  Message LastSent() const {
+    std::string call = fake_->calls.back();
+    return Message::FromBase64(call.substr(6, call.size() - 8));
+  }
+};
+
+TEST_F(RpcServerWrapper, WithoutATableOrAHandleIsEmptyWithoutAWord) {
+  const auto library = quarn::Library::Create(std::string(kFolder) + "/libtarv.so");
+  const std::shared_ptr<RpcServer::Api> api = RpcServer::Api::Create(
+      library, [](TARVRpcServerProcTable*, std::uint64_t) { return QUARN_RESULT_SUCCESS; });
+  auto* const handle = reinterpret_cast<_TARVRpcServerRef*>(7);
+  EXPECT_EQ(OutputOfFailure([&] { return RpcServer::Create(nullptr, nullptr, handle); }), "");
+  EXPECT_EQ(OutputOfFailure([&] { return RpcServer::Create(nullptr, api, nullptr); }), "");
+}
+
+TEST_F(RpcServerWrapper, ChecksItsEntriesInOrderAndNamesTheFirstThatIsMissing) {
+  const auto output = [] {
+    return OutputOfFailure([] { return CreateManager()->CreateRpcServer(); });
+  };
+  fake_->null_entries = {"Run", "SendMessage", "UnlockResources"};
+  EXPECT_THAT(output(), IsMissing("Run"));
+  fake_->null_entries.erase("Run");
+  EXPECT_THAT(output(), IsMissing("SendMessage"));
+  fake_->null_entries.erase("SendMessage");
+  EXPECT_THAT(output(), IsMissing("UnlockResources"));
+}
+
+TEST_F(RpcServerWrapper, OfATableOfSize24NamesSendMessage) {
+  fake_->server_size = 24;
+  EXPECT_THAT(OutputOfFailure([] { return CreateManager()->CreateRpcServer(); }),
+              IsMissing("SendMessage"));
+}
+
+TEST_F(RpcServerWrapper, RunHandsItsSlotsToTheService) {
+  const auto server = CreateServer();
+  server->Run();
+  EXPECT_THAT(fake_->calls, ElementsAre("Run()"));
+  EXPECT_EQ(fake_->server_slots.size, 40U);
+  EXPECT_NE(fake_->server_slots.OnStarted, nullptr);
+  EXPECT_NE(fake_->server_slots.OnMessage, nullptr);
+  EXPECT_EQ(fake_->server_slots.Release, nullptr);
+}
+
+TEST_F(RpcServerWrapper, AnswersTheHandshakeOnceTheServiceHasStarted) {
+  const auto server = CreateServer();
+  server->Run();
+  Received(Message::CreateRequest(Message::ID(1), "vorpc.connected", {}).ToBase64(), 2);
+  EXPECT_EQ(fake_->calls.back(), "Unlock(2)");
+  Started(0);
+  const Message answer = LastSent();
+  ASSERT_NE(answer.GetResponse(), nullptr);
+  EXPECT_EQ(answer.GetResponse()->id, Message::ID(1));
+  EXPECT_TRUE(answer.GetResponse()->HasResult());
+}
+
+TEST_F(RpcServerWrapper, StartWithAChunkUnlocksIt) {
+  const auto server = CreateServer();
+  server->Run();
+  Started(21);
+  EXPECT_EQ(fake_->calls.back(), "Unlock(21)");
+}
+
+TEST_F(RpcServerWrapper, ServesRequests) {
+  const auto server = CreateServer();
+  server->OnRequest("double", [](const std::string&, const cw::EncodableValue& params,
+                                 std::unique_ptr<vorpc::IReply>&& reply) {
+    reply->SendResult(2 * std::get<std::int32_t>(params));
+  });
+  server->Run();
+  Started(0);
+  Received(Message::CreateRequest(Message::ID(1), "vorpc.connected", {}).ToBase64(), 2);
+  fake_->calls.clear();
+  Received(Message::CreateRequest(Message::ID(2), "double", 21).ToBase64(), 3);
+  ASSERT_EQ(fake_->calls.size(), 2U);
+  EXPECT_EQ(fake_->calls.back(), "Unlock(3)");
+  fake_->calls.pop_back();
+  EXPECT_EQ(*LastSent().GetResponse()->GetResult(), cw::EncodableValue(42));
+}
+
+TEST_F(RpcServerWrapper, MessageWithoutAChunkUnlocksNothing) {
+  const auto server = CreateServer();
+  server->Run();
+  fake_->calls.clear();
+  Received(Message::CreateNotification("tick", {}).ToBase64(), 0);
+  EXPECT_THAT(fake_->calls, IsEmpty());
+}
+
+TEST_F(RpcServerWrapper, EmptyTextIsNotDecodedAndItsChunkIsStillUnlocked) {
+  const auto server = CreateServer();
+  server->Run();
+  fake_->calls.clear();
+  EXPECT_EQ(StdoutOf([this] { Received("", 5); }), "");
+  EXPECT_THAT(fake_->calls, ElementsAre("Unlock(5)"));
+}
+
+TEST_F(RpcServerWrapper, DestroyedBeforeRunLeavesTheServiceUntouched) {
+  auto server = CreateServer();
+  server.reset();
+  EXPECT_THAT(fake_->calls, IsEmpty());
+}
+
+TEST_F(RpcServerWrapper, CallbacksForAServerThatIsGoneDoNothing) {
+  auto server = CreateServer();
+  server->Run();
+  server.reset();
+  fake_->calls.clear();
+  Started(3);
+  Received("text", 4);
+  EXPECT_THAT(fake_->calls, IsEmpty());
+}
+
+TEST_F(RpcServerWrapper, ReplyThatOutlivesTheServerSendsNothing) {
+  auto server = CreateServer();
+  std::unique_ptr<vorpc::IReply> late;
+  server->OnRequest("slow",
+                    [&late](const std::string&, const cw::EncodableValue&,
+                            std::unique_ptr<vorpc::IReply>&& reply) { late = std::move(reply); });
+  server->Run();
+  Started(0);
+  Received(Message::CreateRequest(Message::ID(1), "vorpc.connected", {}).ToBase64(), 0);
+  Received(Message::CreateRequest(Message::ID(2), "slow", {}).ToBase64(), 0);
+  server.reset();
+  fake_->calls.clear();
+  late->SendResult({});
+  EXPECT_THAT(fake_->calls, IsEmpty());
+}
+
+// ---- IntentManager
+
+class IntentManagerWrapper : public Wrapper {
+ protected:
+  std::unique_ptr<IntentManager> CreateIntents() {
+    manager_ = CreateManager();
+    auto intents = manager_->GetIntentManager();
+    fake_->calls.clear();
+    return intents;
+  }
+};
+
+TEST_F(IntentManagerWrapper, WithoutATableOrAHandleIsEmptyWithoutAWord) {
+  auto* const handle = reinterpret_cast<_TARVIntentManagerRef*>(7);
+  EXPECT_EQ(OutputOfFailure([&] { return IntentManager::Create(nullptr, handle); }), "");
+  const auto library = quarn::Library::Create(std::string(kFolder) + "/libtarv.so");
+  auto api = IntentManager::Api::Create(
+      library, [](TARVIntentManagerProcTable*, std::uint64_t) { return QUARN_RESULT_SUCCESS; });
+  EXPECT_EQ(OutputOfFailure([&] { return IntentManager::Create(std::move(api), nullptr); }), "");
+}
+
+TEST_F(IntentManagerWrapper, OfATableOfSizeEightNamesOpenUriAndDropsTheCallbackUncalled) {
+  fake_->intents_size = 8;
+  const auto intents = CreateIntents();
+  const auto alive = std::make_shared<int>(0);
+  EXPECT_THAT(StdoutOf([&] { intents->OpenUri("a:1", [alive](bool) { ADD_FAILURE(); }); }),
+              IsMissing("OpenUri"));
+  EXPECT_EQ(alive.use_count(), 1);
+}
+
+TEST_F(IntentManagerWrapper, EachOpenUriHasASlotOfItsOwnCalledAndReleasedOnce) {
+  const auto intents = CreateIntents();
+  std::vector<std::string> outcomes;
+  const auto alive = std::make_shared<int>(0);
+  for (const std::string uri : {"a:1", "a:2"}) {
+    intents->OpenUri(uri, [&outcomes, alive, uri](bool success) {
+      outcomes.push_back(uri + (success ? " opened" : " failed"));
+    });
+  }
+  EXPECT_THAT(fake_->calls, ElementsAre("OpenUri('a:1')", "OpenUri('a:2')"));
+  EXPECT_EQ(alive.use_count(), 3);
+  for (const TARVOpenUriSlot& slot : fake_->uri_slots) {
+    EXPECT_EQ(slot.size, 32U);
+    slot.callback(slot.user_data, &slot == &fake_->uri_slots.front());
+    slot.release(slot.user_data);
+  }
+  EXPECT_THAT(outcomes, ElementsAre("a:1 opened", "a:2 failed"));
+  EXPECT_EQ(alive.use_count(), 1);
+}
+
+TEST_F(IntentManagerWrapper, RefusedRequestNeitherCallsNorReleasesTheCallback) {
+  fake_->failing = {"OpenUri"};
+  const auto intents = CreateIntents();
+  const auto alive = std::make_shared<int>(0);
+  intents->OpenUri("a:1", [alive](bool) { ADD_FAILURE(); });
+  EXPECT_EQ(alive.use_count(), 2);
+  // What the service did not take is the test's to free.
+  fake_->uri_slots[0].release(fake_->uri_slots[0].user_data);
+}
+
+TEST_F(IntentManagerWrapper, EmptyCallbackRaisesTheStandardErrorWhenCalled) {
+  const auto intents = CreateIntents();
+  intents->OpenUri("a:1", nullptr);
+  const TARVOpenUriSlot slot = fake_->uri_slots.at(0);
+  EXPECT_THROW(slot.callback(slot.user_data, true), std::bad_function_call);
+  slot.release(slot.user_data);
+}
+
+TEST_F(IntentManagerWrapper, CallsNothingInTheServiceWhenItDies) {
+  auto intents = CreateIntents();
+  intents.reset();
+  EXPECT_THAT(fake_->calls, IsEmpty());
+}
+
+}  // namespace
+}  // namespace tarv::test

@@ -1,0 +1,73 @@
+// tarv::RpcClient: a JSON-RPC client of a background task.
+#ifndef TARV_RPC_CLIENT_H
+#define TARV_RPC_CLIENT_H
+
+#include <quarn/export.h>
+#include <quarn/library_api.h>
+#include <quarn/object.h>
+#include <tarv/tarv_capi.h>
+#include <vorpc/client.h>
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+struct _RpcClientWrapperRef;
+
+namespace tarv {
+
+// Joins the service's client, which moves texts, with a vorpc client, which gives them meaning.
+// Made by ManagerWrapper::CreateIpcClient. Its last owner ends the task. See vorpc::IClient for the
+// operations; callbacks run on the thread whose event loop started the task, and may let go of the
+// client.
+class TARV_EXPORT RpcClient final : public quarn::Object<RpcClient, _RpcClientWrapperRef*>,
+                                    public vorpc::IClient {
+  struct PrivateTag {
+    explicit PrivateTag() = default;
+  };
+
+ public:
+  using Api = quarn::LibraryApi<TARVRpcClientProcTable>;
+
+  RpcClient(const std::shared_ptr<quarn::IDispatcher>& dispatcher, const std::shared_ptr<Api>& api,
+            _TARVRpcClientRef* client, PrivateTag);
+  ~RpcClient() override;
+
+  // Starts the task `name` with the service's `client`. Empty without a table or a handle, when the
+  // table lacks an entry, which is logged, or when the service refuses.
+  static std::shared_ptr<vorpc::IClient> Create(
+      const std::shared_ptr<quarn::IDispatcher>& dispatcher, const std::string& name,
+      const std::shared_ptr<Api>& api, _TARVRpcClientRef* client);
+
+  bool IsConnected() const override;
+  bool HasConnectionFailed() const override;
+  void Run() override;
+  void OnConnected(
+      std::function<void(const std::optional<vorpc::Message::Error>&)>&& callback) override;
+  void OnDisconnected(
+      std::function<void(const std::optional<vorpc::Message::Error>&)>&& callback) override;
+  void SendRequest(std::string_view method, const cw::EncodableValue& params,
+                   std::function<void(const vorpc::Message::Response&)>&& callback) override;
+  void SendNotify(std::string_view method, const cw::EncodableValue& params) override;
+  void OnNotify(std::string_view method,
+                std::function<void(const vorpc::Message::Notification&)>&& callback) override;
+
+ private:
+  static void HandleOnStarted(void* user_data, int code, const char* message, std::size_t chunk);
+  static void HandleOnMessage(void* user_data, const char* message, std::size_t chunk);
+  static void HandleOnDisconnect(void* user_data, int code, const char* message, std::size_t chunk);
+
+  QuarnResult StartTask(const std::string& name);
+  void UnlockResources(std::size_t chunk) const;
+
+  std::shared_ptr<Api> api_;
+  _TARVRpcClientRef* client_;
+  std::shared_ptr<vorpc::IOwnedClient> owned_;
+};
+
+}  // namespace tarv
+
+#endif  // TARV_RPC_CLIENT_H

@@ -1,0 +1,32 @@
+#include <quarn/slot.h>
+#include <tarv/intent_manager.h>
+
+#include <utility>
+
+namespace tarv {
+
+IntentManager::IntentManager(std::unique_ptr<Api> api, _TARVIntentManagerRef* intents)
+    : api_(std::move(api)), intents_(intents) {}
+
+IntentManager::~IntentManager() = default;
+
+std::unique_ptr<IntentManager> IntentManager::Create(std::unique_ptr<Api> api,
+                                                     _TARVIntentManagerRef* intents) {
+  if (!api || intents == nullptr) {
+    return nullptr;
+  }
+  return std::make_unique<IntentManager>(std::move(api), intents);
+}
+
+void IntentManager::OpenUri(const std::string& uri, std::function<void(bool)>&& callback) {
+  const auto open_uri = QUARN_FIND_ENTRY(api_->GetTable(), OpenUri);
+  if (open_uri == nullptr) {
+    return;
+  }
+  auto slot = quarn::CreateSlot<TARVOpenUriSlot, bool>(std::move(callback));
+  // A service that refuses has not taken the slot; what it holds is then deliberately left alone,
+  // since a service that did take it releases it.
+  open_uri(intents_, uri.c_str(), &slot);
+}
+
+}  // namespace tarv

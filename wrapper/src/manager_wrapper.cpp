@@ -1,0 +1,111 @@
+#include <cw/plugin_registrar.h>
+#include <quarn/library.h>
+#include <tarv/manager_wrapper.h>
+#include <tarv/rpc_client.h>
+#include <tarv/rpc_server.h>
+
+#include <utility>
+
+namespace tarv {
+namespace {
+
+constexpr char kLibraryName[] = "libtarv.so";
+constexpr char kEntryName[] = "TARVProcTableLoad";
+
+std::unique_ptr<ManagerWrapper::Api> LoadApi(const std::filesystem::path& path) {
+  const auto library = quarn::Library::Create(path);
+  if (!library) {
+    return nullptr;
+  }
+  return ManagerWrapper::Api::Create(
+      library, library->Resolve<QuarnResult(TARVProcTable*, std::size_t)>(kEntryName));
+}
+
+}  // namespace
+
+ManagerWrapper::ManagerWrapper(const std::shared_ptr<quarn::IDispatcher>& dispatcher,
+                               std::unique_ptr<Api> api, _TARVManagerRef* manager)
+    : dispatcher_(dispatcher), api_(std::move(api)), manager_(manager) {}
+
+ManagerWrapper::~ManagerWrapper() {
+  // Tested for null alone: a table that states a small size may still hold this entry.
+  if (api_ && manager_ != nullptr && api_->GetTable().Release != nullptr) {
+    api_->GetTable().Release(manager_);
+  }
+  api_.reset();
+}
+
+std::unique_ptr<ManagerWrapper> ManagerWrapper::Create(cw::PluginRegistrar* registrar) {
+  if (registrar == nullptr) {
+    return nullptr;
+  }
+  return Create(registrar->GetApplicationWrapper(), registrar->GetLibraryPath());
+}
+
+std::unique_ptr<ManagerWrapper> ManagerWrapper::Create(
+    const std::shared_ptr<quarn::IDispatcher>& dispatcher, const std::filesystem::path& directory) {
+  auto api = LoadApi(directory / kLibraryName);
+  if (!api) {
+    return nullptr;
+  }
+  _TARVManagerRef* const manager = quarn::CallEntry(QUARN_FIND_ENTRY(api->GetTable(), Initialize),
+                                                    static_cast<_TARVManagerRef*>(nullptr));
+  if (manager == nullptr) {
+    return nullptr;
+  }
+  return std::make_unique<ManagerWrapper>(dispatcher, std::move(api), manager);
+}
+
+std::unique_ptr<IntentManager> ManagerWrapper::GetIntentManager() {
+  const auto load_table = QUARN_FIND_ENTRY(api_->GetTable(), IntentManagerProcTableLoad);
+  if (load_table == nullptr) {
+    return nullptr;
+  }
+  const auto get_intent_manager = QUARN_FIND_ENTRY(api_->GetTable(), GetIntentManager);
+  if (get_intent_manager == nullptr) {
+    return nullptr;
+  }
+  auto api = IntentManager::Api::Create(api_->GetLibrary(), load_table);
+  if (!api) {
+    return nullptr;
+  }
+  return IntentManager::Create(std::move(api), get_intent_manager(manager_));
+}
+
+std::shared_ptr<vorpc::IClient> ManagerWrapper::CreateIpcClient(const std::string& name) const {
+  const auto create_client = QUARN_FIND_ENTRY(api_->GetTable(), CreateRpcClient);
+  if (create_client == nullptr) {
+    return nullptr;
+  }
+  const auto load_table = QUARN_FIND_ENTRY(api_->GetTable(), RpcClientProcTableLoad);
+  if (load_table == nullptr) {
+    return nullptr;
+  }
+  _TARVRpcClientRef* const client = create_client(manager_);
+  if (client == nullptr) {
+    return nullptr;
+  }
+  const std::shared_ptr<RpcClient::Api> api =
+      RpcClient::Api::Create(api_->GetLibrary(), load_table);
+  return RpcClient::Create(dispatcher_, name, api, client);
+}
+
+std::shared_ptr<vorpc::IServer> ManagerWrapper::CreateRpcServer() const {
+  const auto get_server = QUARN_FIND_ENTRY(api_->GetTable(), GetRpcServer);
+  if (get_server == nullptr) {
+    return nullptr;
+  }
+  const auto load_table = QUARN_FIND_ENTRY(api_->GetTable(), RpcServerProcTableLoad);
+  if (load_table == nullptr) {
+    return nullptr;
+  }
+  _TARVRpcServerRef* const server = get_server(manager_);
+  if (server == nullptr) {
+    return nullptr;
+  }
+  const std::shared_ptr<RpcServer::Api> api =
+      RpcServer::Api::Create(api_->GetLibrary(), load_table);
+  return RpcServer::Create(dispatcher_, api, server);
+}
+
+}  // namespace tarv

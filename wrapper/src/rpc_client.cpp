@@ -1,0 +1,162 @@
+#include <tarv/rpc_client.h>
+
+#include <utility>
+
+#include "finally.h"
+
+namespace tarv {
+namespace {
+
+// Turns each message into its text and hands it to the service. The table may be gone by then: the
+// JSON-RPC client can outlive its owner inside a callback.
+std::function<void(vorpc::Message&&)> MakeSend(const std::weak_ptr<RpcClient::Api>& weak_api,
+                                               _TARVRpcClientRef* client) {
+  return [weak_api, client](vorpc::Message&& message) {
+    const auto api = weak_api.lock();
+    if (!api) {
+      return;
+    }
+    const auto send_message = QUARN_FIND_ENTRY(api->GetTable(), SendMessage);
+    if (send_message == nullptr) {
+      return;
+    }
+    const std::string text = message.ToBase64();
+    if (!text.empty()) {
+      send_message(client, text.c_str());
+    }
+  };
+}
+
+bool HasAllEntries(const TARVRpcClientProcTable& table) {
+  return QUARN_FIND_ENTRY(table, SendMessage) != nullptr &&
+         QUARN_FIND_ENTRY(table, StartTask) != nullptr &&
+         QUARN_FIND_ENTRY(table, UnlockResources) != nullptr &&
+         QUARN_FIND_ENTRY(table, Release) != nullptr;
+}
+
+std::optional<vorpc::Message::Error> MakeError(int code, const char* message) {
+  if (code == 0) {
+    return std::nullopt;
+  }
+  return vorpc::Message::Error(code, message);
+}
+
+std::shared_ptr<RpcClient> Resolve(void* user_data) {
+  return RpcClient::FromRef(static_cast<_RpcClientWrapperRef*>(user_data));
+}
+
+}  // namespace
+
+RpcClient::RpcClient(const std::shared_ptr<quarn::IDispatcher>& dispatcher,
+                     const std::shared_ptr<Api>& api, _TARVRpcClientRef* client, PrivateTag)
+    : Object(dispatcher),
+      api_(api),
+      client_(client),
+      owned_(vorpc::IOwnedClient::Create(MakeSend(api, client))) {}
+
+RpcClient::~RpcClient() {
+  api_->GetTable().Release(client_);
+  owned_.reset();
+  api_.reset();
+}
+
+std::shared_ptr<vorpc::IClient> RpcClient::Create(
+    const std::shared_ptr<quarn::IDispatcher>& dispatcher, const std::string& name,
+    const std::shared_ptr<Api>& api, _TARVRpcClientRef* client) {
+  if (!api || client == nullptr || !HasAllEntries(api->GetTable())) {
+    return nullptr;
+  }
+  const auto self = Object::Create(dispatcher, api, client, PrivateTag());
+  if (!self->owned_ || self->StartTask(name) != QUARN_RESULT_SUCCESS) {
+    return nullptr;
+  }
+  return self;
+}
+
+QuarnResult RpcClient::StartTask(const std::string& name) {
+  TARVRpcClientSlots callbacks{};
+  callbacks.size = sizeof(callbacks);
+  callbacks.OnStarted = &HandleOnStarted;
+  callbacks.OnDisconnect = &HandleOnDisconnect;
+  callbacks.OnMessage = &HandleOnMessage;
+  callbacks.user_data = GetRef();
+  const std::string libraries = api_->GetLibrary()->GetPath().parent_path().string();
+  return api_->GetTable().StartTask(client_, name.c_str(), libraries.c_str(), &callbacks);
+}
+
+void RpcClient::HandleOnStarted(void* user_data, int code, const char* message, std::size_t chunk) {
+  const auto self = Resolve(user_data);
+  if (!self) {
+    return;
+  }
+  {
+    const details::Finally unlock([&self, chunk] {
+      if (chunk != 0) {
+        self->api_->GetTable().UnlockResources(self->client_, chunk);
+      }
+    });
+    if (code != 0) {
+      self->owned_->Disconnect(MakeError(code, message));
+    }
+  }
+  // A client that the failure has closed ignores this.
+  self->owned_->SetStarted();
+}
+
+void RpcClient::HandleOnMessage(void* user_data, const char* message, std::size_t chunk) {
+  const auto self = Resolve(user_data);
+  if (!self) {
+    return;
+  }
+  const details::Finally unlock([&self, chunk] { self->UnlockResources(chunk); });
+  const std::string text(message);
+  if (!text.empty()) {
+    self->owned_->Receive(vorpc::Message::FromBase64(text));
+  }
+}
+
+void RpcClient::HandleOnDisconnect(void* user_data, int code, const char* message,
+                                   std::size_t chunk) {
+  const auto self = Resolve(user_data);
+  if (!self) {
+    return;
+  }
+  const details::Finally unlock([&self, chunk] { self->UnlockResources(chunk); });
+  self->owned_->Disconnect(MakeError(code, message));
+}
+
+void RpcClient::UnlockResources(std::size_t chunk) const {
+  quarn::CallEntry(QUARN_FIND_ENTRY(api_->GetTable(), UnlockResources), client_, chunk);
+}
+
+bool RpcClient::IsConnected() const { return owned_->IsConnected(); }
+
+bool RpcClient::HasConnectionFailed() const { return owned_->HasConnectionFailed(); }
+
+void RpcClient::Run() { owned_->Run(); }
+
+void RpcClient::OnConnected(
+    std::function<void(const std::optional<vorpc::Message::Error>&)>&& callback) {
+  owned_->OnConnected(std::move(callback));
+}
+
+void RpcClient::OnDisconnected(
+    std::function<void(const std::optional<vorpc::Message::Error>&)>&& callback) {
+  owned_->OnDisconnected(std::move(callback));
+}
+
+void RpcClient::SendRequest(std::string_view method, const cw::EncodableValue& params,
+                            std::function<void(const vorpc::Message::Response&)>&& callback) {
+  owned_->SendRequest(method, params, std::move(callback));
+}
+
+void RpcClient::SendNotify(std::string_view method, const cw::EncodableValue& params) {
+  owned_->SendNotify(method, params);
+}
+
+void RpcClient::OnNotify(std::string_view method,
+                         std::function<void(const vorpc::Message::Notification&)>&& callback) {
+  owned_->OnNotify(method, std::move(callback));
+}
+
+}  // namespace tarv
