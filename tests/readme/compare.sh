@@ -1,4 +1,8 @@
 #!/bin/sh
-# compare.sh README PROGRAM: fails, with the difference, unless the README shows PROGRAM as its C code.
+# compare.sh README LANGUAGE PROGRAM...: fails, with the difference, unless the README's code blocks of
+# LANGUAGE are the PROGRAMs.
 set -eu
-sed -n '/^```c$/,/^```$/p' "$1" | sed '1d;$d' | diff -u "$2" -
+readme=$1 language=$2
+shift 2
+sed -n "/^\`\`\`$language\$/,/^\`\`\`\$/p" "$readme" | grep -v '^```' > "shown.$language"
+cat "$@" | diff -u - shown.$language
