@@ -28,10 +28,9 @@ int TakeSocket() {
   const bool is_ours = Variable("LISTEN_PID") == QByteArray::number(::getpid());
   if (!is_ours || Variable("LISTEN_FDS").toInt() < 1) return -1;
   if (!IsListeningSocket(kActivationSocket)) {
-    qCWarning(Log).noquote() << QString(
-                                    "LISTEN_FDS promises a socket as descriptor %1, but that is "
-                                    "no listening Unix socket: messages cannot be served")
-                                    .arg(kActivationSocket);
+    Warn(QString("LISTEN_FDS promises a socket as descriptor %1, but that is "
+                 "no listening Unix socket: messages cannot be served")
+             .arg(kActivationSocket));
     return -1;
   }
   ::fcntl(kActivationSocket, F_SETFD, FD_CLOEXEC);

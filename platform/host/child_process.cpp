@@ -101,10 +101,12 @@ ChildProcess::ChildProcess(Spawned spawned, Callbacks callbacks)
       stderr_(std::move(spawned.stderr_pipe)) {}
 
 void ChildProcess::Watch() {
+  WatchEventLoop();
   exec_notifier_ = std::make_unique<QSocketNotifier>(exec_status_.Get(), QSocketNotifier::Read);
   QObject::connect(exec_notifier_.get(), &QSocketNotifier::activated, &context_,
                    [this] { OnExecStatus(); });
   grace_.setSingleShot(true);
+  grace_.setTimerType(Qt::PreciseTimer);
   QObject::connect(&grace_, &QTimer::timeout, &context_, [this] { Signal(SIGKILL); });
   QObject::connect(&poll_, &QTimer::timeout, &context_, [this] { OnMaybeEnded(); });
   if (!pidfd_.IsValid()) return poll_.start(kPollMs);
@@ -189,25 +191,37 @@ void ChildProcess::Abandon() {
 
 void ChildProcess::LetGo() {
   callbacks_ = {};
+  let_go_ = true;
   if (!reaped_ && HasEventLoop()) KeepUntilReaped();
 }
 
-void ChildProcess::KeepUntilReaped() {
-  Orphanage::Get().Add(shared_from_this());
-  // When the event loop goes, nothing would wake this object any more.
-  const auto end_now = [weak = weak_from_this()] {
-    const auto self = weak.lock();
-    if (self == nullptr) return;
-    if (self->since_terminate_.isValid()) self->EndNow();
-    Orphanage::Get().Remove(self);
+void ChildProcess::KeepUntilReaped() { Orphanage::Get().Add(shared_from_this()); }
+
+void ChildProcess::WatchEventLoop() {
+  const auto on_gone = [weak = weak_from_this()] {
+    if (const auto self = weak.lock()) self->OnEventLoopGone();
   };
   QObject* application = QCoreApplication::instance();
   if (application != nullptr && application->thread() == QThread::currentThread()) {
-    QObject::connect(application, &QObject::destroyed, &context_, end_now);
+    QObject::connect(application, &QObject::destroyed, &context_, on_gone);
   } else {
-    QObject::connect(QThread::currentThread(), &QThread::finished, &context_, end_now,
+    QObject::connect(QThread::currentThread(), &QThread::finished, &context_, on_gone,
                      Qt::DirectConnection);
   }
+}
+
+// Nothing would wake this object any more, not even to reap: what shall end, ends now. That goes
+// for a process whose Task still lives, too, for instance because it awaits its deferred deletion.
+void ChildProcess::OnEventLoopGone() {
+  callbacks_ = {};
+  if (!let_go_ && !reaped_) {
+    if (!since_terminate_.isValid()) {
+      since_terminate_.start();
+      Signal(SIGTERM);
+    }
+    EndNow();
+  }
+  Orphanage::Get().Remove(shared_from_this());
 }
 
 void ChildProcess::EndNow() {

@@ -57,6 +57,8 @@ class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
   ChildProcess(Spawned spawned, Callbacks callbacks);
   void Watch();
   void KeepUntilReaped();
+  void WatchEventLoop();
+  void OnEventLoopGone();
   int Signal(int signal);
   void OnExecStatus();
   void OnMaybeEnded();
@@ -77,6 +79,7 @@ class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
   std::unique_ptr<QSocketNotifier> exec_notifier_;
   ChildEnd end_;
   bool running_told_ = false;
+  bool let_go_ = false;
   bool reaped_ = false;
 };
 

@@ -109,7 +109,7 @@ bool Acceptor::State::AcceptOne() {
   shortage_warned = false;
   const Error refusal = CheckPeer(peer.Get());
   if (refusal.isError()) {
-    qCWarning(Log).noquote() << refusal.message();
+    Warn(refusal.message());
     return true;
   }
   on_connection(std::move(peer));
@@ -125,12 +125,10 @@ bool Acceptor::State::OnFailure(int error_number) {
 
 void Acceptor::State::Pause(int error_number) {
   if (!std::exchange(shortage_warned, true)) {
-    qCWarning(Log).noquote() << QString(
-                                    "a connection has to wait, because it cannot be accepted: %1%2")
-                                    .arg(ErrnoText(error_number),
-                                         IsShortage(error_number)
-                                             ? "; it is tried again until there is room"
-                                             : "; it is tried again");
+    Warn(QString("a connection has to wait, because it cannot be accepted: %1%2")
+             .arg(ErrnoText(error_number), IsShortage(error_number)
+                                               ? "; it is tried again until there is room"
+                                               : "; it is tried again"));
   }
   readable->setEnabled(false);
   retry.start(kShortageRetryMs);

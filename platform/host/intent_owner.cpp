@@ -95,7 +95,7 @@ class Answer {
 
   void Reply(const QJsonObject& reply) {
     if (!answered_.exchange(true)) return Send({{intent::kReply, reply}});
-    qCWarning(Log).noquote() << QString("a second reply to the intent '%1' is dropped").arg(name_);
+    Warn(QString("a second reply to the intent '%1' is dropped").arg(name_));
   }
 
  private:

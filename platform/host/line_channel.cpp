@@ -51,8 +51,7 @@ void LineChannel::Attach(UniqueFd socket) {
 void LineChannel::Send(const QJsonObject& object) {
   if (ended_ || sending_ended_) {
     if (!std::exchange(late_send_warned_, true)) {
-      qCWarning(Log).noquote()
-          << QString("messages to %1 are dropped: its connection has ended").arg(peer_);
+      Warn(QString("messages to %1 are dropped: its connection has ended").arg(peer_));
     }
     return;
   }
@@ -167,14 +166,13 @@ void LineChannel::DeliverLine(std::string_view line) {
 void LineChannel::WarnAboutLine(std::string_view line) {
   if (++line_warnings_ > kMaxLineWarnings) return;
   const int shown = static_cast<int>(std::min<std::size_t>(line.size(), kShownOfLine));
-  qCWarning(Log).noquote() << QString(
-                                  "a line of %1 bytes from %2 is dropped: it is not a JSON "
-                                  "object; it begins with: %3%4")
-                                  .arg(line.size())
-                                  .arg(peer_, QString::fromUtf8(line.data(), shown),
-                                       line_warnings_ == kMaxLineWarnings
-                                           ? " (further lines are dropped without a warning)"
-                                           : "");
+  Warn(QString("a line of %1 bytes from %2 is dropped: it is not a JSON "
+               "object; it begins with: %3%4")
+           .arg(line.size())
+           .arg(peer_, QString::fromUtf8(line.data(), shown),
+                line_warnings_ == kMaxLineWarnings
+                    ? " (further lines are dropped without a warning)"
+                    : ""));
 }
 
 void LineChannel::OnWritable() {

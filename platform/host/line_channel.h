@@ -15,8 +15,8 @@
 #include <memory>
 #include <string_view>
 
-#include "limits.h"
 #include "line_buffer.h"
+#include "message_limits.h"
 #include "unique_fd.h"
 
 namespace RuntimeManager::host {

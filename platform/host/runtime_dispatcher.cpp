@@ -36,8 +36,7 @@ void RuntimeDispatcher::registerIntent(const QString& name, IntentHandler handle
   Error error;
   auto owner = host::IntentOwner::Register(name, std::move(handler), &error);
   if (owner == nullptr) {
-    qCWarning(host::Log).noquote()
-        << QString("the intent '%1' is not registered: %2").arg(name, error.message());
+    host::Warn(QString("the intent '%1' is not registered: %2").arg(name, error.message()));
     return;
   }
   const std::lock_guard lock(d_->mutex);

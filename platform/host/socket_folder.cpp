@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -95,8 +96,8 @@ void Sweep(const SocketFolder& folder) {
   UniqueFd own(::openat(folder.Descriptor(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   const std::unique_ptr<DIR, CloseDirectory> directory(::fdopendir(own.Get()));
   if (directory == nullptr) {
-    qCWarning(Log).noquote() << "cannot look for left-behind sockets in" << folder.PathOf(".")
-                             << ":" << ErrnoText(errno);
+    Warn(QString("cannot look for left-behind sockets in '%1': %2")
+             .arg(folder.PathOf("."), ErrnoText(errno)));
     return;
   }
   own.Release();
@@ -109,13 +110,11 @@ void Sweep(const SocketFolder& folder) {
   for (const QString& name : dead) folder.Remove(name);
 }
 
-bool IsFirstUse(int folder) {
+bool IsFirstUse(const QString& path) {
   static std::mutex mutex;
-  static std::set<std::pair<dev_t, ino_t>> used;
-  struct stat facts {};
-  if (::fstat(folder, &facts) != 0) return false;
+  static std::set<QString> used;
   const std::lock_guard lock(mutex);
-  return used.emplace(facts.st_dev, facts.st_ino).second;
+  return used.insert(path).second;
 }
 
 sockaddr_un Address(const QByteArray& path, int* error_number) {
@@ -147,11 +146,11 @@ UniqueFd ConnectShort(const QByteArray& path, int* error_number) {
   return {};
 }
 
-// The socket files of this process that exist now.
+// The socket files that exist now, with the processes that made them: a forked child inherits the
+// list, but not the files.
 struct LiveFiles {
   std::mutex mutex;
-  std::set<QByteArray> paths;
-  pid_t owner = ::getpid();
+  std::map<QByteArray, pid_t> owners;
 };
 
 void RemoveLiveFiles();
@@ -167,10 +166,11 @@ LiveFiles& GetLiveFiles() {
 
 void RemoveLiveFiles() {
   LiveFiles& files = GetLiveFiles();
-  if (files.owner != ::getpid()) return;
   const std::lock_guard lock(files.mutex);
-  for (const QByteArray& path : files.paths) ::unlink(path.constData());
-  files.paths.clear();
+  for (const auto& [path, owner] : files.owners) {
+    if (owner == ::getpid()) ::unlink(path.constData());
+  }
+  files.owners.clear();
 }
 
 }  // namespace
@@ -214,7 +214,7 @@ SocketFolder SocketFolder::OpenTasks(Error* error) {
     return {};
   }
   SocketFolder folder = OpenIn(parent.Get(), parent_path, name, error);
-  if (folder.IsValid() && IsFirstUse(folder.Descriptor())) Sweep(folder);
+  if (folder.IsValid() && IsFirstUse(folder.path_)) Sweep(folder);
   return folder;
 }
 
@@ -255,7 +255,7 @@ void SocketFolder::Remove(const QString& name) const {
 SocketFile::SocketFile(const QString& path) : path_(path) {
   LiveFiles& files = GetLiveFiles();
   const std::lock_guard lock(files.mutex);
-  files.paths.insert(path_.toUtf8());
+  files.owners[path_.toUtf8()] = ::getpid();
 }
 
 SocketFile& SocketFile::operator=(SocketFile&& other) noexcept {
@@ -269,9 +269,11 @@ void SocketFile::Remove() {
   if (path_.isEmpty()) return;
   const QByteArray path = std::exchange(path_, {}).toUtf8();
   LiveFiles& files = GetLiveFiles();
-  if (files.owner != ::getpid()) return;
   const std::lock_guard lock(files.mutex);
-  if (files.paths.erase(path) != 0) ::unlink(path.constData());
+  const auto found = files.owners.find(path);
+  if (found == files.owners.end()) return;
+  if (found->second == ::getpid()) ::unlink(path.constData());
+  files.owners.erase(found);
 }
 
 QString UniqueSocketName() {

@@ -2,6 +2,7 @@
 
 #include <QtCore/QAbstractEventDispatcher>
 #include <QtCore/QCoreApplication>
+#include <QtCore/QLoggingCategory>
 #include <QtCore/QMetaObject>
 #include <QtCore/QThread>
 #include <algorithm>
@@ -17,9 +18,11 @@ bool IsNameCharacter(QChar character) {
          (code >= '0' && code <= '9') || code == '.' || code == '_' || code == '-';
 }
 
+Q_LOGGING_CATEGORY(Log, "runtimemanager")
+
 }  // namespace
 
-Q_LOGGING_CATEGORY(Log, "runtimemanager")
+void Warn(const QString& text) { qCWarning(Log, "%s", qUtf8Printable(text)); }
 
 QString ErrnoText(int error_number) {
   return QString::fromStdString(std::generic_category().message(error_number));
@@ -48,6 +51,7 @@ QByteArray Variable(const char* name) {
 }
 
 void Post(QObject* context, std::function<void()> call) {
+  // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): the event owns what Qt allocates
   QMetaObject::invokeMethod(context, std::move(call), Qt::QueuedConnection);
 }
 

@@ -5,7 +5,6 @@
 #include <RuntimeManager/Error.h>
 
 #include <QtCore/QByteArray>
-#include <QtCore/QLoggingCategory>
 #include <QtCore/QObject>
 #include <QtCore/QString>
 #include <cerrno>
@@ -13,7 +12,8 @@
 
 namespace RuntimeManager::host {
 
-Q_DECLARE_LOGGING_CATEGORY(Log)
+// A line in the log, in the category "runtimemanager". Any thread.
+void Warn(const QString& text);
 
 // A name of a task becomes a file name: long enough for a reversed domain name.
 constexpr int kMaxTaskName = 128;

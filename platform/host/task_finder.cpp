@@ -42,7 +42,7 @@ QString FindTask(const QString& name, Error* error) {
   const QStringList folders = TaskFolders();
   QStringList obstacles;
   for (const QString& folder : folders) {
-    const QString path = folder + '/' + name;
+    QString path = folder + '/' + name;
     bool exists = false;
     const QString obstacle = WhyNotProgram(path, &exists);
     if (exists && obstacle.isEmpty()) return path;
@@ -60,7 +60,7 @@ QString FindTask(const QString& name, Error* error) {
 QString FindProgram(const QString& program) {
   if (program.contains('/')) return program;
   for (const QString& folder : FoldersOf("PATH")) {
-    const QString path = folder + '/' + program;
+    QString path = folder + '/' + program;
     bool exists = false;
     if (WhyNotProgram(path, &exists).isEmpty() && exists) return path;
   }

@@ -86,14 +86,14 @@ void MessagingLink::OpenDescriptor(int descriptor) {
     const Error error(Error::kNotATask,
                       "there is no task socket to serve messages on: this process was not started "
                       "as a task with a socket");
-    qCWarning(Log).noquote() << error.message();
+    Warn(error.message());
     return channel_->EndSoon(error);
   }
   acceptor_ = std::make_unique<Acceptor>(
       descriptor, [this](UniqueFd socket) { OnConnection(std::move(socket)); });
   const Error error = acceptor_->GetError();
   if (!error.isError()) return;
-  qCWarning(Log).noquote() << error.message();
+  Warn(error.message());
   channel_->EndSoon(error);
 }
 

@@ -22,9 +22,8 @@ int OpenTrace() {
   const int file =
       ::open(path.constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, kTraceMode);
   if (file < 0) {
-    qCWarning(Log).noquote() << QString(
-                                    "no record is kept: cannot open RUNTIME_MANAGER_TRACE '%1': %2")
-                                    .arg(QString::fromUtf8(path), ErrnoText(errno));
+    Warn(QString("no record is kept: cannot open RUNTIME_MANAGER_TRACE '%1': %2")
+             .arg(QString::fromUtf8(path), ErrnoText(errno)));
   }
   return file;
 }
@@ -50,7 +49,7 @@ QByteArray Head(const QString& task, Direction direction) {
 void WarnOnce(const QString& why) {
   static std::atomic_flag warned = ATOMIC_FLAG_INIT;
   if (warned.test_and_set()) return;
-  qCWarning(Log).noquote() << "the record in RUNTIME_MANAGER_TRACE has gaps:" << why;
+  Warn("the record in RUNTIME_MANAGER_TRACE has gaps: " + why);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "limits.h"
+#include "message_limits.h"
 
 #include "support.h"
 
@@ -11,12 +11,11 @@ std::size_t ReadLimit(const char* variable, std::size_t by_default, std::size_t 
   bool is_number = false;
   const qulonglong value = text.toULongLong(&is_number, 10);
   if (is_number && value >= 1 && value <= largest) return value;
-  qCWarning(Log).noquote() << QString(
-                                  "%1 is '%2': it must be a number of bytes from 1 to %3; the "
-                                  "default of %4 holds")
-                                  .arg(variable, QString::fromUtf8(text))
-                                  .arg(largest)
-                                  .arg(by_default);
+  Warn(QString("%1 is '%2': it must be a number of bytes from 1 to %3; the "
+               "default of %4 holds")
+           .arg(variable, QString::fromUtf8(text))
+           .arg(largest)
+           .arg(by_default));
   return by_default;
 }
 

@@ -1,6 +1,6 @@
 // The bounds of messages and queues, with what the environment sets.
-#ifndef RUNTIME_MANAGER_HOST_LIMITS_H
-#define RUNTIME_MANAGER_HOST_LIMITS_H
+#ifndef RUNTIME_MANAGER_HOST_MESSAGE_LIMITS_H
+#define RUNTIME_MANAGER_HOST_MESSAGE_LIMITS_H
 
 #include <cstddef>
 
@@ -29,4 +29,4 @@ Limits ReadLimits();
 
 }  // namespace RuntimeManager::host
 
-#endif  // RUNTIME_MANAGER_HOST_LIMITS_H
+#endif  // RUNTIME_MANAGER_HOST_MESSAGE_LIMITS_H

@@ -1,0 +1,135 @@
+// A program for the tests: a task, or a starter, as its first argument says. Sources of its own
+// processes, it is what a test cannot be: killed, started as a task, and alone with its
+// environment.
+#include <RuntimeManager/IntentsInvoker.h>
+#include <RuntimeManager/RuntimeDispatcher.h>
+#include <RuntimeManager/Task.h>
+#include <RuntimeManager/TaskMessaging.h>
+#include <unistd.h>
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QFile>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <utility>
+
+namespace {
+
+using namespace RuntimeManager;  // NOLINT(google-build-using-namespace)
+
+void Say(const QString& text) {
+  std::printf("%s\n", qPrintable(text));
+  std::fflush(stdout);
+}
+
+void Note(const QString& file, const QString& text) {
+  QFile out(qEnvironmentVariable("WORLD") + '/' + file);
+  if (out.open(QIODevice::WriteOnly | QIODevice::Append)) out.write(text.toUtf8() + '\n');
+}
+
+// Sends back what it gets; ends when the starter leaves.
+int Echo() {
+  TaskMessaging messaging(RuntimeDispatcher::instance()->localServerSocket());
+  QObject::connect(&messaging, &TaskMessaging::messageReceived, &messaging,
+                   &TaskMessaging::sendMessage);
+  QObject::connect(&messaging, &TaskMessaging::disconnected, qApp, &QCoreApplication::quit);
+  return QCoreApplication::exec();
+}
+
+// Serves one starter after the other on the same descriptor, each with an object of its own.
+int Again() {
+  auto* messaging = new TaskMessaging(RuntimeDispatcher::instance()->localServerSocket(), qApp);
+  messaging->sendMessage({{"data", "welcome"}});
+  QObject::connect(messaging, &TaskMessaging::disconnected, messaging, &QObject::deleteLater);
+  QObject::connect(messaging, &QObject::destroyed, qApp, [] { static_cast<void>(Again()); });
+  static bool runs = false;
+  if (runs) return 0;
+  runs = true;
+  return QCoreApplication::exec();
+}
+
+// Tells what the process knows about being a task.
+int Report() {
+  const int before = qEnvironmentVariableIsSet("LISTEN_PID") ? 1 : 0;
+  const int socket = RuntimeDispatcher::instance()->localServerSocket();
+  Note("report", QString("set %1 socket %2 left %3%4")
+                     .arg(before)
+                     .arg(socket)
+                     .arg(qEnvironmentVariable("LISTEN_PID"), qEnvironmentVariable("LISTEN_FDS")));
+  return 0;
+}
+
+// Starts a task and stays, or leaves at once when told to.
+int StartTask(const QString& name, const QString& then) {
+  static Task* const task = new Task(name);
+  task->withIpcSocket(true);
+  task->start([then](const Error& error) {
+    Say(error.isError() ? "error " + error.message() : "started " + task->socketPath());
+    if (then == "exit") std::exit(0);
+    if (then == "quit") QCoreApplication::quit();
+    if (then == "delete") {
+      delete task;
+      std::exit(0);
+    }
+  });
+  return QCoreApplication::exec();
+}
+
+// Deletes its task when there is no application object any more.
+int StartTaskAndOutliveApplication(const QString& name,
+                                   std::unique_ptr<QCoreApplication> application) {
+  auto* task = new Task(name);
+  task->withIpcSocket(true);
+  task->start([](const Error& error) {
+    Say("started " + error.message());
+    QCoreApplication::quit();
+  });
+  const int result = QCoreApplication::exec();
+  application.reset();
+  delete task;
+  Say("deleted");
+  return result;
+}
+
+int OwnIntent(const QString& name, const QString& how) {
+  RuntimeDispatcher::instance()->registerIntent(
+      name, [how](const QJsonObject& first, const QJsonObject& second,
+                  const RuntimeDispatcher::Reply& reply) {
+        if (how == "die") ::_exit(1);
+        if (how == "quit") QCoreApplication::quit();
+        reply({{"first", first}, {"second", second}, {"pid", ::getpid()}});
+      });
+  Say("ready");
+  return QCoreApplication::exec();
+}
+
+int Talk(const QString& name) {
+  Task task(name);
+  task.withIpcSocket(true);
+  std::unique_ptr<TaskMessaging> messaging;
+  task.start([&task, &messaging](const Error& error) {
+    if (error.isError()) return QCoreApplication::exit(1);
+    messaging = std::make_unique<TaskMessaging>(task.socketPath());
+    QObject::connect(messaging.get(), &TaskMessaging::messageReceived, qApp,
+                     &QCoreApplication::quit);
+    messaging->sendMessage({{"data", "hello \"you\""}});
+  });
+  return QCoreApplication::exec();
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+  auto application = std::make_unique<QCoreApplication>(count, arguments);
+  const QStringList words = QCoreApplication::arguments();
+  const QString verb = words.value(1);
+  if (verb == "report") return Report();
+  if (verb == "again") return Again();
+  if (verb == "start") return StartTask(words.value(2), words.value(3));
+  if (verb == "outlive")
+    return StartTaskAndOutliveApplication(words.value(2), std::move(application));
+  if (verb == "own") return OwnIntent(words.value(2), words.value(3));
+  if (verb == "talk") return Talk(words.value(2));
+  return Echo();
+}

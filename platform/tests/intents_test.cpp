@@ -1,0 +1,334 @@
+// Intents: owners, invokers, and the URIs that need no owner.
+#include <RuntimeManager/IntentsInvoker.h>
+#include <RuntimeManager/RuntimeDispatcher.h>
+#include <gmock/gmock.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <QtCore/QDir>
+#include <QtCore/QFile>
+#include <QtCore/QProcessEnvironment>
+#include <memory>
+#include <thread>
+
+#include "kit.h"
+
+namespace kit {
+namespace {
+
+using RuntimeManager::IntentsInvoker;
+using RuntimeManager::RuntimeDispatcher;
+using testing::HasSubstr;
+
+struct Replies {
+  explicit Replies(IntentsInvoker* invoker) {
+    QObject::connect(invoker, &IntentsInvoker::replyReceived,
+                     [this](const QJsonObject& reply, const Error& error) {
+                       objects.push_back(reply);
+                       errors.push_back(error);
+                     });
+  }
+  bool WaitFor(std::size_t count) {
+    return RunUntil([this, count] { return errors.size() >= count; });
+  }
+  std::vector<QJsonObject> objects;
+  std::vector<Error> errors;
+};
+
+// Registrations last as long as the process, and so do the descriptors that they listen on.
+class Intents : public PlatformTest {
+ protected:
+  QString Socket(const QString& name) const { return RuntimeFolder() + "/intents/" + name; }
+  // Another process that owns the intent.
+  std::unique_ptr<Task> Owner(const QString& name, const QString& how = {}) {
+    AddHelperTask("owner");
+    auto task = std::make_unique<Task>("owner");
+    task->withArguments({"own", name, how});
+    ExpectStarts(*task);
+    EXPECT_TRUE(RunUntil([this, name] { return CanConnect(name); }));
+    return task;
+  }
+  bool CanConnect(const QString& name) const {
+    const int socket = ConnectTo(Socket(name));
+    ::close(socket);
+    return socket >= 0;
+  }
+  Error Invoke(const QString& name, const QJsonObject& second = {}) {
+    IntentsInvoker invoker;
+    Replies replies(&invoker);
+    invoker.invoke(name, {}, second);
+    EXPECT_TRUE(replies.errors.empty());
+    EXPECT_TRUE(replies.WaitFor(1));
+    EXPECT_EQ(replies.objects.at(0), QJsonObject());
+    return replies.errors.at(0);
+  }
+  Error Open(const QString& uri) { return Invoke("OpenURI", {{"uri", uri}}); }
+  // A program that opens URIs by noting its arguments.
+  void SetHandler(const QByteArray& script) {
+    AddShellTask("handler", script);
+    handler_ = std::make_unique<ScopedVariable>("RUNTIME_MANAGER_URI_HANDLER",
+                                                PathOf("tasks/handler").toUtf8());
+  }
+  void TearDown() override {
+    handler_.reset();
+    PlatformTest::TearDown();
+  }
+
+ private:
+  std::unique_ptr<ScopedVariable> handler_;
+};
+
+// Runs what registers intents in a process of its own, so that its owners die with it.
+#define IN_A_PROCESS_OF_ITS_OWN(body)                 \
+  EXPECT_EXIT(                                        \
+      {                                               \
+        body();                                       \
+        ::_exit(testing::Test::HasFailure() ? 1 : 0); \
+      },                                              \
+      testing::ExitedWithCode(0), "")
+
+TEST_F(Intents, CarryBothObjectsToTheOwnerAndItsReplyBack) {
+  const auto owner = Owner("Greet");
+  IntentsInvoker invoker;
+  Replies replies(&invoker);
+  invoker.invoke("Greet", {{"a", 1}}, {{"b", "two"}});
+  ASSERT_TRUE(replies.WaitFor(1));
+  EXPECT_FALSE(replies.errors[0].isError()) << replies.errors[0].message().toStdString();
+  EXPECT_EQ(replies.objects[0]["first"], QJsonValue(QJsonObject{{"a", 1}}));
+  EXPECT_EQ(replies.objects[0]["second"], QJsonValue(QJsonObject{{"b", "two"}}));
+}
+
+TEST_F(Intents, MayBeUnderWayAtTheSameTime) {
+  const auto owner = Owner("Greet");
+  IntentsInvoker invoker;
+  Replies replies(&invoker);
+  for (int i = 0; i < 50; ++i) invoker.invoke("Greet", {{"n", i}}, {});
+  ASSERT_TRUE(replies.WaitFor(50));
+  for (const Error& error : replies.errors) EXPECT_FALSE(error.isError());
+  RunFor(50);
+  EXPECT_EQ(replies.errors.size(), 50U);
+}
+
+TEST_F(Intents, FailWithoutAnOwner) {
+  const Error error = Invoke("Nobody");
+  EXPECT_EQ(error.code(), Error::kNoSuchIntent);
+  EXPECT_THAT(error.message().toStdString(), HasSubstr("'Nobody'"));
+}
+
+TEST_F(Intents, FailWithABadName) {
+  for (const QString& name : {QString(), QString(".lock"), QString("a/b"), QString(81, 'a')}) {
+    EXPECT_EQ(Invoke(name).code(), Error::kInvalidArgument) << name.toStdString();
+  }
+  EXPECT_EQ(Invoke(QString(80, 'a')).code(), Error::kNoSuchIntent);
+}
+
+TEST_F(Intents, FailWhenTheOwnerDiesBeforeItAnswers) {
+  const auto owner = Owner("Fatal", "die");
+  EXPECT_EQ(Invoke("Fatal").code(), Error::kIntentFailed);
+}
+
+TEST_F(Intents, FailWhenTheOwnerAnswersNonsense) {
+  ASSERT_EQ(Invoke("Odd").code(), Error::kNoSuchIntent);
+  const int listening = ListenOn(Socket("Odd"));
+  IntentsInvoker invoker;
+  Replies replies(&invoker);
+  invoker.invoke("Odd", {}, {});
+  const int peer = ::accept(listening, nullptr, nullptr);
+  EXPECT_EQ(ReadLineFrom(peer), R"({"first":{},"second":{}})");
+  ASSERT_EQ(::send(peer, "{}\n", 3, 0), 3);
+  EXPECT_TRUE(replies.WaitFor(1));
+  EXPECT_EQ(replies.errors.at(0).code(), Error::kIntentFailed);
+  ::close(peer);
+  ::close(listening);
+}
+
+TEST_F(Intents, EndWithTheirInvoker) {
+  const auto owner = Owner("Greet");
+  auto invoker = std::make_unique<IntentsInvoker>();
+  Replies replies(invoker.get());
+  invoker->invoke("Greet", {}, {});
+  invoker->invoke(".bad", {}, {});
+  invoker.reset();
+  RunFor(100);
+  EXPECT_TRUE(replies.errors.empty());
+  auto* doomed = new IntentsInvoker;
+  bool deleted = false;
+  QObject::connect(doomed, &IntentsInvoker::replyReceived, [doomed, &deleted] {
+    delete doomed;
+    deleted = true;
+  });
+  doomed->invoke("Greet", {}, {});
+  doomed->invoke("Greet", {}, {});
+  EXPECT_TRUE(RunUntil([&deleted] { return deleted; }));
+}
+
+TEST_F(Intents, AnswerWithTheFirstReplyEvenLaterAndFromAnotherThread) {
+  IN_A_PROCESS_OF_ITS_OWN([] {
+    RuntimeDispatcher::Reply kept;
+    RuntimeDispatcher::instance()->registerIntent(
+        "Later", [&kept](const QJsonObject&, const QJsonObject&, RuntimeDispatcher::Reply reply) {
+          kept = std::move(reply);
+        });
+    IntentsInvoker invoker;
+    Replies replies(&invoker);
+    invoker.invoke("Later", {}, {});
+    RunUntil([&kept] { return static_cast<bool>(kept); });
+    EXPECT_TRUE(replies.errors.empty());
+    std::thread([reply = std::move(kept)] {
+      reply({{"n", 1}});
+      reply({{"n", 2}});
+    }).join();
+    EXPECT_TRUE(replies.WaitFor(1));
+    RunFor(50);
+    EXPECT_EQ(replies.objects.size(), 1U);
+    EXPECT_EQ(replies.objects.at(0)["n"], 1);
+  });
+}
+
+TEST_F(Intents, TellTheInvokerThatTheOwnerLetGo) {
+  IN_A_PROCESS_OF_ITS_OWN([this] {
+    RuntimeDispatcher::instance()->registerIntent(
+        "Drop", [](const QJsonObject&, const QJsonObject&, const RuntimeDispatcher::Reply&) {});
+    const Error error = Invoke("Drop");
+    EXPECT_EQ(error.code(), Error::kIntentFailed);
+    EXPECT_THAT(error.message().toStdString(), HasSubstr("without an answer"));
+  });
+}
+
+TEST_F(Intents, StayWithTheFirstLiveOwner) {
+  const auto owner = Owner("Mine");
+  {
+    const WarningCatcher warnings;
+    RuntimeDispatcher::instance()->registerIntent("Mine", {});
+    EXPECT_EQ(warnings.Count("'Mine' is not registered: a live process owns it"), 1);
+    RuntimeDispatcher::instance()->registerIntent("not/a name", {});
+    EXPECT_EQ(warnings.Count("cannot be the name of an intent"), 1);
+  }
+  IntentsInvoker invoker;
+  Replies replies(&invoker);
+  invoker.invoke("Mine", {}, {});
+  ASSERT_TRUE(replies.WaitFor(1));
+  EXPECT_NE(replies.objects[0]["pid"], QJsonValue(::getpid()));
+}
+
+TEST_F(Intents, StayWithTheFirstOwnerOfTheSameProcessToo) {
+  IN_A_PROCESS_OF_ITS_OWN([] {
+    const auto answer = [](int number) {
+      return
+          [number](const QJsonObject&, const QJsonObject&, const RuntimeDispatcher::Reply& reply) {
+            reply({{"n", number}});
+          };
+    };
+    RuntimeDispatcher::instance()->registerIntent("Own", answer(1));
+    const WarningCatcher warnings;
+    RuntimeDispatcher::instance()->registerIntent("Own", answer(2));
+    EXPECT_EQ(warnings.Count("'Own' is not registered"), 1);
+    IntentsInvoker invoker;
+    Replies replies(&invoker);
+    invoker.invoke("Own", {}, {});
+    EXPECT_TRUE(replies.WaitFor(1));
+    EXPECT_EQ(replies.objects.at(0)["n"], 1);
+  });
+}
+
+TEST_F(Intents, ArePassedOnWhenTheirOwnerHasDied) {
+  auto first = Owner("Heir", "die");
+  EXPECT_EQ(Invoke("Heir").code(), Error::kIntentFailed);
+  EXPECT_TRUE(QFile::exists(Socket("Heir"))) << "a crash leaves the file behind";
+  EXPECT_EQ(Invoke("Heir").code(), Error::kNoSuchIntent);
+  first.reset();
+  QFile::remove(PathOf("tasks/owner"));
+  const auto second = Owner("Heir");
+  IntentsInvoker invoker;
+  Replies replies(&invoker);
+  invoker.invoke("Heir", {}, {});
+  ASSERT_TRUE(replies.WaitFor(1));
+  EXPECT_FALSE(replies.errors[0].isError());
+}
+
+TEST_F(Intents, GoWithTheProcessThatOwnsThem) {
+  const auto owner = Owner("Gone", "quit");
+  Outcomes finished;
+  QObject::connect(owner.get(), &Task::finished, finished.Recorder());
+  IntentsInvoker invoker;
+  invoker.invoke("Gone", {}, {});
+  EXPECT_THAT(finished.Wait().message().toStdString(), HasSubstr("exited with status 0"));
+  EXPECT_FALSE(QFile::exists(Socket("Gone")));
+  EXPECT_TRUE(QFile::exists(RuntimeFolder() + "/intents"));
+}
+
+TEST_F(Intents, AreNotServedInAFolderOfOthers) {
+  ASSERT_TRUE(QDir().mkpath(RuntimeFolder()));
+  QFile::setPermissions(RuntimeFolder(), QFile::Permissions(0x7777));
+  EXPECT_EQ(Invoke("Greet").code(), Error::kRuntimeFolder);
+  const WarningCatcher warnings;
+  RuntimeDispatcher::instance()->registerIntent("Greet", {});
+  EXPECT_EQ(warnings.Count("chmod 700"), 1);
+}
+
+TEST_F(Intents, OpenAUriWithTheChosenProgramAndNoShell) {
+  SetHandler("printf '%s|' $# \"$@\" > $WORLD/out");
+  const QString uri = "https://example.com/a%20b?q=$(touch+out2)&x='y';z*#frag";
+  const Error error = Open(uri);
+  EXPECT_FALSE(error.isError()) << error.message().toStdString();
+  EXPECT_EQ(ReadFile(PathOf("out")), ("1|" + uri + "|").toUtf8());
+}
+
+TEST_F(Intents, SayHowTheProgramThatOpensUrisFailed) {
+  SetHandler("exit 3");
+  const Error error = Open("mailto:somebody@example.com");
+  EXPECT_EQ(error.code(), Error::kUriHandlerFailed);
+  EXPECT_THAT(error.message().toStdString(), HasSubstr("exited with status 3"));
+}
+
+TEST_F(Intents, SayThatThereIsNoProgramToOpenUris) {
+  const ScopedVariable chosen("RUNTIME_MANAGER_URI_HANDLER", "no-such-program");
+  EXPECT_THAT(Open("https://example.com").message().toStdString(), HasSubstr("'no-such-program'"));
+  const ScopedVariable absolute("RUNTIME_MANAGER_URI_HANDLER", "/no/such/program");
+  EXPECT_EQ(Open("https://example.com").code(), Error::kUriHandlerFailed);
+}
+
+TEST_F(Intents, UseXdgOpenWhenNoProgramIsChosen) {
+  AddShellTask("xdg-open", "echo \"$1\" > $WORLD/out");
+  const ScopedVariable unset("RUNTIME_MANAGER_URI_HANDLER", QByteArray());
+  const ScopedVariable path("PATH", PathOf("tasks").toUtf8() + ":/usr/bin:/bin");
+  EXPECT_FALSE(Open("https://example.com/").isError());
+  EXPECT_EQ(ReadFile(PathOf("out")), "https://example.com/\n");
+}
+
+TEST_F(Intents, PassOnValidAbsoluteUrisOnly) {
+  SetHandler("echo \"$1\" >> $WORLD/out");
+  for (const QString& uri :
+       {QString(), QString("relative/path"), QString("//host/path"), QString("--help"),
+        QString("/etc/passwd"), QString("http://exa mple.com/"), QString("http://[::1/"),
+        QString("1http://example.com"), QString("http://example.com/%zz"), QString("https:"),
+        QString::fromUtf8("https://example.com/ü"), QString("https://example.com/\n")}) {
+    EXPECT_EQ(Open(uri).code(), Error::kInvalidArgument) << uri.toStdString();
+  }
+  EXPECT_EQ(Invoke("OpenURI", {{"uri", 5}}).code(), Error::kInvalidArgument);
+  EXPECT_EQ(Invoke("OpenURI", {}).code(), Error::kInvalidArgument);
+  EXPECT_FALSE(QFile::exists(PathOf("out")));
+}
+
+TEST_F(Intents, LetTheProgramThatShowsTheUriLiveOn) {
+  SetHandler("sleep 1; echo shown > $WORLD/out");
+  auto invoker = std::make_unique<IntentsInvoker>();
+  invoker->invoke("OpenURI", {}, {{"uri", "https://example.com"}});
+  RunFor(300);
+  invoker.reset();
+  EXPECT_TRUE(WaitForFile(PathOf("out"), "shown"));
+}
+
+TEST_F(Intents, LeaveUrisToTheOwnerOfOpenUri) {
+  SetHandler("echo \"$1\" >> $WORLD/out");
+  const auto owner = Owner("OpenURI");
+  IntentsInvoker invoker;
+  Replies replies(&invoker);
+  invoker.invoke("OpenURI", {}, {{"uri", "https://example.com"}});
+  ASSERT_TRUE(replies.WaitFor(1));
+  EXPECT_EQ(replies.objects[0]["second"].toObject()["uri"], "https://example.com");
+  EXPECT_FALSE(QFile::exists(PathOf("out")));
+}
+
+}  // namespace
+}  // namespace kit

@@ -1,0 +1,259 @@
+#include "kit.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QDir>
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QFile>
+#include <QtCore/QLoggingCategory>
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <mutex>
+
+namespace kit {
+namespace {
+
+std::mutex warnings_mutex;
+QStringList warnings;
+bool catching = false;
+
+void OnLogMessage(QtMsgType /*type*/, const QMessageLogContext& context, const QString& text) {
+  const std::lock_guard lock(warnings_mutex);
+  if (catching && QLatin1String(context.category) == QLatin1String("runtimemanager")) {
+    warnings << text;
+    return;
+  }
+  std::fprintf(stderr, "%s\n", qPrintable(text));
+}
+
+class ApplicationEnvironment : public testing::Environment {
+ public:
+  void SetUp() override {
+    qInstallMessageHandler(OnLogMessage);
+    application_ = std::make_unique<QCoreApplication>(argument_count_, arguments_);
+  }
+  void TearDown() override { application_.reset(); }
+
+ private:
+  int argument_count_ = 1;
+  char name_[6] = "tests";
+  char* arguments_[2] = {name_, nullptr};
+  std::unique_ptr<QCoreApplication> application_;
+};
+
+[[maybe_unused]] const auto* const environment =
+    testing::AddGlobalTestEnvironment(new ApplicationEnvironment);
+
+sockaddr_un Address(const QString& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const QByteArray bytes = path.toUtf8();
+  EXPECT_LT(static_cast<std::size_t>(bytes.size()), sizeof(address.sun_path));
+  std::copy(bytes.begin(), bytes.end(), address.sun_path);
+  return address;
+}
+
+}  // namespace
+
+bool RunUntil(const std::function<bool()>& done, int limit_ms) {
+  QElapsedTimer timer;
+  timer.start();
+  while (!done()) {
+    if (timer.elapsed() > limit_ms) return false;
+    QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    ::usleep(200);
+  }
+  return true;
+}
+
+void RunFor(int ms) {
+  QElapsedTimer timer;
+  timer.start();
+  RunUntil([&timer, ms] { return timer.elapsed() >= ms; });
+}
+
+ScopedVariable::ScopedVariable(const char* name, const QByteArray& value) : name_(name) {
+  if (const char* before = std::getenv(name)) before_ = before;
+  if (value.isNull()) {
+    ::unsetenv(name);
+  } else {
+    ::setenv(name, value.constData(), 1);
+  }
+}
+
+ScopedVariable::~ScopedVariable() {
+  if (before_) {
+    ::setenv(name_, before_->constData(), 1);
+  } else {
+    ::unsetenv(name_);
+  }
+}
+
+WarningCatcher::WarningCatcher() {
+  const std::lock_guard lock(warnings_mutex);
+  warnings.clear();
+  catching = true;
+}
+
+WarningCatcher::~WarningCatcher() {
+  const std::lock_guard lock(warnings_mutex);
+  catching = false;
+}
+
+int WarningCatcher::Count(const QString& text) const {
+  const std::lock_guard lock(warnings_mutex);
+  return warnings.filter(text).size();
+}
+
+Error Outcomes::Wait() {
+  if (!RunUntil([this] { return Arrived(); })) return {-1, "nothing arrived in time"};
+  return errors.front();
+}
+
+Inbox::Inbox(TaskMessaging* messaging) {
+  QObject::connect(messaging, &TaskMessaging::messageReceived, messaging,
+                   [this](const QJsonObject& message) { messages.push_back(message); });
+  QObject::connect(messaging, &TaskMessaging::disconnected, messaging, disconnects.Recorder());
+}
+
+bool Inbox::WaitFor(std::size_t count) {
+  return RunUntil([this, count] { return messages.size() >= count; });
+}
+
+QByteArray ReadFile(const QString& path) {
+  QFile file(path);
+  return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+bool WaitForFile(const QString& path, const QByteArray& content_part) {
+  return RunUntil([&path, &content_part] {
+    return QFile::exists(path) && ReadFile(path).contains(content_part);
+  });
+}
+
+QStringList OpenDescriptors() {
+  QStringList open;
+  for (int descriptor = 0; descriptor < 1024; ++descriptor) {
+    const QByteArray link = "/proc/self/fd/" + QByteArray::number(descriptor);
+    char target[256] = {};
+    if (::readlink(link.constData(), target, sizeof(target) - 1) > 0) {
+      open << QString("%1 -> %2").arg(descriptor).arg(QString::fromUtf8(target));
+    }
+  }
+  return open;
+}
+
+bool IsGone(pid_t pid) { return ::kill(pid, 0) != 0 && errno == ESRCH; }
+
+int ConnectTo(const QString& path) {
+  const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const sockaddr_un address = Address(path);
+  if (::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+    return socket;
+  }
+  ::close(socket);
+  return -1;
+}
+
+int ListenOn(const QString& path) {
+  const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const sockaddr_un address = Address(path);
+  EXPECT_EQ(::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+  EXPECT_EQ(::listen(socket, 8), 0);
+  return socket;
+}
+
+QByteArray ReadToEnd(int descriptor) {
+  QByteArray all;
+  char chunk[4096];
+  ssize_t size = 0;
+  while ((size = ::read(descriptor, chunk, sizeof(chunk))) > 0) {
+    all.append(chunk, static_cast<int>(size));
+  }
+  return all;
+}
+
+QByteArray ReadLineFrom(int descriptor) {
+  QByteArray line;
+  bool more = true;
+  RunUntil([&line, &more, descriptor] {
+    char byte = 0;
+    ssize_t size = 0;
+    while ((size = ::recv(descriptor, &byte, 1, MSG_DONTWAIT)) == 1 && byte != '\n') line += byte;
+    more = size < 0;
+    return !more;
+  });
+  return line;
+}
+
+QJsonObject Data(const QString& text) { return {{"data", text}}; }
+
+void PlatformTest::SetUp() {
+  ASSERT_TRUE(world_.isValid());
+  ASSERT_TRUE(QDir(world_.path()).mkdir("run"));
+  ASSERT_TRUE(QDir(world_.path()).mkdir("tasks"));
+  const auto set = [this](const char* name, const QByteArray& value) {
+    variables_.push_back(std::make_unique<ScopedVariable>(name, value));
+  };
+  set("XDG_RUNTIME_DIR", PathOf("run").toUtf8());
+  set("RUNTIME_MANAGER_TASK_PATH", PathOf("tasks").toUtf8());
+  set("WORLD", world_.path().toUtf8());
+  descriptors_before_ = OpenDescriptors();
+}
+
+// No zombie, no descriptor and no socket file is left after any path.
+void PlatformTest::TearDown() {
+  // Only looks: reaping is what the runtime manager has to do.
+  const auto has_no_child = [] {
+    siginfo_t info{};
+    return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) != 0 && errno == ECHILD;
+  };
+  EXPECT_TRUE(RunUntil(has_no_child)) << "a child is left";
+  RunUntil([this] { return OpenDescriptors() == descriptors_before_; }, 1000);
+  EXPECT_EQ(OpenDescriptors().join('\n').toStdString(),
+            descriptors_before_.join('\n').toStdString());
+  EXPECT_EQ(SocketFiles().join(' ').toStdString(), "");
+  variables_.clear();
+}
+
+QStringList PlatformTest::SocketFiles() const {
+  return QDir(RuntimeFolder()).entryList({"*.sock"}, QDir::AllEntries | QDir::System);
+}
+
+void PlatformTest::AddTask(const QString& name, const QByteArray& content) {
+  QFile file(PathOf("tasks/" + name));
+  ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+  file.write(content);
+  file.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+}
+
+void PlatformTest::AddShellTask(const QString& name, const QByteArray& script) {
+  AddTask(name, "#!/bin/sh\n" + script + "\n");
+}
+
+void PlatformTest::AddPythonTask(const QString& name, const QByteArray& script) {
+  AddTask(name, "#!" PYTHON
+                " -S\n"
+                "import json, os, signal, socket, sys, time\n"
+                "server = socket.socket(fileno=3)\n" +
+                    script + "\n");
+}
+
+void PlatformTest::AddHelperTask(const QString& name) {
+  ASSERT_TRUE(QFile::link(HELPER, PathOf("tasks/" + name)));
+}
+
+void PlatformTest::ExpectStarts(Task& task) {
+  Outcomes started;
+  task.start(started.Recorder());
+  const Error error = started.Wait();
+  ASSERT_FALSE(error.isError()) << error.message().toStdString();
+}
+
+}  // namespace kit

@@ -1,0 +1,114 @@
+// What the tests of the runtime manager share: a private world for each test, an event loop, and a
+// look at what is left when it is over.
+#ifndef RUNTIME_MANAGER_TESTS_KIT_H
+#define RUNTIME_MANAGER_TESTS_KIT_H
+
+#include <RuntimeManager/Error.h>
+#include <RuntimeManager/Task.h>
+#include <RuntimeManager/TaskMessaging.h>
+#include <gtest/gtest.h>
+
+#include <QtCore/QByteArray>
+#include <QtCore/QJsonObject>
+#include <QtCore/QString>
+#include <QtCore/QStringList>
+#include <QtCore/QTemporaryDir>
+#include <functional>
+#include <map>
+#include <optional>
+#include <vector>
+
+namespace kit {
+
+using RuntimeManager::Error;
+using RuntimeManager::Task;
+using RuntimeManager::TaskMessaging;
+
+// Runs the event loop until `done` says so; false when that takes too long.
+bool RunUntil(const std::function<bool()>& done, int limit_ms = 60000);
+// Runs the event loop for a while, for things that must not happen.
+void RunFor(int ms);
+
+// An environment variable for a scope.
+class ScopedVariable {
+ public:
+  ScopedVariable(const char* name, const QByteArray& value);
+  ~ScopedVariable();
+  ScopedVariable(const ScopedVariable&) = delete;
+  ScopedVariable& operator=(const ScopedVariable&) = delete;
+
+ private:
+  const char* name_;
+  std::optional<QByteArray> before_;
+};
+
+// Collects the warnings of the runtime manager for a scope.
+class WarningCatcher {
+ public:
+  WarningCatcher();
+  ~WarningCatcher();
+  WarningCatcher(const WarningCatcher&) = delete;
+  WarningCatcher& operator=(const WarningCatcher&) = delete;
+  // How many contain `text`.
+  int Count(const QString& text) const;
+};
+
+// The calls of one completion or signal that carries an error.
+struct Outcomes {
+  std::vector<Error> errors;
+  std::function<void(const Error&)> Recorder() {
+    return [this](const Error& error) { errors.push_back(error); };
+  }
+  bool Arrived() const { return !errors.empty(); }
+  // Waits for the first; an error that says so when there is none.
+  Error Wait();
+};
+
+// Everything that a connection gave.
+struct Inbox {
+  explicit Inbox(TaskMessaging* messaging);
+  bool WaitFor(std::size_t count);
+  std::vector<QJsonObject> messages;
+  Outcomes disconnects;
+};
+
+QByteArray ReadFile(const QString& path);
+bool WaitForFile(const QString& path, const QByteArray& content_part);
+QStringList OpenDescriptors();
+bool IsGone(pid_t pid);
+// A blocking connection to a socket; -1 when it is refused.
+int ConnectTo(const QString& path);
+int ListenOn(const QString& path);
+// Everything until the end of the file.
+QByteArray ReadToEnd(int descriptor);
+QByteArray ReadLineFrom(int descriptor);
+
+QJsonObject Data(const QString& text);
+
+class PlatformTest : public testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  // Writes an executable file that can be started as a task.
+  void AddShellTask(const QString& name, const QByteArray& script);
+  // The script finds its socket in `server` and has the usual modules.
+  void AddPythonTask(const QString& name, const QByteArray& script);
+  // The helper program under that task name.
+  void AddHelperTask(const QString& name);
+  QString PathOf(const QString& name) const { return world_.filePath(name); }
+  QString RuntimeFolder() const { return PathOf("run/runtime-manager"); }
+  QStringList SocketFiles() const;
+  void ExpectStarts(Task& task);
+
+ private:
+  void AddTask(const QString& name, const QByteArray& content);
+
+  QTemporaryDir world_;
+  std::vector<std::unique_ptr<ScopedVariable>> variables_;
+  QStringList descriptors_before_;
+};
+
+}  // namespace kit
+
+#endif  // RUNTIME_MANAGER_TESTS_KIT_H

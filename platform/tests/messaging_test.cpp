@@ -1,0 +1,483 @@
+// Messages between a starter and its task.
+#include <RuntimeManager/RuntimeDispatcher.h>
+#include <RuntimeManager/Task.h>
+#include <RuntimeManager/TaskMessaging.h>
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QTimer>
+#include <csignal>
+#include <memory>
+
+#include "kit.h"
+
+namespace kit {
+namespace {
+
+using testing::HasSubstr;
+
+class Messaging : public PlatformTest {
+ protected:
+  // A running task with a socket.
+  std::unique_ptr<Task> Started(const QString& name) {
+    auto task = std::make_unique<Task>(name);
+    task->withIpcSocket(true);
+    ExpectStarts(*task);
+    return task;
+  }
+};
+
+// A process's own listening socket and object on it: the task's end without a task.
+class ServerEnd : public PlatformTest {
+ protected:
+  void SetUp() override {
+    PlatformTest::SetUp();
+    listening_ = ListenOn(PathOf("server"));
+  }
+  void TearDown() override {
+    ::close(listening_);
+    PlatformTest::TearDown();
+  }
+  int Connect() { return ConnectTo(PathOf("server")); }
+  static void SendLine(int socket, const QByteArray& line) {
+    const QByteArray bytes = line + '\n';
+    EXPECT_EQ(
+        ::send(socket, bytes.constData(), static_cast<std::size_t>(bytes.size()), MSG_NOSIGNAL),
+        bytes.size());
+  }
+  // Whether the other side has closed the connection.
+  static bool IsClosed(int socket) {
+    return RunUntil([socket] {
+      char byte = 0;
+      const ssize_t size = ::recv(socket, &byte, 1, MSG_DONTWAIT);
+      return size == 0 || (size < 0 && errno != EAGAIN);
+    });
+  }
+
+  int listening_ = -1;
+};
+
+TEST_F(Messaging, GoThereAndBackInOrder) {
+  AddHelperTask("echo");
+  const auto task = Started("echo");
+  TaskMessaging messaging(task->socketPath());
+  Inbox inbox(&messaging);
+  for (int i = 0; i < 1000; ++i) messaging.sendMessage({{"n", i}});
+  ASSERT_TRUE(inbox.WaitFor(1000));
+  for (int i = 0; i < 1000; ++i) EXPECT_EQ(inbox.messages[static_cast<std::size_t>(i)]["n"], i);
+}
+
+TEST_F(Messaging, MayBeSentBeforeTheTaskRuns) {
+  AddHelperTask("echo");
+  Task task("echo");
+  task.withIpcSocket(true);
+  task.start({});
+  TaskMessaging messaging(task.socketPath());
+  Inbox inbox(&messaging);
+  messaging.sendMessage(Data("first"));
+  ASSERT_TRUE(inbox.WaitFor(1));
+  EXPECT_EQ(inbox.messages[0], Data("first"));
+}
+
+TEST_F(Messaging, Of64MiBPassUnharmedBothWays) {
+  AddHelperTask("echo");
+  const auto task = Started("echo");
+  TaskMessaging messaging(task->socketPath());
+  Inbox inbox(&messaging);
+  QString plain(64 << 20, Qt::Uninitialized);
+  for (int i = 0; i < plain.size(); ++i) plain[i] = QChar(static_cast<ushort>('0' + i % 10));
+  messaging.sendMessage(Data(plain));
+  ASSERT_TRUE(inbox.WaitFor(1));
+  EXPECT_TRUE(inbox.messages[0] == Data(plain));
+  plain[1 << 20] = '"';
+  messaging.sendMessage(Data(plain));
+  ASSERT_TRUE(inbox.WaitFor(2));
+  EXPECT_TRUE(inbox.messages[1] == Data(plain));
+}
+
+TEST_F(Messaging, NeverBlockTheSender) {
+  AddPythonTask("deaf", "time.sleep(60)");
+  const auto task = Started("deaf");
+  TaskMessaging messaging(task->socketPath());
+  Inbox inbox(&messaging);
+  const QString large(1 << 20, 'x');
+  for (int i = 0; i < 20; ++i) messaging.sendMessage(Data(large));
+  RunFor(50);
+  EXPECT_FALSE(inbox.disconnects.Arrived());
+}
+
+TEST_F(Messaging, EndTheConnectionWhenTooMuchWaits) {
+  const ScopedVariable queue("RUNTIME_MANAGER_MAX_QUEUE", "3000000");
+  AddPythonTask("deaf", "time.sleep(60)");
+  const auto task = Started("deaf");
+  TaskMessaging messaging(task->socketPath());
+  Inbox inbox(&messaging);
+  const QString large(1 << 20, 'x');
+  for (int i = 0; i < 4; ++i) messaging.sendMessage(Data(large));
+  EXPECT_FALSE(inbox.disconnects.Arrived());
+  const Error error = inbox.disconnects.Wait();
+  EXPECT_EQ(error.code(), Error::kQueueFull);
+  EXPECT_THAT(error.message().toStdString(), HasSubstr("3000000"));
+  const WarningCatcher warnings;
+  messaging.sendMessage(Data("late"));
+  messaging.sendMessage(Data("later"));
+  EXPECT_EQ(warnings.Count("are dropped"), 1);
+  RunFor(100);
+  EXPECT_EQ(inbox.disconnects.errors.size(), 1U);
+}
+
+TEST_F(Messaging, LeaveTimeForTimersDuringAFlood) {
+  AddPythonTask("flood",
+                "c, _ = server.accept()\nline = b'{\"data\":\"' + b'x' * 1000 + b'\"}\\n'\n"
+                "while True: c.sendall(line * 100)");
+  const auto task = Started("flood");
+  TaskMessaging messaging(task->socketPath());
+  int ticks = 0;
+  QTimer timer;
+  QObject::connect(&timer, &QTimer::timeout, [&ticks] { ++ticks; });
+  timer.start(1);
+  EXPECT_TRUE(RunUntil([&ticks] { return ticks >= 20; }));
+}
+
+TEST_F(Messaging, OfATaskComeBeforeTheNewsOfItsEnd) {
+  AddPythonTask("leaves",
+                "c, _ = server.accept()\nc.recv(10)\n"
+                "for i in range(500): c.sendall(b'{\"n\":%d}\\n' % i)\n"
+                "os.write(2, b'I am leaving\\n'); os._exit(9)");
+  for (int round = 0; round < 20; ++round) {
+    const auto task = Started("leaves");
+    TaskMessaging messaging(task->socketPath());
+    std::vector<std::string> order;
+    Error why;
+    QObject::connect(&messaging, &TaskMessaging::messageReceived,
+                     [&order] { order.emplace_back("message"); });
+    QObject::connect(task.get(), &Task::finished,
+                     [&order](const Error&) { order.emplace_back("finished"); });
+    QObject::connect(&messaging, &TaskMessaging::disconnected, [&order, &why](const Error& error) {
+      order.emplace_back("disconnected");
+      why = error;
+    });
+    messaging.sendMessage(Data("go"));
+    ASSERT_TRUE(RunUntil([&order] { return !order.empty() && order.back() == "disconnected"; }));
+    ASSERT_EQ(order.size(), 502U);
+    EXPECT_EQ(order[500], "finished");
+    EXPECT_THAT(why.message().toStdString(), HasSubstr("exited with status 9"));
+    EXPECT_THAT(why.message().toStdString(), HasSubstr("I am leaving"));
+  }
+}
+
+TEST_F(Messaging, EndWithAnErrorWhenALiveTaskClosesTheConnection) {
+  AddPythonTask("closes", "c, _ = server.accept()\nc.close()\ntime.sleep(60)");
+  const auto task = Started("closes");
+  Outcomes finished;
+  QObject::connect(task.get(), &Task::finished, finished.Recorder());
+  TaskMessaging messaging(task->socketPath());
+  Inbox inbox(&messaging);
+  EXPECT_EQ(inbox.disconnects.Wait().code(), Error::kConnectionLost);
+  EXPECT_FALSE(finished.Arrived());
+}
+
+TEST_F(Messaging, AreReadToTheEndWhenTheTaskStopsReading) {
+  AddPythonTask("half",
+                "c, _ = server.accept()\nc.shutdown(socket.SHUT_RD)\n"
+                "c.sendall(b'{\"n\":1}\\n{\"n\":2}\\n')\nopen(os.environ['WORLD'] + '/sent', "
+                "'w').write('x')\n"
+                "time.sleep(60)");
+  const auto task = Started("half");
+  TaskMessaging messaging(task->socketPath());
+  Inbox inbox(&messaging);
+  // Without a turn of the event loop in between: the failed write comes before the messages.
+  while (ReadFile(PathOf("sent")).isEmpty()) ::usleep(1000);
+  messaging.sendMessage(Data("anybody there?"));
+  EXPECT_EQ(inbox.disconnects.Wait().code(), Error::kConnectionLost);
+  EXPECT_EQ(inbox.messages.size(), 2U);
+}
+
+TEST_F(Messaging, SayThatNobodyListens) {
+  TaskMessaging nothing(PathOf("nothing"));
+  Outcomes lost;
+  QObject::connect(&nothing, &TaskMessaging::disconnected, lost.Recorder());
+  EXPECT_FALSE(lost.Arrived());
+  EXPECT_EQ(lost.Wait().code(), Error::kConnectFailed);
+  EXPECT_THAT(lost.Wait().message().toStdString(), HasSubstr("nothing"));
+  ::close(ListenOn(PathOf("dead")));
+  TaskMessaging dead(PathOf("dead"));
+  Outcomes refused;
+  QObject::connect(&dead, &TaskMessaging::disconnected, refused.Recorder());
+  EXPECT_THAT(refused.Wait().message().toStdString(), HasSubstr("Connection refused"));
+  RunFor(50);
+  EXPECT_EQ(refused.errors.size() + lost.errors.size(), 2U);
+}
+
+TEST_F(Messaging, CanBeServedAgainOnTheSameSocket) {
+  AddHelperTask("again");
+  Task task("again");
+  task.withIpcSocket(true);
+  task.withArguments({"again"});
+  ExpectStarts(task);
+  for (int round = 0; round < 3; ++round) {
+    auto messaging = std::make_unique<TaskMessaging>(task.socketPath());
+    Inbox inbox(messaging.get());
+    ASSERT_TRUE(inbox.WaitFor(1)) << round;
+    EXPECT_EQ(inbox.messages[0], Data("welcome"));
+    messaging.reset();
+    // Until the task has noticed, a new connection is a second one.
+    RunFor(500);
+  }
+}
+
+TEST_F(ServerEnd, DeliversLinesAndDropsThoseThatAreNoObjectsWithOneWarningEach) {
+  TaskMessaging messaging(listening_);
+  Inbox inbox(&messaging);
+  const int peer = Connect();
+  const WarningCatcher warnings;
+  SendLine(peer, R"({"n":1})");
+  SendLine(peer, "nonsense");
+  SendLine(peer, "[1,2]");
+  SendLine(peer, R"({"n":2})");
+  ASSERT_TRUE(inbox.WaitFor(2));
+  EXPECT_EQ(inbox.messages[1]["n"], 2);
+  EXPECT_EQ(warnings.Count("is not a JSON object"), 2);
+  EXPECT_EQ(warnings.Count("nonsense"), 1);
+  ::close(peer);
+  EXPECT_EQ(inbox.disconnects.Wait().code(), Error::kConnectionLost);
+}
+
+TEST_F(ServerEnd, TakesLinesInPieces) {
+  TaskMessaging messaging(listening_);
+  Inbox inbox(&messaging);
+  const int peer = Connect();
+  for (const char byte : QByteArray("{\"data\":\"slow\"}\n{\"data\":\"two\"}\n{\"da")) {
+    ASSERT_EQ(::send(peer, &byte, 1, 0), 1);
+    RunFor(1);
+  }
+  ASSERT_TRUE(inbox.WaitFor(2));
+  EXPECT_EQ(inbox.messages[1], Data("two"));
+  ::close(peer);
+  inbox.disconnects.Wait();
+  EXPECT_EQ(inbox.messages.size(), 2U);
+}
+
+TEST_F(ServerEnd, EndsAConnectionWhoseLineIsOverTheBound) {
+  const ScopedVariable bound("RUNTIME_MANAGER_MAX_MESSAGE", "20");
+  TaskMessaging messaging(listening_);
+  Inbox inbox(&messaging);
+  const int peer = Connect();
+  SendLine(peer, R"({"data":"123456789"})");
+  ASSERT_TRUE(inbox.WaitFor(1));
+  SendLine(peer, R"({"data":"1234567890"})");
+  const Error error = inbox.disconnects.Wait();
+  EXPECT_EQ(error.code(), Error::kMessageTooLong);
+  EXPECT_THAT(error.message().toStdString(), HasSubstr("20 bytes"));
+  EXPECT_EQ(inbox.messages.size(), 1U);
+  EXPECT_TRUE(IsClosed(peer));
+  ::close(peer);
+}
+
+TEST_F(ServerEnd, SendsNoMessageOverTheBound) {
+  const ScopedVariable bound("RUNTIME_MANAGER_MAX_MESSAGE", "20");
+  for (const QString& text : {QString("1234567890"), QString("\"\"\"\"\"")}) {
+    TaskMessaging messaging(listening_);
+    Inbox inbox(&messaging);
+    const int peer = Connect();
+    messaging.sendMessage(Data("12345678\n"));
+    messaging.sendMessage(Data(text));
+    EXPECT_EQ(inbox.disconnects.Wait().code(), Error::kMessageTooLong);
+    ::close(peer);
+  }
+}
+
+TEST_F(ServerEnd, WarnsAboutBadLimitsAndUsesTheDefaults) {
+  for (const char* value : {"many", "0", "-5", "99999999999999999999", "4294967296"}) {
+    const ScopedVariable bound("RUNTIME_MANAGER_MAX_MESSAGE", value);
+    const WarningCatcher warnings;
+    TaskMessaging messaging(listening_);
+    Inbox inbox(&messaging);
+    EXPECT_EQ(warnings.Count("RUNTIME_MANAGER_MAX_MESSAGE"), 1) << value;
+    const int peer = Connect();
+    SendLine(peer, R"({"data":"works"})");
+    EXPECT_TRUE(inbox.WaitFor(1));
+    ::close(peer);
+  }
+}
+
+TEST_F(ServerEnd, ServesTheFirstConnectionAndClosesEveryOther) {
+  TaskMessaging messaging(listening_);
+  Inbox inbox(&messaging);
+  const int first = Connect();
+  SendLine(first, R"({"n":1})");
+  ASSERT_TRUE(inbox.WaitFor(1));
+  const int second = Connect();
+  EXPECT_TRUE(IsClosed(second));
+  ::close(second);
+  SendLine(first, R"({"n":2})");
+  ASSERT_TRUE(inbox.WaitFor(2));
+  ::close(first);
+  inbox.disconnects.Wait();
+  const int third = Connect();
+  EXPECT_TRUE(IsClosed(third));
+  ::close(third);
+  EXPECT_EQ(inbox.disconnects.errors.size(), 1U);
+}
+
+TEST_F(ServerEnd, KeepsWhatItSendsBeforeThereIsAPeer) {
+  TaskMessaging messaging(listening_);
+  messaging.sendMessage(Data("waiting"));
+  const int peer = Connect();
+  EXPECT_EQ(ReadLineFrom(peer), R"({"data":"waiting"})");
+  ::close(peer);
+}
+
+TEST_F(ServerEnd, LeavesTheDescriptorToItsOwner) {
+  for (int round = 0; round < 3; ++round) {
+    auto messaging = std::make_unique<TaskMessaging>(listening_);
+    Inbox inbox(messaging.get());
+    const int peer = Connect();
+    SendLine(peer, R"({"n":1})");
+    ASSERT_TRUE(inbox.WaitFor(1));
+    messaging.reset();
+    EXPECT_TRUE(IsClosed(peer));
+    ::close(peer);
+  }
+}
+
+TEST_F(ServerEnd, SaysThatTheProcessIsNoTask) {
+  EXPECT_EQ(RuntimeManager::RuntimeDispatcher::instance()->localServerSocket(), -1);
+  const WarningCatcher warnings;
+  TaskMessaging none(-1);
+  Inbox inbox(&none);
+  EXPECT_EQ(warnings.Count("not started as a task"), 1);
+  EXPECT_FALSE(inbox.disconnects.Arrived());
+  EXPECT_EQ(inbox.disconnects.Wait().code(), Error::kNotATask);
+  TaskMessaging no_socket(STDIN_FILENO);
+  Inbox other(&no_socket);
+  EXPECT_EQ(other.disconnects.Wait().code(), Error::kNotATask);
+}
+
+TEST_F(ServerEnd, DisconnectsAPeerOfAnotherUserAndWaitsOn) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can become somebody else";
+  ::chmod(PathOf("").toUtf8().constData(), 0711);
+  ::chmod(PathOf("server").toUtf8().constData(), 0777);
+  TaskMessaging messaging(listening_);
+  Inbox inbox(&messaging);
+  const QByteArray path = PathOf("server").toUtf8();
+  const WarningCatcher warnings;
+  const pid_t stranger = ::fork();
+  if (stranger == 0) {
+    if (::setuid(65534) != 0) ::_exit(2);
+    const int socket = ConnectTo(QString::fromUtf8(path));
+    char byte = 0;
+    ::_exit(socket >= 0 && ::read(socket, &byte, 1) <= 0 ? 0 : 1);
+  }
+  int status = -1;
+  EXPECT_TRUE(
+      RunUntil([stranger, &status] { return ::waitpid(stranger, &status, WNOHANG) == stranger; }));
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(warnings.Count("65534"), 1);
+  const int peer = Connect();
+  SendLine(peer, R"({"n":1})");
+  EXPECT_TRUE(inbox.WaitFor(1));
+  ::close(peer);
+}
+
+TEST_F(ServerEnd, IsNotDeafAfterItRanOutOfDescriptors) {
+  TaskMessaging messaging(listening_);
+  Inbox inbox(&messaging);
+  const int peer = Connect();
+  SendLine(peer, R"({"n":1})");
+  rlimit before{};
+  ::getrlimit(RLIMIT_NOFILE, &before);
+  const int lowest = ::dup(STDERR_FILENO);
+  ::close(lowest);
+  rlimit tight = before;
+  tight.rlim_cur = static_cast<rlim_t>(lowest);
+  const WarningCatcher warnings;
+  ::setrlimit(RLIMIT_NOFILE, &tight);
+  RunFor(500);
+  ::setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_EQ(warnings.Count("Too many open files"), 1);
+  EXPECT_TRUE(inbox.messages.empty());
+  EXPECT_TRUE(inbox.WaitFor(1));
+  ::close(peer);
+}
+
+TEST_F(ServerEnd, SurvivesAPeerThatLeavesInTheMiddleOfAWrite) {
+  const auto before = std::signal(SIGPIPE, SIG_DFL);
+  TaskMessaging messaging(listening_);
+  Inbox inbox(&messaging);
+  const int peer = Connect();
+  SendLine(peer, R"({"n":1})");
+  ASSERT_TRUE(inbox.WaitFor(1));
+  const QString large(4 << 20, 'x');
+  messaging.sendMessage(Data(large));
+  SendLine(peer, R"({"n":2})");
+  ::close(peer);
+  messaging.sendMessage(Data(large));
+  EXPECT_EQ(inbox.disconnects.Wait().code(), Error::kConnectionLost);
+  EXPECT_EQ(inbox.messages.size(), 2U);
+  EXPECT_EQ(std::signal(SIGPIPE, before), SIG_DFL);
+}
+
+TEST_F(ServerEnd, MayBeDestroyedFromInsideItsOwnSignals) {
+  auto* in_message = new TaskMessaging(listening_);
+  int messages = 0;
+  QObject::connect(in_message, &TaskMessaging::messageReceived, [in_message, &messages] {
+    ++messages;
+    delete in_message;
+  });
+  const int peer = Connect();
+  SendLine(peer, "{\"n\":1}\n{\"n\":2}");
+  EXPECT_TRUE(IsClosed(peer));
+  ::close(peer);
+  EXPECT_EQ(messages, 1);
+
+  auto* in_end = new TaskMessaging(listening_);
+  bool ended = false;
+  QObject::connect(in_end, &TaskMessaging::disconnected, [in_end, &ended] {
+    delete in_end;
+    ended = true;
+  });
+  ::close(Connect());
+  EXPECT_TRUE(RunUntil([&ended] { return ended; }));
+}
+
+TEST_F(ServerEnd, GoesOnInsideAnEventLoopThatAHandlerRuns) {
+  TaskMessaging messaging(listening_);
+  std::vector<int> order;
+  QObject::connect(&messaging, &TaskMessaging::messageReceived,
+                   [&order](const QJsonObject& message) {
+                     order.push_back(message["n"].toInt());
+                     if (order.size() == 1) RunUntil([&order] { return order.size() >= 3; });
+                   });
+  const int peer = Connect();
+  SendLine(peer, "{\"n\":1}\n{\"n\":2}");
+  QTimer later;
+  later.setSingleShot(true);
+  QObject::connect(&later, &QTimer::timeout, [peer] { SendLine(peer, "{\"n\":3}\n{\"n\":4}"); });
+  later.start(100);
+  EXPECT_TRUE(RunUntil([&order] { return order.size() == 4; }));
+  EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4}));
+  ::close(peer);
+}
+
+TEST_F(ServerEnd, EmitsNothingOnceItIsDestroyed) {
+  Outcomes ended;
+  const int peer = Connect();
+  {
+    TaskMessaging messaging(listening_);
+    TaskMessaging none(-1);
+    QObject::connect(&messaging, &TaskMessaging::disconnected, ended.Recorder());
+    QObject::connect(&none, &TaskMessaging::disconnected, ended.Recorder());
+  }
+  ::close(peer);
+  RunFor(100);
+  EXPECT_FALSE(ended.Arrived());
+}
+
+}  // namespace
+}  // namespace kit

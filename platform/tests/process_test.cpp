@@ -1,0 +1,185 @@
+// What only a whole process can show: its death, its exit, its environment, its record.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <QtCore/QDir>
+#include <QtCore/QFile>
+#include <QtCore/QJsonDocument>
+#include <csignal>
+
+#include "kit.h"
+
+namespace kit {
+namespace {
+
+// A helper process with a pipe on its standard output.
+class Process {
+ public:
+  Process(const QString& program, const QStringList& words) {
+    int ends[2];
+    EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    std::vector<QByteArray> texts{program.toUtf8()};
+    for (const QString& word : words) texts.push_back(word.toUtf8());
+    std::vector<char*> arguments;
+    for (QByteArray& text : texts) arguments.push_back(text.data());
+    arguments.push_back(nullptr);
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      ::dup2(ends[1], STDOUT_FILENO);
+      ::execv(arguments[0], arguments.data());
+      ::_exit(127);
+    }
+    ::close(ends[1]);
+    output_ = ends[0];
+  }
+  ~Process() {
+    if (pid_ > 0) {
+      ::kill(pid_, SIGKILL);
+      Wait();
+    }
+    ::close(output_);
+  }
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+
+  std::string ReadLine() const {
+    std::string line;
+    char byte = 0;
+    while (::read(output_, &byte, 1) == 1 && byte != '\n') line += byte;
+    return line;
+  }
+  void Kill() const { ::kill(pid_, SIGKILL); }
+  int Wait() {
+    int status = -1;
+    ::waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return status;
+  }
+
+ private:
+  pid_t pid_ = -1;
+  int output_ = -1;
+};
+
+class ProcessTest : public PlatformTest {
+ protected:
+  static constexpr char kNotesItsEnd[] =
+      "trap 'echo term >> $WORLD/end; exit 0' TERM; echo $$ > $WORLD/pid\n"
+      "while :; do sleep 0.05; done";
+  void SetUp() override {
+    PlatformTest::SetUp();
+    AddShellTask("task", kNotesItsEnd);
+  }
+};
+
+TEST_F(ProcessTest, TellsTheTaskBySigtermThatItsStarterHasDied) {
+  Process starter(HELPER, {"start", "task"});
+  const QString line = QString::fromStdString(starter.ReadLine());
+  ASSERT_TRUE(line.startsWith("started ")) << line.toStdString();
+  ASSERT_TRUE(WaitForFile(PathOf("pid"), "\n"));
+  EXPECT_EQ(SocketFiles().size(), 1);
+  starter.Kill();
+  EXPECT_TRUE(WaitForFile(PathOf("end"), "term"));
+  starter.Wait();
+  // What the crash left behind is swept by the next starter.
+  EXPECT_EQ(SocketFiles().size(), 1);
+  Process next(HELPER, {"start", "task", "exit"});
+  next.ReadLine();
+  next.Wait();
+  EXPECT_EQ(SocketFiles().size(), 0);
+}
+
+TEST_F(ProcessTest, LeavesNoSocketBehindAtAnyOrderlyExit) {
+  for (const char* way : {"exit", "quit", "delete"}) {
+    QFile::remove(PathOf("end"));
+    Process starter(HELPER, {"start", "task", way});
+    EXPECT_THAT(starter.ReadLine(), testing::StartsWith("started ")) << way;
+    EXPECT_EQ(starter.Wait(), 0) << way;
+    EXPECT_EQ(SocketFiles().size(), 0) << way;
+  }
+}
+
+TEST_F(ProcessTest, EndsTheTaskWhenThereIsNoApplicationObjectAnyMore) {
+  AddShellTask("stubborn", "trap '' TERM; echo $$ > $WORLD/stubborn; while :; do sleep 0.05; done");
+  Process starter(HELPER, {"outlive", "stubborn"});
+  EXPECT_EQ(starter.ReadLine(), "started ");
+  EXPECT_EQ(starter.ReadLine(), "deleted");
+  EXPECT_EQ(starter.Wait(), 0);
+  const auto pid = static_cast<pid_t>(ReadFile(PathOf("stubborn")).trimmed().toInt());
+  if (pid != 0) {
+    EXPECT_TRUE(IsGone(pid));
+  }
+}
+
+TEST_F(ProcessTest, FindsTasksBesideItsOwnExecutable) {
+  ASSERT_TRUE(QDir(PathOf("")).mkpath("bin/tasks"));
+  ASSERT_TRUE(QFile::copy(HELPER, PathOf("bin/starter")));
+  ASSERT_TRUE(QFile::copy(PathOf("tasks/task"), PathOf("bin/tasks/beside")));
+  const ScopedVariable unset("RUNTIME_MANAGER_TASK_PATH", QByteArray());
+  Process starter(PathOf("bin/starter"), {"start", "beside", "delete"});
+  EXPECT_THAT(starter.ReadLine(), testing::StartsWith("started "));
+  starter.Wait();
+}
+
+TEST_F(ProcessTest, FindsItsSocketAndRemovesTheVariables) {
+  AddHelperTask("helper");
+  for (const bool with_socket : {true, false}) {
+    QFile::remove(PathOf("report"));
+    Task task("helper");
+    task.withIpcSocket(with_socket);
+    task.withArguments({"report"});
+    ExpectStarts(task);
+    ASSERT_TRUE(WaitForFile(PathOf("report"), "\n"));
+    EXPECT_EQ(ReadFile(PathOf("report")).trimmed(),
+              with_socket ? "set 1 socket 3 left" : "set 0 socket -1 left");
+  }
+}
+
+TEST_F(ProcessTest, IgnoresAnActivationThatWasMeantForAnother) {
+  const ScopedVariable pid("LISTEN_PID", "1");
+  const ScopedVariable count("LISTEN_FDS", "1");
+  Process process(HELPER, {"report"});
+  EXPECT_EQ(process.Wait(), 0);
+  EXPECT_EQ(ReadFile(PathOf("report")).trimmed(), "set 1 socket -1 left");
+}
+
+TEST_F(ProcessTest, RecordsEveryEnvelopeOfBothProcesses) {
+  const ScopedVariable trace("RUNTIME_MANAGER_TRACE", PathOf("trace").toUtf8());
+  AddHelperTask("echo");
+  Process starter(HELPER, {"talk", "echo"});
+  EXPECT_EQ(starter.Wait(), 0);
+  QList<QByteArray> lines = ReadFile(PathOf("trace")).split('\n');
+  EXPECT_EQ(lines.takeLast(), "");
+  ASSERT_EQ(lines.size(), 4);
+  QStringList seen;
+  std::vector<qint64> pids;
+  qint64 last = 0;
+  for (const QByteArray& line : lines) {
+    const QJsonObject record = QJsonDocument::fromJson(line).object();
+    EXPECT_EQ(record.keys(), (QStringList{"direction", "envelope", "pid", "task", "time"}))
+        << line.toStdString();
+    EXPECT_EQ(record["task"], "echo");
+    EXPECT_EQ(record["envelope"], QJsonValue(Data("hello \"you\"")));
+    const auto time = static_cast<qint64>(record["time"].toDouble());
+    EXPECT_GT(time, 0);
+    seen << record["direction"].toString();
+    pids.push_back(static_cast<qint64>(record["pid"].toDouble()));
+    last = std::max(last, time);
+  }
+  EXPECT_EQ(seen, (QStringList{"send", "receive", "send", "receive"}));
+  EXPECT_EQ(pids[0], pids[3]);
+  EXPECT_EQ(pids[1], pids[2]);
+  EXPECT_NE(pids[0], pids[1]);
+}
+
+TEST_F(ProcessTest, WorksOnWhenTheRecordCannotBeOpened) {
+  const ScopedVariable trace("RUNTIME_MANAGER_TRACE", "/no/such/folder/trace");
+  AddHelperTask("echo");
+  Process starter(HELPER, {"talk", "echo"});
+  EXPECT_EQ(starter.Wait(), 0);
+}
+
+}  // namespace
+}  // namespace kit

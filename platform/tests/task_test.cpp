@@ -1,0 +1,553 @@
+// Starting, ending and stopping tasks.
+#include <RuntimeManager/Task.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <QtCore/QDir>
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QFile>
+#include <QtCore/QTimer>
+#include <csignal>
+#include <memory>
+
+#include "kit.h"
+
+namespace kit {
+namespace {
+
+using testing::HasSubstr;
+
+std::string Text(const Error& error) { return error.message().toStdString(); }
+
+class TaskTest : public PlatformTest {
+ protected:
+  Error StartError(const QString& name) {
+    Task task(name);
+    Outcomes started;
+    task.start(started.Recorder());
+    return started.Wait();
+  }
+  pid_t PidIn(const QString& file) {
+    EXPECT_TRUE(WaitForFile(PathOf(file), "\n"));
+    return static_cast<pid_t>(ReadFile(PathOf(file)).trimmed().toInt());
+  }
+};
+
+TEST(Error, IsNoErrorByDefaultAndCarriesItsCodeAndText) {
+  EXPECT_FALSE(Error().isError());
+  EXPECT_EQ(Error().code(), 0);
+  const Error error(-7, "why");
+  EXPECT_TRUE(error.isError());
+  EXPECT_EQ(error.code(), -7);
+  EXPECT_EQ(error.message(), "why");
+  EXPECT_FALSE(Error(0, "fine").isError());
+}
+
+TEST_F(TaskTest, StartsAProgramThatItFindsByItsName) {
+  AddShellTask("A-z_0.9", "echo ran > $WORLD/out; sleep 60");
+  Task task("A-z_0.9");
+  ExpectStarts(task);
+  EXPECT_TRUE(WaitForFile(PathOf("out"), "ran"));
+  EXPECT_EQ(task.socketPath(), "");
+}
+
+TEST_F(TaskTest, CompletesTheStartFromTheEventLoopAndOnce) {
+  AddShellTask("task", "sleep 60");
+  Task good("task");
+  Task bad("nowhere");
+  Outcomes good_started;
+  Outcomes bad_started;
+  good.start(good_started.Recorder());
+  bad.start(bad_started.Recorder());
+  EXPECT_FALSE(good_started.Arrived());
+  EXPECT_FALSE(bad_started.Arrived());
+  good_started.Wait();
+  bad_started.Wait();
+  RunFor(100);
+  EXPECT_EQ(good_started.errors.size(), 1U);
+  EXPECT_EQ(bad_started.errors.size(), 1U);
+}
+
+TEST_F(TaskTest, RefusesNamesThatAreNoNames) {
+  for (const QString& name : {QString(), QString(".hidden"), QString("a/b"), QString("a b"),
+                              QString("../up"), QString::fromUtf8("ä"), QString(129, 'a')}) {
+    const Error error = StartError(name);
+    EXPECT_EQ(error.code(), Error::kInvalidArgument) << name.toStdString();
+    EXPECT_THAT(Text(error), HasSubstr("1 to 128"));
+  }
+  EXPECT_EQ(StartError(QString(128, 'a')).code(), Error::kTaskNotFound);
+}
+
+TEST_F(TaskTest, SaysWhichTaskItDoesNotFindAndWhereItLooked) {
+  const ScopedVariable path("RUNTIME_MANAGER_TASK_PATH", "/first/folder:/second/folder");
+  const Error error = StartError("missing");
+  EXPECT_EQ(error.code(), Error::kTaskNotFound);
+  EXPECT_THAT(Text(error), HasSubstr("'missing'"));
+  const std::string beside = QFileInfo("/proc/self/exe").symLinkTarget().toStdString();
+  const std::string order =
+      "/first/folder, /second/folder, " + beside.substr(0, beside.rfind('/')) + "/tasks, ";
+  EXPECT_THAT(Text(error), HasSubstr(order));
+  EXPECT_THAT(Text(error), HasSubstr("/libexec/tarv/tasks"));
+}
+
+TEST_F(TaskTest, SaysHowToMakeAFileExecutable) {
+  AddShellTask("plain", "");
+  QFile::setPermissions(PathOf("tasks/plain"), QFile::ReadOwner);
+  EXPECT_THAT(Text(StartError("plain")), HasSubstr("tasks/plain' is not executable: run chmod +x"));
+}
+
+TEST_F(TaskTest, TakesNoFolderForATask) {
+  QDir(PathOf("tasks")).mkdir("folder");
+  EXPECT_THAT(Text(StartError("folder")), HasSubstr("tasks/folder' is not a regular file"));
+}
+
+TEST_F(TaskTest, TakesTheFirstFolderThatHasTheTask) {
+  AddShellTask("task", "echo second > $WORLD/out");
+  QDir(PathOf("")).mkdir("first");
+  QFile first(PathOf("first/task"));
+  ASSERT_TRUE(first.open(QIODevice::WriteOnly));
+  first.write("#!/bin/sh\necho first > $WORLD/out\n");
+  first.setPermissions(QFile::ReadOwner | QFile::ExeOwner);
+  first.close();
+  const ScopedVariable path("RUNTIME_MANAGER_TASK_PATH",
+                            (PathOf("first") + "::" + PathOf("tasks")).toUtf8());
+  Task task("task");
+  ExpectStarts(task);
+  EXPECT_TRUE(WaitForFile(PathOf("out"), "first"));
+}
+
+TEST_F(TaskTest, SaysWhyTheProgramCannotRun) {
+  AddShellTask("task", "");
+  QFile file(PathOf("tasks/task"));
+  ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+  file.write("#!/no/such/interpreter\n");
+  file.close();
+  const Error error = StartError("task");
+  EXPECT_EQ(error.code(), Error::kStartFailed);
+  EXPECT_THAT(Text(error), HasSubstr("'task'"));
+  EXPECT_THAT(Text(error), HasSubstr("interpreter"));
+  EXPECT_THAT(Text(error), HasSubstr("No such file or directory"));
+}
+
+TEST_F(TaskTest, EmitsNothingForATaskThatNeverRan) {
+  AddShellTask("task", "");
+  QFile::resize(PathOf("tasks/task"), 0);
+  Task task("task");
+  task.withIpcSocket(true);
+  Outcomes started;
+  Outcomes finished;
+  QObject::connect(&task, &Task::finished, finished.Recorder());
+  task.start(started.Recorder());
+  EXPECT_EQ(started.Wait().code(), Error::kStartFailed);
+  RunFor(100);
+  EXPECT_FALSE(finished.Arrived());
+  EXPECT_TRUE(SocketFiles().isEmpty());
+}
+
+TEST_F(TaskTest, PassesTheArgumentsAsTheyAre) {
+  AddShellTask("task",
+               "for a in \"$@\"; do echo \"<$a>\"; done > $WORLD/o; mv $WORLD/o $WORLD/out");
+  Task task("task");
+  task.withArguments({"--libs-path", "/a path/*", "", QString::fromUtf8("ü$HOME"), "two\nlines"});
+  ExpectStarts(task);
+  EXPECT_TRUE(
+      WaitForFile(PathOf("out"), "<--libs-path>\n</a path/*>\n<>\n<ü$HOME>\n<two\nlines>\n"));
+}
+
+TEST_F(TaskTest, RefusesArgumentsThatNoProgramCanGet) {
+  AddShellTask("task", "");
+  Task with_nul("task");
+  with_nul.withArguments({QString("a") + QChar(0) + "b"});
+  Outcomes started;
+  with_nul.start(started.Recorder());
+  EXPECT_THAT(Text(started.Wait()), HasSubstr("NUL"));
+  Task too_long("task");
+  too_long.withArguments({QString(1 << 20, 'x')});
+  Outcomes long_started;
+  too_long.start(long_started.Recorder());
+  EXPECT_THAT(Text(long_started.Wait()), HasSubstr("too long"));
+}
+
+TEST_F(TaskTest, StartsOnce) {
+  AddShellTask("task", "sleep 60");
+  Task task("task");
+  ExpectStarts(task);
+  Outcomes again;
+  task.start(again.Recorder());
+  EXPECT_EQ(again.Wait().code(), Error::kWrongState);
+}
+
+// What the task sees of the process that it was started by.
+constexpr char kLookAround[] =
+    "ls -l /proc/$$/fd > $WORLD/fds; grep Sig /proc/self/status > $WORLD/signals\n"
+    "env | grep LISTEN > $WORLD/listen; echo $$ >> $WORLD/listen; echo done > $WORLD/done; sleep "
+    "60";
+
+TEST_F(TaskTest, GivesTheChildACleanProcess) {
+  AddShellTask("task", kLookAround);
+  const int leaky = ::dup2(STDERR_FILENO, 77);
+  const auto usr1_before = std::signal(SIGUSR1, SIG_IGN);
+  sigset_t blocked;
+  sigset_t before;
+  ::sigemptyset(&blocked);
+  ::sigaddset(&blocked, SIGUSR2);
+  ::pthread_sigmask(SIG_BLOCK, &blocked, &before);
+  Task task("task");
+  task.withIpcSocket(true);
+  ExpectStarts(task);
+  ASSERT_TRUE(WaitForFile(PathOf("done"), "done"));
+  // The starter's own stay as they were.
+  sigset_t now;
+  ::pthread_sigmask(SIG_SETMASK, &before, &now);
+  EXPECT_TRUE(::sigismember(&now, SIGUSR2));
+  EXPECT_FALSE(::sigismember(&now, SIGTERM));
+  EXPECT_EQ(std::signal(SIGUSR1, usr1_before), SIG_IGN);
+  ::close(leaky);
+
+  const QByteArray descriptors = ReadFile(PathOf("fds"));
+  EXPECT_TRUE(descriptors.contains(" 0 -> /dev/null")) << descriptors.toStdString();
+  EXPECT_TRUE(descriptors.contains(" 2 -> pipe:")) << descriptors.toStdString();
+  EXPECT_TRUE(descriptors.contains(" 3 -> socket:")) << descriptors.toStdString();
+  // The shell keeps some of its own from 10 on.
+  for (const char* open : {" 4 -> ", " 5 -> ", " 6 -> ", " 7 -> ", " 8 -> ", " 9 -> ", " 77 -> "}) {
+    EXPECT_FALSE(descriptors.contains(open)) << descriptors.toStdString();
+  }
+  const QByteArray signal_state = ReadFile(PathOf("signals"));
+  EXPECT_TRUE(signal_state.contains("SigBlk:\t0000000000000000")) << signal_state.toStdString();
+  EXPECT_TRUE(signal_state.contains("SigIgn:\t0000000000000000")) << signal_state.toStdString();
+}
+
+TEST_F(TaskTest, HandsOverTheSocketAsSocketActivationDoes) {
+  AddShellTask("task", kLookAround);
+  const ScopedVariable foreign("LISTEN_FDS", "5");
+  Task task("task");
+  task.withIpcSocket(true);
+  ExpectStarts(task);
+  ASSERT_TRUE(WaitForFile(PathOf("done"), "done"));
+  QList<QByteArray> lines = ReadFile(PathOf("listen")).trimmed().split('\n');
+  const QByteArray pid = lines.takeLast();
+  EXPECT_TRUE(lines.contains("LISTEN_FDS=1"));
+  EXPECT_TRUE(lines.contains("LISTEN_PID=" + pid));
+  EXPECT_TRUE(lines.contains("LISTEN_FDNAMES=task"));
+  EXPECT_EQ(lines.size(), 3);
+}
+
+TEST_F(TaskTest, GivesNoSocketToATaskThatWantsNone) {
+  AddShellTask("task", kLookAround);
+  const ScopedVariable foreign_count("LISTEN_FDS", "1");
+  const ScopedVariable foreign_pid("LISTEN_PID", QByteArray::number(::getpid()));
+  Task task("task");
+  ExpectStarts(task);
+  ASSERT_TRUE(WaitForFile(PathOf("done"), "done"));
+  EXPECT_FALSE(ReadFile(PathOf("listen")).contains("LISTEN"));
+  EXPECT_FALSE(ReadFile(PathOf("fds")).contains(" 3 -> "));
+}
+
+TEST_F(TaskTest, SaysOnceHowATaskEndedThatNobodyStopped) {
+  AddShellTask("task", "for i in $(seq 1 99); do echo line $i >&2; done; exit 3");
+  Task task("task");
+  Outcomes finished;
+  QObject::connect(&task, &Task::finished, finished.Recorder());
+  ExpectStarts(task);
+  const Error error = finished.Wait();
+  EXPECT_EQ(error.code(), Error::kTaskEnded);
+  EXPECT_THAT(Text(error), HasSubstr("the task 'task' (process "));
+  EXPECT_THAT(Text(error), HasSubstr("exited with status 3"));
+  EXPECT_THAT(Text(error), HasSubstr("line 98\nline 99"));
+  EXPECT_THAT(Text(error), testing::Not(HasSubstr("line 70\n")));
+  RunFor(100);
+  EXPECT_EQ(finished.errors.size(), 1U);
+}
+
+TEST_F(TaskTest, SaysWhichSignalKilledATask) {
+  AddShellTask("task", "kill -9 $$");
+  Task task("task");
+  Outcomes finished;
+  QObject::connect(&task, &Task::finished, finished.Recorder());
+  ExpectStarts(task);
+  EXPECT_THAT(Text(finished.Wait()), HasSubstr("was killed by signal 9 (Killed)"));
+}
+
+TEST_F(TaskTest, TellsOfAnEndWithStatusZeroAsWell) {
+  AddShellTask("task", "exit 0");
+  Task task("task");
+  Outcomes finished;
+  QObject::connect(&task, &Task::finished, finished.Recorder());
+  ExpectStarts(task);
+  EXPECT_TRUE(finished.Wait().isError());
+  EXPECT_THAT(Text(finished.Wait()), HasSubstr("exited with status 0"));
+}
+
+TEST_F(TaskTest, StopsWithSigtermAndCompletesWhenTheProcessIsReaped) {
+  AddShellTask("task",
+               "trap 'echo term > $WORLD/out; exit 0' TERM; echo $$ > $WORLD/pid\n"
+               "while :; do sleep 0.05; done");
+  Task task("task");
+  Outcomes finished;
+  Outcomes stopped;
+  QObject::connect(&task, &Task::finished, finished.Recorder());
+  ExpectStarts(task);
+  const pid_t pid = PidIn("pid");
+  task.stop({}, [&stopped, pid](const Error& error) {
+    EXPECT_TRUE(IsGone(pid));
+    stopped.errors.push_back(error);
+  });
+  EXPECT_FALSE(stopped.Arrived());
+  EXPECT_FALSE(stopped.Wait().isError());
+  EXPECT_TRUE(ReadFile(PathOf("out")).contains("term"));
+  RunFor(100);
+  EXPECT_FALSE(finished.Arrived());
+  EXPECT_EQ(stopped.errors.size(), 1U);
+}
+
+constexpr char kStubborn[] = "trap '' TERM; echo $$ > $WORLD/pid; while :; do sleep 0.05; done";
+
+TEST_F(TaskTest, KillsATaskThatDoesNotEndWithinThreeSeconds) {
+  AddShellTask("task", kStubborn);
+  Task task("task");
+  ExpectStarts(task);
+  PidIn("pid");
+  QElapsedTimer timer;
+  timer.start();
+  Outcomes stopped;
+  task.stop({}, stopped.Recorder());
+  EXPECT_FALSE(stopped.Wait().isError());
+  EXPECT_GE(timer.elapsed(), 2900);
+}
+
+TEST_F(TaskTest, KillsAtOnceWhenAskedTo) {
+  AddShellTask("task", kStubborn);
+  Task task("task");
+  ExpectStarts(task);
+  PidIn("pid");
+  QElapsedTimer timer;
+  timer.start();
+  Outcomes asked;
+  Outcomes killed;
+  task.stop({}, asked.Recorder());
+  task.stop(Task::StopFlag::Kill, killed.Recorder());
+  EXPECT_FALSE(killed.Wait().isError());
+  EXPECT_FALSE(asked.Wait().isError());
+  EXPECT_LT(timer.elapsed(), 2900);
+  EXPECT_EQ(asked.errors.size() + killed.errors.size(), 2U);
+}
+
+TEST_F(TaskTest, AnswersEveryStopByTheStateOfTheTask) {
+  AddShellTask("task", "exit 0");
+  Task task("task");
+  Outcomes early;
+  task.stop({}, early.Recorder());
+  EXPECT_FALSE(early.Arrived());
+  EXPECT_EQ(early.Wait().code(), Error::kWrongState);
+  Outcomes finished;
+  QObject::connect(&task, &Task::finished, finished.Recorder());
+  ExpectStarts(task);
+  finished.Wait();
+  Outcomes late;
+  task.stop({}, late.Recorder());
+  EXPECT_FALSE(late.Arrived());
+  EXPECT_FALSE(late.Wait().isError());
+  Task never_ran("nowhere");
+  never_ran.start({});
+  Outcomes failed;
+  never_ran.stop({}, failed.Recorder());
+  EXPECT_FALSE(failed.Wait().isError());
+}
+
+TEST_F(TaskTest, CompletesBothWhenItIsStoppedBeforeItHasStarted) {
+  AddShellTask("task", "sleep 60");
+  Task task("task");
+  std::vector<std::string> order;
+  task.start([&order](const Error& error) { order.push_back("start " + Text(error)); });
+  task.stop({}, [&order](const Error& error) { order.push_back("stop " + Text(error)); });
+  ASSERT_TRUE(RunUntil([&order] { return order.size() == 2; }));
+  EXPECT_THAT(order[0], HasSubstr("was stopped before it had started"));
+  EXPECT_EQ(order[1], "stop ");
+}
+
+TEST_F(TaskTest, EndsTheProcessOfADestroyedTaskWithoutAWord) {
+  AddShellTask("task", "echo $$ > $WORLD/pid; exec sleep 60");
+  auto task = std::make_unique<Task>("task");
+  task->withIpcSocket(true);
+  Outcomes finished;
+  Outcomes stopped;
+  QObject::connect(task.get(), &Task::finished, finished.Recorder());
+  ExpectStarts(*task);
+  const pid_t pid = PidIn("pid");
+  task->stop({}, stopped.Recorder());
+  task.reset();
+  EXPECT_TRUE(SocketFiles().isEmpty());
+  EXPECT_TRUE(RunUntil([pid] { return IsGone(pid); }));
+  EXPECT_FALSE(stopped.Arrived());
+  EXPECT_FALSE(finished.Arrived());
+}
+
+TEST_F(TaskTest, KillsTheProcessOfADestroyedTaskThatDoesNotEnd) {
+  AddShellTask("task", kStubborn);
+  auto task = std::make_unique<Task>("task");
+  ExpectStarts(*task);
+  const pid_t pid = PidIn("pid");
+  task.reset();
+  EXPECT_TRUE(RunUntil([pid] { return IsGone(pid); }));
+}
+
+TEST_F(TaskTest, CallsNothingWhenItIsDestroyedRightAfterTheStart) {
+  AddShellTask("task", "sleep 60");
+  Outcomes good;
+  Outcomes bad;
+  {
+    Task task("task");
+    Task missing("nowhere");
+    task.start(good.Recorder());
+    missing.start(bad.Recorder());
+  }
+  RunFor(200);
+  EXPECT_FALSE(good.Arrived());
+  EXPECT_FALSE(bad.Arrived());
+}
+
+TEST_F(TaskTest, MayBeDestroyedFromInsideItsOwnCallbacks) {
+  AddShellTask("runs", "exec sleep 60");
+  AddShellTask("ends", "exit 1");
+  int destroyed = 0;
+  auto* in_start = new Task("runs");
+  in_start->start([in_start, &destroyed](const Error&) {
+    delete in_start;
+    ++destroyed;
+  });
+  auto* in_failure = new Task("nowhere");
+  in_failure->start([in_failure, &destroyed](const Error&) {
+    delete in_failure;
+    ++destroyed;
+  });
+  auto* in_finished = new Task("ends");
+  QObject::connect(in_finished, &Task::finished, [in_finished, &destroyed] {
+    delete in_finished;
+    ++destroyed;
+  });
+  in_finished->start({});
+  auto* in_stop = new Task("runs");
+  in_stop->start([in_stop, &destroyed](const Error&) {
+    in_stop->stop({}, [in_stop, &destroyed](const Error&) {
+      delete in_stop;
+      ++destroyed;
+    });
+    in_stop->stop({}, [](const Error&) { ADD_FAILURE() << "the task is gone"; });
+  });
+  EXPECT_TRUE(RunUntil([&destroyed] { return destroyed == 4; }));
+}
+
+TEST_F(TaskTest, CopesWithAnApplicationThatIgnoresItsChildren) {
+  AddShellTask("ends", "exit 5");
+  AddShellTask("runs", "exec sleep 60");
+  const auto before = std::signal(SIGCHLD, SIG_IGN);
+  Task ends("ends");
+  Outcomes finished;
+  QObject::connect(&ends, &Task::finished, finished.Recorder());
+  ends.start({});
+  EXPECT_TRUE(finished.Wait().isError());
+  Task runs("runs");
+  ExpectStarts(runs);
+  Outcomes stopped;
+  runs.stop({}, stopped.Recorder());
+  EXPECT_FALSE(stopped.Wait().isError());
+  EXPECT_EQ(std::signal(SIGCHLD, before), SIG_IGN);
+}
+
+TEST_F(TaskTest, SaysThatItIsOutOfDescriptors) {
+  AddShellTask("task", "");
+  rlimit before{};
+  ::getrlimit(RLIMIT_NOFILE, &before);
+  const int highest = ::dup(STDERR_FILENO);
+  ::close(highest);
+  rlimit tight = before;
+  tight.rlim_cur = static_cast<rlim_t>(highest) + 2;
+  Task task("task");
+  task.withIpcSocket(true);
+  Outcomes started;
+  ::setrlimit(RLIMIT_NOFILE, &tight);
+  task.start(started.Recorder());
+  ::setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_THAT(Text(started.Wait()), HasSubstr("Too many open files"));
+}
+
+// The process's standard error for a scope.
+class StderrTo {
+ public:
+  explicit StderrTo(int descriptor) : before_(::dup(STDERR_FILENO)) {
+    ::dup2(descriptor, STDERR_FILENO);
+  }
+  ~StderrTo() {
+    ::dup2(before_, STDERR_FILENO);
+    ::close(before_);
+  }
+  StderrTo(const StderrTo&) = delete;
+  StderrTo& operator=(const StderrTo&) = delete;
+
+ private:
+  int before_;
+};
+
+TEST_F(TaskTest, ForwardsWhatTheTaskWritesToStandardError) {
+  AddShellTask("task", "echo first >&2; echo second >&2; exit 1");
+  int ends[2];
+  ASSERT_EQ(::pipe(ends), 0);
+  Task task("task");
+  Outcomes finished;
+  QObject::connect(&task, &Task::finished, finished.Recorder());
+  {
+    const StderrTo pipe(ends[1]);
+    task.start({});
+    finished.Wait();
+  }
+  ::close(ends[1]);
+  EXPECT_EQ(ReadToEnd(ends[0]), "first\nsecond\n");
+  ::close(ends[0]);
+}
+
+TEST_F(TaskTest, LivesOnWhenNobodyReadsItsStandardErrorAnyMore) {
+  AddShellTask("task", "echo words >&2; exit 1");
+  int ends[2];
+  ASSERT_EQ(::pipe(ends), 0);
+  ::close(ends[0]);
+  const auto before = std::signal(SIGPIPE, SIG_DFL);
+  Task task("task");
+  Outcomes finished;
+  QObject::connect(&task, &Task::finished, finished.Recorder());
+  {
+    const StderrTo broken(ends[1]);
+    task.start({});
+    EXPECT_THAT(Text(finished.Wait()), HasSubstr("words"));
+  }
+  ::close(ends[1]);
+  EXPECT_EQ(std::signal(SIGPIPE, before), SIG_DFL);
+}
+
+TEST_F(TaskTest, DoesNotBlockOnAStandardErrorThatTakesNothing) {
+  AddShellTask("task", "head -c 300000 /dev/zero | tr '\\0' x >&2; echo > $WORLD/out; sleep 60");
+  int ends[2];
+  ASSERT_EQ(::pipe(ends), 0);
+  const int capacity = ::fcntl(ends[1], F_GETPIPE_SZ);
+  const QByteArray fill(capacity, 'f');
+  ASSERT_EQ(::write(ends[1], fill.constData(), static_cast<std::size_t>(capacity)), capacity);
+  Task task("task");
+  QByteArray forwarded;
+  {
+    const StderrTo full(ends[1]);
+    ExpectStarts(task);
+    RunFor(300);
+    EXPECT_FALSE(QFile::exists(PathOf("out"))) << "the task should wait for its reader";
+    ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    EXPECT_TRUE(RunUntil([&forwarded, &ends, this] {
+      forwarded += ReadToEnd(ends[0]);
+      return QFile::exists(PathOf("out")) && forwarded.count('x') == 300000;
+    }));
+  }
+  ::close(ends[0]);
+  ::close(ends[1]);
+}
+
+}  // namespace
+}  // namespace kit
