@@ -54,11 +54,14 @@ void PluginRegistrarManager::OnRegistrarDestroyed(_FlutterVeltraEngine* engine) 
 
 // ---- One registrar ------------------------------------------------------------------------------
 
+// The analyzer loses track of owning pointers that are returned into members.
+// NOLINTBEGIN(clang-analyzer-cplusplus.NewDeleteLeaks)
 PluginRegistrar::PluginRegistrar(FlutterVeltraPluginContext* context)
     : application_(ApplicationWrapper::Create(context)),
       view_(ViewWrapper::Create(context)),
       messenger_(BinaryMessenger::Create(context)),
       textures_(TextureRegistrar::Create(context)) {}
+// NOLINTEND(clang-analyzer-cplusplus.NewDeleteLeaks)
 
 PluginRegistrar::~PluginRegistrar() { ClearPlugins(); }
 
@@ -225,12 +228,14 @@ template <class Frame, class CFrame>
 quarn::StructFiller<CFrame> FillFrame(Frame frame, CFrame* out) {
   quarn::StructFiller<CFrame> filler(out, quarn::StatedSize(out));
   filler.Fill(&CFrame::width, frame.width).Fill(&CFrame::height, frame.height);
-  if (frame.release) {
+  // Only as a whole: a function without its data could not be called.
+  if (frame.release &&
+      quarn::FieldFits(quarn::StatedSize(out), quarn::OffsetOf(&CFrame::release_data))) {
     filler.Fill(&CFrame::release, &CallRelease);
     filler.Fill(&CFrame::release_data,
                 std::make_unique<std::function<void()>>(std::move(frame.release)).release());
   }
-  return filler;
+  return filler;  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks): the structure owns it now
 }
 
 bool GetPixelBuffer(void* user_data, std::size_t width, std::size_t height,

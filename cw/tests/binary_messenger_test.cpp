@@ -44,7 +44,7 @@ TEST_F(BinaryMessengerTest, IsEmptyForANullContext) {
 }
 
 TEST_F(BinaryMessengerTest, IsEmptyForContextsTooSmallForTheLoader) {
-  for (const std::size_t size : {0, 8, 23, 24, 40, 64, 71}) {
+  for (const std::size_t size : {0U, 8U, 23U, 24U, 40U, 64U, 71U}) {
     EXPECT_FALSE(BinaryMessenger::Create(embedder_.MakeContext(size))) << size;
   }
   EXPECT_TRUE(BinaryMessenger::Create(embedder_.MakeContext(72)));
@@ -243,7 +243,7 @@ TEST_F(BinaryMessengerTest, SubscribingLogsThatATooSmallOrNullEntryIsNotProvided
         IsLogLine("error", "Method 'OnChannelUpdateSubscribe' is not provided by the loaded API."));
     EXPECT_EQ(id, 0U);
   };
-  for (const std::size_t size : {24, 31}) {
+  for (const std::size_t size : {24U, 31U}) {
     embedder_.table.size = size;
     expect_line();
   }
@@ -264,7 +264,7 @@ TEST_F(BinaryMessengerTest, UnsubscribingLogsThatATooSmallOrNullEntryIsNotProvid
         IsLogLine("error",
                   "Method 'OnChannelUpdateUnsubscribe' is not provided by the loaded API."));
   };
-  for (const std::size_t size : {32, 39}) {
+  for (const std::size_t size : {32U, 39U}) {
     embedder_.table.size = size;
     expect_line();
   }

@@ -217,11 +217,9 @@ TEST_F(MethodChannelTest, CallsDartWithoutWaitingForAResult) {
 }
 
 TEST_F(MethodChannelTest, HearsThatNobodyAnswersWhenTheEngineEnds) {
-  Dart().SetMethodCallHandler("channel", [](const auto&, const auto&, auto result) {
-    // Kept from answering for the test's length.
-    static std::unique_ptr<cw::MethodResult<>> kept;
-    kept = std::move(result);
-  });
+  std::unique_ptr<cw::MethodResult<>> kept;
+  Dart().SetMethodCallHandler(
+      "channel", [&kept](const auto&, const auto&, auto result) { kept = std::move(result); });
   std::string word;
   cw::MethodChannel<>(messenger_.get(), "channel")
       .InvokeMethod("ask", nullptr,
@@ -230,6 +228,8 @@ TEST_F(MethodChannelTest, HearsThatNobodyAnswersWhenTheEngineEnds) {
   RunPosted();
   EXPECT_EQ(word, "");
   engine_.reset();
+  EXPECT_EQ(word, "not implemented");
+  kept->Success();
   EXPECT_EQ(word, "not implemented");
 }
 

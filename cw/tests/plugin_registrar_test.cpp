@@ -101,7 +101,7 @@ TEST_F(PluginRegistrarTest, SubscribesToItsEnginesEndOnlyWhenTheContextReachesTh
   auto* const without_entry = embedder.MakeContext(40, 1003);
   without_entry->SetRegistrarDestroyedCallback = nullptr;
   EXPECT_NE(GetRegistrar(without_entry), nullptr);
-  for (const std::uintptr_t engine : {1001, 1002, 1003}) {
+  for (const std::uintptr_t engine : {1001U, 1002U, 1003U}) {
     embedder.on_destroyed(FakeEmbedder::MakeEngine(engine));
   }
 }

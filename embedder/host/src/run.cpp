@@ -1,0 +1,137 @@
+#include <fcntl.h>
+#include <unistd.h>
+#include <veltra/host/run.h>
+
+#include <QCoreApplication>
+#include <QSocketNotifier>
+#include <array>
+#include <csignal>
+#include <iostream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace veltra::host {
+namespace {
+
+constexpr std::string_view kLibsPath = "--libs-path";
+constexpr int kSignalExitBase = 128;  // how shells report a signal
+
+// Where the signal handler writes; -1 while nobody reads.
+volatile std::sig_atomic_t signal_pipe = -1;
+
+void OnSignal(int signal_number) {
+  const auto byte = static_cast<unsigned char>(signal_number);
+  // A full pipe holds a signal already.
+  if (write(signal_pipe, &byte, 1) < 0) {
+    return;
+  }
+}
+
+// Turns SIGTERM and SIGINT into an orderly end of the event loop while it lives.
+class SignalWatch {
+ public:
+  SignalWatch() {
+    if (pipe2(pipe_.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
+      throw std::runtime_error("cannot make a pipe to wait for signals with");
+    }
+    notifier_ = std::make_unique<QSocketNotifier>(pipe_[0], QSocketNotifier::Read);
+    QObject::connect(notifier_.get(), &QSocketNotifier::activated, notifier_.get(),
+                     [read_end = pipe_[0]] { ExitForSignal(read_end); });
+    signal_pipe = pipe_[1];
+    struct sigaction action {};
+    action.sa_handler = &OnSignal;
+    action.sa_flags = SA_RESTART;
+    for (std::size_t i = 0; i < kSignals.size(); ++i) {
+      sigaction(kSignals[i], &action, &before_[i]);
+    }
+  }
+  ~SignalWatch() {
+    for (std::size_t i = 0; i < kSignals.size(); ++i) {
+      sigaction(kSignals[i], &before_[i], nullptr);
+    }
+    signal_pipe = -1;
+    notifier_.reset();
+    close(pipe_[0]);
+    close(pipe_[1]);
+  }
+  SignalWatch(const SignalWatch&) = delete;
+  SignalWatch& operator=(const SignalWatch&) = delete;
+
+ private:
+  static constexpr std::array<int, 2> kSignals = {SIGTERM, SIGINT};
+
+  static void ExitForSignal(int read_end) {
+    unsigned char signal_number = 0;
+    if (read(read_end, &signal_number, 1) == 1) {
+      QCoreApplication::exit(kSignalExitBase + signal_number);
+    }
+  }
+
+  std::array<int, 2> pipe_{};
+  std::array<struct sigaction, kSignals.size()> before_{};
+  std::unique_ptr<QSocketNotifier> notifier_;
+};
+
+// Takes "--libs-path DIR" out of the arguments. False when DIR is missing.
+bool TakeLibraryPath(std::vector<std::string>* arguments, std::filesystem::path* library_path) {
+  for (auto argument = arguments->begin(); argument != arguments->end(); ++argument) {
+    if (*argument != kLibsPath) {
+      continue;
+    }
+    const auto value = argument + 1;
+    if (value == arguments->end() || value->empty()) {
+      return false;
+    }
+    *library_path = *value;
+    arguments->erase(argument, value + 1);
+    return true;
+  }
+  return true;
+}
+
+int Run(int argc, char** argv, const std::vector<FlutterVeltraRegisterPlugin>& plugins,
+        EngineOptions options, const DartMain& dart) {
+  std::unique_ptr<QCoreApplication> application;
+  if (QCoreApplication::instance() == nullptr) {
+    application = std::make_unique<QCoreApplication>(argc, argv);
+  }
+  const SignalWatch signals;
+  Engine engine(std::move(options));
+  for (const FlutterVeltraRegisterPlugin register_plugin : plugins) {
+    register_plugin(engine.MakeContext());
+  }
+  if (dart) {
+    dart(engine);
+  }
+  return QCoreApplication::exec();
+}
+
+}  // namespace
+
+int RunApplication(int argc, char** argv, const std::vector<FlutterVeltraRegisterPlugin>& plugins,
+                   EngineOptions options, const DartMain& dart) {
+  if (options.entry_point_args.empty() && argc > 1) {
+    options.entry_point_args.assign(argv + 1, argv + argc);
+  }
+  return Run(argc, argv, plugins, std::move(options), dart);
+}
+
+int RunTask(int argc, char** argv, const std::vector<FlutterVeltraRegisterPlugin>& plugins,
+            EngineOptions options, const DartMain& dart) {
+  std::vector<std::string> arguments(argv + std::min(argc, 1), argv + argc);
+  if (!TakeLibraryPath(&arguments, &options.library_path)) {
+    std::cerr << "The option " << kLibsPath
+              << " needs the folder of the application's libraries after it: " << kLibsPath
+              << " DIR\n";
+    return kExitUsage;
+  }
+  if (options.entry_point_args.empty()) {
+    options.entry_point_args = std::move(arguments);
+  }
+  return Run(argc, argv, plugins, std::move(options), dart);
+}
+
+}  // namespace veltra::host

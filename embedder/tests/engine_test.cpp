@@ -1,0 +1,282 @@
+#include <cw/binary_messenger.h>
+#include <cw/view_wrapper.h>
+#include <gmock/gmock.h>
+#include <quarn/slot.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "engine_fixture.h"
+
+extern "C" {
+std::size_t VeltraTestSizeOfContextInC();
+std::size_t VeltraTestSizeOfViewTableInC();
+}
+
+namespace {
+
+using testing::ElementsAre;
+using veltra::host::Bytes;
+using veltra::test::EngineTest;
+using veltra::test::Tracker;
+
+TEST(Layout, IsTheSameInCAndCpp) {
+  EXPECT_EQ(VeltraTestSizeOfContextInC(), sizeof(FlutterVeltraPluginContext));
+  EXPECT_EQ(VeltraTestSizeOfViewTableInC(), sizeof(FlutterVeltraViewProcTable));
+}
+
+TEST_F(EngineTest, MakesContextsOfOlderSizes) {
+  for (const std::size_t size : {24U, 32U, 39U, 40U, 64U, 72U}) {
+    const auto* const context = engine_->MakeContext(size);
+    EXPECT_EQ(context->size, size);
+    EXPECT_EQ(context->engine, engine_->GetRef());
+    EXPECT_EQ(context->SetRegistrarDestroyedCallback != nullptr, size >= 40);
+    EXPECT_EQ(context->MessengerProcTableLoad != nullptr, size >= 72);
+  }
+  EXPECT_EQ(engine_->MakeContext(23)->engine, nullptr);
+  EXPECT_EQ(engine_->MakeContext(1000)->size, 72U);
+}
+
+TEST_F(EngineTest, LeavesMissingEntriesNull) {
+  veltra::host::EngineOptions options;
+  options.missing_entries = {"ViewProcTableLoad", "Send"};
+  options.table_sizes.messenger = 24;
+  Restart(options);
+  const auto* const context = engine_->MakeContext();
+  EXPECT_EQ(context->ViewProcTableLoad, nullptr);
+  FlutterVeltraMessengerProcTable table{};
+  ASSERT_TRUE(context->MessengerProcTableLoad(context->engine, &table, sizeof(table)));
+  EXPECT_EQ(table.size, 24U);
+  EXPECT_EQ(table.Send, nullptr);
+  EXPECT_NE(table.SetMessageHandler, nullptr);
+  EXPECT_EQ(table.OnChannelUpdateSubscribe, nullptr);
+}
+
+TEST_F(EngineTest, LoadersFailForANullTableAndForAnEngineThatIsGone) {
+  const FlutterVeltraPluginContext context = *engine_->MakeContext();
+  EXPECT_FALSE(context.MessengerProcTableLoad(context.engine, nullptr, 40));
+  engine_.reset();
+  FlutterVeltraMessengerProcTable table{};
+  EXPECT_FALSE(context.MessengerProcTableLoad(context.engine, &table, sizeof(table)));
+  EXPECT_FALSE(context.MessengerProcTableLoad(nullptr, &table, sizeof(table)));
+}
+
+TEST_F(EngineTest, KnowsItsPlatformThread) {
+  const FlutterVeltraPluginContext context = *engine_->MakeContext();
+  EXPECT_TRUE(context.RunsOnPlatformThread(context.engine));
+  std::thread other([&context] { EXPECT_FALSE(context.RunsOnPlatformThread(context.engine)); });
+  other.join();
+  engine_.reset();
+  EXPECT_FALSE(context.RunsOnPlatformThread(context.engine));
+}
+
+std::vector<_FlutterVeltraEngine*>& Ended() {
+  static std::vector<_FlutterVeltraEngine*> ended;
+  return ended;
+}
+
+TEST_F(EngineTest, TellsEachRegistrarThatItEnds) {
+  Ended().clear();
+  const auto* const context = engine_->MakeContext();
+  _FlutterVeltraEngine* const handle = engine_->GetRef();
+  context->SetRegistrarDestroyedCallback(handle, [](auto* engine) { Ended().push_back(engine); });
+  context->SetRegistrarDestroyedCallback(handle, nullptr);
+  EXPECT_TRUE(Ended().empty());
+  engine_.reset();
+  EXPECT_THAT(Ended(), ElementsAre(handle));
+}
+
+// ---- Tasks --------------------------------------------------------------------------------------
+
+class TaskTest : public EngineTest {
+ protected:
+  TaskTest() {
+    const auto* const context = engine_->MakeContext();
+    context->ApplicationProcTableLoad(context->engine, &table_, sizeof(table_));
+  }
+
+  void Enqueue(std::function<void()> task, unsigned int delay = 0) {
+    const auto slot = quarn::CreateSlot<FlutterVeltraSlot>(std::move(task));
+    table_.EnqueueTask(handle_, &slot, delay);
+  }
+
+  _FlutterVeltraEngine* const handle_ = engine_->GetRef();
+  FlutterVeltraApplicationProcTable table_{};
+};
+
+TEST_F(TaskTest, ThatHaveNotRunAreReleasedUnrunWhenTheEngineEnds) {
+  Tracker soon;
+  Tracker delayed;
+  Enqueue([tracked = delayed.Track()] { FAIL(); }, 3600'000);
+  RunPosted();
+  Enqueue([tracked = soon.Track()] { FAIL(); });
+  EXPECT_FALSE(soon.IsReleased());
+  EXPECT_FALSE(delayed.IsReleased());
+  engine_.reset();
+  EXPECT_TRUE(soon.IsReleased());
+  EXPECT_TRUE(delayed.IsReleased());
+}
+
+TEST_F(TaskTest, OfAnEngineThatIsGoneAreReleasedAtOnce) {
+  engine_.reset();
+  Tracker tracker;
+  Enqueue([tracked = tracker.Track()] { FAIL(); });
+  EXPECT_TRUE(tracker.IsReleased());
+}
+
+TEST_F(TaskTest, MayEndTheEngine) {
+  Tracker later;
+  Enqueue([this] { engine_.reset(); });
+  Enqueue([tracked = later.Track()] { FAIL(); });
+  veltra::host::Engine other;
+  EXPECT_TRUE(other.RunUntil([this] { return engine_ == nullptr; }));
+  EXPECT_TRUE(later.IsReleased());
+}
+
+TEST_F(TaskTest, MayEndTheEngineAfterADelay) {
+  Enqueue([this] { engine_.reset(); }, 1);
+  Enqueue([] { FAIL(); }, 3600'000);
+  veltra::host::Engine other;
+  EXPECT_TRUE(other.RunUntil([this] { return engine_ == nullptr; }));
+}
+
+TEST_F(TaskTest, ArePostedWhileTheEngineEnds) {
+  // Either run or are released, from whatever moment they come.
+  std::atomic<bool> stop = false;
+  std::atomic<int> alive = 0;
+  std::vector<std::thread> posters;
+  for (int i = 0; i < 3; ++i) {
+    posters.emplace_back([&] {
+      while (!stop) {
+        ++alive;
+        Enqueue([counted = std::shared_ptr<void>(nullptr, [&alive](void*) { --alive; })] {});
+        std::this_thread::yield();
+      }
+    });
+  }
+  for (int i = 0; i < 20; ++i) {
+    RunPosted();
+  }
+  engine_.reset();
+  stop = true;
+  for (std::thread& poster : posters) {
+    poster.join();
+  }
+  EXPECT_EQ(alive, 0);
+}
+
+// ---- Messages -----------------------------------------------------------------------------------
+
+class MessengerTest : public EngineTest {
+ protected:
+  MessengerTest() : plugin_(cw::BinaryMessenger::Create(engine_->MakeContext())) {}
+  veltra::host::Messenger& Dart() { return engine_->GetMessenger(); }
+
+  std::unique_ptr<cw::BinaryMessenger> plugin_;
+};
+
+TEST_F(MessengerTest, AnswersWithoutBytesWhereNoPluginListens) {
+  std::optional<Bytes> reply;
+  Dart().Send("channel", {1}, [&reply](const Bytes& bytes) { reply = bytes; });
+  EXPECT_FALSE(reply);
+  ASSERT_TRUE(RunUntil([&reply] { return reply.has_value(); }));
+  EXPECT_TRUE(reply->empty());
+}
+
+TEST_F(MessengerTest, CarriesRawBytesBothWaysInOrder) {
+  std::string order;
+  plugin_->SetMessageHandler("channel", [&order](const std::uint8_t* data, std::size_t size,
+                                                 const cw::BinaryReply& reply) {
+    order.append(data, data + size);
+    reply(data, size);
+  });
+  Dart().SetMessageHandler("channel", [&order](const Bytes& message, const auto& reply) {
+    order.append(message.begin(), message.end());
+    reply(message);
+  });
+  const Bytes letters = {'a', 'b', 'c'};
+  for (const std::uint8_t& letter : letters) {
+    Dart().Send("channel", {letter});
+    plugin_->Send("channel", &letter, 1);
+  }
+  RunPosted();
+  EXPECT_EQ(order, "aabbcc");
+}
+
+TEST_F(MessengerTest, TellsPluginsWhetherDartListens) {
+  std::vector<bool> updates;
+  const std::uint64_t id =
+      plugin_->OnChannelUpdateSubscribe("channel", [&](bool on) { updates.push_back(on); });
+  ASSERT_GT(id, 0U);
+  const auto handler = [](const Bytes&, const auto& reply) { reply({}); };
+  Dart().SetMessageHandler("another", handler);
+  Dart().SetMessageHandler("channel", handler);
+  Dart().SetMessageHandler("channel", handler);
+  Dart().SetMessageHandler("channel", nullptr);
+  Dart().SetMessageHandler("channel", nullptr);
+  RunPosted();
+  EXPECT_THAT(updates, ElementsAre(true, false));
+  plugin_->OnChannelUpdateUnsubscribe("another", id);
+  plugin_->OnChannelUpdateUnsubscribe("channel", id);
+  Dart().SetMessageHandler("channel", handler);
+  RunPosted();
+  EXPECT_EQ(updates.size(), 2U);
+}
+
+TEST_F(MessengerTest, ReleasesSubscriptionsAndAnswersWaitersWhenTheEngineEnds) {
+  Tracker tracker;
+  plugin_->OnChannelUpdateSubscribe("channel", [tracked = tracker.Track()](bool) {});
+  int empty_replies = 0;
+  plugin_->Send("channel", nullptr, 0, [&](const std::uint8_t* data, std::size_t size) {
+    empty_replies += data == nullptr && size == 0 ? 1 : 0;
+  });
+  engine_.reset();
+  EXPECT_TRUE(tracker.IsReleased());
+  EXPECT_EQ(empty_replies, 1);
+}
+
+TEST_F(MessengerTest, SendsNothingForAnEngineThatIsGone) {
+  engine_.reset();
+  Tracker tracker;
+  plugin_->Send("channel", nullptr, 0,
+                [tracked = tracker.Track()](const std::uint8_t*, std::size_t) { FAIL(); });
+  EXPECT_TRUE(tracker.IsReleased());
+  EXPECT_EQ(plugin_->OnChannelUpdateSubscribe("channel", [](bool) {}), 0U);
+}
+
+TEST_F(MessengerTest, KeepsReplyingOnceWhenDartRepliesTwice) {
+  int replies = 0;
+  Dart().SetMessageHandler("channel", [](const Bytes&, const auto& reply) {
+    reply({1});
+    reply({2});
+  });
+  plugin_->Send("channel", nullptr, 0, [&](const std::uint8_t*, std::size_t) { ++replies; });
+  ASSERT_TRUE(RunUntil([&replies] { return replies > 0; }));
+  RunPosted();
+  EXPECT_EQ(replies, 1);
+}
+
+// ---- The view -----------------------------------------------------------------------------------
+
+TEST_F(EngineTest, LockedResourcesStayAsTheyWere) {
+  const auto* const context = engine_->MakeContext();
+  FlutterVeltraViewProcTable table{};
+  ASSERT_TRUE(context->ViewProcTableLoad(context->engine, &table, sizeof(table)));
+  FlutterVeltraTheme theme{};
+  theme.size = sizeof(theme);
+  EXPECT_FALSE(table.GetTheme(context->engine, &theme));
+  EXPECT_FALSE(table.LockResources(context->engine, nullptr));
+
+  engine_->GetView().SetTheme({"before"});
+  FlutterVeltraResourcesLock lock{sizeof(lock), nullptr, nullptr};
+  ASSERT_TRUE(table.LockResources(context->engine, &lock));
+  ASSERT_TRUE(table.GetTheme(context->engine, &theme));
+  engine_->GetView().SetTheme({"after"});
+  EXPECT_STREQ(theme.name, "before");
+  engine_.reset();
+  EXPECT_STREQ(theme.name, "before");
+  lock.release(lock.lock_data);
+}
+
+}  // namespace

@@ -1,0 +1,58 @@
+// A program made of two plug-ins, as an application or as a task: sample_program KIND ARGUMENT...
+#include <cw/plugin_registrar.h>
+#include <unistd.h>
+#include <veltra/host/run.h>
+
+#include <csignal>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+class SamplePlugin : public cw::Plugin {
+ public:
+  explicit SamplePlugin(const char* name) : name_(name) {}
+  void Release() override { std::cout << name_ << " released" << std::endl; }
+
+ private:
+  const char* name_;
+};
+
+cw::PluginRegistrar* GetRegistrar(FlutterVeltraPluginContext* context) {
+  return cw::PluginRegistrarManager::GetInstance().GetRegistrarImpl(context);
+}
+
+void ReportingRegisterWithRegistrar(FlutterVeltraPluginContext* context) {
+  cw::PluginRegistrar* const registrar = GetRegistrar(context);
+  registrar->AddPlugin(std::make_shared<SamplePlugin>("reporting"));
+  std::cout << "library path " << registrar->GetLibraryPath().string() << std::endl;
+  for (const std::string& argument : registrar->GetApplicationWrapper()->GetDartEntryPointArgs()) {
+    std::cout << "argument " << argument << std::endl;
+  }
+}
+
+void ExitingRegisterWithRegistrar(FlutterVeltraPluginContext* context) {
+  const auto application = GetRegistrar(context)->GetApplicationWrapper();
+  const auto arguments = application->GetDartEntryPointArgs();
+  if (!arguments.empty() && arguments.back() == "wait-for-signal") {
+    application->EnqueueTask([] { kill(getpid(), SIGTERM); }, 0);
+  } else {
+    application->Exit(7);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::vector<FlutterVeltraRegisterPlugin> plugins = {&ReportingRegisterWithRegistrar,
+                                                            &ExitingRegisterWithRegistrar};
+  const bool is_task = argc > 1 && std::string_view(argv[1]) == "task";
+  return is_task ? veltra::host::RunTask(argc - 1, argv + 1, plugins)
+                 : veltra::host::RunApplication(
+                       argc - 1, argv + 1, plugins, {}, [](veltra::host::Engine& engine) {
+                         std::cout << "dart " << (engine.GetRef() != nullptr) << std::endl;
+                       });
+}
