@@ -1,0 +1,449 @@
+#include <cw/standard_codec.h>
+#include <quarn/logger.h>
+#include <vorpc/message.h>
+
+#include <limits>
+#include <ostream>
+#include <type_traits>
+
+namespace vorpc {
+
+namespace {
+
+constexpr std::string_view kVersion = "2.0";
+
+Message ParseFailure(std::string_view text) {
+  return Message::CreateError(Message::kParseError, text);
+}
+
+std::pair<bool, Message::Error> ErrorFailure(std::string_view text) {
+  return {false, Message::Error(Message::kParseError, std::string(text))};
+}
+
+cw::EncodableValue* FindMember(cw::EncodableMap& map, std::string_view key) {
+  const auto found = map.find(cw::EncodableValue(key));
+  return found == map.end() ? nullptr : &found->second;
+}
+
+// The member's value, moved out; null when there is none.
+cw::EncodableValue TakeMember(cw::EncodableMap& map, std::string_view key) {
+  cw::EncodableValue* const member = FindMember(map, key);
+  return member == nullptr ? cw::EncodableValue() : std::move(*member);
+}
+
+bool HasVersion(const cw::EncodableMap& map) {
+  const auto* const version = std::get_if<std::string>(cw::Find(map, "jsonrpc"));
+  return version != nullptr && *version == kVersion;
+}
+
+// A map with a method: a request if it has an id, else a notification.
+Message CallFromMap(cw::EncodableMap& map, const cw::EncodableValue& method_member) {
+  const std::string* const method = method_member.AsString();
+  const cw::EncodableValue* const id_member = FindMember(map, "id");
+  if (method == nullptr || method->empty()) {
+    QUARN_LOG_ERROR() << "Method name is empty in RPC "
+                      << (id_member != nullptr ? "request" : "notification");
+    return {};
+  }
+  if (id_member == nullptr) {
+    return Message::CreateNotification(*method, TakeMember(map, "params"));
+  }
+  auto id = Message::ID::FromEncodable(*id_member);
+  if (!id) {
+    return ParseFailure("Invalid id value in RPC request object");
+  }
+  return Message::CreateRequest(std::move(*id), *method, TakeMember(map, "params"));
+}
+
+// A map with an error: the response to a request if it has an id, else an error of its own.
+Message ErrorFromMap(cw::EncodableMap& map, cw::EncodableValue&& error_member) {
+  auto [valid, error] = Message::Error::FromEncodable(std::move(error_member));
+  const cw::EncodableValue* const id_member = FindMember(map, "id");
+  if (!valid || id_member == nullptr) {
+    return Message::CreateError(std::move(error));
+  }
+  auto id = Message::ID::FromEncodable(*id_member);
+  if (!id) {
+    return ParseFailure("Invalid id value in RPC response object");
+  }
+  return Message::CreateError(std::move(*id), std::move(error));
+}
+
+Message ResultFromMap(cw::EncodableMap& map, std::optional<Message::ID>&& id) {
+  if (!id) {
+    return ParseFailure("Invalid id value in RPC response object");
+  }
+  cw::EncodableValue* const result = FindMember(map, "result");
+  if (result == nullptr) {
+    return ParseFailure("Invalid RPC message");
+  }
+  return Message::CreateResponse(std::move(*id), std::move(*result));
+}
+
+// What is wrong with the "code" member of an error, or nothing.
+std::string_view FindCodeFault(const cw::EncodableValue* code) {
+  if (code == nullptr) {
+    return "The Error object does not have a required code field.";
+  }
+  const auto number = code->AsInt64();
+  if (!number) {
+    return "The code field contains not integer number";
+  }
+  if (*number < std::numeric_limits<std::int32_t>::min() ||
+      *number > std::numeric_limits<std::int32_t>::max()) {
+    return "The code field contains a value out of the supported range";
+  }
+  return {};
+}
+
+// What is wrong with the "message" member of an error, or nothing.
+std::string_view FindTextFault(const cw::EncodableValue* text) {
+  if (text == nullptr) {
+    return "The Error object does not have a required messsage field.";
+  }
+  return text->AsString() == nullptr ? "The message field contains not string value" : "";
+}
+
+// Collects the members of a message in a map of values.
+class TreeMap {
+ public:
+  explicit TreeMap(std::size_t /*size*/) {}
+
+  void Add(std::string_view key, const cw::EncodableValue& value) { map_.emplace(key, value); }
+  void AddText(std::string_view key, std::string_view text) { map_.emplace(key, text); }
+  template <class Content>
+  void AddMap(std::string_view key, std::size_t size, const Content& content) {
+    TreeMap nested(size);
+    Fill(nested, content);
+    map_.emplace(key, std::move(nested.map_));
+  }
+
+  cw::EncodableValue Take() { return std::move(map_); }
+
+ private:
+  cw::EncodableMap map_;
+};
+
+// Writes the members of a message straight into its bytes, so that the payload is copied once.
+class StreamMap {
+ public:
+  StreamMap(std::size_t size, cw::ByteStreamWriter* stream)
+      : stream_(stream), writer_(size, &cw::StandardCodecSerializer::GetInstance(), stream) {}
+
+  void Add(std::string_view key, const cw::EncodableValue& value) { writer_.Add(key, value); }
+  void AddText(std::string_view key, std::string_view text) { writer_.AddString(key, text); }
+  template <class Content>
+  void AddMap(std::string_view key, std::size_t size, const Content& content) {
+    writer_.AddKey(key);
+    StreamMap nested(size, stream_);
+    Fill(nested, content);
+  }
+
+ private:
+  cw::ByteStreamWriter* stream_;
+  cw::MapWriter writer_;
+};
+
+// An error as the member of a message.
+struct ErrorMember {
+  const Message::Error& error;
+};
+
+std::size_t CountMembers(const Message::Request& request) {
+  return request.params.IsNull() ? 3 : 4;
+}
+std::size_t CountMembers(const Message::Response& /*response*/) { return 3; }
+std::size_t CountMembers(const Message::Notification& notification) {
+  return notification.params.IsNull() ? 2 : 3;
+}
+std::size_t CountMembers(const Message::Error& /*error*/) { return 2; }
+std::size_t CountMembers(const ErrorMember& member) { return member.error.data.IsNull() ? 2 : 3; }
+
+// The members of each kind of message, in the order of their keys: the bytes of a StreamMap are
+// then those of the map that a TreeMap gives.
+template <class Map>
+void Fill(Map& map, const ErrorMember& member) {
+  map.Add("code", cw::EncodableValue(member.error.code));
+  if (!member.error.data.IsNull()) {
+    map.Add("data", member.error.data);
+  }
+  map.AddText("message", member.error.message);
+}
+
+template <class Map>
+void AddError(Map& map, const Message::Error& error) {
+  const ErrorMember member{error};
+  map.AddMap("error", CountMembers(member), member);
+}
+
+template <class Map>
+void AddParams(Map& map, const cw::EncodableValue& params) {
+  if (!params.IsNull()) {
+    map.Add("params", params);
+  }
+}
+
+template <class Map>
+void Fill(Map& map, const Message::Request& request) {
+  map.AddText("id", request.id.value);
+  map.AddText("jsonrpc", kVersion);
+  map.AddText("method", request.method);
+  AddParams(map, request.params);
+}
+
+template <class Map>
+void Fill(Map& map, const Message::Response& response) {
+  if (response.IsError()) {
+    AddError(map, *response.GetError());
+  }
+  map.AddText("id", response.id.value);
+  map.AddText("jsonrpc", kVersion);
+  if (response.HasResult()) {
+    map.Add("result", *response.GetResult());
+  }
+}
+
+template <class Map>
+void Fill(Map& map, const Message::Notification& notification) {
+  map.AddText("jsonrpc", kVersion);
+  map.AddText("method", notification.method);
+  AddParams(map, notification.params);
+}
+
+template <class Map>
+void Fill(Map& map, const Message::Error& error) {
+  AddError(map, error);
+  map.AddText("jsonrpc", kVersion);
+}
+
+// False, after an error line, for what has no encoding but null.
+bool IsEncodable(std::monostate /*empty*/) {
+  QUARN_LOG_ERROR() << "Invalid Json-RPC message";
+  return false;
+}
+
+// An exception while its outcome was assigned can leave a response without one.
+bool IsEncodable(const Message::Response& response) {
+  if (response.HasResult() || response.IsError()) {
+    return true;
+  }
+  QUARN_LOG_ERROR() << "Invalid RPC message";
+  return false;
+}
+
+template <class Content>
+bool IsEncodable(const Content& /*content*/) {
+  return true;
+}
+
+// The bytes to reserve for a message with this payload. A guess where items vary in size; it
+// spares the buffer from growing under large texts and typed lists.
+std::size_t EstimateSize(const cw::EncodableValue& payload) {
+  constexpr std::size_t kEnvelope = 128;  // keys, version, id, method, sizes
+  constexpr std::size_t kItem = 16;       // an item of a list, or half an entry of a map
+  return kEnvelope + std::visit(
+                         [](const auto& value) -> std::size_t {
+                           using T = std::decay_t<decltype(value)>;
+                           if constexpr (std::is_same_v<T, cw::EncodableMap>) {
+                             return value.size() * 2 * kItem;
+                           } else if constexpr (std::is_same_v<T, cw::EncodableList>) {
+                             return value.size() * kItem;
+                           } else if constexpr (std::is_class_v<T> &&
+                                                !std::is_same_v<T, std::monostate> &&
+                                                !std::is_same_v<T, cw::CustomEncodableValue>) {
+                             return value.size() * sizeof(*value.data());
+                           } else {
+                             return 0;
+                           }
+                         },
+                         static_cast<const cw::internal::EncodableVariant&>(payload));
+}
+
+std::size_t EstimateSize(const Message::Request& request) { return EstimateSize(request.params); }
+std::size_t EstimateSize(const Message::Response& response) {
+  return response.HasResult() ? EstimateSize(*response.GetResult())
+                              : EstimateSize(response.GetError()->data);
+}
+std::size_t EstimateSize(const Message::Notification& notification) {
+  return EstimateSize(notification.params);
+}
+std::size_t EstimateSize(const Message::Error& error) { return EstimateSize(error.data); }
+
+cw::EncodableValue EncodeTree(std::monostate /*empty*/) { return {}; }
+
+template <class Content>
+cw::EncodableValue EncodeTree(const Content& content) {
+  TreeMap map(CountMembers(content));
+  Fill(map, content);
+  return map.Take();
+}
+
+quarn::Buffer EncodeBytes(std::monostate /*empty*/) { return cw::EncodableValue().Serialize(); }
+
+template <class Content>
+quarn::Buffer EncodeBytes(const Content& content) {
+  quarn::Buffer buffer;
+  buffer.Reserve(EstimateSize(content));
+  cw::ByteBufferStreamWriter stream(&buffer);
+  StreamMap map(CountMembers(content), &stream);
+  Fill(map, content);
+  return buffer;
+}
+
+void Print(std::ostream& stream, std::monostate /*empty*/) { stream << "empty message"; }
+
+void Print(std::ostream& stream, const Message::Request& request) {
+  stream << "request " << request.id << ": " << request.method << '(' << request.params << ')';
+}
+
+void Print(std::ostream& stream, const Message::Response& response) {
+  stream << "response " << response.id << ": ";
+  if (response.IsError()) {
+    stream << *response.GetError();
+  } else if (response.HasResult()) {
+    stream << *response.GetResult();
+  } else {
+    stream << "no outcome";
+  }
+}
+
+void Print(std::ostream& stream, const Message::Notification& notification) {
+  stream << "notification " << notification.method << '(' << notification.params << ')';
+}
+
+void Print(std::ostream& stream, const Message::Error& error) { stream << error; }
+
+}  // namespace
+
+std::optional<Message::ID> Message::ID::FromEncodable(const cw::EncodableValue& value) {
+  const cw::EncodableValue* const member = value.Find("id");
+  const cw::EncodableValue& id = member != nullptr ? *member : value;
+  if (const std::string* const text = id.AsString(); text != nullptr && !text->empty()) {
+    return ID(*text);
+  }
+  if (const auto number = id.AsInt64()) {
+    return ID(*number);
+  }
+  return std::nullopt;
+}
+
+cw::EncodableValue Message::Error::ToEncodable() const { return EncodeTree(ErrorMember{*this}); }
+
+std::pair<bool, Message::Error> Message::Error::FromEncodable(const cw::EncodableValue& value) {
+  return FromEncodable(cw::EncodableValue(value));
+}
+
+std::pair<bool, Message::Error> Message::Error::FromEncodable(cw::EncodableValue&& value) {
+  auto* const map = std::get_if<cw::EncodableMap>(&value);
+  if (map == nullptr) {
+    return ErrorFailure(
+        "The Response Object MUST contain the error member with a value that is a Object");
+  }
+  const cw::EncodableValue* const code = FindMember(*map, "code");
+  if (const auto fault = FindCodeFault(code); !fault.empty()) {
+    return ErrorFailure(fault);
+  }
+  cw::EncodableValue* const text = FindMember(*map, "message");
+  if (const auto fault = FindTextFault(text); !fault.empty()) {
+    return ErrorFailure(fault);
+  }
+  return {true, Error(static_cast<std::int32_t>(*code->AsInt64()),
+                      std::move(*std::get_if<std::string>(text)), TakeMember(*map, "data"))};
+}
+
+Message Message::CreateRequest(ID id, std::string_view method, cw::EncodableValue params) {
+  return Message(Request{std::move(id), std::string(method), std::move(params)});
+}
+
+Message Message::CreateResponse(ID id, cw::EncodableValue result) {
+  return Message(Response(std::move(id), std::move(result)));
+}
+
+Message Message::CreateNotification(std::string_view method, cw::EncodableValue params) {
+  return Message(Notification{std::string(method), std::move(params)});
+}
+
+Message Message::CreateError(std::int32_t code, std::string_view message, cw::EncodableValue data) {
+  return CreateError(Error(code, std::string(message), std::move(data)));
+}
+
+Message Message::CreateError(Error error) { return Message(std::move(error)); }
+
+Message Message::CreateError(ID id, std::int32_t code, std::string_view message,
+                             cw::EncodableValue data) {
+  return CreateError(std::move(id), Error(code, std::string(message), std::move(data)));
+}
+
+Message Message::CreateError(ID id, Error error) {
+  return Message(Response(std::move(id), std::move(error)));
+}
+
+bool Message::IsRequest(std::string_view method) const {
+  const Request* const request = GetRequest();
+  return request != nullptr && request->method == method;
+}
+
+bool Message::IsResponseForThis(const Message& other) const {
+  const Request* const request = GetRequest();
+  const Response* const response = other.GetResponse();
+  return request != nullptr && response != nullptr && request->id == response->id;
+}
+
+cw::EncodableValue Message::ToEncodable() const {
+  return std::visit(
+      [](const auto& content) {
+        return IsEncodable(content) ? EncodeTree(content) : cw::EncodableValue();
+      },
+      content_);
+}
+
+Message Message::FromEncodable(const cw::EncodableValue& value) {
+  return FromEncodable(cw::EncodableValue(value));
+}
+
+Message Message::FromEncodable(cw::EncodableValue&& value) {
+  auto* const map = std::get_if<cw::EncodableMap>(&value);
+  if (map == nullptr || !HasVersion(*map)) {
+    return ParseFailure("Emply or invalid RPC message");
+  }
+  if (const cw::EncodableValue* const method = FindMember(*map, "method")) {
+    return CallFromMap(*map, *method);
+  }
+  if (cw::EncodableValue* const error = FindMember(*map, "error")) {
+    return ErrorFromMap(*map, std::move(*error));
+  }
+  return ResultFromMap(*map, ID::FromEncodable(value));
+}
+
+std::string Message::ToBase64() const {
+  return std::visit(
+             [](const auto& content) {
+               return IsEncodable(content) ? EncodeBytes(content) : EncodeBytes(std::monostate());
+             },
+             content_)
+      .ToBase64();
+}
+
+Message Message::FromBase64(const std::string& text) {
+  if (text.empty()) {
+    return {};
+  }
+  return FromEncodable(cw::EncodableValue::Deserialize(quarn::Buffer::FromBase64(text)));
+}
+
+std::ostream& operator<<(std::ostream& stream, const Message& message) {
+  std::visit([&stream](const auto& content) { Print(stream, content); }, message.content_);
+  return stream;
+}
+
+std::ostream& operator<<(std::ostream& stream, const Message::ID& id) { return stream << id.value; }
+
+std::ostream& operator<<(std::ostream& stream, const Message::Error& error) {
+  stream << "error " << error.code << " \"" << error.message << '"';
+  if (!error.data.IsNull()) {
+    stream << ' ' << error.data;
+  }
+  return stream;
+}
+
+}  // namespace vorpc

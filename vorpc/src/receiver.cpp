@@ -1,0 +1,125 @@
+#include "receiver.h"
+
+#include <quarn/listener.h>
+
+namespace vorpc::details {
+
+void Receiver::SendImmediately(Message&& message) {
+  if (send_ && !IsClosed()) {
+    send_(std::move(message));
+  }
+}
+
+void Receiver::ReceiveImmediately(const Message& message) {
+  if (IsClosed() || (filter_ && filter_(message))) {
+    return;
+  }
+  if (const Message::Notification* const notification = message.GetNotification()) {
+    Notify(*notification);
+    return;
+  }
+  QUARN_LOG_WARN() << "[RPC Receiver]: unhandled message";
+}
+
+void Receiver::SetQueueEnabled() {
+  {
+    const std::lock_guard lock(queue_mutex_);
+    queue_enabled_ = true;
+  }
+  ProcessQueue();
+}
+
+void Receiver::ProcessQueue() {
+  while (ProcessBatch()) {
+  }
+}
+
+void Receiver::OnNotify(std::string_view method, NotificationHandler&& handler) {
+  const auto listener = std::make_shared<quarn::CppStyleListener<Message::Notification>>(
+      UntilClosed(std::move(handler)));
+  const std::unique_lock lock(notification_mutex_);
+  auto& signal = notification_signals_[std::string(method)];
+  if (signal == nullptr) {
+    signal = std::make_shared<NotificationSignal>();
+  }
+  signal->Subscribe(listener);
+}
+
+void Receiver::Close() {
+  *closed_ = true;
+  NotificationSignals signals;  // dies after the lock is released
+  const std::unique_lock lock(notification_mutex_);
+  signals.swap(notification_signals_);
+}
+
+void Receiver::Enqueue(Kind kind, Message&& message) {
+  {
+    const std::lock_guard lock(queue_mutex_);
+    queue_.emplace_back(kind, std::move(message));
+    if (!queue_enabled_) {
+      return;
+    }
+  }
+  ProcessQueue();
+}
+
+// The lock is held while the batch is delivered: other threads wait and so keep the order, while
+// this one may come back in from inside a delivery. True when there was a batch.
+bool Receiver::ProcessBatch() {
+  const std::lock_guard lock(queue_mutex_);
+  if (!queue_enabled_ || queue_.empty()) {
+    return false;
+  }
+  std::vector<std::pair<Kind, Message>> batch;
+  batch.swap(queue_);
+  for (auto& [kind, message] : batch) {
+    if (kind == Kind::Send) {
+      SendImmediately(std::move(message));
+    } else {
+      ReceiveImmediately(message);
+    }
+  }
+  return true;
+}
+
+void Receiver::Notify(const Message::Notification& notification) const {
+  std::shared_ptr<NotificationSignal> signal;
+  {
+    const std::shared_lock lock(notification_mutex_);
+    const auto found = notification_signals_.find(notification.method);
+    if (found != notification_signals_.end()) {
+      signal = found->second;
+    }
+  }
+  if (signal == nullptr) {
+    QUARN_LOG_ERROR() << "Unknown event '" << notification.method << "()'";
+    return;
+  }
+  signal->Emit(notification);
+}
+
+ReceiveGuard::~ReceiveGuard() noexcept(false) {
+  Pending* const pending = GetPending();
+  if (pending == nullptr) {
+    return;
+  }
+  if (pending->immediate) {
+    GetReceiver().ReceiveImmediately(pending->message);
+  } else {
+    GetReceiver().Receive(std::move(pending->message));
+  }
+}
+
+SendGuard::~SendGuard() noexcept(false) {
+  Pending* const pending = GetPending();
+  if (pending == nullptr) {
+    return;
+  }
+  if (pending->immediate) {
+    GetReceiver().SendImmediately(std::move(pending->message));
+  } else {
+    GetReceiver().Send(std::move(pending->message));
+  }
+}
+
+}  // namespace vorpc::details

@@ -1,0 +1,417 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <vorpc/client.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "recorder.h"
+#include "support/capture.h"
+#include "support/log_line.h"
+
+namespace vorpc::test_support {
+namespace {
+
+using tarv::test::IsLogLine;
+using tarv::test::StdoutOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using Error = Message::Error;
+using ID = Message::ID;
+
+const Error kTransportError(-7, "the cable was cut");
+const Error kUnknownRuntimeError(-32603, "Unknown runtime error");
+
+// A client on a recorder, and a diary of what it reports.
+class ClientTest : public testing::Test {
+ protected:
+  ClientTest() {
+    client_->OnConnected([this](const std::optional<Error>& error) {
+      diary_.push_back(error ? "connect failed: " + error->message : "connected");
+    });
+    client_->OnDisconnected([this](const std::optional<Error>& error) {
+      diary_.push_back(error ? "disconnected: " + error->message : "disconnected");
+    });
+  }
+
+  void Start() {
+    client_->Run();
+    client_->SetStarted();
+  }
+
+  void Connect() {
+    Start();
+    AnswerLast({});
+  }
+
+  void AnswerLast(cw::EncodableValue result) {
+    client_->Receive(
+        Message::CreateResponse(recorder_.GetLast().GetRequest()->id, std::move(result)));
+  }
+
+  void RefuseLast(const Error& error) {
+    client_->Receive(Message::CreateError(recorder_.GetLast().GetRequest()->id, error));
+  }
+
+  void Request(const std::string& method) {
+    client_->SendRequest(method, {}, [this, method](const Message::Response& response) {
+      diary_.push_back(
+          method + (response.IsError() ? " failed: " + response.GetError()->message : " answered"));
+    });
+  }
+
+  std::vector<std::string> SentMethods() const {
+    std::vector<std::string> methods;
+    for (const Message& message : recorder_.GetSent()) {
+      const auto* const request = message.GetRequest();
+      methods.push_back(request != nullptr ? request->method : message.GetNotification()->method);
+    }
+    return methods;
+  }
+
+  Recorder recorder_;
+  std::vector<std::string> diary_;
+  std::shared_ptr<IOwnedClient> client_ = IOwnedClient::Create(recorder_.Send());
+};
+
+// --- Handshake ---
+
+TEST_F(ClientTest, IsNeitherConnectedNorFailedAtFirst) {
+  EXPECT_FALSE(client_->IsConnected());
+  EXPECT_FALSE(client_->HasConnectionFailed());
+  EXPECT_EQ(recorder_.CountSent(), 0U);
+}
+
+TEST_F(ClientTest, SendsOneConnectRequestWhenItIsStartedBeforeItRuns) {
+  client_->SetStarted();
+  EXPECT_THAT(SentMethods(), IsEmpty());
+  client_->Run();
+  EXPECT_THAT(SentMethods(), ElementsAre("vorpc.connected"));
+}
+
+TEST_F(ClientTest, SendsOneConnectRequestWhenItRunsBeforeItIsStarted) {
+  client_->Run();
+  EXPECT_THAT(SentMethods(), IsEmpty());
+  client_->SetStarted();
+  EXPECT_THAT(SentMethods(), ElementsAre("vorpc.connected"));
+}
+
+TEST_F(ClientTest, SendsOneConnectRequestHoweverOftenItRunsAndStarts) {
+  client_->Run();
+  client_->Run();
+  client_->SetStarted();
+  client_->SetStarted();
+  client_->Run();
+  EXPECT_THAT(SentMethods(), ElementsAre("vorpc.connected"));
+}
+
+TEST_F(ClientTest, SendsTheConnectRequestWithoutParams) {
+  Start();
+  const cw::EncodableValue encoded = recorder_.GetLast().ToEncodable();
+  EXPECT_EQ(encoded.Find("params"), nullptr);
+  EXPECT_NE(encoded.Find("id"), nullptr);
+}
+
+TEST_F(ClientTest, IsConnectedByAnyResultNullIncluded) {
+  Connect();
+  EXPECT_TRUE(client_->IsConnected());
+  EXPECT_FALSE(client_->HasConnectionFailed());
+  EXPECT_THAT(diary_, ElementsAre("connected"));
+}
+
+TEST_F(ClientTest, IsNotConnectedByTheResponseToSomethingElse) {
+  Start();
+  client_->Receive(Message::CreateResponse(ID("other"), {}));
+  EXPECT_FALSE(client_->IsConnected());
+}
+
+TEST_F(ClientTest, ReportsTheOutcomeToLateSubscribersAtOnce) {
+  Connect();
+  client_->OnConnected([this](const auto& error) { diary_.emplace_back(error ? "bad" : "late"); });
+  EXPECT_THAT(diary_, ElementsAre("connected", "late"));
+  client_->Disconnect(kTransportError);
+  client_->OnDisconnected(
+      [this](const auto& error) { diary_.push_back("late: " + error->message); });
+  EXPECT_THAT(diary_, ElementsAre("connected", "late", "disconnected: the cable was cut",
+                                  "late: the cable was cut"));
+}
+
+TEST_F(ClientTest, TriesFourTimesAndThenFailsWithTheLastErrorOfTheServer) {
+  Start();
+  const std::string log = StdoutOf([this] {
+    for (int attempt = 1; attempt <= 4; ++attempt) {
+      RefuseLast(Error(-attempt, "busy " + std::to_string(attempt)));
+    }
+  });
+  EXPECT_THAT(SentMethods(), ElementsAre("vorpc.connected", "vorpc.connected", "vorpc.connected",
+                                         "vorpc.connected"));
+  EXPECT_THAT(log, HasSubstr("Connect error: busy 1\n"));
+  EXPECT_THAT(log, HasSubstr("Connect error: busy 2\n"));
+  EXPECT_THAT(log, HasSubstr("Connect error: busy 3\n"));
+  EXPECT_THAT(log, testing::Not(HasSubstr("busy 4")));
+  EXPECT_TRUE(client_->HasConnectionFailed());
+  EXPECT_THAT(diary_, ElementsAre("connect failed: busy 4"));
+}
+
+TEST_F(ClientTest, LogsWhyAnAttemptToConnectFailed) {
+  Start();
+  EXPECT_THAT(StdoutOf([this] { RefuseLast(Error(-1, "busy")); }),
+              IsLogLine("error", "Connect error: busy"));
+}
+
+TEST_F(ClientTest, ConnectsWhenTheLastAttemptSucceeds) {
+  Start();
+  StdoutOf([this] {
+    for (int attempt = 1; attempt <= 3; ++attempt) {
+      RefuseLast(Error(-1, "busy"));
+    }
+  });
+  AnswerLast({});
+  EXPECT_TRUE(client_->IsConnected());
+  EXPECT_THAT(diary_, ElementsAre("connected"));
+}
+
+TEST_F(ClientTest, DoesNotConnectByAResponseToAnEarlierAttempt) {
+  Start();
+  const ID first = recorder_.GetLast().GetRequest()->id;
+  StdoutOf([this] { RefuseLast(Error(-1, "busy")); });
+  client_->Receive(Message::CreateResponse(first, {}));
+  EXPECT_FALSE(client_->IsConnected());
+}
+
+TEST_F(ClientTest, HoldsTrafficBackUntilTheConnectedCallbacksHaveRun) {
+  client_->OnConnected([this](const auto&) {
+    EXPECT_EQ(recorder_.CountSent(), 1U);  // the connect request alone
+    Request("c");
+    EXPECT_EQ(recorder_.CountSent(), 1U);
+  });
+  Request("a");
+  client_->SendNotify("b", 5);
+  Connect();
+  EXPECT_THAT(SentMethods(), ElementsAre("vorpc.connected", "a", "b", "c"));
+}
+
+TEST_F(ClientTest, HoldsIncomingMessagesBackUntilItIsConnected) {
+  client_->OnNotify("tick", [this](const auto&) { diary_.emplace_back("tick"); });
+  Start();
+  client_->Receive(Message::CreateNotification("tick", {}));
+  EXPECT_THAT(diary_, IsEmpty());
+  AnswerLast({});
+  EXPECT_THAT(diary_, ElementsAre("connected", "tick"));
+}
+
+TEST_F(ClientTest, LetsAConnectRequestOfTheUserPassTheQueueDuringTheHandshake) {
+  Start();
+  Request("vorpc.connected");
+  EXPECT_THAT(SentMethods(), ElementsAre("vorpc.connected", "vorpc.connected"));
+}
+
+TEST_F(ClientTest, TreatsTheConnectMethodAsAnyOtherOnceConnected) {
+  Connect();
+  Request("vorpc.connected");
+  AnswerLast(1);
+  EXPECT_THAT(diary_, ElementsAre("connected", "vorpc.connected answered"));
+}
+
+// --- Requests ---
+
+TEST_F(ClientTest, GivesAResponseToTheCallbackOfItsRequest) {
+  Connect();
+  cw::EncodableValue result;
+  client_->SendRequest("add", cw::EncodableList{1, 2},
+                       [&result](const auto& response) { result = *response.GetResult(); });
+  EXPECT_EQ(recorder_.GetLast().GetRequest()->params, cw::EncodableValue(cw::EncodableList{1, 2}));
+  AnswerLast(3);
+  EXPECT_EQ(result, cw::EncodableValue(3));
+}
+
+TEST_F(ClientTest, MatchesResponsesInAnyOrder) {
+  Connect();
+  Request("a");
+  const ID a = recorder_.GetLast().GetRequest()->id;
+  Request("b");
+  AnswerLast({});
+  client_->Receive(Message::CreateError(a, -1, "no"));
+  EXPECT_THAT(diary_, ElementsAre("connected", "b answered", "a failed: no"));
+}
+
+TEST_F(ClientTest, GivesOnlyTheFirstOfTwoResponsesToTheCallback) {
+  Connect();
+  Request("a");
+  AnswerLast({});
+  EXPECT_THAT(StdoutOf([this] { AnswerLast({}); }),
+              IsLogLine("warn", "[RPC Receiver]: unhandled message"));
+  EXPECT_THAT(diary_, ElementsAre("connected", "a answered"));
+}
+
+TEST_F(ClientTest, LogsAResponseToARequestWithoutACallback) {
+  Connect();
+  client_->SendRequest("a", {}, {});
+  EXPECT_THAT(StdoutOf([this] { AnswerLast({}); }), IsLogLine("error", "Invalid server response"));
+}
+
+TEST_F(ClientTest, DoesNotTakeRequests) {
+  Connect();
+  EXPECT_THAT(StdoutOf([this] { client_->Receive(Message::CreateRequest(ID(1), "m", {})); }),
+              IsLogLine("warn", "[RPC Receiver]: unhandled message"));
+}
+
+TEST_F(ClientTest, LogsANotificationThatNobodyHandles) {
+  Connect();
+  EXPECT_THAT(StdoutOf([this] { client_->Receive(Message::CreateNotification("ping", {})); }),
+              IsLogLine("error", "Unknown event 'ping()'"));
+}
+
+TEST_F(ClientTest, SendsARequestFromInsideTheCallbackOfAnother) {
+  Connect();
+  client_->SendRequest("a", {}, [this](const auto&) { Request("b"); });
+  AnswerLast({});
+  AnswerLast({});
+  EXPECT_THAT(SentMethods(), ElementsAre("vorpc.connected", "a", "b"));
+  EXPECT_THAT(diary_, ElementsAre("connected", "b answered"));
+}
+
+TEST_F(ClientTest, NumbersTheRequestsOfAllClientsInOneRowWithOneRandomPrefix) {
+  Start();
+  Recorder other_recorder;
+  const auto other = IOwnedClient::Create(other_recorder.Send());
+  other->Run();
+  other->SetStarted();
+  AnswerLast({});
+  Request("a");
+  std::vector<std::string> prefixes;
+  std::vector<std::int64_t> numbers;
+  const auto sent = recorder_.GetSent();
+  for (const Message& message : {sent[0], other_recorder.GetLast(), sent[1]}) {
+    const std::string id = message.GetRequest()->id.value;
+    ASSERT_THAT(id, testing::MatchesRegex("id[1-9][0-9]*_[1-9][0-9]*"));
+    const auto end = id.find('_') + 1;
+    prefixes.push_back(id.substr(0, end));
+    numbers.push_back(std::stoll(id.substr(end)));
+    EXPECT_LE(std::stoi(id.substr(2)), 1000);
+  }
+  EXPECT_THAT(prefixes, testing::Each(prefixes[0]));
+  EXPECT_THAT(numbers, ElementsAre(numbers[0], numbers[0] + 1, numbers[0] + 2));
+}
+
+// --- Ends ---
+
+TEST_F(ClientTest, FailsTheHandshakeWithTheErrorOfTheTransport) {
+  Start();
+  Request("a");
+  EXPECT_EQ(StdoutOf([this] { client_->Disconnect(kTransportError); }), "");
+  EXPECT_TRUE(client_->HasConnectionFailed());
+  EXPECT_THAT(diary_,
+              ElementsAre("connect failed: the cable was cut", "a failed: the cable was cut"));
+  EXPECT_THAT(SentMethods(), ElementsAre("vorpc.connected"));
+}
+
+TEST_F(ClientTest, FailsTheHandshakeWithAnUnknownErrorWhenTheTransportHasNone) {
+  std::optional<Error> seen;
+  client_->OnConnected([&seen](const auto& error) { seen = error; });
+  Start();
+  client_->Disconnect({});
+  EXPECT_EQ(seen, kUnknownRuntimeError);
+}
+
+TEST_F(ClientTest, ReportsAnEndWithoutErrorAsSuchAndFailsWhatIsPending) {
+  Connect();
+  std::optional<Message::Response> seen;
+  client_->SendRequest("a", {}, [&seen](const auto& response) { seen = response; });
+  const ID id = recorder_.GetLast().GetRequest()->id;
+  client_->Disconnect({});
+  EXPECT_THAT(diary_, ElementsAre("connected", "disconnected"));
+  EXPECT_EQ(seen, Message::Response(id, kUnknownRuntimeError));
+  EXPECT_TRUE(client_->HasConnectionFailed());
+  EXPECT_FALSE(client_->IsConnected());
+}
+
+TEST_F(ClientTest, ReportsTheEndAndThenFailsWhatIsPendingInItsOrder) {
+  Connect();
+  for (const char* const method : {"a", "b", "c", "d", "e"}) {
+    Request(method);
+  }
+  client_->Disconnect(kTransportError);
+  const std::string failed = " failed: the cable was cut";
+  EXPECT_THAT(diary_, ElementsAre("connected", "disconnected: the cable was cut", "a" + failed,
+                                  "b" + failed, "c" + failed, "d" + failed, "e" + failed));
+}
+
+TEST_F(ClientTest, EndsOnce) {
+  Connect();
+  client_->Disconnect(kTransportError);
+  client_->Disconnect({});
+  EXPECT_THAT(diary_, ElementsAre("connected", "disconnected: the cable was cut"));
+}
+
+TEST_F(ClientTest, SkipsAnEmptyCallbackWhenItEnds) {
+  Connect();
+  client_->SendRequest("a", {}, {});
+  Request("b");
+  client_->Disconnect(kTransportError);
+  EXPECT_EQ(diary_.back(), "b failed: the cable was cut");
+}
+
+TEST_F(ClientTest, FailsALaterHandshakeAtOnceWhenTheTransportWentBefore) {
+  client_->Disconnect(kTransportError);
+  EXPECT_FALSE(client_->HasConnectionFailed());
+  EXPECT_THAT(diary_, IsEmpty());
+  Start();
+  EXPECT_TRUE(client_->HasConnectionFailed());
+  EXPECT_THAT(diary_, ElementsAre("connect failed: the cable was cut"));
+  EXPECT_EQ(recorder_.CountSent(), 0U);
+}
+
+TEST_F(ClientTest, RemembersTheLastOfSeveralEndsBeforeTheHandshake) {
+  client_->Disconnect(kTransportError);
+  client_->Disconnect({});
+  Start();
+  EXPECT_THAT(diary_, ElementsAre("connect failed: Unknown runtime error"));
+}
+
+TEST_F(ClientTest, IgnoresAResponseToItsConnectRequestAfterTheEnd) {
+  Start();
+  client_->Disconnect({});
+  const std::string log = StdoutOf([this] { AnswerLast({}); });
+  EXPECT_EQ(log, "");
+  EXPECT_TRUE(client_->HasConnectionFailed());
+  EXPECT_FALSE(client_->IsConnected());
+}
+
+TEST_F(ClientTest, NeverSendsWhatWasQueuedWhenTheHandshakeFails) {
+  client_->SendNotify("a", {});
+  Start();
+  client_->Disconnect(kTransportError);
+  client_->SendNotify("b", {});
+  EXPECT_THAT(SentMethods(), ElementsAre("vorpc.connected"));
+}
+
+TEST_F(ClientTest, EndsFromInsideTheConnectedCallback) {
+  client_->OnConnected([this](const auto&) { client_->Disconnect(kTransportError); });
+  Request("a");
+  Connect();
+  EXPECT_THAT(diary_, ElementsAre("connected", "disconnected: the cable was cut",
+                                  "a failed: the cable was cut"));
+}
+
+TEST_F(ClientTest, FiresNothingWhenItIsDestroyed) {
+  Connect();
+  Request("a");
+  client_.reset();
+  EXPECT_THAT(diary_, ElementsAre("connected"));
+}
+
+TEST(Client, WorksWithoutASendFunction) {
+  const auto client = IOwnedClient::Create({});
+  client->Run();
+  client->SetStarted();
+  client->Disconnect({});
+  EXPECT_TRUE(client->HasConnectionFailed());
+}
+
+}  // namespace
+}  // namespace vorpc::test_support
