@@ -46,7 +46,7 @@ TEST(Error, IsNoErrorByDefaultAndCarriesItsCodeAndText) {
 }
 
 TEST_F(TaskTest, StartsAProgramThatItFindsByItsName) {
-  AddShellTask("A-z_0.9", "echo ran > $WORLD/out; sleep 60");
+  AddShellTask("A-z_0.9", "echo ran > $WORLD/out; exec sleep 60");
   Task task("A-z_0.9");
   ExpectStarts(task);
   EXPECT_TRUE(WaitForFile(PathOf("out"), "ran"));
@@ -54,7 +54,7 @@ TEST_F(TaskTest, StartsAProgramThatItFindsByItsName) {
 }
 
 TEST_F(TaskTest, CompletesTheStartFromTheEventLoopAndOnce) {
-  AddShellTask("task", "sleep 60");
+  AddShellTask("task", "exec sleep 60");
   Task good("task");
   Task bad("nowhere");
   Outcomes good_started;
@@ -171,7 +171,7 @@ TEST_F(TaskTest, RefusesArgumentsThatNoProgramCanGet) {
 }
 
 TEST_F(TaskTest, StartsOnce) {
-  AddShellTask("task", "sleep 60");
+  AddShellTask("task", "exec sleep 60");
   Task task("task");
   ExpectStarts(task);
   Outcomes again;
@@ -357,7 +357,7 @@ TEST_F(TaskTest, AnswersEveryStopByTheStateOfTheTask) {
 }
 
 TEST_F(TaskTest, CompletesBothWhenItIsStoppedBeforeItHasStarted) {
-  AddShellTask("task", "sleep 60");
+  AddShellTask("task", "exec sleep 60");
   Task task("task");
   std::vector<std::string> order;
   task.start([&order](const Error& error) { order.push_back("start " + Text(error)); });
@@ -394,7 +394,7 @@ TEST_F(TaskTest, KillsTheProcessOfADestroyedTaskThatDoesNotEnd) {
 }
 
 TEST_F(TaskTest, CallsNothingWhenItIsDestroyedRightAfterTheStart) {
-  AddShellTask("task", "sleep 60");
+  AddShellTask("task", "exec sleep 60");
   Outcomes good;
   Outcomes bad;
   {
@@ -526,7 +526,7 @@ TEST_F(TaskTest, LivesOnWhenNobodyReadsItsStandardErrorAnyMore) {
 }
 
 TEST_F(TaskTest, DoesNotBlockOnAStandardErrorThatTakesNothing) {
-  AddShellTask("task", "head -c 300000 /dev/zero | tr '\\0' x >&2; echo > $WORLD/out; sleep 60");
+  AddShellTask("task", "head -c 300000 /dev/zero | tr '\\0' x >&2; echo > $WORLD/out; exec sleep 60");
   int ends[2];
   ASSERT_EQ(::pipe(ends), 0);
   const int capacity = ::fcntl(ends[1], F_GETPIPE_SZ);

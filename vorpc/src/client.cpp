@@ -72,10 +72,8 @@ class Client final : public IOwnedClient,
   void Receive(Message&& message) override;
   void Disconnect(OptionalError error) override;
   void SetStarted() override;
-
-  // The last reference outside has gone: no callback begins any more. What is running holds on to
-  // the object until it is done.
-  void Abandon();
+  // What is running holds on to the object until it is done.
+  void Abandon() override;
 
  private:
   enum class State : std::int32_t { Created = 0, Connecting = 1, Connected = 2, Ended = 3 };

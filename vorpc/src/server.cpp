@@ -37,10 +37,8 @@ class Server final : public IOwnedServer, public std::enable_shared_from_this<Se
                 std::function<void(const Message::Notification&)>&& callback) override;
   void Run() override;
   void Receive(Message&& message) override;
-
-  // The last reference outside has gone: no callback begins any more and no reply is sent. What is
-  // running holds on to the object until it is done.
-  void Abandon();
+  // No reply is sent any more. What is running holds on to the object until it is done.
+  void Abandon() override;
 
  private:
   // The connect request that waits to be answered; empty before it has come.

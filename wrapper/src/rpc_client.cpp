@@ -70,7 +70,13 @@ std::shared_ptr<vorpc::IClient> RpcClient::Create(
   if (!self->owned_ || self->StartTask(name) != QUARN_RESULT_SUCCESS) {
     return nullptr;
   }
-  return self;
+  // The references outside are counted apart from those of running callbacks: once they are gone,
+  // no further callback begins.
+  RpcClient* const handle = self.get();
+  return {handle, [self = self](vorpc::IClient* /*handle*/) mutable {
+            self->owned_->Abandon();
+            self.reset();
+          }};
 }
 
 QuarnResult RpcClient::StartTask(const std::string& name) {

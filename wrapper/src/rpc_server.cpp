@@ -53,7 +53,14 @@ std::shared_ptr<vorpc::IServer> RpcServer::Create(
   if (!api || server == nullptr || !HasAllEntries(api->GetTable())) {
     return nullptr;
   }
-  return Object::Create(dispatcher, api, server, PrivateTag());
+  const auto self = Object::Create(dispatcher, api, server, PrivateTag());
+  // The references outside are counted apart from those of running callbacks: once they are gone,
+  // no further callback begins.
+  RpcServer* const handle = self.get();
+  return {handle, [self = self](vorpc::IServer* /*handle*/) mutable {
+            self->owned_->Abandon();
+            self.reset();
+          }};
 }
 
 void RpcServer::Run() {

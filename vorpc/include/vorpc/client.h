@@ -65,6 +65,9 @@ class TARV_EXPORT IOwnedClient : public IClient {
   virtual void Disconnect(std::optional<Message::Error> error) = 0;
   // Reports that the transport has started and takes messages.
   virtual void SetStarted() = 0;
+  // Declares that the user has let go of the client, though its owner still holds it: no callback
+  // begins any more. The last reference does the same.
+  virtual void Abandon() = 0;
 
   // `send` is called with every message that goes out, on the thread that sends it; without one,
   // what is sent is dropped. It passes the message on and returns: it must not wait for another
