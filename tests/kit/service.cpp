@@ -30,14 +30,17 @@ bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds
   const QDeadlineTimer deadline(limit);
   QTimer wake;  // so that a condition that no event announces is looked at all the same
   wake.start(10);
-  while (!condition()) {
+  while (true) {
+    QCoreApplication::processEvents();
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    if (condition()) {
+      return true;
+    }
     if (deadline.hasExpired()) {
       return false;
     }
     QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
   }
-  return true;
 }
 
 void RunEvents(std::chrono::milliseconds duration) {

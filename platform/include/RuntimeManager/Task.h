@@ -59,8 +59,9 @@ class RUNTIME_MANAGER_EXPORT Task : public QObject {
 
  Q_SIGNALS:
   // A task that had started has ended, and nobody asked it to. Emitted once at most; every message
-  // that it sent before it ended has been delivered by then. `error` says how it ended and what it
-  // last wrote to its standard error.
+  // that had left the task has been delivered by then (one that still waited in its memory, because
+  // the socket was full, went with it). `error` says how it ended and what it last wrote to its
+  // standard error.
   void finished(const RuntimeManager::Error& error);
 
  private:
