@@ -12,7 +12,39 @@ namespace {
 // Doubles hold every integer up to this magnitude.
 constexpr std::int64_t kMaxExactInteger = std::int64_t{1} << 53;
 
+int CompareSizes(std::size_t a, std::size_t b) { return a < b ? -1 : static_cast<int>(b < a); }
+
 }  // namespace
+
+int EncodableValue::Compare(const EncodableValue& a, const EncodableValue& b) {
+  if (!AreContainers(a, b)) {
+    return a < b ? -1 : static_cast<int>(b < a);
+  }
+  return a.AsList() != nullptr ? CompareLists(*a.AsList(), *b.AsList())
+                               : CompareMaps(*a.AsMap(), *b.AsMap());
+}
+
+int EncodableValue::CompareLists(const EncodableList& a, const EncodableList& b) {
+  for (std::size_t i = 0; i < a.size() && i < b.size(); ++i) {
+    if (const int order = Compare(a[i], b[i]); order != 0) {
+      return order;
+    }
+  }
+  return CompareSizes(a.size(), b.size());
+}
+
+int EncodableValue::CompareMaps(const EncodableMap& a, const EncodableMap& b) {
+  for (auto in_a = a.begin(), in_b = b.begin(); in_a != a.end() && in_b != b.end();
+       ++in_a, ++in_b) {
+    if (const int order = Compare(in_a->first, in_b->first); order != 0) {
+      return order;
+    }
+    if (const int order = Compare(in_a->second, in_b->second); order != 0) {
+      return order;
+    }
+  }
+  return CompareSizes(a.size(), b.size());
+}
 
 std::optional<bool> EncodableValue::AsBool() const {
   const auto* flag = std::get_if<bool>(this);

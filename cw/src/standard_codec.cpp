@@ -17,9 +17,10 @@ static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
               "numbers are little-endian in the format and copied as they lie in memory");
 
 // The reasons why decoding keeps to its memory bound: an item that is made up takes a place in a
-// list at most, and a map entry (two bytes at least) a tree node with a key and a value.
+// list at most (and, while a list still waits for such items, an element of a typed list beside
+// it), and a map entry (two bytes at least) a tree node with a key and a value.
 constexpr std::size_t kTreeNodeOverhead = 4 * sizeof(void*);
-static_assert(kMaxMadeUpItems * sizeof(EncodableValue) <= kDecodeFixedMemory);
+static_assert(kMaxMadeUpItems * (sizeof(EncodableValue) + sizeof(double)) <= kDecodeFixedMemory);
 static_assert(2 * sizeof(EncodableValue) + kTreeNodeOverhead <=
               2 * (sizeof(EncodableValue) + kDecodeOverheadPerByte));
 // Lists grow and maps take entries without copying.

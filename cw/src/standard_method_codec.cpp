@@ -71,7 +71,7 @@ quarn::Buffer StandardMethodCodec::EncodeMethodCallInternal(
     const MethodCall<EncodableValue>& call) const {
   quarn::Buffer buffer;
   ByteBufferStreamWriter stream(&buffer);
-  serializer_->WriteString(call.GetMethodName(), &stream);
+  serializer_->WriteValue(call.GetMethodName(), &stream);
   WriteOptional(call.GetArguments(), *serializer_, &stream);
   return buffer;
 }
@@ -90,11 +90,11 @@ quarn::Buffer StandardMethodCodec::EncodeErrorEnvelopeInternal(
   quarn::Buffer buffer;
   ByteBufferStreamWriter stream(&buffer);
   stream.WriteByte(kError);
-  serializer_->WriteString(code, &stream);
+  serializer_->WriteValue(code, &stream);
   if (message.empty()) {
     WriteOptional(nullptr, *serializer_, &stream);
   } else {
-    serializer_->WriteString(message, &stream);
+    serializer_->WriteValue(message, &stream);
   }
   WriteOptional(details, *serializer_, &stream);
   return buffer;

@@ -327,5 +327,56 @@ TEST(EncodableValueSerializeDeathTest, StopsTheProcessForACustomValue) {
                "CustomEncodableValue; derive a serializer");
 }
 
+// Two values whose innermost elements alone may differ, each level a list or a map's value.
+EncodableValue Nested(int depth, int innermost) {
+  EncodableValue value(innermost);
+  for (int level = 0; level < depth; ++level) {
+    value = level % 2 == 0 ? EncodableValue(EncodableList{std::move(value)})
+                           : EncodableValue(EncodableMap{{"k", std::move(value)}});
+  }
+  return value;
+}
+
+// Looking twice at a level would take 2^500 steps here.
+TEST(EncodableValueOrder, LooksOnceAtEachLevelOfEqualValues) {
+  const EncodableValue a = Nested(500, 1);
+  const EncodableValue b = Nested(500, 1);
+  const EncodableValue larger = Nested(500, 2);
+  EXPECT_FALSE(a < b);
+  EXPECT_TRUE(a <= b);
+  EXPECT_FALSE(a > b);
+  EXPECT_TRUE(a >= b);
+  EXPECT_TRUE(a < larger);
+  EXPECT_TRUE(larger > a);
+}
+
+TEST(EncodableValueOrder, TakesDeeplyNestedEqualKeysOfAMessageInItsStride) {
+  std::vector<std::uint8_t> bytes = {0x0D, 0x02};
+  for (int key = 0; key < 2; ++key) {
+    for (int level = 0; level < 400; ++level) {
+      bytes.insert(bytes.end(), {0x0C, 0x01});
+    }
+    bytes.insert(bytes.end(), {0x00, 0x00});
+  }
+  const auto value = EncodableValue::Deserialize(bytes.data(), bytes.size());
+  ASSERT_NE(value.AsMap(), nullptr);
+  EXPECT_EQ(value.AsMap()->size(), 1U);
+}
+
+TEST(EncodableValueOrder, OfListsAndMapsIsThatOfTheStandardContainers) {
+  const std::vector<EncodableValue> ascending = {
+      EncodableList{},        EncodableList{1},       EncodableList{1, 1},
+      EncodableList{1, "a"},  EncodableList{2},       EncodableList{EncodableList{}},
+      EncodableMap{},         EncodableMap{{"a", 1}}, EncodableMap{{"a", 1}, {"b", 0}},
+      EncodableMap{{"a", 2}}, EncodableMap{{"b", 0}},
+  };
+  for (std::size_t i = 0; i < ascending.size(); ++i) {
+    for (std::size_t j = 0; j < ascending.size(); ++j) {
+      EXPECT_EQ(ascending[i] < ascending[j], i < j) << ascending[i] << " and " << ascending[j];
+      EXPECT_EQ(ascending[i] <= ascending[j], i <= j) << ascending[i] << " and " << ascending[j];
+    }
+  }
+}
+
 }  // namespace
 }  // namespace cw

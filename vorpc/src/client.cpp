@@ -226,6 +226,7 @@ void Client::AttemptConnect() {
     FailHandshake(closed->close_error);
     return;
   }
+  // A second guard: the handler of a refusal does not come back here after the last attempt.
   if (connect_attempts_.fetch_add(1) >= kMaxConnectAttempts) {
     QUARN_LOG_ERROR() << "The maximum number of requests for the Connect event has been exceeded.";
     FailHandshake(Message::Error(Message::kInternalError, "Cannot connect to server."));

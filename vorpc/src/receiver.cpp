@@ -53,6 +53,9 @@ void Receiver::Close() {
 }
 
 void Receiver::Enqueue(Kind kind, Message&& message) {
+  if (IsClosed()) {
+    return;
+  }
   {
     const std::lock_guard lock(queue_mutex_);
     queue_.emplace_back(kind, std::move(message));
