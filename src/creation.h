@@ -2,7 +2,7 @@
 #ifndef TARV_SRC_CREATION_H
 #define TARV_SRC_CREATION_H
 
-#include <new>
+#include <exception>
 
 namespace tarv::details {
 
@@ -12,7 +12,7 @@ template <class Create>
 auto CreateOrEmpty(Create&& create) -> decltype(create()) {
   try {
     return create();
-  } catch (const std::bad_alloc&) {
+  } catch (const std::exception&) {
     return {};
   }
 }

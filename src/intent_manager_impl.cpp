@@ -11,6 +11,7 @@
 #include <optional>
 #include <utility>
 
+#include "call_both.h"
 #include "creation.h"
 
 namespace {
@@ -155,8 +156,13 @@ void IntentManagerImpl::InvokeIntent(const std::string& name, const QJsonObject&
 // Replies are matched to requests by order alone: one request is in flight at a time.
 void IntentManagerImpl::IntentReplyHandler(const QJsonObject& /*reply*/,
                                            const RuntimeManager::Error& error) {
-  CompleteFront(error.code() == 0);
-  InvokeNext();
+  // A completion may end this object: what still waits is then discarded.
+  const auto go_on = [this] {
+    if (FromRef(GetRef())) {
+      InvokeNext();
+    }
+  };
+  tarv::details::CallBoth([this, &error] { CompleteFront(error.code() == 0); }, go_on);
 }
 
 void IntentManagerImpl::CompleteFront(bool success) {
@@ -178,10 +184,11 @@ void IntentManagerImpl::CompleteFront(bool success) {
 // wait.
 void IntentManagerImpl::InvokeNext() {
   std::unique_lock lock(mutex_);
-  if (replies_.empty() || std::exchange(busy_, true)) {
+  if (replies_.empty() || busy_) {
     return;
   }
   const Reply next{replies_.front().name, replies_.front().first, replies_.front().second, {}};
+  busy_ = true;
   lock.unlock();
   InvokeIntent(next.name, next.first, next.second);
 }

@@ -10,6 +10,19 @@
 
 namespace tarv::details {
 
+namespace {
+
+// Its handle stops working at once, even if a callback of the object's own keeps it alive for now.
+template <class T>
+void Drop(std::shared_ptr<T>& object) {
+  if (object) {
+    object->Unregister();
+    object.reset();
+  }
+}
+
+}  // namespace
+
 Manager::Manager(PrivateTag) : Object(quarn::IDispatcher::CreateEmpty()) {}
 
 std::shared_ptr<Manager> Manager::Create() {
@@ -22,7 +35,9 @@ std::shared_ptr<Manager> Manager::Create() {
 
 _TARVManagerRef* Manager::HandleInitialize() {
   static const std::shared_ptr<Manager> kManager = Create();
-  return kManager ? kManager->GetRef() : nullptr;
+  // Outlives the manager, so that a call at the very end of the process finds no freed memory.
+  static _TARVManagerRef* const kRef = kManager ? kManager->GetRef() : nullptr;
+  return kRef;
 }
 
 void Manager::HandleRelease(_TARVManagerRef* manager) {
@@ -34,11 +49,13 @@ void Manager::HandleRelease(_TARVManagerRef* manager) {
 void Manager::Release() {
   // Callbacks of the dying objects may come back here: what they find must be whole.
   auto clients = std::exchange(rpc_clients_, {});
+  auto server = std::exchange(rpc_server_, nullptr);
+  auto intents = std::exchange(intent_manager_, nullptr);
   for (auto& client : clients) {
-    client.reset();
+    Drop(client);
   }
-  std::exchange(rpc_server_, nullptr).reset();
-  std::exchange(intent_manager_, nullptr).reset();
+  Drop(server);
+  Drop(intents);
 }
 
 _TARVIntentManagerRef* Manager::HandleGetIntentManager(_TARVManagerRef* manager) {

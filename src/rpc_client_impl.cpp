@@ -7,26 +7,18 @@
 #include <QStringList>
 #include <utility>
 
+#include "call_both.h"
 #include "creation.h"
 #include "error_relay.h"
 
 namespace tarv {
+
+using details::CallBoth;
+
 namespace {
 
 // JSON-RPC's "internal error": the one code for whatever the platform reports.
 constexpr int kPlatformFailure = -32603;
-
-// Calls `first`, then `second` whether or not `first` threw.
-template <class First, class Second>
-void CallBoth(First&& first, Second&& second) {
-  try {
-    first();
-  } catch (...) {
-    second();
-    throw;
-  }
-  second();
-}
 
 }  // namespace
 
@@ -116,8 +108,13 @@ QuarnResult RpcClientImpl::HandleStartTask(_TARVRpcClientRef* client, const char
   if (!self->Transit(kIdle, kStarting)) {
     return QUARN_RESULT_REFUSED;
   }
-  self->listener_ = RpcClientListener::Create(slots);
-  self->StartTask(task_name, libs_path);
+  try {
+    self->listener_ = RpcClientListener::Create(slots);
+    self->StartTask(task_name, libs_path);
+  } catch (...) {
+    self->Transit(kStarting, kStartFailed);
+    throw;
+  }
   return QUARN_RESULT_SUCCESS;
 }
 
@@ -153,10 +150,9 @@ void RpcClientImpl::OnStartFailed(const RuntimeManager::Error& error) {
   if (!Transit(kStarting, kStartFailed) || !listener_) {
     return;
   }
-  const std::uint64_t chunk = cache_.CreateChunk();
-  const char* const message = cache_.AppendStr(chunk, error.message().toStdString());
-  QUARN_LOG_INFO() << "[ta-rv] on started call error: " << message;
-  listener_->OnStarted(kPlatformFailure, message, chunk);
+  const CachedText text = Cache(error.message());
+  QUARN_LOG_INFO() << "[ta-rv] on started call error: " << text.message;
+  listener_->OnStarted(kPlatformFailure, text.message, text.chunk);
 }
 
 void RpcClientImpl::OpenMessaging() {
@@ -226,8 +222,17 @@ void RpcClientImpl::OnLost(const RuntimeManager::Error& error) {
   if (!Transit(kRunning, kStopping)) {
     return;
   }
-  const std::uint64_t chunk = cache_.CreateChunk();
-  Stop(kPlatformFailure, cache_.AppendStr(chunk, error.message().toStdString()), chunk);
+  const CachedText text = Cache(error.message());
+  Stop(kPlatformFailure, text.message, text.chunk);
+}
+
+// The end of a task is told even when there is no memory left for its reason.
+RpcClientImpl::CachedText RpcClientImpl::Cache(const QString& text) {
+  return details::CreateOrEmpty([this, &text] {
+    const std::string bytes = text.toStdString();
+    const std::uint64_t chunk = cache_.CreateChunk();
+    return CachedText{cache_.AppendStr(chunk, bytes), chunk};
+  });
 }
 
 void RpcClientImpl::Stop(int code, const char* message, std::size_t chunk) {

@@ -10,6 +10,7 @@
 #include <tarv/tarv_capi.h>
 
 #include <QMetaObject>
+#include <QString>
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -81,6 +82,12 @@ class RpcClientImpl final : public quarn::Object<RpcClientImpl, _TARVRpcClientRe
     kStartFailed = 4,
   };
 
+  // A text as the callbacks take it.
+  struct CachedText {
+    const char* message = "";
+    std::uint64_t chunk = 0;
+  };
+
   bool Transit(std::uint32_t from, State to) { return state_.compare_exchange_strong(from, to); }
 
   void StartTask(const std::string& task_name, const std::string& libs_path);
@@ -91,6 +98,7 @@ class RpcClientImpl final : public quarn::Object<RpcClientImpl, _TARVRpcClientRe
   void OnMessageReceived(const QJsonObject& object);
   void Release();
   void OnLost(const RuntimeManager::Error& error);
+  CachedText Cache(const QString& text);
   void Stop(int code, const char* message, std::size_t chunk);
   void StopTask();
   void OnStop();

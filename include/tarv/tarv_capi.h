@@ -22,6 +22,7 @@
  * stack. `user_data` is the first argument of its callbacks. Its release callback, if there is one,
  * runs exactly once, after which the library makes no further call with that user_data. Any
  * callback may be null, and may call any entry, also one that ends the very object that called it.
+ * An intent stays registered, and its slot unreleased, as long as the process lives.
  *  7. Threads. [service] marks what belongs to the one thread, with a Qt event loop, from which the
  *     application or task uses the library: entries are called there, and callbacks run there,
  *     synchronously. [any] may be called from any thread.

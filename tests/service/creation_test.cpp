@@ -4,8 +4,11 @@
 #include <gmock/gmock.h>
 #include <tarv/tarv_capi.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <new>
+#include <thread>
+#include <vector>
 
 #include "kit/service.h"
 #include "support/capture.h"
@@ -67,6 +70,27 @@ TEST(ManagerCreationFailure, MakesEveryInitializeReturnNullAndSaysWhyOnce) {
   EXPECT_EQ(status, 0);
 }
 
+// In a process of its own, too: only the first calls race.
+TEST(ManagerCreation, IsOneForThreadsThatInitializeAtOnce) {
+  const pid_t child = fork();
+  if (child == 0) {
+    const Tables tables;
+    std::vector<_TARVManagerRef*> seen(8);
+    std::vector<std::thread> threads;
+    for (auto& handle : seen) {
+      threads.emplace_back([&tables, &handle] { handle = tables.root.Initialize(); });
+    }
+    for (auto& thread : threads) {
+      thread.join();
+    }
+    const bool same = std::count(seen.begin(), seen.end(), seen[0]) == 8;
+    std::_Exit(same && seen[0] != nullptr ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+}
+
 class CreationFailure : public ServiceTest {};
 
 TEST_F(CreationFailure, OfAClientAtAnyAllocationGivesNullAndALine) {
@@ -97,8 +121,8 @@ TEST_F(CreationFailure, OfTheClientObjectItselfAddsItsOwnLine) {
 
 TEST_F(CreationFailure, OfTheIntentManagerGivesNullAndALineOfEachLayer) {
   _TARVIntentManagerRef* intents = nullptr;
-  const std::string output = OutputWithFailingAllocation(
-      0, [&] { intents = tables_.root.GetIntentManager(manager_); });
+  const std::string output =
+      OutputWithFailingAllocation(0, [&] { intents = tables_.root.GetIntentManager(manager_); });
   EXPECT_EQ(intents, nullptr);
   EXPECT_THAT(output, HasSubstr(" Could not create Intent Manager.\n"));
   EXPECT_THAT(output, EndsWith(" Could not create Intent Manager on API side.\n"));

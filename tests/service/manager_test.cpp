@@ -27,18 +27,6 @@ TEST_F(Manager, IsTheSameAtEveryInitializeAndAfterRelease) {
   EXPECT_EQ(tables_.root.Initialize(), manager_);
 }
 
-TEST_F(Manager, IsOneForThreadsThatInitializeAtOnce) {
-  std::vector<_TARVManagerRef*> seen(8);
-  std::vector<std::thread> threads;
-  for (auto& handle : seen) {
-    threads.emplace_back([this, &handle] { handle = tables_.root.Initialize(); });
-  }
-  for (auto& thread : threads) {
-    thread.join();
-  }
-  EXPECT_THAT(seen, testing::Each(manager_));
-}
-
 TEST_F(Manager, HasOneServerUntilReleaseAndThenAnother) {
   _TARVRpcServerRef* const first = tables_.root.GetRpcServer(manager_);
   ASSERT_NE(first, nullptr);
@@ -88,6 +76,8 @@ TEST_F(Manager, KeepsTheOtherClientsInOrderWhenOneStops) {
 TEST_F(Manager, ReleaseEndsHandlesOfClientsAndServer) {
   Client& client = NewRunningClient("echo");
   _TARVRpcServerRef* const server = tables_.root.GetRpcServer(manager_);
+  tables_.server.Run(server, nullptr);
+  ASSERT_EQ(tables_.server.SendMessage(server, "there"), QUARN_RESULT_SUCCESS);
   tables_.root.Release(manager_);
   EXPECT_EQ(client.Send("lost"), QUARN_RESULT_REFUSED);
   EXPECT_EQ(tables_.server.SendMessage(server, "lost"), QUARN_RESULT_REFUSED);
@@ -112,6 +102,32 @@ TEST_F(Manager, ReleaseMayComeFromAReleaseCallbackThatAlsoMakesAClient) {
   EXPECT_NE(made, nullptr);
   EXPECT_EQ(tables_.client.SendMessage(made, "gone"), QUARN_RESULT_REFUSED);
   EXPECT_EQ(second.Count(Event::kReleased), 1U);
+}
+
+TEST_F(Manager, ReleaseInsideACallbackEndsHandlesAtOnce) {
+  Client& client = NewClient();
+  _TARVRpcServerRef* const server = tables_.root.GetRpcServer(manager_);
+  tables_.server.Run(server, nullptr);
+  _TARVIntentManagerRef* const intents = tables_.root.GetIntentManager(manager_);
+  TARVIntentManagerProcTable intent_table{};
+  tables_.root.IntentManagerProcTableLoad(&intent_table, sizeof(intent_table));
+  TARVOpenUriSlot slot{};
+  slot.size = sizeof(slot);
+  bool looked = false;
+  client.on_event = [&](const Event& event) {
+    if (event.kind == Event::kStarted) {
+      EXPECT_EQ(tables_.server.SendMessage(server, "there"), QUARN_RESULT_SUCCESS);
+      tables_.root.Release(manager_);
+      EXPECT_EQ(client.Send("gone"), QUARN_RESULT_REFUSED);
+      EXPECT_EQ(tables_.server.SendMessage(server, "gone"), QUARN_RESULT_REFUSED);
+      StdoutOf(
+          [&] { EXPECT_EQ(intent_table.OpenUri(intents, "a:1", &slot), QUARN_RESULT_REFUSED); });
+      looked = true;
+    }
+  };
+  client.Start("echo");
+  EXPECT_TRUE(client.WaitFor(Event::kReleased));
+  EXPECT_TRUE(looked);
 }
 
 TEST_F(Manager, UnknownHandleGivesNoClientAndALine) {

@@ -41,6 +41,10 @@ TEST_F(RpcServer, SecondRunNeitherUsesNorReleasesItsSlots) {
   EXPECT_THAT(Report(), HasSubstr("second_run_started=0 released=0 first_started=1\n"));
 }
 
+TEST_F(RpcServer, UnlockingChunkZeroDoesNothing) {
+  EXPECT_THAT(Report(), HasSubstr("unlock_zero_says=''\n"));
+}
+
 TEST_F(RpcServer, SendToAnUnknownHandleIsRefused) {
   EXPECT_THAT(Report(), HasSubstr("send_to_null=3\n"));
 }

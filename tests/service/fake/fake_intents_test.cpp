@@ -7,6 +7,7 @@
 #include <tarv/tarv_capi.h>
 
 #include <QCoreApplication>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -173,6 +174,26 @@ TEST_F(FakeIntents, ManagerMayReleaseFromInsideACallback) {
   OpenUri("a:2");
   Reply();
   EXPECT_THAT(log_, ElementsAre("a:1 true", "a:1 released", "a:2 released"));
+}
+
+TEST_F(FakeIntents, ManagersReleaseInsideACallbackSendsNoFurtherRequest) {
+  std::size_t sent = 0;
+  OpenUri("a:1", [this, &sent] {
+    root_.Release(manager_);
+    IntentsInvoker::GetAllInvocations() = &sent;
+  });
+  OpenUri("a:2");
+  Reply();
+  IntentsInvoker::GetAllInvocations() = nullptr;
+  EXPECT_THAT(log_, ElementsAre("a:1 true", "a:1 released", "a:2 released"));
+  EXPECT_EQ(sent, 0U);
+}
+
+TEST_F(FakeIntents, ExceptionOutOfACallbackDoesNotStopTheQueue) {
+  OpenUri("a:1", [] { throw std::runtime_error("not now"); });
+  OpenUri("a:2");
+  EXPECT_THROW(Reply(), std::runtime_error);
+  EXPECT_THAT(InvokedUris(), ElementsAre("a:1", "a:2"));
 }
 
 TEST_F(FakeIntents, MapAnswerReachesThePlatformAsAJsonObject) {

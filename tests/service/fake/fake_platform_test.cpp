@@ -197,5 +197,21 @@ TEST_F(FakePlatform, ServerListensOnTheSocketThatTheDispatcherNames) {
   EXPECT_THAT(TaskMessaging::GetAll()[0]->sent, ElementsAre(QJsonObject{{"data", "hi"}}));
 }
 
+TEST_F(FakePlatform, ServerDropsObjectsWithoutATextButNotAnEmptyText) {
+  TARVRpcServerSlots callbacks{};
+  callbacks.size = sizeof(callbacks);
+  callbacks.OnMessage = [](void* log, const char* text, std::size_t) {
+    Log(log, std::string("message '") + text + "'");
+  };
+  callbacks.user_data = &log_;
+  server_table_.Run(root_.GetRpcServer(manager_), &callbacks);
+  TaskMessaging& channel = *TaskMessaging::GetAll().at(0);
+  for (const QJsonObject& object :
+       {QJsonObject{{"data", 5}}, QJsonObject{}, QJsonObject{{"data", ""}}}) {
+    Q_EMIT channel.messageReceived(object);
+  }
+  EXPECT_THAT(log_, ElementsAre("message ''"));
+}
+
 }  // namespace
 }  // namespace tarv::test

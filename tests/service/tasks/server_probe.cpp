@@ -9,6 +9,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "support/capture.h"
+
 namespace {
 
 struct Counts {
@@ -68,7 +70,7 @@ class Probe {
     table_.Run(server_, &second);
     report_ << "second_run_started=" << second_.started << " released=" << second_.released
             << " first_started=" << first_.started << '\n';
-    table_.UnlockResources(server_, 0);
+    report_ << "unlock_zero_says='" << OutputOfUnlocking(0) << "'\n";
     report_ << "send_to_null=" << table_.SendMessage(nullptr, "lost") << '\n';
     report_ << "null_message_throws=" << NullMessageThrows(table_, server_) << '\n';
     report_ << "send_after_run=" << table_.SendMessage(server_, "late") << '\n';
@@ -90,6 +92,12 @@ class Probe {
   }
 
  private:
+  std::string OutputOfUnlocking(std::size_t chunk) const {
+    const tarv::test::CaptureStdout output;
+    table_.UnlockResources(server_, chunk);
+    return output.GetText();
+  }
+
   TARVProcTable root_{};
   TARVRpcServerProcTable table_{};
   _TARVManagerRef* manager_ = nullptr;
