@@ -47,6 +47,11 @@ TEST(RunApplication, EndsInOrderOnASignal) {
   EXPECT_EQ(outcome.exit_code, 128 + 15);
 }
 
+TEST(RunApplication, EndsWhenExitOrASignalComesWhileDartRunsTheLoop) {
+  EXPECT_EQ(RunSample("application dart-runs-loop").exit_code, 7);
+  EXPECT_EQ(RunSample("application wait-for-signal dart-runs-loop").exit_code, 128 + 15);
+}
+
 TEST(RunTask, MakesTheFolderAfterLibsPathTheLibraryPath) {
   const Outcome outcome = RunSample("task --libs-path /opt/app/lib more");
   EXPECT_EQ(outcome.output, "library path /opt/app/lib\nargument more\nreporting released\n");

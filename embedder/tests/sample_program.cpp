@@ -3,6 +3,7 @@
 #include <unistd.h>
 #include <veltra/host/run.h>
 
+#include <chrono>
 #include <csignal>
 #include <iostream>
 #include <memory>
@@ -37,7 +38,7 @@ void ReportingRegisterWithRegistrar(FlutterVeltraPluginContext* context) {
 void ExitingRegisterWithRegistrar(FlutterVeltraPluginContext* context) {
   const auto application = GetRegistrar(context)->GetApplicationWrapper();
   const auto arguments = application->GetDartEntryPointArgs();
-  if (!arguments.empty() && arguments.back() == "wait-for-signal") {
+  if (!arguments.empty() && arguments.front() == "wait-for-signal") {
     application->EnqueueTask([] { kill(getpid(), SIGTERM); }, 0);
   } else {
     application->Exit(7);
@@ -52,7 +53,10 @@ int main(int argc, char** argv) {
   const bool is_task = argc > 1 && std::string_view(argv[1]) == "task";
   return is_task ? veltra::host::RunTask(argc - 1, argv + 1, plugins)
                  : veltra::host::RunApplication(
-                       argc - 1, argv + 1, plugins, {}, [](veltra::host::Engine& engine) {
+                       argc - 1, argv + 1, plugins, {}, [argc, argv](veltra::host::Engine& engine) {
                          std::cout << "dart " << (engine.GetRef() != nullptr) << std::endl;
+                         if (std::string_view(argv[argc - 1]).rfind("dart-runs-loop", 0) == 0) {
+                           engine.RunUntil([] { return false; }, std::chrono::milliseconds(300));
+                         }
                        });
 }

@@ -5,9 +5,11 @@
 #include <QCoreApplication>
 #include <QSocketNotifier>
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -23,11 +25,11 @@ constexpr int kSignalExitBase = 128;  // how shells report a signal
 volatile std::sig_atomic_t signal_pipe = -1;
 
 void OnSignal(int signal_number) {
+  const int interrupted_errno = errno;
   const auto byte = static_cast<unsigned char>(signal_number);
   // A full pipe holds a signal already.
-  if (write(signal_pipe, &byte, 1) < 0) {
-    return;
-  }
+  [[maybe_unused]] const ssize_t written = write(signal_pipe, &byte, 1);
+  errno = interrupted_errno;
 }
 
 // Turns SIGTERM and SIGINT into an orderly end of the event loop while it lives.
@@ -39,7 +41,7 @@ class SignalWatch {
     }
     notifier_ = std::make_unique<QSocketNotifier>(pipe_[0], QSocketNotifier::Read);
     QObject::connect(notifier_.get(), &QSocketNotifier::activated, notifier_.get(),
-                     [read_end = pipe_[0]] { ExitForSignal(read_end); });
+                     [this] { ExitForSignal(); });
     signal_pipe = pipe_[1];
     struct sigaction action {};
     action.sa_handler = &OnSignal;
@@ -60,15 +62,21 @@ class SignalWatch {
   SignalWatch(const SignalWatch&) = delete;
   SignalWatch& operator=(const SignalWatch&) = delete;
 
+  // The code to exit with, once a signal has come.
+  std::optional<int> GetExitCode() const { return exit_code_; }
+
  private:
   static constexpr std::array<int, 2> kSignals = {SIGTERM, SIGINT};
 
-  static void ExitForSignal(int read_end) {
+  void ExitForSignal() {
     unsigned char signal_number = 0;
-    if (read(read_end, &signal_number, 1) == 1) {
-      QCoreApplication::exit(kSignalExitBase + signal_number);
+    if (read(pipe_[0], &signal_number, 1) == 1) {
+      exit_code_ = kSignalExitBase + signal_number;
+      QCoreApplication::exit(*exit_code_);
     }
   }
+
+  std::optional<int> exit_code_;
 
   std::array<int, 2> pipe_{};
   std::array<struct sigaction, kSignals.size()> before_{};
@@ -103,10 +111,16 @@ int Run(int argc, char** argv, const std::vector<FlutterVeltraRegisterPlugin>& p
   for (const FlutterVeltraRegisterPlugin register_plugin : plugins) {
     register_plugin(engine.MakeContext());
   }
-  if (dart) {
-    dart(engine);
+  if (!dart) {
+    return QCoreApplication::exec();
   }
-  return QCoreApplication::exec();
+  dart(engine);
+  // Whoever asked for the end while Dart itself ran the loop found no loop to end.
+  if (const auto signal_code = signals.GetExitCode()) {
+    return *signal_code;
+  }
+  const std::optional<int> code = engine.GetApplication().GetExitCode();
+  return code ? *code : QCoreApplication::exec();
 }
 
 }  // namespace
