@@ -526,7 +526,8 @@ TEST_F(TaskTest, LivesOnWhenNobodyReadsItsStandardErrorAnyMore) {
 }
 
 TEST_F(TaskTest, DoesNotBlockOnAStandardErrorThatTakesNothing) {
-  AddShellTask("task", "head -c 300000 /dev/zero | tr '\\0' x >&2; echo > $WORLD/out; exec sleep 60");
+  AddShellTask("task",
+               "head -c 300000 /dev/zero | tr '\\0' x >&2; echo > $WORLD/out; exec sleep 60");
   int ends[2];
   ASSERT_EQ(::pipe(ends), 0);
   const int capacity = ::fcntl(ends[1], F_GETPIPE_SZ);

@@ -1,4 +1,5 @@
-// Gives the README's example the event loop and the task that it asks for, and hears what it prints.
+// Gives the README's example the event loop and the task that it asks for, and hears what it
+// prints.
 
 #include <QCoreApplication>
 #include <cstdlib>
