@@ -46,7 +46,7 @@ UriOpener::~UriOpener() {
 }
 
 Error UriOpener::Start(const QString& uri) {
-  const Error bad_uri = CheckUri(uri);
+  Error bad_uri = CheckUri(uri);
   if (bad_uri.isError()) return bad_uri;
   SpawnRequest request;
   request.program = FindProgram(program_).toUtf8();
