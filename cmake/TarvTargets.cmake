@@ -51,6 +51,12 @@ function(tarv_add_library name)
   target_link_libraries(${name} PUBLIC ${ARG_LINKS} PRIVATE $<BUILD_INTERFACE:tarv::options>)
 endfunction()
 
+# Tests are read by the compiler far longer than they run: they share one precompiled header (for
+# which all must be compiled alike) and are not optimised, while what they test is.
+function(tarv_compile_fast target)
+  target_compile_options(${target} PRIVATE -fPIC $<$<CONFIG:Debug>:-O0>)
+endfunction()
+
 # tarv_add_test(NAME SOURCES file... [LINKS target...] [TIMEOUT seconds])
 # A GoogleTest program; each of its tests is a test of ctest. Its time limit is for one test.
 function(tarv_add_test name)
@@ -64,5 +70,9 @@ function(tarv_add_test name)
   include(GoogleTest)
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_LINKS} tarv::options GTest::gmock_main)
+  tarv_compile_fast(${name})
+  target_precompile_headers(${name} REUSE_FROM tarv_test_headers)
+  list(FILTER ARG_SOURCES INCLUDE REGEX "\\.c$")
+  set_source_files_properties(${ARG_SOURCES} PROPERTIES SKIP_PRECOMPILE_HEADERS ON)
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT ${ARG_TIMEOUT})
 endfunction()

@@ -12,19 +12,19 @@ namespace {
 // Doubles hold every integer up to this magnitude.
 constexpr std::int64_t kMaxExactInteger = std::int64_t{1} << 53;
 
-int CompareSizes(std::size_t a, std::size_t b) { return a < b ? -1 : static_cast<int>(b < a); }
+const internal::EncodableVariant& AsVariant(const EncodableValue& value) { return value; }
 
-}  // namespace
-
-int EncodableValue::Compare(const EncodableValue& a, const EncodableValue& b) {
-  if (!AreContainers(a, b)) {
-    return a < b ? -1 : static_cast<int>(b < a);
-  }
-  return a.AsList() != nullptr ? CompareLists(*a.AsList(), *b.AsList())
-                               : CompareMaps(*a.AsMap(), *b.AsMap());
+// Two lists or two maps. The standard order would look at each pair of equal elements twice,
+// which doubles the work with every level of nesting; theirs is found in one look.
+bool AreContainers(const EncodableValue& a, const EncodableValue& b) {
+  return a.index() == b.index() && (a.AsList() != nullptr || a.AsMap() != nullptr);
 }
 
-int EncodableValue::CompareLists(const EncodableList& a, const EncodableList& b) {
+int CompareSizes(std::size_t a, std::size_t b) { return a < b ? -1 : static_cast<int>(b < a); }
+
+int Compare(const EncodableValue& a, const EncodableValue& b);
+
+int CompareLists(const EncodableList& a, const EncodableList& b) {
   for (std::size_t i = 0; i < a.size() && i < b.size(); ++i) {
     if (const int order = Compare(a[i], b[i]); order != 0) {
       return order;
@@ -33,7 +33,7 @@ int EncodableValue::CompareLists(const EncodableList& a, const EncodableList& b)
   return CompareSizes(a.size(), b.size());
 }
 
-int EncodableValue::CompareMaps(const EncodableMap& a, const EncodableMap& b) {
+int CompareMaps(const EncodableMap& a, const EncodableMap& b) {
   for (auto in_a = a.begin(), in_b = b.begin(); in_a != a.end() && in_b != b.end();
        ++in_a, ++in_b) {
     if (const int order = Compare(in_a->first, in_b->first); order != 0) {
@@ -44,6 +44,35 @@ int EncodableValue::CompareMaps(const EncodableMap& a, const EncodableMap& b) {
     }
   }
   return CompareSizes(a.size(), b.size());
+}
+
+// Negative, zero or positive as a is before, equivalent to or after b.
+int Compare(const EncodableValue& a, const EncodableValue& b) {
+  if (!AreContainers(a, b)) {
+    return a < b ? -1 : static_cast<int>(b < a);
+  }
+  return a.AsList() != nullptr ? CompareLists(*a.AsList(), *b.AsList())
+                               : CompareMaps(*a.AsMap(), *b.AsMap());
+}
+
+}  // namespace
+
+EncodableValue::EncodableValue(const EncodableValue& other) = default;
+EncodableValue::EncodableValue(EncodableValue&& other) noexcept = default;
+EncodableValue& EncodableValue::operator=(const EncodableValue& other) = default;
+EncodableValue& EncodableValue::operator=(EncodableValue&& other) noexcept = default;
+EncodableValue::~EncodableValue() = default;
+
+bool operator==(const EncodableValue& a, const EncodableValue& b) {
+  return AsVariant(a) == AsVariant(b);
+}
+
+bool operator<(const EncodableValue& a, const EncodableValue& b) {
+  return AreContainers(a, b) ? Compare(a, b) < 0 : AsVariant(a) < AsVariant(b);
+}
+
+bool operator<=(const EncodableValue& a, const EncodableValue& b) {
+  return AreContainers(a, b) ? Compare(a, b) <= 0 : AsVariant(a) <= AsVariant(b);
 }
 
 std::optional<bool> EncodableValue::AsBool() const {

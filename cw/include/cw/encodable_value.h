@@ -97,6 +97,14 @@ class TARV_EXPORT EncodableValue : public internal::EncodableVariant {
   EncodableValue() = default;
   EncodableValue(std::nullptr_t) {}
 
+  // Copying, moving and comparing fourteen kinds is code enough to be wanted once, in the library,
+  // and not in every file that includes this one. A value moved from is valid, of the same kind.
+  EncodableValue(const EncodableValue& other);
+  EncodableValue(EncodableValue&& other) noexcept;
+  EncodableValue& operator=(const EncodableValue& other);
+  EncodableValue& operator=(EncodableValue&& other) noexcept;
+  ~EncodableValue();
+
   // From each alternative, and from what converts to one of them without loss: int and shorter give
   // an int32_t, longer integers an int64_t, float a double.
   using internal::EncodableVariant::EncodableVariant;
@@ -144,34 +152,12 @@ class TARV_EXPORT EncodableValue : public internal::EncodableVariant {
   static EncodableValue Deserialize(QuarnBufferView* view);
   static EncodableValue Deserialize(const quarn::Buffer& buffer);
 
-  friend bool operator==(const EncodableValue& a, const EncodableValue& b) {
-    return a.AsVariant() == b.AsVariant();
-  }
-  friend bool operator!=(const EncodableValue& a, const EncodableValue& b) {
-    return a.AsVariant() != b.AsVariant();
-  }
-  friend bool operator<(const EncodableValue& a, const EncodableValue& b) {
-    return AreContainers(a, b) ? Compare(a, b) < 0 : a.AsVariant() < b.AsVariant();
-  }
-  friend bool operator<=(const EncodableValue& a, const EncodableValue& b) {
-    return AreContainers(a, b) ? Compare(a, b) <= 0 : a.AsVariant() <= b.AsVariant();
-  }
+  TARV_EXPORT friend bool operator==(const EncodableValue& a, const EncodableValue& b);
+  TARV_EXPORT friend bool operator<(const EncodableValue& a, const EncodableValue& b);
+  TARV_EXPORT friend bool operator<=(const EncodableValue& a, const EncodableValue& b);
+  friend bool operator!=(const EncodableValue& a, const EncodableValue& b) { return !(a == b); }
   friend bool operator>(const EncodableValue& a, const EncodableValue& b) { return b < a; }
   friend bool operator>=(const EncodableValue& a, const EncodableValue& b) { return b <= a; }
-
- private:
-  const internal::EncodableVariant& AsVariant() const { return *this; }
-
-  // Two lists or two maps. The standard order would look at each pair of equal elements twice,
-  // which doubles the work with every level of nesting.
-  static bool AreContainers(const EncodableValue& a, const EncodableValue& b) {
-    return a.index() == b.index() && (a.AsList() != nullptr || a.AsMap() != nullptr);
-  }
-  // The same order in one look: negative, zero or positive as a is before, equivalent to or after
-  // b.
-  static int Compare(const EncodableValue& a, const EncodableValue& b);
-  static int CompareLists(const EncodableList& a, const EncodableList& b);
-  static int CompareMaps(const EncodableMap& a, const EncodableMap& b);
 };
 
 // The value under the string `key`, or null when the map has none. Valid until the entry goes.
