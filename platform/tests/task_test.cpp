@@ -182,8 +182,8 @@ TEST_F(TaskTest, StartsOnce) {
 // What the task sees of the process that it was started by.
 constexpr char kLookAround[] =
     "ls -l /proc/$$/fd > $WORLD/fds; grep Sig /proc/self/status > $WORLD/signals\n"
-    "env | grep LISTEN > $WORLD/listen; echo $$ >> $WORLD/listen; echo done > $WORLD/done; sleep "
-    "60";
+    "env | grep LISTEN > $WORLD/listen; echo $$ >> $WORLD/listen; echo done > $WORLD/done\n"
+    "exec sleep 60";
 
 TEST_F(TaskTest, GivesTheChildACleanProcess) {
   AddShellTask("task", kLookAround);
