@@ -58,7 +58,8 @@ function(tarv_compile_fast target)
 endfunction()
 
 # tarv_add_test(NAME SOURCES file... [LINKS target...] [TIMEOUT seconds])
-# A GoogleTest program; each of its tests is a test of ctest. Its time limit is for one test.
+# A GoogleTest program; each of its tests is a test of ctest, labelled with the program's name. Its
+# time limit is for one test.
 function(tarv_add_test name)
   if(NOT TARV_BUILD_TESTS)
     return()
@@ -67,6 +68,9 @@ function(tarv_add_test name)
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 120)
   endif()
+  if(CMAKE_CROSSCOMPILING)
+    math(EXPR ARG_TIMEOUT "10 * ${ARG_TIMEOUT}") # emulated
+  endif()
   include(GoogleTest)
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_LINKS} tarv::options GTest::gmock_main)
@@ -74,5 +78,6 @@ function(tarv_add_test name)
   target_precompile_headers(${name} REUSE_FROM tarv_test_headers)
   list(FILTER ARG_SOURCES INCLUDE REGEX "\\.c$")
   set_source_files_properties(${ARG_SOURCES} PROPERTIES SKIP_PRECOMPILE_HEADERS ON)
-  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT ${ARG_TIMEOUT})
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST
+    PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS ${name})
 endfunction()

@@ -11,29 +11,15 @@
 #include <thread>
 #include <vector>
 
+#include "signal_recorder.h"
+
 namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
 
 using IntSignal = quarn::OwnedSignal<int>;
-using IntListener = quarn::CppStyleListener<int>;
-
-std::shared_ptr<IntListener> Listen(std::function<void(int)> target) {
-  return std::make_shared<IntListener>(std::move(target));
-}
-
-// Listeners that write "name:value" into one list.
-class SignalTest : public testing::Test {
- protected:
-  std::shared_ptr<IntListener> Recorder(const std::string& name) {
-    return Listen(
-        [this, name](int value) { heard_.push_back(name + ":" + std::to_string(value)); });
-  }
-
-  std::vector<std::string> heard_;
-  IntSignal signal_;
-};
+using SignalTest = SignalRecorder<IntSignal>;
 
 TEST_F(SignalTest, DoesNothingWithoutListeners) {
   EXPECT_NO_THROW(signal_.Emit(1));
