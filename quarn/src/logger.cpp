@@ -38,20 +38,33 @@ const Tag* FindTag(LogLevel level) {
   return index < std::size(kTags) ? &kTags[index] : nullptr;
 }
 
-}  // namespace
-
-Printer::Printer(LogLevel level, std::string_view location) : stream_(&std::cout), level_(level) {
-  if (const Tag* tag = FindTag(level)) {
-    *stream_ << Gated(tag->colour) << tag->text << Gated(kReset);
-  }
-  if (!location.empty()) {
-    // The copy is what rejects a null location.
-    *stream_ << Gated(kGrey) << std::string(location.data(), location.size()) << Gated(kReset);
+// A log that cannot be written must not bring down what it tells of, even when the application has
+// asked standard output to throw.
+template <class Write>
+void IgnoringStreamErrors(Write&& write) {
+  try {
+    write();
+  } catch (const std::ios_base::failure&) {
+    // There is nowhere left to report it to.
   }
 }
 
+}  // namespace
+
+Printer::Printer(LogLevel level, std::string_view location) : stream_(&std::cout), level_(level) {
+  IgnoringStreamErrors([this, location] {
+    if (const Tag* tag = FindTag(level_)) {
+      *stream_ << Gated(tag->colour) << tag->text << Gated(kReset);
+    }
+    if (!location.empty()) {
+      // The copy is what rejects a null location.
+      *stream_ << Gated(kGrey) << std::string(location.data(), location.size()) << Gated(kReset);
+    }
+  });
+}
+
 Printer::~Printer() {
-  *stream_ << '\n' << std::flush;
+  IgnoringStreamErrors([this] { *stream_ << '\n' << std::flush; });
   if (level_ == LogLevel::Fatal) {
     std::abort();
   }

@@ -18,7 +18,7 @@ bool IsIntegral(double value) {
   std::memcpy(&bits, &value, sizeof(bits));
   const int exponent = static_cast<int>((bits >> kMantissaBits) & kExponentMask) - kExponentBias;
   if (exponent < 0) {
-    return value == 0.0;
+    return bits << 1U == 0;  // a zero; a thread that flushes subnormals would compare them equal
   }
   if (exponent >= kMantissaBits) {
     return true;

@@ -281,10 +281,31 @@ TEST(CStyleListener, MayDieInsideItsCallback) {
   const IntSlot slot = SlotFor(data);
   auto listener = std::make_unique<IntCListener>(&slot);
   data.inside = [&] {
+    const int before = data.releases;
     listener.reset();
-    EXPECT_EQ(data.releases, 0);
+    EXPECT_EQ(data.releases, before);
   };
   listener->InvokeOnce(1);
+  EXPECT_EQ(data.releases, 1);
+  listener = std::make_unique<IntCListener>(&slot);
+  listener->Invoke(1);
+  EXPECT_EQ(data.releases, 2);
+}
+
+TEST(CStyleListener, KeepsItsUserDataWhileACallbackThatTakesTheLastCallRuns) {
+  UserData data;
+  const IntSlot slot = SlotFor(data);
+  IntCListener listener(&slot);
+  int calls = 0;
+  data.inside = [&] {
+    const int before = data.releases;
+    if (++calls == 1) {
+      listener.InvokeOnce(2);
+    }
+    EXPECT_EQ(data.releases, before);
+  };
+  listener.Invoke(1);
+  EXPECT_EQ(calls, 2);
   EXPECT_EQ(data.releases, 1);
 }
 

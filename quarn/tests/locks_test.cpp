@@ -178,7 +178,28 @@ TEST_F(Locks, ALockThatWouldDeadlockRaisesASystemError) {
   EXPECT_EQ(heard_, 1);
 }
 
+TEST_F(Locks, UnsubscribingAndForgettingTheDeadRaiseASystemErrorToo) {
+  const auto id = signal_.Subscribe(listener_);
+  EXPECT_TRUE(Deadlocks([this, id] { signal_.Unsubscribe(id); }));
+  signal_.Emit(1);
+  EXPECT_EQ(heard_, 1);
+}
+
+TEST_F(Locks, ADyingObjectLeavesTheRegistryUnderAnExclusiveLock) {
+  thing_.reset();
+  EXPECT_GE(exclusive_locks, 1);
+}
+
 using LocksDeathTest = Locks;
+
+TEST_F(LocksDeathTest, AnObjectThatCannotBeRegisteredEndsTheProcess) {
+  EXPECT_EXIT(
+      {
+        failure = EDEADLK;
+        Thing::Create(nullptr);
+      },
+      testing::KilledBySignal(SIGABRT), "");
+}
 
 TEST_F(LocksDeathTest, ADestructorThatWouldDeadlockEndsTheProcess) {
   EXPECT_EXIT(

@@ -187,6 +187,23 @@ TEST(Logger, FlushesEachLine) {
   EXPECT_EQ(std::string(text.data(), static_cast<std::size_t>(got)), "[info]text\n");
 }
 
+TEST(Logger, OutlivesAStandardOutputThatIsFullAndAskedToThrow) {
+  const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+  ASSERT_GE(full, 0);
+  bool failed = false;
+  {
+    const Redirection redirection(STDOUT_FILENO, full);
+    std::cout.exceptions(std::ios_base::badbit);
+    PrintLine(LogLevel::Error, " file.cpp:1 ", "");
+    failed = std::cout.bad();
+    std::cout.clear();
+    std::cout.exceptions(std::ios_base::goodbit);
+  }
+  close(full);
+  EXPECT_TRUE(failed);
+  EXPECT_EQ(FileLine(LogLevel::Error), "[error] file.cpp:1 text\n");
+}
+
 TEST(Logger, RejectsANullLocationOfSomeLength) {
   std::string error;
   const std::string log = StdoutOf([&error] {

@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <quarn/object.h>
 #include <quarn/resources_cache.h>
@@ -188,6 +189,14 @@ TEST(ResourcesCache, ReportsTwoTextsForARemovedChunkWithOneLine) {
   EXPECT_STREQ(texts.second, "");
 }
 
+TEST(ResourcesCache, LooksForTheChunkBeforeItLooksAtANullText) {
+  ResourcesCache cache;
+  const std::uint64_t id = RemovedChunk(cache);
+  const char* text = nullptr;
+  ExpectInvalidChunk(id, [&] { text = cache.AppendStr(id, std::string_view(nullptr, 5)); });
+  EXPECT_STREQ(text, "");
+}
+
 std::string ErrorOfANullText(ResourcesCache& cache, std::uint64_t id) {
   try {
     cache.AppendStr(id, std::string_view(nullptr, 5));
@@ -202,6 +211,7 @@ TEST(ResourcesCache, RejectsANullTextOfSomeLengthAndStaysUsable) {
   const std::uint64_t id = cache.CreateChunk();
   EXPECT_EQ(ErrorOfANullText(cache, id), "basic_string: construction from null is not valid");
   EXPECT_THROW(cache.AppendStr(id, "one", std::string_view(nullptr, 5)), std::logic_error);
+  EXPECT_THROW(cache.AppendStr(id, std::string_view(nullptr, 5), "two"), std::logic_error);
   EXPECT_STREQ(cache.AppendStr(id, "text"), "text");
 }
 
@@ -253,6 +263,20 @@ TEST(ResourcesCache, DescribesABufferAsFarAsEverySizeReaches) {
       ASSERT_EQ(raw[i], 0) << "size " << size << ", byte " << i;
     }
   }
+}
+
+TEST(ResourcesCache, DescribesABufferInAStructureOfALaterVersion) {
+  struct LaterView {
+    QuarnBufferView view;
+    std::array<unsigned char, 16> later;
+  } structure{};
+  structure.later.fill(0xEE);
+  ResourcesCache cache;
+  ASSERT_TRUE(
+      cache.AppendBuffer(cache.CreateChunk(), SomeBuffer(), &structure.view, sizeof(structure)));
+  EXPECT_EQ(structure.view.struct_size, sizeof(structure));
+  EXPECT_EQ(structure.view.size, 3U);
+  EXPECT_THAT(structure.later, testing::Each(0));
 }
 
 TEST(ResourcesCache, ReportsANullViewAndLeavesTheBufferWithTheCaller) {

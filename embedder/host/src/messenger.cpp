@@ -133,6 +133,7 @@ void Messenger::DeliverToPlugin(const std::string& channel, const Bytes& message
   if (reply) {
     const std::uint64_t id = quarn::details::CounterClient::GenerateId();
     responses_.emplace(id, std::move(reply));
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): a handle, which nobody follows.
     response = reinterpret_cast<_FlutterVeltraResponse*>(id);
   }
   const FlutterVeltraMessage c_message{sizeof(FlutterVeltraMessage),

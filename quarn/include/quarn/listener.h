@@ -61,7 +61,8 @@ class CppStyleListener : public IListener<Args...> {
 
 // A listener around a C slot: a callback, a function that releases the user data, the user data.
 // `release` runs exactly once, after InvokeOnce (also when the callback throws) or when the
-// listener dies. The callback may call or destroy the listener. Not for concurrent use.
+// listener dies, and never before a running callback has returned: the callback may call or destroy
+// the listener. Not for concurrent use.
 template <class... Args>
 class CStyleListener : public IListener<Args...> {
  public:
@@ -69,39 +70,41 @@ class CStyleListener : public IListener<Args...> {
   // null for a null slot.
   template <class Slot>
   explicit CStyleListener(const Slot* slot)
-      : callback_(ReadField(slot, &Slot::callback)),
-        release_(ReadField(slot, &Slot::release)),
-        user_data_(ReadField(slot, &Slot::user_data)) {}
+      : target_(std::make_shared<const Target>(ReadField(slot, &Slot::callback),
+                                               ReadField(slot, &Slot::release),
+                                               ReadField(slot, &Slot::user_data))) {}
 
-  ~CStyleListener() override {
-    if (release_ != nullptr) {
-      release_(user_data_);
-    }
-  }
-  CStyleListener(const CStyleListener&) = delete;
-  CStyleListener& operator=(const CStyleListener&) = delete;
-
-  void Invoke(Args... args) const override {
-    if (callback_ != nullptr) {
-      callback_(user_data_, std::move(args)...);
-    }
-  }
+  void Invoke(Args... args) const override { Call(target_, std::move(args)...); }
 
   void InvokeOnce(Args... args) override {
-    // Dies, and so releases the user data, when the call is over.
-    const CStyleListener taken(std::move(*this));
-    taken.Invoke(std::move(args)...);
+    Call(std::exchange(target_, nullptr), std::move(args)...);
   }
 
  private:
-  CStyleListener(CStyleListener&& other) noexcept
-      : callback_(std::exchange(other.callback_, nullptr)),
-        release_(std::exchange(other.release_, nullptr)),
-        user_data_(std::exchange(other.user_data_, nullptr)) {}
+  struct Target {
+    Target(void (*function)(void*, Args...), void (*release_function)(void*), void* data)
+        : callback(function), release(release_function), user_data(data) {}
+    ~Target() {
+      if (release != nullptr) {
+        release(user_data);
+      }
+    }
+    Target(const Target&) = delete;
+    Target& operator=(const Target&) = delete;
 
-  void (*callback_)(void* user_data, Args...);
-  void (*release_)(void* user_data);
-  void* user_data_;
+    void (*callback)(void* user_data, Args...);
+    void (*release)(void* user_data);
+    void* user_data;
+  };
+
+  // By value: what the callback does to the listener does not end its target before it returns.
+  static void Call(std::shared_ptr<const Target> target, Args... args) {
+    if (target && target->callback != nullptr) {
+      target->callback(target->user_data, std::move(args)...);
+    }
+  }
+
+  std::shared_ptr<const Target> target_;
 };
 
 }  // namespace quarn

@@ -13,15 +13,19 @@
 
 namespace quarn {
 
-// Whether a structure of `struct_size` bytes holds all of the 8-byte field at `offset`.
+// Every field of a sized structure is a 64-bit word: a number or a pointer.
+constexpr std::size_t kFieldSize = 8;
+
+// Whether a structure of `struct_size` bytes holds all of the field at `offset`.
 constexpr bool FieldFits(std::uint64_t struct_size, std::size_t offset) {
-  return struct_size > offset + 7;
+  return struct_size > offset + (kFieldSize - 1);
 }
 
 // The byte offset of a field, without touching an object that may be shorter than its type.
 template <class Struct, class Field>
 std::size_t OffsetOf(Field Struct::*field) {
-  static_assert(std::is_standard_layout_v<Struct> && sizeof(Field) == 8);
+  // NOLINTNEXTLINE(bugprone-sizeof-expression): the size of a pointer is what is asked for.
+  static_assert(std::is_standard_layout_v<Struct> && sizeof(Field) == kFieldSize);
   static const Struct kProbe{};
   return static_cast<std::size_t>(reinterpret_cast<const char*>(&(kProbe.*field)) -
                                   reinterpret_cast<const char*>(&kProbe));
@@ -44,7 +48,7 @@ Field ReadField(const Struct* structure, Field Struct::*field) {
   }
   const std::size_t offset = OffsetOf(field);
   if (FieldFits(StatedSize(structure), offset)) {
-    std::memcpy(&value, reinterpret_cast<const char*>(structure) + offset, sizeof(value));
+    std::memcpy(&value, reinterpret_cast<const char*>(structure) + offset, kFieldSize);
   }
   return value;
 }
@@ -65,7 +69,7 @@ class StructFiller {
   StructFiller& Fill(Field Struct::*field, std::common_type_t<Field> value) {
     const std::size_t offset = OffsetOf(field);
     if (FieldFits(size_, offset)) {
-      std::memcpy(bytes_ + offset, &value, sizeof(value));
+      std::memcpy(bytes_ + offset, &value, kFieldSize);
     }
     return *this;
   }
