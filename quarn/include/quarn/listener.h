@@ -5,6 +5,7 @@
 #include <quarn/sized_struct.h>
 
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <shared_mutex>
 #include <utility>
