@@ -36,40 +36,63 @@ bool HasVersion(const cw::EncodableMap& map) {
   return version != nullptr && *version == kVersion;
 }
 
+// The id that the value itself is; its text is moved out of a value that is not const.
+template <class Value>
+std::optional<Message::ID> ReadId(Value& value) {
+  if (auto* const text = std::get_if<std::string>(&value); text != nullptr && !text->empty()) {
+    Message::ID id("");
+    id.value = std::move(*text);
+    return id;
+  }
+  if (const auto number = value.AsInt64()) {
+    return Message::ID(*number);
+  }
+  return std::nullopt;
+}
+
+// As Message::ID::FromEncodable, moving the text out.
+std::optional<Message::ID> TakeId(cw::EncodableValue& value) {
+  auto* const map = std::get_if<cw::EncodableMap>(&value);
+  cw::EncodableValue* const member = map == nullptr ? nullptr : FindMember(*map, "id");
+  return ReadId(member == nullptr ? value : *member);
+}
+
 // A map with a method: a request if it has an id, else a notification.
-Message CallFromMap(cw::EncodableMap& map, const cw::EncodableValue& method_member) {
-  const std::string* const method = method_member.AsString();
-  const cw::EncodableValue* const id_member = FindMember(map, "id");
+Message CallFromMap(cw::EncodableMap& map, cw::EncodableValue& method_member) {
+  auto* const method = std::get_if<std::string>(&method_member);
+  cw::EncodableValue* const id_member = FindMember(map, "id");
   if (method == nullptr || method->empty()) {
     QUARN_LOG_ERROR() << "Method name is empty in RPC "
                       << (id_member != nullptr ? "request" : "notification");
     return {};
   }
   if (id_member == nullptr) {
-    return Message::CreateNotification(*method, TakeMember(map, "params"));
+    return Message(Message::Notification{std::move(*method), TakeMember(map, "params")});
   }
-  auto id = Message::ID::FromEncodable(*id_member);
+  auto id = TakeId(*id_member);
   if (!id) {
     return ParseFailure("Invalid id value in RPC request object");
   }
-  return Message::CreateRequest(std::move(*id), *method, TakeMember(map, "params"));
+  return Message(Message::Request{std::move(*id), std::move(*method), TakeMember(map, "params")});
 }
 
 // A map with an error: the response to a request if it has an id, else an error of its own.
 Message ErrorFromMap(cw::EncodableMap& map, cw::EncodableValue&& error_member) {
   auto [valid, error] = Message::Error::FromEncodable(std::move(error_member));
-  const cw::EncodableValue* const id_member = FindMember(map, "id");
+  cw::EncodableValue* const id_member = FindMember(map, "id");
   if (!valid || id_member == nullptr) {
     return Message::CreateError(std::move(error));
   }
-  auto id = Message::ID::FromEncodable(*id_member);
+  auto id = TakeId(*id_member);
   if (!id) {
     return ParseFailure("Invalid id value in RPC response object");
   }
   return Message::CreateError(std::move(*id), std::move(error));
 }
 
-Message ResultFromMap(cw::EncodableMap& map, std::optional<Message::ID>&& id) {
+Message ResultFromMap(cw::EncodableMap& map) {
+  cw::EncodableValue* const id_member = FindMember(map, "id");
+  auto id = id_member == nullptr ? std::nullopt : ReadId(*id_member);
   if (!id) {
     return ParseFailure("Invalid id value in RPC response object");
   }
@@ -290,10 +313,14 @@ quarn::Buffer EncodeBytes(const Content& content) {
   return buffer;
 }
 
+// A text that came from outside: quoted, escaped and clipped as the text of a value is.
+cw::EncodableValue Quote(const std::string& text) { return cw::EncodableValue(text); }
+
 void Print(std::ostream& stream, std::monostate /*empty*/) { stream << "empty message"; }
 
 void Print(std::ostream& stream, const Message::Request& request) {
-  stream << "request " << request.id << ": " << request.method << '(' << request.params << ')';
+  stream << "request " << request.id << ": " << Quote(request.method) << '(' << request.params
+         << ')';
 }
 
 void Print(std::ostream& stream, const Message::Response& response) {
@@ -308,7 +335,7 @@ void Print(std::ostream& stream, const Message::Response& response) {
 }
 
 void Print(std::ostream& stream, const Message::Notification& notification) {
-  stream << "notification " << notification.method << '(' << notification.params << ')';
+  stream << "notification " << Quote(notification.method) << '(' << notification.params << ')';
 }
 
 void Print(std::ostream& stream, const Message::Error& error) { stream << error; }
@@ -317,14 +344,7 @@ void Print(std::ostream& stream, const Message::Error& error) { stream << error;
 
 std::optional<Message::ID> Message::ID::FromEncodable(const cw::EncodableValue& value) {
   const cw::EncodableValue* const member = value.Find("id");
-  const cw::EncodableValue& id = member != nullptr ? *member : value;
-  if (const std::string* const text = id.AsString(); text != nullptr && !text->empty()) {
-    return ID(*text);
-  }
-  if (const auto number = id.AsInt64()) {
-    return ID(*number);
-  }
-  return std::nullopt;
+  return ReadId(member == nullptr ? value : *member);
 }
 
 cw::EncodableValue Message::Error::ToEncodable() const { return EncodeTree(ErrorMember{*this}); }
@@ -406,13 +426,13 @@ Message Message::FromEncodable(cw::EncodableValue&& value) {
   if (map == nullptr || !HasVersion(*map)) {
     return ParseFailure("Emply or invalid RPC message");
   }
-  if (const cw::EncodableValue* const method = FindMember(*map, "method")) {
+  if (cw::EncodableValue* const method = FindMember(*map, "method")) {
     return CallFromMap(*map, *method);
   }
   if (cw::EncodableValue* const error = FindMember(*map, "error")) {
     return ErrorFromMap(*map, std::move(*error));
   }
-  return ResultFromMap(*map, ID::FromEncodable(value));
+  return ResultFromMap(*map);
 }
 
 std::string Message::ToBase64() const {
@@ -436,10 +456,13 @@ std::ostream& operator<<(std::ostream& stream, const Message& message) {
   return stream;
 }
 
-std::ostream& operator<<(std::ostream& stream, const Message::ID& id) { return stream << id.value; }
+std::ostream& operator<<(std::ostream& stream, const Message::ID& id) {
+  return stream << Quote(id.value);
+}
 
 std::ostream& operator<<(std::ostream& stream, const Message::Error& error) {
-  stream << "error " << error.code << " \"" << error.message << '"';
+  // As values, so that the stream's number format does not matter either.
+  stream << "error " << cw::EncodableValue(error.code) << ' ' << Quote(error.message);
   if (!error.data.IsNull()) {
     stream << ' ' << error.data;
   }

@@ -6,6 +6,8 @@
 
 #include <functional>
 #include <mutex>
+#include <stdexcept>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -38,6 +40,20 @@ inline Message::Error ErrorOf(const Message& message) {
   const auto* const response = message.GetResponse();
   const auto* const error = response != nullptr ? response->GetError() : message.GetError();
   return error != nullptr ? *error : Message::Error(0, "the message carries no error");
+}
+
+// A response whose outcome was lost when assigning it threw.
+inline Message ResponseWithoutOutcome(const Message::ID& id) {
+  struct Thrower {
+    operator std::string() const { throw std::runtime_error("thrown on purpose"); }
+  };
+  Message::Response response(id, 5);
+  try {
+    response.outcome.emplace<1>(1, Thrower());
+  } catch (const std::runtime_error&) {
+    return Message(std::move(response));
+  }
+  throw std::logic_error("the response still has an outcome");
 }
 
 }  // namespace vorpc::test_support

@@ -130,8 +130,12 @@ class TARV_EXPORT Message {
   static constexpr std::int32_t kUnknownMethod = -32601;
   static constexpr std::int32_t kInternalError = -32603;
 
+  // What a message holds. A type's number is its position here.
+  using Content = std::variant<std::monostate, Request, Response, Notification, Error>;
+
   // The empty message.
   Message() = default;
+  explicit Message(Content content) : content_(std::move(content)) {}
 
   static Message CreateRequest(ID id, std::string_view method, cw::EncodableValue params);
   static Message CreateResponse(ID id, cw::EncodableValue result);
@@ -175,21 +179,18 @@ class TARV_EXPORT Message {
   static Message FromBase64(const std::string& text);
 
  private:
-  // A type's number is its position here.
-  using Content = std::variant<std::monostate, Request, Response, Notification, Error>;
-
-  explicit Message(Content content) : content_(std::move(content)) {}
-
   friend bool operator==(const Message& a, const Message& b) { return a.content_ == b.content_; }
   friend bool operator!=(const Message& a, const Message& b) { return !(a == b); }
 
-  // One line for logs and test failures; long payloads are clipped.
+  // One line for logs and test failures, whatever the message holds: its texts and its payload look
+  // as values do, escaped and clipped.
   TARV_EXPORT friend std::ostream& operator<<(std::ostream& stream, const Message& message);
 
   Content content_;
 };
 
 TARV_EXPORT std::ostream& operator<<(std::ostream& stream, const Message& message);
+// One line as well.
 TARV_EXPORT std::ostream& operator<<(std::ostream& stream, const Message::ID& id);
 TARV_EXPORT std::ostream& operator<<(std::ostream& stream, const Message::Error& error);
 
