@@ -148,10 +148,16 @@ void Client::SendRequest(std::string_view method, const cw::EncodableValue& para
   const std::uint64_t number = NextRequestNumber();
   const Message::ID id = CreateRequestId(number);
   Message request = Message::CreateRequest(id, method, params);
+  // What of these is not kept, or was kept before, dies after the lock is released.
+  Message connect_request = method == kConnectMethod ? request : Message();
+  PendingRequest pending{number, std::move(callback)};
   const std::lock_guard lock(mutex_);
-  pending_requests_.emplace(id, PendingRequest{number, std::move(callback)});
-  if (connect_record_ != nullptr && method == kConnectMethod) {
-    connect_record_->request = request;
+  if (receiver_.IsClosed()) {
+    return;
+  }
+  pending_requests_.emplace(id, std::move(pending));
+  if (connect_record_ != nullptr && !connect_request.IsEmpty()) {
+    std::swap(connect_record_->request, connect_request);
     guard.SendImmediately(std::move(request));
   } else {
     guard.Send(std::move(request));

@@ -38,6 +38,9 @@ void Receiver::OnNotify(std::string_view method, NotificationHandler&& handler) 
   const auto listener = std::make_shared<quarn::CppStyleListener<Message::Notification>>(
       UntilClosed(std::move(handler)));
   const std::unique_lock lock(notification_mutex_);
+  if (IsClosed()) {
+    return;  // the listener dies after the lock is released
+  }
   auto& signal = notification_signals_[std::string(method)];
   if (signal == nullptr) {
     signal = std::make_shared<NotificationSignal>();
@@ -47,7 +50,12 @@ void Receiver::OnNotify(std::string_view method, NotificationHandler&& handler) 
 
 void Receiver::Close() {
   *closed_ = true;
-  NotificationSignals signals;  // dies after the lock is released
+  NotificationSignals signals;  // these die after the locks are released
+  Queue queue;
+  // A thread that delivers has taken what waited, and drops it.
+  if (const std::unique_lock lock(queue_mutex_, std::try_to_lock); lock.owns_lock()) {
+    queue.swap(queue_);
+  }
   const std::unique_lock lock(notification_mutex_);
   signals.swap(notification_signals_);
 }
@@ -73,7 +81,7 @@ bool Receiver::ProcessBatch() {
   if (!queue_enabled_ || queue_.empty()) {
     return false;
   }
-  std::vector<std::pair<Kind, Message>> batch;
+  Queue batch;
   batch.swap(queue_);
   for (auto& [kind, message] : batch) {
     if (kind == Kind::Send) {

@@ -74,8 +74,8 @@ class Receiver {
   // Adds a handler for the method's notifications; they run in the order of registration.
   void OnNotify(std::string_view method, NotificationHandler&& handler);
 
-  // From now on nothing is delivered and no guarded callback begins. Lets the handlers go. Does not
-  // wait for what is running.
+  // From now on nothing is delivered, no guarded callback begins, and neither messages nor handlers
+  // are kept. Lets go of what was kept so far. Does not wait for what is running.
   void Close();
   bool IsClosed() const { return *closed_; }
 
@@ -93,6 +93,7 @@ class Receiver {
  private:
   using NotificationSignal = quarn::OwnedSignal<Message::Notification>;
   using NotificationSignals = std::unordered_map<std::string, std::shared_ptr<NotificationSignal>>;
+  using Queue = std::vector<std::pair<Kind, Message>>;
 
   void Enqueue(Kind kind, Message&& message);
   bool ProcessBatch();
@@ -105,7 +106,7 @@ class Receiver {
   NotificationSignals notification_signals_;
 
   std::recursive_mutex queue_mutex_;
-  std::vector<std::pair<Kind, Message>> queue_;
+  Queue queue_;
   bool queue_enabled_ = false;
 
   // Shared with the wrapped callbacks, which may outlive the receiver.

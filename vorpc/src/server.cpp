@@ -101,10 +101,13 @@ void Server::OnConnected(std::function<void(const OptionalError&)>&& callback) {
 }
 
 void Server::OnRequest(std::string_view method, RequestHandler handler) {
-  // Ends as the earlier handler, which dies after the lock is released.
+  // Ends as what is not kept, which dies after the lock is released.
   SharedHandler shared =
       handler ? std::make_shared<const RequestHandler>(std::move(handler)) : nullptr;
   const std::unique_lock lock(handler_mutex_);
+  if (receiver_.IsClosed()) {
+    return;
+  }
   request_handlers_[std::string(method)].swap(shared);
 }
 
@@ -118,7 +121,8 @@ void Server::Run() {
   TakenSlot taken;
   {
     const std::lock_guard lock(handshake_mutex_);
-    if (!running_ && connect_slot_ != nullptr && connect_slot_->IsRequest(kConnectMethod)) {
+    // Nobody takes the slot before the server runs.
+    if (!running_ && connect_slot_->IsRequest(kConnectMethod)) {
       taken.Put(std::move(connect_slot_));
     }
     running_ = true;

@@ -3,6 +3,8 @@
 #include <vorpc/client.h>
 
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -157,6 +159,16 @@ TEST_F(ClientTest, TriesFourTimesAndThenFailsWithTheLastErrorOfTheServer) {
   EXPECT_THAT(diary_, ElementsAre("connect failed: busy 4"));
 }
 
+TEST_F(ClientTest, IgnoresAResponseToItsConnectRequestThatIsNeitherResultNorError) {
+  Start();
+  const ID id = recorder_.GetLast().GetRequest()->id;
+  EXPECT_EQ(StdoutOf([this, &id] { client_->Receive(ResponseWithoutOutcome(id)); }), "");
+  EXPECT_FALSE(client_->IsConnected());
+  EXPECT_FALSE(client_->HasConnectionFailed());
+  EXPECT_THAT(SentMethods(), ElementsAre("vorpc.connected"));
+  EXPECT_THAT(diary_, IsEmpty());
+}
+
 TEST_F(ClientTest, LogsWhyAnAttemptToConnectFailed) {
   Start();
   EXPECT_THAT(StdoutOf([this] { RefuseLast(Error(-1, "busy")); }),
@@ -208,6 +220,40 @@ TEST_F(ClientTest, LetsAConnectRequestOfTheUserPassTheQueueDuringTheHandshake) {
   Start();
   Request("vorpc.connected");
   EXPECT_THAT(SentMethods(), ElementsAre("vorpc.connected", "vorpc.connected"));
+}
+
+TEST_F(ClientTest, TakesOnlyTheLastConnectRequestForTheHandshake) {
+  Start();
+  const ID own = recorder_.GetLast().GetRequest()->id;
+  Request("vorpc.connected");
+  client_->Receive(Message::CreateResponse(own, {}));  // waits in the queue, as all else does
+  EXPECT_FALSE(client_->IsConnected());
+  AnswerLast({});
+  EXPECT_THAT(diary_, ElementsAre("vorpc.connected answered"));
+  EXPECT_FALSE(client_->IsConnected());
+}
+
+// The earlier connect request holds what dies by calling the client, which finds its lock free.
+TEST_F(ClientTest, LetsAnEarlierConnectRequestDieOutsideItsLock) {
+  struct CallsOnDeath {
+    std::shared_ptr<IOwnedClient> client;
+    ~CallsOnDeath() {
+      if (client != nullptr) {
+        client->Receive(Message());
+      }
+    }
+  };
+  const auto client = IOwnedClient::Create({});
+  std::weak_ptr<CallsOnDeath> witness;
+  {
+    const auto caller = std::make_shared<CallsOnDeath>();
+    caller->client = client;
+    witness = caller;
+    client->SendRequest("vorpc.connected", cw::CustomEncodableValue(caller), {});
+  }
+  EXPECT_FALSE(witness.expired());
+  client->SendRequest("vorpc.connected", {}, {});
+  EXPECT_TRUE(witness.expired());
 }
 
 TEST_F(ClientTest, TreatsTheConnectMethodAsAnyOtherOnceConnected) {
@@ -264,6 +310,18 @@ TEST_F(ClientTest, LogsANotificationThatNobodyHandles) {
   Connect();
   EXPECT_THAT(StdoutOf([this] { client_->Receive(Message::CreateNotification("ping", {})); }),
               IsLogLine("error", "Unknown event 'ping()'"));
+}
+
+TEST_F(ClientTest, GivesEveryHandlerItsOwnCopyOfTheNotification) {
+  for (int i = 0; i < 2; ++i) {
+    client_->OnNotify("tick", [this](const Message::Notification& notification) {
+      diary_.push_back(*notification.params.AsString());
+      const_cast<Message::Notification&>(notification).params = "spoiled";
+    });
+  }
+  Connect();
+  client_->Receive(Message::CreateNotification("tick", "fresh"));
+  EXPECT_THAT(diary_, ElementsAre("connected", "fresh", "fresh"));
 }
 
 TEST_F(ClientTest, SendsARequestFromInsideTheCallbackOfAnother) {
@@ -366,6 +424,43 @@ TEST_F(ClientTest, FailsALaterHandshakeAtOnceWhenTheTransportWentBefore) {
   EXPECT_EQ(recorder_.CountSent(), 0U);
 }
 
+TEST_F(ClientTest, AnswersWhatWasRequestedWhenTheTransportWentBefore) {
+  Request("a");
+  client_->Disconnect(kTransportError);
+  Request("b");
+  EXPECT_THAT(diary_, IsEmpty());
+  Start();
+  const std::string failed = " failed: the cable was cut";
+  EXPECT_THAT(diary_, ElementsAre("connect" + failed, "a" + failed, "b" + failed));
+  EXPECT_EQ(recorder_.CountSent(), 0U);
+}
+
+TEST_F(ClientTest, DoesNotTryAgainOnTheErrorOfItsOwnEnd) {
+  Start();
+  EXPECT_EQ(StdoutOf([this] { client_->Disconnect(kTransportError); }), "");
+  EXPECT_THAT(SentMethods(), ElementsAre("vorpc.connected"));
+  EXPECT_THAT(diary_, ElementsAre("connect failed: the cable was cut"));
+}
+
+TEST_F(ClientTest, NeverAnswersARequestMadeAfterTheEnd) {
+  Connect();
+  client_->Disconnect(kTransportError);
+  Request("a");
+  client_->Disconnect(kTransportError);
+  client_.reset();
+  EXPECT_THAT(diary_, ElementsAre("connected", "disconnected: the cable was cut"));
+}
+
+TEST_F(ClientTest, NeverSendsNorAnswersARequestMadeAfterAFailedHandshake) {
+  Start();
+  client_->Disconnect(kTransportError);
+  Request("a");
+  client_->Disconnect(kTransportError);
+  client_.reset();
+  EXPECT_THAT(SentMethods(), ElementsAre("vorpc.connected"));
+  EXPECT_THAT(diary_, ElementsAre("connect failed: the cable was cut"));
+}
+
 TEST_F(ClientTest, RemembersTheLastOfSeveralEndsBeforeTheHandshake) {
   client_->Disconnect(kTransportError);
   client_->Disconnect({});
@@ -403,6 +498,44 @@ TEST_F(ClientTest, FiresNothingWhenItIsDestroyed) {
   Request("a");
   client_.reset();
   EXPECT_THAT(diary_, ElementsAre("connected"));
+}
+
+TEST_F(ClientTest, DoesNotBeginTheHandshakeOnceAbandoned) {
+  client_->Run();
+  client_->Abandon();
+  client_->SetStarted();
+  client_->Disconnect({});
+  EXPECT_EQ(recorder_.CountSent(), 0U);
+  EXPECT_THAT(diary_, IsEmpty());
+}
+
+TEST_F(ClientTest, KeepsNothingOnceClosed) {
+  const auto witness = std::make_shared<int>();
+  const auto give_callbacks = [this, &witness] {
+    client_->OnConnected([witness](const auto&) {});
+    client_->OnDisconnected([witness](const auto&) {});
+    client_->OnNotify("tick", [witness](const auto&) {});
+    client_->SendRequest("a", cw::CustomEncodableValue(witness), [witness](const auto&) {});
+    client_->SendRequest("vorpc.connected", cw::CustomEncodableValue(witness),
+                         [witness](const auto&) {});
+    client_->SendNotify("b", cw::CustomEncodableValue(witness));
+  };
+  give_callbacks();
+  EXPECT_GT(witness.use_count(), 6);
+  client_->Abandon();
+  const auto kept_by_the_recorder = witness.use_count() - 1;
+  EXPECT_EQ(kept_by_the_recorder, 1);  // the connect request, which does not wait
+  give_callbacks();
+  EXPECT_EQ(witness.use_count() - 1, kept_by_the_recorder);
+}
+
+// The callback is let go at once even if the caller holds on to what it handed in.
+TEST_F(ClientTest, EmptiesACallbackThatIsHandedInOnceClosed) {
+  const auto witness = std::make_shared<int>();
+  std::function<void(const Message::Response&)> callback = [witness](const auto&) {};
+  client_->Abandon();
+  client_->SendRequest("a", {}, std::move(callback));
+  EXPECT_EQ(witness.use_count(), 1);
 }
 
 TEST(Client, WorksWithoutASendFunction) {

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <future>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -83,6 +84,81 @@ TEST_F(ReceiverTest, IsSilentOnceClosed) {
   EXPECT_TRUE(log_.empty());
 }
 
+// A value that shares the witness.
+cw::EncodableValue Holding(const std::shared_ptr<int>& witness) {
+  return cw::CustomEncodableValue(witness);
+}
+
+// Not that of a handler, nor of a message that waits; and not what is handed in from then on.
+TEST(Receiver, KeepsNothingOnceClosed) {
+  const auto witness = std::make_shared<int>();
+  Receiver receiver({}, {});
+  receiver.OnNotify("tick", [witness](const Message::Notification&) {});
+  receiver.Send(Message::CreateNotification("queued", Holding(witness)));
+  receiver.Receive(Message::CreateNotification("queued", Holding(witness)));
+  EXPECT_EQ(witness.use_count(), 4);
+  receiver.Close();
+  EXPECT_EQ(witness.use_count(), 1);
+  receiver.OnNotify("tick", [witness](const Message::Notification&) {});
+  receiver.Send(Message::CreateNotification("late", Holding(witness)));
+  EXPECT_EQ(witness.use_count(), 1);
+}
+
+// A handler that dies calls back in, which finds every lock free.
+TEST(Receiver, LetsAHandlerDieOutsideItsLocksOnceClosed) {
+  struct RegistersOnDeath {
+    Receiver& receiver;
+    ~RegistersOnDeath() {
+      receiver.OnNotify("tock", [](const Message::Notification&) {});
+    }
+  };
+  Receiver receiver({}, {});
+  const auto give = [&receiver] {
+    return std::make_shared<RegistersOnDeath>(RegistersOnDeath{receiver});
+  };
+  receiver.OnNotify("tick", [held = give()](const Message::Notification&) {});
+  receiver.Close();
+  receiver.OnNotify("tick", [held = give()](const Message::Notification&) {});
+  EXPECT_TRUE(receiver.IsClosed());
+}
+
+TEST(Receiver, IsClosedFromInsideADeliveryAndDropsTheRest) {
+  const auto witness = std::make_shared<int>();
+  int deliveries = 0;
+  Receiver* self = nullptr;
+  Receiver receiver({}, [&](const Message&) {
+    ++deliveries;
+    self->Close();
+    return true;
+  });
+  self = &receiver;
+  receiver.Receive(Message::CreateNotification("1", Holding(witness)));
+  receiver.Receive(Message::CreateNotification("2", Holding(witness)));
+  receiver.SetQueueEnabled();
+  EXPECT_EQ(deliveries, 1);
+  EXPECT_EQ(witness.use_count(), 1);
+}
+
+TEST(Receiver, IsClosedByAThreadThatDoesNotWaitForADelivery) {
+  Receiver* self = nullptr;
+  std::vector<std::string> log;
+  Receiver receiver({}, [&](const Message& message) {
+    log.push_back(message.GetNotification()->method);
+    std::thread([&self] { self->Close(); }).join();
+    return true;
+  });
+  self = &receiver;
+  receiver.Receive(Notice("1"));
+  receiver.Receive(Notice("2"));
+  receiver.SetQueueEnabled();
+  EXPECT_THAT(log, ElementsAre("1"));
+}
+
+TEST(Receiver, NumbersItsDirections) {
+  EXPECT_EQ(static_cast<int>(Receiver::Kind::Receive), 0);
+  EXPECT_EQ(static_cast<int>(Receiver::Kind::Send), 1);
+}
+
 TEST(Receiver, DeliversWhatAHandlerSendsBeforeTheRestOfTheBatch) {
   std::vector<std::string> log;
   Receiver* self = nullptr;
@@ -152,6 +228,21 @@ TEST(Receiver, GivesANotificationToEveryHandlerInTheOrderOfRegistration) {
   EXPECT_THAT(log, ElementsAre("first x", "second x"));
 }
 
+TEST(Receiver, GivesEveryHandlerItsOwnCopyOfTheNotification) {
+  std::vector<std::string> seen;
+  Receiver receiver({}, {});
+  for (int i = 0; i < 2; ++i) {
+    receiver.OnNotify("tick", [&seen](const Message::Notification& notification) {
+      seen.push_back(*notification.params.AsString());
+      const_cast<Message::Notification&>(notification).params = "spoiled";
+    });
+  }
+  const Message message = Message::CreateNotification("tick", "fresh");
+  receiver.ReceiveImmediately(message);
+  EXPECT_THAT(seen, ElementsAre("fresh", "fresh"));
+  EXPECT_EQ(message, Message::CreateNotification("tick", "fresh"));
+}
+
 TEST(Receiver, DoesNotGiveHandlersWhatTheFilterTook) {
   int calls = 0;
   bool take = true;
@@ -219,7 +310,7 @@ TEST(Receiver, KeepsTheStateOfAHandlerAcrossNotifications) {
   EXPECT_THAT(counts, ElementsAre(1, 2));
 }
 
-TEST(Receiver, StaysUsableWhenAHandlerThrowsAndLosesTheRestOfTheBatch) {
+TEST(Receiver, StaysUsableWhenTheFilterThrowsAndLosesTheRestOfTheBatch) {
   std::vector<std::string> log;
   Receiver receiver({}, [&log](const Message& message) {
     const std::string& method = message.GetNotification()->method;
@@ -235,6 +326,24 @@ TEST(Receiver, StaysUsableWhenAHandlerThrowsAndLosesTheRestOfTheBatch) {
   // Another thread finds the lock free.
   std::thread([&receiver] { receiver.Receive(Notice("next")); }).join();
   EXPECT_THAT(log, ElementsAre("bad", "next"));
+}
+
+TEST(Receiver, PassesOnWhatANotificationHandlerThrows) {
+  std::vector<std::string> log;
+  Receiver receiver({}, {});
+  receiver.OnNotify("bad", [&log](const Message::Notification&) {
+    log.emplace_back("bad");
+    throw std::runtime_error("bad");
+  });
+  receiver.OnNotify("bad", [&log](const Message::Notification&) { log.emplace_back("after bad"); });
+  receiver.OnNotify("good", [&log](const Message::Notification&) { log.emplace_back("good"); });
+  receiver.Receive(Notice("bad"));
+  receiver.Receive(Notice("good"));  // lost
+  EXPECT_THROW(receiver.SetQueueEnabled(), std::runtime_error);
+  EXPECT_THROW(receiver.ReceiveImmediately(Notice("bad")), std::runtime_error);
+  // Another thread finds the locks free.
+  std::thread([&receiver] { receiver.Receive(Notice("good")); }).join();
+  EXPECT_THAT(log, ElementsAre("bad", "bad", "good"));
 }
 
 TEST(Receiver, PassesOnWhatTheSendFunctionThrows) {

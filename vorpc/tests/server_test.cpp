@@ -281,6 +281,37 @@ TEST_F(ServerTest, SendsNotificationsInTheirOrder) {
                           Message::CreateNotification("b", {})));
 }
 
+TEST_F(ServerTest, KeepsNothingOnceClosed) {
+  const auto witness = std::make_shared<int>();
+  const auto give_callbacks = [this, &witness] {
+    server_->OnConnected([witness](const auto&) {});
+    server_->OnNotify("tick", [witness](const auto&) {});
+    server_->OnRequest("a", [witness](const std::string&, const cw::EncodableValue&,
+                                      std::unique_ptr<IReply>&&) {});
+    server_->SendNotify("b", cw::CustomEncodableValue(witness));
+  };
+  give_callbacks();
+  EXPECT_EQ(witness.use_count(), 5);
+  server_->Abandon();
+  EXPECT_EQ(witness.use_count(), 1);
+  give_callbacks();
+  EXPECT_EQ(witness.use_count(), 1);
+}
+
+// A handler that dies registers another one, which finds the lock free.
+TEST_F(ServerTest, LetsAHandlerDieOutsideItsLockOnceClosed) {
+  struct RegistersOnDeath {
+    IOwnedServer* server;
+    ~RegistersOnDeath() { server->OnRequest("b", {}); }
+  };
+  auto held = std::shared_ptr<RegistersOnDeath>(new RegistersOnDeath{server_.get()});
+  const std::weak_ptr<RegistersOnDeath> witness = held;
+  server_->Abandon();
+  server_->OnRequest("a", [held = std::move(held)](const std::string&, const cw::EncodableValue&,
+                                                   std::unique_ptr<IReply>&&) {});
+  EXPECT_TRUE(witness.expired());
+}
+
 TEST(Server, WorksWithoutASendFunction) {
   const auto server = IOwnedServer::Create({});
   server->Run();
