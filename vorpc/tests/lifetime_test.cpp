@@ -91,6 +91,13 @@ TEST_F(ClientLifetimeTest, InConnectedWhenItSubscribedLate) {
   EXPECT_THAT(events_, ElementsAre("let go"));
 }
 
+TEST_F(ClientLifetimeTest, InDisconnectedWhenItSubscribedLate) {
+  Connect();
+  client_->Disconnect({});
+  client_->OnDisconnected([this, witness = witness_](const auto&) { LetGo(); });
+  EXPECT_THAT(events_, ElementsAre("let go"));
+}
+
 TEST_F(ClientLifetimeTest, InConnectedWithAnError) {
   client_->OnConnected([this, witness = witness_](const auto&) { LetGo(); });
   Request("pending");
@@ -141,6 +148,40 @@ TEST_F(ClientLifetimeTest, InAPendingCallbackAtTheEnd) {
   Request("pending");
   client_->Disconnect({});
   EXPECT_THAT(events_, ElementsAre("let go"));
+}
+
+TEST_F(ClientLifetimeTest, InAPendingCallbackWhenTheHandshakeFails) {
+  client_->SendRequest("a", {}, [this, witness = witness_](const auto&) { LetGo(); });
+  Request("pending");
+  client_->OnConnected(Outcome("connect failed"));
+  client_->OnDisconnected(Outcome("disconnected"));
+  Start();
+  client_->Disconnect({});
+  EXPECT_THAT(events_, ElementsAre("connect failed", "let go"));
+  EXPECT_EQ(sent_.size(), 1U);
+}
+
+TEST_F(ClientLifetimeTest, InAPendingCallbackWhenTheServerRefusesForTheLastTime) {
+  client_->SendRequest("a", {}, [this, witness = witness_](const auto&) { LetGo(); });
+  Request("pending");
+  Start();
+  tarv::test::StdoutOf([this] {
+    for (std::size_t attempt = 0; attempt < 4; ++attempt) {
+      client_->Receive(Message::CreateError(sent_.at(attempt).GetRequest()->id, -1, "busy"));
+    }
+  });
+  EXPECT_THAT(events_, ElementsAre("let go"));
+}
+
+TEST_F(ClientLifetimeTest, InTheSendFunctionOfWhatWasQueued) {
+  Request("pending");
+  client_->SendNotify("queued", {});
+  client_->OnConnected(Outcome("connected"));
+  Start();
+  on_send_ = [this](const Message&) { LetGo(); };
+  AnswerConnect(client_.get());
+  EXPECT_THAT(events_, ElementsAre("connected", "let go"));
+  EXPECT_EQ(sent_.size(), 2U);
 }
 
 TEST_F(ClientLifetimeTest, InTheSendFunctionDuringTheHandshake) {
@@ -298,6 +339,19 @@ TEST_F(ServerLifetimeTest, InTheSendFunctionOfTheHandshake) {
   EXPECT_THAT(events_, ElementsAre("let go"));
 }
 
+TEST_F(ServerLifetimeTest, InTheSendFunctionOfWhatWasQueued) {
+  server_->SendNotify("first", {});
+  server_->SendNotify("second", {});
+  on_send_ = [this](const Message& message) {
+    if (message.GetNotification() != nullptr) {
+      LetGo();
+    }
+  };
+  Connect();
+  EXPECT_THAT(events_, ElementsAre("let go"));
+  EXPECT_EQ(sent_.size(), 2U);  // the answer to the handshake, and the first
+}
+
 TEST_F(ServerLifetimeTest, InTheSendFunctionOfANotification) {
   Connect();
   on_send_ = [this](const Message&) { LetGo(); };
@@ -417,6 +471,31 @@ TEST(ServerException, InARequestHandlerReachesWhoeverDelivers) {
     server->Receive(Message::CreateRequest(ID("2"), "unknown", {}));
   }).join();
   EXPECT_EQ(ErrorOf(recorder.GetLast()).code, -32601);
+}
+
+TEST(ServerException, InANotificationHandlerReachesWhoeverDelivers) {
+  Recorder recorder;
+  const auto server = IOwnedServer::Create(recorder.Send());
+  server->OnNotify("bad", [](const auto&) { Throw(); });
+  server->Run();
+  server->Receive(Message::CreateRequest(ID("c"), "vorpc.connected", {}));
+  EXPECT_THROW(server->Receive(Notice("bad")), std::runtime_error);
+  std::thread([&server] {
+    server->Receive(Message::CreateRequest(ID("2"), "unknown", {}));
+  }).join();
+  EXPECT_EQ(ErrorOf(recorder.GetLast()).code, -32601);
+}
+
+TEST(ClientException, InANotificationHandlerReachesWhoeverDelivers) {
+  Recorder recorder;
+  const auto client = IOwnedClient::Create(recorder.Send());
+  client->OnNotify("bad", [](const auto&) { Throw(); });
+  client->Run();
+  client->SetStarted();
+  client->Receive(Message::CreateResponse(recorder.GetLast().GetRequest()->id, {}));
+  EXPECT_THROW(client->Receive(Notice("bad")), std::runtime_error);
+  std::thread([&client] { client->SendNotify("next", {}); }).join();
+  EXPECT_EQ(recorder.GetLast(), Notice("next"));
 }
 
 }  // namespace

@@ -170,6 +170,21 @@ TEST(EncodableToJson, LogsEveryMapAroundABadValue) {
   EXPECT_EQ(Count(log, "\n"), 4U);
 }
 
+TEST(EncodableToJson, RefusesAMapWithAKeyThatIsNoString) {
+  EXPECT_THAT(FailToJson(EncodableMap{{1, "a"}}), IsLogLine("error", kKeyLine));
+  const std::string log = FailToJson(EncodableMap{{"a", EncodableMap{{true, kInfinity}}}});
+  EXPECT_EQ(Count(log, kKeyLine), 1U);
+  EXPECT_EQ(Count(log, kValueLine), 1U);
+  EXPECT_EQ(Count(log, "\n"), 2U);
+}
+
+TEST(EncodableToJson, LogsOnlyTheMapsAroundACustomValue) {
+  const std::string log = FailToJson(
+      EncodableMap{{"a", EncodableList{EncodableMap{{"b", cw::CustomEncodableValue(5)}}}}});
+  EXPECT_EQ(Count(log, kValueLine), 2U);
+  EXPECT_EQ(Count(log, "\n"), 2U);
+}
+
 // --- Maps to objects ---
 
 TEST(EncodableMapToJsonObject, GivesAnEmptyObjectForAnEmptyMap) {
@@ -273,6 +288,23 @@ TEST(JsonToEncodable, GivesOtherArraysAList) {
   EXPECT_EQ(FromJson(QJsonArray{2.5, 4294967296.0, "7", QJsonValue(), QJsonArray{1}}),
             EncodableValue(
                 EncodableList{2.5, std::int64_t{4294967296}, 7, {}, std::vector<std::int32_t>{1}}));
+}
+
+TEST(JsonToEncodable, GivesAListForIntegersThatBecameTexts) {
+  const QJsonValue json = ToJson(std::vector<std::int64_t>{1, kTwoTo53 + 1});
+  EXPECT_EQ(FromJson(json), EncodableValue(EncodableList{1, kTwoTo53 + 1}));
+}
+
+// A text is first read as an integer; what cannot be read so is reported, and kept as a text.
+TEST(JsonToEncodable, WarnsOfEveryTextThatIsNoInteger) {
+  EncodableValue value;
+  EXPECT_THAT(StdoutOf([&value] { JsonToEncodable("plain", value); }),
+              IsLogLine("warn", "Could not convert string \"plain\" to integer value."));
+  EXPECT_EQ(value, EncodableValue("plain"));
+  EXPECT_THAT(StdoutOf([&value] { JsonToEncodable("", value); }),
+              IsLogLine("warn", "Could not convert empty string to uint."));
+  EXPECT_EQ(value, EncodableValue(""));
+  EXPECT_EQ(StdoutOf([&value] { JsonToEncodable("42", value); }), "");
 }
 
 TEST(JsonToEncodable, RefusesAnUndefinedValue) {
