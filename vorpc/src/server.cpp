@@ -54,7 +54,7 @@ class Server final : public IOwnedServer, public std::enable_shared_from_this<Se
   std::shared_ptr<Server> KeepAlive() { return weak_from_this().lock(); }
 
   void ReceiveLocked(Message&& message, details::ReceiveGuard& guard, TakenSlot& taken);
-  void CompleteHandshake(const Message& request);
+  void CompleteHandshake(const Message::Request& request);
   bool TakeRequest(const Message& message);
   SharedHandler FindHandler(const std::string& method);
 
@@ -128,7 +128,7 @@ void Server::Run() {
     running_ = true;
   }
   if (const ConnectSlot* const slot = taken.Get()) {
-    CompleteHandshake(**slot);
+    CompleteHandshake(*(*slot)->GetRequest());
   }
 }
 
@@ -141,7 +141,7 @@ void Server::Receive(Message&& message) {
     ReceiveLocked(std::move(message), guard, taken);
   }
   if (const ConnectSlot* const slot = taken.Get()) {
-    CompleteHandshake(**slot);
+    CompleteHandshake(*(*slot)->GetRequest());
   }
 }
 
@@ -168,14 +168,11 @@ void Server::ReceiveLocked(Message&& message, details::ReceiveGuard& guard, Take
   }
 }
 
-void Server::CompleteHandshake(const Message& request) {
+void Server::CompleteHandshake(const Message::Request& request) {
   details::AttemptAll steps;
   steps.Run([this] { connected_.Emit(kNoError); });
-  if (request.IsRequest(kConnectMethod)) {
-    steps.Run([this, &request] {
-      receiver_.SendImmediately(Message::CreateResponse(request.GetRequest()->id, {}));
-    });
-  }
+  steps.Run(
+      [this, &request] { receiver_.SendImmediately(Message::CreateResponse(request.id, {})); });
   steps.Run([this] { receiver_.SetQueueEnabled(); });
   steps.Finish();
 }

@@ -142,6 +142,13 @@ TEST_F(ClientTest, ReportsTheOutcomeToLateSubscribersAtOnce) {
                                   "late: the cable was cut"));
 }
 
+TEST_F(ClientTest, TellsALateSubscriberWhyConnectingFailed) {
+  Start();
+  client_->Disconnect(kTransportError);
+  client_->OnConnected([this](const auto& error) { diary_.push_back("late: " + error->message); });
+  EXPECT_THAT(diary_, ElementsAre("connect failed: the cable was cut", "late: the cable was cut"));
+}
+
 TEST_F(ClientTest, TriesFourTimesAndThenFailsWithTheLastErrorOfTheServer) {
   Start();
   const std::string log = StdoutOf([this] {
@@ -292,6 +299,12 @@ TEST_F(ClientTest, GivesOnlyTheFirstOfTwoResponsesToTheCallback) {
   EXPECT_THAT(StdoutOf([this] { AnswerLast({}); }),
               IsLogLine("warn", "[RPC Receiver]: unhandled message"));
   EXPECT_THAT(diary_, ElementsAre("connected", "a answered"));
+}
+
+TEST_F(ClientTest, LogsAResponseThatNobodyWaitsFor) {
+  Connect();
+  EXPECT_THAT(StdoutOf([this] { client_->Receive(Message::CreateResponse(ID("other"), {})); }),
+              IsLogLine("warn", "[RPC Receiver]: unhandled message"));
 }
 
 TEST_F(ClientTest, LogsAResponseToARequestWithoutACallback) {

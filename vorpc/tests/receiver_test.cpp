@@ -204,6 +204,27 @@ TEST(Receiver, MakesOtherThreadsWaitUntilABatchIsDone) {
   EXPECT_THAT(log, ElementsAre("1", "2", "other"));
 }
 
+TEST(Receiver, LetsImmediateMessagesOfAnotherThreadPassADelivery) {
+  std::vector<std::string> log;
+  Receiver* self = nullptr;
+  Receiver receiver([&log](Message&& message) { log.push_back(message.GetNotification()->method); },
+                    [&](const Message& message) {
+                      const std::string method = message.GetNotification()->method;
+                      if (method == "1") {
+                        std::thread([&self] {
+                          self->SendImmediately(Notice("out"));
+                          self->ReceiveImmediately(Notice("in"));
+                        }).join();
+                      }
+                      log.push_back(method);
+                      return true;
+                    });
+  self = &receiver;
+  receiver.SetQueueEnabled();
+  receiver.Receive(Notice("1"));
+  EXPECT_THAT(log, ElementsAre("out", "in", "1"));
+}
+
 TEST(Receiver, DropsWhatIsSentWithoutASendFunction) {
   Receiver receiver({}, {});
   receiver.SetQueueEnabled();

@@ -228,6 +228,11 @@ TEST(EncodableMapToJsonString, IsCompact) {
   EXPECT_EQ(EncodableMapToJsonString({}), QString("{}"));
 }
 
+TEST(EncodableMapToJsonString, KeepsTextsBeyondAscii) {
+  EXPECT_EQ(EncodableMapToJsonString({{"\xC3\xA9", "\xF0\x9F\x98\x80"}}),
+            QString::fromUtf8("{\"\xC3\xA9\":\"\xF0\x9F\x98\x80\"}"));
+}
+
 TEST(EncodableMapToJsonString, IsANullStringForACustomValueAnywhere) {
   QString text("old");
   StdoutOf([&text] {
