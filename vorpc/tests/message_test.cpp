@@ -379,8 +379,9 @@ TEST(MessageDecoding, PrefersTheMethodToTheErrorAndTheResult) {
 }
 
 TEST(MessageDecoding, RefusesABadIdOfARequest) {
-  for (const EncodableValue& id : {EncodableValue(""), EncodableValue(1.5), EncodableValue(),
-                                   EncodableValue(EncodableList{1})}) {
+  for (const EncodableValue& id :
+       {EncodableValue(""), EncodableValue(1.5), EncodableValue(), EncodableValue(EncodableList{1}),
+        EncodableValue(EncodableMap{{"x", 1}}), EncodableValue(EncodableMap{{"id", ""}})}) {
     ExpectParseError(Decode({{"method", "m"}, {"id", id}}),
                      "Invalid id value in RPC request object");
   }
@@ -436,6 +437,11 @@ TEST(MessageDecoding, RefusesABadOrMissingIdOfAResponseWithAResult) {
   ExpectParseError(Decode({{"result", 1}, {"id", ""}}), "Invalid id value in RPC response object");
   ExpectParseError(Decode({{"result", 1}, {"id", EncodableMap{{"id", "x"}}}}),
                    "Invalid id value in RPC response object");
+}
+
+TEST(MessageDecoding, TakesNoNoticeOfOtherMembers) {
+  EXPECT_EQ(Decode({{1, "id"}, {"Method", "x"}, {"id", 1}, {"result", 2}, {"results", 3}}),
+            Message::CreateResponse(ID(1), 2));
 }
 
 TEST(MessageDecoding, RefusesAnIdWithNothingElse) {
