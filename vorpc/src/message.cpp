@@ -291,6 +291,9 @@ bool IsEncodable(const Content& /*content*/) {
 std::size_t EstimateSize(const cw::EncodableValue& payload) {
   constexpr std::size_t kEnvelope = 128;  // keys, version, id, method, sizes
   constexpr std::size_t kItem = 16;       // an item of a list, or half an entry of a map
+  if (payload.valueless_by_exception()) {
+    return kEnvelope;  // it is written as null
+  }
   return kEnvelope + std::visit(
                          [](const auto& value) -> std::size_t {
                            using T = std::decay_t<decltype(value)>;

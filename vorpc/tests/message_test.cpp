@@ -15,6 +15,7 @@
 #include "recorder.h"
 #include "support/capture.h"
 #include "support/log_line.h"
+#include "support/valueless.h"
 
 namespace vorpc::test_support {
 namespace {
@@ -682,6 +683,14 @@ TEST(MessageText, OfTypedListsAndLargeTextsIsThatOfTheMap) {
     EXPECT_EQ(message.ToBase64(), message.ToEncodable().Serialize().ToBase64());
     EXPECT_EQ(Message::FromBase64(message.ToBase64()), message);
   }
+}
+
+TEST(MessageText, HoldsNullForAPayloadThatAnExceptionEmptied) {
+  const auto message = Message::CreateRequest(ID(7), "m", cw::test_support::MakeValueless());
+  const EncodableValue expected(
+      EncodableMap{{"jsonrpc", "2.0"}, {"id", "7"}, {"method", "m"}, {"params", {}}});
+  EXPECT_EQ(message.ToBase64(), expected.Serialize().ToBase64());
+  EXPECT_EQ(message.ToEncodable().Serialize().ToBase64(), message.ToBase64());
 }
 
 TEST(MessageTextDeathTest, StopsTheProcessForACustomValue) {

@@ -63,6 +63,9 @@ class Level {
 class JsonWriter {
  public:
   bool Convert(const cw::EncodableValue& value, QJsonValue& out) {
+    if (value.valueless_by_exception()) {
+      return Convert(std::monostate(), out);  // as the codec takes it
+    }
     return std::visit(
         [this, &out](const auto& alternative) { return this->Convert(alternative, out); },
         static_cast<const cw::internal::EncodableVariant&>(value));

@@ -15,6 +15,7 @@
 
 #include "support/capture.h"
 #include "support/log_line.h"
+#include "support/valueless.h"
 
 // Printed by GoogleTest, which finds this beside the type.
 static void PrintTo(const QJsonValue& value, std::ostream* stream) {
@@ -79,6 +80,11 @@ TEST(EncodableToJson, KeepsNullAndBooleans) {
   EXPECT_TRUE(ToJson({}).isNull());
   EXPECT_EQ(ToJson(true), QJsonValue(true));
   EXPECT_EQ(ToJson(false), QJsonValue(false));
+}
+
+TEST(EncodableToJson, TakesAValueThatAnExceptionEmptiedForNull) {
+  EXPECT_EQ(ToJson(EncodableList{cw::test_support::MakeValueless()}),
+            QJsonValue(QJsonArray{QJsonValue()}));
 }
 
 TEST(EncodableToJson, TurnsSmallIntegersIntoNumbers) {

@@ -66,7 +66,8 @@ class TARV_EXPORT IOwnedServer : public IServer {
   // Hands in a message that arrived.
   virtual void Receive(Message&& message) = 0;
   // Declares that the user has let go of the server, though its owner still holds it: no callback
-  // begins any more. The last reference does the same.
+  // begins any more, and none is kept, whether it was given before or comes later. The last
+  // reference does the same.
   virtual void Abandon() = 0;
 
   // `send` is called with every message that goes out, on the thread that sends it; without one,
