@@ -170,9 +170,15 @@ void BinaryMessenger::SetMessageHandler(const std::string& channel, BinaryMessag
   auto stored = std::make_shared<const BinaryMessageHandler>(std::move(handler));
   Slot& slot = handlers_[channel];
   slot.messenger = this;
+  slot.life = std::make_shared<const bool>(true);
   // The handler that was there goes last: what it owns may call back in here.
   const StoredHandler replaced = std::exchange(slot.handler, std::move(stored));
   set(engine_, channel.c_str(), &BinaryMessenger::OnMessage, &slot);
+}
+
+std::weak_ptr<const void> BinaryMessenger::GetHandlerLife(const std::string& channel) const {
+  const auto found = handlers_.find(channel);
+  return found == handlers_.end() ? nullptr : found->second.life;
 }
 
 void BinaryMessenger::RemoveHandler(const std::string& channel) {
