@@ -416,7 +416,7 @@ TEST_F(RpcClientWrapper, WithoutATableOrAHandleIsEmptyWithoutAWord) {
 }
 
 TEST_F(RpcClientWrapper, ChecksItsEntriesInOrderAndNamesTheFirstThatIsMissing) {
-  const auto output = [this] {
+  const auto output = [] {
     return OutputOfFailure([] { return CreateManager()->CreateIpcClient("worker"); });
   };
   fake_->null_entries = {"SendMessage", "StartTask", "UnlockResources", "client Release"};
