@@ -170,9 +170,15 @@ void BinaryMessenger::SetMessageHandler(const std::string& channel, BinaryMessag
   auto stored = std::make_shared<const BinaryMessageHandler>(std::move(handler));
   Slot& slot = handlers_[channel];
   slot.messenger = this;
+  slot.life = std::make_shared<const bool>(true);
   // The handler that was there goes last: what it owns may call back in here.
   const StoredHandler replaced = std::exchange(slot.handler, std::move(stored));
   set(engine_, channel.c_str(), &BinaryMessenger::OnMessage, &slot);
+}
+
+std::weak_ptr<const void> BinaryMessenger::GetHandlerLife(const std::string& channel) const {
+  const auto found = handlers_.find(channel);
+  return found == handlers_.end() ? nullptr : found->second.life;
 }
 
 void BinaryMessenger::RemoveHandler(const std::string& channel) {
@@ -223,14 +229,24 @@ void CallRelease(void* release_data) {
   (*release)();
 }
 
+// Whether the structure can take the frame with all that it has. An embedder that knows no release
+// could never give the frame back: it is given back here, unshown.
+template <class Frame, class CFrame>
+bool CanTake(const CFrame* out, const Frame& frame) {
+  if (!frame.release ||
+      quarn::FieldFits(quarn::StatedSize(out), quarn::OffsetOf(&CFrame::release_data))) {
+    return true;
+  }
+  frame.release();
+  return false;
+}
+
 // What both kinds of frames have in common.
 template <class Frame, class CFrame>
 quarn::StructFiller<CFrame> FillFrame(Frame frame, CFrame* out) {
   quarn::StructFiller<CFrame> filler(out, quarn::StatedSize(out));
   filler.Fill(&CFrame::width, frame.width).Fill(&CFrame::height, frame.height);
-  // Only as a whole: a function without its data could not be called.
-  if (frame.release &&
-      quarn::FieldFits(quarn::StatedSize(out), quarn::OffsetOf(&CFrame::release_data))) {
+  if (frame.release) {
     filler.Fill(&CFrame::release, &CallRelease);
     filler.Fill(&CFrame::release_data,
                 std::make_unique<std::function<void()>>(std::move(frame.release)).release());
@@ -242,7 +258,7 @@ bool GetPixelBuffer(void* user_data, std::size_t width, std::size_t height,
                     FlutterVeltraPixelBuffer* out) {
   auto frame = std::get<PixelBufferTexture>(*static_cast<TextureVariant*>(user_data))
                    .GetFrame(width, height);
-  if (!frame) {
+  if (!frame || !CanTake(out, *frame)) {
     return false;
   }
   const std::uint8_t* const pixels = frame->pixels;
@@ -254,7 +270,7 @@ bool GetOpenGLFrame(void* user_data, std::size_t width, std::size_t height,
                     FlutterVeltraOpenGLFrame* out) {
   auto frame =
       std::get<OpenGLTexture>(*static_cast<TextureVariant*>(user_data)).GetFrame(width, height);
-  if (!frame) {
+  if (!frame || !CanTake(out, *frame)) {
     return false;
   }
   const OpenGLFrame numbers{frame->target, frame->name, frame->format, 0, 0, nullptr};

@@ -150,6 +150,24 @@ TEST_F(MethodChannelTest, AnswersAfterTheEngineIsGoneHarmlessly) {
   EXPECT_FALSE(answered);
 }
 
+TEST_F(MethodChannelTest, AHandlerMayEndTheEngine) {
+  veltra::test::Tracker tracker;
+  Handle([this, tracked = tracker.Track()](const cw::MethodCall<>&, const auto& result) {
+    engine_.reset();
+    messenger_.reset();
+    result->Success(EncodableValue("late"));
+  });
+  int answers = 0;
+  Dart().InvokeMethod("channel", "any", {}, [&answers](const MethodOutcome& outcome) {
+    EXPECT_EQ(outcome.kind, MethodOutcome::Kind::NotImplemented);
+    ++answers;
+  });
+  veltra::host::Engine other;
+  EXPECT_TRUE(other.RunUntil([this] { return messenger_ == nullptr; }));
+  EXPECT_TRUE(tracker.IsReleased());
+  EXPECT_LE(answers, 1);
+}
+
 TEST_F(MethodChannelTest, RefusesAMessageThatIsNoCall) {
   Handle([](const cw::MethodCall<>&, const auto&) { FAIL() << "called"; });
   EXPECT_THAT(StderrOf([this] {
@@ -379,6 +397,60 @@ TEST_F(EventChannelTest, EndsTheStreamWhenTheHandlerIsRemovedOrReplaced) {
   EXPECT_TRUE(heard_.empty());
   EXPECT_THAT(log_, ElementsAre("listen"));
   EXPECT_EQ(Cancel().kind, MethodOutcome::Kind::NotImplemented);
+}
+
+TEST_F(EventChannelTest, AHandlerThatRemovesItselfWhileItIsAskedToListenSendsNothingMore) {
+  const cw::EventChannel<> channel(messenger_.get(), "channel");
+  channel.SetStreamHandler(std::make_unique<cw::StreamHandlerFunctions<>>(
+      [&channel](const EncodableValue*, Sink events) -> Refusal {
+        events->Success(EncodableValue("before"));
+        channel.SetStreamHandler(nullptr);
+        events->Success(EncodableValue("after"));
+        events->EndOfStream();
+        return nullptr;
+      },
+      nullptr));
+  EXPECT_EQ(Listen().kind, MethodOutcome::Kind::Success);
+  RunPosted();
+  EXPECT_THAT(heard_, ElementsAre("before"));
+  EXPECT_FALSE(Dart().HasPluginHandler("channel"));
+}
+
+TEST_F(EventChannelTest, AHandlerThatReplacesItselfWhileItIsAskedToListenSendsNothingMore) {
+  const cw::EventChannel<> channel(messenger_.get(), "channel");
+  channel.SetStreamHandler(std::make_unique<cw::StreamHandlerFunctions<>>(
+      [this](const EncodableValue*, Sink events) -> Refusal {
+        Handle();
+        events->Success(EncodableValue("from the first"));
+        return nullptr;
+      },
+      nullptr));
+  Listen();
+  RunPosted();
+  EXPECT_TRUE(heard_.empty());
+  EXPECT_EQ(Cancel().code, "no-stream") << "nobody has listened to the second handler";
+  Listen();
+  events_->Success(EncodableValue("from the second"));
+  RunPosted();
+  EXPECT_THAT(heard_, ElementsAre("from the second"));
+}
+
+TEST_F(EventChannelTest, AHandlerThatRemovesItselfAsASecondListenCancelsItIsNotAskedToListen) {
+  const cw::EventChannel<> channel(messenger_.get(), "channel");
+  std::vector<std::string> log;
+  channel.SetStreamHandler(std::make_unique<cw::StreamHandlerFunctions<>>(
+      [&log](const EncodableValue*, const Sink&) -> Refusal {
+        log.emplace_back("listen");
+        return nullptr;
+      },
+      [&](const EncodableValue*) -> Refusal {
+        log.emplace_back("cancel");
+        channel.SetStreamHandler(nullptr);
+        return nullptr;
+      }));
+  Listen();
+  EXPECT_EQ(Listen().code, "no-stream");
+  EXPECT_THAT(log, ElementsAre("listen", "cancel"));
 }
 
 TEST_F(EventChannelTest, KnowsNoOtherMethods) {

@@ -175,6 +175,29 @@ TEST_F(PluginRegistrarTest, MayBeUsedByAPluginThatIsBeingReleased) {
   EXPECT_EQ(plugin.use_count(), 1);
 }
 
+// Asks for its registrar once more as it dies.
+class LateAskingPlugin : public cw::Plugin {
+ public:
+  LateAskingPlugin(FlutterVeltraPluginContext* context, std::shared_ptr<cw::Plugin> next)
+      : context_(context), next_(std::move(next)) {}
+  ~LateAskingPlugin() override { GetRegistrar(context_)->AddPlugin(next_); }
+
+ private:
+  FlutterVeltraPluginContext* context_;
+  std::shared_ptr<cw::Plugin> next_;
+};
+
+TEST_F(PluginRegistrarTest, MadeByADyingPluginGoesWithTheEngineToo) {
+  auto* const context = engine_->MakeContext();
+  auto last = std::make_shared<cw::Plugin>();
+  const std::weak_ptr<cw::Plugin> watched = last;
+  // The first one dies while the registrar is still there, the second one with it.
+  GetRegistrar(context)->AddPlugin(std::make_shared<LateAskingPlugin>(
+      context, std::make_shared<LateAskingPlugin>(context, std::move(last))));
+  engine_.reset();
+  EXPECT_TRUE(watched.expired());
+}
+
 TEST_F(PluginRegistrarTest, ReportsTheLibraryPathOfTheApplication) {
   veltra::host::EngineOptions options;
   options.library_path = "/opt/app/lib";

@@ -1,6 +1,8 @@
 #include <cw/texture_registrar.h>
 #include <gmock/gmock.h>
 
+#include <cstddef>
+#include <functional>
 #include <stdexcept>
 #include <thread>
 
@@ -87,6 +89,80 @@ TEST_F(TextureRegistrarTest, GivesBackAFrameThatCannotBeShown) {
       }));
   EXPECT_FALSE(Textures().PullFrame(id, 4, 4));
   EXPECT_EQ(released, 1);
+}
+
+// What a plug-in last registered with an embedder that keeps no textures of its own.
+FlutterVeltraTexture& Registered() {
+  static FlutterVeltraTexture texture{};
+  return texture;
+}
+
+bool LoadTableOfOneEntry(_FlutterVeltraEngine*, FlutterVeltraTextureProcTable* table, std::size_t) {
+  table->RegisterTexture = [](_FlutterVeltraEngine*, const FlutterVeltraTexture* texture) {
+    Registered() = *texture;
+    return std::int64_t{1};
+  };
+  return true;
+}
+
+// An embedder that hands out frame structures of its own size.
+class ShortFrameTest : public TextureRegistrarTest {
+ protected:
+  ~ShortFrameTest() override { Registered().release(Registered().user_data); }
+
+  void Register(cw::TextureVariant texture) {
+    FlutterVeltraPluginContext context = *engine_->MakeContext();
+    context.TextureProcTableLoad = &LoadTableOfOneEntry;
+    TextureRegistrar::Create(&context)->RegisterTexture(std::move(texture));
+  }
+
+  cw::PixelBufferTexture MakeTexture(std::function<void()> release) {
+    return cw::PixelBufferTexture([this, release](std::size_t, std::size_t) {
+      return cw::PixelBuffer{&pixel_, 1, 1, release};
+    });
+  }
+
+  // Asks for a frame by a structure of this size.
+  static FlutterVeltraPixelBuffer Ask(std::size_t size, bool expected) {
+    FlutterVeltraPixelBuffer frame{};
+    frame.size = size;
+    EXPECT_EQ(Registered().GetPixelBuffer(Registered().user_data, 1, 1, &frame), expected);
+    return frame;
+  }
+
+  const std::uint8_t pixel_ = 7;
+};
+
+TEST_F(ShortFrameTest, WithoutRoomForTheReleaseGivesTheFrameBackAtOnceAndShowsNone) {
+  int released = 0;
+  Register(MakeTexture([&released] { ++released; }));
+  EXPECT_EQ(Ask(40, false).release, nullptr);
+  EXPECT_EQ(released, 1);
+}
+
+TEST_F(ShortFrameTest, WithoutRoomForTheReleaseGivesAnOpenGLFrameBackToo) {
+  int released = 0;
+  Register(cw::OpenGLTexture([&released](std::size_t, std::size_t) {
+    return cw::OpenGLFrame{1, 2, 3, 4, 5, [&released] { ++released; }};
+  }));
+  FlutterVeltraOpenGLFrame frame{};
+  frame.size = offsetof(FlutterVeltraOpenGLFrame, release_data);
+  EXPECT_FALSE(Registered().GetOpenGLFrame(Registered().user_data, 1, 1, &frame));
+  EXPECT_EQ(released, 1);
+}
+
+TEST_F(ShortFrameTest, WithRoomForTheReleaseIsGivenBackByTheEmbedder) {
+  int released = 0;
+  Register(MakeTexture([&released] { ++released; }));
+  const FlutterVeltraPixelBuffer frame = Ask(sizeof(frame), true);
+  EXPECT_EQ(released, 0);
+  frame.release(frame.release_data);
+  EXPECT_EQ(released, 1);
+}
+
+TEST_F(ShortFrameTest, ShowsAFrameThatNeedsNoRelease) {
+  Register(MakeTexture(nullptr));
+  EXPECT_EQ(Ask(32, true).pixels, &pixel_);
 }
 
 TEST_F(TextureRegistrarTest, TellsOfNewFramesFromAnyThread) {

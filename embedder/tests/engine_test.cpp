@@ -3,7 +3,16 @@
 #include <gmock/gmock.h>
 #include <quarn/slot.h>
 
+#include <QChildEvent>
+#include <QPointer>
+#include <QTimer>
+#include <QTimerEvent>
+#include <algorithm>
 #include <atomic>
+#include <cstddef>
+#include <cstring>
+#include <limits>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -53,6 +62,27 @@ TEST_F(EngineTest, LeavesMissingEntriesNull) {
   EXPECT_EQ(table.OnChannelUpdateSubscribe, nullptr);
 }
 
+TEST_F(EngineTest, LoadersZeroTheWholeTableAndStateWhatTheyKnowOfIt) {
+  veltra::host::EngineOptions options;
+  options.table_sizes.messenger = 24;
+  Restart(options);
+  const auto* const context = engine_->MakeContext();
+  struct {
+    FlutterVeltraMessengerProcTable table;
+    std::uint64_t newer_entry;
+    std::uint64_t not_the_tables;
+  } memory{};
+  std::memset(&memory, 0xAA, sizeof(memory));
+  const std::size_t size = offsetof(decltype(memory), not_the_tables);
+  ASSERT_TRUE(context->MessengerProcTableLoad(context->engine, &memory.table, size));
+  EXPECT_EQ(memory.table.size, 24U);
+  EXPECT_NE(memory.table.SetMessageHandler, nullptr);
+  EXPECT_EQ(memory.table.OnChannelUpdateSubscribe, nullptr);
+  EXPECT_EQ(memory.table.OnChannelUpdateUnsubscribe, nullptr);
+  EXPECT_EQ(memory.newer_entry, 0U);
+  EXPECT_EQ(memory.not_the_tables, 0xAAAAAAAAAAAAAAAAU);
+}
+
 TEST_F(EngineTest, LoadersFailForANullTableAndForAnEngineThatIsGone) {
   const FlutterVeltraPluginContext context = *engine_->MakeContext();
   EXPECT_FALSE(context.MessengerProcTableLoad(context.engine, nullptr, 40));
@@ -85,6 +115,24 @@ TEST_F(EngineTest, TellsEachRegistrarThatItEnds) {
   EXPECT_TRUE(Ended().empty());
   engine_.reset();
   EXPECT_THAT(Ended(), ElementsAre(handle));
+}
+
+FlutterVeltraPluginContext*& ContextThatEnds() {
+  static FlutterVeltraPluginContext* context = nullptr;
+  return context;
+}
+
+TEST_F(EngineTest, TellsARegistrarThatIsMadeWhileItEnds) {
+  Ended().clear();
+  auto* const context = ContextThatEnds() = engine_->MakeContext();
+  _FlutterVeltraEngine* const handle = engine_->GetRef();
+  context->SetRegistrarDestroyedCallback(handle, [](auto* engine) {
+    Ended().push_back(engine);
+    ContextThatEnds()->SetRegistrarDestroyedCallback(
+        engine, [](auto* same_engine) { Ended().push_back(same_engine); });
+  });
+  engine_.reset();
+  EXPECT_THAT(Ended(), ElementsAre(handle, handle));
 }
 
 // ---- Tasks --------------------------------------------------------------------------------------
@@ -139,6 +187,58 @@ TEST_F(TaskTest, MayEndTheEngineAfterADelay) {
   Enqueue([] { FAIL(); }, 3600'000);
   veltra::host::Engine other;
   EXPECT_TRUE(other.RunUntil([this] { return engine_ == nullptr; }));
+}
+
+// Knows the timers that are started while it lives.
+class TimerWatch : public QObject {
+ public:
+  TimerWatch() { QCoreApplication::instance()->installEventFilter(this); }
+
+  // The one timer that there is, which must be waiting.
+  QTimer& GetTimer() const {
+    const auto found =
+        std::find_if(children_.begin(), children_.end(), [](const QPointer<QObject>& child) {
+          return qobject_cast<QTimer*>(child.data()) != nullptr;
+        });
+    if (found == children_.end()) {
+      throw std::logic_error("no timer has been started");
+    }
+    return *qobject_cast<QTimer*>(found->data());
+  }
+
+  // Makes its time be up.
+  void Fire() const {
+    QTimerEvent event(GetTimer().timerId());
+    QCoreApplication::sendEvent(&GetTimer(), &event);
+  }
+
+ protected:
+  bool eventFilter(QObject* /*parent*/, QEvent* event) override {
+    if (event->type() == QEvent::ChildAdded) {
+      children_.emplace_back(static_cast<QChildEvent*>(event)->child());
+    }
+    return false;
+  }
+
+ private:
+  std::vector<QPointer<QObject>> children_;
+};
+
+TEST_F(TaskTest, DelayedForLongerThanATimerCanWaitAreWaitedForInTurns) {
+  constexpr int kLongest = std::numeric_limits<int>::max();
+  const TimerWatch watch;
+  bool done = false;
+  Enqueue([&done] { done = true; }, 2U * kLongest + 1);
+  RunPosted();
+  EXPECT_EQ(watch.GetTimer().interval(), kLongest);
+  EXPECT_TRUE(watch.GetTimer().isActive());
+  watch.Fire();
+  EXPECT_EQ(watch.GetTimer().interval(), kLongest);
+  EXPECT_TRUE(watch.GetTimer().isActive());
+  EXPECT_FALSE(done);
+  watch.Fire();
+  EXPECT_EQ(watch.GetTimer().interval(), 1);
+  EXPECT_TRUE(RunUntil([&done] { return done; }));
 }
 
 TEST_F(TaskTest, ArePostedWhileTheEngineEnds) {
@@ -277,6 +377,59 @@ TEST_F(EngineTest, LockedResourcesStayAsTheyWere) {
   engine_.reset();
   EXPECT_STREQ(theme.name, "before");
   lock.release(lock.lock_data);
+}
+
+// Two locks that overlap, and a theme that changes between them.
+class OverlappingLocks : public EngineTest {
+ protected:
+  OverlappingLocks() : context_(engine_->MakeContext()) {
+    context_->ViewProcTableLoad(context_->engine, &table_, sizeof(table_));
+    engine_->GetView().SetTheme({"before"});
+    Lock(first_);
+    engine_->GetView().SetTheme({"after"});
+    Lock(second_);
+    EXPECT_EQ(engine_->GetView().CountLocks(), 2U);
+    theme_.size = sizeof(theme_);
+    EXPECT_TRUE(table_.GetTheme(context_->engine, &theme_));
+  }
+
+  void Lock(FlutterVeltraResourcesLock& lock) {
+    lock.size = sizeof(lock);
+    EXPECT_TRUE(table_.LockResources(context_->engine, &lock));
+  }
+  static void Release(const FlutterVeltraResourcesLock& lock) { lock.release(lock.lock_data); }
+
+  FlutterVeltraPluginContext* context_;
+  FlutterVeltraViewProcTable table_{};
+  FlutterVeltraResourcesLock first_{};
+  FlutterVeltraResourcesLock second_{};
+  FlutterVeltraTheme theme_{};
+};
+
+TEST_F(OverlappingLocks, KeepWhatEitherWasHandedUntilTheLastIsReleased) {
+  EXPECT_STREQ(theme_.name, "before");
+  Release(second_);
+  EXPECT_STREQ(theme_.name, "before");
+  Release(first_);
+  EXPECT_EQ(engine_->GetView().CountLocks(), 0U);
+}
+
+TEST_F(OverlappingLocks, MayBeReleasedInTheOrderInWhichTheyWereTaken) {
+  Release(first_);
+  EXPECT_STREQ(theme_.name, "before");
+  EXPECT_TRUE(table_.GetTheme(context_->engine, &theme_));
+  EXPECT_STREQ(theme_.name, "before");
+  Release(second_);
+  EXPECT_FALSE(table_.GetTheme(context_->engine, &theme_));
+}
+
+TEST_F(OverlappingLocks, AreFollowedByWhatHasChangedMeanwhile) {
+  Release(first_);
+  Release(second_);
+  Lock(first_);
+  EXPECT_TRUE(table_.GetTheme(context_->engine, &theme_));
+  EXPECT_STREQ(theme_.name, "after");
+  Release(first_);
 }
 
 }  // namespace

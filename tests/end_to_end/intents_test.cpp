@@ -2,6 +2,7 @@
 
 #include <RuntimeManager/IntentsInvoker.h>
 #include <gmock/gmock.h>
+#include <quarn/library.h>
 #include <signal.h>
 #include <sys/stat.h>
 
@@ -11,6 +12,8 @@
 
 #include "application.h"
 #include "kit/program.h"
+#include "support/capture.h"
+#include "support/log_line.h"
 
 namespace tarv::test {
 namespace {
@@ -180,6 +183,47 @@ TEST_F(EndToEndIntents, GiveFalseForWhatIsNoUri) {
   ASSERT_TRUE(WaitForOutcomes(1));
   EXPECT_THAT(outcomes_, ElementsAre("no"));
   EXPECT_EQ(OpenedUris(), "");
+}
+
+// The slot that an intent manager last passed to the service.
+TARVOpenUriSlot& PassedSlot() {
+  static TARVOpenUriSlot slot{};
+  return slot;
+}
+
+decltype(TARVIntentManagerProcTable::OpenUri)& RealOpenUri() {
+  static decltype(TARVIntentManagerProcTable::OpenUri) entry = nullptr;
+  return entry;
+}
+
+// The service's table, with an entry that notes the slot before it passes it on: what the service
+// does not take would otherwise be nobody's.
+QuarnResult LoadNotingTable(TARVIntentManagerProcTable* table, std::size_t size) {
+  TARVProcTable root{};
+  TARVProcTableLoad(&root, sizeof(root));
+  const QuarnResult result = root.IntentManagerProcTableLoad(table, size);
+  RealOpenUri() = table->OpenUri;
+  table->OpenUri = [](_TARVIntentManagerRef* intents, const char* uri, TARVOpenUriSlot* slot) {
+    PassedSlot() = *slot;
+    return RealOpenUri()(intents, uri, slot);
+  };
+  return result;
+}
+
+TEST_F(EndToEndIntents, OfAManagerThatIsGoneNeverCallTheCallback) {
+  const auto library =
+      quarn::Library::Create(std::filesystem::path(LibraryFolder()) / "libtarv.so");
+  intents_ = IntentManager::Create(IntentManager::Api::Create(library, &LoadNotingTable),
+                                   tables_.root.GetIntentManager(manager_));
+  manager_wrapper_.reset();
+  const auto alive = std::make_shared<int>(0);
+  EXPECT_THAT(StdoutOf([&] {
+                intents_->OpenUri("https://example.com/1", [alive](bool) { ADD_FAILURE(); });
+              }),
+              IsLogLine("error", "Intent Manager is not initialized."));
+  RunEvents(std::chrono::milliseconds(20));
+  EXPECT_EQ(alive.use_count(), 2) << "the service has not taken the slot, and so not released it";
+  PassedSlot().release(PassedSlot().user_data);
 }
 
 TEST_F(EndToEndIntents, MayBeAskedForFromInsideACallback) {

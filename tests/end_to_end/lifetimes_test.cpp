@@ -207,6 +207,32 @@ TEST_F(Lifetimes, OfAnIntentManagerMayEndInsideItsCallback) {
   EXPECT_EQ(outcomes, 1) << "the second request went with the manager";
 }
 
+TEST_F(Lifetimes, OfAnIntentManagerEndBeforeItsManagerWithRequestsInFlight) {
+  const ScopedVariable handler("RUNTIME_MANAGER_URI_HANDLER", "/bin/true");
+  auto intents = manager_wrapper_->GetIntentManager();
+  int outcomes = 0;
+  for (const char* const uri : {"https://example.com/1", "https://example.com/2"}) {
+    intents->OpenUri(uri, [&outcomes](bool success) { outcomes += success ? 1 : 0; });
+  }
+  intents.reset();
+  EXPECT_TRUE(WaitUntil([&outcomes] { return outcomes == 2; }))
+      << "the requests are the service's, which is still there";
+}
+
+TEST_F(Lifetimes, OfAnIntentManagerAndItsManagerEndWithRequestsInFlight) {
+  const ScopedVariable handler("RUNTIME_MANAGER_URI_HANDLER", "/bin/true");
+  auto intents = manager_wrapper_->GetIntentManager();
+  const auto alive = std::make_shared<int>(0);
+  for (const char* const uri : {"https://example.com/1", "https://example.com/2"}) {
+    intents->OpenUri(uri, [alive](bool) { ADD_FAILURE() << "an outcome after the end"; });
+  }
+  intents.reset();
+  EXPECT_EQ(alive.use_count(), 3);
+  manager_wrapper_.reset();
+  EXPECT_EQ(alive.use_count(), 1) << "what waits goes with the manager";
+  RunEvents(kAWhile);
+}
+
 // ---- In the task
 
 using TaskCase = std::tuple<const char*, const char*>;

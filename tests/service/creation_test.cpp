@@ -47,48 +47,46 @@ std::string OutputWithFailingAllocation(int n, Action&& action) {
   return output.GetText();
 }
 
-// In a process of its own, because the manager is made once in a process.
-TEST(ManagerCreationFailure, MakesEveryInitializeReturnNullAndSaysWhyOnce) {
-  const pid_t child = fork();
-  if (child == 0) {
-    Tables tables;
-    _TARVManagerRef* first = nullptr;
-    const std::string output =
-        OutputWithFailingAllocation(0, [&] { first = tables.root.Initialize(); });
-    const bool told =
-        output.rfind("[error] src/manager.cpp:", 0) == 0 &&
-        output.find(" Could not create Runtime Manager on API side.\n") != std::string::npos;
-    const std::string later = StdoutOf([&] {
-      if (tables.root.Initialize() != nullptr) {
-        std::_Exit(2);
-      }
-    });
-    std::_Exit(first == nullptr && told && later.empty() ? 0 : 1);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  EXPECT_EQ(status, 0);
+// Each in a process of its own, which has made no manager yet: there is one in a process, made
+// once.
+class ManagerCreationDeathTest : public testing::Test {
+ protected:
+  ManagerCreationDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
+void FailToInitialize() {
+  const Tables tables;
+  _TARVManagerRef* first = nullptr;
+  const std::string output =
+      OutputWithFailingAllocation(0, [&] { first = tables.root.Initialize(); });
+  const bool told =
+      output.rfind("[error] src/manager.cpp:", 0) == 0 &&
+      output.find(" Could not create Runtime Manager on API side.\n") != std::string::npos;
+  _TARVManagerRef* second = nullptr;
+  const std::string later = StdoutOf([&] { second = tables.root.Initialize(); });
+  std::_Exit(first == nullptr && told && second == nullptr && later.empty() ? 0 : 1);
 }
 
-// In a process of its own, too: only the first calls race.
-TEST(ManagerCreation, IsOneForThreadsThatInitializeAtOnce) {
-  const pid_t child = fork();
-  if (child == 0) {
-    const Tables tables;
-    std::vector<_TARVManagerRef*> seen(8);
-    std::vector<std::thread> threads;
-    for (auto& handle : seen) {
-      threads.emplace_back([&tables, &handle] { handle = tables.root.Initialize(); });
-    }
-    for (auto& thread : threads) {
-      thread.join();
-    }
-    const bool same = std::count(seen.begin(), seen.end(), seen[0]) == 8;
-    std::_Exit(same && seen[0] != nullptr ? 0 : 1);
+TEST_F(ManagerCreationDeathTest, ThatFailsMakesEveryInitializeReturnNullAndSaysWhyOnce) {
+  EXPECT_EXIT(FailToInitialize(), testing::ExitedWithCode(0), "");
+}
+
+void InitializeByThreads() {
+  const Tables tables;
+  std::vector<_TARVManagerRef*> seen(8);
+  std::vector<std::thread> threads;
+  for (auto& handle : seen) {
+    threads.emplace_back([&tables, &handle] { handle = tables.root.Initialize(); });
   }
-  int status = 0;
-  waitpid(child, &status, 0);
-  EXPECT_EQ(status, 0);
+  for (auto& thread : threads) {
+    thread.join();
+  }
+  const bool same = std::count(seen.begin(), seen.end(), seen[0]) == 8;
+  std::_Exit(same && seen[0] != nullptr ? 0 : 1);
+}
+
+TEST_F(ManagerCreationDeathTest, IsOneForThreadsThatInitializeAtOnce) {
+  EXPECT_EXIT(InitializeByThreads(), testing::ExitedWithCode(0), "");
 }
 
 class CreationFailure : public ServiceTest {};

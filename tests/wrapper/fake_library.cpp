@@ -32,6 +32,9 @@ void UnlockClient(_TARVRpcClientRef*, size_t chunk) {
 
 QuarnResult SendFromClient(_TARVRpcClientRef*, const char* text) {
   Log("Send(" + Quote(text) + ")");
+  if (const auto on_send = library.on_send) {
+    on_send();
+  }
   return Answer("SendMessage");
 }
 

@@ -5,6 +5,7 @@
 
 #include <tarv/tarv_capi.h>
 
+#include <functional>
 #include <set>
 #include <string>
 #include <vector>
@@ -21,6 +22,9 @@ struct FakeLibrary {
   std::set<std::string> null_entries;
   // Names of entries that fail: null handles, refusals.
   std::set<std::string> failing;
+
+  // Called from inside each send, unless it is empty.
+  std::function<void()> on_send;
 
   // Every call, as "Name(arguments)".
   std::vector<std::string> calls;

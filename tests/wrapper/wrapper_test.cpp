@@ -1,5 +1,6 @@
 // The objects that plug-ins use, over a library that plays the service.
 
+#include <cw/plugin_registrar.h>
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <quarn/dispatcher.h>
@@ -7,10 +8,12 @@
 #include <tarv/rpc_client.h>
 #include <tarv/rpc_server.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "fake_library.h"
 #include "support/capture.h"
@@ -159,6 +162,137 @@ TEST_F(ManagerWrapperTest, OfSize64NamesTheServersLoader) {
               IsMissing("RpcServerProcTableLoad"));
 }
 
+// What is missing from a table of some size, by operation; empty where nothing is.
+struct MissingAtSize {
+  std::uint64_t size;
+  std::string intents;
+  std::string client;
+  std::string server;
+};
+
+TEST_F(ManagerWrapperTest, OfEachSizeNamesTheFirstEntryThatIsBeyondIt) {
+  const std::vector<MissingAtSize> cases = {
+      {16, "IntentManagerProcTableLoad", "CreateRpcClient", "GetRpcServer"},
+      {24, "IntentManagerProcTableLoad", "CreateRpcClient", "GetRpcServer"},
+      {32, "IntentManagerProcTableLoad", "CreateRpcClient", "GetRpcServer"},
+      {39, "IntentManagerProcTableLoad", "CreateRpcClient", "GetRpcServer"},
+      {40, "", "CreateRpcClient", "GetRpcServer"},
+      {48, "", "RpcClientProcTableLoad", "GetRpcServer"},
+      {56, "", "", "GetRpcServer"},
+      {64, "", "", "RpcServerProcTableLoad"},
+      {72, "", "", ""},
+  };
+  // What `create` logs, which must agree with whether it returns something.
+  const auto check = [](const std::string& missing, const auto& create) {
+    bool created = false;
+    const std::string output = StdoutOf([&] { created = create() != nullptr; });
+    EXPECT_EQ(created, missing.empty());
+    if (missing.empty()) {
+      EXPECT_EQ(output, "");
+    } else {
+      EXPECT_THAT(output, IsMissing(missing));
+    }
+  };
+  for (const MissingAtSize& row : cases) {
+    SCOPED_TRACE("size " + std::to_string(row.size));
+    fake_->root_size = row.size;
+    const auto manager = CreateManager();
+    ASSERT_TRUE(manager);
+    check(row.intents, [&] { return manager->GetIntentManager(); });
+    check(row.client, [&] { return manager->CreateIpcClient("worker"); });
+    check(row.server, [&] { return manager->CreateRpcServer(); });
+  }
+}
+
+TEST_F(ManagerWrapperTest, WithoutTheClientsEntriesNamesTheFirst) {
+  fake_->null_entries = {"CreateRpcClient", "RpcClientProcTableLoad"};
+  const auto manager = CreateManager();
+  EXPECT_THAT(OutputOfFailure([&] { return manager->CreateIpcClient("worker"); }),
+              IsMissing("CreateRpcClient"));
+  EXPECT_THAT(fake_->calls, ElementsAre("Initialize()"));
+}
+
+TEST_F(ManagerWrapperTest, WithoutTheClientsLoaderNamesItAndMakesNoClient) {
+  fake_->null_entries = {"RpcClientProcTableLoad"};
+  const auto manager = CreateManager();
+  EXPECT_THAT(OutputOfFailure([&] { return manager->CreateIpcClient("worker"); }),
+              IsMissing("RpcClientProcTableLoad"));
+  EXPECT_THAT(fake_->calls, ElementsAre("Initialize()"));
+}
+
+TEST_F(ManagerWrapperTest, WithoutTheServersEntriesNamesTheFirst) {
+  fake_->null_entries = {"GetRpcServer", "RpcServerProcTableLoad"};
+  const auto manager = CreateManager();
+  EXPECT_THAT(OutputOfFailure([&] { return manager->CreateRpcServer(); }),
+              IsMissing("GetRpcServer"));
+  EXPECT_THAT(fake_->calls, ElementsAre("Initialize()"));
+}
+
+TEST_F(ManagerWrapperTest, WithoutTheServersLoaderNamesItAndAsksForNoServer) {
+  fake_->null_entries = {"RpcServerProcTableLoad"};
+  const auto manager = CreateManager();
+  EXPECT_THAT(OutputOfFailure([&] { return manager->CreateRpcServer(); }),
+              IsMissing("RpcServerProcTableLoad"));
+  EXPECT_THAT(fake_->calls, ElementsAre("Initialize()"));
+}
+
+TEST_F(ManagerWrapperTest, WithoutTheIntentLoaderNamesIt) {
+  fake_->null_entries = {"IntentManagerProcTableLoad"};
+  const auto manager = CreateManager();
+  EXPECT_THAT(OutputOfFailure([&] { return manager->GetIntentManager(); }),
+              IsMissing("IntentManagerProcTableLoad"));
+}
+
+TEST_F(ManagerWrapperTest, OfAnEmptyFolderLooksNowhereElse) {
+  // Found under this name, with no folder, is what is loaded already.
+  EXPECT_THAT(
+      OutputOfFailure([] { return ManagerWrapper::Create(quarn::IDispatcher::CreateEmpty(), ""); }),
+      IsLogLine("error",
+                "Couldn't load library \"\"libtarv.so\"\": the application's library folder "
+                "is unknown; see to it that the embedder reports one"));
+  EXPECT_THAT(fake_->calls, IsEmpty());
+}
+
+// Registrars of an embedder that knows little.
+class RegistrarOfAManager : public ManagerWrapperTest {
+ protected:
+  static FlutterVeltraPluginContext MakeContext() {
+    FlutterVeltraPluginContext context{};
+    context.size = sizeof(context);
+    context.engine = reinterpret_cast<_FlutterVeltraEngine*>(4711);
+    return context;
+  }
+
+  // Whether the library was loaded for such a registrar, and what was logged meanwhile.
+  static std::string OutputOf(FlutterVeltraPluginContext context, bool expected) {
+    cw::PluginRegistrar registrar(&context);
+    return StdoutOf([&] { EXPECT_EQ(ManagerWrapper::Create(&registrar) != nullptr, expected); });
+  }
+
+  static bool LoadApplication(_FlutterVeltraEngine*, FlutterVeltraApplicationProcTable* table,
+                              std::size_t) {
+    table->GetLibraryPath = [](_FlutterVeltraEngine*, const char* name) {
+      return *name == '\0' ? kFolder : nullptr;
+    };
+    return true;
+  }
+};
+
+TEST_F(RegistrarOfAManager, NamesTheFolderThatTheLibraryIsLoadedFrom) {
+  FlutterVeltraPluginContext context = MakeContext();
+  context.ApplicationProcTableLoad = &LoadApplication;
+  EXPECT_EQ(OutputOf(context, true), "");
+  EXPECT_THAT(fake_->calls, ElementsAre("Initialize()", "Release(manager)"));
+}
+
+TEST_F(RegistrarOfAManager, WithoutALibraryPathGivesNone) {
+  const std::string output = OutputOf(MakeContext(), false);
+  EXPECT_THAT(output, HasSubstr(" Method 'GetLibraryPath' is not provided by the loaded API.\n"));
+  EXPECT_THAT(output, HasSubstr(" Couldn't load library \"\"libtarv.so\"\": "));
+  EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 2);
+  EXPECT_THAT(fake_->calls, IsEmpty());
+}
+
 TEST_F(ManagerWrapperTest, WithoutBothIntentEntriesNamesOnlyTheLoader) {
   fake_->null_entries = {"GetIntentManager", "IntentManagerProcTableLoad"};
   const auto manager = CreateManager();
@@ -241,14 +375,35 @@ class RpcClientWrapper : public Wrapper {
   // A client whose handshake is done.
   std::shared_ptr<vorpc::IClient> CreateConnectedClient() {
     auto client = CreateClient();
-    client->Run();
+    Connect(*client);
+    return client;
+  }
+
+  void Connect(vorpc::IClient& client) {
+    client.Run();
     Started(0, "", 0);
     const Message connect = LastSent();
     Received(Message::CreateResponse(connect.GetRequest()->id, {}).ToBase64(), 1);
-    EXPECT_TRUE(client->IsConnected());
+    EXPECT_TRUE(client.IsConnected());
+    fake_->calls.clear();
+  }
+
+  // A client over a table that the test can change afterwards.
+  std::shared_ptr<vorpc::IClient> CreateClientOverOwnTable() {
+    const auto library = quarn::Library::Create(std::string(kFolder) + "/libtarv.so");
+    TARVProcTable root{};
+    library->Resolve<QuarnResult(TARVProcTable*, std::size_t)>("TARVProcTableLoad")(&root,
+                                                                                    sizeof(root));
+    const std::shared_ptr<RpcClient::Api> api =
+        RpcClient::Api::Create(library, root.RpcClientProcTableLoad);
+    table_ = const_cast<TARVRpcClientProcTable*>(&api->GetTable());
+    auto client = RpcClient::Create(quarn::IDispatcher::CreateEmpty(), "worker", api,
+                                    reinterpret_cast<_TARVRpcClientRef*>(13));
     fake_->calls.clear();
     return client;
   }
+
+  TARVRpcClientProcTable* table_ = nullptr;
 };
 
 TEST_F(RpcClientWrapper, WithoutATableOrAHandleIsEmptyWithoutAWord) {
@@ -261,7 +416,7 @@ TEST_F(RpcClientWrapper, WithoutATableOrAHandleIsEmptyWithoutAWord) {
 }
 
 TEST_F(RpcClientWrapper, ChecksItsEntriesInOrderAndNamesTheFirstThatIsMissing) {
-  const auto output = [this] {
+  const auto output = [] {
     return OutputOfFailure([] { return CreateManager()->CreateIpcClient("worker"); });
   };
   fake_->null_entries = {"SendMessage", "StartTask", "UnlockResources", "client Release"};
@@ -334,6 +489,81 @@ TEST_F(RpcClientWrapper, IgnoresTheResultOfASend) {
   EXPECT_TRUE(client->IsConnected());
 }
 
+TEST_F(RpcClientWrapper, SendWithoutTheEntryLogsThatItIsNotProvided) {
+  const auto client = CreateClientOverOwnTable();
+  Started(0, "", 0);
+  table_->SendMessage = nullptr;
+  EXPECT_THAT(StdoutOf([&client] { client->Run(); }), IsMissing("SendMessage"));
+  EXPECT_THAT(fake_->calls, IsEmpty());
+}
+
+TEST_F(RpcClientWrapper, SendBeyondTheSizeOfTheTableLogsThatItIsNotProvided) {
+  const auto client = CreateClientOverOwnTable();
+  Started(0, "", 0);
+  table_->size = 31;
+  EXPECT_THAT(StdoutOf([&client] { client->Run(); }), IsMissing("SendMessage"));
+  EXPECT_THAT(fake_->calls, IsEmpty());
+}
+
+TEST_F(RpcClientWrapper, MessageWithoutTheUnlockEntryLogsThatItIsNotProvided) {
+  const auto client = CreateClientOverOwnTable();
+  std::vector<std::string> heard;
+  client->OnNotify("tick",
+                   [&heard](const auto& notification) { heard.push_back(notification.method); });
+  Connect(*client);
+  table_->UnlockResources = nullptr;
+  const std::string tick = Message::CreateNotification("tick", {}).ToBase64();
+  EXPECT_THAT(StdoutOf([&] { Received(tick, 5); }), IsMissing("UnlockResources"));
+  EXPECT_THAT(heard, ElementsAre("tick"));
+  EXPECT_THAT(fake_->calls, IsEmpty());
+}
+
+TEST_F(RpcClientWrapper, DisconnectWithoutTheUnlockEntryLogsThatItIsNotProvided) {
+  const auto client = CreateClientOverOwnTable();
+  Connect(*client);
+  int disconnects = 0;
+  client->OnDisconnected([&disconnects](const auto&) { ++disconnects; });
+  table_->size = 23;
+  EXPECT_THAT(StdoutOf([this] { Disconnected(0, "", 5); }), IsMissing("UnlockResources"));
+  EXPECT_EQ(disconnects, 1);
+  EXPECT_THAT(fake_->calls, IsEmpty());
+}
+
+TEST_F(RpcClientWrapper, LetGoInsideASendSendsNothingMore) {
+  auto client = CreateClient();
+  client->SendNotify("first", {});
+  client->SendNotify("second", {});
+  client->Run();
+  Started(0, "", 0);
+  const Message connect = LastSent();
+  fake_->calls.clear();
+  // The first message that had to wait lets the client go while the second still waits.
+  fake_->on_send = [&client] { client.reset(); };
+  Received(Message::CreateResponse(connect.GetRequest()->id, {}).ToBase64(), 1);
+  EXPECT_THAT(fake_->calls, ElementsAre(StartsWith("Send("), "Unlock(1)", "Release(client)"));
+}
+
+TEST_F(RpcClientWrapper, SendAfterTheTableIsGoneSendsNothing) {
+  auto client = CreateConnectedClient();
+  vorpc::IClient* const handle = client.get();
+  // The table goes inside the first send; the JSON-RPC client is still in the middle of it.
+  fake_->on_send = [this, &client] {
+    fake_->on_send = nullptr;
+    client.reset();
+    manager_.reset();
+  };
+  handle->SendNotify("first", {});
+  EXPECT_THAT(fake_->calls,
+              ElementsAre(StartsWith("Send("), "Release(client)", "Release(manager)"));
+}
+
+TEST_F(RpcClientWrapper, ReleaseIsNotCheckedAgain) {
+  auto client = CreateClientOverOwnTable();
+  table_->size = 8;
+  EXPECT_EQ(StdoutOf([&client] { client.reset(); }), "");
+  EXPECT_THAT(fake_->calls, ElementsAre("Release(client)"));
+}
+
 TEST_F(RpcClientWrapper, EmptyTextIsNotDecodedAndItsChunkIsStillUnlocked) {
   const auto client = CreateClient();
   EXPECT_EQ(StdoutOf([this] { Received("", 5); }), "");
@@ -369,6 +599,23 @@ TEST_F(RpcClientWrapper, FailedStartFailsTheConnectionWithTheServicesErrorAndUnl
   EXPECT_TRUE(client->HasConnectionFailed());
   EXPECT_EQ(error, Message::Error(-32603, "no such task"));
   EXPECT_THAT(fake_->calls, ElementsAre("Unlock(10)"));
+}
+
+TEST_F(RpcClientWrapper, ExceptionOfAFailedStartStillUnlocks) {
+  const auto client = CreateClient();
+  client->OnConnected([](const auto&) { throw std::runtime_error("no"); });
+  client->Run();
+  EXPECT_THROW(Started(-32603, "no such task", 10), std::runtime_error);
+  EXPECT_THAT(fake_->calls, ElementsAre("Unlock(10)"));
+  EXPECT_TRUE(client->HasConnectionFailed());
+}
+
+TEST_F(RpcClientWrapper, FailedStartWithoutAChunkUnlocksNothing) {
+  const auto client = CreateClient();
+  client->Run();
+  Started(-32603, "no such task", 0);
+  EXPECT_TRUE(client->HasConnectionFailed());
+  EXPECT_THAT(fake_->calls, IsEmpty());
 }
 
 TEST_F(RpcClientWrapper, FailedStartBeforeRunFailsTheConnectionAtRun) {
@@ -469,6 +716,20 @@ class RpcServerWrapper : public Wrapper {
     std::string call = fake_->calls.back();
     return Message::FromBase64(call.substr(6, call.size() - 8));
   }
+
+  static std::string ConnectRequest() {
+    return Message::CreateRequest(Message::ID(1), "vorpc.connected", {}).ToBase64();
+  }
+
+  // A server whose handshake is done.
+  std::shared_ptr<vorpc::IServer> CreateConnectedServer() {
+    auto server = CreateServer();
+    server->Run();
+    Started(0);
+    Received(ConnectRequest(), 0);
+    fake_->calls.clear();
+    return server;
+  }
 };
 
 TEST_F(RpcServerWrapper, WithoutATableOrAHandleIsEmptyWithoutAWord) {
@@ -542,6 +803,71 @@ TEST_F(RpcServerWrapper, ServesRequests) {
   EXPECT_EQ(fake_->calls.back(), "Unlock(3)");
   fake_->calls.pop_back();
   EXPECT_EQ(*LastSent().GetResponse()->GetResult(), cw::EncodableValue(42));
+}
+
+TEST_F(RpcServerWrapper, StartWithACodeRunsAllTheSame) {
+  const auto server = CreateServer();
+  server->Run();
+  Received(ConnectRequest(), 0);
+  EXPECT_THAT(fake_->calls, ElementsAre("Run()"));
+  fake_->server_slots.OnStarted(fake_->server_slots.user_data, -32603, "not looked at", 0);
+  ASSERT_EQ(fake_->calls.size(), 2U);
+  EXPECT_TRUE(LastSent().GetResponse()->HasResult());
+}
+
+TEST_F(RpcServerWrapper, ServesRequestsByAHandlerRegisteredAfterRun) {
+  const auto server = CreateConnectedServer();
+  server->OnRequest("late",
+                    [](const std::string&, const cw::EncodableValue&,
+                       std::unique_ptr<vorpc::IReply>&& reply) { reply->SendResult("ok"); });
+  Received(Message::CreateRequest(Message::ID(2), "late", {}).ToBase64(), 0);
+  EXPECT_EQ(*LastSent().GetResponse()->GetResult(), cw::EncodableValue("ok"));
+}
+
+TEST_F(RpcServerWrapper, UndecodableTextIsUnlockedToo) {
+  const auto server = CreateConnectedServer();
+  StdoutOf([this] { Received("%%% no message %%%", 6); });
+  EXPECT_THAT(fake_->calls, ElementsAre("Unlock(6)"));
+}
+
+TEST_F(RpcServerWrapper, NullTextIsALogicErrorAndItsChunkIsStillUnlocked) {
+  const auto server = CreateConnectedServer();
+  EXPECT_THROW(fake_->server_slots.OnMessage(fake_->server_slots.user_data, nullptr, 8),
+               std::logic_error);
+  EXPECT_THAT(fake_->calls, ElementsAre("Unlock(8)"));
+}
+
+TEST_F(RpcServerWrapper, ExceptionOfAHandlerReachesTheServiceAndTheChunkIsStillUnlocked) {
+  const auto server = CreateConnectedServer();
+  server->OnNotify("tick", [](const Message::Notification&) { throw std::runtime_error("no"); });
+  EXPECT_THROW(Received(Message::CreateNotification("tick", {}).ToBase64(), 9), std::runtime_error);
+  EXPECT_THAT(fake_->calls, ElementsAre("Unlock(9)"));
+}
+
+TEST_F(RpcServerWrapper, MayDieInsideEachOfItsCallbacks) {
+  for (const std::string callback : {"connected", "notify", "request"}) {
+    SCOPED_TRACE(callback);
+    auto server = CreateServer();
+    const auto drop_at = [&server, &callback](const std::string& here) {
+      EXPECT_TRUE(server) << "a callback after the end: " << here;
+      if (here == callback) {
+        server.reset();
+      }
+    };
+    server->OnConnected([&](const auto&) { drop_at("connected"); });
+    server->OnNotify("tick", [&](const auto&) { drop_at("notify"); });
+    server->OnRequest("ask", [&](const auto&, const auto&, auto&&) { drop_at("request"); });
+    server->Run();
+    Started(1);
+    Received(ConnectRequest(), 2);
+    Received(Message::CreateNotification("tick", {}).ToBase64(), 3);
+    Received(Message::CreateRequest(Message::ID(2), "ask", {}).ToBase64(), 4);
+    EXPECT_FALSE(server);
+    // What came to a server that was still there has been unlocked.
+    EXPECT_THAT(fake_->calls, IsSupersetOf({"Unlock(1)", "Unlock(2)"}));
+    EXPECT_EQ(testing::Value(fake_->calls, Contains("Unlock(3)")), callback != "connected");
+    EXPECT_EQ(testing::Value(fake_->calls, Contains("Unlock(4)")), callback == "request");
+  }
 }
 
 TEST_F(RpcServerWrapper, MessageWithoutAChunkUnlocksNothing) {

@@ -1,5 +1,6 @@
 #include <cw/plugin_registrar.h>
 #include <quarn/library.h>
+#include <quarn/logger.h>
 #include <tarv/manager_wrapper.h>
 #include <tarv/rpc_client.h>
 #include <tarv/rpc_server.h>
@@ -12,7 +13,16 @@ namespace {
 constexpr char kLibraryName[] = "libtarv.so";
 constexpr char kEntryName[] = "TARVProcTableLoad";
 
-std::unique_ptr<ManagerWrapper::Api> LoadApi(const std::filesystem::path& path) {
+std::unique_ptr<ManagerWrapper::Api> LoadApi(const std::filesystem::path& directory) {
+  const std::filesystem::path path = directory / kLibraryName;
+  if (directory.empty()) {
+    // The loader would look for a bare name wherever it looks for libraries, and tasks could not be
+    // told where theirs are.
+    QUARN_LOG_ERROR() << "Couldn't load library \"" << path
+                      << "\": the application's library folder is unknown; see to it that the "
+                         "embedder reports one";
+    return nullptr;
+  }
   const auto library = quarn::Library::Create(path);
   if (!library) {
     return nullptr;
@@ -44,7 +54,7 @@ std::unique_ptr<ManagerWrapper> ManagerWrapper::Create(cw::PluginRegistrar* regi
 
 std::unique_ptr<ManagerWrapper> ManagerWrapper::Create(
     const std::shared_ptr<quarn::IDispatcher>& dispatcher, const std::filesystem::path& directory) {
-  auto api = LoadApi(directory / kLibraryName);
+  auto api = LoadApi(directory);
   if (!api) {
     return nullptr;
   }

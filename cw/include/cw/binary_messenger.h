@@ -64,6 +64,10 @@ class TARV_EXPORT BinaryMessenger {
   // Expires when the messenger begins to die.
   std::weak_ptr<const void> GetLife() const { return life_; }
 
+  // Expires when the channel's present handler is replaced or removed, also while it is running;
+  // expired when there is none.
+  std::weak_ptr<const void> GetHandlerLife(const std::string& channel) const;
+
  private:
   // Shared with a running call, which may replace the handler.
   using StoredHandler = std::shared_ptr<const BinaryMessageHandler>;
@@ -71,6 +75,7 @@ class TARV_EXPORT BinaryMessenger {
   struct Slot {
     const BinaryMessenger* messenger = nullptr;
     StoredHandler handler;
+    std::shared_ptr<const void> life;  // never shared, so that it goes when the handler does
   };
 
   static void OnMessage(void* user_data, const FlutterVeltraMessage* message);

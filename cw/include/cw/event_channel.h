@@ -127,15 +127,20 @@ namespace internal {
 template <class T>
 class TARV_EXPORT EventPipe {
  public:
-  EventPipe(const MessengerRef& messenger, std::string channel, const MethodCodec<T>* codec)
-      : messenger_(messenger), channel_(std::move(channel)), codec_(codec) {}
+  // Closed also by the end of `handler_life`.
+  EventPipe(const MessengerRef& messenger, std::string channel, const MethodCodec<T>* codec,
+            std::weak_ptr<const void> handler_life)
+      : messenger_(messenger),
+        channel_(std::move(channel)),
+        codec_(codec),
+        handler_life_(std::move(handler_life)) {}
 
   void Close() { is_open_ = false; }
   const MethodCodec<T>& GetCodec() const { return *codec_; }
 
   void Send(const quarn::Buffer& event) const {
     const BinaryMessenger* const messenger = messenger_.Get();
-    if (is_open_ && messenger != nullptr) {
+    if (is_open_ && !handler_life_.expired() && messenger != nullptr) {
       messenger->Send(channel_, event.GetData(), event.GetSize());
     }
   }
@@ -144,6 +149,7 @@ class TARV_EXPORT EventPipe {
   MessengerRef messenger_;
   std::string channel_;
   const MethodCodec<T>* codec_;
+  std::weak_ptr<const void> handler_life_;
   bool is_open_ = true;
 };
 
@@ -179,7 +185,6 @@ class TARV_EXPORT StreamEndpoint {
         channel_(std::move(channel)),
         codec_(codec),
         handler_(std::move(handler)) {}
-  ~StreamEndpoint() { ClosePipe(); }
   StreamEndpoint(const StreamEndpoint&) = delete;
   StreamEndpoint& operator=(const StreamEndpoint&) = delete;
 
@@ -201,11 +206,17 @@ class TARV_EXPORT StreamEndpoint {
   using Refusal = std::unique_ptr<StreamHandlerError<T>>;
 
   Refusal Listen(const T* arguments) {
+    // A handler that is replaced or removed while it runs is at its end, although this call still
+    // holds it.
+    const std::weak_ptr<const void> life = GetLife();
     if (pipe_) {
       ClosePipe();
       handler_->OnCancel(nullptr);
     }
-    const auto pipe = std::make_shared<EventPipe<T>>(messenger_, channel_, codec_);
+    if (life.expired()) {
+      return Refuse("The handler of the channel \"" + channel_ + "\" has gone.");
+    }
+    const auto pipe = std::make_shared<EventPipe<T>>(messenger_, channel_, codec_, life);
     pipe_ = pipe;
     Refusal refusal = handler_->OnListen(arguments, std::make_unique<PipeEventSink<T>>(pipe));
     if (refusal && pipe_ == pipe) {
@@ -216,11 +227,19 @@ class TARV_EXPORT StreamEndpoint {
 
   Refusal Cancel(const T* arguments) {
     if (!pipe_) {
-      return Refusal(new StreamHandlerError<T>{
-          "no-stream", "Nobody listens on the channel \"" + channel_ + "\".", nullptr});
+      return Refuse("Nobody listens on the channel \"" + channel_ + "\".");
     }
     ClosePipe();
     return handler_->OnCancel(arguments);
+  }
+
+  std::weak_ptr<const void> GetLife() const {
+    const BinaryMessenger* const messenger = messenger_.Get();
+    return messenger == nullptr ? std::weak_ptr<const void>() : messenger->GetHandlerLife(channel_);
+  }
+
+  static Refusal Refuse(std::string message) {
+    return Refusal(new StreamHandlerError<T>{"no-stream", std::move(message), nullptr});
   }
 
   void ClosePipe() {

@@ -17,7 +17,8 @@
 namespace cw {
 
 // One frame in memory: `height` rows of `width` pixels of 4 bytes (red, green, blue, alpha),
-// without gaps. `release`, unless it is empty, is called once the pixels have been read.
+// without gaps. `release`, unless it is empty, is called once the pixels have been read; a frame
+// that an embedder could not give back is released at once and not shown.
 struct PixelBuffer {
   const std::uint8_t* pixels = nullptr;
   std::size_t width = 0;

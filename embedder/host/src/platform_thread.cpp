@@ -3,10 +3,16 @@
 #include <QCoreApplication>
 #include <QMetaObject>
 #include <QTimer>
+#include <algorithm>
+#include <limits>
 #include <utility>
 
 namespace veltra::host {
 namespace {
+
+// The longest wait of one timer: the event loop counts its milliseconds in an int. A longer delay
+// is waited for in several turns.
+constexpr std::chrono::milliseconds kLongestWait(std::numeric_limits<int>::max());
 
 class Depth {
  public:
@@ -47,15 +53,27 @@ void PlatformThread::StartTimer(const Task& task, std::chrono::milliseconds dela
   delayed_.emplace(id, task);
   auto* const timer = new QTimer(receiver_);
   timer->setSingleShot(true);
-  QObject::connect(timer, &QTimer::timeout, receiver_, [weak_self = weak_from_this(), id, timer] {
-    timer->deleteLater();
-    if (const auto self = weak_self.lock()) {
-      if (const auto due = self->delayed_.extract(id)) {
-        self->Run(due.mapped());
-      }
-    }
-  });
-  timer->start(delay);
+  const auto turn = std::min(delay, kLongestWait);
+  QObject::connect(timer, &QTimer::timeout, receiver_,
+                   [weak_self = weak_from_this(), id, timer, rest = delay - turn]() mutable {
+                     if (rest.count() > 0) {
+                       const auto next = std::min(rest, kLongestWait);
+                       rest -= next;
+                       timer->start(next);
+                       return;
+                     }
+                     timer->deleteLater();
+                     if (const auto self = weak_self.lock()) {
+                       self->RunDelayed(id);
+                     }
+                   });
+  timer->start(turn);
+}
+
+void PlatformThread::RunDelayed(std::uint64_t id) {
+  if (const auto due = delayed_.extract(id)) {
+    Run(due.mapped());
+  }
 }
 
 void PlatformThread::Run(const Task& task) {

@@ -36,6 +36,7 @@ class PlatformThread : public std::enable_shared_from_this<PlatformThread> {
  private:
   void Run(const Task& task);
   void StartTimer(const Task& task, std::chrono::milliseconds delay);
+  void RunDelayed(std::uint64_t id);
 
   const std::thread::id id_ = std::this_thread::get_id();
   std::mutex mutex_;   // guards receiver_, which only the thread itself changes

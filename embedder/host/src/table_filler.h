@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstring>
 #include <string>
 #include <type_traits>
 
@@ -15,9 +16,10 @@ namespace veltra::host {
 template <class Table>
 class TableFiller {
  public:
-  // `size` bytes are allocated, of which the embedder knows `known_size`.
+  // `size` bytes are allocated, of which the embedder knows `known_size`: all are zeroed, and what
+  // it knows is what the table states.
   TableFiller(Table* table, std::size_t size, std::size_t known_size, const EngineOptions& options)
-      : filler_(table, std::min(size, known_size)), options_(options) {}
+      : filler_(Zero(table, size), std::min(size, known_size)), options_(options) {}
 
   template <class Field>
   TableFiller& Fill(const char* name, Field Table::*field, std::common_type_t<Field> value) {
@@ -28,6 +30,11 @@ class TableFiller {
   }
 
  private:
+  static Table* Zero(Table* table, std::size_t size) {
+    std::memset(static_cast<void*>(table), 0, size);
+    return table;
+  }
+
   quarn::StructFiller<Table> filler_;
   const EngineOptions& options_;
 };

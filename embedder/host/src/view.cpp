@@ -11,14 +11,13 @@ namespace {
 // What the lock of a plug-in's holds on to.
 struct LockData {
   _FlutterVeltraEngine* engine;
-  std::uint64_t id;
-  std::shared_ptr<const void> resources;
+  std::shared_ptr<const void> resources;  // for what is read after the engine's end
 };
 
 void ReleaseLock(void* lock_data) {
   const std::unique_ptr<LockData> lock(static_cast<LockData*>(lock_data));
   if (const auto state = EngineState::FromRef(lock->engine)) {
-    state->Get<View>().Unlock(lock->id);
+    state->Get<View>().Unlock();
   }
 }
 
@@ -86,27 +85,29 @@ bool View::LockResources(FlutterVeltraResourcesLock* lock) {
       !quarn::FieldFits(quarn::StatedSize(lock), quarn::OffsetOf(&Lock::lock_data))) {
     return false;
   }
-  const std::uint64_t id = ++last_lock_;
-  locks_.emplace(id, resources_);
-  auto data = std::make_unique<LockData>(LockData{engine_->GetRef(), id, resources_});
+  // Locks that overlap share what the first one found: whoever holds one may read at any time, and
+  // what it was handed must not go with another's lock.
+  if (locks_++ == 0) {
+    locked_ = resources_;
+  }
+  auto data = std::make_unique<LockData>(LockData{engine_->GetRef(), locked_});
   quarn::StructFiller<Lock>(lock, quarn::StatedSize(lock))
       .Fill(&Lock::release, &ReleaseLock)
       .Fill(&Lock::lock_data, data.release());
   return true;  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks): ReleaseLock's from here on
 }
 
-void View::Unlock(std::uint64_t lock) { locks_.erase(lock); }
-
-const View::Resources* View::GetLocked() const {
-  return locks_.empty() ? nullptr : locks_.rbegin()->second.get();
+void View::Unlock() {
+  if (--locks_ == 0) {
+    locked_.reset();
+  }
 }
 
 bool View::GetTheme(FlutterVeltraTheme* theme) {
-  const Resources* const locked = GetLocked();
-  if (theme == nullptr || locked == nullptr) {
+  if (theme == nullptr || !locked_) {
     return false;
   }
-  const cw::Theme& current = locked->theme;
+  const cw::Theme& current = locked_->theme;
   quarn::StructFiller<FlutterVeltraTheme>(theme, quarn::StatedSize(theme))
       .Fill(&FlutterVeltraTheme::name, current.name.c_str())
       .Fill(&FlutterVeltraTheme::is_dark, current.is_dark ? 1 : 0)
@@ -118,13 +119,12 @@ bool View::GetTheme(FlutterVeltraTheme* theme) {
 }
 
 bool View::GetWindowPayload(FlutterVeltraBytes* payload) {
-  const Resources* const locked = GetLocked();
-  if (payload == nullptr || locked == nullptr) {
+  if (payload == nullptr || !locked_) {
     return false;
   }
   quarn::StructFiller<FlutterVeltraBytes>(payload, quarn::StatedSize(payload))
-      .Fill(&FlutterVeltraBytes::data, locked->payload.data())
-      .Fill(&FlutterVeltraBytes::data_size, locked->payload.size());
+      .Fill(&FlutterVeltraBytes::data, locked_->payload.data())
+      .Fill(&FlutterVeltraBytes::data_size, locked_->payload.size());
   return true;
 }
 

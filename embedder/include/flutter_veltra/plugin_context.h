@@ -16,8 +16,9 @@
 typedef void (*FlutterVeltraRegistrarDestroyedCallback)(_FlutterVeltraEngine* engine);
 
 /* Owned by the embedder; good while its engine lives. Each loading entry zeroes the `table_size`
-   bytes at `table` and fills what fits, by convention 1; it returns false for a null table or an
-   engine that is gone. [platform] */
+   bytes at `table`, states as the table's size how many of them the embedder knows (as
+   `table_size`, or less if it is older) and fills those, by convention 1; it returns false, with
+   nothing touched, for a null table or an engine that is gone. [platform] */
 typedef struct FlutterVeltraPluginContext {
   size_t size;
   /* For logs only: what exists is told by the sizes alone. */

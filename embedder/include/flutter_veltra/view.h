@@ -96,8 +96,9 @@ typedef struct FlutterVeltraViewProcTable {
   bool (*GetBackgroundVisibility)(_FlutterVeltraEngine* engine);
   void (*SetBackgroundVisibility)(_FlutterVeltraEngine* engine, bool visible);
   /* Keeps what GetTheme and GetWindowPayload hand out valid and unchanged until the lock is
-     released; without a lock it may go at any time. False, with nothing locked, for a null lock or
-     one that is too short. [platform] */
+     released; without a lock it may go at any time. Locks may overlap: a change then shows once the
+     last of them has been released. False, with nothing locked, for a null lock or one that is too
+     short. [platform] */
   bool (*LockResources)(_FlutterVeltraEngine* engine, FlutterVeltraResourcesLock* lock);
   /* Fills the structure as far as its size goes. Needs a lock. [platform] */
   bool (*GetTheme)(_FlutterVeltraEngine* engine, FlutterVeltraTheme* theme);

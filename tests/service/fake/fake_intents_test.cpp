@@ -9,6 +9,7 @@
 #include <QCoreApplication>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/capture.h"
@@ -75,6 +76,12 @@ class FakeIntents : public testing::Test {
       uris.push_back(invocation.second["uri"].toString().toStdString());
     }
     return uris;
+  }
+
+  // Counts for callbacks that are given no user data.
+  static int& Calls() {
+    static int calls = 0;
+    return calls;
   }
 
   static void Reply(const Error& error = {}) { Q_EMIT Invoker().replyReceived({}, error); }
@@ -261,6 +268,43 @@ TEST_F(FakeIntents, RegisteredIntentStaysAfterTheManagersRelease) {
   root_.Release(manager_);
   Invoke();
   EXPECT_EQ(calls, 1);
+}
+
+TEST_F(FakeIntents, RegistrationsSlotIsReleasedWhenThePlatformDropsIt) {
+  TARVRegisterIntentSlot slot{};
+  slot.size = sizeof(slot);
+  slot.callback = [](void*, TARVReplyIntentSlot*) { ADD_FAILURE(); };
+  slot.release = [](void* log) {
+    static_cast<std::vector<std::string>*>(log)->push_back("released");
+  };
+  slot.user_data = &log_;
+  ASSERT_EQ(table_.RegisterIntent(intents_, "weigh", &slot), QUARN_RESULT_SUCCESS);
+  root_.Release(manager_);
+  EXPECT_THAT(log_, IsEmpty());
+  RuntimeDispatcher::instance()->handlers.clear();
+  EXPECT_THAT(log_, ElementsAre("released"));
+}
+
+TEST_F(FakeIntents, FieldsBeyondTheSizeOfASlotAreNotCalled) {
+  TARVOpenUriSlot slot{};
+  slot.callback = [](void* user_data, bool) {
+    EXPECT_EQ(user_data, nullptr);
+    ++Calls();
+  };
+  slot.release = [](void* user_data) {
+    EXPECT_EQ(user_data, nullptr);
+    Calls() += 10;
+  };
+  slot.user_data = this;
+  // No field, the callback, and the release with it.
+  for (const auto& [size, calls] : {std::pair{15U, 0}, {16U, 1}, {23U, 1}, {24U, 11}, {31U, 11}}) {
+    SCOPED_TRACE(size);
+    Calls() = 0;
+    slot.size = size;
+    ASSERT_EQ(table_.OpenUri(intents_, "a:1", &slot), QUARN_RESULT_SUCCESS);
+    Reply();
+    EXPECT_EQ(Calls(), calls);
+  }
 }
 
 TEST_F(FakeIntents, OpenUriWithoutAUriOrASlotIsInvalidAndQueuesNothing) {

@@ -6,9 +6,12 @@
 #include <RuntimeManager/TaskMessaging.h>
 #include <gmock/gmock.h>
 #include <tarv/tarv_capi.h>
+#include <unistd.h>
 
 #include <QCoreApplication>
 #include <QEvent>
+#include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -197,6 +200,72 @@ TEST_F(FakePlatform, ServerListensOnTheSocketThatTheDispatcherNames) {
   EXPECT_THAT(TaskMessaging::GetAll()[0]->sent, ElementsAre(QJsonObject{{"data", "hi"}}));
 }
 
+// What was called of slots that may be too short to have user data: a letter for each call.
+std::string& Called() {
+  static std::string called;
+  return called;
+}
+
+template <class Slots>
+Slots MakeCountingSlots(std::size_t size) {
+  Slots slots{};
+  slots.size = size;
+  slots.OnStarted = [](void* user_data, int, const char*, std::size_t) {
+    Called() += user_data == nullptr ? 's' : 'S';
+  };
+  slots.OnMessage = [](void* user_data, const char*, std::size_t) {
+    Called() += user_data == nullptr ? 'm' : 'M';
+  };
+  slots.Release = [](void* user_data) { Called() += user_data == nullptr ? 'r' : 'R'; };
+  slots.user_data = &Called();
+  return slots;
+}
+
+// What is called of slots, by the size that they state. In capitals: with the user data.
+struct CalledAtSize {
+  std::size_t size;
+  const char* called;
+};
+
+TEST_F(FakePlatform, ClientsFieldsThatAShorterSizeCoversAreCalledAndNoOthers) {
+  const std::vector<CalledAtSize> cases = {{0, ""},      {15, ""},     {16, "s"},
+                                           {24, "sd"},   {31, "sd"},   {32, "smd"},
+                                           {40, "smdr"}, {47, "smdr"}, {48, "SMDR"}};
+  for (const CalledAtSize& row : cases) {
+    SCOPED_TRACE(row.size);
+    Called().clear();
+    Task::GetAll().clear();
+    TaskMessaging::GetAll().clear();
+    auto slots = MakeCountingSlots<TARVRpcClientSlots>(row.size);
+    slots.OnDisconnect = [](void* user_data, int, const char*, std::size_t) {
+      Called() += user_data == nullptr ? 'd' : 'D';
+    };
+    client_ = root_.CreateRpcClient(manager_);
+    ASSERT_EQ(table_.StartTask(client_, "worker", "/libs", &slots), QUARN_RESULT_SUCCESS);
+    Task& task = *Task::GetAll().at(0);
+    task.complete_start(Error());
+    Q_EMIT TaskMessaging::GetAll().at(0)->messageReceived({{"data", "hello"}});
+    table_.Release(client_);
+    task.complete_stop(Error());
+    EXPECT_EQ(Called(), row.called);
+  }
+}
+
+TEST_F(FakePlatform, ServersFieldsThatAShorterSizeCoversAreCalledAndNoOthers) {
+  const std::vector<CalledAtSize> cases = {{0, ""},    {15, ""},    {16, "s"},   {24, "sm"},
+                                           {31, "sm"}, {32, "smr"}, {39, "smr"}, {40, "SMR"}};
+  for (const CalledAtSize& row : cases) {
+    SCOPED_TRACE(row.size);
+    Called().clear();
+    TaskMessaging::GetAll().clear();
+    auto slots = MakeCountingSlots<TARVRpcServerSlots>(row.size);
+    server_table_.Run(root_.GetRpcServer(manager_), &slots);
+    Q_EMIT TaskMessaging::GetAll().at(0)->messageReceived({{"data", "hello"}});
+    root_.Release(manager_);
+    EXPECT_EQ(Called(), row.called);
+  }
+}
+
 TEST_F(FakePlatform, ServerDropsObjectsWithoutATextButNotAnEmptyText) {
   TARVRpcServerSlots callbacks{};
   callbacks.size = sizeof(callbacks);
@@ -211,6 +280,104 @@ TEST_F(FakePlatform, ServerDropsObjectsWithoutATextButNotAnEmptyText) {
     Q_EMIT channel.messageReceived(object);
   }
   EXPECT_THAT(log_, ElementsAre("message ''"));
+}
+
+// ---- The order of the end
+
+// Writes to standard error, which is there to the very end of a process.
+void Tell(const char* line) { static_cast<void>(!write(STDERR_FILENO, line, std::strlen(line))); }
+
+// Makes a client, a server and an intent manager in an order of its own, whose slots tell when they
+// are released.
+void MakeOneOfEach(const TARVProcTable& root) {
+  _TARVManagerRef* const manager = root.Initialize();
+  TARVIntentManagerProcTable intent_table{};
+  root.IntentManagerProcTableLoad(&intent_table, sizeof(intent_table));
+  TARVOpenUriSlot uri_slot{};
+  uri_slot.size = sizeof(uri_slot);
+  uri_slot.release = [](void*) { Tell("intents "); };
+  intent_table.OpenUri(root.GetIntentManager(manager), "a:1", &uri_slot);
+
+  TARVRpcServerProcTable server_table{};
+  root.RpcServerProcTableLoad(&server_table, sizeof(server_table));
+  TARVRpcServerSlots server_slots{};
+  server_slots.size = sizeof(server_slots);
+  server_slots.Release = [](void*) { Tell("server "); };
+  server_table.Run(root.GetRpcServer(manager), &server_slots);
+
+  TARVRpcClientProcTable client_table{};
+  root.RpcClientProcTableLoad(&client_table, sizeof(client_table));
+  TARVRpcClientSlots client_slots{};
+  client_slots.size = sizeof(client_slots);
+  client_slots.Release = [](void*) { Tell("client "); };
+  for (int i = 0; i < 2; ++i) {
+    client_table.StartTask(root.CreateRpcClient(manager), "worker", "/libs", &client_slots);
+  }
+}
+
+TARVProcTable LoadRootTable() {
+  TARVProcTable root{};
+  TARVProcTableLoad(&root, sizeof(root));
+  return root;
+}
+
+// Each in a process of its own, where no manager has been made yet.
+class ManagersEndDeathTest : public testing::Test {
+ protected:
+  ManagersEndDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
+TEST_F(ManagersEndDeathTest, ByReleaseEndsClientsThenTheServerThenTheIntents) {
+  const auto release = [] {
+    const QCoreApplication application(argument_count, arguments);
+    const TARVProcTable root = LoadRootTable();
+    MakeOneOfEach(root);
+    root.Release(root.Initialize());
+    Tell("released");
+    std::_Exit(0);
+  };
+  EXPECT_EXIT(release(), testing::ExitedWithCode(0), "^client client server intents released$");
+}
+
+TEST_F(ManagersEndDeathTest, WithTheProcessEndsTheServerThenClientsThenTheIntents) {
+  const auto leave = [] {
+    static const QCoreApplication kApplication(argument_count, arguments);
+    MakeOneOfEach(LoadRootTable());
+    std::exit(0);
+  };
+  EXPECT_EXIT(leave(), testing::ExitedWithCode(0), "^server client client intents $");
+}
+
+// Asks for the manager once more, when it and all that it had is gone.
+class LateAsker {
+ public:
+  LateAsker() = default;
+  ~LateAsker() {
+    const bool same = root_.Initialize() == manager_;
+    root_.Release(manager_);
+    const bool nothing = root_.GetRpcServer(manager_) == nullptr &&
+                         root_.CreateRpcClient(manager_) == nullptr &&
+                         root_.GetIntentManager(manager_) == nullptr;
+    Tell(same ? "same handle" : "another handle");
+    Tell(nothing ? ", of nothing" : ", of something");
+  }
+  LateAsker(const LateAsker&) = delete;
+  LateAsker& operator=(const LateAsker&) = delete;
+
+  void Ask() { manager_ = root_.Initialize(); }
+
+ private:
+  TARVProcTable root_ = LoadRootTable();
+  _TARVManagerRef* manager_ = nullptr;
+};
+
+TEST_F(ManagersEndDeathTest, LeavesAnInitializeAtTheVeryEndOfTheProcessSafe) {
+  const auto leave = [] {
+    static LateAsker asker;  // made before the manager, and so destroyed after it
+    asker.Ask();
+    std::exit(0);
+  };
+  EXPECT_EXIT(leave(), testing::ExitedWithCode(0), "same handle, of nothing$");
 }
 
 }  // namespace

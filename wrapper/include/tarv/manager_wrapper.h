@@ -42,7 +42,8 @@ class TARV_EXPORT ManagerWrapper {
   // Loads the library from the registrar's library folder. Empty for a null registrar, and when the
   // library cannot be used, which is logged.
   static std::unique_ptr<ManagerWrapper> Create(cw::PluginRegistrar* registrar);
-  // Loads the library from `directory`. Objects made later get `dispatcher`.
+  // Loads the library from `directory`, which must not be empty. Objects made later get
+  // `dispatcher`.
   static std::unique_ptr<ManagerWrapper> Create(
       const std::shared_ptr<quarn::IDispatcher>& dispatcher,
       const std::filesystem::path& directory);

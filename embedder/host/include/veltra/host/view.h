@@ -12,7 +12,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -57,7 +56,7 @@ class VELTRA_HOST_EXPORT View {
   // The payload that the window was closed with; empty while it is open.
   const std::optional<cw::EncodableValue>& GetClosePayload() const { return close_payload_; }
   // Locks that have not been released.
-  std::size_t CountLocks() const { return locks_.size(); }
+  std::size_t CountLocks() const { return locks_; }
 
   // The plug-ins' side: what the entries of these names do.
   void* GetEglConfig() { return egl_.config; }
@@ -101,7 +100,7 @@ class VELTRA_HOST_EXPORT View {
   void ThemeChangedUnsubscribe(std::uint64_t id);
 
   // A lock that LockResources gave out goes.
-  void Unlock(std::uint64_t lock);
+  void Unlock();
   // The engine ends: subscriptions go.
   void Clear();
 
@@ -116,7 +115,6 @@ class VELTRA_HOST_EXPORT View {
 
   void Notify(Event event);
   void Show(bool visible, cw::WindowMode mode);
-  const Resources* GetLocked() const;
 
   EngineState* engine_;
   EglHandles egl_;
@@ -132,8 +130,8 @@ class VELTRA_HOST_EXPORT View {
   bool keyboard_visible_ = false;
   bool background_visible_ = true;
   ResourcesRef resources_;
-  std::map<std::uint64_t, ResourcesRef> locks_;
-  std::uint64_t last_lock_ = 0;
+  ResourcesRef locked_;  // what the locks keep in place; null without one
+  std::size_t locks_ = 0;
   std::size_t activations_ = 0;
   std::vector<Window> popups_;
   std::optional<cw::EncodableValue> close_payload_;
