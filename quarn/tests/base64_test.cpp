@@ -13,12 +13,15 @@
 
 #include "support/capture.h"
 #include "support/log_line.h"
+#include "support/seed.h"
 
 namespace {
 
 namespace base64 = quarn::base64;
 using tarv::test::IsLogLine;
+using tarv::test::NewSeed;
 using tarv::test::StdoutOf;
+using tarv::test::TestSeed;
 
 using Bytes = std::vector<std::uint8_t>;
 using Encoder = void (*)(const std::uint8_t*, std::size_t, char*);
@@ -63,7 +66,7 @@ bool IsInAlphabet(int c) {
          c == '/';
 }
 
-Bytes RandomBytes(std::mt19937& random, std::size_t size) {
+Bytes RandomBytes(std::mt19937_64& random, std::size_t size) {
   Bytes bytes(size);
   for (auto& byte : bytes) {
     byte = static_cast<std::uint8_t>(random());
@@ -74,9 +77,9 @@ Bytes RandomBytes(std::mt19937& random, std::size_t size) {
 // Other data each time; the seed is in the message of a failure.
 class Base64Property : public testing::Test {
  protected:
-  const unsigned seed_ = std::random_device{}();
-  const testing::ScopedTrace trace_{__FILE__, __LINE__, "seed " + std::to_string(seed_)};
-  std::mt19937 random_{seed_};
+  const std::uint64_t seed_ = TestSeed(NewSeed());
+  const testing::ScopedTrace trace_{__FILE__, __LINE__, "TARV_TEST_SEED=" + std::to_string(seed_)};
+  std::mt19937_64 random_{seed_};
 };
 
 TEST(Base64, EncodesTheTestVectorsOfTheStandard) {
