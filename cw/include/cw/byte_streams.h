@@ -67,7 +67,8 @@ class TARV_EXPORT ByteStreamWriter {
 };
 
 // One level of nesting on a writer, while it lives. Whoever writes the header and the items of a
-// list or map opens one around them. Throws std::length_error past kMaxNesting.
+// list, a map or a type of their own opens one around them. Throws std::length_error past
+// kMaxNesting.
 class TARV_EXPORT NestingScope {
  public:
   explicit NestingScope(ByteStreamWriter* stream);

@@ -39,6 +39,10 @@ enum class TypeByte : std::uint8_t {
 // know and ReadValueOfType for their type bytes, and pass everything else to this class. Nested
 // values come back to the overrides. Hand the derived object to the GetInstance of a codec.
 //
+// A type that holds further values is a level of nesting like a list: open a NestingScope around
+// writing it, so that what is too deep to be read throws std::length_error instead of exhausting
+// the stack. Reading counts by itself.
+//
 // Every operation that reads throws std::length_error for input beyond codec_limits.h.
 class TARV_EXPORT StandardCodecSerializer {
  public:
