@@ -76,11 +76,6 @@ class TARV_EXPORT StandardCodecSerializer {
 
   // Writes a text as a string value, without making an EncodableValue of it.
   void WriteString(std::string_view text, ByteStreamWriter* stream) const;
-
- private:
-  EncodableValue ReadItem(ByteStreamReader* stream) const;
-  EncodableValue ReadList(ByteStreamReader* stream) const;
-  EncodableValue ReadMap(ByteStreamReader* stream) const;
 };
 
 // Writes a map straight into a stream, entry by entry, so that a message around a large payload is
