@@ -10,7 +10,7 @@
 
 #include "../quarn/src/base64.h"
 #include "../quarn/src/base64_coders.h"
-#include "bench_data.h"
+#include "bench.h"
 #ifdef TARV_BENCH_OPENSSL
 #include <openssl/evp.h>
 #endif
@@ -119,7 +119,5 @@ int main(int argc, char** argv) {
   Register("OpenSslEncode", &OpenSslEncode);
   Register("OpenSslDecode", &OpenSslDecode);
 #endif
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
-  return 0;
+  return tarv::bench::RunBenchmarks(argc, argv);
 }
