@@ -68,6 +68,14 @@ bool operator==(const EncodableValue& a, const EncodableValue& b) {
 }
 
 bool operator<(const EncodableValue& a, const EncodableValue& b) {
+  // Most keys are texts, and most of those differ in their first character.
+  const std::string* const text = a.AsString();
+  const std::string* const other_text = b.AsString();
+  if (text != nullptr && other_text != nullptr) {
+    const auto first = static_cast<unsigned char>(*text->c_str());
+    const auto other_first = static_cast<unsigned char>(*other_text->c_str());
+    return first != other_first ? first < other_first : *text < *other_text;
+  }
   return AreContainers(a, b) ? Compare(a, b) < 0 : AsVariant(a) < AsVariant(b);
 }
 

@@ -5,7 +5,10 @@
 #include <iostream>
 #include <string>
 #include <type_traits>
+#include <typeinfo>
 #include <utility>
+#include <variant>
+#include <vector>
 
 #include "assert.h"
 
@@ -32,115 +35,230 @@ constexpr std::size_t kListItemMinSize = 1;
 constexpr std::uint8_t kSizeIs16Bit = 254;
 constexpr std::uint8_t kSizeIs32Bit = 255;
 
-// A type byte and what follows it at once, gathered so that it goes to the stream in one piece.
-class Header {
- public:
-  void Add(TypeByte type) { bytes_[length_++] = static_cast<std::uint8_t>(type); }
+// Copies up to 16 bytes, without the call that most of most messages' texts would cost: two pieces
+// of a fixed length each, which overlap.
+template <class Word>
+void CopyByWords(std::uint8_t* out, const std::uint8_t* data, std::size_t length) {
+  Word first;
+  Word last;
+  std::memcpy(&first, data, sizeof(Word));
+  std::memcpy(&last, data + length - sizeof(Word), sizeof(Word));
+  std::memcpy(out, &first, sizeof(Word));
+  std::memcpy(out + length - sizeof(Word), &last, sizeof(Word));
+}
 
-  template <class T>
-  void AddNumber(T number) {
-    std::memcpy(&bytes_[length_], &number, sizeof(number));
-    length_ += sizeof(number);
+void CopyShort(std::uint8_t* out, const std::uint8_t* data, std::size_t length) {
+  if (length >= sizeof(std::uint64_t)) {
+    CopyByWords<std::uint64_t>(out, data, length);
+  } else if (length >= sizeof(std::uint32_t)) {
+    CopyByWords<std::uint32_t>(out, data, length);
+  } else if (length >= sizeof(std::uint16_t)) {
+    CopyByWords<std::uint16_t>(out, data, length);
+  } else if (length == 1) {
+    *out = *data;
+  }
+}
+
+// Where a value is written: through the virtual operations of any serializer and any stream.
+class AnySink {
+ public:
+  AnySink(const StandardCodecSerializer* serializer, ByteStreamWriter* stream)
+      : serializer_(serializer), stream_(stream) {}
+
+  ByteStreamWriter* GetStream() const { return stream_; }
+  void PutByte(std::uint8_t byte) { stream_->WriteByte(byte); }
+  bool PutShortText(std::string_view /*text*/) { return false; }
+  template <std::size_t kLength>
+  void PutFew(const std::array<std::uint8_t, kLength>& bytes) {
+    stream_->WriteBytes(bytes.data(), kLength);
+  }
+  void PutBytes(const std::uint8_t* data, std::size_t length) { stream_->WriteBytes(data, length); }
+  void Align(std::uint8_t alignment) { stream_->WriteAlignment(alignment); }
+  void PutValue(const EncodableValue& value) { serializer_->WriteValue(value, stream_); }
+
+ private:
+  const StandardCodecSerializer* serializer_;
+  ByteStreamWriter* stream_;
+};
+
+// Where the standard serializer writes a value into a buffer: nothing is virtual, and small pieces
+// are gathered, because the buffer takes long pieces as fast as short ones.
+class BufferSink {
+ public:
+  explicit BufferSink(ByteBufferStreamWriter* stream)
+      : stream_(stream), buffer_(stream->GetBuffer()), flushed_(buffer_->GetSize()) {}
+
+  ByteStreamWriter* GetStream() const { return stream_; }
+
+  void PutByte(std::uint8_t byte) { *Gather(1) = byte; }
+
+  template <std::size_t kLength>
+  void PutFew(const std::array<std::uint8_t, kLength>& bytes) {
+    std::memcpy(Gather(kLength), bytes.data(), kLength);
   }
 
-  void AddSize(std::size_t size) {
-    if (size < kSizeIs16Bit) {
-      AddNumber(static_cast<std::uint8_t>(size));
-    } else if (size <= 0xFFFF) {
-      AddNumber(kSizeIs16Bit);
-      AddNumber(static_cast<std::uint16_t>(size));
-    } else {
-      AddNumber(kSizeIs32Bit);
-      AddNumber(static_cast<std::uint32_t>(size));
+  // A whole text value, if it is a short one.
+  bool PutShortText(std::string_view text) {
+    if (text.size() > kLongestShort) {
+      return false;
+    }
+    std::uint8_t* const out = Gather(2 + text.size());
+    out[0] = static_cast<std::uint8_t>(TypeByte::String);
+    out[1] = static_cast<std::uint8_t>(text.size());
+    CopyShort(out + 2, reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
+    return true;
+  }
+
+  void PutBytes(const std::uint8_t* data, std::size_t length) {
+    if (length <= kLongestGathered) {
+      std::memcpy(Gather(length), data, length);
+      return;
+    }
+    Flush();
+    buffer_->WriteBytes(data, length);
+    flushed_ += length;
+  }
+
+  void Align(std::uint8_t alignment) {
+    const std::size_t excess = (flushed_ + length_) % alignment;
+    if (excess != 0) {
+      std::memset(Gather(alignment - excess), 0, alignment - excess);
     }
   }
 
-  void WriteTo(ByteStreamWriter* stream) const { stream->WriteBytes(bytes_.data(), length_); }
+  void PutValue(const EncodableValue& value);
+
+  // To be called at the end.
+  void Flush() {
+    buffer_->WriteBytes(gathered_.data(), length_);
+    flushed_ += length_;
+    length_ = 0;
+  }
 
  private:
-  std::array<std::uint8_t, 9> bytes_;  // a type byte and a 64-bit number
-  std::size_t length_ = 0;
+  static constexpr std::size_t kLongestShort = 16;
+  static constexpr std::size_t kLongestGathered = 256;
+
+  std::uint8_t* Gather(std::size_t length) {
+    if (length > gathered_.size() - length_) {
+      Flush();
+    }
+    length_ += length;
+    return gathered_.data() + (length_ - length);
+  }
+
+  ByteBufferStreamWriter* stream_;
+  quarn::Buffer* buffer_;
+  std::size_t flushed_;     // bytes in the buffer
+  std::size_t length_ = 0;  // bytes gathered behind them
+  std::array<std::uint8_t, 4096> gathered_;
 };
 
-template <class T>
-void WriteInteger(TypeByte type, T number, ByteStreamWriter* stream) {
-  Header header;
-  header.Add(type);
-  header.AddNumber(number);
-  header.WriteTo(stream);
+template <class Sink>
+void WriteType(TypeByte type, Sink& sink) {
+  sink.PutByte(static_cast<std::uint8_t>(type));
 }
 
-void WriteHeader(TypeByte type, std::size_t size, ByteStreamWriter* stream) {
-  Header header;
-  header.Add(type);
-  header.AddSize(size);
-  header.WriteTo(stream);
+// A number behind a byte that says what it is.
+template <class T>
+std::array<std::uint8_t, 1 + sizeof(T)> Tagged(std::uint8_t tag, T number) {
+  std::array<std::uint8_t, 1 + sizeof(T)> bytes;
+  bytes[0] = tag;
+  std::memcpy(&bytes[1], &number, sizeof(T));
+  return bytes;
 }
 
-template <class T>
-void WriteAligned(const T* items, std::size_t count, ByteStreamWriter* stream) {
+template <class T, class Sink>
+void WriteInteger(TypeByte type, T number, Sink& sink) {
+  sink.PutFew(Tagged(static_cast<std::uint8_t>(type), number));
+}
+
+template <class Sink>
+void WriteSizeTo(std::size_t size, Sink& sink) {
+  if (size < kSizeIs16Bit) {
+    sink.PutByte(static_cast<std::uint8_t>(size));
+  } else if (size <= 0xFFFF) {
+    sink.PutFew(Tagged(kSizeIs16Bit, static_cast<std::uint16_t>(size)));
+  } else {
+    sink.PutFew(Tagged(kSizeIs32Bit, static_cast<std::uint32_t>(size)));
+  }
+}
+
+template <class Sink>
+void WriteHeader(TypeByte type, std::size_t size, Sink& sink) {
+  WriteType(type, sink);
+  WriteSizeTo(size, sink);
+}
+
+template <class Sink>
+void WriteText(std::string_view text, Sink& sink) {
+  if (sink.PutShortText(text)) {
+    return;
+  }
+  WriteHeader(TypeByte::String, text.size(), sink);
+  sink.PutBytes(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
+}
+
+template <class T, class Sink>
+void WriteAligned(const T* items, std::size_t count, Sink& sink) {
   if constexpr (sizeof(T) > 1) {
-    stream->WriteAlignment(sizeof(T));
+    sink.Align(sizeof(T));
   }
-  stream->WriteBytes(reinterpret_cast<const std::uint8_t*>(items), count * sizeof(T));
+  sink.PutBytes(reinterpret_cast<const std::uint8_t*>(items), count * sizeof(T));
 }
 
-void WriteType(TypeByte type, ByteStreamWriter* stream) {
-  stream->WriteByte(static_cast<std::uint8_t>(type));
-}
-
-template <class T>
-void WriteTypedList(TypeByte type, const std::vector<T>& list, ByteStreamWriter* stream) {
-  WriteHeader(type, list.size(), stream);
+template <class T, class Sink>
+void WriteTypedList(TypeByte type, const std::vector<T>& list, Sink& sink) {
+  WriteHeader(type, list.size(), sink);
   if (!list.empty()) {
-    WriteAligned(list.data(), list.size(), stream);
+    WriteAligned(list.data(), list.size(), sink);
   }
 }
 
-// Writes the value that std::visit finds, the values inside through the serializer.
+// Writes the value that std::visit finds, the values inside as the sink wants them.
+template <class Sink>
 struct ValueWriter {
-  const StandardCodecSerializer* serializer;
-  ByteStreamWriter* stream;
+  Sink& sink;
 
-  void operator()(std::monostate /*null*/) const { WriteType(TypeByte::Null, stream); }
-  void operator()(bool flag) const { WriteType(flag ? TypeByte::True : TypeByte::False, stream); }
-  void operator()(std::int32_t number) const { WriteInteger(TypeByte::Int32, number, stream); }
-  void operator()(std::int64_t number) const { WriteInteger(TypeByte::Int64, number, stream); }
+  void operator()(std::monostate /*null*/) const { WriteType(TypeByte::Null, sink); }
+  void operator()(bool flag) const { WriteType(flag ? TypeByte::True : TypeByte::False, sink); }
+  void operator()(std::int32_t number) const { WriteInteger(TypeByte::Int32, number, sink); }
+  void operator()(std::int64_t number) const { WriteInteger(TypeByte::Int64, number, sink); }
   void operator()(double number) const {
-    WriteType(TypeByte::Double, stream);
-    WriteAligned(&number, 1, stream);
+    WriteType(TypeByte::Double, sink);
+    WriteAligned(&number, 1, sink);
   }
-  void operator()(const std::string& text) const { serializer->WriteString(text, stream); }
+  void operator()(const std::string& text) const { WriteText(text, sink); }
   void operator()(const std::vector<std::uint8_t>& list) const {
-    WriteTypedList(TypeByte::ByteList, list, stream);
+    WriteTypedList(TypeByte::ByteList, list, sink);
   }
   void operator()(const std::vector<std::int32_t>& list) const {
-    WriteTypedList(TypeByte::Int32List, list, stream);
+    WriteTypedList(TypeByte::Int32List, list, sink);
   }
   void operator()(const std::vector<std::int64_t>& list) const {
-    WriteTypedList(TypeByte::Int64List, list, stream);
+    WriteTypedList(TypeByte::Int64List, list, sink);
   }
   void operator()(const std::vector<double>& list) const {
-    WriteTypedList(TypeByte::DoubleList, list, stream);
+    WriteTypedList(TypeByte::DoubleList, list, sink);
   }
   void operator()(const std::vector<float>& list) const {
-    WriteTypedList(TypeByte::FloatList, list, stream);
+    WriteTypedList(TypeByte::FloatList, list, sink);
   }
 
   void operator()(const EncodableList& list) const {
-    const NestingScope scope(stream);
-    WriteHeader(TypeByte::List, list.size(), stream);
+    const NestingScope scope(sink.GetStream());
+    WriteHeader(TypeByte::List, list.size(), sink);
     for (const EncodableValue& item : list) {
-      serializer->WriteValue(item, stream);
+      sink.PutValue(item);
     }
   }
 
   void operator()(const EncodableMap& map) const {
-    const NestingScope scope(stream);
-    WriteHeader(TypeByte::Map, map.size(), stream);
+    const NestingScope scope(sink.GetStream());
+    WriteHeader(TypeByte::Map, map.size(), sink);
     for (const auto& [key, value] : map) {
-      serializer->WriteValue(key, stream);
-      serializer->WriteValue(value, stream);
+      sink.PutValue(key);
+      sink.PutValue(value);
     }
   }
 
@@ -154,37 +272,22 @@ struct ValueWriter {
   // GCOVR_EXCL_STOP
 };
 
-template <class T>
-T ReadNumber(ByteStreamReader* stream) {
-  T number = 0;
-  stream->ReadBytes(reinterpret_cast<std::uint8_t*>(&number), sizeof(number));
-  return number;
-}
-
-// Accounts for a block that the stream is asked for: the reader copies all of it or nothing.
-void ClaimBlock(std::size_t count, std::size_t item_size, ByteStreamReader* stream) {
-  if (count > stream->BytesLeft() / item_size) {
-    stream->GetBudget().MakeUp(count);
+template <class Sink>
+void WriteValueTo(const EncodableValue& value, Sink& sink) {
+  // Most of most messages; the other kinds go through a table of functions.
+  const ValueWriter<Sink> writer{sink};
+  if (const auto* const text = std::get_if<std::string>(&value)) {
+    writer(*text);
+    return;
   }
+  if (value.valueless_by_exception()) {
+    WriteType(TypeByte::Null, sink);
+    return;
+  }
+  std::visit(writer, static_cast<const internal::EncodableVariant&>(value));
 }
 
-EncodableValue ReadString(std::size_t length, ByteStreamReader* stream) {
-  ClaimBlock(length, 1, stream);
-  std::string text(length, '\0');
-  stream->ReadBytes(reinterpret_cast<std::uint8_t*>(text.data()), length);
-  return EncodableValue(std::move(text));
-}
-
-EncodableValue ReadDouble(ByteStreamReader* stream) {
-  stream->ReadAlignment(sizeof(double));
-  return EncodableValue(ReadNumber<double>(stream));
-}
-
-EncodableValue ReportUnknownType(std::uint8_t type) {
-  std::cerr << "Unknown type in StandardCodecSerializer::ReadValueOfType: " + std::to_string(type) +
-                   "\n";
-  return {};
-}
+void BufferSink::PutValue(const EncodableValue& value) { WriteValueTo(value, *this); }
 
 // A value that is being read, for the budget.
 class ValueScope {
@@ -200,9 +303,10 @@ class ValueScope {
 
 // The items that a list or map announces, for the budget; withdraws what an exception leaves
 // unread.
+template <class Stream>
 class AnnouncedItems {
  public:
-  AnnouncedItems(std::size_t count, std::size_t item_size, ByteStreamReader* stream)
+  AnnouncedItems(std::size_t count, std::size_t item_size, Stream* stream)
       : stream_(stream), item_size_(item_size), left_(count) {
     stream_->GetBudget().CheckContainer();
     stream_->GetBudget().Announce(count, item_size, stream_->BytesLeft());
@@ -222,26 +326,28 @@ class AnnouncedItems {
   }
 
  private:
-  ByteStreamReader* stream_;
+  Stream* stream_;
   std::size_t item_size_;
   std::size_t left_;
 };
 
-}  // namespace
-
-const StandardCodecSerializer& StandardCodecSerializer::GetInstance() {
-  // Never destroyed: other objects may still encode while the process exits.
-  static const auto* const instance = new StandardCodecSerializer;
-  return *instance;
+// Accounts for a block that the stream is asked for: the reader copies all of it or nothing.
+template <class Stream>
+void ClaimBlock(std::size_t count, std::size_t item_size, Stream* stream) {
+  if (count > stream->BytesLeft() / item_size) {
+    stream->GetBudget().MakeUp(count);
+  }
 }
 
-void StandardCodecSerializer::WriteSize(std::size_t size, ByteStreamWriter* stream) const {
-  Header header;
-  header.AddSize(size);
-  header.WriteTo(stream);
+template <class T, class Stream>
+T ReadNumber(Stream* stream) {
+  T number = 0;
+  stream->ReadBytes(reinterpret_cast<std::uint8_t*>(&number), sizeof(number));
+  return number;
 }
 
-std::size_t StandardCodecSerializer::ReadSize(ByteStreamReader* stream) const {
+template <class Stream>
+std::size_t ReadSizeFrom(Stream* stream) {
   const std::uint8_t first = stream->ReadByte();
   if (first == kSizeIs16Bit) {
     return ReadNumber<std::uint16_t>(stream);
@@ -252,59 +358,57 @@ std::size_t StandardCodecSerializer::ReadSize(ByteStreamReader* stream) const {
   return first;
 }
 
-void StandardCodecSerializer::WriteString(std::string_view text, ByteStreamWriter* stream) const {
-  WriteHeader(TypeByte::String, text.size(), stream);
-  stream->WriteBytes(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
+// A text of `length` bytes that come next in the stream; zeros where there are fewer.
+EncodableValue ReadChars(std::size_t length, ByteStreamReader* stream) {
+  std::string text(length, '\0');
+  stream->ReadBytes(reinterpret_cast<std::uint8_t*>(text.data()), length);
+  return EncodableValue(std::move(text));
 }
 
-void StandardCodecSerializer::WriteValue(const EncodableValue& value,
-                                         ByteStreamWriter* stream) const {
-  if (value.valueless_by_exception()) {
-    WriteType(TypeByte::Null, stream);
-    return;
+// The same from a buffer: made of the bytes that lie there, and not filled with zeros before.
+EncodableValue ReadChars(std::size_t length, ByteBufferStreamReader* stream) {
+  const std::uint8_t* const bytes = stream->TakeBytes(length);
+  if (bytes == nullptr) {
+    return EncodableValue(std::in_place_type<std::string>, length, '\0');
   }
-  std::visit(ValueWriter{this, stream}, static_cast<const internal::EncodableVariant&>(value));
+  return EncodableValue(std::in_place_type<std::string>, reinterpret_cast<const char*>(bytes),
+                        length);
 }
 
-EncodableValue StandardCodecSerializer::ReadValue(ByteStreamReader* stream) const {
-  // A derived serializer reads the values inside its own types here.
-  if (stream->GetBudget().IsInsideValue() && stream->BytesLeft() == 0) {
-    stream->GetBudget().MakeUp(1);
-  }
-  return ReadItem(stream);
+template <class Stream>
+EncodableValue ReadText(Stream* stream) {
+  const std::size_t length = ReadSizeFrom(stream);
+  ClaimBlock(length, 1, stream);
+  return ReadChars(length, stream);
 }
 
-EncodableValue StandardCodecSerializer::ReadItem(ByteStreamReader* stream) const {
-  const ValueScope scope(&stream->GetBudget());
-  const std::uint8_t type = stream->ReadByte();
-  return ReadValueOfType(type, stream);
-}
-
-EncodableValue StandardCodecSerializer::ReadList(ByteStreamReader* stream) const {
-  const std::size_t size = ReadSize(stream);
-  AnnouncedItems items(size, kListItemMinSize, stream);
-  EncodableList list;
-  list.reserve(size);
-  while (items.Next()) {
-    list.push_back(ReadItem(stream));
-  }
-  return EncodableValue(std::move(list));
-}
-
-EncodableValue StandardCodecSerializer::ReadMap(ByteStreamReader* stream) const {
-  AnnouncedItems entries(ReadSize(stream), kMapEntryMinSize, stream);
-  EncodableMap map;
-  while (entries.Next()) {
-    EncodableValue key = ReadItem(stream);
-    EncodableValue value = ReadItem(stream);
-    map.try_emplace(map.end(), std::move(key), std::move(value));
-  }
-  return EncodableValue(std::move(map));
-}
-
+// A list of `count` items that come next in the stream; zeros where there are fewer.
 template <class T>
-std::vector<T> StandardCodecSerializer::ReadVector(ByteStreamReader* stream) const {
-  const std::size_t size = ReadSize(stream);
+std::vector<T> ReadBlock(std::size_t count, ByteStreamReader* stream) {
+  std::vector<T> list(count);
+  stream->ReadBytes(reinterpret_cast<std::uint8_t*>(list.data()), count * sizeof(T));
+  return list;
+}
+
+// The same from a buffer, not filled with zeros before where the items lie as the CPU wants them.
+template <class T>
+std::vector<T> ReadBlock(std::size_t count, ByteBufferStreamReader* stream) {
+  const std::uint8_t* const bytes = stream->TakeBytes(count * sizeof(T));
+  if (bytes == nullptr) {
+    return std::vector<T>(count);
+  }
+  if (reinterpret_cast<std::uintptr_t>(bytes) % alignof(T) == 0) {
+    const auto* const items = reinterpret_cast<const T*>(bytes);
+    return std::vector<T>(items, items + count);
+  }
+  std::vector<T> list(count);
+  std::memcpy(list.data(), bytes, count * sizeof(T));
+  return list;
+}
+
+template <class T, class Stream>
+std::vector<T> ReadTypedList(Stream* stream) {
+  const std::size_t size = ReadSizeFrom(stream);
   // Peers differ in whether they pad an empty list; the padding is skipped as for any other.
   if constexpr (sizeof(T) > 1) {
     stream->ReadAlignment(sizeof(T));
@@ -313,9 +417,166 @@ std::vector<T> StandardCodecSerializer::ReadVector(ByteStreamReader* stream) con
     return {};
   }
   ClaimBlock(size, sizeof(T), stream);
-  std::vector<T> list(size);
-  stream->ReadBytes(reinterpret_cast<std::uint8_t*>(list.data()), size * sizeof(T));
-  return list;
+  return ReadBlock<T>(size, stream);
+}
+
+template <class Stream>
+EncodableValue ReadDouble(Stream* stream) {
+  stream->ReadAlignment(sizeof(double));
+  return EncodableValue(ReadNumber<double>(stream));
+}
+
+EncodableValue ReportUnknownType(std::uint8_t type) {
+  std::cerr << "Unknown type in StandardCodecSerializer::ReadValueOfType: " + std::to_string(type) +
+                   "\n";
+  return {};
+}
+
+template <class Source>
+EncodableValue ReadItem(Source source) {
+  const ValueScope scope(&source.stream->GetBudget());
+  return source.ReadPayload(source.stream->ReadByte());
+}
+
+// Stands for the value that comes next; a container that makes an element of it reads the value
+// right where it belongs.
+template <class Source>
+struct NextItem {
+  Source source;
+  operator EncodableValue() const { return ReadItem(source); }
+};
+
+template <class Source>
+EncodableValue ReadList(Source source) {
+  const std::size_t size = ReadSizeFrom(source.stream);
+  AnnouncedItems items(size, kListItemMinSize, source.stream);
+  EncodableValue value{EncodableList()};
+  auto& list = *std::get_if<EncodableList>(&value);
+  list.reserve(size);
+  while (items.Next()) {
+    list.emplace_back(NextItem<Source>{source});
+  }
+  return value;
+}
+
+template <class Source>
+EncodableValue ReadMap(Source source) {
+  const std::size_t size = ReadSizeFrom(source.stream);
+  AnnouncedItems entries(size, kMapEntryMinSize, source.stream);
+  EncodableValue value{EncodableMap()};
+  auto& map = *std::get_if<EncodableMap>(&value);
+  while (entries.Next()) {
+    map.emplace_hint(map.end(), NextItem<Source>{source}, NextItem<Source>{source});
+  }
+  return value;
+}
+
+template <class Source>
+EncodableValue ReadPayloadFrom(std::uint8_t type, Source source) {
+  switch (static_cast<TypeByte>(type)) {
+    case TypeByte::Null:
+      return {};
+    case TypeByte::True:
+      return EncodableValue(true);
+    case TypeByte::False:
+      return EncodableValue(false);
+    case TypeByte::Int32:
+      return EncodableValue(ReadNumber<std::int32_t>(source.stream));
+    case TypeByte::Int64:
+      return EncodableValue(ReadNumber<std::int64_t>(source.stream));
+    case TypeByte::Double:
+      return ReadDouble(source.stream);
+    case TypeByte::LargeInt:
+    case TypeByte::String:
+      return ReadText(source.stream);
+    case TypeByte::ByteList:
+      return EncodableValue(ReadTypedList<std::uint8_t>(source.stream));
+    case TypeByte::Int32List:
+      return EncodableValue(ReadTypedList<std::int32_t>(source.stream));
+    case TypeByte::Int64List:
+      return EncodableValue(ReadTypedList<std::int64_t>(source.stream));
+    case TypeByte::DoubleList:
+      return EncodableValue(ReadTypedList<double>(source.stream));
+    case TypeByte::List:
+      return ReadList(source);
+    case TypeByte::Map:
+      return ReadMap(source);
+    case TypeByte::FloatList:
+      return EncodableValue(ReadTypedList<float>(source.stream));
+  }
+  return ReportUnknownType(type);
+}
+
+// Where values are read from: through the virtual operations of any serializer and any stream.
+struct AnySource {
+  const StandardCodecSerializer* serializer;
+  ByteStreamReader* stream;
+
+  EncodableValue ReadPayload(std::uint8_t type) const {
+    return serializer->ReadValueOfType(type, stream);
+  }
+};
+
+// Where the standard serializer reads values from a buffer: nothing is virtual.
+struct BufferSource {
+  ByteBufferStreamReader* stream;
+
+  EncodableValue ReadPayload(std::uint8_t type) const { return ReadPayloadFrom(type, *this); }
+};
+
+// The stream as one over a buffer, if that is what it is and the serializer has no overrides.
+template <class BufferStream, class Stream>
+BufferStream* AsPlainBuffer(const StandardCodecSerializer* serializer, Stream* stream) {
+  const bool plain = serializer == &StandardCodecSerializer::GetInstance() &&
+                     typeid(*stream) == typeid(BufferStream);
+  return plain ? static_cast<BufferStream*>(stream) : nullptr;
+}
+
+}  // namespace
+
+const StandardCodecSerializer& StandardCodecSerializer::GetInstance() {
+  // Never destroyed: other objects may still encode while the process exits.
+  static const auto* const instance = new StandardCodecSerializer;
+  return *instance;
+}
+
+void StandardCodecSerializer::WriteSize(std::size_t size, ByteStreamWriter* stream) const {
+  AnySink sink(this, stream);
+  WriteSizeTo(size, sink);
+}
+
+std::size_t StandardCodecSerializer::ReadSize(ByteStreamReader* stream) const {
+  return ReadSizeFrom(stream);
+}
+
+void StandardCodecSerializer::WriteString(std::string_view text, ByteStreamWriter* stream) const {
+  AnySink sink(this, stream);
+  WriteText(text, sink);
+}
+
+void StandardCodecSerializer::WriteValue(const EncodableValue& value,
+                                         ByteStreamWriter* stream) const {
+  if (auto* const plain = AsPlainBuffer<ByteBufferStreamWriter>(this, stream)) {
+    BufferSink sink(plain);
+    sink.PutValue(value);
+    sink.Flush();
+    return;
+  }
+  AnySink sink(this, stream);
+  WriteValueTo(value, sink);
+}
+
+EncodableValue StandardCodecSerializer::ReadValue(ByteStreamReader* stream) const {
+  // A derived serializer reads the values inside its own types here.
+  if (stream->GetBudget().IsInsideValue() && stream->BytesLeft() == 0) {
+    stream->GetBudget().MakeUp(1);
+  }
+  return ReadItem(AnySource{this, stream});
+}
+
+template <class T>
+std::vector<T> StandardCodecSerializer::ReadVector(ByteStreamReader* stream) const {
+  return ReadTypedList<T>(stream);
 }
 
 template std::vector<std::uint8_t> StandardCodecSerializer::ReadVector(ByteStreamReader*) const;
@@ -326,44 +587,17 @@ template std::vector<float> StandardCodecSerializer::ReadVector(ByteStreamReader
 
 EncodableValue StandardCodecSerializer::ReadValueOfType(std::uint8_t type,
                                                         ByteStreamReader* stream) const {
-  switch (static_cast<TypeByte>(type)) {
-    case TypeByte::Null:
-      return {};
-    case TypeByte::True:
-      return EncodableValue(true);
-    case TypeByte::False:
-      return EncodableValue(false);
-    case TypeByte::Int32:
-      return EncodableValue(ReadNumber<std::int32_t>(stream));
-    case TypeByte::Int64:
-      return EncodableValue(ReadNumber<std::int64_t>(stream));
-    case TypeByte::Double:
-      return ReadDouble(stream);
-    case TypeByte::LargeInt:
-    case TypeByte::String:
-      return ReadString(ReadSize(stream), stream);
-    case TypeByte::ByteList:
-      return EncodableValue(ReadVector<std::uint8_t>(stream));
-    case TypeByte::Int32List:
-      return EncodableValue(ReadVector<std::int32_t>(stream));
-    case TypeByte::Int64List:
-      return EncodableValue(ReadVector<std::int64_t>(stream));
-    case TypeByte::DoubleList:
-      return EncodableValue(ReadVector<double>(stream));
-    case TypeByte::List:
-      return ReadList(stream);
-    case TypeByte::Map:
-      return ReadMap(stream);
-    case TypeByte::FloatList:
-      return EncodableValue(ReadVector<float>(stream));
+  if (auto* const plain = AsPlainBuffer<ByteBufferStreamReader>(this, stream)) {
+    return BufferSource{plain}.ReadPayload(type);
   }
-  return ReportUnknownType(type);
+  return ReadPayloadFrom(type, AnySource{this, stream});
 }
 
 MapWriter::MapWriter(std::size_t size, const StandardCodecSerializer* serializer,
                      ByteStreamWriter* stream)
     : serializer_(serializer), stream_(stream), scope_(stream) {
-  WriteHeader(TypeByte::Map, size, stream_);
+  AnySink sink(serializer, stream);
+  WriteHeader(TypeByte::Map, size, sink);
 }
 
 void MapWriter::AddKey(std::string_view key) { serializer_->WriteString(key, stream_); }

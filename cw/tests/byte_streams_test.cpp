@@ -105,6 +105,17 @@ TEST(ByteBufferStreamReader, ReadsNoBytesAtTheEndWithoutComplaint) {
   EXPECT_EQ(capture.GetText(), "");
 }
 
+TEST(ByteBufferStreamReader, GivesBytesWhereTheyLie) {
+  const Bytes bytes = FromHex("01 02 03");
+  ByteBufferStreamReader reader(bytes.data(), bytes.size());
+  EXPECT_EQ(reader.TakeBytes(2), bytes.data());
+  const StderrCapture capture;
+  EXPECT_EQ(reader.TakeBytes(2), nullptr);
+  EXPECT_EQ(capture.GetText(), kInvalidRead);
+  EXPECT_EQ(reader.TakeBytes(1), bytes.data() + 2);
+  EXPECT_EQ(reader.TakeBytes(0), bytes.data() + 3);
+}
+
 TEST(NestingScope, StopsPastTheDeepestLevelAndComesBack) {
   quarn::Buffer buffer;
   ByteBufferStreamWriter writer(&buffer);

@@ -236,6 +236,19 @@ TEST(DecodeBounds, HoldForBlocksThatAreNeverRead) {
   EXPECT_TRUE(DecodeWithinBounds(bytes).IsNull());
 }
 
+// The most memory that made-up items take: a block that is not there, in a list whose items are
+// not there either.
+TEST(DecodeBounds, HoldForAMadeUpBlockInsideAListOfMissingItems) {
+  const SilentStderr silence;
+  for (const char* block : {"05", "07", "08", "09", "0A", "0B", "0E"}) {
+    // 32,768 items, all but the first missing, and 32,769 elements of the block.
+    const Bytes most = FromHex("0C FE 00 80 " + std::string(block) + " FE 01 80");
+    EXPECT_EQ(DecodeWithinBounds(most).AsList()->size(), 32768U) << block;
+    const Bytes too_many = FromHex("0C FE 00 80 " + std::string(block) + " FE 02 80");
+    EXPECT_TRUE(DecodeWithinBounds(too_many).IsNull()) << block;
+  }
+}
+
 TEST(DecodeBounds, HoldForAListWhoseFirstElementTakesItsBytesAway) {
   const SilentStderr silence;
   // A million elements announced and there; the first is a string of nearly all of them.

@@ -1,3 +1,4 @@
+#include <cw/codec_limits.h>
 #include <cw/encodable_value.h>
 #include <gtest/gtest.h>
 
@@ -15,6 +16,7 @@
 namespace cw {
 namespace {
 
+using test_support::Bytes;
 using test_support::FromHex;
 using test_support::StderrCapture;
 using test_support::ToBytes;
@@ -309,6 +311,19 @@ TEST(EncodableValueDeserialize, KeepsFloatListsFloatLists) {
   const EncodableValue value(std::vector<float>{0.1F});
   EXPECT_EQ(std::get<std::vector<float>>(EncodableValue::Deserialize(value.Serialize())),
             std::vector<float>{0.1F});
+}
+
+TEST(EncodableValueDeserialize, GivesNullOneLevelPastTheDeepest) {
+  Bytes bytes;
+  for (std::size_t i = 1; i < kMaxNesting; ++i) {
+    bytes.insert(bytes.end(), {12, 1});
+  }
+  Bytes deepest = bytes;
+  deepest.insert(deepest.end(), {12, 0});
+  Bytes too_deep = bytes;
+  too_deep.insert(too_deep.end(), {12, 1, 12, 0});
+  EXPECT_FALSE(EncodableValue::Deserialize(deepest.data(), deepest.size()).IsNull());
+  EXPECT_TRUE(EncodableValue::Deserialize(too_deep.data(), too_deep.size()).IsNull());
 }
 
 TEST(EncodableValueDeserialize, GivesNullForACountThatCannotBe) {

@@ -107,6 +107,49 @@ TEST(StandardMethodCodec, WritesErrorEnvelopes) {
             FromHex("01 07 01 45 07 01 6D 01"));
 }
 
+TEST(StandardMethodCodec, WritesANullMessageInFrontOfDetails) {
+  const EncodableValue details(7);
+  EXPECT_EQ(ToBytes(Codec().EncodeErrorEnvelope("E", "", &details)),
+            FromHex("01 07 01 45 00 03 07 00 00 00"));
+}
+
+TEST(StandardMethodCodec, WritesNullDetailsBehindAMessage) {
+  EXPECT_EQ(ToBytes(Codec().EncodeErrorEnvelope("E", "m")), FromHex("01 07 01 45 07 01 6D 00"));
+}
+
+// Writes texts under a type byte of its own.
+class TextSerializer : public StandardCodecSerializer {
+ public:
+  void WriteValue(const EncodableValue& value, ByteStreamWriter* stream) const override {
+    const std::string* text = value.AsString();
+    if (text == nullptr) {
+      StandardCodecSerializer::WriteValue(value, stream);
+      return;
+    }
+    stream->WriteByte(128);
+    WriteString(*text, stream);
+  }
+
+  EncodableValue ReadValueOfType(std::uint8_t type, ByteStreamReader* stream) const override {
+    return type == 128 ? ReadValue(stream) : StandardCodecSerializer::ReadValueOfType(type, stream);
+  }
+};
+
+TEST(StandardMethodCodec, WritesNamesAndTextsThroughADerivedSerializer) {
+  static const TextSerializer serializer;
+  const StandardMethodCodec& codec = StandardMethodCodec::GetInstance(&serializer);
+  const EncodableValue text("x");
+  EXPECT_EQ(ToBytes(codec.EncodeMethodCall(MakeCall("n", text))),
+            FromHex("80 07 01 6E 80 07 01 78"));
+  EXPECT_EQ(ToBytes(codec.EncodeSuccessEnvelope(&text)), FromHex("00 80 07 01 78"));
+  EXPECT_EQ(ToBytes(codec.EncodeErrorEnvelope("E", "m", &text)),
+            FromHex("01 80 07 01 45 80 07 01 6D 80 07 01 78"));
+  const auto call = codec.DecodeMethodCall(codec.EncodeMethodCall(MakeCall("n", text)));
+  ASSERT_NE(call, nullptr);
+  EXPECT_EQ(call->GetMethodName(), "n");
+  EXPECT_EQ(*call->GetArguments(), text);
+}
+
 TEST(StandardMethodCodec, PadsEnvelopesFromTheStartOfTheMessage) {
   const EncodableValue result(1.0);
   EXPECT_EQ(ToBytes(Codec().EncodeSuccessEnvelope(&result)), FromHex("00 06 00*6 00*6 F0 3F"));
@@ -137,6 +180,20 @@ TEST(StandardMethodCodec, ReportsAnErrorWithoutMessageAndDetails) {
   Recorder recorder;
   EXPECT_TRUE(Process("01 07 01 45 00 00", &recorder));
   EXPECT_THAT(recorder.calls, testing::ElementsAre("error E|"));
+  EXPECT_EQ(recorder.value, std::nullopt);
+}
+
+TEST(StandardMethodCodec, ReportsAnErrorWithDetailsAndWithoutMessage) {
+  Recorder recorder;
+  EXPECT_TRUE(Process("01 07 01 45 00 03 07 00 00 00", &recorder));
+  EXPECT_THAT(recorder.calls, testing::ElementsAre("error E|"));
+  EXPECT_EQ(recorder.value, EncodableValue(7));
+}
+
+TEST(StandardMethodCodec, ReportsAnErrorWithAMessageAndWithoutDetails) {
+  Recorder recorder;
+  EXPECT_TRUE(Process("01 07 01 45 07 01 6D 00", &recorder));
+  EXPECT_THAT(recorder.calls, testing::ElementsAre("error E|m"));
   EXPECT_EQ(recorder.value, std::nullopt);
 }
 

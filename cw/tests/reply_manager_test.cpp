@@ -106,6 +106,22 @@ TEST(ReplyManager, LetsTheExceptionsOfItsReplyFunctionThrough) {
   EXPECT_THROW(manager.SendResponseData(nullptr), std::runtime_error);
 }
 
+TEST(ReplyManager, CountsAReplyAsSentWhenItsFunctionThrew) {
+  int count = 0;
+  const StderrCapture capture;
+  {
+    ReplyManager manager([&count](const std::uint8_t* /*data*/, std::size_t /*size*/) {
+      ++count;
+      throw std::runtime_error("no engine");
+    });
+    EXPECT_THROW(manager.SendResponseData(nullptr), std::runtime_error);
+    EXPECT_EQ(capture.GetText(), "");
+    EXPECT_NO_THROW(manager.SendResponseData(nullptr));
+  }
+  EXPECT_EQ(count, 1);
+  EXPECT_EQ(capture.GetText(), kDuplicate) << "and no warning that nothing was sent";
+}
+
 TEST(ReplyManagerDeathTest, StopsTheProcessForAnEmptyReplyFunction) {
   EXPECT_DEATH(ReplyManager{BinaryReply()}, "Assertion \"reply_handler_\" failed: a ReplyManager");
 }

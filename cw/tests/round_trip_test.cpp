@@ -1,5 +1,7 @@
+#include <cw/byte_streams.h>
 #include <cw/encodable_value.h>
 #include <cw/method_codec.h>
+#include <cw/standard_codec.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -47,6 +49,87 @@ TEST(RoundTrip, GivesBackTheArgumentsOfRandomMethodCalls) {
     ASSERT_NE(call, nullptr);
     ASSERT_EQ(call->GetMethodName(), name);
     ASSERT_EQ(*call->GetArguments(), arguments);
+  }
+}
+
+// Streams that are no buffers, around one each.
+class OtherWriter : public ByteStreamWriter {
+ public:
+  explicit OtherWriter(quarn::Buffer* buffer) : writer_(buffer) {}
+  void WriteByte(std::uint8_t byte) override { writer_.WriteByte(byte); }
+  void WriteBytes(const std::uint8_t* data, std::size_t length) override {
+    writer_.WriteBytes(data, length);
+  }
+  void WriteAlignment(std::uint8_t alignment) override { writer_.WriteAlignment(alignment); }
+
+ private:
+  ByteBufferStreamWriter writer_;
+};
+
+class OtherReader : public ByteStreamReader {
+ public:
+  explicit OtherReader(const quarn::Buffer& bytes) : reader_(bytes.GetData(), bytes.GetSize()) {}
+  std::uint8_t ReadByte() override { return reader_.ReadByte(); }
+  void ReadBytes(std::uint8_t* out, std::size_t length) override { reader_.ReadBytes(out, length); }
+  void ReadAlignment(std::uint8_t alignment) override { reader_.ReadAlignment(alignment); }
+  std::size_t BytesLeft() const override { return reader_.BytesLeft(); }
+
+ private:
+  ByteBufferStreamReader reader_;
+};
+
+template <class Writer>
+quarn::Buffer WriteWith(const StandardCodecSerializer& serializer, const EncodableValue& value) {
+  quarn::Buffer buffer;
+  Writer writer(&buffer);
+  serializer.WriteValue(value, &writer);
+  return buffer;
+}
+
+TEST(RoundTrip, IsTheSameThroughEverySerializerAndStream) {
+  const std::uint64_t seed = TestSeed(1213);
+  SCOPED_TRACE("TARV_TEST_SEED=" + std::to_string(seed));
+  RandomValues values(seed, {5, 20, 60, false});
+  const StandardCodecSerializer& shared = StandardCodecSerializer::GetInstance();
+  const StandardCodecSerializer other;
+  for (int i = 0; i < 500; ++i) {
+    const EncodableValue value(values.NextMap());
+    const quarn::Buffer bytes = WriteWith<ByteBufferStreamWriter>(shared, value);
+    ASSERT_EQ(WriteWith<OtherWriter>(shared, value), bytes) << "value number " << i;
+    ASSERT_EQ(WriteWith<ByteBufferStreamWriter>(other, value), bytes) << "value number " << i;
+    OtherReader other_reader(bytes);
+    ASSERT_EQ(shared.ReadValue(&other_reader), value) << "value number " << i;
+    ByteBufferStreamReader reader(bytes.GetData(), bytes.GetSize());
+    ASSERT_EQ(other.ReadValue(&reader), value) << "value number " << i;
+  }
+}
+
+// Lengths around those at which the writer gathers pieces, copies them or passes them on.
+TEST(RoundTrip, OfTextsAndBytesOfEveryLengthInARow) {
+  EncodableList list;
+  for (std::size_t length = 0; length <= 300; ++length) {
+    list.emplace_back(std::string(length, static_cast<char>('a' + length % 26)));
+    list.emplace_back(std::vector<std::uint8_t>(length, static_cast<std::uint8_t>(length)));
+    list.emplace_back(static_cast<double>(length));
+  }
+  for (const std::size_t length : {4000U, 4094U, 4095U, 4096U, 4097U, 10000U}) {
+    list.emplace_back(std::string(length, 'x'));
+  }
+  const EncodableValue value(std::move(list));
+  const quarn::Buffer bytes = value.Serialize();
+  EXPECT_EQ(bytes, WriteWith<OtherWriter>(StandardCodecSerializer::GetInstance(), value));
+  EXPECT_EQ(EncodableValue::Deserialize(bytes), value);
+}
+
+TEST(RoundTrip, OfTypedListsWhereverTheMessageLiesInMemory) {
+  const EncodableValue value(EncodableList{
+      std::vector<std::int32_t>{1, -2, 3}, std::vector<std::int64_t>{4, -5},
+      std::vector<double>{0.5, -6}, std::vector<float>{7, 0.25}, std::vector<std::uint8_t>{8}});
+  const Bytes bytes = ToBytes(value.Serialize());
+  for (std::size_t shift = 0; shift <= 8; ++shift) {
+    Bytes shifted(shift);
+    shifted.insert(shifted.end(), bytes.begin(), bytes.end());
+    EXPECT_EQ(EncodableValue::Deserialize(shifted.data() + shift, bytes.size()), value) << shift;
   }
 }
 

@@ -86,6 +86,19 @@ TEST(StandardCodec, KeepsTheFirstValueOfARepeatedKey) {
   EXPECT_EQ(Decode("0D 02 07 01 61 01 07 01 61 02"), (EncodableMap{{"a", true}}));
 }
 
+TEST(StandardCodec, KeepsTheFirstValueOfARepeatedKeyAnywhereInTheMap) {
+  const EncodableMap expected{{"a", 1}, {"b", 2}, {"c", 3}};
+  const std::string a = "07 01 61 03 01 00 00 00 ";
+  const std::string b = "07 01 62 03 02 00 00 00 ";
+  const std::string c = "07 01 63 03 03 00 00 00 ";
+  for (const std::string repeated : {"07 01 61 ", "07 01 62 ", "07 01 63 "}) {
+    EXPECT_EQ(Decode("0D 04 " + a + b + c + repeated + "02"), expected) << repeated;
+    EXPECT_EQ(Decode("0D 04 " + c + b + a + repeated + "02"), expected) << repeated;
+    EXPECT_EQ(Decode("0D 05 " + b + a + c + repeated + "0C 01 00 " + repeated + "02"), expected)
+        << repeated;
+  }
+}
+
 TEST(StandardCodec, ReadsMapEntriesInAnyOrder) {
   EXPECT_EQ(Decode("0D 03 07 01 62 01 07 01 61 02 07 01 63 00"),
             (EncodableMap{{"a", false}, {"b", true}, {"c", nullptr}}));
@@ -394,6 +407,7 @@ class ShapeSerializer : public StandardCodecSerializer {
       WriteValue(point->x, stream);
       WriteValue(point->y, stream);
     } else if (const auto* labelled = custom->GetIf<Labelled>()) {
+      const NestingScope scope(stream);
       stream->WriteByte(kLabelled);
       WriteString(labelled->label, stream);
       WriteValue(labelled->content, stream);
@@ -456,6 +470,28 @@ TEST(DerivedSerializer, MeetsItsTypesInsideListsMapsAndEachOther) {
   const auto* outer = std::get<CustomEncodableValue>(*decoded->At(1)).GetIf<Labelled>();
   EXPECT_EQ(outer->label, "corner");
   EXPECT_EQ(outer->content.Find<CustomEncodableValue>("at")->GetIf<Point>()->y, 4);
+}
+
+// `levels` values of a type of one's own in each other, the innermost around a null.
+EncodableValue NestedLabels(std::size_t levels) {
+  EncodableValue value;
+  for (std::size_t i = 0; i < levels; ++i) {
+    value = CustomEncodableValue(Labelled{"", std::move(value)});
+  }
+  return value;
+}
+
+TEST(DerivedSerializer, WritesItsOwnTypesUpToTheDeepestLevelThatIsRead) {
+  const StandardMessageCodec& codec = StandardMessageCodec::GetInstance(&Shapes());
+  const quarn::Buffer deepest = codec.EncodeMessage(NestedLabels(kMaxNesting));
+  EXPECT_EQ(codec.EncodeMessage(*codec.DecodeMessage(deepest)), deepest);
+  EXPECT_THROW(codec.EncodeMessage(NestedLabels(kMaxNesting + 1)), std::length_error);
+}
+
+TEST(DerivedSerializer, CountsTheLevelsOfItsOwnTypesAndOfListsTogether) {
+  const StandardMessageCodec& codec = StandardMessageCodec::GetInstance(&Shapes());
+  EXPECT_NO_THROW(codec.EncodeMessage(EncodableList{NestedLabels(kMaxNesting - 1)}));
+  EXPECT_THROW(codec.EncodeMessage(EncodableList{NestedLabels(kMaxNesting)}), std::length_error);
 }
 
 TEST(DerivedSerializer, KeepsToTheDepthInItsOwnTypes) {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace quarn::base64 {
 
@@ -27,6 +28,9 @@ constexpr std::optional<std::size_t> EncodedLength(std::size_t size) {
 // a look at the bytes.
 std::string EncodeToText(const std::uint8_t* data, std::size_t size);
 
+// The bytes of a canonical text; none for any other.
+std::optional<std::vector<std::uint8_t>> DecodeToBytes(const char* text, std::size_t length);
+
 // Writes EncodedLength(size) characters to `out`.
 void Encode(const std::uint8_t* data, std::size_t size, char* out);
 
@@ -37,12 +41,6 @@ std::optional<std::size_t> DecodedSize(const char* text, std::size_t length);
 // Decodes a text whose DecodedSize is known into `out`. False, with `out` partly written, when the
 // text is not canonical.
 bool Decode(const char* text, std::size_t length, std::uint8_t* out);
-
-// The same by the definition, one character at a time: what the fast paths are compared with.
-namespace reference {
-void Encode(const std::uint8_t* data, std::size_t size, char* out);
-bool Decode(const char* text, std::size_t length, std::uint8_t* out);
-}  // namespace reference
 
 }  // namespace quarn::base64
 

@@ -59,15 +59,8 @@ Buffer Buffer::FromCAPI(QuarnBufferView* view) {
 std::string Buffer::ToBase64() const { return base64::EncodeToText(bytes_.data(), bytes_.size()); }
 
 Buffer Buffer::FromBase64(const std::string& text) {
-  const auto size = base64::DecodedSize(text.data(), text.size());
-  if (!size) {
-    return {};
-  }
-  std::vector<std::uint8_t> bytes(*size);
-  if (!base64::Decode(text.data(), text.size(), bytes.data())) {
-    return {};
-  }
-  return Buffer(std::move(bytes));
+  auto bytes = base64::DecodeToBytes(text.data(), text.size());
+  return bytes ? Buffer(std::move(*bytes)) : Buffer();
 }
 
 }  // namespace quarn

@@ -1,7 +1,10 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <quarn/buffer.h>
 
 #include <array>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <random>
@@ -11,12 +14,15 @@
 
 #include "support/capture.h"
 #include "support/log_line.h"
+#include "support/seed.h"
 
 namespace {
 
 using quarn::Buffer;
 using tarv::test::IsLogLine;
+using tarv::test::NewSeed;
 using tarv::test::StdoutOf;
+using tarv::test::TestSeed;
 
 using Bytes = std::vector<std::uint8_t>;
 
@@ -217,6 +223,24 @@ TEST(BufferToCAPI, FillsOnlyWhatFitsIntoEveryViewSize) {
   }
 }
 
+TEST(BufferToCAPI, ZeroesTheTailOfALargerView) {
+  struct LargerView {
+    QuarnBufferView view;
+    std::array<unsigned char, 16> later_fields;
+    unsigned char beyond;
+  };
+  const Buffer buffer(Bytes{1, 2, 3});
+  LargerView larger;
+  std::memset(&larger, 0xEE, sizeof(larger));
+  constexpr std::size_t kSize = offsetof(LargerView, beyond);
+  EXPECT_EQ(buffer.ToCAPI(&larger.view, kSize), QUARN_RESULT_SUCCESS);
+  EXPECT_EQ(larger.view.struct_size, kSize);
+  EXPECT_EQ(larger.view.data, buffer.GetData());
+  EXPECT_EQ(larger.view.size, 3U);
+  EXPECT_THAT(larger.later_fields, testing::Each(0));
+  EXPECT_EQ(larger.beyond, 0xEE);
+}
+
 TEST(BufferToCAPI, ReportsANullView) {
   QuarnResult result = QUARN_RESULT_SUCCESS;
   const std::string log = StdoutOf([&result] { result = Buffer().ToCAPI(nullptr, 24); });
@@ -303,9 +327,9 @@ TEST(BufferBase64, RejectsForeignCharactersWithoutALogLine) {
 }
 
 TEST(BufferBase64, RoundTripsRandomBuffers) {
-  const auto seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 random(seed);
+  const std::uint64_t seed = TestSeed(NewSeed());
+  SCOPED_TRACE("TARV_TEST_SEED=" + std::to_string(seed));
+  std::mt19937_64 random(seed);
   for (int i = 0; i < 500; ++i) {
     Bytes bytes(random() % 1000 + 1);
     for (auto& byte : bytes) {

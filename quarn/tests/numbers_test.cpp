@@ -2,18 +2,22 @@
 #include <quarn/numbers.h>
 
 #include <cmath>
+#include <cstdint>
 #include <limits>
 #include <random>
 #include <string>
 
 #include "support/capture.h"
 #include "support/log_line.h"
+#include "support/seed.h"
 
 namespace {
 
 using quarn::numbers::SafeDoubleToInt64;
 using tarv::test::IsLogLine;
+using tarv::test::NewSeed;
 using tarv::test::StdoutOf;
+using tarv::test::TestSeed;
 
 constexpr double kTwoTo63 = 9223372036854775808.0;
 
@@ -126,8 +130,8 @@ TEST(SafeDoubleToInt64, ConvertsTheLargestDoubleBelowTwoTo63) {
 }
 
 TEST(SafeDoubleToInt64, AgreesWithTheIntegerForEveryRandomIntegerThatADoubleHolds) {
-  const auto seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
+  const std::uint64_t seed = TestSeed(NewSeed());
+  SCOPED_TRACE("TARV_TEST_SEED=" + std::to_string(seed));
   std::mt19937_64 random(seed);
   std::uniform_int_distribution<std::int64_t> integers(-(std::int64_t{1} << 53),
                                                        std::int64_t{1} << 53);

@@ -9,12 +9,15 @@
 
 #include "support/capture.h"
 #include "support/log_line.h"
+#include "support/seed.h"
 
 namespace {
 
 using quarn::strings::ParseInt;
 using tarv::test::IsLogLine;
+using tarv::test::NewSeed;
 using tarv::test::StdoutOf;
+using tarv::test::TestSeed;
 
 template <class Int = std::int64_t>
 void ExpectParses(std::string_view text, Int expected) {
@@ -124,8 +127,8 @@ TEST(ParseInt, KeepsToTheRangeOfNarrowerTypes) {
 }
 
 TEST(ParseInt, ReadsBackWhatAnyIntegerPrints) {
-  const auto seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
+  const std::uint64_t seed = TestSeed(NewSeed());
+  SCOPED_TRACE("TARV_TEST_SEED=" + std::to_string(seed));
   std::mt19937_64 random(seed);
   for (int i = 0; i < 10000; ++i) {
     const auto integer = static_cast<std::int64_t>(random()) >> (random() % 64);

@@ -6,38 +6,76 @@
 #include <quarn/buffer.h>
 #include <quarn/export.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace cw {
 
 namespace internal {
 
+[[noreturn]] TARV_EXPORT void ThrowTooDeep(const char* action);
+[[noreturn]] TARV_EXPORT void ThrowTooManyMadeUp();
+
 // What reading one message has used up of the bounds in codec_limits.h: one budget for the whole
 // message, whatever the nesting. Every operation throws std::length_error when a bound is passed.
-class TARV_EXPORT DecodeBudget {
+// All is inline, because it is done for every value.
+class DecodeBudget {
  public:
   // One value more, or less, is being read inside others.
-  void EnterValue();
+  void EnterValue() {
+    // One more than the containers: the innermost one may still hold plain values.
+    CheckContainer();
+    ++depth_;
+  }
   void LeaveValue() { --depth_; }
   bool IsInsideValue() const { return depth_ > 0; }
 
   // The value being read is a list or map.
-  void CheckContainer() const;
+  void CheckContainer() const {
+    if (depth_ > kMaxNesting) {
+      ThrowTooDeep("read");
+    }
+  }
 
   // A container announces `count` items of at least `item_size` bytes each, with `bytes_left` to
   // come. Everything announced and not begun must find a byte of its own or be made up, so headers
   // that each claim the rest of the message add up.
-  void Announce(std::size_t count, std::size_t item_size, std::size_t bytes_left);
+  void Announce(std::size_t count, std::size_t item_size, std::size_t bytes_left) {
+    const std::size_t missing_here = Shortfall(count, bytes_left / item_size);
+    const std::size_t missing_in_all = Shortfall(announced_ + count, bytes_left);
+    if (std::max(missing_here, missing_in_all) > Left()) {
+      ThrowTooManyMadeUp();
+    }
+    announced_ += count;
+  }
   // One announced item is begun.
-  void Begin(std::size_t item_size, std::size_t bytes_left);
+  void Begin(std::size_t item_size, std::size_t bytes_left) {
+    // Where no byte is left, all that is announced has to be made up: say so before the first item.
+    if (bytes_left == 0 && announced_ > Left()) {
+      ThrowTooManyMadeUp();
+    }
+    if (bytes_left < item_size) {
+      MakeUp(1);
+    }
+    --announced_;
+  }
   // `count` announced items will not be read.
   void Withdraw(std::size_t count) { announced_ -= count; }
 
   // `count` items are made up.
-  void MakeUp(std::size_t count);
+  void MakeUp(std::size_t count) {
+    if (count > Left()) {
+      ThrowTooManyMadeUp();
+    }
+    made_up_ += count;
+  }
 
  private:
+  static std::size_t Shortfall(std::size_t wanted, std::size_t available) {
+    return wanted > available ? wanted - available : 0;
+  }
   std::size_t Left() const { return kMaxMadeUpItems - made_up_; }
 
   std::size_t depth_ = 0;
@@ -67,10 +105,16 @@ class TARV_EXPORT ByteStreamWriter {
 };
 
 // One level of nesting on a writer, while it lives. Whoever writes the header and the items of a
-// list or map opens one around them. Throws std::length_error past kMaxNesting.
-class TARV_EXPORT NestingScope {
+// list, a map or a type of their own opens one around them. Throws std::length_error past
+// kMaxNesting.
+class NestingScope {
  public:
-  explicit NestingScope(ByteStreamWriter* stream);
+  explicit NestingScope(ByteStreamWriter* stream) : stream_(stream) {
+    if (stream_->nesting_ >= kMaxNesting) {
+      internal::ThrowTooDeep("write");
+    }
+    ++stream_->nesting_;
+  }
   ~NestingScope() { --stream_->nesting_; }
   NestingScope(const NestingScope&) = delete;
   NestingScope& operator=(const NestingScope&) = delete;
@@ -90,6 +134,8 @@ class TARV_EXPORT ByteBufferStreamWriter final : public ByteStreamWriter {
     buffer_->WriteBytes(data, length);
   }
   void WriteAlignment(std::uint8_t alignment) override { buffer_->WriteAlignment(alignment); }
+
+  quarn::Buffer* GetBuffer() const { return buffer_; }
 
  private:
   quarn::Buffer* buffer_;
@@ -128,13 +174,45 @@ class TARV_EXPORT ByteBufferStreamReader final : public ByteStreamReader {
   ByteBufferStreamReader(const std::uint8_t* data, std::size_t size)
       : data_(data), size_(data == nullptr ? 0 : size) {}
 
-  std::uint8_t ReadByte() override;
-  void ReadBytes(std::uint8_t* out, std::size_t length) override;
+  std::uint8_t ReadByte() override {
+    if (location_ >= size_) {
+      ReportInvalidRead();
+      return 0;
+    }
+    return data_[location_++];
+  }
+  void ReadBytes(std::uint8_t* out, std::size_t length) override {
+    const std::uint8_t* const bytes = TakeBytes(length);
+    if (bytes != nullptr && length > 0) {
+      std::memcpy(out, bytes, length);
+    }
+  }
   // May move past the end; the next read reports it. Nothing for an alignment of 0.
-  void ReadAlignment(std::uint8_t alignment) override;
+  void ReadAlignment(std::uint8_t alignment) override {
+    if (alignment == 0) {
+      return;
+    }
+    const std::size_t excess = location_ % alignment;
+    if (excess != 0) {
+      location_ += alignment - excess;
+    }
+  }
   std::size_t BytesLeft() const override { return location_ < size_ ? size_ - location_ : 0; }
 
+  // The next `length` bytes, where they lie, and moves past them. Null, after the line on standard
+  // error and with the position left alone, when there are fewer; also where there is no data.
+  const std::uint8_t* TakeBytes(std::size_t length) {
+    if (location_ > size_ || length > size_ - location_) {
+      ReportInvalidRead();
+      return nullptr;
+    }
+    location_ += length;
+    return data_ + (location_ - length);
+  }
+
  private:
+  static void ReportInvalidRead();
+
   const std::uint8_t* data_;
   std::size_t size_;
   std::size_t location_ = 0;

@@ -39,6 +39,10 @@ enum class TypeByte : std::uint8_t {
 // know and ReadValueOfType for their type bytes, and pass everything else to this class. Nested
 // values come back to the overrides. Hand the derived object to the GetInstance of a codec.
 //
+// A type that holds further values is a level of nesting like a list: open a NestingScope around
+// writing it, so that what is too deep to be read throws std::length_error instead of exhausting
+// the stack. Reading counts by itself.
+//
 // Every operation that reads throws std::length_error for input beyond codec_limits.h.
 class TARV_EXPORT StandardCodecSerializer {
  public:
@@ -72,11 +76,6 @@ class TARV_EXPORT StandardCodecSerializer {
 
   // Writes a text as a string value, without making an EncodableValue of it.
   void WriteString(std::string_view text, ByteStreamWriter* stream) const;
-
- private:
-  EncodableValue ReadItem(ByteStreamReader* stream) const;
-  EncodableValue ReadList(ByteStreamReader* stream) const;
-  EncodableValue ReadMap(ByteStreamReader* stream) const;
 };
 
 // Writes a map straight into a stream, entry by entry, so that a message around a large payload is

@@ -6,21 +6,17 @@
 
 #include <array>
 #include <cstdint>
-#include <cstdlib>
 #include <limits>
 #include <random>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "support/seed.h"
+
 namespace cw::test_support {
 
-// The seed of a property test: TARV_TEST_SEED from the environment, else `fallback`. Print it with
-// SCOPED_TRACE.
-inline std::uint64_t TestSeed(std::uint64_t fallback) {
-  const char* text = std::getenv("TARV_TEST_SEED");
-  return text == nullptr ? fallback : std::strtoull(text, nullptr, 10);
-}
+using tarv::test::TestSeed;
 
 struct RandomValueOptions {
   int max_depth = 4;              // lists and maps inside each other

@@ -34,30 +34,32 @@ class CppStyleListener : public IListener<Args...> {
       : target_(std::move(target)) {}
 
   void Invoke(Args... args) const override {
-    std::function<void(Args...)> target;
+    Target target;
     {
       const std::shared_lock lock(mutex_);
       target = target_;
     }
     if (target) {
-      target(std::move(args)...);
+      target(args...);
     }
   }
 
   void InvokeOnce(Args... args) override {
-    std::function<void(Args...)> target;
+    Target target;
     {
       const std::unique_lock lock(mutex_);
       target.swap(target_);
     }
     if (target) {
-      target(std::move(args)...);
+      target(args...);
     }
   }
 
  private:
+  using Target = std::function<void(const Args&...)>;
+
   mutable std::shared_mutex mutex_;
-  std::function<void(Args...)> target_;
+  Target target_;
 };
 
 // A listener around a C slot: a callback, a function that releases the user data, the user data.

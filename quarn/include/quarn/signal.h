@@ -11,6 +11,7 @@
 #include <mutex>
 #include <shared_mutex>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace quarn {
@@ -32,7 +33,7 @@ class Signal : public details::CounterClient {
     const std::uint64_t id = GenerateId();
     const std::unique_lock lock(order_->mutex);
     owned_.emplace(id, listener);
-    order_->entries.push_back({id, listener});
+    order_->Append({id, listener});
     return id;
   }
 
@@ -41,7 +42,7 @@ class Signal : public details::CounterClient {
   std::uint64_t SubscribeWeak(const std::weak_ptr<Listener>& listener) {
     const std::uint64_t id = GenerateId();
     const std::unique_lock lock(order_->mutex);
-    order_->entries.push_back({id, listener});
+    order_->Append({id, listener});
     return id;
   }
 
@@ -69,7 +70,8 @@ class Signal : public details::CounterClient {
     // From the first call on, neither the signal nor what the emitter passed in need be there.
     const std::shared_ptr<Order> order = order_;
     bool seen_dead = false;
-    for (const Entry& entry : order->Copy()) {
+    const Snapshot entries = order->Get();
+    for (const Entry& entry : *entries) {
       if (const auto listener = entry.listener.lock()) {
         listener->Invoke(args...);
       } else {
@@ -88,21 +90,33 @@ class Signal : public details::CounterClient {
     std::weak_ptr<Listener> listener;
   };
 
+  // Entries that never change: an emission shares them instead of copying them.
+  using Snapshot = std::shared_ptr<const std::vector<Entry>>;
+
   // The order of emission. Emissions under way share it, so it may outlive the signal.
   struct Order {
-    std::vector<Entry> Copy() const {
+    Snapshot Get() const {
       const std::shared_lock lock(mutex);
       return entries;
     }
 
     // With the mutex held.
-    template <class Predicate>
-    void EraseIf(Predicate predicate) {
-      entries.erase(std::remove_if(entries.begin(), entries.end(), predicate), entries.end());
+    void Append(Entry entry) {
+      auto changed = std::make_shared<std::vector<Entry>>(*entries);
+      changed->push_back(std::move(entry));
+      entries = std::move(changed);
     }
 
-    mutable std::shared_mutex mutex;  // guards the entries and the signal's `owned_`
-    std::vector<Entry> entries;
+    // With the mutex held.
+    template <class Predicate>
+    void EraseIf(Predicate predicate) {
+      auto changed = std::make_shared<std::vector<Entry>>(*entries);
+      changed->erase(std::remove_if(changed->begin(), changed->end(), predicate), changed->end());
+      entries = std::move(changed);
+    }
+
+    mutable std::shared_mutex mutex;  // guards which entries there are, and the signal's `owned_`
+    Snapshot entries = std::make_shared<const std::vector<Entry>>();
   };
 
   std::shared_ptr<Order> order_ = std::make_shared<Order>();

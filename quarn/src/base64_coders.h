@@ -1,0 +1,64 @@
+// The ways to do the bulk of Base64's work: by tables, and by the vector units of the CPUs that
+// have one. They differ in speed only.
+#ifndef QUARN_BASE64_CODERS_H
+#define QUARN_BASE64_CODERS_H
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace quarn::base64 {
+
+// Works from the front, block by block, as far as whole blocks go, and leaves the rest to the
+// tables: a coder touches no byte outside what it is given, and decides nothing.
+struct Coder {
+  const char* name;
+  bool (*is_supported)();  // by the CPU that this runs on
+
+  // Writes four characters for each three bytes. Returns how many bytes it took.
+  std::size_t (*encode)(const std::uint8_t* data, std::size_t size, char* out);
+
+  // Writes three bytes for each four characters, and stops before the first block that holds a
+  // character outside the alphabet, padding included. Returns how many characters it took. `length`
+  // is a multiple of four, and `out` has room for all of them.
+  std::size_t (*decode)(const char* text, std::size_t length, std::uint8_t* out);
+};
+
+// Those that this build knows, the fastest first; the last is the tables, which every CPU has.
+const std::vector<Coder>& GetCoders();
+
+// Base64 by one coder and, for what it leaves, the tables: Encode of base64.h.
+void EncodeBy(const Coder& coder, const std::uint8_t* data, std::size_t size, char* out);
+
+// The same for characters of whole groups, without padding. False when one is foreign.
+bool DecodeGroupsBy(const Coder& coder, const char* text, std::size_t length, std::uint8_t* out);
+
+// The same for a whole text: Decode of base64.h.
+bool DecodeBy(const Coder& coder, const char* text, std::size_t length, std::uint8_t* out);
+
+// Coders for the vector units of this architecture, the fastest first.
+std::vector<Coder> GetVectorCoders();
+
+namespace tables {
+
+// Writes all characters, padding included.
+void Encode(const std::uint8_t* data, std::size_t size, char* out);
+
+// Decodes whole groups. False when a character is foreign.
+bool DecodeGroups(const char* text, std::size_t length, std::uint8_t* out);
+
+// Decodes the quad that ends a text, the only one in which '=' may stand: one to three bytes. False
+// for a foreign character, misplaced padding, or bits left over before the padding.
+bool DecodeLastQuad(const char* text, std::uint8_t* out);
+
+}  // namespace tables
+
+// Base64 by the definition, one character at a time: what everything else is compared with.
+namespace reference {
+void Encode(const std::uint8_t* data, std::size_t size, char* out);
+bool Decode(const char* text, std::size_t length, std::uint8_t* out);
+}  // namespace reference
+
+}  // namespace quarn::base64
+
+#endif  // QUARN_BASE64_CODERS_H
