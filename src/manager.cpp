@@ -15,9 +15,8 @@ namespace {
 // Its handle stops working at once, even if a callback of the object's own keeps it alive for now.
 template <class T>
 void Drop(std::shared_ptr<T>& object) {
-  if (object) {
-    object->Unregister();
-    object.reset();
+  if (const auto dropped = std::exchange(object, nullptr)) {
+    dropped->Unregister();
   }
 }
 
@@ -47,15 +46,21 @@ void Manager::HandleRelease(_TARVManagerRef* manager) {
 }
 
 void Manager::Release() {
-  // Callbacks of the dying objects may come back here: what they find must be whole.
-  auto clients = std::exchange(rpc_clients_, {});
-  auto server = std::exchange(rpc_server_, nullptr);
-  auto intents = std::exchange(intent_manager_, nullptr);
-  for (auto& client : clients) {
+  // Callbacks of the dying objects may come back here: what they find is whole, and what they make
+  // goes the same way.
+  while (!rpc_clients_.empty() || rpc_server_ || intent_manager_) {
+    DropRpcClients();
+    Drop(rpc_server_);
+    Drop(intent_manager_);
+  }
+}
+
+void Manager::DropRpcClients() {
+  while (!rpc_clients_.empty()) {
+    auto client = std::move(rpc_clients_.front());
+    rpc_clients_.erase(rpc_clients_.begin());
     Drop(client);
   }
-  Drop(server);
-  Drop(intents);
 }
 
 _TARVIntentManagerRef* Manager::HandleGetIntentManager(_TARVManagerRef* manager) {
