@@ -1,12 +1,12 @@
 #include "manager.h"
 
 #include <quarn/listener.h>
-#include <quarn/logger.h>
 
 #include <algorithm>
 #include <utility>
 
 #include "creation.h"
+#include "log.h"
 
 namespace tarv::details {
 
@@ -15,9 +15,8 @@ namespace {
 // Its handle stops working at once, even if a callback of the object's own keeps it alive for now.
 template <class T>
 void Drop(std::shared_ptr<T>& object) {
-  if (object) {
-    object->Unregister();
-    object.reset();
+  if (const auto dropped = std::exchange(object, nullptr)) {
+    dropped->Unregister();
   }
 }
 
@@ -28,7 +27,7 @@ Manager::Manager(PrivateTag) : Object(quarn::IDispatcher::CreateEmpty()) {}
 std::shared_ptr<Manager> Manager::Create() {
   auto manager = CreateOrEmpty([] { return Object::Create(PrivateTag()); });
   if (!manager) {
-    QUARN_LOG_ERROR() << "Could not create Runtime Manager on API side.";
+    LogError(QUARN_LOCATION, "Could not create Runtime Manager on API side.");
   }
   return manager;
 }
@@ -47,28 +46,34 @@ void Manager::HandleRelease(_TARVManagerRef* manager) {
 }
 
 void Manager::Release() {
-  // Callbacks of the dying objects may come back here: what they find must be whole.
-  auto clients = std::exchange(rpc_clients_, {});
-  auto server = std::exchange(rpc_server_, nullptr);
-  auto intents = std::exchange(intent_manager_, nullptr);
-  for (auto& client : clients) {
+  // Callbacks of the dying objects may come back here: what they find is whole, and what they make
+  // goes the same way.
+  while (!rpc_clients_.empty() || rpc_server_ || intent_manager_) {
+    DropRpcClients();
+    Drop(rpc_server_);
+    Drop(intent_manager_);
+  }
+}
+
+void Manager::DropRpcClients() {
+  while (!rpc_clients_.empty()) {
+    auto client = std::move(rpc_clients_.front());
+    rpc_clients_.erase(rpc_clients_.begin());
     Drop(client);
   }
-  Drop(server);
-  Drop(intents);
 }
 
 _TARVIntentManagerRef* Manager::HandleGetIntentManager(_TARVManagerRef* manager) {
   const auto self = FromRef(manager);
   if (!self) {
-    QUARN_LOG_ERROR() << "Runtime Manager is not initialized.";
+    LogError(QUARN_LOCATION, "Runtime Manager is not initialized.");
     return nullptr;
   }
   if (!self->intent_manager_) {
     self->intent_manager_ = IntentManagerImpl::Create();
   }
   if (!self->intent_manager_) {
-    QUARN_LOG_ERROR() << "Could not create Intent Manager on API side.";
+    LogError(QUARN_LOCATION, "Could not create Intent Manager on API side.");
     return nullptr;
   }
   return self->intent_manager_->GetRef();
@@ -88,12 +93,12 @@ _TARVRpcServerRef* Manager::HandleGetRpcServer(_TARVManagerRef* manager) {
 _TARVRpcClientRef* Manager::HandleCreateRpcClient(_TARVManagerRef* manager) {
   const auto self = FromRef(manager);
   if (!self) {
-    QUARN_LOG_ERROR() << "Runtime Manager is not initialized.";
+    LogError(QUARN_LOCATION, "Runtime Manager is not initialized.");
     return nullptr;
   }
   const auto client = CreateOrEmpty([&self] { return self->CreateRpcClient(); });
   if (!client) {
-    QUARN_LOG_ERROR() << "Could not create Task Worker on API side.";
+    LogError(QUARN_LOCATION, "Could not create Task Worker on API side.");
     return nullptr;
   }
   return client->GetRef();

@@ -36,6 +36,7 @@ class Manager final : public quarn::Object<Manager, _TARVManagerRef*> {
 
  private:
   void Release();
+  void DropRpcClients();
   std::shared_ptr<RpcClientImpl> CreateRpcClient();
   void RemoveRpcClient(_TARVRpcClientRef* client);
 

@@ -10,6 +10,7 @@
 #include "call_both.h"
 #include "creation.h"
 #include "error_relay.h"
+#include "log.h"
 
 namespace tarv {
 
@@ -78,14 +79,14 @@ std::shared_ptr<RpcClientImpl> RpcClientImpl::Create(
   auto client = details::CreateOrEmpty(
       [&stop_listener] { return Object::Create(stop_listener, PrivateTag()); });
   if (!client) {
-    QUARN_LOG_ERROR() << "Could not create Task Worker.";
+    details::LogError(QUARN_LOCATION, "Could not create Task Worker.");
   }
   return client;
 }
 
 QuarnResult RpcClientImpl::HandleLoadProcTable(TARVRpcClientProcTable* table, std::size_t size) {
   if (table == nullptr) {
-    QUARN_LOG_ERROR() << "Null table specified.";
+    details::LogError(QUARN_LOCATION, "Null table specified.");
     return QUARN_RESULT_INVALID_ARGUMENT;
   }
   quarn::StructFiller<TARVRpcClientProcTable>(table, size)

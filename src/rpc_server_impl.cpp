@@ -1,12 +1,12 @@
 #include "rpc_server_impl.h"
 
 #include <RuntimeManager/RuntimeDispatcher.h>
-#include <quarn/logger.h>
 #include <quarn/sized_struct.h>
 
 #include <utility>
 
 #include "creation.h"
+#include "log.h"
 
 namespace tarv {
 
@@ -52,7 +52,7 @@ std::shared_ptr<RpcServerImpl> RpcServerImpl::Create() {
 
 QuarnResult RpcServerImpl::HandleLoadProcTable(TARVRpcServerProcTable* table, std::size_t size) {
   if (table == nullptr) {
-    QUARN_LOG_ERROR() << "Null table specified.";
+    details::LogError(QUARN_LOCATION, "Null table specified.");
     return QUARN_RESULT_INVALID_ARGUMENT;
   }
   quarn::StructFiller<TARVRpcServerProcTable>(table, size)

@@ -163,8 +163,8 @@ typedef struct TARVProcTable {
   /* The process's manager, made by the first call; null when that failed, then and ever after.
    * [any] */
   _TARVManagerRef* (*Initialize)(void);
-  /* Ends all clients, the server and the intent manager. The manager itself, and its handle, live
-     on. [service] */
+  /* Ends all clients, then the server, then the intent manager, and with them what their callbacks
+     make of the kind meanwhile. The manager itself, and its handle, live on. [service] */
   void (*Release)(_TARVManagerRef* manager);
   /* The manager's intent manager, made by the first call; null on failure. Owned by the manager.
      [service] */

@@ -1,35 +1,16 @@
-// What callers are told when memory runs out while an object is made. This program replaces the
-// allocation functions, so that a chosen allocation fails.
+// What callers are told when memory runs out while an object is made.
 
 #include <gmock/gmock.h>
 #include <tarv/tarv_capi.h>
 
 #include <algorithm>
 #include <cstdlib>
-#include <new>
 #include <thread>
 #include <vector>
 
+#include "failing_allocation.h"
 #include "kit/service.h"
 #include "support/capture.h"
-
-namespace {
-
-thread_local int allocations_until_failure = -1;  // -1: none fails
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-  if (allocations_until_failure >= 0 && allocations_until_failure-- == 0) {
-    throw std::bad_alloc();
-  }
-  if (void* const memory = std::malloc(size)) {
-    return memory;
-  }
-  throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace tarv::test {
 namespace {

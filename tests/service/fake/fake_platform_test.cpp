@@ -1,6 +1,8 @@
 // What no real platform can be made to do at will: a start that completes too late or twice, a stop
 // that fails, a platform without the optional signals.
 
+#include "fake_platform.h"
+
 #include <RuntimeManager/RuntimeDispatcher.h>
 #include <RuntimeManager/Task.h>
 #include <RuntimeManager/TaskMessaging.h>
@@ -26,62 +28,6 @@ using RuntimeManager::Task;
 using RuntimeManager::TaskMessaging;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-int argument_count = 1;
-char program_name[] = "fake_platform_tests";
-char* arguments[] = {program_name, nullptr};
-
-class FakePlatform : public testing::Test {
- protected:
-  FakePlatform() : application_(argument_count, arguments) {
-    Task::GetAll().clear();
-    TaskMessaging::GetAll().clear();
-    TARVProcTableLoad(&root_, sizeof(root_));
-    root_.RpcClientProcTableLoad(&table_, sizeof(table_));
-    root_.RpcServerProcTableLoad(&server_table_, sizeof(server_table_));
-    manager_ = root_.Initialize();
-    client_ = root_.CreateRpcClient(manager_);
-  }
-  ~FakePlatform() override {
-    root_.Release(manager_);
-    RunDeferredDeletes();
-  }
-
-  // Starts the client's task; its completions are then at the test's disposal.
-  Task& Start() {
-    TARVRpcClientSlots callbacks{};
-    callbacks.size = sizeof(callbacks);
-    callbacks.OnStarted = [](void* log, int code, const char* text, std::size_t) {
-      Log(log, "started " + std::to_string(code) + " " + text);
-    };
-    callbacks.OnDisconnect = [](void* log, int code, const char* text, std::size_t) {
-      Log(log, "disconnect " + std::to_string(code) + " " + text);
-    };
-    callbacks.OnMessage = [](void* log, const char* text, std::size_t) {
-      Log(log, std::string("message ") + text);
-    };
-    callbacks.Release = [](void* log) { Log(log, "released"); };
-    callbacks.user_data = &log_;
-    EXPECT_EQ(table_.StartTask(client_, "worker", "/libs", &callbacks), QUARN_RESULT_SUCCESS);
-    return *Task::GetAll().at(0);
-  }
-
-  static void Log(void* log, const std::string& line) {
-    static_cast<std::vector<std::string>*>(log)->push_back(line);
-  }
-
-  static void RunDeferredDeletes() {
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-  }
-
-  QCoreApplication application_;
-  TARVProcTable root_{};
-  TARVRpcClientProcTable table_{};
-  TARVRpcServerProcTable server_table_{};
-  _TARVManagerRef* manager_ = nullptr;
-  _TARVRpcClientRef* client_ = nullptr;
-  std::vector<std::string> log_;
-};
 
 TEST_F(FakePlatform, TaskIsAskedForASocketAndGivenTheLibrariesFolder) {
   const Task& task = Start();
