@@ -27,6 +27,9 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
  public:
   struct Callbacks {
     std::function<void(const QJsonObject&)> on_object;
+    // Whether texts are wanted as such. They then go to on_data, and not to on_object.
+    std::function<bool()> wants_data;
+    std::function<void(const QByteArray&)> on_data;
     std::function<void(const Error&)> on_end;  // once at most, the last call
   };
 
@@ -41,6 +44,8 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   // Sends after all earlier objects. An object over the bound of a message, and one too much for
   // the queue, end the channel.
   void Send(const QJsonObject& object);
+  // Sends the object {"data": text}; `text` is UTF-8.
+  void SendData(std::string_view text);
   // Delivers what has arrived by now, whole.
   void Drain();
   // Ends the channel from the event loop, after what has arrived.
@@ -51,6 +56,9 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   bool IsOpen() const { return !ended_; }
 
  private:
+  bool MaySend();
+  bool Accepts(std::size_t size);
+  void Queue(QByteArray line, std::size_t sent);
   void OnReadable();
   void OnWritable();
   void Read(std::size_t budget, bool to_the_end);
@@ -59,6 +67,7 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   void DeliverLine(std::string_view line);
   void WarnAboutLine(std::string_view line);
   void Flush();
+  std::size_t WriteAtOnce(std::string_view text) const;
   ssize_t WriteSome();
   void DropWritten(std::size_t size);
   void WaitForRoom(bool wait);
