@@ -304,26 +304,27 @@ int RunQtChild(int argc, char** argv) {
 
 void MeasureQtLatency() {
   for (const Floor& floor : kFloors) {
-    RunLatency({"A", RoundTripCase(), floor.name}, floor, SmallPayload(floor), kWarmup,
+    RunLatency({"A", CaseName("round trip"), floor.name}, floor, SmallPayload(floor), kWarmup,
                kRoundTrips);
   }
 }
 
 void MeasureQtPipeline() {
-  const std::string kase = IsOnOneCpu() ? "pipelined x64, all on one CPU" : "pipelined x64";
+  const std::string kase = CaseName("pipelined x64");
   for (const Floor& floor : kFloors) RunWindow({"B", kase, floor.name}, floor);
 }
 
 void MeasureQtNotifications() {
-  for (const Floor& floor : kFloors) RunOneWay({"N", "notifications, one way", floor.name}, floor);
+  for (const Floor& floor : kFloors)
+    RunOneWay({"N", CaseName("notifications, one way"), floor.name}, floor);
 }
 
 void MeasureQtLarge() {
   for (const LargeCase& large : kLargeCases) {
     const QByteArray payload(static_cast<int>(large.bytes), 'x');
-    RunLatency({"C", LargeCaseName(large), "2 Qt QLocalSocket, opaque"}, {"local", "opaque", ""},
+    RunLatency({"C", CaseName(large), "2 Qt QLocalSocket, opaque"}, {"local", "opaque", ""},
                payload, large.warmup, large.count);
-    RunLatency({"C", LargeCaseName(large), "3 Qt QLocalSocket + QJson + Base64"},
+    RunLatency({"C", CaseName(large), "3 Qt QLocalSocket + QJson + Base64"},
                {"local", "base64", ""}, payload, large.warmup, large.count);
   }
 }

@@ -109,7 +109,7 @@ void MeasureRawLatency() {
     if (!WriteAll(child.Socket(), message.data(), kMessage)) Die("write");
     if (!ReadAll(child.Socket(), message.data(), kMessage)) Die("read");
   } while (run.Stop());
-  run.Report({"A", RoundTripCase(), kRaw});
+  run.Report({"A", CaseName("round trip"), kRaw});
 }
 
 // One write for all free places of the window, as a buffered transport would do.
@@ -129,8 +129,7 @@ void MeasureRawPipeline() {
       run.OnReceived();
     }
   }
-  run.Report({"B", IsOnOneCpu() ? "pipelined x64, all on one CPU" : "pipelined x64",
-              std::string(kRaw) + ", coalesced"});
+  run.Report({"B", CaseName("pipelined x64"), std::string(kRaw) + ", coalesced"});
 }
 
 void MeasureRawLarge() {
@@ -144,7 +143,7 @@ void MeasureRawLarge() {
       if (!WriteAll(child.Socket(), out.data(), out.size())) Die("write");
       if (!ReadAll(child.Socket(), in.data(), in.size())) Die("read");
     } while (run.Stop());
-    run.Report({"C", LargeCaseName(large), "1 raw socketpair"});
+    run.Report({"C", CaseName(large), "1 raw socketpair"});
   }
 }
 

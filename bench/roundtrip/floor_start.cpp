@@ -39,7 +39,7 @@ void MeasureStarts(const std::string& name, const QString& program, QStringList 
   arguments += path;
   StartRun run;
   while (run.IsWanted()) run.Add(StartToConnection(server, program, arguments));
-  run.Report({"G", "start", name});
+  run.Report({"G", CaseName("start"), name});
 }
 
 }  // namespace

@@ -74,16 +74,15 @@ std::size_t PeakMemory(pid_t process) {
   Die("no VmHWM of process " + who);
 }
 
-bool IsOnOneCpu() {
+std::string CaseName(const std::string& name) {
   cpu_set_t set;
-  return ::sched_getaffinity(0, sizeof(set), &set) == 0 && CPU_COUNT(&set) == 1;
+  if (::sched_getaffinity(0, sizeof(set), &set) != 0) Die("sched_getaffinity");
+  return CPU_COUNT(&set) == 1 ? name + ", all on one CPU" : name;
 }
 
-std::string RoundTripCase() { return IsOnOneCpu() ? "round trip, all on one CPU" : "round trip"; }
-
-std::string LargeCaseName(const LargeCase& large) {
+std::string CaseName(const LargeCase& large) {
   const bool is_kept = std::getenv("MALLOC_TRIM_THRESHOLD_") != nullptr;
-  return std::string(large.name) + (is_kept ? ", heap kept" : "");
+  return CaseName(std::string(large.name) + (is_kept ? ", heap kept" : ""));
 }
 
 LatencyRun::LatencyRun(std::size_t warmup, std::size_t count, const std::vector<pid_t>& others)

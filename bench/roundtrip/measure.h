@@ -55,13 +55,12 @@ struct LargeCase {
   std::size_t warmup;
   std::size_t count;
 };
-constexpr LargeCase kLargeCases[] = {{"1 MiB", kMiB, 3, 20}, {"16 MiB", 16 * kMiB, 1, 4}};
+constexpr LargeCase kLargeCases[] = {{"1 MiB", kMiB, 3, 20}, {"16 MiB", 16 * kMiB, 1, 3}};
 
 // The names of the cases: whether all processes share one CPU, and whether the C library keeps
 // freed memory, decides more than most code does.
-std::string RoundTripCase();
-std::string LargeCaseName(const LargeCase& large);
-bool IsOnOneCpu();
+std::string CaseName(const std::string& name);
+std::string CaseName(const LargeCase& large);
 
 // One request in flight: Start() before a request, Stop() after its answer.
 class LatencyRun {

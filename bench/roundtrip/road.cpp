@@ -22,28 +22,21 @@ const EncodableValue& ResultOf(const Response& response) {
   return *response.GetResult();
 }
 
-Bytes MakePayload(std::size_t size) {
+EncodableValue MakePayload(std::size_t size) {
   Bytes bytes(size);
-  for (std::size_t i = 0; i < size; ++i)
-    bytes[i] = static_cast<std::uint8_t>(i * 2654435761U >> 13);
-  return bytes;
+  for (std::size_t i = 0; i < size; ++i) {
+    bytes[i] = static_cast<std::uint8_t>(i * 2654435761U >> 13U);
+  }
+  return EncodableValue(std::move(bytes));
 }
 
-// Sends `payload`, which the sender does not keep, and waits for its return.
-void SendLarge(Road& road, Bytes&& payload, const std::function<void(Bytes&)>& on_answer) {
-  const std::size_t size = payload.size();
-  QEventLoop loop;
-  // In a scope of its own: the value goes when it has been sent.
-  {
-    const EncodableValue params(std::move(payload));
-    road.Client().SendRequest("echo_payload", params, [&, size](const Response& response) {
-      auto result = std::get<Bytes>(ResultOf(response));
-      if (result.size() != size) Die("the payload comes back in another size");
-      on_answer(result);
-      loop.quit();
-    });
-  }
-  loop.exec();
+// Sends a payload and runs `on_answer` when it is back. The event loop must run meanwhile.
+void SendLarge(Road& road, const EncodableValue& payload, const std::function<void()>& on_answer) {
+  const std::size_t size = std::get<Bytes>(payload).size();
+  road.Client().SendRequest("echo_payload", payload, [&on_answer, size](const Response& response) {
+    if (std::get<Bytes>(ResultOf(response)).size() != size) Die("another size comes back");
+    on_answer();
+  });
 }
 
 }  // namespace
@@ -106,7 +99,7 @@ void MeasureLatency() {
   Road road(*manager);
   LatencyRun run(kWarmup, kRoundTrips, {road.TaskProcess()});
   road.RunSmall(run);
-  run.Report({"A", RoundTripCase(), kRoad});
+  run.Report({"A", CaseName("round trip"), kRoad});
 }
 
 void MeasurePipeline() {
@@ -121,7 +114,7 @@ void MeasurePipeline() {
   on_answer = [&run, &loop, &fill] { run.OnReceived() ? fill() : loop.quit(); };
   fill();
   loop.exec();
-  run.Report({"B", IsOnOneCpu() ? "pipelined x64, all on one CPU" : "pipelined x64", kRoad});
+  run.Report({"B", CaseName("pipelined x64"), kRoad});
 }
 
 // Batches, each ended by a request: its answer says that the batch has been heard.
@@ -139,7 +132,7 @@ void MeasureNotifications() {
   }
   const EncodableValue heard = road.Ask("count_heard");
   if (heard.AsInt64() != static_cast<std::int64_t>(kWarmup + kNotifications)) Die("some are lost");
-  run.Report({"N", "notifications, one way", kRoad});
+  run.Report({"N", CaseName("notifications, one way"), kRoad});
 }
 
 void MeasureLarge() {
@@ -147,16 +140,17 @@ void MeasureLarge() {
   for (const LargeCase& large : kLargeCases) {
     Road road(*manager);
     LatencyRun run(large.warmup, large.count, {road.TaskProcess()});
-    Bytes payload = MakePayload(large.bytes);
-    bool is_wanted = true;
-    while (is_wanted) {
+    const EncodableValue payload = MakePayload(large.bytes);
+    QEventLoop loop;
+    std::function<void()> on_answer;
+    const auto send = [&road, &run, &payload, &on_answer] {
       run.Start();
-      SendLarge(road, std::move(payload), [&run, &payload, &is_wanted](Bytes& result) {
-        is_wanted = run.Stop();
-        payload = std::move(result);
-      });
-    }
-    run.Report({"C", LargeCaseName(large), kRoad});
+      SendLarge(road, payload, on_answer);
+    };
+    on_answer = [&run, &loop, &send] { run.Stop() ? send() : loop.quit(); };
+    send();
+    loop.exec();
+    run.Report({"C", CaseName(large), kRoad});
   }
 }
 
@@ -174,7 +168,10 @@ void MeasureMemory() {
     Record(row, "both", (application + its_task) / kMiB, "MiB");
   };
   report("peak memory, connected");
-  SendLarge(road, MakePayload(kSize), [](const Bytes& /*result*/) {});
+  QEventLoop loop;
+  const std::function<void()> on_answer = [&loop] { loop.quit(); };
+  SendLarge(road, MakePayload(kSize), on_answer);  // the sender keeps nothing
+  loop.exec();
   report("peak memory, one payload of 16 MiB there and back");
 }
 
@@ -186,7 +183,7 @@ void MeasureStart() {
     Road road(*manager);
     run.Add(NowNs() - began);
   }
-  run.Report({"G", "start", "tarv, start of a task to its connection"});
+  run.Report({"G", CaseName("start"), "tarv, start of a task to its connection"});
 }
 
 }  // namespace bench

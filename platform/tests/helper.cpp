@@ -104,13 +104,19 @@ int OwnIntent(const QString& name, const QString& how) {
   return QCoreApplication::exec();
 }
 
-int Talk(const QString& name) {
+// Sends one message to a task, as an object or as a text, and ends with its answer.
+int Talk(const QString& name, bool as_text) {
   Task task(name);
   task.withIpcSocket(true);
   std::unique_ptr<TaskMessaging> messaging;
-  task.start([&task, &messaging](const Error& error) {
+  task.start([&task, &messaging, as_text](const Error& error) {
     if (error.isError()) return QCoreApplication::exit(1);
     messaging = std::make_unique<TaskMessaging>(task.socketPath());
+    if (as_text) {
+      QObject::connect(messaging.get(), &TaskMessaging::dataReceived, qApp,
+                       &QCoreApplication::quit);
+      return messaging->sendData("hello");
+    }
     QObject::connect(messaging.get(), &TaskMessaging::messageReceived, qApp,
                      &QCoreApplication::quit);
     messaging->sendMessage({{"data", "hello \"you\""}});
@@ -130,6 +136,6 @@ int main(int count, char** arguments) {
   if (verb == "outlive")
     return StartTaskAndOutliveApplication(words.value(2), std::move(application));
   if (verb == "own") return OwnIntent(words.value(2), words.value(3));
-  if (verb == "talk") return Talk(words.value(2));
+  if (verb == "talk") return Talk(words.value(2), words.value(3) == "text");
   return Echo();
 }

@@ -279,6 +279,36 @@ TEST_F(ServerEnd, EndsAConnectionWhoseLineIsOverTheBound) {
   ::close(peer);
 }
 
+TEST_F(ServerEnd, SendsATextUpToTheBoundOfItsEnvelope) {
+  const ScopedVariable bound("RUNTIME_MANAGER_MAX_MESSAGE", "20");
+  TaskMessaging messaging(listening_);
+  Inbox inbox(&messaging);
+  const int peer = Connect();
+  messaging.sendData("123456789");
+  EXPECT_EQ(ReadLineFrom(peer), R"({"data":"123456789"})");
+  messaging.sendData("1234567890");
+  messaging.sendData("1");
+  EXPECT_EQ(inbox.disconnects.Wait().code(), Error::kMessageTooLong);
+  EXPECT_EQ(ReadToEnd(peer), "");
+  ::close(peer);
+}
+
+TEST_F(ServerEnd, SendsTextsOnlyAsFarAsTheQueueGoes) {
+  const ScopedVariable queue("RUNTIME_MANAGER_MAX_QUEUE", "1000000");
+  TaskMessaging messaging(listening_);
+  Inbox inbox(&messaging);
+  const int peer = Connect();
+  ASSERT_TRUE(RunUntil([&messaging, peer] {
+    messaging.sendData("hello");
+    char byte = 0;
+    return ::recv(peer, &byte, 1, MSG_DONTWAIT | MSG_PEEK) == 1;
+  }));
+  const QByteArray text(400000, 'x');
+  for (int i = 0; i < 4; ++i) messaging.sendData(text);
+  EXPECT_EQ(inbox.disconnects.Wait().code(), Error::kQueueFull);
+  ::close(peer);
+}
+
 TEST_F(ServerEnd, SendsNoMessageOverTheBound) {
   const ScopedVariable bound("RUNTIME_MANAGER_MAX_MESSAGE", "20");
   for (const QString& text : {QString("1234567890"), QString("\"\"\"\"\"")}) {
