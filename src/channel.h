@@ -6,6 +6,7 @@
 #include <RuntimeManager/TaskMessaging.h>
 #include <quarn/resources_cache.h>
 
+#include <QByteArray>
 #include <QJsonObject>
 #include <QObject>
 #include <QString>
@@ -27,13 +28,18 @@ inline void SendText(RuntimeManager::TaskMessaging* messaging, std::string_view 
   }
 }
 
-// Hands a text, in a chunk of its own, to `listener`.
+// Hands a text in UTF-8, in a chunk of its own, to `listener`. The original is given up first: only
+// one of two large texts shall be there while the message is dealt with.
 template <class Listener>
-void DeliverText(std::string_view text, quarn::ResourcesCache& cache, const Listener* listener) {
-  if (listener != nullptr) {
-    const std::uint64_t chunk = cache.CreateChunk();
-    listener->OnMessage(cache.AppendStr(chunk, text), chunk);
+void DeliverText(QByteArray& text, quarn::ResourcesCache& cache, const Listener* listener) {
+  if (listener == nullptr) {
+    return;
   }
+  const std::uint64_t chunk = cache.CreateChunk();
+  const char* const cached =
+      cache.AppendStr(chunk, {text.constData(), static_cast<std::size_t>(text.size())});
+  text.clear();
+  listener->OnMessage(cached, chunk);
 }
 
 // The same for the text of an object. An object that carries no text is dropped.
@@ -42,7 +48,8 @@ void DeliverMessage(const QJsonObject& object, quarn::ResourcesCache& cache,
                     const Listener* listener) {
   const QJsonValue data = object.value(EnvelopeMember());
   if (data.isString()) {
-    DeliverText(data.toString().toStdString(), cache, listener);
+    QByteArray text = data.toString().toUtf8();
+    DeliverText(text, cache, listener);
   }
 }
 

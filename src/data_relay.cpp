@@ -9,12 +9,12 @@ DataRelay::DataRelay(QObject* parent, Handler handler)
     : QObject(parent), handler_(std::move(handler)) {}
 
 void DataRelay::Listen(RuntimeManager::TaskMessaging* messaging, Handler handler) {
-  const int index = messaging->metaObject()->indexOfSignal("dataReceived(QByteArray)");
+  const int index = messaging->metaObject()->indexOfSignal("dataReceived(QByteArray&)");
   if (index < 0) {
     return;
   }
   auto* const relay = new DataRelay(messaging, std::move(handler));
-  const int slot = staticMetaObject.indexOfSlot("Deliver(QByteArray)");
+  const int slot = staticMetaObject.indexOfSlot("Deliver(QByteArray&)");
   QMetaObject::connect(messaging, index, relay, slot, Qt::DirectConnection);
 }
 
@@ -31,10 +31,10 @@ bool DataRelay::Send(RuntimeManager::TaskMessaging* messaging, std::string_view 
   return true;
 }
 
-void DataRelay::Deliver(const QByteArray& text) {
+void DataRelay::Deliver(QByteArray& text) {
   // A copy: the handler may end the sender, and with it this relay.
   const Handler handler = handler_;
-  handler({text.constData(), static_cast<std::size_t>(text.size())});
+  handler(text);
 }
 
 }  // namespace tarv::details

@@ -18,7 +18,8 @@ class DataRelay final : public QObject {
   Q_OBJECT
 
  public:
-  using Handler = std::function<void(std::string_view)>;
+  // May take or clear the text.
+  using Handler = std::function<void(QByteArray&)>;
 
   // Calls `handler` directly for each text, in UTF-8, that `messaging` gives by the shortcut. What
   // comes by messageReceived() is another matter.
@@ -30,7 +31,7 @@ class DataRelay final : public QObject {
  private:
   DataRelay(QObject* parent, Handler handler);
 
-  Q_SLOT void Deliver(const QByteArray& text);
+  Q_SLOT void Deliver(QByteArray& text);
 
   const Handler handler_;
 };

@@ -165,7 +165,7 @@ void RpcClientImpl::OpenMessaging() {
         }
       },
       Qt::DirectConnection);
-  details::DataRelay::Listen(messaging_.get(), [client = GetRef()](std::string_view text) {
+  details::DataRelay::Listen(messaging_.get(), [client = GetRef()](QByteArray& text) {
     if (const auto self = FromRef(client)) {
       details::DeliverText(text, self->cache_, self->listener_.get());
     }

@@ -82,7 +82,7 @@ void RpcServerImpl::Run(TARVRpcServerSlots* slots) {
         }
       },
       Qt::DirectConnection);
-  details::DataRelay::Listen(messaging_.get(), [server = GetRef()](std::string_view text) {
+  details::DataRelay::Listen(messaging_.get(), [server = GetRef()](QByteArray& text) {
     if (const auto self = FromRef(server)) {
       details::DeliverText(text, self->cache_, self->listener_.get());
     }

@@ -22,8 +22,8 @@ constexpr std::size_t kBytesPerTurn = std::size_t{1} << 20U;
 constexpr std::size_t kBytesPerDrain = std::size_t{64} << 20U;
 // Small messages that go out in one system call.
 constexpr std::size_t kPartsPerWrite = 64;
-// A text that is offered to the socket before a line is made of it. A Unix socket takes a message of
-// that size whole or not at all.
+// A text that is offered to the socket before a line is made of it. A Unix socket takes a message
+// of that size whole or not at all.
 constexpr std::size_t kMostAtOnce = std::size_t{16} << 10U;
 // A peer that speaks another protocol shall not fill the log.
 constexpr int kMaxLineWarnings = 10;
@@ -211,7 +211,8 @@ void LineChannel::DeliverLine(std::string_view line) {
   if (callbacks_.wants_data && callbacks_.wants_data()) {
     if (const auto data = PlainDataOf(line)) {
       Trace(task_, Direction::kReceive, {line});
-      return callbacks_.on_data(input_.Detach(*data));
+      QByteArray text = input_.Detach(*data);
+      return callbacks_.on_data(text);
     }
   }
   const std::optional<QJsonObject> object = DecodeLine(line.data(), line.size());

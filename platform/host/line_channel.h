@@ -29,7 +29,7 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
     std::function<void(const QJsonObject&)> on_object;
     // Whether texts are wanted as such. They then go to on_data, and not to on_object.
     std::function<bool()> wants_data;
-    std::function<void(const QByteArray&)> on_data;
+    std::function<void(QByteArray&)> on_data;
     std::function<void(const Error&)> on_end;  // once at most, the last call
   };
 

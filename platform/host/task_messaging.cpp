@@ -46,7 +46,7 @@ class MessagingLink : public TaskWatcher, public std::enable_shared_from_this<Me
   void OnDialed(UniqueFd socket, const Error& error);
   void OnConnection(UniqueFd socket);
   void OnObject(const QJsonObject& object);
-  void OnData(const QByteArray& text);
+  void OnData(QByteArray& text);
   void OnChannelEnd(const Error& error);
   void Report(const Error& error);
 
@@ -72,7 +72,7 @@ void MessagingLink::MakeChannel(const QString& task, const QString& peer) {
     const auto self = weak.lock();
     return self != nullptr && !self->closed_ && self->hears_data_(*self->owner_);
   };
-  callbacks.on_data = [weak](const QByteArray& text) {
+  callbacks.on_data = [weak](QByteArray& text) {
     if (const auto self = weak.lock()) self->OnData(text);
   };
   callbacks.on_end = [weak](const Error& error) {
@@ -136,7 +136,7 @@ void MessagingLink::OnObject(const QJsonObject& object) {
   if (!closed_) Q_EMIT owner_->messageReceived(object);
 }
 
-void MessagingLink::OnData(const QByteArray& text) {
+void MessagingLink::OnData(QByteArray& text) {
   if (!closed_) Q_EMIT owner_->dataReceived(text);
 }
 

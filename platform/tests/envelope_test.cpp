@@ -158,7 +158,7 @@ TEST_F(Envelope, OfATextComesAsATextWhereOneIsHeard) {
     EXPECT_EQ(texts.texts, (std::vector<QByteArray>{"plain", ""}));
     EXPECT_EQ(texts.messages, (std::vector<QJsonObject>{Data("plain"), {{"n", 1}}, Data("")}));
     EXPECT_EQ(inbox_->messages, (std::vector<QJsonObject>{{{"n", 1}}})) << "nothing comes twice";
-    messaging_->disconnect(SIGNAL(dataReceived(QByteArray)));
+    messaging_->disconnect(SIGNAL(dataReceived(QByteArray&)));
   }
   EXPECT_EQ(Received(R"({"data":"plain"})"), Data("plain")) << "nobody hears texts any more";
 }

@@ -40,8 +40,9 @@ class RUNTIME_MANAGER_EXPORT TaskMessaging : public QObject {
   // One message of the peer, in the order they were sent.
   void messageReceived(const QJsonObject& message);
   // May come instead of messageReceived() for the message {"data": text}, in the same order, when
-  // something is connected here; `text` is UTF-8.
-  void dataReceived(const QByteArray& text);
+  // something is connected here; `text` is UTF-8. The only receiver may take or clear it, so that a
+  // large text does not stay in memory twice.
+  void dataReceived(QByteArray& text);
   // The connection is lost, was refused, or never came to be; `error` says why. Emitted once at
   // most, after the last message; nothing follows it. When the task of that socket was started by
   // this process and has ended, Task::finished() comes first.
