@@ -1,5 +1,6 @@
 #include "line_channel.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
@@ -252,6 +253,20 @@ void LineChannel::Flush() {
     budget -= std::min(budget, static_cast<std::size_t>(size));
   }
   WaitForRoom(!queue_.empty());
+}
+
+void LineChannel::FlushUntil(std::chrono::steady_clock::time_point deadline) {
+  using std::chrono::milliseconds;
+  while (!queue_.empty() && socket_.IsValid()) {
+    const ssize_t size = RetryOnEintr([this] { return WriteSome(); });
+    if (size < 0 && errno != EAGAIN) return;
+    if (size >= 0) DropWritten(static_cast<std::size_t>(size));
+    const auto left =
+        std::chrono::duration_cast<milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (left <= milliseconds::zero()) return;
+    pollfd writable{socket_.Get(), POLLOUT, 0};
+    ::poll(&writable, 1, static_cast<int>(left.count()));
+  }
 }
 
 // What the socket takes of a message at once, in bytes: nothing while others wait, and nothing when

@@ -9,6 +9,7 @@
 #include <QtCore/QObject>
 #include <QtCore/QSocketNotifier>
 #include <QtCore/QString>
+#include <chrono>
 #include <cstddef>
 #include <deque>
 #include <functional>
@@ -48,6 +49,9 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   void SendData(std::string_view text);
   // Delivers what has arrived by now, whole.
   void Drain();
+  // Writes what waits, and blocks for it until `deadline`. Does without an event loop, and calls
+  // nothing.
+  void FlushUntil(std::chrono::steady_clock::time_point deadline);
   // Ends the channel from the event loop, after what has arrived.
   void EndSoon(const Error& error);
   // Ends the channel without a word.

@@ -8,6 +8,7 @@
 
 #include "activation.h"
 #include "connections.h"
+#include "exit_flush.h"
 #include "line_channel.h"
 #include "socket_folder.h"
 #include "support.h"
@@ -97,6 +98,7 @@ void MessagingLink::OpenPath(const QString& path) {
 
 void MessagingLink::OpenDescriptor(int descriptor) {
   MakeChannel(OwnTaskName(), QStringLiteral("the starter of this task"));
+  FlushAtExit(channel_);
   if (descriptor < 0) {
     const Error error(Error::kNotATask,
                       "there is no task socket to serve messages on: this process was not started "

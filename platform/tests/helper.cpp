@@ -37,6 +37,17 @@ int Echo() {
   return QCoreApplication::exec();
 }
 
+// Answers the first message with 20 MiB, and is gone.
+int FloodAndExit() {
+  auto* messaging = new TaskMessaging(RuntimeDispatcher::instance()->localServerSocket());
+  QObject::connect(messaging, &TaskMessaging::messageReceived, messaging, [messaging] {
+    for (int i = 0; i < 20; ++i)
+      messaging->sendData(QByteArray(1 << 20, static_cast<char>('a' + i)));
+    std::exit(0);
+  });
+  return QCoreApplication::exec();
+}
+
 // Serves one starter after the other on the same descriptor, each with an object of its own.
 int Again() {
   auto* messaging = new TaskMessaging(RuntimeDispatcher::instance()->localServerSocket(), qApp);
@@ -132,6 +143,7 @@ int main(int count, char** arguments) {
   const QString verb = words.value(1);
   if (verb == "report") return Report();
   if (verb == "again") return Again();
+  if (verb == "flood") return FloodAndExit();
   if (verb == "start") return StartTask(words.value(2), words.value(3));
   if (verb == "outlive")
     return StartTaskAndOutliveApplication(words.value(2), std::move(application));

@@ -171,6 +171,37 @@ TEST_F(Messaging, OfATaskComeBeforeTheNewsOfItsEnd) {
   }
 }
 
+TEST_F(Messaging, OfATaskThatExitsAtOnceArriveWhole) {
+  AddHelperTask("flood");
+  Task task("flood");
+  task.withIpcSocket(true);
+  task.withArguments({"flood"});
+  ExpectStarts(task);
+  TaskMessaging messaging(task.socketPath());
+  Inbox inbox(&messaging);
+  messaging.sendMessage(Data("go"));
+  ASSERT_TRUE(inbox.WaitFor(20));
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_TRUE(inbox.messages[static_cast<std::size_t>(i)] ==
+                Data(QString(1 << 20, QChar('a' + i))));
+  }
+}
+
+TEST_F(Messaging, ThatNobodyReadsDoNotKeepATaskFromExiting) {
+  AddHelperTask("flood");
+  Task task("flood");
+  task.withIpcSocket(true);
+  task.withArguments({"flood"});
+  Outcomes finished;
+  QObject::connect(&task, &Task::finished, finished.Recorder());
+  ExpectStarts(task);
+  const int deaf = ConnectTo(task.socketPath());
+  const QByteArray go = "{\"data\":\"go\"}\n";
+  ASSERT_EQ(::send(deaf, go.constData(), static_cast<std::size_t>(go.size()), 0), go.size());
+  EXPECT_THAT(finished.Wait().message().toStdString(), HasSubstr("exited with status 0"));
+  ::close(deaf);
+}
+
 TEST_F(Messaging, EndWithAnErrorWhenALiveTaskClosesTheConnection) {
   AddPythonTask("closes", "c, _ = server.accept()\nc.close()\ntime.sleep(60)");
   const auto task = Started("closes");
