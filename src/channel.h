@@ -3,35 +3,54 @@
 #ifndef TARV_SRC_CHANNEL_H
 #define TARV_SRC_CHANNEL_H
 
+#include <RuntimeManager/TaskMessaging.h>
 #include <quarn/resources_cache.h>
 
+#include <QByteArray>
 #include <QJsonObject>
 #include <QObject>
 #include <QString>
 #include <memory>
-#include <string>
+#include <string_view>
+
+#include "data_relay.h"
 
 namespace tarv::details {
 
 // The member of the JSON object on the wire that holds a message's text.
 inline QString EnvelopeMember() { return QStringLiteral("data"); }
 
-// The JSON object that carries `text`, which is UTF-8.
-inline QJsonObject WrapMessage(const std::string& text) {
-  return {{EnvelopeMember(), QString::fromStdString(text)}};
+// Sends the JSON object that carries `text`, which is UTF-8.
+inline void SendText(RuntimeManager::TaskMessaging* messaging, std::string_view text) {
+  if (!DataRelay::Send(messaging, text)) {
+    messaging->sendMessage(
+        {{EnvelopeMember(), QString::fromUtf8(text.data(), static_cast<int>(text.size()))}});
+  }
 }
 
-// Hands an object's message, in a chunk of its own, to `listener`. An object that carries no text
-// is dropped.
+// Hands a text in UTF-8, in a chunk of its own, to `listener`. The original is given up first: only
+// one of two large texts shall be there while the message is dealt with.
+template <class Listener>
+void DeliverText(QByteArray& text, quarn::ResourcesCache& cache, const Listener* listener) {
+  if (listener == nullptr) {
+    return;
+  }
+  const std::uint64_t chunk = cache.CreateChunk();
+  const char* const cached =
+      cache.AppendStr(chunk, {text.constData(), static_cast<std::size_t>(text.size())});
+  text.clear();
+  listener->OnMessage(cached, chunk);
+}
+
+// The same for the text of an object. An object that carries no text is dropped.
 template <class Listener>
 void DeliverMessage(const QJsonObject& object, quarn::ResourcesCache& cache,
                     const Listener* listener) {
   const QJsonValue data = object.value(EnvelopeMember());
-  if (!data.isString() || listener == nullptr) {
-    return;
+  if (data.isString()) {
+    QByteArray text = data.toString().toUtf8();
+    DeliverText(text, cache, listener);
   }
-  const std::uint64_t chunk = cache.CreateChunk();
-  listener->OnMessage(cache.AppendStr(chunk, data.toString().toStdString()), chunk);
 }
 
 // Ends a platform object: nothing it still emits is heard, and it dies on its event loop, so it may

@@ -166,6 +166,11 @@ void RpcClientImpl::OpenMessaging() {
         }
       },
       Qt::DirectConnection);
+  details::DataRelay::Listen(messaging_.get(), [client = GetRef()](QByteArray& text) {
+    if (const auto self = FromRef(client)) {
+      details::DeliverText(text, self->cache_, self->listener_.get());
+    }
+  });
   details::ErrorRelay::Listen(messaging_.get(), "disconnected",
                               [client = GetRef()](const RuntimeManager::Error& error) {
                                 if (const auto self = FromRef(client)) {
@@ -186,11 +191,11 @@ QuarnResult RpcClientImpl::HandleSendMessage(_TARVRpcClientRef* client, const ch
   return self->SendMessage(message) ? QUARN_RESULT_SUCCESS : QUARN_RESULT_REFUSED;
 }
 
-bool RpcClientImpl::SendMessage(const std::string& message) {
+bool RpcClientImpl::SendMessage(std::string_view message) {
   if (!messaging_) {
     return false;
   }
-  messaging_->sendMessage(details::WrapMessage(message));
+  details::SendText(messaging_.get(), message);
   return true;
 }
 

@@ -16,6 +16,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include "channel.h"
 
@@ -94,7 +95,7 @@ class RpcClientImpl final : public quarn::Object<RpcClientImpl, _TARVRpcClientRe
   void OnStartCompleted(const RuntimeManager::Error& error);
   void OnStartFailed(const RuntimeManager::Error& error);
   void OpenMessaging();
-  bool SendMessage(const std::string& message);
+  bool SendMessage(std::string_view message);
   void OnMessageReceived(const QJsonObject& object);
   void Release();
   void OnLost(const RuntimeManager::Error& error);

@@ -3,6 +3,7 @@
 #include <RuntimeManager/RuntimeDispatcher.h>
 #include <quarn/sized_struct.h>
 
+#include <stdexcept>
 #include <utility>
 
 #include "creation.h"
@@ -81,6 +82,11 @@ void RpcServerImpl::Run(TARVRpcServerSlots* slots) {
         }
       },
       Qt::DirectConnection);
+  details::DataRelay::Listen(messaging_.get(), [server = GetRef()](QByteArray& text) {
+    if (const auto self = FromRef(server)) {
+      details::DeliverText(text, self->cache_, self->listener_.get());
+    }
+  });
   listener_->OnStarted(0, "", 0);
 }
 
@@ -102,8 +108,10 @@ QuarnResult RpcServerImpl::HandleSendMessage(_TARVRpcServerRef* server, const ch
   if (!self || !self->messaging_) {
     return QUARN_RESULT_REFUSED;
   }
-  // Constructing the string is what rejects a null message, by the standard logic error.
-  self->messaging_->sendMessage(details::WrapMessage(std::string(message)));
+  if (message == nullptr) {
+    throw std::logic_error("null is no message");
+  }
+  details::SendText(self->messaging_.get(), message);
   return QUARN_RESULT_SUCCESS;
 }
 

@@ -102,17 +102,13 @@ ChildProcess::ChildProcess(Spawned spawned, Callbacks callbacks)
 
 void ChildProcess::Watch() {
   WatchEventLoop();
-  exec_notifier_ = std::make_unique<QSocketNotifier>(exec_status_.Get(), QSocketNotifier::Read);
-  QObject::connect(exec_notifier_.get(), &QSocketNotifier::activated, &context_,
-                   [this] { OnExecStatus(); });
+  exec_notifier_ = std::make_unique<QuietNotifier>(exec_status_.Get(), [this] { OnExecStatus(); });
   grace_.setSingleShot(true);
   grace_.setTimerType(Qt::PreciseTimer);
   QObject::connect(&grace_, &QTimer::timeout, &context_, [this] { Signal(SIGKILL); });
   QObject::connect(&poll_, &QTimer::timeout, &context_, [this] { OnMaybeEnded(); });
   if (!pidfd_.IsValid()) return poll_.start(kPollMs);
-  ended_notifier_ = std::make_unique<QSocketNotifier>(pidfd_.Get(), QSocketNotifier::Read);
-  QObject::connect(ended_notifier_.get(), &QSocketNotifier::activated, &context_,
-                   [this] { OnMaybeEnded(); });
+  ended_notifier_ = std::make_unique<QuietNotifier>(pidfd_.Get(), [this] { OnMaybeEnded(); });
 }
 
 int ChildProcess::Terminate(bool kill) {
@@ -145,7 +141,7 @@ void ChildProcess::OnExecStatus() {
   const ssize_t size = RetryOnEintr(
       [this, &exec_error] { return ::read(exec_status_.Get(), &exec_error, sizeof(exec_error)); });
   if (size < 0 && errno == EAGAIN) return;
-  exec_notifier_->setEnabled(false);
+  exec_notifier_->SetEnabled(false);
   exec_status_.Reset();
   // The child is about to end; that is when the failure is told.
   if (size == sizeof(exec_error)) end_.exec_error = exec_error;
@@ -158,7 +154,7 @@ void ChildProcess::OnMaybeEnded() {
   if (reaped_ || !Reap()) return;
   grace_.stop();
   poll_.stop();
-  if (ended_notifier_ != nullptr) ended_notifier_->setEnabled(false);
+  if (ended_notifier_ != nullptr) ended_notifier_->SetEnabled(false);
   pidfd_.Reset();
   if (exec_status_.IsValid()) OnExecStatus();
   stderr_.Finish();

@@ -6,12 +6,12 @@
 
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QObject>
-#include <QtCore/QSocketNotifier>
 #include <QtCore/QString>
 #include <QtCore/QTimer>
 #include <functional>
 #include <memory>
 
+#include "quiet_notifier.h"
 #include "spawn.h"
 #include "stderr_relay.h"
 #include "unique_fd.h"
@@ -75,8 +75,8 @@ class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
   QTimer grace_;
   QTimer poll_;
   QElapsedTimer since_terminate_;
-  std::unique_ptr<QSocketNotifier> ended_notifier_;
-  std::unique_ptr<QSocketNotifier> exec_notifier_;
+  std::unique_ptr<QuietNotifier> ended_notifier_;
+  std::unique_ptr<QuietNotifier> exec_notifier_;
   ChildEnd end_;
   bool running_told_ = false;
   bool let_go_ = false;

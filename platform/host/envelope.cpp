@@ -11,10 +11,6 @@
 namespace RuntimeManager::host {
 namespace {
 
-// Nearly every message is one string of plain characters in this envelope. Such a line is written
-// and read without a JSON document, which would copy the text four times more.
-constexpr std::string_view kDataHead = R"({"data":")";
-constexpr std::string_view kDataTail = R"("})";
 // No number takes more in compact JSON: a sign, 17 digits, a point and an exponent.
 constexpr std::size_t kLongestNumber = 25;
 
@@ -28,12 +24,13 @@ constexpr bool IsPlain(Unit code) {
 }
 
 template <typename Unit>
-bool IsPlainText(const Unit* text, std::size_t size) {
+bool IsPlain(const Unit* text, std::size_t size) {
   Unit strange = 0;
   for (std::size_t i = 0; i < size; ++i) strange |= static_cast<Unit>(!IsPlain(text[i]));
   return strange == 0;
 }
 
+// Without a JSON document, which would copy the text four times more.
 std::optional<QByteArray> EncodePlainData(const QJsonObject& object, std::size_t max_size) {
   if (object.size() != 1) return std::nullopt;
   const auto member = object.constBegin();
@@ -41,7 +38,7 @@ std::optional<QByteArray> EncodePlainData(const QJsonObject& object, std::size_t
   const QString text = member.value().toString();
   const auto size = static_cast<std::size_t>(text.size());
   if (kDataHead.size() + size + kDataTail.size() > max_size) return std::nullopt;
-  if (!IsPlainText(text.utf16(), size)) return std::nullopt;
+  if (!IsPlain(text.utf16(), size)) return std::nullopt;
   QByteArray line(static_cast<int>(kDataHead.size() + size + kDataTail.size() + 1),
                   Qt::Uninitialized);
   char* out = std::copy(kDataHead.begin(), kDataHead.end(), line.data());
@@ -50,18 +47,6 @@ std::optional<QByteArray> EncodePlainData(const QJsonObject& object, std::size_t
   out = std::copy(kDataTail.begin(), kDataTail.end(), out);
   *out = '\n';
   return line;
-}
-
-std::optional<QJsonObject> DecodePlainData(std::string_view line) {
-  const std::size_t frame = kDataHead.size() + kDataTail.size();
-  if (line.size() < frame || line.substr(0, kDataHead.size()) != kDataHead) return std::nullopt;
-  if (line.substr(line.size() - kDataTail.size()) != kDataTail) return std::nullopt;
-  const std::string_view text = line.substr(kDataHead.size(), line.size() - frame);
-  if (!IsPlainText(reinterpret_cast<const unsigned char*>(text.data()), text.size())) {
-    return std::nullopt;
-  }
-  return QJsonObject{
-      {QStringLiteral("data"), QString::fromLatin1(text.data(), static_cast<int>(text.size()))}};
 }
 
 std::size_t EscapedSize(ushort code) {
@@ -131,6 +116,18 @@ bool MayFit(const QJsonObject& object, std::size_t max_size) {
 
 }  // namespace
 
+bool IsPlainText(std::string_view text) {
+  return IsPlain(reinterpret_cast<const unsigned char*>(text.data()), text.size());
+}
+
+std::optional<std::string_view> PlainDataOf(std::string_view line) {
+  constexpr std::size_t kFrame = kDataHead.size() + kDataTail.size();
+  if (line.size() < kFrame || line.substr(0, kDataHead.size()) != kDataHead) return std::nullopt;
+  if (line.substr(line.size() - kDataTail.size()) != kDataTail) return std::nullopt;
+  const std::string_view text = line.substr(kDataHead.size(), line.size() - kFrame);
+  return IsPlainText(text) ? std::optional(text) : std::nullopt;
+}
+
 std::optional<QByteArray> EncodeLine(const QJsonObject& object, std::size_t max_size) {
   if (auto line = EncodePlainData(object, max_size)) return line;
   if (!MayFit(object, max_size)) return std::nullopt;
@@ -140,7 +137,10 @@ std::optional<QByteArray> EncodeLine(const QJsonObject& object, std::size_t max_
 }
 
 std::optional<QJsonObject> DecodeLine(const char* text, std::size_t size) {
-  if (auto object = DecodePlainData({text, size})) return object;
+  if (const auto data = PlainDataOf({text, size})) {
+    return QJsonObject{{QStringLiteral("data"),
+                        QString::fromLatin1(data->data(), static_cast<int>(data->size()))}};
+  }
   const QJsonDocument document =
       QJsonDocument::fromJson(QByteArray::fromRawData(text, static_cast<int>(size)));
   if (!document.isObject()) return std::nullopt;

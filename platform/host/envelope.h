@@ -6,8 +6,18 @@
 #include <QtCore/QJsonObject>
 #include <cstddef>
 #include <optional>
+#include <string_view>
 
 namespace RuntimeManager::host {
+
+// Nearly every message is {"data":"text"} with a text of plain characters: those that stand for
+// themselves, in one byte, within a JSON string. Such a message is written and read as its text.
+constexpr std::string_view kDataHead = R"({"data":")";
+constexpr std::string_view kDataTail = R"("})";
+
+bool IsPlainText(std::string_view text);
+// The text of such a line (without its end): a part of it. Nothing for any other line.
+std::optional<std::string_view> PlainDataOf(std::string_view line);
 
 // The compact JSON of `object`, with the line's end. Nothing when the text without it would be over
 // `max_size` bytes; that is found out before any memory is taken for it.

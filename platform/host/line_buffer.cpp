@@ -2,58 +2,74 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
+#include <utility>
 
 namespace RuntimeManager::host {
 namespace {
 
 // About what a socket holds: one read empties it.
 constexpr std::size_t kFirstCapacity = std::size_t{256} << 10U;
-// What an idle connection keeps after a large line.
+// What an idle connection keeps after a large line; a line of that size is worth to be detached.
 constexpr std::size_t kKeptCapacity = std::size_t{1} << 20U;
 
 }  // namespace
 
-bool LineBuffer::Resize(std::size_t capacity) {
-  // Large blocks are moved by the kernel's page tables, not copied.
-  char* data = static_cast<char*>(std::realloc(data_.get(), capacity));
-  if (data == nullptr) return false;
-  static_cast<void>(data_.release());
-  data_.reset(data);
+bool LineBuffer::Reserve(std::size_t capacity) {
+  try {
+    // Large blocks are moved by the kernel's page tables, not copied.
+    data_.reserve(static_cast<int>(capacity));
+    data_.resize(static_cast<int>(capacity));
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
   capacity_ = capacity;
   return true;
 }
 
 LineBuffer::Room LineBuffer::MakeRoom() {
   if (begin_ > 0) {
-    std::memmove(data_.get(), data_.get() + begin_, end_ - begin_);
+    std::memmove(data_.data(), data_.data() + begin_, end_ - begin_);
     end_ -= begin_;
     searched_ -= begin_;
     begin_ = 0;
   }
   const std::size_t most = max_line_ + 1;
   if (end_ == 0 && capacity_ > kKeptCapacity) {
-    data_.reset();
+    data_ = QByteArray();
     capacity_ = 0;
   }
-  if (end_ == capacity_ && !Resize(std::min(most, std::max(kFirstCapacity, 2 * capacity_)))) {
+  if (end_ == capacity_ && !Reserve(std::min(most, std::max(kFirstCapacity, 2 * capacity_)))) {
     return {};
   }
-  return {data_.get() + end_, capacity_ - end_};
+  return {data_.data() + end_, capacity_ - end_};
 }
 
 bool LineBuffer::TakeLine(std::string_view* line) {
   if (searched_ == end_) return false;
-  const char* from = data_.get() + searched_;
-  const auto* found = static_cast<const char*>(std::memchr(from, '\n', end_ - searched_));
+  const char* const start = data_.constData();
+  const auto* found =
+      static_cast<const char*>(std::memchr(start + searched_, '\n', end_ - searched_));
   if (found == nullptr) {
     searched_ = end_;
     return false;
   }
-  const char* start = data_.get() + begin_;
-  *line = {start, static_cast<std::size_t>(found - start)};
+  *line = {start + begin_, static_cast<std::size_t>(found - start) - begin_};
   begin_ += line->size() + 1;
   searched_ = begin_;
   return true;
+}
+
+QByteArray LineBuffer::Detach(std::string_view part) {
+  const int size = static_cast<int>(part.size());
+  if (part.size() < kKeptCapacity) return {part.data(), size};
+  QByteArray rest(data_.constData() + begin_, static_cast<int>(end_ - begin_));
+  QByteArray detached = std::exchange(data_, std::move(rest));
+  begin_ = searched_ = 0;
+  end_ = capacity_ = static_cast<std::size_t>(data_.size());
+  std::memmove(detached.data(), part.data(), part.size());
+  detached.resize(size);
+  return detached;
 }
 
 }  // namespace RuntimeManager::host

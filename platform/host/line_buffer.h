@@ -2,9 +2,8 @@
 #ifndef RUNTIME_MANAGER_HOST_LINE_BUFFER_H
 #define RUNTIME_MANAGER_HOST_LINE_BUFFER_H
 
+#include <QtCore/QByteArray>
 #include <cstddef>
-#include <cstdlib>
-#include <memory>
 #include <string_view>
 
 namespace RuntimeManager::host {
@@ -27,17 +26,17 @@ class LineBuffer {
 
   // Takes the next whole line, without its end, out of the buffer. False when there is none.
   bool TakeLine(std::string_view* line);
+  // Makes a part of the line that was taken last an array of its own. A large one is not copied: it
+  // takes the buffer's memory along. Invalidates every line that was handed out.
+  QByteArray Detach(std::string_view part);
   // Whether the line that has begun is too long already.
   bool IsOverlong() const { return end_ - begin_ > max_line_; }
 
  private:
-  struct Free {
-    void operator()(char* data) const { std::free(data); }
-  };
-  bool Resize(std::size_t capacity);
+  bool Reserve(std::size_t capacity);
 
   std::size_t max_line_;
-  std::unique_ptr<char, Free> data_;
+  QByteArray data_;  // never shared
   std::size_t capacity_ = 0;
   std::size_t begin_ = 0;
   std::size_t searched_ = 0;

@@ -1,5 +1,6 @@
 #include "line_channel.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
@@ -22,9 +23,33 @@ constexpr std::size_t kBytesPerTurn = std::size_t{1} << 20U;
 constexpr std::size_t kBytesPerDrain = std::size_t{64} << 20U;
 // Small messages that go out in one system call.
 constexpr std::size_t kPartsPerWrite = 64;
+// A text that is offered to the socket before a line is made of it. A Unix socket takes a message
+// of that size whole or not at all.
+constexpr std::size_t kMostAtOnce = std::size_t{16} << 10U;
 // A peer that speaks another protocol shall not fill the log.
 constexpr int kMaxLineWarnings = 10;
 constexpr int kShownOfLine = 80;
+
+// What follows a text on the socket: the end of its message and of the line.
+constexpr std::string_view kDataEnd = "\"}\n";
+
+QByteArray DataLine(std::string_view text) {
+  QByteArray line(static_cast<int>(kDataHead.size() + text.size() + kDataEnd.size()),
+                  Qt::Uninitialized);
+  char* out = std::copy(kDataHead.begin(), kDataHead.end(), line.data());
+  out = std::copy(text.begin(), text.end(), out);
+  std::copy(kDataEnd.begin(), kDataEnd.end(), out);
+  return line;
+}
+
+iovec PartOf(std::string_view text) { return {const_cast<char*>(text.data()), text.size()}; }
+
+ssize_t SendParts(int socket, iovec* parts, std::size_t count) {
+  msghdr message{};
+  message.msg_iov = parts;
+  message.msg_iovlen = count;
+  return ::sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+}
 
 }  // namespace
 
@@ -49,32 +74,59 @@ void LineChannel::Attach(UniqueFd socket) {
 }
 
 void LineChannel::Send(const QJsonObject& object) {
-  if (ended_ || sending_ended_) {
-    if (!std::exchange(late_send_warned_, true)) {
-      Warn(QString("messages to %1 are dropped: its connection has ended").arg(peer_));
-    }
-    return;
-  }
+  if (!MaySend()) return;
   std::optional<QByteArray> line = EncodeLine(object, limits_.max_message);
-  if (!line) {
+  // One that is not even encoded is over the bound, too.
+  if (!Accepts(line ? static_cast<std::size_t>(line->size()) - 1 : limits_.max_message + 1)) return;
+  Trace(task_, Direction::kSend, {{line->constData(), static_cast<std::size_t>(line->size()) - 1}});
+  Queue(*std::move(line), 0);
+}
+
+void LineChannel::SendData(std::string_view text) {
+  if (!IsPlainText(text)) {
+    return Send(
+        {{QStringLiteral("data"), QString::fromUtf8(text.data(), static_cast<int>(text.size()))}});
+  }
+  if (!MaySend() || !Accepts(kDataHead.size() + text.size() + kDataTail.size())) return;
+  Trace(task_, Direction::kSend, {kDataHead, text, kDataTail});
+  const std::size_t sent = text.size() <= kMostAtOnce ? WriteAtOnce(text) : 0;
+  if (sent < kDataHead.size() + text.size() + kDataEnd.size()) Queue(DataLine(text), sent);
+}
+
+bool LineChannel::MaySend() {
+  if (!ended_ && !sending_ended_) return true;
+  if (!std::exchange(late_send_warned_, true)) {
+    Warn(QString("messages to %1 are dropped: its connection has ended").arg(peer_));
+  }
+  return false;
+}
+
+// Whether a line of `size` bytes, without its end, keeps within the bounds. Ends the channel if
+// not.
+bool LineChannel::Accepts(std::size_t size) {
+  if (size > limits_.max_message) {
     EndSoon({Error::kMessageTooLong, QString("a message to %1 is over the bound of %2 bytes that "
                                              "RUNTIME_MANAGER_MAX_MESSAGE sets")
                                          .arg(peer_)
                                          .arg(limits_.max_message)});
-    return;
+    return false;
   }
-  const auto size = static_cast<std::size_t>(line->size());
-  if (queued_ - front_sent_ + size > limits_.max_queue) {
+  if (queued_ - front_sent_ + size + 1 > limits_.max_queue) {
     EndSoon({Error::kQueueFull, QString("%1 does not read: more than the %2 bytes that "
                                         "RUNTIME_MANAGER_MAX_QUEUE sets would wait for it")
                                     .arg(peer_)
                                     .arg(limits_.max_queue)});
-    return;
+    return false;
   }
-  Trace(task_, Direction::kSend, line->constData(), size - 1);
+  return true;
+}
+
+// The first `sent` bytes of the line have been written.
+void LineChannel::Queue(QByteArray line, std::size_t sent) {
   const bool was_empty = queue_.empty();
-  queue_.push_back(*std::move(line));
-  queued_ += size;
+  queued_ += static_cast<std::size_t>(line.size());
+  queue_.push_back(std::move(line));
+  if (was_empty) front_sent_ = sent;
   if (was_empty && socket_.IsValid()) Flush();
 }
 
@@ -157,9 +209,16 @@ void LineChannel::DeliverLines() {
 }
 
 void LineChannel::DeliverLine(std::string_view line) {
+  if (callbacks_.wants_data && callbacks_.wants_data()) {
+    if (const auto data = PlainDataOf(line)) {
+      Trace(task_, Direction::kReceive, {line});
+      QByteArray text = input_.Detach(*data);
+      return callbacks_.on_data(text);
+    }
+  }
   const std::optional<QJsonObject> object = DecodeLine(line.data(), line.size());
   if (!object) return WarnAboutLine(line);
-  Trace(task_, Direction::kReceive, line.data(), line.size());
+  Trace(task_, Direction::kReceive, {line});
   callbacks_.on_object(*object);
 }
 
@@ -196,6 +255,30 @@ void LineChannel::Flush() {
   WaitForRoom(!queue_.empty());
 }
 
+void LineChannel::FlushUntil(std::chrono::steady_clock::time_point deadline) {
+  using std::chrono::milliseconds;
+  while (!queue_.empty() && socket_.IsValid()) {
+    const ssize_t size = RetryOnEintr([this] { return WriteSome(); });
+    if (size < 0 && errno != EAGAIN) return;
+    if (size >= 0) DropWritten(static_cast<std::size_t>(size));
+    const auto left =
+        std::chrono::duration_cast<milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (left <= milliseconds::zero()) return;
+    pollfd writable{socket_.Get(), POLLOUT, 0};
+    ::poll(&writable, 1, static_cast<int>(left.count()));
+  }
+}
+
+// What the socket takes of a message at once, in bytes: nothing while others wait, and nothing when
+// it fails, which the next try will show.
+std::size_t LineChannel::WriteAtOnce(std::string_view text) const {
+  if (!queue_.empty() || !socket_.IsValid()) return 0;
+  std::array<iovec, 3> parts = {PartOf(kDataHead), PartOf(text), PartOf(kDataEnd)};
+  const ssize_t size =
+      RetryOnEintr([this, &parts] { return SendParts(socket_.Get(), parts.data(), parts.size()); });
+  return size < 0 ? 0 : static_cast<std::size_t>(size);
+}
+
 ssize_t LineChannel::WriteSome() {
   std::array<iovec, kPartsPerWrite> parts{};
   const std::size_t count = std::min(queue_.size(), parts.size());
@@ -206,10 +289,7 @@ ssize_t LineChannel::WriteSome() {
     parts[i].iov_len = static_cast<std::size_t>(line.size()) - skip;
     skip = 0;
   }
-  msghdr message{};
-  message.msg_iov = parts.data();
-  message.msg_iovlen = count;
-  return ::sendmsg(socket_.Get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+  return SendParts(socket_.Get(), parts.data(), count);
 }
 
 void LineChannel::DropWritten(std::size_t size) {

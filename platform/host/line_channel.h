@@ -9,6 +9,7 @@
 #include <QtCore/QObject>
 #include <QtCore/QSocketNotifier>
 #include <QtCore/QString>
+#include <chrono>
 #include <cstddef>
 #include <deque>
 #include <functional>
@@ -27,6 +28,9 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
  public:
   struct Callbacks {
     std::function<void(const QJsonObject&)> on_object;
+    // Whether texts are wanted as such. They then go to on_data, and not to on_object.
+    std::function<bool()> wants_data;
+    std::function<void(QByteArray&)> on_data;
     std::function<void(const Error&)> on_end;  // once at most, the last call
   };
 
@@ -41,8 +45,13 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   // Sends after all earlier objects. An object over the bound of a message, and one too much for
   // the queue, end the channel.
   void Send(const QJsonObject& object);
+  // Sends the object {"data": text}; `text` is UTF-8.
+  void SendData(std::string_view text);
   // Delivers what has arrived by now, whole.
   void Drain();
+  // Writes what waits, and blocks for it until `deadline`. Does without an event loop, and calls
+  // nothing.
+  void FlushUntil(std::chrono::steady_clock::time_point deadline);
   // Ends the channel from the event loop, after what has arrived.
   void EndSoon(const Error& error);
   // Ends the channel without a word.
@@ -51,6 +60,9 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   bool IsOpen() const { return !ended_; }
 
  private:
+  bool MaySend();
+  bool Accepts(std::size_t size);
+  void Queue(QByteArray line, std::size_t sent);
   void OnReadable();
   void OnWritable();
   void Read(std::size_t budget, bool to_the_end);
@@ -59,6 +71,7 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   void DeliverLine(std::string_view line);
   void WarnAboutLine(std::string_view line);
   void Flush();
+  std::size_t WriteAtOnce(std::string_view text) const;
   ssize_t WriteSome();
   void DropWritten(std::size_t size);
   void WaitForRoom(bool wait);

@@ -70,10 +70,8 @@ ssize_t WriteQuietly(int descriptor, const QByteArray& bytes) {
 
 StderrRelay::StderrRelay(UniqueFd pipe) : pipe_(std::move(pipe)) {
   if (!pipe_.IsValid()) return;
-  readable_ = std::make_unique<QSocketNotifier>(pipe_.Get(), QSocketNotifier::Read);
+  readable_ = std::make_unique<QuietNotifier>(pipe_.Get(), [this] { OnReadable(); });
   resume_.setSingleShot(true);
-  QObject::connect(readable_.get(), &QSocketNotifier::activated, &resume_,
-                   [this] { OnReadable(); });
   QObject::connect(&resume_, &QTimer::timeout, &resume_, [this] { OnReadable(); });
 }
 
@@ -122,7 +120,7 @@ void StderrRelay::Forward() {
 }
 
 void StderrRelay::SetReading(bool enabled) {
-  if (readable_ != nullptr) readable_->setEnabled(enabled);
+  if (readable_ != nullptr) readable_->SetEnabled(enabled);
 }
 
 void StderrRelay::Close() {

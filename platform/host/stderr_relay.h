@@ -3,11 +3,11 @@
 #define RUNTIME_MANAGER_HOST_STDERR_RELAY_H
 
 #include <QtCore/QByteArray>
-#include <QtCore/QSocketNotifier>
 #include <QtCore/QString>
 #include <QtCore/QTimer>
 #include <memory>
 
+#include "quiet_notifier.h"
 #include "unique_fd.h"
 
 namespace RuntimeManager::host {
@@ -36,7 +36,7 @@ class StderrRelay {
   void Close();
 
   UniqueFd pipe_;
-  std::unique_ptr<QSocketNotifier> readable_;  // none without a pipe
+  std::unique_ptr<QuietNotifier> readable_;  // none without a pipe
   QTimer resume_;
   QByteArray pending_;  // read, not yet forwarded
   QByteArray tail_;

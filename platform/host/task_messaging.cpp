@@ -1,12 +1,14 @@
 #include <RuntimeManager/RuntimeDispatcher.h>
 #include <RuntimeManager/TaskMessaging.h>
 
+#include <QtCore/QMetaMethod>
 #include <QtCore/QTimer>
-#include <optional>
+#include <string_view>
 #include <utility>
 
 #include "activation.h"
 #include "connections.h"
+#include "exit_flush.h"
 #include "line_channel.h"
 #include "socket_folder.h"
 #include "support.h"
@@ -24,13 +26,18 @@ constexpr int kLastWordsMs = 1000;
 // TaskMessaging is destroyed there.
 class MessagingLink : public TaskWatcher, public std::enable_shared_from_this<MessagingLink> {
  public:
-  explicit MessagingLink(TaskMessaging* owner) : owner_(owner) {}
+  using HearsData = bool (*)(const TaskMessaging&);
+
+  // `hears_data` tells whether something is connected to dataReceived().
+  MessagingLink(TaskMessaging* owner, HearsData hears_data)
+      : owner_(owner), hears_data_(hears_data) {}
   ~MessagingLink() override = default;
 
   void OpenPath(const QString& path);
   void OpenDescriptor(int descriptor);
   void Close();
   void Send(const QJsonObject& message) { channel_->Send(message); }
+  void SendData(std::string_view text) { channel_->SendData(text); }
 
   void DrainTask() override { channel_->Drain(); }
   void OnTaskEnded(const Error& why) override;
@@ -40,10 +47,12 @@ class MessagingLink : public TaskWatcher, public std::enable_shared_from_this<Me
   void OnDialed(UniqueFd socket, const Error& error);
   void OnConnection(UniqueFd socket);
   void OnObject(const QJsonObject& object);
+  void OnData(QByteArray& text);
   void OnChannelEnd(const Error& error);
   void Report(const Error& error);
 
   TaskMessaging* owner_;
+  HearsData hears_data_;
   QString path_;
   std::shared_ptr<LineChannel> channel_;
   std::unique_ptr<Dialer> dialer_;
@@ -59,6 +68,13 @@ void MessagingLink::MakeChannel(const QString& task, const QString& peer) {
   LineChannel::Callbacks callbacks;
   callbacks.on_object = [weak](const QJsonObject& object) {
     if (const auto self = weak.lock()) self->OnObject(object);
+  };
+  callbacks.wants_data = [weak] {
+    const auto self = weak.lock();
+    return self != nullptr && !self->closed_ && self->hears_data_(*self->owner_);
+  };
+  callbacks.on_data = [weak](QByteArray& text) {
+    if (const auto self = weak.lock()) self->OnData(text);
   };
   callbacks.on_end = [weak](const Error& error) {
     if (const auto self = weak.lock()) self->OnChannelEnd(error);
@@ -82,6 +98,7 @@ void MessagingLink::OpenPath(const QString& path) {
 
 void MessagingLink::OpenDescriptor(int descriptor) {
   MakeChannel(OwnTaskName(), QStringLiteral("the starter of this task"));
+  FlushAtExit(channel_);
   if (descriptor < 0) {
     const Error error(Error::kNotATask,
                       "there is no task socket to serve messages on: this process was not started "
@@ -121,6 +138,10 @@ void MessagingLink::OnObject(const QJsonObject& object) {
   if (!closed_) Q_EMIT owner_->messageReceived(object);
 }
 
+void MessagingLink::OnData(QByteArray& text) {
+  if (!closed_) Q_EMIT owner_->dataReceived(text);
+}
+
 void MessagingLink::OnChannelEnd(const Error& error) {
   if (closed_) return;
   loss_ = error;
@@ -152,10 +173,16 @@ void MessagingLink::Report(const Error& error) {
 
 class TaskMessaging::Private {
  public:
-  explicit Private(TaskMessaging* owner) : link(std::make_shared<host::MessagingLink>(owner)) {}
+  explicit Private(TaskMessaging* owner)
+      : link(std::make_shared<host::MessagingLink>(owner, &HearsData)) {}
   ~Private() { link->Close(); }
   Private(const Private&) = delete;
   Private& operator=(const Private&) = delete;
+
+  static bool HearsData(const TaskMessaging& messaging) {
+    static const QMetaMethod kSignal = QMetaMethod::fromSignal(&TaskMessaging::dataReceived);
+    return messaging.isSignalConnected(kSignal);
+  }
 
   std::shared_ptr<host::MessagingLink> link;
 };
@@ -175,5 +202,9 @@ TaskMessaging::TaskMessaging(int descriptor, QObject* parent)
 TaskMessaging::~TaskMessaging() = default;
 
 void TaskMessaging::sendMessage(const QJsonObject& message) { d_->link->Send(message); }
+
+void TaskMessaging::sendData(const QByteArray& text) {
+  d_->link->SendData({text.constData(), static_cast<std::size_t>(text.size())});
+}
 
 }  // namespace RuntimeManager

@@ -6,6 +6,8 @@
 
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <ctime>
 
@@ -52,22 +54,29 @@ void WarnOnce(const QString& why) {
   Warn("the record in RUNTIME_MANAGER_TRACE has gaps: " + why);
 }
 
+iovec PartOf(std::string_view text) { return {const_cast<char*>(text.data()), text.size()}; }
+
+// One call for the whole line: lines of several processes do not mix.
+void Write(int file, const QByteArray& head, std::initializer_list<std::string_view> json) {
+  constexpr std::size_t kMostPieces = 3;
+  std::array<iovec, kMostPieces + 2> parts{};
+  auto* end = parts.data();
+  *end++ = PartOf({head.constData(), static_cast<std::size_t>(head.size())});
+  end = std::transform(json.begin(), json.end(), end, PartOf);
+  *end++ = PartOf("}\n");
+  const ssize_t written = RetryOnEintr(
+      [&] { return ::writev(file, parts.data(), static_cast<int>(end - parts.data())); });
+  if (written < 0) return WarnOnce(ErrnoText(errno));
+  std::size_t whole = 0;
+  std::for_each(parts.data(), end, [&whole](const iovec& part) { whole += part.iov_len; });
+  if (static_cast<std::size_t>(written) < whole) WarnOnce(QStringLiteral("a line was cut short"));
+}
+
 }  // namespace
 
-void Trace(const QString& task, Direction direction, const char* text, std::size_t size) {
+void Trace(const QString& task, Direction direction, std::initializer_list<std::string_view> json) {
   static const int file = OpenTrace();
-  if (file < 0) return;
-  QByteArray head = Head(task, direction);
-  char tail[] = {'}', '\n'};
-  // One call for the whole line: lines of several processes do not mix.
-  const iovec parts[] = {{head.data(), static_cast<std::size_t>(head.size())},
-                         {const_cast<char*>(text), size},
-                         {tail, sizeof(tail)}};
-  const auto whole = static_cast<ssize_t>(parts[0].iov_len + size + sizeof(tail));
-  const ssize_t written =
-      RetryOnEintr([&parts] { return ::writev(file, parts, std::size(parts)); });
-  if (written < 0) WarnOnce(ErrnoText(errno));
-  if (written >= 0 && written < whole) WarnOnce(QStringLiteral("a line was cut short"));
+  if (file >= 0) Write(file, Head(task, direction), json);
 }
 
 }  // namespace RuntimeManager::host

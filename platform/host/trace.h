@@ -3,16 +3,16 @@
 #define RUNTIME_MANAGER_HOST_TRACE_H
 
 #include <QtCore/QString>
-#include <cstddef>
+#include <initializer_list>
+#include <string_view>
 
 namespace RuntimeManager::host {
 
 enum class Direction { kSend, kReceive };
 
 // Appends one JSON line to the file: when, which process, which task, which way, and the message,
-// whose compact JSON is the `size` bytes at `text`. Does nothing when there is no record. Any
-// thread.
-void Trace(const QString& task, Direction direction, const char* text, std::size_t size);
+// whose compact JSON is in up to three pieces. Does nothing when there is no record. Any thread.
+void Trace(const QString& task, Direction direction, std::initializer_list<std::string_view> json);
 
 }  // namespace RuntimeManager::host
 

@@ -7,6 +7,7 @@
 #include <QtCore/QJsonDocument>
 #include <chrono>
 #include <random>
+#include <thread>
 
 #include "kit.h"
 
@@ -34,10 +35,16 @@ class Envelope : public PlatformTest {
     messaging_->sendMessage(object);
     return ReadLineFrom(peer_);
   }
+  QByteArray SentData(const QByteArray& text) {
+    messaging_->sendData(text);
+    return ReadLineFrom(peer_);
+  }
+  void SendFromPeer(const QByteArray& bytes) {
+    EXPECT_EQ(::send(peer_, bytes.constData(), static_cast<std::size_t>(bytes.size()), 0),
+              bytes.size());
+  }
   QJsonObject Received(const QByteArray& line) {
-    EXPECT_EQ(
-        ::send(peer_, (line + '\n').constData(), static_cast<std::size_t>(line.size()) + 1, 0),
-        line.size() + 1);
+    SendFromPeer(line + '\n');
     const std::size_t before = inbox_->messages.size();
     EXPECT_TRUE(inbox_->WaitFor(before + 1)) << line.toStdString();
     return inbox_->messages.size() > before ? inbox_->messages.back() : QJsonObject();
@@ -105,6 +112,130 @@ TEST_F(Envelope, HasTheBytesOfAJsonDocumentForAnyText) {
     ASSERT_EQ(Compact(Received(expected)), Compact(QJsonDocument::fromJson(expected).object()))
         << "seed " << seed << " round " << round << ": " << expected.toStdString();
   }
+}
+
+TEST_F(Envelope, OfATextHasTheBytesOfItsJsonDocument) {
+  EXPECT_EQ(SentData("SGVsbG8="), R"({"data":"SGVsbG8="})");
+  EXPECT_EQ(SentData(""), R"({"data":""})");
+  const auto seed =
+      static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count());
+  std::mt19937 random(seed);
+  for (int round = 0; round < 2000; ++round) {
+    const QByteArray text = RandomText(random).toUtf8();
+    ASSERT_EQ(SentData(text), Compact(Data(QString::fromUtf8(text))))
+        << "seed " << seed << " round " << round;
+  }
+}
+
+// Both ways by which a message can come, in one order.
+struct TextInbox {
+  explicit TextInbox(TaskMessaging* messaging) {
+    QObject::connect(messaging, &TaskMessaging::dataReceived, messaging,
+                     [this](const QByteArray& text) {
+                       texts.push_back(text);
+                       messages.push_back(Data(QString::fromUtf8(text)));
+                     });
+    QObject::connect(messaging, &TaskMessaging::messageReceived, messaging,
+                     [this](const QJsonObject& message) { messages.push_back(message); });
+  }
+  bool WaitFor(std::size_t count) {
+    return RunUntil([this, count] { return messages.size() >= count; });
+  }
+  std::vector<QByteArray> texts;
+  std::vector<QJsonObject> messages;
+};
+
+TEST_F(Envelope, OfATextComesAsATextWhereOneIsHeard) {
+  {
+    TextInbox texts(messaging_.get());
+    SendFromPeer(R"({"data":"plain"})"
+                 "\n"
+                 R"({"n":1})"
+                 "\n"
+                 R"({"data":""})"
+                 "\n");
+    ASSERT_TRUE(texts.WaitFor(3));
+    EXPECT_EQ(texts.texts, (std::vector<QByteArray>{"plain", ""}));
+    EXPECT_EQ(texts.messages, (std::vector<QJsonObject>{Data("plain"), {{"n", 1}}, Data("")}));
+    EXPECT_EQ(inbox_->messages, (std::vector<QJsonObject>{{{"n", 1}}})) << "nothing comes twice";
+    messaging_->disconnect(SIGNAL(dataReceived(QByteArray&)));
+  }
+  EXPECT_EQ(Received(R"({"data":"plain"})"), Data("plain")) << "nobody hears texts any more";
+}
+
+TEST_F(Envelope, IsTheSameWhereverTheStreamIsCut) {
+  const QList<QByteArray> lines = {
+      R"({"data":"SGVsbG8="})",   R"({"data":""})",     R"({"data":"a\"b\\c"})",
+      R"({"data":"é"})",          R"({"data":5})",      R"( {"data":"s"} )",
+      R"({"data":"x","more":1})", R"({"data":")",       R"({"data")",
+      R"({"Data":"plain"})",      R"({"data":"x"}x)",   R"("})",
+      R"({"data":"x"y"})",        R"({"data":"tail"} )"};
+  QByteArray stream;
+  std::vector<QJsonObject> expected;
+  for (const QByteArray& line : lines) {
+    stream += line + '\n';
+    const QJsonDocument document = QJsonDocument::fromJson(line);
+    if (document.isObject()) expected.push_back(document.object());
+  }
+  const WarningCatcher warnings;
+  TextInbox texts(messaging_.get());
+  for (int cut = 0; cut <= stream.size(); ++cut) {
+    texts.messages.clear();
+    if (cut > 0) SendFromPeer(stream.left(cut));
+    RunFor(1);
+    if (cut < stream.size()) SendFromPeer(stream.mid(cut));
+    ASSERT_TRUE(texts.WaitFor(expected.size())) << "cut at " << cut;
+    ASSERT_EQ(texts.messages, expected) << "cut at " << cut;
+  }
+}
+
+QByteArray LongText(int size, char first) {
+  QByteArray text(size, Qt::Uninitialized);
+  for (int i = 0; i < size; ++i) text[i] = static_cast<char>('0' + (first + i) % 64 % 10);
+  return text;
+}
+
+TEST_F(Envelope, OfALargeTextStaysWholeWhatFollowsIt) {
+  TextInbox texts(messaging_.get());
+  std::vector<QByteArray> sent;
+  for (int i = 0; i < 6; ++i) {
+    sent.push_back(LongText(i % 2 == 0 ? (3 << 20) + i : 10 + i, static_cast<char>(i)));
+  }
+  std::thread writer([this, &sent] {
+    for (const QByteArray& text : sent) {
+      const QByteArray line = R"({"data":")" + text + "\"}\n";
+      for (int at = 0; at < line.size();) {
+        const ssize_t size =
+            ::send(peer_, line.constData() + at, static_cast<std::size_t>(line.size() - at), 0);
+        if (size < 0) return;
+        at += static_cast<int>(size);
+      }
+    }
+  });
+  EXPECT_TRUE(texts.WaitFor(sent.size()));
+  writer.join();
+  EXPECT_TRUE(texts.texts == sent);
+}
+
+TEST_F(Envelope, KeepsItsPlaceAmongOthersThatWaitForTheSocket) {
+  QByteArray expected;
+  for (int i = 0; i < 3000; ++i) {
+    const QByteArray text = LongText(i % 7 == 0 ? 40000 : i % 300, static_cast<char>(i % 100));
+    const QJsonObject object = Data(QString::fromLatin1(text));
+    i % 3 == 0 ? messaging_->sendMessage(object) : messaging_->sendData(text);
+    expected += Compact(object) + '\n';
+    if (i % 500 == 0) RunFor(1);
+  }
+  QByteArray arrived;
+  EXPECT_TRUE(RunUntil([this, &arrived, &expected] {
+    char bytes[65536];
+    ssize_t size = 0;
+    while ((size = ::recv(peer_, bytes, sizeof(bytes), MSG_DONTWAIT)) > 0) {
+      arrived.append(bytes, static_cast<int>(size));
+    }
+    return arrived.size() >= expected.size();
+  }));
+  EXPECT_TRUE(arrived == expected);
 }
 
 }  // namespace

@@ -37,6 +37,17 @@ int Echo() {
   return QCoreApplication::exec();
 }
 
+// Answers the first message with 20 MiB, and is gone.
+int FloodAndExit() {
+  auto* messaging = new TaskMessaging(RuntimeDispatcher::instance()->localServerSocket());
+  QObject::connect(messaging, &TaskMessaging::messageReceived, messaging, [messaging] {
+    for (int i = 0; i < 20; ++i)
+      messaging->sendData(QByteArray(1 << 20, static_cast<char>('a' + i)));
+    std::exit(0);
+  });
+  return QCoreApplication::exec();
+}
+
 // Serves one starter after the other on the same descriptor, each with an object of its own.
 int Again() {
   auto* messaging = new TaskMessaging(RuntimeDispatcher::instance()->localServerSocket(), qApp);
@@ -104,13 +115,19 @@ int OwnIntent(const QString& name, const QString& how) {
   return QCoreApplication::exec();
 }
 
-int Talk(const QString& name) {
+// Sends one message to a task, as an object or as a text, and ends with its answer.
+int Talk(const QString& name, bool as_text) {
   Task task(name);
   task.withIpcSocket(true);
   std::unique_ptr<TaskMessaging> messaging;
-  task.start([&task, &messaging](const Error& error) {
+  task.start([&task, &messaging, as_text](const Error& error) {
     if (error.isError()) return QCoreApplication::exit(1);
     messaging = std::make_unique<TaskMessaging>(task.socketPath());
+    if (as_text) {
+      QObject::connect(messaging.get(), &TaskMessaging::dataReceived, qApp,
+                       &QCoreApplication::quit);
+      return messaging->sendData("hello");
+    }
     QObject::connect(messaging.get(), &TaskMessaging::messageReceived, qApp,
                      &QCoreApplication::quit);
     messaging->sendMessage({{"data", "hello \"you\""}});
@@ -126,10 +143,11 @@ int main(int count, char** arguments) {
   const QString verb = words.value(1);
   if (verb == "report") return Report();
   if (verb == "again") return Again();
+  if (verb == "flood") return FloodAndExit();
   if (verb == "start") return StartTask(words.value(2), words.value(3));
   if (verb == "outlive")
     return StartTaskAndOutliveApplication(words.value(2), std::move(application));
   if (verb == "own") return OwnIntent(words.value(2), words.value(3));
-  if (verb == "talk") return Talk(words.value(2));
+  if (verb == "talk") return Talk(words.value(2), words.value(3) == "text");
   return Echo();
 }

@@ -171,6 +171,37 @@ TEST_F(Messaging, OfATaskComeBeforeTheNewsOfItsEnd) {
   }
 }
 
+TEST_F(Messaging, OfATaskThatExitsAtOnceArriveWhole) {
+  AddHelperTask("flood");
+  Task task("flood");
+  task.withIpcSocket(true);
+  task.withArguments({"flood"});
+  ExpectStarts(task);
+  TaskMessaging messaging(task.socketPath());
+  Inbox inbox(&messaging);
+  messaging.sendMessage(Data("go"));
+  ASSERT_TRUE(inbox.WaitFor(20));
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_TRUE(inbox.messages[static_cast<std::size_t>(i)] ==
+                Data(QString(1 << 20, QChar('a' + i))));
+  }
+}
+
+TEST_F(Messaging, ThatNobodyReadsDoNotKeepATaskFromExiting) {
+  AddHelperTask("flood");
+  Task task("flood");
+  task.withIpcSocket(true);
+  task.withArguments({"flood"});
+  Outcomes finished;
+  QObject::connect(&task, &Task::finished, finished.Recorder());
+  ExpectStarts(task);
+  const int deaf = ConnectTo(task.socketPath());
+  const QByteArray go = "{\"data\":\"go\"}\n";
+  ASSERT_EQ(::send(deaf, go.constData(), static_cast<std::size_t>(go.size()), 0), go.size());
+  EXPECT_THAT(finished.Wait().message().toStdString(), HasSubstr("exited with status 0"));
+  ::close(deaf);
+}
+
 TEST_F(Messaging, EndWithAnErrorWhenALiveTaskClosesTheConnection) {
   AddPythonTask("closes", "c, _ = server.accept()\nc.close()\ntime.sleep(60)");
   const auto task = Started("closes");
@@ -276,6 +307,36 @@ TEST_F(ServerEnd, EndsAConnectionWhoseLineIsOverTheBound) {
   EXPECT_THAT(error.message().toStdString(), HasSubstr("20 bytes"));
   EXPECT_EQ(inbox.messages.size(), 1U);
   EXPECT_TRUE(IsClosed(peer));
+  ::close(peer);
+}
+
+TEST_F(ServerEnd, SendsATextUpToTheBoundOfItsEnvelope) {
+  const ScopedVariable bound("RUNTIME_MANAGER_MAX_MESSAGE", "20");
+  TaskMessaging messaging(listening_);
+  Inbox inbox(&messaging);
+  const int peer = Connect();
+  messaging.sendData("123456789");
+  EXPECT_EQ(ReadLineFrom(peer), R"({"data":"123456789"})");
+  messaging.sendData("1234567890");
+  messaging.sendData("1");
+  EXPECT_EQ(inbox.disconnects.Wait().code(), Error::kMessageTooLong);
+  EXPECT_EQ(ReadToEnd(peer), "");
+  ::close(peer);
+}
+
+TEST_F(ServerEnd, SendsTextsOnlyAsFarAsTheQueueGoes) {
+  const ScopedVariable queue("RUNTIME_MANAGER_MAX_QUEUE", "1000000");
+  TaskMessaging messaging(listening_);
+  Inbox inbox(&messaging);
+  const int peer = Connect();
+  ASSERT_TRUE(RunUntil([&messaging, peer] {
+    messaging.sendData("hello");
+    char byte = 0;
+    return ::recv(peer, &byte, 1, MSG_DONTWAIT | MSG_PEEK) == 1;
+  }));
+  const QByteArray text(400000, 'x');
+  for (int i = 0; i < 4; ++i) messaging.sendData(text);
+  EXPECT_EQ(inbox.disconnects.Wait().code(), Error::kQueueFull);
   ::close(peer);
 }
 

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "finally.h"
+#include "texts.h"
 
 namespace tarv {
 namespace {
@@ -20,7 +21,7 @@ std::function<void(vorpc::Message&&)> MakeSend(const std::weak_ptr<RpcClient::Ap
     if (send_message == nullptr) {
       return;
     }
-    const std::string text = message.ToBase64();
+    const std::string text = details::Encode(std::move(message));
     if (!text.empty()) {
       send_message(client, text.c_str());
     }
@@ -115,9 +116,8 @@ void RpcClient::HandleOnMessage(void* user_data, const char* message, std::size_
     return;
   }
   const details::Finally unlock([&self, chunk] { self->UnlockResources(chunk); });
-  const std::string text(message);
-  if (!text.empty()) {
-    self->owned_->Receive(vorpc::Message::FromBase64(text));
+  if (auto received = details::Decode(message)) {
+    self->owned_->Receive(*std::move(received));
   }
 }
 

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "finally.h"
+#include "texts.h"
 
 namespace tarv {
 namespace {
@@ -16,7 +17,7 @@ std::function<void(vorpc::Message&&)> MakeSend(const std::weak_ptr<RpcServer::Ap
     if (!api) {
       return;
     }
-    const std::string text = message.ToBase64();
+    const std::string text = details::Encode(std::move(message));
     if (!text.empty()) {
       api->GetTable().SendMessage(server, text.c_str());
     }
@@ -88,9 +89,8 @@ void RpcServer::HandleOnMessage(void* user_data, const char* message, std::size_
     return;
   }
   const details::Finally unlock([&self, chunk] { self->UnlockResources(chunk); });
-  const std::string text(message);
-  if (!text.empty()) {
-    self->owned_->Receive(vorpc::Message::FromBase64(text));
+  if (auto received = details::Decode(message)) {
+    self->owned_->Receive(*std::move(received));
   }
 }
 

@@ -59,9 +59,10 @@ class RUNTIME_MANAGER_EXPORT Task : public QObject {
 
  Q_SIGNALS:
   // A task that had started has ended, and nobody asked it to. Emitted once at most; every message
-  // that had left the task has been delivered by then (one that still waited in its memory, because
-  // the socket was full, went with it). `error` says how it ended and what it last wrote to its
-  // standard error.
+  // that had left the task has been delivered by then. What still waited in the task's memory,
+  // because the socket was full, is sent when the task ends by exit() or returns from main(),
+  // within two seconds; a task that is killed takes it along. `error` says how it ended and what it
+  // last wrote to its standard error.
   void finished(const RuntimeManager::Error& error);
 
  private:

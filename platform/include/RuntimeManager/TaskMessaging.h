@@ -5,6 +5,7 @@
 #include <RuntimeManager/Error.h>
 #include <RuntimeManager/Export.h>
 
+#include <QtCore/QByteArray>
 #include <QtCore/QJsonObject>
 #include <QtCore/QObject>
 #include <QtCore/QString>
@@ -31,10 +32,17 @@ class RUNTIME_MANAGER_EXPORT TaskMessaging : public QObject {
   // before there is one, waits in memory. Delivery is not confirmed. After disconnected() messages
   // are dropped.
   void sendMessage(const QJsonObject& message);
+  // Sends the message {"data": text}, where `text` is UTF-8, without the cost of the object. A
+  // runtime manager may lack this, and dataReceived(): ask the meta-object.
+  Q_INVOKABLE void sendData(const QByteArray& text);
 
  Q_SIGNALS:
   // One message of the peer, in the order they were sent.
   void messageReceived(const QJsonObject& message);
+  // May come instead of messageReceived() for the message {"data": text}, in the same order, when
+  // something is connected here; `text` is UTF-8. The only receiver may take or clear it, so that a
+  // large text does not stay in memory twice.
+  void dataReceived(QByteArray& text);
   // The connection is lost, was refused, or never came to be; `error` says why. Emitted once at
   // most, after the last message; nothing follows it. When the task of that socket was started by
   // this process and has ended, Task::finished() comes first.

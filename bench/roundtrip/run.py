@@ -1,0 +1,179 @@
+#!/usr/bin/env python3
+"""Measures the road of a message beside its floors and prints one table.
+
+Every program runs once a round, so that a ratio is always taken between figures of the same round:
+machines change their speed by themselves. The table has the median and the best over the rounds,
+and the ratio to the reference of the case: the median of the rounds' own ratios."""
+import argparse
+import datetime
+import json
+import os
+import platform
+import subprocess
+import sys
+from statistics import median
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+DEFAULT_PROGRAMS = os.path.join(HERE, "..", "..", "build", "release", "bin")
+
+# What is measured, by the programs that can; and which of it also with all processes on one CPU.
+CASES = {
+    "latency": ("bench_floors", "bench_roundtrip"),
+    "pipeline": ("bench_floors", "bench_roundtrip"),
+    "notify": ("bench_floors", "bench_roundtrip"),
+    "large": ("bench_floors", "bench_roundtrip"),
+    "start": ("bench_floors", "bench_roundtrip"),
+    "memory": ("bench_roundtrip",),
+    "growth": ("bench_roundtrip",),
+}
+ALSO_ON_ONE_CPU = ("latency", "pipeline", "notify", "large", "start")
+LIMIT_SECONDS = 300
+
+TITLES = {
+    "A": "Round trip of a small request, one in flight",
+    "B": "Small requests, 64 in flight",
+    "C": "A large payload there and back",
+    "G": "Start of a task to its connection",
+    "M": "Peak memory (VmHWM)",
+    "N": "Notifications, one way",
+    "W": "Growth: the same request beside more of everything",
+}
+ORDER = "ABNCGMW"
+# The row that a ratio refers to, by the beginning of its name; without one, the case's first row.
+REFERENCE = {"A": "3 Qt", "B": "3 Qt", "N": "3 Qt", "C": "1 raw", "G": "Qt Network"}
+
+
+class ProgramFailed(Exception):
+    pass
+
+
+def run_program(folder, program, case, one_cpu):
+    """The lines that one program prints for one case."""
+    cpu = min(os.sched_getaffinity(0))
+    pin = (lambda: os.sched_setaffinity(0, {cpu})) if one_cpu else None
+    path = os.path.join(folder, program)
+    try:
+        done = subprocess.run([path, case], stdout=subprocess.PIPE, stdin=subprocess.DEVNULL,
+                              preexec_fn=pin, timeout=LIMIT_SECONDS, check=True, text=True)
+    except (OSError, subprocess.SubprocessError) as error:
+        raise ProgramFailed(f"{program} {case} gives no figures: {error}") from error
+    return done.stdout.splitlines()
+
+
+def runs_of(cases):
+    """Program, case and whether on one CPU, for one round."""
+    for case in cases:
+        for one_cpu in (False, True) if case in ALSO_ON_ONE_CPU else (False,):
+            for program in CASES[case]:
+                yield program, case, one_cpu
+
+
+def measure(folder, cases, rounds):
+    """section -> case -> peer -> metric -> {"unit", "values" by round}, in the order of arrival."""
+    figures = {}
+    for number in range(rounds):
+        print(f"round {number + 1} of {rounds}", file=sys.stderr)
+        for program, case, one_cpu in runs_of(cases):
+            for line in run_program(folder, program, case, one_cpu):
+                section, kase, peer, metric, value, unit = line.split("\t")
+                metrics = figures.setdefault(section, {}).setdefault(kase, {}).setdefault(peer, {})
+                figure = metrics.setdefault(metric, {"unit": unit, "values": {}})
+                figure["values"][number] = float(value)
+    return figures
+
+
+def reference_of(section, peers):
+    wanted = REFERENCE.get(section)
+    return next((p for p in peers if wanted and p.startswith(wanted)), next(iter(peers)))
+
+
+def summary_of(figure, reference):
+    """Median, best and the ratio to the reference's figures of the same rounds."""
+    values = figure["values"]
+    ratios = [v / reference["values"][r] for r, v in values.items() if reference["values"].get(r)]
+    best = max if figure["unit"].endswith("/s") else min
+    return {"median": median(values.values()), "best": best(values.values()),
+            "ratio": median(ratios) if ratios else None}
+
+
+def summarise(figures):
+    """A flat list, one entry a figure."""
+    rows = []
+    for section in sorted(figures, key=ORDER.index):
+        for kase, peers in figures[section].items():
+            reference = reference_of(section, peers)
+            for peer, metrics in peers.items():
+                for metric, figure in metrics.items():
+                    base = peers[reference].get(metric, figure)
+                    rows.append({"section": section, "case": kase, "peer": peer, "metric": metric,
+                                 "unit": figure["unit"], "reference": reference,
+                                 "values": list(figure["values"].values()),
+                                 **summary_of(figure, base)})
+    return rows
+
+
+def number(value):
+    return f"{value:,.0f}" if value >= 1000 else f"{value:.3g}"
+
+
+def table(rows):
+    lines = []
+    section = kase = None
+    for row in rows:
+        if row["section"] != section:
+            section = row["section"]
+            lines.append(f"\n## {TITLES[section]}")
+        if row["case"] != kase:
+            kase = row["case"]
+            lines += ["", f"| {kase} | metric | median | best | ratio |", "|---|---|---:|---:|---:|"]
+        ratio = "-" if row["ratio"] is None else f"{row['ratio']:.2f}"
+        if row["peer"] == row["reference"]:
+            ratio = "1"
+        lines.append(f"| {row['peer']} | {row['metric']} | {number(row['median'])} {row['unit']} | "
+                     f"{number(row['best'])} | {ratio} |")
+    return "\n".join(lines)
+
+
+def machine():
+    with open("/proc/cpuinfo", encoding="utf-8") as info:
+        model = next((l.split(":")[1].strip() for l in info if l.startswith("model name")), "")
+    return {"cpu": model or platform.machine(), "cpus": os.cpu_count(),
+            "kernel": platform.release(), "architecture": platform.machine()}
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("cases", nargs="*", metavar="CASE", help=f"some of {', '.join(CASES)}")
+    parser.add_argument("-n", "--rounds", type=int, default=3)
+    parser.add_argument("-p", "--programs", default=DEFAULT_PROGRAMS, help="where the programs lie")
+    parser.add_argument("--json", metavar="FILE", help="write all figures to FILE")
+    parser.add_argument("--lines", action="store_true",
+                        help="one round of the road alone, as lines: section, case, peer, metric, "
+                             "value and unit, separated by tabs")
+    options = parser.parse_args()
+    cases = options.cases or list(CASES)
+    unknown = [case for case in cases if case not in CASES]
+    if unknown:
+        parser.error(f"there is no case {unknown[0]}")
+    if options.lines:
+        for program, case, one_cpu in runs_of(cases):
+            if program == "bench_roundtrip":
+                print("\n".join(run_program(options.programs, program, case, one_cpu)))
+        return
+    date = datetime.date.today().isoformat()
+    rows = summarise(measure(options.programs, cases, options.rounds))
+    print(table(rows))
+    about = machine()
+    print(f"\n{date}; {about['cpu']}, {about['cpus']} CPUs, {about['architecture']}, "
+          f"Linux {about['kernel']}; {options.rounds} rounds")
+    if options.json:
+        with open(options.json, "w", encoding="utf-8") as out:
+            json.dump({"date": date, "machine": about, "rounds": options.rounds, "figures": rows},
+                      out, indent=1)
+
+
+if __name__ == "__main__":
+    try:
+        main()
+    except ProgramFailed as failure:
+        sys.exit(f"run.py: {failure}")

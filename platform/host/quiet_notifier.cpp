@@ -1,0 +1,95 @@
+#include "quiet_notifier.h"
+
+#include <sys/epoll.h>
+
+#include <QtCore/QObject>
+#include <cstdint>
+#include <unordered_map>
+
+#include "support.h"
+#include "unique_fd.h"
+
+namespace RuntimeManager::host {
+
+// The descriptors of one thread, behind one that is readable when any of them is.
+class QuietNotifier::Hub {
+ public:
+  // The calling thread's.
+  static std::shared_ptr<Hub> Get();
+
+  Hub();
+  Hub(const Hub&) = delete;
+  Hub& operator=(const Hub&) = delete;
+
+  // False when the system has no room for another one.
+  bool Add(int descriptor, QuietNotifier* notifier);
+  void Remove(int descriptor);
+
+ private:
+  void OnReadable();
+
+  UniqueFd epoll_;
+  std::unique_ptr<QSocketNotifier> readable_;
+  std::unordered_map<int, QuietNotifier*> notifiers_;  // by their descriptors
+};
+
+std::shared_ptr<QuietNotifier::Hub> QuietNotifier::Hub::Get() {
+  thread_local std::weak_ptr<Hub> hub;
+  auto shared = hub.lock();
+  if (shared == nullptr) hub = shared = std::make_shared<Hub>();
+  return shared;
+}
+
+QuietNotifier::Hub::Hub() : epoll_(::epoll_create1(EPOLL_CLOEXEC)) {
+  if (!epoll_.IsValid()) return;
+  readable_ = std::make_unique<QSocketNotifier>(epoll_.Get(), QSocketNotifier::Read);
+  QObject::connect(readable_.get(), &QSocketNotifier::activated, readable_.get(),
+                   [this] { OnReadable(); });
+}
+
+bool QuietNotifier::Hub::Add(int descriptor, QuietNotifier* notifier) {
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.fd = descriptor;
+  if (::epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, descriptor, &event) != 0) return false;
+  notifiers_[descriptor] = notifier;
+  return true;
+}
+
+void QuietNotifier::Hub::Remove(int descriptor) {
+  ::epoll_ctl(epoll_.Get(), EPOLL_CTL_DEL, descriptor, nullptr);
+  notifiers_.erase(descriptor);
+}
+
+// One at a time: what a callback does may make the news of the others stale.
+void QuietNotifier::Hub::OnReadable() {
+  epoll_event event{};
+  const int count =
+      RetryOnEintr([this, &event] { return ::epoll_wait(epoll_.Get(), &event, 1, 0); });
+  if (count != 1) return;
+  const auto found = notifiers_.find(event.data.fd);
+  if (found == notifiers_.end()) return;
+  // A copy: the callback may end the notifier.
+  const auto on_readable = found->second->on_readable_;
+  on_readable();
+}
+
+QuietNotifier::QuietNotifier(int descriptor, std::function<void()> on_readable)
+    : descriptor_(descriptor), on_readable_(std::move(on_readable)), hub_(Hub::Get()) {
+  SetEnabled(true);
+}
+
+QuietNotifier::~QuietNotifier() { SetEnabled(false); }
+
+void QuietNotifier::SetEnabled(bool enabled) {
+  if (enabled == enabled_) return;
+  enabled_ = enabled;
+  if (own_ != nullptr) return own_->setEnabled(enabled);
+  if (!enabled) return hub_->Remove(descriptor_);
+  if (hub_->Add(descriptor_, this)) return;
+  own_ = std::make_unique<QSocketNotifier>(descriptor_, QSocketNotifier::Read);
+  QObject::connect(own_.get(), &QSocketNotifier::activated, own_.get(),
+                   [on_readable = on_readable_] { on_readable(); });
+}
+
+}  // namespace RuntimeManager::host
