@@ -47,7 +47,8 @@ QString Describe(const siginfo_t& info) {
 
 }  // namespace
 
-// The children that nobody owns any more, until they are reaped. One per process, any thread.
+// The children that nobody owns any more, until they are reaped; and those whose last words wait
+// for a standard error that takes nothing. One per process, any thread.
 class Orphanage {
  public:
   static Orphanage& Get() {
@@ -161,11 +162,19 @@ void ChildProcess::OnMaybeEnded() {
   if (ended_notifier_ != nullptr) ended_notifier_->setEnabled(false);
   pidfd_.Reset();
   if (exec_status_.IsValid()) OnExecStatus();
-  stderr_.Finish();
+  FinishStderr();
   end_.last_lines = stderr_.LastLines();
   const auto on_ended = std::move(callbacks_.on_ended);
   if (on_ended) on_ended(end_);
-  Orphanage::Get().Remove(self);
+  if (!stderr_.HasPending()) Orphanage::Get().Remove(self);
+}
+
+// What this process's standard error does not take yet may outlive the Task.
+void ChildProcess::FinishStderr() {
+  stderr_.Finish([weak = weak_from_this()] {
+    if (const auto self = weak.lock()) Orphanage::Get().Remove(self);
+  });
+  if (stderr_.HasPending()) Keep();
 }
 
 bool ChildProcess::Reap() {
@@ -184,18 +193,18 @@ bool ChildProcess::Reap() {
 void ChildProcess::Abandon() {
   callbacks_ = {};
   if (reaped_) return;
-  if (Terminate(false) != 0) return KeepUntilReaped();
+  if (Terminate(false) != 0) return Keep();
   if (!HasEventLoop()) return EndNow();
-  KeepUntilReaped();
+  Keep();
 }
 
 void ChildProcess::LetGo() {
   callbacks_ = {};
   let_go_ = true;
-  if (!reaped_ && HasEventLoop()) KeepUntilReaped();
+  if (!reaped_ && HasEventLoop()) Keep();
 }
 
-void ChildProcess::KeepUntilReaped() { Orphanage::Get().Add(shared_from_this()); }
+void ChildProcess::Keep() { Orphanage::Get().Add(shared_from_this()); }
 
 void ChildProcess::WatchEventLoop() {
   const auto on_gone = [weak = weak_from_this()] {

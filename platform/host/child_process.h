@@ -56,12 +56,14 @@ class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
   friend class Orphanage;
   ChildProcess(Spawned spawned, Callbacks callbacks);
   void Watch();
-  void KeepUntilReaped();
+  // In the orphanage, whatever becomes of the owner.
+  void Keep();
   void WatchEventLoop();
   void OnEventLoopGone();
   int Signal(int signal);
   void OnExecStatus();
   void OnMaybeEnded();
+  void FinishStderr();
   bool Reap();
   void EndNow();
   bool WaitUntil(qint64 deadline_ms);

@@ -6,6 +6,7 @@
 #include <QtCore/QSocketNotifier>
 #include <QtCore/QString>
 #include <QtCore/QTimer>
+#include <functional>
 #include <memory>
 
 #include "unique_fd.h"
@@ -20,18 +21,29 @@ class StderrRelay {
   // The read end of the pipe, which does not block. An invalid one makes a relay with nothing to
   // do.
   explicit StderrRelay(UniqueFd pipe);
+  ~StderrRelay();
+  StderrRelay(const StderrRelay&) = delete;
+  StderrRelay& operator=(const StderrRelay&) = delete;
 
-  // The task has ended: takes what is left and closes the pipe.
-  void Finish();
+  // The task has ended: takes what is left and closes the pipe. What cannot be forwarded at once
+  // follows from the event loop; when it has, the relay calls `on_forwarded`, which may destroy it.
+  // That is kept for a limited number of tasks in the process.
+  void Finish(std::function<void()> on_forwarded);
+  // Whether the relay holds something that is still to be forwarded.
+  bool HasPending() const { return !pending_.isEmpty(); }
   // The last lines, without the last line's end; empty when the task wrote nothing.
   QString LastLines() const;
 
  private:
-  void OnReadable();
+  void OnEvent();
+  // Reads and forwards what there is, as far as it goes.
+  void Pump();
   // False when there is nothing more to read now.
   bool ReadChunk();
   void Remember(const QByteArray& chunk);
   void Forward();
+  void TakeRest();
+  void KeepBacklog();
   void SetReading(bool enabled);
   void Close();
 
@@ -40,7 +52,9 @@ class StderrRelay {
   QTimer resume_;
   QByteArray pending_;  // read, not yet forwarded
   QByteArray tail_;
+  std::function<void()> on_forwarded_;
   bool forwards_ = true;
+  bool keeps_backlog_ = false;
 };
 
 }  // namespace RuntimeManager::host

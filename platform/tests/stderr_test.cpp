@@ -3,7 +3,13 @@
 #include <gmock/gmock.h>
 
 #include <QtCore/QFile>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <csignal>
+#include <memory>
+#include <mutex>
+#include <thread>
 
 #include "kit.h"
 
@@ -14,6 +20,12 @@ using testing::HasSubstr;
 
 class TaskStderr : public PlatformTest {
  protected:
+  // A task that writes so many 'x' to its standard error and ends with status 3.
+  void AddLoudTask(const QString& name, int size) {
+    AddShellTask(name, "head -c " + QByteArray::number(size) +
+                           " /dev/zero | tr '\\0' x >&2\n"
+                           "exit 3");
+  }
   // Starts a task, waits for its end, and forgets it. What its end is said to be.
   static std::string RunToItsEnd(const QString& name) {
     Task task(name);
@@ -22,6 +34,38 @@ class TaskStderr : public PlatformTest {
     task.start({});
     return finished.Wait().message().toStdString();
   }
+};
+
+// Reads a pipe empty when the test has been stuck for so long that a full pipe must be the cause.
+class Rescuer {
+ public:
+  explicit Rescuer(const StderrPipe& pipe) : thread_([this, &pipe] { Watch(pipe); }) {}
+  ~Rescuer() {
+    {
+      const std::lock_guard lock(mutex_);
+      done_ = true;
+    }
+    changed_.notify_all();
+    thread_.join();
+  }
+  Rescuer(const Rescuer&) = delete;
+  Rescuer& operator=(const Rescuer&) = delete;
+  bool WasNeeded() const { return needed_; }
+
+ private:
+  void Watch(const StderrPipe& pipe) {
+    std::unique_lock lock(mutex_);
+    const auto is_done = [this] { return done_; };
+    if (changed_.wait_for(lock, std::chrono::seconds(20), is_done)) return;
+    needed_ = true;
+    while (!changed_.wait_for(lock, std::chrono::milliseconds(10), is_done)) pipe.Read(1 << 20);
+  }
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool done_ = false;
+  std::atomic<bool> needed_{false};
+  std::thread thread_;
 };
 
 TEST_F(TaskStderr, IsForwarded) {
@@ -56,6 +100,49 @@ TEST_F(TaskStderr, WaitsWithTheTaskWhileTheApplicationsTakesNothing) {
     forwarded += pipe.Read(1 << 20).count('x');
     return QFile::exists(PathOf("out")) && forwarded == 300000;
   }));
+}
+
+TEST_F(TaskStderr, OutlivesATaskThatEndsWhileTheApplicationsTakesNothing) {
+  AddLoudTask("task", 60000);
+  StderrPipe pipe;
+  pipe.Fill();
+  EXPECT_THAT(RunToItsEnd("task"), HasSubstr("exited with status 3"));
+  int forwarded = 0;
+  EXPECT_TRUE(RunUntil(
+      [&forwarded, &pipe] {
+        forwarded += pipe.Read(1 << 20).count('x');
+        return forwarded == 60000;
+      },
+      20000))
+      << forwarded;
+}
+
+TEST_F(TaskStderr, IsKeptForALimitedNumberOfDeadTasks) {
+  AddLoudTask("task", 1000);
+  StderrPipe pipe;
+  pipe.Fill();
+  for (int i = 0; i < 66; ++i) RunToItsEnd("task");
+  int forwarded = 0;
+  const auto count = [&forwarded, &pipe] { return forwarded += pipe.Read(1 << 20).count('x'); };
+  EXPECT_TRUE(RunUntil([&count] { return count() == 64 * 1000; })) << forwarded;
+  RunFor(300);
+  EXPECT_EQ(count(), 64 * 1000);
+  // There is room for more again.
+  pipe.Fill();
+  RunToItsEnd("task");
+  EXPECT_TRUE(RunUntil([&count] { return count() == 65 * 1000; })) << forwarded;
+}
+
+TEST_F(TaskStderr, NeverBlocksTheApplicationHoweverLittleItsOwnTakes) {
+  AddLoudTask("task", 60000);
+  StderrPipe pipe;
+  pipe.Fill();
+  RunToItsEnd("task");
+  const Rescuer rescuer(pipe);
+  // Room for a part of what waits.
+  EXPECT_EQ(pipe.Read(4096).count('f'), 4096);
+  RunFor(300);
+  EXPECT_FALSE(rescuer.WasNeeded());
 }
 
 }  // namespace
