@@ -11,6 +11,7 @@
 #include <QtCore/QTimer>
 #include <functional>
 #include <memory>
+#include <thread>
 
 #include "spawn.h"
 #include "stderr_relay.h"
@@ -65,10 +66,13 @@ class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
   void OnMaybeEnded();
   void FinishStderr();
   bool Reap();
+  // Whether the calling thread is the one that this object belongs to.
+  bool IsInItsThread() const { return thread_ == std::this_thread::get_id(); }
   void EndNow();
   bool WaitUntil(qint64 deadline_ms);
 
   const pid_t pid_;
+  const std::thread::id thread_ = std::this_thread::get_id();
   Callbacks callbacks_;
   UniqueFd pidfd_;  // invalid on systems without them; then a timer asks
   UniqueFd exec_status_;

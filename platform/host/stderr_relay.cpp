@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <pthread.h>
 
+#include <QtCore/QElapsedTimer>
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -31,6 +32,8 @@ constexpr int kChunksAtTheEnd = 256;
 constexpr int kMostBacklogs = 64;
 
 std::atomic<int> backlogs{0};
+// Somebody has waited in vain for standard error, which has taken nothing since: once is enough.
+std::atomic<bool> given_up{false};
 
 // Keeps a write to a pipe without a reader from killing the process, for its scope and thread only:
 // the application's disposition of SIGPIPE stays as it is.
@@ -60,9 +63,10 @@ class SigpipeGuard {
   bool was_pending_ = false;
 };
 
-bool TakesBytes(int descriptor) {
+// Waits for that up to `wait_ms`.
+bool TakesBytes(int descriptor, int wait_ms) {
   pollfd state{descriptor, POLLOUT, 0};
-  return RetryOnEintr([&state] { return ::poll(&state, 1, 0); }) > 0;
+  return RetryOnEintr([&state, wait_ms] { return ::poll(&state, 1, wait_ms); }) > 0;
 }
 
 // Not more at a time than what takes bytes at all takes without blocking.
@@ -124,7 +128,7 @@ void StderrRelay::Remember(const QByteArray& chunk) {
 }
 
 void StderrRelay::Forward() {
-  while (HasPending() && TakesBytes(STDERR_FILENO)) {
+  while (HasPending() && TakesBytes(STDERR_FILENO, 0)) {
     const ssize_t written = WriteChunk(STDERR_FILENO, pending_);
     if (written == -EAGAIN) return;
     if (written < 0) {
@@ -132,6 +136,7 @@ void StderrRelay::Forward() {
       forwards_ = false;
       return pending_.clear();
     }
+    given_up = false;
     pending_.remove(0, static_cast<int>(written));
   }
 }
@@ -151,6 +156,20 @@ void StderrRelay::Finish(std::function<void()> on_forwarded) {
   if (!HasPending()) return;
   on_forwarded_ = std::move(on_forwarded);
   resume_.start(kRetryMs);
+}
+
+void StderrRelay::FinishNow(int limit_ms) {
+  TakeRest();
+  QElapsedTimer since;
+  since.start();
+  while (HasPending() && !given_up) {
+    const int left_ms = limit_ms - static_cast<int>(since.elapsed());
+    if (left_ms <= 0 || !TakesBytes(STDERR_FILENO, left_ms)) {
+      given_up = true;
+      return;
+    }
+    Forward();
+  }
 }
 
 void StderrRelay::TakeRest() {

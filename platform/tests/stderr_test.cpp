@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <QtCore/QFile>
+#include <QtCore/QThread>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -25,6 +26,16 @@ class TaskStderr : public PlatformTest {
     AddShellTask(name, "head -c " + QByteArray::number(size) +
                            " /dev/zero | tr '\\0' x >&2\n"
                            "exit 3");
+  }
+  // Reads until so many 'x' have come.
+  static bool WaitForLoudness(const StderrPipe& pipe, int size) {
+    int count = 0;
+    return RunUntil(
+        [&count, &pipe, size] {
+          count += pipe.Read(1 << 20).count('x');
+          return count == size;
+        },
+        20000);
   }
   // Starts a task, waits for its end, and forgets it. What its end is said to be.
   static std::string RunToItsEnd(const QString& name) {
@@ -107,14 +118,7 @@ TEST_F(TaskStderr, OutlivesATaskThatEndsWhileTheApplicationsTakesNothing) {
   StderrPipe pipe;
   pipe.Fill();
   EXPECT_THAT(RunToItsEnd("task"), HasSubstr("exited with status 3"));
-  int forwarded = 0;
-  EXPECT_TRUE(RunUntil(
-      [&forwarded, &pipe] {
-        forwarded += pipe.Read(1 << 20).count('x');
-        return forwarded == 60000;
-      },
-      20000))
-      << forwarded;
+  EXPECT_TRUE(WaitForLoudness(pipe, 60000));
 }
 
 TEST_F(TaskStderr, IsKeptForALimitedNumberOfDeadTasks) {
@@ -122,15 +126,13 @@ TEST_F(TaskStderr, IsKeptForALimitedNumberOfDeadTasks) {
   StderrPipe pipe;
   pipe.Fill();
   for (int i = 0; i < 66; ++i) RunToItsEnd("task");
-  int forwarded = 0;
-  const auto count = [&forwarded, &pipe] { return forwarded += pipe.Read(1 << 20).count('x'); };
-  EXPECT_TRUE(RunUntil([&count] { return count() == 64 * 1000; })) << forwarded;
+  EXPECT_TRUE(WaitForLoudness(pipe, 64 * 1000));
   RunFor(300);
-  EXPECT_EQ(count(), 64 * 1000);
+  EXPECT_EQ(pipe.Read(1 << 20), "");
   // There is room for more again.
   pipe.Fill();
   RunToItsEnd("task");
-  EXPECT_TRUE(RunUntil([&count] { return count() == 65 * 1000; })) << forwarded;
+  EXPECT_TRUE(WaitForLoudness(pipe, 1000));
 }
 
 TEST_F(TaskStderr, NeverBlocksTheApplicationHoweverLittleItsOwnTakes) {
@@ -143,6 +145,95 @@ TEST_F(TaskStderr, NeverBlocksTheApplicationHoweverLittleItsOwnTakes) {
   EXPECT_EQ(pipe.Read(4096).count('f'), 4096);
   RunFor(300);
   EXPECT_FALSE(rescuer.WasNeeded());
+  EXPECT_TRUE(WaitForLoudness(pipe, 60000));
+}
+
+// A program that leaves in good order while its task has something to say.
+class StderrAtExit : public TaskStderr {
+ protected:
+  // A task that writes so many 'x' to its standard error when it is told to end.
+  void AddTalkativeTask(int size) {
+    AddShellTask("task",
+                 "trap 'head -c " + QByteArray::number(size) +
+                     " /dev/zero | tr \"\\\\0\" x >&2; echo clean > $WORLD/end; exit 0' TERM\n"
+                     "echo $$ > $WORLD/pid; while :; do sleep 0.05; done");
+  }
+  void TellToGo() {
+    ASSERT_TRUE(WaitForFile(PathOf("pid"), "\n"));
+    QFile go(PathOf("go"));
+    ASSERT_TRUE(go.open(QIODevice::WriteOnly));
+  }
+  void Forget() {
+    for (const char* file : {"pid", "go", "end"}) QFile::remove(PathOf(file));
+  }
+};
+
+TEST_F(StderrAtExit, IsReadUntilTheTaskHasEndedHoweverMuchItWrites) {
+  for (const int size : {100, 200000}) {
+    for (const char* how : {"quit", "delete"}) {
+      Forget();
+      AddTalkativeTask(size);
+      StderrPipe pipe;
+      Process starter(HELPER, {"start", "task", how, "told"});
+      TellToGo();
+      EXPECT_EQ(pipe.ReadToEnd().count('x'), size) << how;
+      EXPECT_EQ(starter.Wait(), 0) << how;
+      EXPECT_EQ(ReadFile(PathOf("end")), "clean\n") << how;
+    }
+  }
+}
+
+TEST_F(StderrAtExit, IsReadWhenTheThreadOfTheTaskEnds) {
+  AddTalkativeTask(200000);
+  StderrPipe pipe;
+  QThread thread;
+  auto* task = new Task("task");
+  task->moveToThread(&thread);
+  QObject::connect(&thread, &QThread::started, task, [task] { task->start({}); });
+  QObject::connect(&thread, &QThread::finished, task, &QObject::deleteLater);
+  thread.start();
+  EXPECT_TRUE(WaitForFile(PathOf("pid"), "\n"));
+  thread.quit();
+  EXPECT_TRUE(WaitForLoudness(pipe, 200000));
+  EXPECT_TRUE(thread.wait());
+  EXPECT_EQ(ReadFile(PathOf("end")), "clean\n");
+}
+
+TEST_F(StderrAtExit, OfADeadTaskIsForwardedToASlowReader) {
+  AddLoudTask("task", 60000);
+  for (const char* how : {"quit", "exit"}) {
+    StderrPipe pipe;
+    pipe.Fill();
+    Process starter(HELPER, {"start", "task", how, "ended"});
+    pipe.Restore();
+    RunFor(500);
+    EXPECT_EQ(pipe.ReadToEnd().count('x'), 60000) << how;
+    EXPECT_EQ(starter.Wait(), 0) << how;
+  }
+}
+
+TEST_F(StderrAtExit, DoesNotKeepAProgramWhoseOwnTakesNothing) {
+  AddLoudTask("task", 60000);
+  for (const char* how : {"quit", "exit"}) {
+    StderrPipe pipe;
+    pipe.Fill();
+    const Rescuer rescuer(pipe);
+    Process starter(HELPER, {"start", "task", how, "ended"});
+    EXPECT_EQ(starter.Wait(), 0) << how;
+    EXPECT_FALSE(rescuer.WasNeeded()) << how;
+  }
+}
+
+TEST_F(StderrAtExit, IsWaitedForOnceHoweverManyTasksHaveDied) {
+  AddLoudTask("task", 1000);
+  StderrPipe pipe;
+  pipe.Fill();
+  const std::unique_ptr<QThread> thread(QThread::create([] {
+    for (int i = 0; i < 10; ++i) RunToItsEnd("task");
+  }));
+  thread->start();
+  EXPECT_TRUE(thread->wait(20000));
+  while (!thread->isFinished()) pipe.Read(1 << 20);
 }
 
 }  // namespace
