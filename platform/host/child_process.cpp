@@ -7,6 +7,7 @@
 #include <QtCore/QCoreApplication>
 #include <QtCore/QThread>
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -25,6 +26,9 @@ namespace {
 constexpr int kGraceMs = 3000;
 // What a killed process takes to be gone; longer only inside the kernel.
 constexpr int kKillMs = 1000;
+// What a standard error that takes nothing gets for a task's last words when nobody can wait
+// longer.
+constexpr int kLastWordsMs = 3000;
 // How often a child is looked after where processes have no descriptors.
 constexpr int kPollMs = 20;
 
@@ -47,7 +51,8 @@ QString Describe(const siginfo_t& info) {
 
 }  // namespace
 
-// The children that nobody owns any more, until they are reaped. One per process, any thread.
+// The children that nobody owns any more, until they are reaped; and those whose last words wait
+// for a standard error that takes nothing. One per process, any thread.
 class Orphanage {
  public:
   static Orphanage& Get() {
@@ -68,13 +73,13 @@ class Orphanage {
   }
 
  private:
-  // At exit: whoever was asked to end and does not is ended. Objects of other threads are left
-  // alone; only processes are dealt with.
+  // At exit: whoever was asked to end and does not is ended, and last words are forwarded. Objects
+  // of other threads are left alone; only processes are dealt with.
   void EndAll() {
     if (owner_ != ::getpid()) return;
     const std::lock_guard lock(mutex_);
     for (const auto& child : children_) {
-      if (child->since_terminate_.isValid()) child->EndNow();
+      if (child->reaped_ || child->since_terminate_.isValid()) child->EndNow();
     }
   }
 
@@ -157,11 +162,19 @@ void ChildProcess::OnMaybeEnded() {
   if (ended_notifier_ != nullptr) ended_notifier_->SetEnabled(false);
   pidfd_.Reset();
   if (exec_status_.IsValid()) OnExecStatus();
-  stderr_.Finish();
+  FinishStderr();
   end_.last_lines = stderr_.LastLines();
   const auto on_ended = std::move(callbacks_.on_ended);
   if (on_ended) on_ended(end_);
-  Orphanage::Get().Remove(self);
+  if (!stderr_.HasPending()) Orphanage::Get().Remove(self);
+}
+
+// What this process's standard error does not take yet may outlive the Task.
+void ChildProcess::FinishStderr() {
+  stderr_.Finish([weak = weak_from_this()] {
+    if (const auto self = weak.lock()) Orphanage::Get().Remove(self);
+  });
+  if (stderr_.HasPending()) Keep();
 }
 
 bool ChildProcess::Reap() {
@@ -180,18 +193,18 @@ bool ChildProcess::Reap() {
 void ChildProcess::Abandon() {
   callbacks_ = {};
   if (reaped_) return;
-  if (Terminate(false) != 0) return KeepUntilReaped();
+  if (Terminate(false) != 0) return Keep();
   if (!HasEventLoop()) return EndNow();
-  KeepUntilReaped();
+  Keep();
 }
 
 void ChildProcess::LetGo() {
   callbacks_ = {};
   let_go_ = true;
-  if (!reaped_ && HasEventLoop()) KeepUntilReaped();
+  if (!reaped_ && HasEventLoop()) Keep();
 }
 
-void ChildProcess::KeepUntilReaped() { Orphanage::Get().Add(shared_from_this()); }
+void ChildProcess::Keep() { Orphanage::Get().Add(shared_from_this()); }
 
 void ChildProcess::WatchEventLoop() {
   const auto on_gone = [weak = weak_from_this()] {
@@ -210,8 +223,8 @@ void ChildProcess::WatchEventLoop() {
 // for a process whose Task still lives, too, for instance because it awaits its deferred deletion.
 void ChildProcess::OnEventLoopGone() {
   callbacks_ = {};
-  if (!let_go_ && !reaped_) {
-    if (!since_terminate_.isValid()) {
+  if (!let_go_) {
+    if (!reaped_ && !since_terminate_.isValid()) {
       since_terminate_.start();
       Signal(SIGTERM);
     }
@@ -221,17 +234,24 @@ void ChildProcess::OnEventLoopGone() {
 }
 
 void ChildProcess::EndNow() {
-  if (reaped_ || WaitUntil(kGraceMs)) return;
-  Signal(SIGKILL);
-  WaitUntil(since_terminate_.elapsed() + kKillMs);
+  if (!reaped_ && !WaitUntil(kGraceMs)) {
+    Signal(SIGKILL);
+    WaitUntil(since_terminate_.elapsed() + kKillMs);
+  }
+  if (IsInItsThread()) stderr_.FinishNow(kLastWordsMs);
 }
 
+// A task that writes while it ends goes on when that is read.
 bool ChildProcess::WaitUntil(qint64 deadline_ms) {
+  const bool reads = IsInItsThread();
   while (!Reap()) {
     const qint64 left = deadline_ms - since_terminate_.elapsed();
     if (left <= 0) return false;
-    pollfd ended{pidfd_.Get(), POLLIN, 0};
-    ::poll(&ended, pidfd_.IsValid() ? 1 : 0, static_cast<int>(std::min<qint64>(left, kPollMs)));
+    // What has no descriptor is passed over.
+    std::array<pollfd, 2> events{{{pidfd_.Get(), POLLIN, 0}, {-1, POLLIN, 0}}};
+    if (reads) events[1].fd = stderr_.WaitsFor();
+    ::poll(events.data(), events.size(), static_cast<int>(std::min<qint64>(left, kPollMs)));
+    if (reads) stderr_.Pump();
   }
   return true;
 }

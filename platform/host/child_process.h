@@ -10,6 +10,7 @@
 #include <QtCore/QTimer>
 #include <functional>
 #include <memory>
+#include <thread>
 
 #include "quiet_notifier.h"
 #include "spawn.h"
@@ -56,17 +57,22 @@ class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
   friend class Orphanage;
   ChildProcess(Spawned spawned, Callbacks callbacks);
   void Watch();
-  void KeepUntilReaped();
+  // In the orphanage, whatever becomes of the owner.
+  void Keep();
   void WatchEventLoop();
   void OnEventLoopGone();
   int Signal(int signal);
   void OnExecStatus();
   void OnMaybeEnded();
+  void FinishStderr();
   bool Reap();
+  // Whether the calling thread is the one that this object belongs to.
+  bool IsInItsThread() const { return thread_ == std::this_thread::get_id(); }
   void EndNow();
   bool WaitUntil(qint64 deadline_ms);
 
   const pid_t pid_;
+  const std::thread::id thread_ = std::this_thread::get_id();
   Callbacks callbacks_;
   UniqueFd pidfd_;  // invalid on systems without them; then a timer asks
   UniqueFd exec_status_;

@@ -3,10 +3,14 @@
 #include <poll.h>
 #include <pthread.h>
 
+#include <QtCore/QElapsedTimer>
+#include <algorithm>
 #include <array>
+#include <atomic>
 #include <climits>
 #include <csignal>
 #include <ctime>
+#include <utility>
 
 #include "support.h"
 
@@ -23,6 +27,13 @@ constexpr int kTailLines = 20;
 constexpr int kRetryMs = 50;
 // What a dead task can have left in its pipe, which is bounded by the kernel.
 constexpr int kChunksAtTheEnd = 256;
+// Dead tasks whose rest waits for a standard error that takes nothing: about what the pipes of so
+// many tasks hold, however many come and go meanwhile.
+constexpr int kMostBacklogs = 64;
+
+std::atomic<int> backlogs{0};
+// Somebody has waited in vain for standard error, which has taken nothing since: once is enough.
+std::atomic<bool> given_up{false};
 
 // Keeps a write to a pipe without a reader from killing the process, for its scope and thread only:
 // the application's disposition of SIGPIPE stays as it is.
@@ -52,16 +63,18 @@ class SigpipeGuard {
   bool was_pending_ = false;
 };
 
-bool TakesBytes(int descriptor) {
+// Waits for that up to `wait_ms`.
+bool TakesBytes(int descriptor, int wait_ms) {
   pollfd state{descriptor, POLLOUT, 0};
-  return RetryOnEintr([&state] { return ::poll(&state, 1, 0); }) > 0;
+  return RetryOnEintr([&state, wait_ms] { return ::poll(&state, 1, wait_ms); }) > 0;
 }
 
-ssize_t WriteQuietly(int descriptor, const QByteArray& bytes) {
+// Not more at a time than what takes bytes at all takes without blocking.
+ssize_t WriteChunk(int descriptor, const QByteArray& bytes) {
   const SigpipeGuard guard;
-  const ssize_t written = RetryOnEintr([descriptor, &bytes] {
-    return ::write(descriptor, bytes.constData(), static_cast<std::size_t>(bytes.size()));
-  });
+  const auto size = static_cast<std::size_t>(std::min(bytes.size(), kChunk));
+  const ssize_t written = RetryOnEintr(
+      [descriptor, &bytes, size] { return ::write(descriptor, bytes.constData(), size); });
   // The guard's own calls must not change what the caller reads.
   return written < 0 ? -errno : written;
 }
@@ -70,24 +83,30 @@ ssize_t WriteQuietly(int descriptor, const QByteArray& bytes) {
 
 StderrRelay::StderrRelay(UniqueFd pipe) : pipe_(std::move(pipe)) {
   if (!pipe_.IsValid()) return;
-  readable_ = std::make_unique<QuietNotifier>(pipe_.Get(), [this] { OnReadable(); });
+  readable_ = std::make_unique<QuietNotifier>(pipe_.Get(), [this] { OnEvent(); });
   resume_.setSingleShot(true);
-  QObject::connect(&resume_, &QTimer::timeout, &resume_, [this] { OnReadable(); });
+  QObject::connect(&resume_, &QTimer::timeout, &resume_, [this] { OnEvent(); });
 }
 
-void StderrRelay::OnReadable() {
-  for (int i = 0; i < kChunksPerTurn && pipe_.IsValid(); ++i) {
-    Forward();
-    if (!pending_.isEmpty()) break;
-    if (!ReadChunk()) return SetReading(pipe_.IsValid());
-  }
+StderrRelay::~StderrRelay() {
+  if (keeps_backlog_) --backlogs;
+}
+
+void StderrRelay::OnEvent() {
+  Pump();
+  SetReading(!HasPending() && pipe_.IsValid());
+  if (HasPending()) return resume_.start(kRetryMs);
+  const auto on_forwarded = std::exchange(on_forwarded_, nullptr);
+  if (on_forwarded) on_forwarded();
+}
+
+void StderrRelay::Pump() {
   Forward();
-  const bool stuck = !pending_.isEmpty();
-  SetReading(!stuck && pipe_.IsValid());
-  if (stuck) resume_.start(kRetryMs);
+  for (int i = 0; i < kChunksPerTurn && !HasPending() && ReadChunk(); ++i) Forward();
 }
 
 bool StderrRelay::ReadChunk() {
+  if (!pipe_.IsValid()) return false;
   std::array<char, kChunk> chunk{};
   const ssize_t size =
       RetryOnEintr([this, &chunk] { return ::read(pipe_.Get(), chunk.data(), chunk.size()); });
@@ -108,14 +127,16 @@ void StderrRelay::Remember(const QByteArray& chunk) {
 }
 
 void StderrRelay::Forward() {
-  if (pending_.isEmpty() || !TakesBytes(STDERR_FILENO)) return;
-  const ssize_t written = WriteQuietly(STDERR_FILENO, pending_);
-  if (written >= 0) {
+  while (HasPending() && TakesBytes(STDERR_FILENO, 0)) {
+    const ssize_t written = WriteChunk(STDERR_FILENO, pending_);
+    if (written == -EAGAIN) return;
+    if (written < 0) {
+      // Nobody reads this process's standard error any more.
+      forwards_ = false;
+      return pending_.clear();
+    }
+    given_up = false;
     pending_.remove(0, static_cast<int>(written));
-  } else if (written != -EAGAIN) {
-    // Nobody reads this process's standard error any more.
-    forwards_ = false;
-    pending_.clear();
   }
 }
 
@@ -128,14 +149,40 @@ void StderrRelay::Close() {
   pipe_.Reset();
 }
 
-void StderrRelay::Finish() {
-  resume_.stop();
-  for (int i = 0; i < kChunksAtTheEnd && pipe_.IsValid(); ++i) {
+void StderrRelay::Finish(std::function<void()> on_forwarded) {
+  TakeRest();
+  if (HasPending()) KeepBacklog();
+  if (!HasPending()) return;
+  on_forwarded_ = std::move(on_forwarded);
+  resume_.start(kRetryMs);
+}
+
+void StderrRelay::FinishNow(int limit_ms) {
+  TakeRest();
+  QElapsedTimer since;
+  since.start();
+  while (HasPending() && !given_up) {
+    const int left_ms = limit_ms - static_cast<int>(since.elapsed());
+    if (left_ms <= 0 || !TakesBytes(STDERR_FILENO, left_ms)) {
+      given_up = true;
+      return;
+    }
     Forward();
-    if (!ReadChunk()) break;
   }
-  Forward();
+}
+
+void StderrRelay::TakeRest() {
+  resume_.stop();
+  for (int i = 0; i < kChunksAtTheEnd && ReadChunk(); ++i) continue;
   Close();
+  Forward();
+}
+
+void StderrRelay::KeepBacklog() {
+  keeps_backlog_ = ++backlogs <= kMostBacklogs;
+  if (keeps_backlog_) return;
+  --backlogs;
+  pending_.clear();
 }
 
 QString StderrRelay::LastLines() const {

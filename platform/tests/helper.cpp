@@ -9,8 +9,10 @@
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QFile>
+#include <QtCore/QTimer>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <utility>
 
@@ -71,18 +73,37 @@ int Report() {
   return 0;
 }
 
-// Starts a task and stays, or leaves at once when told to.
-int StartTask(const QString& name, const QString& then) {
+void Leave(Task* task, const QString& how) {
+  if (how == "exit") std::exit(0);
+  if (how == "quit") QCoreApplication::quit();
+  if (how == "delete") {
+    delete task;
+    std::exit(0);
+  }
+}
+
+// Runs `call` when the file `go` is there.
+void WhenTold(const std::function<void()>& call) {
+  auto* timer = new QTimer(qApp);
+  QObject::connect(timer, &QTimer::timeout, timer, [timer, call] {
+    if (!QFile::exists(qEnvironmentVariable("WORLD") + "/go")) return;
+    timer->stop();
+    call();
+  });
+  timer->start(10);
+}
+
+// Starts a task and stays, or leaves as it is told to: at once, when the file `go` is there, or
+// when the task has ended.
+int StartTask(const QString& name, const QString& how, const QString& when) {
   static Task* const task = new Task(name);
   task->withIpcSocket(true);
-  task->start([then](const Error& error) {
+  const auto leave = [how] { Leave(task, how); };
+  if (when == "ended") QObject::connect(task, &Task::finished, leave);
+  task->start([leave, when](const Error& error) {
     Say(error.isError() ? "error " + error.message() : "started " + task->socketPath());
-    if (then == "exit") std::exit(0);
-    if (then == "quit") QCoreApplication::quit();
-    if (then == "delete") {
-      delete task;
-      std::exit(0);
-    }
+    if (when == "told") return WhenTold(leave);
+    if (when != "ended") leave();
   });
   return QCoreApplication::exec();
 }
@@ -144,7 +165,7 @@ int main(int count, char** arguments) {
   if (verb == "report") return Report();
   if (verb == "again") return Again();
   if (verb == "flood") return FloodAndExit();
-  if (verb == "start") return StartTask(words.value(2), words.value(3));
+  if (verb == "start") return StartTask(words.value(2), words.value(3), words.value(4));
   if (verb == "outlive")
     return StartTaskAndOutliveApplication(words.value(2), std::move(application));
   if (verb == "own") return OwnIntent(words.value(2), words.value(3));

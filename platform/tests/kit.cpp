@@ -1,5 +1,6 @@
 #include "kit.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -124,6 +125,94 @@ Inbox::Inbox(TaskMessaging* messaging) {
 
 bool Inbox::WaitFor(std::size_t count) {
   return RunUntil([this, count] { return messages.size() >= count; });
+}
+
+Process::Process(const QString& program, const QStringList& words) {
+  int ends[2];
+  EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  std::vector<QByteArray> texts{program.toUtf8()};
+  for (const QString& word : words) texts.push_back(word.toUtf8());
+  std::vector<char*> arguments;
+  for (QByteArray& text : texts) arguments.push_back(text.data());
+  arguments.push_back(nullptr);
+  pid_ = ::fork();
+  if (pid_ == 0) {
+    ::dup2(ends[1], STDOUT_FILENO);
+    ::execv(arguments[0], arguments.data());
+    ::_exit(127);
+  }
+  ::close(ends[1]);
+  output_ = ends[0];
+}
+
+Process::~Process() {
+  if (pid_ > 0) {
+    Kill();
+    Wait();
+  }
+  ::close(output_);
+}
+
+std::string Process::ReadLine() const {
+  std::string line;
+  char byte = 0;
+  while (::read(output_, &byte, 1) == 1 && byte != '\n') line += byte;
+  return line;
+}
+
+void Process::Kill() const { ::kill(pid_, SIGKILL); }
+
+int Process::Wait() {
+  int status = -1;
+  ::waitpid(pid_, &status, 0);
+  pid_ = -1;
+  return status;
+}
+
+StderrPipe::StderrPipe() : before_(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)) {
+  int ends[2];
+  EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  read_end_ = ends[0];
+  write_end_ = ends[1];
+  ::fcntl(read_end_, F_SETFL, O_NONBLOCK);
+  ::dup2(write_end_, STDERR_FILENO);
+}
+
+StderrPipe::~StderrPipe() {
+  Restore();
+  CloseReadEnd();
+}
+
+void StderrPipe::Fill() const {
+  const QByteArray fill(::fcntl(write_end_, F_GETPIPE_SZ), 'f');
+  EXPECT_EQ(::write(write_end_, fill.constData(), static_cast<std::size_t>(fill.size())),
+            fill.size());
+}
+
+void StderrPipe::CloseReadEnd() {
+  if (read_end_ >= 0) ::close(read_end_);
+  read_end_ = -1;
+}
+
+QByteArray StderrPipe::Read(int most) const {
+  QByteArray bytes(most, Qt::Uninitialized);
+  const ssize_t size = ::read(read_end_, bytes.data(), static_cast<std::size_t>(most));
+  bytes.truncate(static_cast<int>(std::max<ssize_t>(size, 0)));
+  return bytes;
+}
+
+void StderrPipe::Restore() {
+  if (before_ < 0) return;
+  ::dup2(before_, STDERR_FILENO);
+  ::close(before_);
+  ::close(write_end_);
+  before_ = write_end_ = -1;
+}
+
+QByteArray StderrPipe::ReadToEnd() {
+  Restore();
+  ::fcntl(read_end_, F_SETFL, 0);
+  return kit::ReadToEnd(read_end_);
 }
 
 QByteArray ReadFile(const QString& path) {

@@ -72,6 +72,49 @@ struct Inbox {
   Outcomes disconnects;
 };
 
+// A program that runs beside the test, with a pipe on its standard output.
+class Process {
+ public:
+  Process(const QString& program, const QStringList& words);
+  ~Process();
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+
+  std::string ReadLine() const;
+  void Kill() const;
+  // Its exit status, as waitpid() tells it.
+  int Wait();
+
+ private:
+  pid_t pid_ = -1;
+  int output_ = -1;
+};
+
+// A pipe in the place of this process's standard error, for a scope. Processes that are started
+// meanwhile write to it, too.
+class StderrPipe {
+ public:
+  StderrPipe();
+  ~StderrPipe();
+  StderrPipe(const StderrPipe&) = delete;
+  StderrPipe& operator=(const StderrPipe&) = delete;
+
+  // Leaves no room in it: whoever writes without looking blocks.
+  void Fill() const;
+  void CloseReadEnd();
+  // What is there now, `most` bytes of it.
+  QByteArray Read(int most) const;
+  // Gives this process its own standard error back, and no byte more to the pipe.
+  void Restore();
+  // Everything from now on, until nobody can write to it any more.
+  QByteArray ReadToEnd();
+
+ private:
+  int read_end_ = -1;
+  int write_end_ = -1;
+  int before_ = -1;
+};
+
 QByteArray ReadFile(const QString& path);
 bool WaitForFile(const QString& path, const QByteArray& content_part);
 QStringList OpenDescriptors();

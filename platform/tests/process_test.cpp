@@ -1,67 +1,14 @@
 // What only a whole process can show: its death, its exit, its environment, its record.
-#include <fcntl.h>
 #include <gmock/gmock.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QJsonDocument>
-#include <csignal>
 
 #include "kit.h"
 
 namespace kit {
 namespace {
-
-// A helper process with a pipe on its standard output.
-class Process {
- public:
-  Process(const QString& program, const QStringList& words) {
-    int ends[2];
-    EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-    std::vector<QByteArray> texts{program.toUtf8()};
-    for (const QString& word : words) texts.push_back(word.toUtf8());
-    std::vector<char*> arguments;
-    for (QByteArray& text : texts) arguments.push_back(text.data());
-    arguments.push_back(nullptr);
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      ::dup2(ends[1], STDOUT_FILENO);
-      ::execv(arguments[0], arguments.data());
-      ::_exit(127);
-    }
-    ::close(ends[1]);
-    output_ = ends[0];
-  }
-  ~Process() {
-    if (pid_ > 0) {
-      ::kill(pid_, SIGKILL);
-      Wait();
-    }
-    ::close(output_);
-  }
-  Process(const Process&) = delete;
-  Process& operator=(const Process&) = delete;
-
-  std::string ReadLine() const {
-    std::string line;
-    char byte = 0;
-    while (::read(output_, &byte, 1) == 1 && byte != '\n') line += byte;
-    return line;
-  }
-  void Kill() const { ::kill(pid_, SIGKILL); }
-  int Wait() {
-    int status = -1;
-    ::waitpid(pid_, &status, 0);
-    pid_ = -1;
-    return status;
-  }
-
- private:
-  pid_t pid_ = -1;
-  int output_ = -1;
-};
 
 class ProcessTest : public PlatformTest {
  protected:

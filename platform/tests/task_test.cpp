@@ -1,6 +1,5 @@
 // Starting, ending and stopping tasks.
 #include <RuntimeManager/Task.h>
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -471,83 +470,6 @@ TEST_F(TaskTest, SaysThatItIsOutOfDescriptors) {
   task.start(started.Recorder());
   ::setrlimit(RLIMIT_NOFILE, &before);
   EXPECT_THAT(Text(started.Wait()), HasSubstr("Too many open files"));
-}
-
-// The process's standard error for a scope.
-class StderrTo {
- public:
-  explicit StderrTo(int descriptor) : before_(::dup(STDERR_FILENO)) {
-    ::dup2(descriptor, STDERR_FILENO);
-  }
-  ~StderrTo() {
-    ::dup2(before_, STDERR_FILENO);
-    ::close(before_);
-  }
-  StderrTo(const StderrTo&) = delete;
-  StderrTo& operator=(const StderrTo&) = delete;
-
- private:
-  int before_;
-};
-
-TEST_F(TaskTest, ForwardsWhatTheTaskWritesToStandardError) {
-  AddShellTask("task", "echo first >&2; echo second >&2; exit 1");
-  int ends[2];
-  ASSERT_EQ(::pipe(ends), 0);
-  Task task("task");
-  Outcomes finished;
-  QObject::connect(&task, &Task::finished, finished.Recorder());
-  {
-    const StderrTo pipe(ends[1]);
-    task.start({});
-    finished.Wait();
-  }
-  ::close(ends[1]);
-  EXPECT_EQ(ReadToEnd(ends[0]), "first\nsecond\n");
-  ::close(ends[0]);
-}
-
-TEST_F(TaskTest, LivesOnWhenNobodyReadsItsStandardErrorAnyMore) {
-  AddShellTask("task", "echo words >&2; exit 1");
-  int ends[2];
-  ASSERT_EQ(::pipe(ends), 0);
-  ::close(ends[0]);
-  const auto before = std::signal(SIGPIPE, SIG_DFL);
-  Task task("task");
-  Outcomes finished;
-  QObject::connect(&task, &Task::finished, finished.Recorder());
-  {
-    const StderrTo broken(ends[1]);
-    task.start({});
-    EXPECT_THAT(Text(finished.Wait()), HasSubstr("words"));
-  }
-  ::close(ends[1]);
-  EXPECT_EQ(std::signal(SIGPIPE, before), SIG_DFL);
-}
-
-TEST_F(TaskTest, DoesNotBlockOnAStandardErrorThatTakesNothing) {
-  AddShellTask("task",
-               "head -c 300000 /dev/zero | tr '\\0' x >&2; echo > $WORLD/out; exec sleep 60");
-  int ends[2];
-  ASSERT_EQ(::pipe(ends), 0);
-  const int capacity = ::fcntl(ends[1], F_GETPIPE_SZ);
-  const QByteArray fill(capacity, 'f');
-  ASSERT_EQ(::write(ends[1], fill.constData(), static_cast<std::size_t>(capacity)), capacity);
-  Task task("task");
-  QByteArray forwarded;
-  {
-    const StderrTo full(ends[1]);
-    ExpectStarts(task);
-    RunFor(300);
-    EXPECT_FALSE(QFile::exists(PathOf("out"))) << "the task should wait for its reader";
-    ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
-    EXPECT_TRUE(RunUntil([&forwarded, &ends, this] {
-      forwarded += ReadToEnd(ends[0]);
-      return QFile::exists(PathOf("out")) && forwarded.count('x') == 300000;
-    }));
-  }
-  ::close(ends[0]);
-  ::close(ends[1]);
 }
 
 }  // namespace

@@ -1,0 +1,240 @@
+// What tasks write to their standard error, on its way through the process that started them.
+#include <RuntimeManager/Task.h>
+#include <gmock/gmock.h>
+
+#include <QtCore/QFile>
+#include <QtCore/QThread>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "kit.h"
+
+namespace kit {
+namespace {
+
+using testing::HasSubstr;
+
+class TaskStderr : public PlatformTest {
+ protected:
+  // A task that writes so many 'x' to its standard error and ends with status 3.
+  void AddLoudTask(const QString& name, int size) {
+    AddShellTask(name, "head -c " + QByteArray::number(size) +
+                           " /dev/zero | tr '\\0' x >&2\n"
+                           "exit 3");
+  }
+  // Reads until so many 'x' have come.
+  static bool WaitForLoudness(const StderrPipe& pipe, int size) {
+    int count = 0;
+    return RunUntil(
+        [&count, &pipe, size] {
+          count += pipe.Read(1 << 20).count('x');
+          return count == size;
+        },
+        20000);
+  }
+  // Starts a task, waits for its end, and forgets it. What its end is said to be.
+  static std::string RunToItsEnd(const QString& name) {
+    Task task(name);
+    Outcomes finished;
+    QObject::connect(&task, &Task::finished, finished.Recorder());
+    task.start({});
+    return finished.Wait().message().toStdString();
+  }
+};
+
+// Reads a pipe empty when the test has been stuck for so long that a full pipe must be the cause.
+class Rescuer {
+ public:
+  explicit Rescuer(const StderrPipe& pipe) : thread_([this, &pipe] { Watch(pipe); }) {}
+  ~Rescuer() {
+    {
+      const std::lock_guard lock(mutex_);
+      done_ = true;
+    }
+    changed_.notify_all();
+    thread_.join();
+  }
+  Rescuer(const Rescuer&) = delete;
+  Rescuer& operator=(const Rescuer&) = delete;
+  bool WasNeeded() const { return needed_; }
+
+ private:
+  void Watch(const StderrPipe& pipe) {
+    std::unique_lock lock(mutex_);
+    const auto is_done = [this] { return done_; };
+    if (changed_.wait_for(lock, std::chrono::seconds(20), is_done)) return;
+    needed_ = true;
+    while (!changed_.wait_for(lock, std::chrono::milliseconds(10), is_done)) pipe.Read(1 << 20);
+  }
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool done_ = false;
+  std::atomic<bool> needed_{false};
+  std::thread thread_;
+};
+
+TEST_F(TaskStderr, IsForwarded) {
+  AddShellTask("task", "echo first >&2; echo second >&2; exit 1");
+  StderrPipe pipe;
+  RunToItsEnd("task");
+  EXPECT_EQ(pipe.ReadToEnd(), "first\nsecond\n");
+}
+
+TEST_F(TaskStderr, IsRememberedWhenNobodyReadsTheApplicationsAnyMore) {
+  AddShellTask("task", "echo words >&2; exit 1");
+  const auto before = std::signal(SIGPIPE, SIG_DFL);
+  {
+    StderrPipe pipe;
+    pipe.CloseReadEnd();
+    EXPECT_THAT(RunToItsEnd("task"), HasSubstr("words"));
+  }
+  EXPECT_EQ(std::signal(SIGPIPE, before), SIG_DFL);
+}
+
+TEST_F(TaskStderr, WaitsWithTheTaskWhileTheApplicationsTakesNothing) {
+  AddShellTask("task",
+               "head -c 300000 /dev/zero | tr '\\0' x >&2; echo > $WORLD/out; exec sleep 60");
+  StderrPipe pipe;
+  pipe.Fill();
+  Task task("task");
+  ExpectStarts(task);
+  RunFor(300);
+  EXPECT_FALSE(QFile::exists(PathOf("out"))) << "the task should wait for its reader";
+  int forwarded = 0;
+  EXPECT_TRUE(RunUntil([&forwarded, &pipe, this] {
+    forwarded += pipe.Read(1 << 20).count('x');
+    return QFile::exists(PathOf("out")) && forwarded == 300000;
+  }));
+}
+
+TEST_F(TaskStderr, OutlivesATaskThatEndsWhileTheApplicationsTakesNothing) {
+  AddLoudTask("task", 60000);
+  StderrPipe pipe;
+  pipe.Fill();
+  EXPECT_THAT(RunToItsEnd("task"), HasSubstr("exited with status 3"));
+  EXPECT_TRUE(WaitForLoudness(pipe, 60000));
+}
+
+TEST_F(TaskStderr, IsKeptForALimitedNumberOfDeadTasks) {
+  AddLoudTask("task", 1000);
+  StderrPipe pipe;
+  pipe.Fill();
+  for (int i = 0; i < 66; ++i) RunToItsEnd("task");
+  EXPECT_TRUE(WaitForLoudness(pipe, 64 * 1000));
+  RunFor(300);
+  EXPECT_EQ(pipe.Read(1 << 20), "");
+  // There is room for more again.
+  pipe.Fill();
+  RunToItsEnd("task");
+  EXPECT_TRUE(WaitForLoudness(pipe, 1000));
+}
+
+TEST_F(TaskStderr, NeverBlocksTheApplicationHoweverLittleItsOwnTakes) {
+  AddLoudTask("task", 60000);
+  StderrPipe pipe;
+  pipe.Fill();
+  RunToItsEnd("task");
+  const Rescuer rescuer(pipe);
+  // Room for a part of what waits.
+  EXPECT_EQ(pipe.Read(4096).count('f'), 4096);
+  RunFor(300);
+  EXPECT_FALSE(rescuer.WasNeeded());
+  EXPECT_TRUE(WaitForLoudness(pipe, 60000));
+}
+
+// A program that leaves in good order while its task has something to say.
+class StderrAtExit : public TaskStderr {
+ protected:
+  // A task that writes so many 'x' to its standard error when it is told to end.
+  void AddTalkativeTask(int size) {
+    AddShellTask("task",
+                 "trap 'head -c " + QByteArray::number(size) +
+                     " /dev/zero | tr \"\\\\0\" x >&2; echo clean > $WORLD/end; exit 0' TERM\n"
+                     "echo $$ > $WORLD/pid; while :; do sleep 0.05; done");
+  }
+  void TellToGo() {
+    ASSERT_TRUE(WaitForFile(PathOf("pid"), "\n"));
+    QFile go(PathOf("go"));
+    ASSERT_TRUE(go.open(QIODevice::WriteOnly));
+  }
+  void Forget() {
+    for (const char* file : {"pid", "go", "end"}) QFile::remove(PathOf(file));
+  }
+};
+
+TEST_F(StderrAtExit, IsReadUntilTheTaskHasEndedHoweverMuchItWrites) {
+  for (const int size : {100, 200000}) {
+    for (const char* how : {"quit", "delete"}) {
+      Forget();
+      AddTalkativeTask(size);
+      StderrPipe pipe;
+      Process starter(HELPER, {"start", "task", how, "told"});
+      TellToGo();
+      EXPECT_EQ(pipe.ReadToEnd().count('x'), size) << how;
+      EXPECT_EQ(starter.Wait(), 0) << how;
+      EXPECT_EQ(ReadFile(PathOf("end")), "clean\n") << how;
+    }
+  }
+}
+
+TEST_F(StderrAtExit, IsReadWhenTheThreadOfTheTaskEnds) {
+  AddTalkativeTask(200000);
+  StderrPipe pipe;
+  QThread thread;
+  auto* task = new Task("task");
+  task->moveToThread(&thread);
+  QObject::connect(&thread, &QThread::started, task, [task] { task->start({}); });
+  QObject::connect(&thread, &QThread::finished, task, &QObject::deleteLater);
+  thread.start();
+  EXPECT_TRUE(WaitForFile(PathOf("pid"), "\n"));
+  thread.quit();
+  EXPECT_TRUE(WaitForLoudness(pipe, 200000));
+  EXPECT_TRUE(thread.wait());
+  EXPECT_EQ(ReadFile(PathOf("end")), "clean\n");
+}
+
+TEST_F(StderrAtExit, OfADeadTaskIsForwardedToASlowReader) {
+  AddLoudTask("task", 60000);
+  for (const char* how : {"quit", "exit"}) {
+    StderrPipe pipe;
+    pipe.Fill();
+    Process starter(HELPER, {"start", "task", how, "ended"});
+    pipe.Restore();
+    RunFor(500);
+    EXPECT_EQ(pipe.ReadToEnd().count('x'), 60000) << how;
+    EXPECT_EQ(starter.Wait(), 0) << how;
+  }
+}
+
+TEST_F(StderrAtExit, DoesNotKeepAProgramWhoseOwnTakesNothing) {
+  AddLoudTask("task", 60000);
+  for (const char* how : {"quit", "exit"}) {
+    StderrPipe pipe;
+    pipe.Fill();
+    const Rescuer rescuer(pipe);
+    Process starter(HELPER, {"start", "task", how, "ended"});
+    EXPECT_EQ(starter.Wait(), 0) << how;
+    EXPECT_FALSE(rescuer.WasNeeded()) << how;
+  }
+}
+
+TEST_F(StderrAtExit, IsWaitedForOnceHoweverManyTasksHaveDied) {
+  AddLoudTask("task", 1000);
+  StderrPipe pipe;
+  pipe.Fill();
+  const std::unique_ptr<QThread> thread(QThread::create([] {
+    for (int i = 0; i < 10; ++i) RunToItsEnd("task");
+  }));
+  thread->start();
+  EXPECT_TRUE(thread->wait(20000));
+  while (!thread->isFinished()) pipe.Read(1 << 20);
+}
+
+}  // namespace
+}  // namespace kit
