@@ -10,6 +10,7 @@
 #include "support/bytes.h"
 #include "support/random_value.h"
 #include "support/stderr_capture.h"
+#include "support/valueless.h"
 
 namespace cw {
 namespace {
@@ -78,6 +79,17 @@ TEST(StandardCodec, WritesAnEmptyTypedListAsItsSizeAlone) {
   EXPECT_EQ(Encode(std::vector<double>()), FromHex("0B 00"));
   EXPECT_EQ(Encode(EncodableValue(EncodableList{std::vector<std::int64_t>(), true})),
             FromHex("0C 02 0A 00 01"));
+}
+
+TEST(StandardCodec, WritesAValueWithoutAnAlternativeAsNull) {
+  const EncodableValue value(EncodableList(5000, test_support::MakeValueless()));
+  const Bytes expected = FromHex("0C FE 88 13 00*5000");
+  EXPECT_EQ(Encode(value), expected);
+  quarn::Buffer buffer;
+  ByteBufferStreamWriter writer(&buffer);
+  const StandardCodecSerializer other;
+  other.WriteValue(value, &writer);
+  EXPECT_EQ(ToBytes(buffer), expected);
 }
 
 TEST(StandardCodec, ReadsALargeIntegerAsAString) { EXPECT_EQ(Decode("05 01 41"), "A"); }
