@@ -1,17 +1,15 @@
 #include "stderr_relay.h"
 
 #include <poll.h>
-#include <pthread.h>
 
 #include <QtCore/QElapsedTimer>
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <climits>
-#include <csignal>
-#include <ctime>
 #include <utility>
 
+#include "sigpipe_guard.h"
 #include "support.h"
 
 namespace RuntimeManager::host {
@@ -34,34 +32,6 @@ constexpr int kMostBacklogs = 64;
 std::atomic<int> backlogs{0};
 // Somebody has waited in vain for standard error, which has taken nothing since: once is enough.
 std::atomic<bool> given_up{false};
-
-// Keeps a write to a pipe without a reader from killing the process, for its scope and thread only:
-// the application's disposition of SIGPIPE stays as it is.
-class SigpipeGuard {
- public:
-  SigpipeGuard() {
-    ::sigemptyset(&sigpipe_);
-    ::sigaddset(&sigpipe_, SIGPIPE);
-    sigset_t pending;
-    ::sigpending(&pending);
-    was_pending_ = ::sigismember(&pending, SIGPIPE) == 1;
-    ::pthread_sigmask(SIG_BLOCK, &sigpipe_, &before_);
-  }
-  ~SigpipeGuard() {
-    const timespec at_once{};
-    // Takes back the signal that the write raised, but none that waited before.
-    if (!was_pending_)
-      RetryOnEintr([this, &at_once] { return ::sigtimedwait(&sigpipe_, nullptr, &at_once); });
-    ::pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-  }
-  SigpipeGuard(const SigpipeGuard&) = delete;
-  SigpipeGuard& operator=(const SigpipeGuard&) = delete;
-
- private:
-  sigset_t sigpipe_{};
-  sigset_t before_{};
-  bool was_pending_ = false;
-};
 
 // Waits for that up to `wait_ms`.
 bool TakesBytes(int descriptor, int wait_ms) {

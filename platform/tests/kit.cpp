@@ -164,7 +164,10 @@ void Process::Kill() const { ::kill(pid_, SIGKILL); }
 
 int Process::Wait() {
   int status = -1;
-  ::waitpid(pid_, &status, 0);
+  if (!RunUntil([this, &status] { return ::waitpid(pid_, &status, WNOHANG) == pid_; })) {
+    Kill();
+    ::waitpid(pid_, &status, 0);
+  }
   pid_ = -1;
   return status;
 }

@@ -82,7 +82,7 @@ class Process {
 
   std::string ReadLine() const;
   void Kill() const;
-  // Its exit status, as waitpid() tells it.
+  // Its exit status, as waitpid() tells it. One that does not end by itself is killed.
   int Wait();
 
  private:
