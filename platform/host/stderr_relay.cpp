@@ -1,6 +1,8 @@
 #include "stderr_relay.h"
 
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 
 #include <QtCore/QElapsedTimer>
 #include <algorithm>
@@ -39,7 +41,17 @@ bool TakesBytes(int descriptor, int wait_ms) {
   return RetryOnEintr([&state, wait_ms] { return ::poll(&state, 1, wait_ms); }) > 0;
 }
 
-// Not more at a time than what takes bytes at all takes without blocking.
+// Opens a pipe or terminal once more, in a mode in which no write waits; the mode of the descriptor
+// itself belongs to other processes, too. Invalid for whatever else, and where that is not allowed.
+UniqueFd OpenNonBlocking(int descriptor) {
+  struct stat facts {};
+  if (::fstat(descriptor, &facts) != 0) return {};
+  if (!S_ISFIFO(facts.st_mode) && ::isatty(descriptor) == 0) return {};
+  const QByteArray path = "/proc/self/fd/" + QByteArray::number(descriptor);
+  return UniqueFd(::open(path.constData(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+}
+
+// A chunk at most, for the sake of a pipe that could not be opened once more.
 ssize_t WriteChunk(int descriptor, const QByteArray& bytes) {
   const SigpipeGuard guard;
   const auto size = static_cast<std::size_t>(std::min(bytes.size(), kChunk));
@@ -98,8 +110,11 @@ void StderrRelay::Remember(const QByteArray& chunk) {
 }
 
 void StderrRelay::Forward() {
-  while (HasPending() && TakesBytes(STDERR_FILENO, 0)) {
-    const ssize_t written = WriteChunk(STDERR_FILENO, pending_);
+  if (!HasPending() || !TakesBytes(STDERR_FILENO, 0)) return;
+  const UniqueFd non_blocking = OpenNonBlocking(STDERR_FILENO);
+  const int target = non_blocking.IsValid() ? non_blocking.Get() : STDERR_FILENO;
+  while (HasPending() && TakesBytes(target, 0)) {
+    const ssize_t written = WriteChunk(target, pending_);
     if (written == -EAGAIN) return;
     if (written < 0) {
       // Nobody reads this process's standard error any more.
