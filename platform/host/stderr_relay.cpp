@@ -1,17 +1,17 @@
 #include "stderr_relay.h"
 
+#include <fcntl.h>
 #include <poll.h>
-#include <pthread.h>
+#include <sys/stat.h>
 
 #include <QtCore/QElapsedTimer>
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <climits>
-#include <csignal>
-#include <ctime>
 #include <utility>
 
+#include "sigpipe_guard.h"
 #include "support.h"
 
 namespace RuntimeManager::host {
@@ -35,41 +35,23 @@ std::atomic<int> backlogs{0};
 // Somebody has waited in vain for standard error, which has taken nothing since: once is enough.
 std::atomic<bool> given_up{false};
 
-// Keeps a write to a pipe without a reader from killing the process, for its scope and thread only:
-// the application's disposition of SIGPIPE stays as it is.
-class SigpipeGuard {
- public:
-  SigpipeGuard() {
-    ::sigemptyset(&sigpipe_);
-    ::sigaddset(&sigpipe_, SIGPIPE);
-    sigset_t pending;
-    ::sigpending(&pending);
-    was_pending_ = ::sigismember(&pending, SIGPIPE) == 1;
-    ::pthread_sigmask(SIG_BLOCK, &sigpipe_, &before_);
-  }
-  ~SigpipeGuard() {
-    const timespec at_once{};
-    // Takes back the signal that the write raised, but none that waited before.
-    if (!was_pending_)
-      RetryOnEintr([this, &at_once] { return ::sigtimedwait(&sigpipe_, nullptr, &at_once); });
-    ::pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-  }
-  SigpipeGuard(const SigpipeGuard&) = delete;
-  SigpipeGuard& operator=(const SigpipeGuard&) = delete;
-
- private:
-  sigset_t sigpipe_{};
-  sigset_t before_{};
-  bool was_pending_ = false;
-};
-
 // Waits for that up to `wait_ms`.
 bool TakesBytes(int descriptor, int wait_ms) {
   pollfd state{descriptor, POLLOUT, 0};
   return RetryOnEintr([&state, wait_ms] { return ::poll(&state, 1, wait_ms); }) > 0;
 }
 
-// Not more at a time than what takes bytes at all takes without blocking.
+// Opens a pipe or terminal once more, in a mode in which no write waits; the mode of the descriptor
+// itself belongs to other processes, too. Invalid for whatever else, and where that is not allowed.
+UniqueFd OpenNonBlocking(int descriptor) {
+  struct stat facts {};
+  if (::fstat(descriptor, &facts) != 0) return {};
+  if (!S_ISFIFO(facts.st_mode) && ::isatty(descriptor) == 0) return {};
+  const QByteArray path = "/proc/self/fd/" + QByteArray::number(descriptor);
+  return UniqueFd(::open(path.constData(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+}
+
+// A chunk at most, for the sake of a pipe that could not be opened once more.
 ssize_t WriteChunk(int descriptor, const QByteArray& bytes) {
   const SigpipeGuard guard;
   const auto size = static_cast<std::size_t>(std::min(bytes.size(), kChunk));
@@ -127,8 +109,11 @@ void StderrRelay::Remember(const QByteArray& chunk) {
 }
 
 void StderrRelay::Forward() {
-  while (HasPending() && TakesBytes(STDERR_FILENO, 0)) {
-    const ssize_t written = WriteChunk(STDERR_FILENO, pending_);
+  if (!HasPending() || !TakesBytes(STDERR_FILENO, 0)) return;
+  const UniqueFd non_blocking = OpenNonBlocking(STDERR_FILENO);
+  const int target = non_blocking.IsValid() ? non_blocking.Get() : STDERR_FILENO;
+  while (HasPending() && TakesBytes(target, 0)) {
+    const ssize_t written = WriteChunk(target, pending_);
     if (written == -EAGAIN) return;
     if (written < 0) {
       // Nobody reads this process's standard error any more.

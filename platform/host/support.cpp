@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <system_error>
 
+#include "sigpipe_guard.h"
+
 namespace RuntimeManager::host {
 namespace {
 
@@ -22,7 +24,11 @@ Q_LOGGING_CATEGORY(Log, "runtimemanager")
 
 }  // namespace
 
-void Warn(const QString& text) { qCWarning(Log, "%s", qUtf8Printable(text)); }
+void Warn(const QString& text) {
+  // The log goes to standard error, which may be a pipe without a reader.
+  const SigpipeGuard guard;
+  qCWarning(Log, "%s", qUtf8Printable(text));
+}
 
 QString ErrnoText(int error_number) {
   return QString::fromStdString(std::generic_category().message(error_number));

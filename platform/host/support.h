@@ -12,7 +12,7 @@
 
 namespace RuntimeManager::host {
 
-// A line in the log, in the category "runtimemanager". Any thread.
+// A line in the log, in the category "runtimemanager". Never raises SIGPIPE. Any thread.
 void Warn(const QString& text);
 
 // A name of a task becomes a file name: long enough for a reversed domain name.

@@ -1,6 +1,7 @@
 #include "trace.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -12,22 +13,42 @@
 #include <ctime>
 
 #include "support.h"
+#include "unique_fd.h"
 
 namespace RuntimeManager::host {
 namespace {
 
 constexpr mode_t kTraceMode = 0600;  // messages are nobody else's business
 
+bool IsRegularFile(int file) {
+  struct stat facts {};
+  return ::fstat(file, &facts) == 0 && S_ISREG(facts.st_mode);
+}
+
+// Only a regular file takes everything at once: a pipe or a terminal makes its writer wait for a
+// reader, and kills one that has lost it.
+UniqueFd OpenFile(const QByteArray& path, QString* why_not) {
+  // A pipe is not waited for here either.
+  constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+  UniqueFd file(::open(path.constData(), kFlags, kTraceMode));
+  if (!file.IsValid()) *why_not = ErrnoText(errno);
+  const bool is_odd = file.IsValid() ? !IsRegularFile(file.Get()) : errno == ENXIO;
+  if (!is_odd) return file;
+  *why_not = QStringLiteral("it is not a regular file, and writing to it could block the process");
+  return {};
+}
+
 int OpenTrace() {
   const QByteArray path = Variable("RUNTIME_MANAGER_TRACE");
   if (path.isEmpty()) return -1;
-  const int file =
-      ::open(path.constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, kTraceMode);
-  if (file < 0) {
-    Warn(QString("no record is kept: cannot open RUNTIME_MANAGER_TRACE '%1': %2")
-             .arg(QString::fromUtf8(path), ErrnoText(errno)));
+  QString why_not;
+  UniqueFd file = OpenFile(path, &why_not);
+  if (!file.IsValid()) {
+    Warn(QString("no record is kept: RUNTIME_MANAGER_TRACE '%1' cannot be used: %2")
+             .arg(QString::fromUtf8(path), why_not));
   }
-  return file;
+  // Until the end of the process.
+  return file.Release();
 }
 
 // Nanoseconds of the machine's run: one clock for all processes, never set back, and small enough

@@ -1,9 +1,11 @@
 #include "kit.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <QtCore/QCoreApplication>
@@ -164,18 +166,37 @@ void Process::Kill() const { ::kill(pid_, SIGKILL); }
 
 int Process::Wait() {
   int status = -1;
-  ::waitpid(pid_, &status, 0);
+  if (!RunUntil([this, &status] { return ::waitpid(pid_, &status, WNOHANG) == pid_; })) {
+    Kill();
+    ::waitpid(pid_, &status, 0);
+  }
   pid_ = -1;
   return status;
 }
 
-StderrPipe::StderrPipe() : before_(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)) {
-  int ends[2];
+Stream MakePipe() {
+  int ends[2] = {-1, -1};
   EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-  read_end_ = ends[0];
-  write_end_ = ends[1];
-  ::fcntl(read_end_, F_SETFL, O_NONBLOCK);
-  ::dup2(write_end_, STDERR_FILENO);
+  return {ends[0], ends[1]};
+}
+
+Stream MakeTerminal() {
+  Stream stream;
+  stream.read_end = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+  EXPECT_EQ(::grantpt(stream.read_end), 0);
+  EXPECT_EQ(::unlockpt(stream.read_end), 0);
+  stream.write_end = ::open(::ptsname(stream.read_end), O_RDWR | O_NOCTTY | O_CLOEXEC);
+  termios mode{};
+  EXPECT_EQ(::tcgetattr(stream.write_end, &mode), 0);
+  ::cfmakeraw(&mode);
+  EXPECT_EQ(::tcsetattr(stream.write_end, TCSANOW, &mode), 0);
+  return stream;
+}
+
+StderrPipe::StderrPipe(const Stream& stream)
+    : stream_(stream), before_(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)) {
+  ::fcntl(stream_.read_end, F_SETFL, O_NONBLOCK);
+  ::dup2(stream_.write_end, STDERR_FILENO);
 }
 
 StderrPipe::~StderrPipe() {
@@ -184,19 +205,29 @@ StderrPipe::~StderrPipe() {
 }
 
 void StderrPipe::Fill() const {
-  const QByteArray fill(::fcntl(write_end_, F_GETPIPE_SZ), 'f');
-  EXPECT_EQ(::write(write_end_, fill.constData(), static_cast<std::size_t>(fill.size())),
-            fill.size());
+  const QByteArray fill(4096, 'f');
+  ::fcntl(stream_.write_end, F_SETFL, O_NONBLOCK);
+  while (::write(stream_.write_end, fill.constData(), 4096) > 0) continue;
+  ::fcntl(stream_.write_end, F_SETFL, 0);
+}
+
+void StderrPipe::MakeRoom() const {
+  pollfd room{stream_.write_end, POLLOUT, 0};
+  EXPECT_TRUE(RunUntil([this, &room] {
+    if (::poll(&room, 1, 0) == 1) return true;
+    Read(64);
+    return false;
+  }));
 }
 
 void StderrPipe::CloseReadEnd() {
-  if (read_end_ >= 0) ::close(read_end_);
-  read_end_ = -1;
+  if (stream_.read_end >= 0) ::close(stream_.read_end);
+  stream_.read_end = -1;
 }
 
 QByteArray StderrPipe::Read(int most) const {
   QByteArray bytes(most, Qt::Uninitialized);
-  const ssize_t size = ::read(read_end_, bytes.data(), static_cast<std::size_t>(most));
+  const ssize_t size = ::read(stream_.read_end, bytes.data(), static_cast<std::size_t>(most));
   bytes.truncate(static_cast<int>(std::max<ssize_t>(size, 0)));
   return bytes;
 }
@@ -205,14 +236,14 @@ void StderrPipe::Restore() {
   if (before_ < 0) return;
   ::dup2(before_, STDERR_FILENO);
   ::close(before_);
-  ::close(write_end_);
-  before_ = write_end_ = -1;
+  ::close(stream_.write_end);
+  before_ = stream_.write_end = -1;
 }
 
 QByteArray StderrPipe::ReadToEnd() {
   Restore();
-  ::fcntl(read_end_, F_SETFL, 0);
-  return kit::ReadToEnd(read_end_);
+  ::fcntl(stream_.read_end, F_SETFL, 0);
+  return kit::ReadToEnd(stream_.read_end);
 }
 
 QByteArray ReadFile(const QString& path) {

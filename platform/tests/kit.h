@@ -82,7 +82,7 @@ class Process {
 
   std::string ReadLine() const;
   void Kill() const;
-  // Its exit status, as waitpid() tells it.
+  // Its exit status, as waitpid() tells it. One that does not end by itself is killed.
   int Wait();
 
  private:
@@ -90,17 +90,27 @@ class Process {
   int output_ = -1;
 };
 
-// A pipe in the place of this process's standard error, for a scope. Processes that are started
-// meanwhile write to it, too.
+// What reads, and what writes to it.
+struct Stream {
+  int read_end = -1;
+  int write_end = -1;
+};
+Stream MakePipe();
+Stream MakeTerminal();
+
+// A pipe, or a terminal, in the place of this process's standard error, for a scope. Processes that
+// are started meanwhile write to it, too.
 class StderrPipe {
  public:
-  StderrPipe();
+  explicit StderrPipe(const Stream& stream = MakePipe());
   ~StderrPipe();
   StderrPipe(const StderrPipe&) = delete;
   StderrPipe& operator=(const StderrPipe&) = delete;
 
   // Leaves no room in it: whoever writes without looking blocks.
   void Fill() const;
+  // Reads until there is room for something.
+  void MakeRoom() const;
   void CloseReadEnd();
   // What is there now, `most` bytes of it.
   QByteArray Read(int most) const;
@@ -110,8 +120,7 @@ class StderrPipe {
   QByteArray ReadToEnd();
 
  private:
-  int read_end_ = -1;
-  int write_end_ = -1;
+  Stream stream_;
   int before_ = -1;
 };
 

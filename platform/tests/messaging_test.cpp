@@ -2,6 +2,7 @@
 #include <RuntimeManager/RuntimeDispatcher.h>
 #include <RuntimeManager/Task.h>
 #include <RuntimeManager/TaskMessaging.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -245,6 +246,39 @@ TEST_F(Messaging, SayThatNobodyListens) {
   EXPECT_EQ(refused.errors.size() + lost.errors.size(), 2U);
 }
 
+TEST_F(Messaging, AreNotExchangedWithAListenerOfAnotherUser) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can become somebody else";
+  ::chmod(PathOf("").toUtf8().constData(), 0711);
+  ASSERT_EQ(::mkdir(PathOf("theirs").toUtf8().constData(), 0700), 0);
+  ASSERT_EQ(::chown(PathOf("theirs").toUtf8().constData(), 65534, 65534), 0);
+  const QString path = PathOf("theirs/server");
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  const pid_t stranger = ::fork();
+  if (stranger == 0) {
+    if (::setuid(65534) != 0) ::_exit(2);
+    const int listening = ListenOn(path);
+    ::close(ends[1]);
+    const int socket = ::accept(listening, nullptr, nullptr);
+    char byte = 0;
+    ::_exit(socket >= 0 && ::read(socket, &byte, 1) <= 0 ? 0 : 1);
+  }
+  ::close(ends[1]);
+  // It listens, or has failed to.
+  ReadToEnd(ends[0]);
+  ::close(ends[0]);
+  TaskMessaging messaging(path);
+  Inbox inbox(&messaging);
+  messaging.sendMessage(Data("secret"));
+  const Error error = inbox.disconnects.Wait();
+  EXPECT_EQ(error.code(), Error::kPeerRefused);
+  EXPECT_THAT(error.message().toStdString(), HasSubstr("65534"));
+  int status = -1;
+  EXPECT_TRUE(
+      RunUntil([stranger, &status] { return ::waitpid(stranger, &status, WNOHANG) == stranger; }));
+  EXPECT_EQ(status, 0);
+}
+
 TEST_F(Messaging, CanBeServedAgainOnTheSameSocket) {
   AddHelperTask("again");
   Task task("again");
@@ -338,6 +372,24 @@ TEST_F(ServerEnd, SendsTextsOnlyAsFarAsTheQueueGoes) {
   for (int i = 0; i < 4; ++i) messaging.sendData(text);
   EXPECT_EQ(inbox.disconnects.Wait().code(), Error::kQueueFull);
   ::close(peer);
+}
+
+TEST_F(ServerEnd, TakesNoByteOfALineBeyondTheBound) {
+  const ScopedVariable bound("RUNTIME_MANAGER_MAX_MESSAGE", "1000");
+  for (const int unread : {0, 1, 100000}) {
+    TaskMessaging messaging(listening_);
+    Inbox inbox(&messaging);
+    const int peer = Connect();
+    // In the place of the line's end there is one byte more.
+    const QByteArray line(1001 + unread, 'x');
+    ASSERT_EQ(::send(peer, line.constData(), static_cast<std::size_t>(line.size()), 0),
+              line.size());
+    EXPECT_EQ(inbox.disconnects.Wait().code(), Error::kMessageTooLong);
+    // What was not read when the connection was closed resets it.
+    char byte = 0;
+    EXPECT_EQ(::recv(peer, &byte, 1, 0), unread == 0 ? 0 : -1) << unread;
+    ::close(peer);
+  }
 }
 
 TEST_F(ServerEnd, SendsNoMessageOverTheBound) {
