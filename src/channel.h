@@ -3,11 +3,14 @@
 #ifndef TARV_SRC_CHANNEL_H
 #define TARV_SRC_CHANNEL_H
 
+#include <quarn/logger.h>
 #include <quarn/resources_cache.h>
 
 #include <QJsonObject>
 #include <QObject>
 #include <QString>
+#include <cstddef>
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -15,6 +18,22 @@ namespace tarv::details {
 
 // The member of the JSON object on the wire that holds a message's text.
 inline QString EnvelopeMember() { return QStringLiteral("data"); }
+
+// The longest text that surely fits a QString, which counts in int and makes room for two bytes for
+// every one of the text, in less than 2 GiB with its header.
+constexpr std::size_t kLongestText = (std::size_t{1} << 30) - 64;
+
+// Whether `text` is longer than a message may be; a line says so.
+inline bool IsTooLong(const char* text) {
+  const std::size_t size = std::strlen(text);
+  if (size <= kLongestText) {
+    return false;
+  }
+  QUARN_LOG_ERROR() << "Could not send a message of " << std::to_string(size)
+                    << " bytes: it may have " << std::to_string(kLongestText)
+                    << ". Send it in parts.";
+  return true;
+}
 
 // The JSON object that carries `text`, which is UTF-8.
 inline QJsonObject WrapMessage(const std::string& text) {

@@ -189,7 +189,7 @@ void RpcClientImpl::OnMessageReceived(const QJsonObject& object) {
 
 QuarnResult RpcClientImpl::HandleSendMessage(_TARVRpcClientRef* client, const char* message) {
   const auto self = FromRef(client);
-  if (!self || message == nullptr) {
+  if (!self || message == nullptr || details::IsTooLong(message)) {
     return QUARN_RESULT_REFUSED;
   }
   return self->SendMessage(message) ? QUARN_RESULT_SUCCESS : QUARN_RESULT_REFUSED;
