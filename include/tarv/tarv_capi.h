@@ -93,9 +93,9 @@ typedef struct TARVOpenUriSlot {
 typedef struct TARVReplyIntentSlot {
   size_t size;
   /* Sends the answer: a map value in the standard codec's bytes, copied before it returns. At most
-     once. */
+     once. [service] */
   void (*callback)(void* user_data, const uint8_t* data, size_t length);
-  /* Call exactly once, whether or not there was an answer. */
+  /* Call exactly once, whether or not there was an answer. [service] */
   void (*release)(void* user_data);
   void* user_data;
 } TARVReplyIntentSlot;
