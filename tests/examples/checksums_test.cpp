@@ -145,7 +145,7 @@ TEST_F(Checksums, ReportProgressInsideOneLargeFile) {
 TEST_F(Checksums, OfAFolderThatIsNotThereAreRefusedInOneLine) {
   Program program({CHECKSUMS_PROGRAM, "/no/such/folder"});
   EXPECT_EQ(program.Wait(), 2);
-  EXPECT_THAT(program.GetError(), StartsWith("checksums: there is no folder '/no/such/folder'\n"));
+  EXPECT_EQ(program.GetError(), "checksums: there is no folder '/no/such/folder'\n");
   EXPECT_EQ(program.GetOutput(), "");
 }
 
@@ -168,6 +168,7 @@ TEST_F(Checksums, NameEachFileAndFolderThatCannotBeReadAndHashTheOthers) {
   fs::permissions(work_ / "closed", fs::perms::owner_all);
   EXPECT_THAT(program.GetError(), HasSubstr("checksums: ./secret: Permission denied\n"));
   EXPECT_THAT(program.GetError(), HasSubstr("checksums: ./closed: Permission denied\n"));
+  EXPECT_EQ(CountLines(program.GetError()), 4) << "a line each, and two of the progress";
   EXPECT_THAT(program.GetOutput(), EndsWith("  ./open\n"));
   EXPECT_EQ(CountLines(program.GetOutput()), 1);
 }
@@ -193,7 +194,28 @@ TEST_F(Checksums, SayHowATaskEndedThatIsKilledHalfWay) {
   EXPECT_THAT(program.GetError(),
               HasSubstr("checksums: the task ended before its work was done: "));
   EXPECT_THAT(program.GetError(), HasSubstr("signal 9"));
+  EXPECT_EQ(CountLines(program.GetError()), 1);
   EXPECT_EQ(program.GetOutput(), "");
+}
+
+TEST_F(Checksums, SayInOneLineHowATaskEndedThatHadMuchToSay) {
+  WriteHuge();
+  const fs::path alone = runtime_.GetPath() / "checksums";
+  const fs::path task = runtime_.GetPath() / "tasks" / "checksums";
+  fs::copy_file(CHECKSUMS_PROGRAM, alone);
+  fs::create_directory(task.parent_path());
+  std::ofstream(task) << "#!/bin/sh\necho one >&2\necho two >&2\nexec '" BIN_FOLDER
+                         "/tasks/checksums' \"$@\"\n";
+  fs::permissions(task, fs::perms::owner_all);
+  Program program({alone.string(), work_.string()}, {{}, true, 0, {}});
+  ASSERT_TRUE(program.WaitForError("0/1 files"));
+  kill(program.Children().at(0), SIGKILL);
+  EXPECT_EQ(program.Wait(), 3);
+  EXPECT_THAT(program.GetError(), StartsWith("one\r\ntwo\r\n"));
+  EXPECT_THAT(program.GetError(),
+              HasSubstr("checksums: the task ended before its work was done: "));
+  EXPECT_THAT(program.GetError(), EndsWith(" one two\r\n"));
+  EXPECT_EQ(CountLines(program.GetError()), 3);
 }
 
 TEST_F(Checksums, StopAtOnceWhenInterrupted) {
@@ -203,6 +225,7 @@ TEST_F(Checksums, StopAtOnceWhenInterrupted) {
   program.Signal(SIGINT);
   EXPECT_EQ(program.Wait(), 130);
   EXPECT_THAT(program.GetError(), HasSubstr("checksums: interrupted"));
+  EXPECT_EQ(CountLines(program.GetError()), 1);
 }
 
 TEST_F(Checksums, EndTheTaskOfAnApplicationThatIsKilled) {

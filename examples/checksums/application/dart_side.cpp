@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QCoreApplication>
+#include <algorithm>
 #include <iostream>
 #include <numeric>
 #include <utility>
@@ -55,6 +56,12 @@ std::string ResultLine(const std::string& hash, const std::string& path) {
     }
   }
   return (name.size() != path.size() ? "\\" : "") + hash + "  " + name + "\n";
+}
+
+// A reason of the platform's may quote the last lines that a task wrote.
+std::string InOneLine(std::string text) {
+  std::replace(text.begin(), text.end(), '\n', ' ');
+  return text;
 }
 
 }  // namespace
@@ -113,9 +120,9 @@ void DartSide::OnOutcome(const veltra::host::MethodOutcome& outcome) {
   } else if (outcome.code == kCancelled) {
     Complain(kInterrupted, "interrupted");
   } else if (outcome.code == kNotStarted) {
-    Complain(kTaskFailed, "the task could not be started: " + outcome.message);
+    Complain(kTaskFailed, "the task could not be started: " + InOneLine(outcome.message));
   } else {
-    Complain(kTaskFailed, "the task ended before its work was done: " + outcome.message);
+    Complain(kTaskFailed, "the task ended before its work was done: " + InOneLine(outcome.message));
   }
   QCoreApplication::exit(status_);
 }
