@@ -7,9 +7,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 
 #include "kit/program.h"
 #include "kit/surroundings.h"
@@ -226,6 +228,33 @@ TEST_F(Checksums, StopAtOnceWhenInterrupted) {
   EXPECT_EQ(program.Wait(), 130);
   EXPECT_THAT(program.GetError(), HasSubstr("checksums: interrupted"));
   EXPECT_EQ(CountLines(program.GetError()), 1);
+}
+
+TEST_F(Checksums, GoOnWhenTheTaskAloneIsInterrupted) {
+  WriteHuge();
+  Program program({CHECKSUMS_PROGRAM, work_.string()}, {{}, true, 0, {}});
+  ASSERT_TRUE(program.WaitForError("0/1 files"));
+  kill(program.Children().at(0), SIGINT);
+  // Long enough for the signal to have its effect, if it had any.
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  EXPECT_EQ(program.Children().size(), 1U);
+  program.Signal(SIGINT);
+  EXPECT_EQ(program.Wait(), 130);
+}
+
+// A terminal interrupts all processes of its foreground group.
+TEST_F(Checksums, SayThatTheyAreInterruptedWhenATerminalInterruptsTheTaskToo) {
+  WriteHuge();
+  Program program({"/usr/bin/setsid", CHECKSUMS_PROGRAM, work_.string()}, {{}, true, 0, {}});
+  ASSERT_TRUE(program.WaitForError("0/1 files"));
+  const int task = program.Children().at(0);
+  program.Signal(SIGSTOP);
+  ASSERT_EQ(kill(-getpgid(task), SIGINT), 0);
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));  // a busy program hears it late
+  program.Signal(SIGCONT);
+  EXPECT_EQ(program.Wait(), 130);
+  EXPECT_THAT(program.GetError(), HasSubstr("checksums: interrupted"));
+  EXPECT_THAT(program.GetError(), Not(HasSubstr("ended")));
 }
 
 TEST_F(Checksums, EndTheTaskOfAnApplicationThatIsKilled) {

@@ -114,11 +114,12 @@ void DartSide::FinishFile(std::size_t file) {
 }
 
 void DartSide::OnOutcome(const veltra::host::MethodOutcome& outcome) {
-  if (outcome.kind == Kind::Success) {
+  if (status_ == kInterrupted || outcome.code == kCancelled) {
+    // Also when the task had just ended its work, or its life.
+    Complain(kInterrupted, "interrupted");
+  } else if (outcome.kind == Kind::Success) {
     progress_.Clear();
     PrintResults();
-  } else if (outcome.code == kCancelled) {
-    Complain(kInterrupted, "interrupted");
   } else if (outcome.code == kNotStarted) {
     Complain(kTaskFailed, "the task could not be started: " + InOneLine(outcome.message));
   } else {
