@@ -4,13 +4,17 @@
 #define TARV_SRC_CHANNEL_H
 
 #include <RuntimeManager/TaskMessaging.h>
+#include <quarn/logger.h>
 #include <quarn/resources_cache.h>
 
 #include <QByteArray>
 #include <QJsonObject>
 #include <QObject>
 #include <QString>
+#include <cstddef>
+#include <cstring>
 #include <memory>
+#include <string>
 #include <string_view>
 
 #include "data_relay.h"
@@ -19,6 +23,22 @@ namespace tarv::details {
 
 // The member of the JSON object on the wire that holds a message's text.
 inline QString EnvelopeMember() { return QStringLiteral("data"); }
+
+// The longest text that surely fits a QString, which counts in int and makes room for two bytes for
+// every one of the text, in less than 2 GiB with its header.
+constexpr std::size_t kLongestText = (std::size_t{1} << 30) - 64;
+
+// Whether `text` is longer than a message may be; a line says so.
+inline bool IsTooLong(const char* text) {
+  const std::size_t size = std::strlen(text);
+  if (size <= kLongestText) {
+    return false;
+  }
+  QUARN_LOG_ERROR() << "Could not send a message of " << std::to_string(size)
+                    << " bytes: it may have " << std::to_string(kLongestText)
+                    << ". Send it in parts.";
+  return true;
+}
 
 // Sends the JSON object that carries `text`, which is UTF-8.
 inline void SendText(RuntimeManager::TaskMessaging* messaging, std::string_view text) {

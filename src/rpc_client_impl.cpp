@@ -53,14 +53,20 @@ void RpcClientListener::OnMessage(const char* message, std::size_t chunk) const 
 }
 
 void RpcClientListener::Release() {
-  on_started_ = nullptr;
-  on_disconnect_ = nullptr;
-  on_message_ = nullptr;
-  const auto release = std::exchange(release_, nullptr);
-  void* const user_data = std::exchange(user_data_, nullptr);
+  const auto release = release_;
+  void* const user_data = user_data_;
+  Disown();
   if (release != nullptr) {
     release(user_data);
   }
+}
+
+void RpcClientListener::Disown() {
+  on_started_ = nullptr;
+  on_disconnect_ = nullptr;
+  on_message_ = nullptr;
+  release_ = nullptr;
+  user_data_ = nullptr;
 }
 
 RpcClientImpl::RpcClientImpl(std::shared_ptr<StopListener> stop_listener, PrivateTag)
@@ -113,7 +119,10 @@ QuarnResult RpcClientImpl::HandleStartTask(_TARVRpcClientRef* client, const char
     self->listener_ = RpcClientListener::Create(slots);
     self->StartTask(task_name, libs_path);
   } catch (...) {
-    self->Transit(kStarting, kStartFailed);
+    // The caller learns of it at once, and keeps its slots.
+    if (self->Transit(kStarting, kStartFailed) && self->listener_) {
+      self->listener_->Disown();
+    }
     throw;
   }
   return QUARN_RESULT_SUCCESS;
@@ -185,7 +194,7 @@ void RpcClientImpl::OnMessageReceived(const QJsonObject& object) {
 
 QuarnResult RpcClientImpl::HandleSendMessage(_TARVRpcClientRef* client, const char* message) {
   const auto self = FromRef(client);
-  if (!self || message == nullptr) {
+  if (!self || message == nullptr || details::IsTooLong(message)) {
     return QUARN_RESULT_REFUSED;
   }
   return self->SendMessage(message) ? QUARN_RESULT_SUCCESS : QUARN_RESULT_REFUSED;

@@ -41,6 +41,8 @@ class RpcClientListener {
   void OnMessage(const char* message, std::size_t chunk) const;
   // Calls the Release callback and forgets all five fields.
   void Release();
+  // Forgets them without a call: they stay the caller's.
+  void Disown();
 
  private:
   decltype(TARVRpcClientSlots::OnStarted) on_started_;

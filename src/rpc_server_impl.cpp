@@ -105,7 +105,7 @@ void RpcServerImpl::HandleUnlockResources(_TARVRpcServerRef* server, std::size_t
 
 QuarnResult RpcServerImpl::HandleSendMessage(_TARVRpcServerRef* server, const char* message) {
   const auto self = FromRef(server);
-  if (!self || !self->messaging_) {
+  if (!self || !self->messaging_ || (message != nullptr && details::IsTooLong(message))) {
     return QUARN_RESULT_REFUSED;
   }
   if (message == nullptr) {

@@ -93,9 +93,9 @@ typedef struct TARVOpenUriSlot {
 typedef struct TARVReplyIntentSlot {
   size_t size;
   /* Sends the answer: a map value in the standard codec's bytes, copied before it returns. At most
-     once. */
+     once. [service] */
   void (*callback)(void* user_data, const uint8_t* data, size_t length);
-  /* Call exactly once, whether or not there was an answer. */
+  /* Call exactly once, whether or not there was an answer. [service] */
   void (*release)(void* user_data);
   void* user_data;
 } TARVReplyIntentSlot;
@@ -124,7 +124,7 @@ typedef struct TARVRpcClientProcTable {
      unknown client. [service] */
   void (*UnlockResources)(_TARVRpcClientRef* client, size_t chunk);
   /* Sends a message to the task; delivery is not confirmed. Returns 0, or 3 for an unknown client,
-     a null message or a client whose channel is not open. [service] */
+     a null message, one of 1 GiB or more, or a client whose channel is not open. [service] */
   QuarnResult (*SendMessage)(_TARVRpcClientRef* client, const char* message);
   /* Ends the client: the handle stops working at once; a running task gets OnDisconnect(0, "", 0),
      is stopped, and then the client goes and its Release slot runs. A client that is not running
@@ -140,7 +140,7 @@ typedef struct TARVRpcServerProcTable {
   /* As the client's entry. [service] */
   void (*UnlockResources)(_TARVRpcServerRef* server, size_t chunk);
   /* Sends a message, which must not be null, to the starter; delivery is not confirmed. Returns 0,
-     or 3 for an unknown server or one that does not run. [service] */
+     or 3 for an unknown server, one that does not run or a message of 1 GiB or more. [service] */
   QuarnResult (*SendMessage)(_TARVRpcServerRef* server, const char* message);
 } TARVRpcServerProcTable;
 

@@ -7,9 +7,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 
 #include "kit/program.h"
 #include "kit/surroundings.h"
@@ -145,7 +147,7 @@ TEST_F(Checksums, ReportProgressInsideOneLargeFile) {
 TEST_F(Checksums, OfAFolderThatIsNotThereAreRefusedInOneLine) {
   Program program({CHECKSUMS_PROGRAM, "/no/such/folder"});
   EXPECT_EQ(program.Wait(), 2);
-  EXPECT_THAT(program.GetError(), StartsWith("checksums: there is no folder '/no/such/folder'\n"));
+  EXPECT_EQ(program.GetError(), "checksums: there is no folder '/no/such/folder'\n");
   EXPECT_EQ(program.GetOutput(), "");
 }
 
@@ -168,6 +170,7 @@ TEST_F(Checksums, NameEachFileAndFolderThatCannotBeReadAndHashTheOthers) {
   fs::permissions(work_ / "closed", fs::perms::owner_all);
   EXPECT_THAT(program.GetError(), HasSubstr("checksums: ./secret: Permission denied\n"));
   EXPECT_THAT(program.GetError(), HasSubstr("checksums: ./closed: Permission denied\n"));
+  EXPECT_EQ(CountLines(program.GetError()), 4) << "a line each, and two of the progress";
   EXPECT_THAT(program.GetOutput(), EndsWith("  ./open\n"));
   EXPECT_EQ(CountLines(program.GetOutput()), 1);
 }
@@ -193,7 +196,28 @@ TEST_F(Checksums, SayHowATaskEndedThatIsKilledHalfWay) {
   EXPECT_THAT(program.GetError(),
               HasSubstr("checksums: the task ended before its work was done: "));
   EXPECT_THAT(program.GetError(), HasSubstr("signal 9"));
+  EXPECT_EQ(CountLines(program.GetError()), 1);
   EXPECT_EQ(program.GetOutput(), "");
+}
+
+TEST_F(Checksums, SayInOneLineHowATaskEndedThatHadMuchToSay) {
+  WriteHuge();
+  const fs::path alone = runtime_.GetPath() / "checksums";
+  const fs::path task = runtime_.GetPath() / "tasks" / "checksums";
+  fs::copy_file(CHECKSUMS_PROGRAM, alone);
+  fs::create_directory(task.parent_path());
+  std::ofstream(task) << "#!/bin/sh\necho one >&2\necho two >&2\nexec '" BIN_FOLDER
+                         "/tasks/checksums' \"$@\"\n";
+  fs::permissions(task, fs::perms::owner_all);
+  Program program({alone.string(), work_.string()}, {{}, true, 0, {}});
+  ASSERT_TRUE(program.WaitForError("0/1 files"));
+  kill(program.Children().at(0), SIGKILL);
+  EXPECT_EQ(program.Wait(), 3);
+  EXPECT_THAT(program.GetError(), StartsWith("one\r\ntwo\r\n"));
+  EXPECT_THAT(program.GetError(),
+              HasSubstr("checksums: the task ended before its work was done: "));
+  EXPECT_THAT(program.GetError(), EndsWith(" one two\r\n"));
+  EXPECT_EQ(CountLines(program.GetError()), 3);
 }
 
 TEST_F(Checksums, StopAtOnceWhenInterrupted) {
@@ -203,6 +227,34 @@ TEST_F(Checksums, StopAtOnceWhenInterrupted) {
   program.Signal(SIGINT);
   EXPECT_EQ(program.Wait(), 130);
   EXPECT_THAT(program.GetError(), HasSubstr("checksums: interrupted"));
+  EXPECT_EQ(CountLines(program.GetError()), 1);
+}
+
+TEST_F(Checksums, GoOnWhenTheTaskAloneIsInterrupted) {
+  WriteHuge();
+  Program program({CHECKSUMS_PROGRAM, work_.string()}, {{}, true, 0, {}});
+  ASSERT_TRUE(program.WaitForError("0/1 files"));
+  kill(program.Children().at(0), SIGINT);
+  // Long enough for the signal to have its effect, if it had any.
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  EXPECT_EQ(program.Children().size(), 1U);
+  program.Signal(SIGINT);
+  EXPECT_EQ(program.Wait(), 130);
+}
+
+// A terminal interrupts all processes of its foreground group.
+TEST_F(Checksums, SayThatTheyAreInterruptedWhenATerminalInterruptsTheTaskToo) {
+  WriteHuge();
+  Program program({"/usr/bin/setsid", CHECKSUMS_PROGRAM, work_.string()}, {{}, true, 0, {}});
+  ASSERT_TRUE(program.WaitForError("0/1 files"));
+  const int task = program.Children().at(0);
+  program.Signal(SIGSTOP);
+  ASSERT_EQ(kill(-getpgid(task), SIGINT), 0);
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));  // a busy program hears it late
+  program.Signal(SIGCONT);
+  EXPECT_EQ(program.Wait(), 130);
+  EXPECT_THAT(program.GetError(), HasSubstr("checksums: interrupted"));
+  EXPECT_THAT(program.GetError(), Not(HasSubstr("ended")));
 }
 
 TEST_F(Checksums, EndTheTaskOfAnApplicationThatIsKilled) {

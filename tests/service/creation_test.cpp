@@ -11,12 +11,12 @@
 #include "failing_allocation.h"
 #include "kit/service.h"
 #include "support/capture.h"
+#include "support/log_line.h"
 
 namespace tarv::test {
 namespace {
 
-using testing::EndsWith;
-using testing::HasSubstr;
+using testing::ElementsAre;
 
 // Runs `action` with its n-th allocation failing.
 template <class Action>
@@ -70,7 +70,18 @@ TEST_F(ManagerCreationDeathTest, IsOneForThreadsThatInitializeAtOnce) {
   EXPECT_EXIT(InitializeByThreads(), testing::ExitedWithCode(0), "");
 }
 
-class CreationFailure : public ServiceTest {};
+class CreationFailure : public ServiceTest {
+ protected:
+  // Each with its line break.
+  static std::vector<std::string> Lines(const std::string& output) {
+    std::vector<std::string> lines;
+    for (std::size_t begin = 0, end = 0; begin < output.size(); begin = end) {
+      end = std::min(output.find('\n', begin), output.size() - 1) + 1;
+      lines.push_back(output.substr(begin, end - begin));
+    }
+    return lines;
+  }
+};
 
 TEST_F(CreationFailure, OfAClientAtAnyAllocationGivesNullAndALine) {
   int failures = 0;
@@ -80,7 +91,9 @@ TEST_F(CreationFailure, OfAClientAtAnyAllocationGivesNullAndALine) {
         OutputWithFailingAllocation(n, [&] { client = tables_.root.CreateRpcClient(manager_); });
     if (client == nullptr) {
       ++failures;
-      EXPECT_THAT(output, EndsWith(" Could not create Task Worker on API side.\n"));
+      ASSERT_FALSE(output.empty());
+      EXPECT_THAT(Lines(output).back(),
+                  IsLogLine("error", "Could not create Task Worker on API side."));
     } else {
       EXPECT_EQ(output, "");
     }
@@ -93,7 +106,9 @@ TEST_F(CreationFailure, OfTheClientObjectItselfAddsItsOwnLine) {
   for (int n = 0; n < 20; ++n) {
     const std::string output =
         OutputWithFailingAllocation(n, [&] { tables_.root.CreateRpcClient(manager_); });
-    seen = seen || output.find(" Could not create Task Worker.\n") != std::string::npos;
+    const std::vector<std::string> lines = Lines(output);
+    seen = seen || (lines.size() == 2 && testing::Matches(IsLogLine(
+                                             "error", "Could not create Task Worker."))(lines[0]));
   }
   EXPECT_TRUE(seen);
 }
@@ -103,8 +118,9 @@ TEST_F(CreationFailure, OfTheIntentManagerGivesNullAndALineOfEachLayer) {
   const std::string output =
       OutputWithFailingAllocation(0, [&] { intents = tables_.root.GetIntentManager(manager_); });
   EXPECT_EQ(intents, nullptr);
-  EXPECT_THAT(output, HasSubstr(" Could not create Intent Manager.\n"));
-  EXPECT_THAT(output, EndsWith(" Could not create Intent Manager on API side.\n"));
+  EXPECT_THAT(Lines(output),
+              ElementsAre(IsLogLine("error", "Could not create Intent Manager."),
+                          IsLogLine("error", "Could not create Intent Manager on API side.")));
   EXPECT_NE(tables_.root.GetIntentManager(manager_), nullptr);
 }
 

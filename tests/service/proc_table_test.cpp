@@ -6,6 +6,8 @@
 
 #include <array>
 #include <cstring>
+#include <set>
+#include <string>
 
 #include "kit/service.h"
 #include "support/capture.h"
@@ -132,6 +134,16 @@ TEST(ProcTable, NullIntentManagerTableIsRefusedWithALine) {
 
 TEST(ProcTable, NullServerTableIsRefusedWithALine) {
   ExpectRefusalOfNull<TARVRpcServerProcTable>(Tables().root.RpcServerProcTableLoad);
+}
+
+TEST(ProcTable, OfEachKindIsRefusedFromAPlaceOfItsOwn) {
+  const TARVProcTable root = Tables().root;
+  const std::set<std::string> lines = {
+      StdoutOf([] { TARVProcTableLoad(nullptr, 72); }),
+      StdoutOf([&root] { root.RpcClientProcTableLoad(nullptr, 40); }),
+      StdoutOf([&root] { root.RpcServerProcTableLoad(nullptr, 32); }),
+      StdoutOf([&root] { root.IntentManagerProcTableLoad(nullptr, 24); })};
+  EXPECT_EQ(lines.size(), 4U);
 }
 
 }  // namespace

@@ -228,8 +228,14 @@ TEST_F(RpcClient, TextsStayValidUntilTheirOwnChunkIsUnlocked) {
   tables_.client.SendMessage(client, "first");
   tables_.client.SendMessage(client, "second");
   ASSERT_TRUE(WaitUntil([&hoarder] { return hoarder.texts.size() == 2; }));
-  tables_.client.UnlockResources(client, hoarder.texts[0].second);
+  const auto unlock_first = [&] {
+    tables_.client.UnlockResources(client, hoarder.texts[0].second);
+  };
+  EXPECT_EQ(StdoutOf(unlock_first), "");
   EXPECT_STREQ(hoarder.texts[1].first, "second");
+  EXPECT_THAT(
+      StdoutOf(unlock_first),
+      IsLogLine("error", "Invalid chunk ID <" + std::to_string(hoarder.texts[0].second) + ">"));
   tables_.client.UnlockResources(client, hoarder.texts[1].second);
 }
 

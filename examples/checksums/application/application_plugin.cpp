@@ -54,7 +54,10 @@ class Job : public std::enable_shared_from_this<Job> {
     }
   }
 
-  void Cancel() const {
+  // Ends with the task's next answer, whatever it is: what the task had done before it heard of the
+  // cancel is of no use any more.
+  void Cancel() {
+    cancelled_ = true;
     if (client_) {
       client_->SendNotify("cancel", {});
     }
@@ -106,11 +109,11 @@ class Job : public std::enable_shared_from_this<Job> {
   }
 
   void OnResponse(std::int32_t file, const vorpc::Message::Response& response) {
-    const auto* const error = response.GetError();
-    if (error != nullptr && error->code == kDropped) {
-      Fail(kCancelled, error->message);
+    if (cancelled_) {
+      Fail(kCancelled, "The work was cancelled.");
       return;
     }
+    const auto* const error = response.GetError();
     emit_(error != nullptr ? cw::EncodableMap{{"file", file}, {"error", error->message}}
                            : cw::EncodableMap{{"file", file}, {"sha256", *response.GetResult()}});
     ++finished_;
@@ -131,6 +134,7 @@ class Job : public std::enable_shared_from_this<Job> {
   std::shared_ptr<vorpc::IClient> client_;
   std::size_t requested_ = 0;
   std::size_t finished_ = 0;
+  bool cancelled_ = false;
 };
 
 class ApplicationPlugin : public cw::Plugin {

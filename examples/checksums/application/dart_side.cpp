@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QCoreApplication>
+#include <algorithm>
 #include <iostream>
 #include <numeric>
 #include <utility>
@@ -57,6 +58,12 @@ std::string ResultLine(const std::string& hash, const std::string& path) {
   return (name.size() != path.size() ? "\\" : "") + hash + "  " + name + "\n";
 }
 
+// A reason of the platform's may quote the last lines that a task wrote.
+std::string InOneLine(std::string text) {
+  std::replace(text.begin(), text.end(), '\n', ' ');
+  return text;
+}
+
 }  // namespace
 
 DartSide::DartSide(veltra::host::Engine& engine, FileList list)
@@ -107,15 +114,16 @@ void DartSide::FinishFile(std::size_t file) {
 }
 
 void DartSide::OnOutcome(const veltra::host::MethodOutcome& outcome) {
-  if (outcome.kind == Kind::Success) {
+  if (status_ == kInterrupted || outcome.code == kCancelled) {
+    // Also when the task had just ended its work, or its life.
+    Complain(kInterrupted, "interrupted");
+  } else if (outcome.kind == Kind::Success) {
     progress_.Clear();
     PrintResults();
-  } else if (outcome.code == kCancelled) {
-    Complain(kInterrupted, "interrupted");
   } else if (outcome.code == kNotStarted) {
-    Complain(kTaskFailed, "the task could not be started: " + outcome.message);
+    Complain(kTaskFailed, "the task could not be started: " + InOneLine(outcome.message));
   } else {
-    Complain(kTaskFailed, "the task ended before its work was done: " + outcome.message);
+    Complain(kTaskFailed, "the task ended before its work was done: " + InOneLine(outcome.message));
   }
   QCoreApplication::exit(status_);
 }

@@ -70,7 +70,7 @@ int main(int argc, char** argv) {
     return checksums::kBadUsage;
   }
   if (!std::filesystem::is_directory(folder, ignored)) {
-    std::cerr << "checksums: there is no folder '" << folder << "'\n" << kUsage;
+    std::cerr << "checksums: there is no folder '" << folder << "'\n";
     return checksums::kBadUsage;
   }
   std::unique_ptr<Program> program;

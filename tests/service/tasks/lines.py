@@ -4,6 +4,7 @@ import json
 import os
 import socket
 import sys
+import time
 
 assert os.environ["LISTEN_FDS"] == "1" and int(os.environ["LISTEN_PID"]) == os.getpid()
 listener = socket.socket(fileno=3)
@@ -26,5 +27,11 @@ for line in stream:
         send({"data": ""})
     elif text == "arguments":
         send({"data": " ".join(sys.argv[1:])})
+    elif text == "hang up":
+        connection.shutdown(socket.SHUT_RDWR)
+        while True:
+            time.sleep(60)
+    elif text.startswith("repeat "):
+        send({"data": "x" * int(text.split()[1])})
     else:
         send({"data": text[::-1]})

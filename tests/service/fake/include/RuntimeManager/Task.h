@@ -7,6 +7,7 @@
 #include <QObject>
 #include <QStringList>
 #include <functional>
+#include <new>
 #include <vector>
 
 namespace RuntimeManager {
@@ -24,8 +25,16 @@ class Task : public QObject {
 
   void withIpcSocket(bool enabled) { has_socket = enabled; }
   void withArguments(const QStringList& list) { arguments = list; }
-  void start(Completion completion) { complete_start = std::move(completion); }
+  void start(Completion completion) {
+    if (IsOutOfMemory()) {
+      throw std::bad_alloc();
+    }
+    complete_start = std::move(completion);
+  }
   void stop(StopFlags flags, Completion completion) {
+    if (on_stop) {
+      on_stop();
+    }
     stop_flags = flags;
     complete_stop = std::move(completion);
   }
@@ -37,12 +46,19 @@ class Task : public QObject {
     return tasks;
   }
 
+  // Whether starts find no memory.
+  static bool& IsOutOfMemory() {
+    static bool out_of_memory = false;
+    return out_of_memory;
+  }
+
   const QString name;
   bool has_socket = false;
   QStringList arguments;
   StopFlags stop_flags{StopFlag::Kill};
   Completion complete_start;
   Completion complete_stop;
+  std::function<void()> on_stop;  // called as stop() begins
 };
 
 }  // namespace RuntimeManager
