@@ -2,8 +2,8 @@
 """Measures the road of a message beside its floors and prints one table.
 
 Every program runs once a round, so that a ratio is always taken between figures of the same round:
-machines change their speed by themselves. The table has the median and the best over the rounds,
-and the ratio to the reference of the case: the median of the rounds' own ratios."""
+machines change their speed by themselves. The table has the median over the rounds; in brackets its
+ratio to the reference of the case, the median of the rounds' own ratios; and the best round."""
 import argparse
 import datetime
 import json
@@ -116,21 +116,35 @@ def number(value):
     return f"{value:,.0f}" if value >= 1000 else f"{value:.3g}"
 
 
+def cell(row):
+    """The median, and in brackets its ratio to the reference."""
+    if row["peer"] == row["reference"] or row["ratio"] is None:
+        return number(row["median"])
+    return f"{number(row['median'])} ({row['ratio']:.2f})"
+
+
+def case_table(kase, rows):
+    """A line for each peer. The column "best" belongs to the first metric."""
+    metrics = list(dict.fromkeys(row["metric"] for row in rows))
+    units = {row["metric"]: row["unit"] for row in rows}
+    heads = [f"{metric}, {units[metric]}" for metric in metrics]
+    lines = [f"| {kase} | {heads[0]} | best | " + " | ".join(heads[1:] + [""]),
+             "|---|" + "---:|" * (len(metrics) + 1)]
+    for peer in dict.fromkeys(row["peer"] for row in rows):
+        mine = {row["metric"]: row for row in rows if row["peer"] == peer}
+        cells = [cell(mine[metric]) if metric in mine else "-" for metric in metrics]
+        best = number(mine[metrics[0]]["best"])
+        lines.append(f"| {peer} | {cells[0]} | {best} | " + " | ".join(cells[1:] + [""]))
+    return [line.rstrip() for line in lines]
+
+
 def table(rows):
     lines = []
-    section = kase = None
-    for row in rows:
-        if row["section"] != section:
-            section = row["section"]
-            lines.append(f"\n## {TITLES[section]}")
-        if row["case"] != kase:
-            kase = row["case"]
-            lines += ["", f"| {kase} | metric | median | best | ratio |", "|---|---|---:|---:|---:|"]
-        ratio = "-" if row["ratio"] is None else f"{row['ratio']:.2f}"
-        if row["peer"] == row["reference"]:
-            ratio = "1"
-        lines.append(f"| {row['peer']} | {row['metric']} | {number(row['median'])} {row['unit']} | "
-                     f"{number(row['best'])} | {ratio} |")
+    for section in dict.fromkeys(row["section"] for row in rows):
+        lines.append(f"\n## {TITLES[section]}")
+        of_section = [row for row in rows if row["section"] == section]
+        for kase in dict.fromkeys(row["case"] for row in of_section):
+            lines += [""] + case_table(kase, [row for row in of_section if row["case"] == kase])
     return "\n".join(lines)
 
 
