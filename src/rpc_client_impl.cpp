@@ -72,6 +72,7 @@ void RpcClientListener::Disown() {
 RpcClientImpl::RpcClientImpl(std::shared_ptr<StopListener> stop_listener, PrivateTag)
     : Object(quarn::IDispatcher::CreateEmpty()), stop_listener_(std::move(stop_listener)) {}
 
+// NOLINTNEXTLINE(bugprone-exception-escape): a Release callback that throws ends the process.
 RpcClientImpl::~RpcClientImpl() {
   listener_.reset();
   TakeStopListener();

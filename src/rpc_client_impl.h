@@ -63,6 +63,7 @@ class RpcClientImpl final : public quarn::Object<RpcClientImpl, _TARVRpcClientRe
   using StopListener = quarn::IListener<_TARVRpcClientRef*>;
 
   RpcClientImpl(std::shared_ptr<StopListener> stop_listener, PrivateTag);
+  // NOLINTNEXTLINE(bugprone-exception-escape): a Release callback that throws ends the process.
   ~RpcClientImpl() override;
 
   // A registered client; empty, after a log line, when it cannot be made.

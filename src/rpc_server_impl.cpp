@@ -109,7 +109,7 @@ QuarnResult RpcServerImpl::HandleSendMessage(_TARVRpcServerRef* server, const ch
     return QUARN_RESULT_REFUSED;
   }
   if (message == nullptr) {
-    throw std::logic_error("null is no message");
+    throw std::logic_error("basic_string: construction from null is not valid");
   }
   details::SendText(self->messaging_.get(), message);
   return QUARN_RESULT_SUCCESS;
