@@ -27,6 +27,13 @@ bool LineBuffer::Reserve(std::size_t capacity) {
   return true;
 }
 
+// A line that is large is expected to be as large as the last such line: the room for it, which
+// takes no memory before it is filled, is then made once instead of by doubling.
+std::size_t LineBuffer::NextCapacity() const {
+  if (capacity_ < kFirstCapacity) return kFirstCapacity;
+  return std::max(2 * capacity_, last_large_ + kFirstCapacity);
+}
+
 LineBuffer::Room LineBuffer::MakeRoom() {
   if (begin_ > 0) {
     std::memmove(data_.data(), data_.data() + begin_, end_ - begin_);
@@ -39,9 +46,7 @@ LineBuffer::Room LineBuffer::MakeRoom() {
     data_ = QByteArray();
     capacity_ = 0;
   }
-  if (end_ == capacity_ && !Reserve(std::min(most, std::max(kFirstCapacity, 2 * capacity_)))) {
-    return {};
-  }
+  if (end_ == capacity_ && !Reserve(std::min(most, NextCapacity()))) return {};
   return {data_.data() + end_, capacity_ - end_};
 }
 
@@ -63,6 +68,7 @@ bool LineBuffer::TakeLine(std::string_view* line) {
 QByteArray LineBuffer::Detach(std::string_view part) {
   const int size = static_cast<int>(part.size());
   if (part.size() < kKeptCapacity) return {part.data(), size};
+  last_large_ = part.size();
   QByteArray rest(data_.constData() + begin_, static_cast<int>(end_ - begin_));
   QByteArray detached = std::exchange(data_, std::move(rest));
   begin_ = searched_ = 0;

@@ -34,6 +34,7 @@ class LineBuffer {
 
  private:
   bool Reserve(std::size_t capacity);
+  std::size_t NextCapacity() const;
 
   std::size_t max_line_;
   QByteArray data_;  // never shared
@@ -41,6 +42,7 @@ class LineBuffer {
   std::size_t begin_ = 0;
   std::size_t searched_ = 0;
   std::size_t end_ = 0;
+  std::size_t last_large_ = 0;  // bytes of the last part that took the memory along
 };
 
 }  // namespace RuntimeManager::host
