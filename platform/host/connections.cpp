@@ -151,7 +151,7 @@ Acceptor::~Acceptor() { state_->Close(); }
 Error Acceptor::GetError() const { return state_->error; }
 
 struct Dialer::State : std::enable_shared_from_this<State> {
-  // Reports success only; whatever else there is to report, the next try does.
+  // Reports success only; whatever else there is to report, the next try does, from the event loop.
   void TryAtOnce();
   void Try();
   void Finish(UniqueFd socket, const Error& error, int error_number);
@@ -161,23 +161,26 @@ struct Dialer::State : std::enable_shared_from_this<State> {
   Done done;
   QTimer retry;
   QElapsedTimer since;
+  Error refusal;  // of a peer that the first try has met
 };
 
 void Dialer::State::TryAtOnce() {
   int error_number = 0;
   UniqueFd socket = connect(&error_number);
-  if (socket.IsValid() && !CheckPeer(socket.Get()).isError()) {
-    return Finish(std::move(socket), {}, 0);
+  if (socket.IsValid()) {
+    refusal = CheckPeer(socket.Get());
+    if (!refusal.isError()) return Finish(std::move(socket), {}, 0);
   }
   retry.start(error_number == EAGAIN ? kDialRetryMs : 0);
 }
 
 void Dialer::State::Try() {
   const auto self = shared_from_this();
+  if (refusal.isError()) return Finish({}, refusal, 0);
   int error_number = 0;
   UniqueFd socket = connect(&error_number);
   if (socket.IsValid()) {
-    const Error refusal = CheckPeer(socket.Get());
+    refusal = CheckPeer(socket.Get());
     if (refusal.isError()) socket.Reset();
     return Finish(std::move(socket), refusal, 0);
   }

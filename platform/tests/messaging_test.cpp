@@ -253,7 +253,7 @@ TEST_F(Messaging, AreNotExchangedWithAListenerOfAnotherUser) {
   ASSERT_EQ(::chown(PathOf("theirs").toUtf8().constData(), 65534, 65534), 0);
   const QString path = PathOf("theirs/server");
   int ends[2];
-  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
   const pid_t stranger = ::fork();
   if (stranger == 0) {
     if (::setuid(65534) != 0) ::_exit(2);
