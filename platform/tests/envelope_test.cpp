@@ -130,12 +130,12 @@ TEST_F(Envelope, OfATextHasTheBytesOfItsJsonDocument) {
 // Both ways by which a message can come, in one order.
 struct TextInbox {
   explicit TextInbox(TaskMessaging* messaging) {
-    QObject::connect(messaging, &TaskMessaging::dataReceived, messaging,
+    QObject::connect(messaging, &TaskMessaging::dataReceived, &context,
                      [this](const QByteArray& text) {
                        texts.push_back(text);
                        messages.push_back(Data(QString::fromUtf8(text)));
                      });
-    QObject::connect(messaging, &TaskMessaging::messageReceived, messaging,
+    QObject::connect(messaging, &TaskMessaging::messageReceived, &context,
                      [this](const QJsonObject& message) { messages.push_back(message); });
   }
   bool WaitFor(std::size_t count) {
@@ -143,6 +143,7 @@ struct TextInbox {
   }
   std::vector<QByteArray> texts;
   std::vector<QJsonObject> messages;
+  QObject context;  // ends the connections with the object
 };
 
 TEST_F(Envelope, OfATextComesAsATextWhereOneIsHeard) {
