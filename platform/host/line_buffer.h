@@ -26,6 +26,8 @@ class LineBuffer {
 
   // Takes the next whole line, without its end, out of the buffer. False when there is none.
   bool TakeLine(std::string_view* line);
+  // Whether there are bytes behind the line that was taken last.
+  bool HoldsMore() const { return end_ > begin_; }
   // Makes a part of the line that was taken last an array of its own. A large one is not copied: it
   // takes the buffer's memory along. Invalidates every line that was handed out.
   QByteArray Detach(std::string_view part);

@@ -171,6 +171,7 @@ void LineChannel::OnReadable() {
 }
 
 void LineChannel::Read(std::size_t budget, bool to_the_end) {
+  DeliverLines();  // those that were there when a handler began to run an event loop
   while (!ended_ && socket_.IsValid() && budget > 0) {
     const LineBuffer::Room room = input_.MakeRoom();
     if (room.data == nullptr) return OnReadError(ENOMEM);
@@ -200,12 +201,27 @@ void LineChannel::OnReadError(int error_number) {
 void LineChannel::DeliverLines() {
   std::string_view line;
   // The line is done with before a handler runs, which may run an event loop and read on.
-  while (!ended_ && input_.TakeLine(&line)) DeliverLine(line);
+  while (!ended_ && input_.TakeLine(&line)) {
+    if (input_.HoldsMore()) DeliverRestSoon();
+    DeliverLine(line);
+  }
   if (ended_ || !input_.IsOverlong()) return;
   End({Error::kMessageTooLong, QString("%1 sent a line over the bound of %2 bytes that "
                                        "RUNTIME_MANAGER_MAX_MESSAGE sets")
                                    .arg(peer_)
                                    .arg(limits_.max_message)});
+}
+
+// An event loop that a handler runs gets the lines behind the handler's own, too, although no byte
+// more may come to wake it.
+void LineChannel::DeliverRestSoon() {
+  if (std::exchange(rest_is_due_, true)) return;
+  Post(&context_, [this, weak = weak_from_this()] {
+    const auto self = weak.lock();
+    if (self == nullptr) return;
+    rest_is_due_ = false;
+    DeliverLines();
+  });
 }
 
 void LineChannel::DeliverLine(std::string_view line) {

@@ -68,6 +68,7 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   void Read(std::size_t budget, bool to_the_end);
   void OnReadError(int error_number);
   void DeliverLines();
+  void DeliverRestSoon();
   void DeliverLine(std::string_view line);
   void WarnAboutLine(std::string_view line);
   void Flush();
@@ -93,6 +94,7 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   bool sending_ended_ = false;
   bool late_send_warned_ = false;
   bool ended_ = false;
+  bool rest_is_due_ = false;
 };
 
 }  // namespace RuntimeManager::host

@@ -578,6 +578,43 @@ TEST_F(ServerEnd, GoesOnInsideAnEventLoopThatAHandlerRuns) {
   ::close(peer);
 }
 
+// Nothing but the first byte of the batch wakes the loop.
+TEST_F(ServerEnd, DeliversWhatHasComeAlreadyInsideAnEventLoopThatAHandlerRuns) {
+  TaskMessaging messaging(listening_);
+  std::vector<int> order;
+  bool inside = false;
+  QObject::connect(&messaging, &TaskMessaging::messageReceived,
+                   [&order, &inside](const QJsonObject& message) {
+                     order.push_back(message["n"].toInt());
+                     if (order.size() == 1)
+                       inside = RunUntil([&order] { return order.size() == 3; });
+                   });
+  const int peer = Connect();
+  SendLine(peer, "{\"n\":1}\n{\"n\":2}\n{\"n\":3}");
+  EXPECT_TRUE(RunUntil([&inside] { return inside; }));
+  EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+  ::close(peer);
+}
+
+TEST_F(ServerEnd, DeliversWhatHasComeBeforeTheEndThatAnInnerEventLoopMeets) {
+  TaskMessaging messaging(listening_);
+  std::vector<int> order;
+  Outcomes ended;
+  QObject::connect(&messaging, &TaskMessaging::disconnected, ended.Recorder());
+  const int peer = Connect();
+  QObject::connect(&messaging, &TaskMessaging::messageReceived,
+                   [&order, &ended, peer](const QJsonObject& message) {
+                     order.push_back(message["n"].toInt());
+                     if (order.size() != 1) return;
+                     ::shutdown(peer, SHUT_WR);
+                     ended.Wait();
+                   });
+  SendLine(peer, "{\"n\":1}\n{\"n\":2}");
+  EXPECT_EQ(ended.Wait().code(), Error::kConnectionLost);
+  EXPECT_EQ(order, (std::vector<int>{1, 2}));
+  ::close(peer);
+}
+
 TEST_F(ServerEnd, EmitsNothingOnceItIsDestroyed) {
   Outcomes ended;
   const int peer = Connect();

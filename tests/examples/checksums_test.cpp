@@ -23,6 +23,7 @@ namespace fs = std::filesystem;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::MatchesRegex;
 using testing::Not;
 using testing::StartsWith;
 
@@ -119,7 +120,7 @@ TEST_F(Checksums, ShowTheirProgressInPlainLinesWhereThereIsNoTerminal) {
   Write("other half", std::string(1U << 20, 'b'));
   Program program({CHECKSUMS_PROGRAM, work_.string()});
   EXPECT_EQ(program.Wait(), 0);
-  EXPECT_THAT(program.GetError(), StartsWith("checksums: 50 % (1 of 2 files)\n"));
+  EXPECT_THAT(program.GetError(), MatchesRegex("checksums: 50 % \\([01] of 2 files\\)\n(.|\n)*"));
   EXPECT_THAT(program.GetError(), EndsWith("checksums: 100 % (2 of 2 files)\n"));
   EXPECT_THAT(program.GetError(), Not(HasSubstr("\r")));
 }
@@ -129,8 +130,7 @@ TEST_F(Checksums, ShowTheirProgressAsABarOnATerminal) {
   Write("other half", std::string(1U << 20, 'b'));
   Program program({CHECKSUMS_PROGRAM, work_.string()}, {{}, true, 0, {}});
   EXPECT_EQ(program.Wait(), 0);
-  EXPECT_THAT(program.GetError(),
-              HasSubstr("\r[####################                    ] 50 %  1/2 files"));
+  EXPECT_THAT(program.GetError(), HasSubstr("\r[####################                    ] 50 %  "));
   EXPECT_THAT(program.GetError(), EndsWith("\r\033[K"));
   EXPECT_EQ(CountLines(program.GetOutput()), 2);
 }

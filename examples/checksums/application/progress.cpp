@@ -17,9 +17,7 @@ Progress::Progress(std::size_t files, std::uint64_t bytes)
     : files_(files), bytes_(bytes), terminal_(isatty(STDERR_FILENO) != 0) {}
 
 void Progress::Update(std::size_t files_done, std::uint64_t bytes_done) {
-  // Files may grow while they are hashed.
-  const std::uint64_t known = bytes_done < bytes_ ? bytes_done : bytes_;
-  const auto percent = bytes_ == 0 ? 100U : static_cast<unsigned>(known * 100 / bytes_);
+  const unsigned percent = Percent(files_done, bytes_done);
   if (terminal_) {
     DrawBar(percent, files_done);
     bar_drawn_ = true;
@@ -28,6 +26,14 @@ void Progress::Update(std::size_t files_done, std::uint64_t bytes_done) {
               << " files)\n";
     shown_percent_ = percent - percent % kLineStep;
   }
+}
+
+// All is done when the last file is, whatever its bytes say: files may grow while they are hashed.
+unsigned Progress::Percent(std::size_t files_done, std::uint64_t bytes_done) const {
+  if (files_done >= files_) {
+    return 100;
+  }
+  return bytes_done < bytes_ ? static_cast<unsigned>(bytes_done * 100 / bytes_) : 99;
 }
 
 void Progress::DrawBar(unsigned percent, std::size_t files_done) const {

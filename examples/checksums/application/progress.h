@@ -18,6 +18,7 @@ class Progress {
   void Clear();
 
  private:
+  unsigned Percent(std::size_t files_done, std::uint64_t bytes_done) const;
   void DrawBar(unsigned percent, std::size_t files_done) const;
 
   const std::size_t files_;
