@@ -37,6 +37,7 @@ Child::Child(const std::vector<std::string>& arguments) {
   std::vector<std::string> all = {"bench_floors", "--child"};
   all.insert(all.end(), arguments.begin(), arguments.end());
   std::vector<char*> pointers;
+  pointers.reserve(all.size() + 1);
   for (std::string& argument : all) pointers.push_back(argument.data());
   pointers.push_back(nullptr);
   int ends[2];
