@@ -1,63 +1,21 @@
-// How much memory decoding takes, measured by an allocator that counts, for damaged and hostile
-// input: a program of its own, because it replaces operator new.
+// How much memory decoding takes, for damaged and hostile input: a program of its own, because it
+// counts what operator new takes.
 #include <cw/codec_limits.h>
 #include <cw/encodable_value.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstdlib>
 #include <limits>
-#include <new>
 
 #include "golden.h"
+#include "support/memory_usage.h"
 #include "support/random_value.h"
 
 namespace {
 
-// What the thread holds, and the most it held, in bytes as they were asked for.
-struct Usage {
-  std::size_t held = 0;
-  std::size_t peak = 0;
-  std::size_t allocations = 0;
-  std::size_t limit = std::numeric_limits<std::size_t>::max();
-};
-
-thread_local Usage usage;
-
-// Before each block: its size. Keeps the alignment that operator new promises.
-constexpr std::size_t kPrefix = __STDCPP_DEFAULT_NEW_ALIGNMENT__;
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-  if (size > usage.limit) {
-    throw std::bad_alloc();
-  }
-  auto* block = static_cast<char*>(std::malloc(size + kPrefix));
-  if (block == nullptr) {
-    throw std::bad_alloc();
-  }
-  *reinterpret_cast<std::size_t*>(block) = size;
-  usage.held += size;
-  usage.peak = std::max(usage.peak, usage.held);
-  ++usage.allocations;
-  return block + kPrefix;
-}
-
-void operator delete(void* pointer) noexcept {
-  if (pointer != nullptr) {
-    char* block = static_cast<char*>(pointer) - kPrefix;
-    usage.held -= *reinterpret_cast<std::size_t*>(block);
-    std::free(block);
-  }
-}
-
-void operator delete(void* pointer, std::size_t /*size*/) noexcept { operator delete(pointer); }
-
-namespace cw::test_support {
-namespace {
+using tarv::test::GetMemoryUsage;
+using tarv::test::MemoryUsage;
 
 // Sends standard error to nowhere while it lives: damaged input is reported line by line.
 class SilentStderr {
@@ -85,12 +43,12 @@ struct Cost {
 };
 
 Cost Decode(const std::uint8_t* data, std::size_t size) {
-  const Usage before = usage;
-  usage.peak = usage.held;
+  const MemoryUsage before = GetMemoryUsage();
+  GetMemoryUsage().peak = GetMemoryUsage().held;
   Cost cost;
   cost.value = EncodableValue::Deserialize(data, size);
-  cost.memory = usage.peak - before.held;
-  cost.allocations = usage.allocations - before.allocations;
+  cost.memory = GetMemoryUsage().peak - before.held;
+  cost.allocations = GetMemoryUsage().allocations - before.allocations;
   return cost;
 }
 
@@ -128,10 +86,10 @@ Bytes operator+(Bytes a, const Bytes& b) {
 }
 
 TEST(DecodeBounds, TheCounterCounts) {
-  const Usage before = usage;
+  const MemoryUsage before = GetMemoryUsage();
   { const std::vector<char> block(1000); }
-  EXPECT_EQ(usage.held, before.held);
-  EXPECT_EQ(usage.allocations, before.allocations + 1);
+  EXPECT_EQ(GetMemoryUsage().held, before.held);
+  EXPECT_EQ(GetMemoryUsage().allocations, before.allocations + 1);
 }
 
 TEST(DecodeBounds, HoldForEachGoldenMessage) {
@@ -293,9 +251,9 @@ TEST(DecodeBounds, HoldForTheDeepestNesting) {
 
 TEST(DecodeBounds, GiveNullWhenMemoryRunsOut) {
   const Bytes bytes = FromHex("07 FF 40 42 0F 00") + Bytes(1000000);
-  usage.limit = 500000;
+  GetMemoryUsage().limit = 500000;
   const EncodableValue value = EncodableValue::Deserialize(bytes.data(), bytes.size());
-  usage.limit = std::numeric_limits<std::size_t>::max();
+  GetMemoryUsage().limit = std::numeric_limits<std::size_t>::max();
   EXPECT_TRUE(value.IsNull());
 }
 
