@@ -12,6 +12,7 @@
 #include "support/memory_usage.h"
 #include "support/random_value.h"
 
+namespace cw::test_support {
 namespace {
 
 using tarv::test::GetMemoryUsage;
