@@ -43,7 +43,7 @@ int Echo() {
 int FloodAndExit() {
   auto* messaging = new TaskMessaging(RuntimeDispatcher::instance()->localServerSocket());
   QObject::connect(messaging, &TaskMessaging::messageReceived, messaging, [messaging] {
-    for (int i = 0; i < 20; ++i)
+    for (int i = 0; i < 5; ++i)
       messaging->sendData(QByteArray(1 << 20, static_cast<char>('a' + i)));
     std::exit(0);
   });

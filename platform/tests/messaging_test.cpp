@@ -172,6 +172,7 @@ TEST_F(Messaging, OfATaskComeBeforeTheNewsOfItsEnd) {
   }
 }
 
+// More than a socket holds, and little enough for a loaded machine to take in the two seconds.
 TEST_F(Messaging, OfATaskThatExitsAtOnceArriveWhole) {
   AddHelperTask("flood");
   Task task("flood");
@@ -181,8 +182,8 @@ TEST_F(Messaging, OfATaskThatExitsAtOnceArriveWhole) {
   TaskMessaging messaging(task.socketPath());
   Inbox inbox(&messaging);
   messaging.sendMessage(Data("go"));
-  ASSERT_TRUE(inbox.WaitFor(20));
-  for (int i = 0; i < 20; ++i) {
+  ASSERT_TRUE(inbox.WaitFor(5));
+  for (int i = 0; i < 5; ++i) {
     EXPECT_TRUE(inbox.messages[static_cast<std::size_t>(i)] ==
                 Data(QString(1 << 20, QChar('a' + i))));
   }
