@@ -12,7 +12,6 @@
 #include <QObject>
 #include <QString>
 #include <cstddef>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -28,24 +27,20 @@ inline QString EnvelopeMember() { return QStringLiteral("data"); }
 // every one of the text, in less than 2 GiB with its header.
 constexpr std::size_t kLongestText = (std::size_t{1} << 30) - 64;
 
-// Whether `text` is longer than a message may be; a line says so.
-inline bool IsTooLong(const char* text) {
-  const std::size_t size = std::strlen(text);
-  if (size <= kLongestText) {
+// Sends the JSON object that carries `text`, which is UTF-8. False, after a line of the log, when
+// the text is longer than a message may be.
+inline bool SendText(RuntimeManager::TaskMessaging* messaging, std::string_view text) {
+  if (text.size() > kLongestText) {
+    QUARN_LOG_ERROR() << "Could not send a message of " << std::to_string(text.size())
+                      << " bytes: it may have " << std::to_string(kLongestText)
+                      << ". Send it in parts.";
     return false;
   }
-  QUARN_LOG_ERROR() << "Could not send a message of " << std::to_string(size)
-                    << " bytes: it may have " << std::to_string(kLongestText)
-                    << ". Send it in parts.";
-  return true;
-}
-
-// Sends the JSON object that carries `text`, which is UTF-8.
-inline void SendText(RuntimeManager::TaskMessaging* messaging, std::string_view text) {
   if (!DataRelay::Send(messaging, text)) {
     messaging->sendMessage(
         {{EnvelopeMember(), QString::fromUtf8(text.data(), static_cast<int>(text.size()))}});
   }
+  return true;
 }
 
 // Hands a text in UTF-8, in a chunk of its own, to `listener`. The original is given up first: only

@@ -195,18 +195,14 @@ void RpcClientImpl::OnMessageReceived(const QJsonObject& object) {
 
 QuarnResult RpcClientImpl::HandleSendMessage(_TARVRpcClientRef* client, const char* message) {
   const auto self = FromRef(client);
-  if (!self || message == nullptr || details::IsTooLong(message)) {
+  if (!self || message == nullptr) {
     return QUARN_RESULT_REFUSED;
   }
   return self->SendMessage(message) ? QUARN_RESULT_SUCCESS : QUARN_RESULT_REFUSED;
 }
 
 bool RpcClientImpl::SendMessage(std::string_view message) {
-  if (!messaging_) {
-    return false;
-  }
-  details::SendText(messaging_.get(), message);
-  return true;
+  return messaging_ && details::SendText(messaging_.get(), message);
 }
 
 void RpcClientImpl::RpcUnlockResourcesImpl(_TARVRpcClientRef* client, std::size_t chunk) {

@@ -105,14 +105,14 @@ void RpcServerImpl::HandleUnlockResources(_TARVRpcServerRef* server, std::size_t
 
 QuarnResult RpcServerImpl::HandleSendMessage(_TARVRpcServerRef* server, const char* message) {
   const auto self = FromRef(server);
-  if (!self || !self->messaging_ || (message != nullptr && details::IsTooLong(message))) {
+  if (!self || !self->messaging_) {
     return QUARN_RESULT_REFUSED;
   }
   if (message == nullptr) {
     throw std::logic_error("basic_string: construction from null is not valid");
   }
-  details::SendText(self->messaging_.get(), message);
-  return QUARN_RESULT_SUCCESS;
+  return details::SendText(self->messaging_.get(), message) ? QUARN_RESULT_SUCCESS
+                                                            : QUARN_RESULT_REFUSED;
 }
 
 }  // namespace tarv

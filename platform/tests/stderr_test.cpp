@@ -193,11 +193,15 @@ TEST_F(StderrAtExit, IsReadWhenTheThreadOfTheTaskEnds) {
   task->moveToThread(&thread);
   QObject::connect(&thread, &QThread::started, task, [task] { task->start({}); });
   QObject::connect(&thread, &QThread::finished, task, &QObject::deleteLater);
+  // The thread sanitizer sees this order; it does not see the one that Qt makes by wait().
+  std::atomic<bool> is_gone{false};
+  QObject::connect(task, &QObject::destroyed, [&is_gone] { is_gone.store(true); });
   thread.start();
   EXPECT_TRUE(WaitForFile(PathOf("pid"), "\n"));
   thread.quit();
   EXPECT_TRUE(WaitForLoudness(pipe, 200000));
   EXPECT_TRUE(thread.wait());
+  EXPECT_TRUE(is_gone.load());
   EXPECT_EQ(ReadFile(PathOf("end")), "clean\n");
 }
 
@@ -230,12 +234,15 @@ TEST_F(StderrAtExit, IsWaitedForOnceHoweverManyTasksHaveDied) {
   AddLoudTask("task", 1000);
   StderrPipe pipe;
   pipe.Fill();
-  const std::unique_ptr<QThread> thread(QThread::create([] {
+  std::atomic<bool> is_done{false};  // as above
+  const std::unique_ptr<QThread> thread(QThread::create([&is_done] {
     for (int i = 0; i < 10; ++i) RunToItsEnd("task");
+    is_done.store(true);
   }));
   thread->start();
   EXPECT_TRUE(thread->wait(20000));
   while (!thread->isFinished()) pipe.Read(1 << 20);
+  EXPECT_TRUE(is_done.load());
 }
 
 }  // namespace
