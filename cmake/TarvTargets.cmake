@@ -68,8 +68,8 @@ function(tarv_add_test name)
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 120)
   endif()
-  if(CMAKE_CROSSCOMPILING)
-    math(EXPR ARG_TIMEOUT "10 * ${ARG_TIMEOUT}") # emulated
+  if(CMAKE_CROSSCOMPILING OR TARV_SANITIZE)
+    math(EXPR ARG_TIMEOUT "10 * ${ARG_TIMEOUT}") # emulated, or slow in its own way
   endif()
   include(GoogleTest)
   add_executable(${name} ${ARG_SOURCES})

@@ -43,8 +43,11 @@ inline bool SendText(RuntimeManager::TaskMessaging* messaging, std::string_view 
   return true;
 }
 
-// Hands a text in UTF-8, in a chunk of its own, to `listener`. The original is given up first: only
-// one of two large texts shall be there while the message is dealt with.
+// A text of that many bytes or more is not kept twice.
+constexpr int kLargeText = 64 << 10;
+
+// Hands a text in UTF-8, in a chunk of its own, to `listener`. A large original is given up first:
+// only one of the two shall be there while the message is dealt with.
 template <class Listener>
 void DeliverText(QByteArray& text, quarn::ResourcesCache& cache, const Listener* listener) {
   if (listener == nullptr) {
@@ -53,7 +56,9 @@ void DeliverText(QByteArray& text, quarn::ResourcesCache& cache, const Listener*
   const std::uint64_t chunk = cache.CreateChunk();
   const char* const cached =
       cache.AppendStr(chunk, {text.constData(), static_cast<std::size_t>(text.size())});
-  text.clear();
+  if (text.size() >= kLargeText) {
+    text.clear();
+  }
   listener->OnMessage(cached, chunk);
 }
 

@@ -65,9 +65,14 @@ bool LineBuffer::TakeLine(std::string_view* line) {
   return true;
 }
 
-QByteArray LineBuffer::Detach(std::string_view part) {
+QByteArray LineBuffer::Detach(std::string_view part, QByteArray spare) {
   const int size = static_cast<int>(part.size());
-  if (part.size() < kKeptCapacity) return {part.data(), size};
+  if (part.size() < kKeptCapacity) {
+    spare.reserve(size);  // from then on it keeps its memory when it shrinks
+    spare.resize(size);
+    std::memcpy(spare.data(), part.data(), part.size());
+    return spare;
+  }
   last_large_ = part.size();
   QByteArray rest(data_.constData() + begin_, static_cast<int>(end_ - begin_));
   QByteArray detached = std::exchange(data_, std::move(rest));

@@ -28,9 +28,10 @@ class LineBuffer {
   bool TakeLine(std::string_view* line);
   // Whether there are bytes behind the line that was taken last.
   bool HoldsMore() const { return end_ > begin_; }
-  // Makes a part of the line that was taken last an array of its own. A large one is not copied: it
-  // takes the buffer's memory along. Invalidates every line that was handed out.
-  QByteArray Detach(std::string_view part);
+  // Makes a part of the line that was taken last an array of its own, in the memory of `spare` if
+  // it is small. A large one is not copied: it takes the buffer's memory along. Invalidates every
+  // line that was handed out.
+  QByteArray Detach(std::string_view part, QByteArray spare);
   // Whether the line that has begun is too long already.
   bool IsOverlong() const { return end_ - begin_ > max_line_; }
 

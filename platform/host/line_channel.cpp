@@ -26,6 +26,12 @@ constexpr std::size_t kPartsPerWrite = 64;
 // A text that is offered to the socket before a line is made of it. A Unix socket takes a message
 // of that size whole or not at all.
 constexpr std::size_t kMostAtOnce = std::size_t{16} << 10U;
+// A text that may wait for others, and how much of them goes out together: the peer shall have
+// something to do meanwhile.
+constexpr std::size_t kMostHeld = std::size_t{1} << 10U;
+constexpr std::size_t kBatch = std::size_t{4} << 10U;
+// The longest text whose memory is kept for the next one.
+constexpr int kMostSpare = 4 << 10;
 // A peer that speaks another protocol shall not fill the log.
 constexpr int kMaxLineWarnings = 10;
 constexpr int kShownOfLine = 80;
@@ -79,6 +85,7 @@ void LineChannel::Send(const QJsonObject& object) {
   // One that is not even encoded is over the bound, too.
   if (!Accepts(line ? static_cast<std::size_t>(line->size()) - 1 : limits_.max_message + 1)) return;
   Trace(task_, Direction::kSend, {{line->constData(), static_cast<std::size_t>(line->size()) - 1}});
+  WriteHeld();
   Queue(*std::move(line), 0);
 }
 
@@ -89,6 +96,8 @@ void LineChannel::SendData(std::string_view text) {
   }
   if (!MaySend() || !Accepts(kDataHead.size() + text.size() + kDataTail.size())) return;
   Trace(task_, Direction::kSend, {kDataHead, text, kDataTail});
+  if (Hold(text)) return;
+  WriteHeld();
   const std::size_t sent = text.size() <= kMostAtOnce ? WriteAtOnce(text) : 0;
   if (sent < kDataHead.size() + text.size() + kDataEnd.size()) Queue(DataLine(text), sent);
 }
@@ -111,7 +120,7 @@ bool LineChannel::Accepts(std::size_t size) {
                                          .arg(limits_.max_message)});
     return false;
   }
-  if (queued_ - front_sent_ + size + 1 > limits_.max_queue) {
+  if (queued_ - front_sent_ + held_size_ + size + 1 > limits_.max_queue) {
     EndSoon({Error::kQueueFull, QString("%1 does not read: more than the %2 bytes that "
                                         "RUNTIME_MANAGER_MAX_QUEUE sets would wait for it")
                                     .arg(peer_)
@@ -119,6 +128,24 @@ bool LineChannel::Accepts(std::size_t size) {
     return false;
   }
   return true;
+}
+
+// Answers to the messages of one read go out together: a system call costs more than what else is
+// done for a small message. False for a text that is to go out now.
+bool LineChannel::Hold(std::string_view text) {
+  if (!holding_ && held_size_ == 0) return false;
+  if (text.size() > kMostHeld || !queue_.empty()) return false;
+  if (held_ == nullptr) held_ = WriteBatch::Create(socket_.Get());
+  if (held_ == nullptr) return false;
+  held_->Put({kDataHead, text, kDataEnd});
+  held_size_ += kDataHead.size() + text.size() + kDataEnd.size();
+  if (!holding_ || held_size_ >= kBatch) WriteHeld();
+  return true;
+}
+
+void LineChannel::WriteHeld() {
+  if (std::exchange(held_size_, 0) == 0 || held_->Write()) return;
+  Queue(held_->TakeRest(), 0);
 }
 
 // The first `sent` bytes of the line have been written.
@@ -138,8 +165,7 @@ void LineChannel::Drain() {
 void LineChannel::EndSoon(const Error& error) {
   if (ended_ || sending_ended_) return;
   sending_ended_ = true;
-  queue_.clear();
-  queued_ = front_sent_ = 0;
+  DropUnsent();
   WaitForRoom(false);
   Post(&context_, [this, error, weak = weak_from_this()] {
     const auto self = weak.lock();
@@ -153,7 +179,14 @@ void LineChannel::Close() {
   ended_ = true;
   if (readable_ != nullptr) readable_->setEnabled(false);
   if (writable_ != nullptr) writable_->setEnabled(false);
+  DropUnsent();
+  if (held_ != nullptr) held_->Close();
   socket_.Reset();
+}
+
+// What was held back has its last chance: without that it would have gone out already.
+void LineChannel::DropUnsent() {
+  if (std::exchange(held_size_, 0) > 0 && !held_->Write()) held_->TakeRest();
   queue_.clear();
   queued_ = front_sent_ = 0;
 }
@@ -202,9 +235,12 @@ void LineChannel::DeliverLines() {
   std::string_view line;
   // The line is done with before a handler runs, which may run an event loop and read on.
   while (!ended_ && input_.TakeLine(&line)) {
-    if (input_.HoldsMore()) DeliverRestSoon();
+    holding_ = input_.HoldsMore();
+    if (holding_) DeliverRestSoon();
     DeliverLine(line);
   }
+  holding_ = false;
+  WriteHeld();
   if (ended_ || !input_.IsOverlong()) return;
   End({Error::kMessageTooLong, QString("%1 sent a line over the bound of %2 bytes that "
                                        "RUNTIME_MANAGER_MAX_MESSAGE sets")
@@ -228,8 +264,10 @@ void LineChannel::DeliverLine(std::string_view line) {
   if (callbacks_.wants_data && callbacks_.wants_data()) {
     if (const auto data = PlainDataOf(line)) {
       Trace(task_, Direction::kReceive, {line});
-      QByteArray text = input_.Detach(*data);
-      return callbacks_.on_data(text);
+      QByteArray text = input_.Detach(*data, std::exchange(spare_, QByteArray()));
+      callbacks_.on_data(text);
+      if (text.size() <= kMostSpare) spare_ = std::move(text);
+      return;
     }
   }
   const std::optional<QJsonObject> object = DecodeLine(line.data(), line.size());
@@ -273,6 +311,7 @@ void LineChannel::Flush() {
 
 void LineChannel::FlushUntil(std::chrono::steady_clock::time_point deadline) {
   using std::chrono::milliseconds;
+  WriteHeld();
   while (!queue_.empty() && socket_.IsValid()) {
     const ssize_t size = RetryOnEintr([this] { return WriteSome(); });
     if (size < 0 && errno != EAGAIN) return;

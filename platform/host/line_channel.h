@@ -19,6 +19,7 @@
 #include "line_buffer.h"
 #include "message_limits.h"
 #include "unique_fd.h"
+#include "write_batch.h"
 
 namespace RuntimeManager::host {
 
@@ -62,6 +63,9 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
  private:
   bool MaySend();
   bool Accepts(std::size_t size);
+  bool Hold(std::string_view text);
+  void WriteHeld();
+  void DropUnsent();
   void Queue(QByteArray line, std::size_t sent);
   void OnReadable();
   void OnWritable();
@@ -87,9 +91,13 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   std::unique_ptr<QSocketNotifier> readable_;
   std::unique_ptr<QSocketNotifier> writable_;
   LineBuffer input_;
+  QByteArray spare_;  // memory for the next text
   std::deque<QByteArray> queue_;
   std::size_t queued_ = 0;      // bytes in the queue, with those of its front that are sent
   std::size_t front_sent_ = 0;  // bytes of the front that are sent
+  std::shared_ptr<WriteBatch> held_;
+  std::size_t held_size_ = 0;  // bytes put into held_; nothing is in the queue then
+  bool holding_ = false;
   int line_warnings_ = 0;
   bool sending_ended_ = false;
   bool late_send_warned_ = false;

@@ -5,6 +5,7 @@
 #include <RuntimeManager/RuntimeDispatcher.h>
 #include <RuntimeManager/Task.h>
 #include <RuntimeManager/TaskMessaging.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <QtCore/QCoreApplication>
@@ -48,6 +49,30 @@ int FloodAndExit() {
     std::exit(0);
   });
   return QCoreApplication::exec();
+}
+
+// Sends back what it gets as texts, and exits in the middle of it when it is told to.
+int AnswerAndExit() {
+  auto* messaging = new TaskMessaging(RuntimeDispatcher::instance()->localServerSocket());
+  QObject::connect(messaging, &TaskMessaging::dataReceived, messaging,
+                   [messaging](const QByteArray& text) {
+                     if (text == "exit") std::exit(0);
+                     messaging->sendData(text);
+                   });
+  QObject::connect(messaging, &TaskMessaging::disconnected, qApp, &QCoreApplication::quit);
+  return QCoreApplication::exec();
+}
+
+// The same, where no thread can be made.
+int AnswerWithoutThreads() {
+  pthread_attr_t attributes;
+  constexpr std::size_t kMoreThanThereIs = std::size_t{1} << 46U;
+  if (::pthread_attr_init(&attributes) != 0 ||
+      ::pthread_attr_setstacksize(&attributes, kMoreThanThereIs) != 0 ||
+      ::pthread_setattr_default_np(&attributes) != 0) {
+    return 1;
+  }
+  return AnswerAndExit();
 }
 
 // Serves one starter after the other on the same descriptor, each with an object of its own.
@@ -164,6 +189,8 @@ int main(int count, char** arguments) {
   const QString verb = words.value(1);
   if (verb == "report") return Report();
   if (verb == "again") return Again();
+  if (verb == "answer-and-exit") return AnswerAndExit();
+  if (verb == "threadless") return AnswerWithoutThreads();
   if (verb == "flood") return FloodAndExit();
   if (verb == "start") return StartTask(words.value(2), words.value(3), words.value(4));
   if (verb == "outlive")

@@ -4,6 +4,7 @@
 #include <RuntimeManager/TaskMessaging.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -12,8 +13,10 @@
 
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QTimer>
+#include <atomic>
 #include <csignal>
 #include <memory>
+#include <thread>
 
 #include "kit.h"
 
@@ -187,6 +190,35 @@ TEST_F(Messaging, OfATaskThatExitsAtOnceArriveWhole) {
     EXPECT_TRUE(inbox.messages[static_cast<std::size_t>(i)] ==
                 Data(QString(1 << 20, QChar('a' + i))));
   }
+}
+
+// The first is answered, the second ends the process; both come in one read.
+TEST_F(Messaging, AnsweredBeforeTheOneThatEndsTheTaskAreNotLost) {
+  AddHelperTask("task");
+  Task task("task");
+  task.withIpcSocket(true);
+  task.withArguments({"answer-and-exit"});
+  ExpectStarts(task);
+  TaskMessaging messaging(task.socketPath());
+  Inbox inbox(&messaging);
+  messaging.sendData("hello");
+  messaging.sendData("exit");
+  ASSERT_TRUE(inbox.WaitFor(1));
+  EXPECT_EQ(inbox.messages[0], Data("hello"));
+  inbox.disconnects.Wait();
+}
+
+TEST_F(Messaging, AreAnsweredByAProcessThatCanHaveNoThread) {
+  AddHelperTask("task");
+  Task task("task");
+  task.withIpcSocket(true);
+  task.withArguments({"threadless"});
+  ExpectStarts(task);
+  TaskMessaging messaging(task.socketPath());
+  Inbox inbox(&messaging);
+  for (int i = 0; i < 10; ++i) messaging.sendData(QByteArray::number(i));
+  ASSERT_TRUE(inbox.WaitFor(10));
+  for (int i = 0; i < 10; ++i) EXPECT_EQ(inbox.messages[std::size_t(i)], Data(QString::number(i)));
 }
 
 TEST_F(Messaging, ThatNobodyReadsDoNotKeepATaskFromExiting) {
@@ -613,6 +645,87 @@ TEST_F(ServerEnd, DeliversWhatHasComeBeforeTheEndThatAnInnerEventLoopMeets) {
   SendLine(peer, "{\"n\":1}\n{\"n\":2}");
   EXPECT_EQ(ended.Wait().code(), Error::kConnectionLost);
   EXPECT_EQ(order, (std::vector<int>{1, 2}));
+  ::close(peer);
+}
+
+// Messages that come together are answered together, but nobody waits for it.
+TEST_F(ServerEnd, SendsAnAnswerWhileTheHandlerOfTheNextMessageBlocks) {
+  TaskMessaging messaging(listening_);
+  const int peer = Connect();
+  bool has_come = false;
+  QObject::connect(&messaging, &TaskMessaging::messageReceived,
+                   [&messaging, &has_come, peer](const QJsonObject& message) {
+                     if (message["n"] == 1) return messaging.sendData("early");
+                     pollfd readable{peer, POLLIN, 0};
+                     has_come = ::poll(&readable, 1, 20000) == 1;
+                   });
+  SendLine(peer, "{\"n\":1}\n{\"n\":2}");
+  EXPECT_TRUE(RunUntil([&has_come] { return has_come; }));
+  EXPECT_EQ(ReadLineFrom(peer), R"({"data":"early"})");
+  ::close(peer);
+}
+
+TEST_F(ServerEnd, SendsTheAnswersToABatchInTheirOrderWhateverTheyAre) {
+  TaskMessaging messaging(listening_);
+  const QByteArray large(100000, 'x');
+  QObject::connect(&messaging, &TaskMessaging::messageReceived, [&messaging, &large] {
+    messaging.sendData("small");
+    messaging.sendMessage({{"n", 1}});
+    messaging.sendData("small");
+    messaging.sendData(large);
+    messaging.sendData("small");
+    messaging.sendData("\"quoted\"");
+  });
+  const int peer = Connect();
+  constexpr int kMessages = 50;
+  SendLine(peer, QByteArray("{}\n").repeated(kMessages).chopped(1));
+  std::vector<QByteArray> lines;
+  std::atomic<bool> is_read{false};
+  std::thread reader([&lines, &is_read, peer] {
+    for (int i = 0; i < 6 * kMessages; ++i) lines.push_back(ReadLineFrom(peer));
+    is_read = true;
+  });
+  EXPECT_TRUE(RunUntil([&is_read] { return is_read.load(); }));
+  reader.join();
+  const QByteArray small = R"({"data":"small"})";
+  for (std::size_t i = 0; i < lines.size(); i += 6) {
+    EXPECT_EQ(lines[i], small);
+    EXPECT_EQ(lines[i + 1], R"({"n":1})");
+    EXPECT_EQ(lines[i + 2], small);
+    EXPECT_EQ(lines[i + 3], "{\"data\":\"" + large + "\"}");
+    EXPECT_EQ(lines[i + 4], small);
+    EXPECT_EQ(lines[i + 5], R"({"data":"\"quoted\""})");
+  }
+  ::close(peer);
+}
+
+TEST_F(ServerEnd, HasSentItsAnswersWhenTheNextHandlerDestroysIt) {
+  auto* messaging = new TaskMessaging(listening_);
+  int messages = 0;
+  QObject::connect(messaging, &TaskMessaging::messageReceived, [messaging, &messages] {
+    if (++messages == 1) return messaging->sendData("first");
+    delete messaging;
+  });
+  const int peer = Connect();
+  SendLine(peer, "{}\n{}\n{}");
+  EXPECT_TRUE(RunUntil([&messages] { return messages == 2; }));
+  EXPECT_EQ(ReadToEnd(peer), "{\"data\":\"first\"}\n");
+  ::close(peer);
+}
+
+TEST_F(ServerEnd, HasSentItsAnswersWhenTheNextOneIsTooMuchForTheQueue) {
+  const ScopedVariable queue("RUNTIME_MANAGER_MAX_QUEUE", "10000");
+  TaskMessaging messaging(listening_);
+  Inbox inbox(&messaging);
+  int messages = 0;
+  QObject::connect(&messaging, &TaskMessaging::messageReceived, [&messaging, &messages] {
+    if (++messages == 1) return messaging.sendData("first");
+    messaging.sendData(QByteArray(20000, 'x'));
+  });
+  const int peer = Connect();
+  SendLine(peer, "{}\n{}\n{}");
+  EXPECT_EQ(inbox.disconnects.Wait().code(), Error::kQueueFull);
+  EXPECT_EQ(ReadToEnd(peer), "{\"data\":\"first\"}\n");
   ::close(peer);
 }
 

@@ -146,8 +146,7 @@ void Client::SendRequest(std::string_view method, const cw::EncodableValue& para
   const auto self = KeepAlive();
   details::SendGuard guard(receiver_);
   const std::uint64_t number = NextRequestNumber();
-  const Message::ID id = CreateRequestId(number);
-  Message request = Message::CreateRequest(id, method, params);
+  Message request = Message::CreateRequest(CreateRequestId(number), method, params);
   // What of these is not kept, or was kept before, dies after the lock is released.
   Message connect_request = method == kConnectMethod ? request : Message();
   PendingRequest pending{number, std::move(callback)};
@@ -155,7 +154,7 @@ void Client::SendRequest(std::string_view method, const cw::EncodableValue& para
   if (receiver_.IsClosed()) {
     return;
   }
-  pending_requests_.emplace(id, std::move(pending));
+  pending_requests_.emplace(request.GetRequest()->id, std::move(pending));
   if (connect_record_ != nullptr && !connect_request.IsEmpty()) {
     std::swap(connect_record_->request, connect_request);
     guard.SendImmediately(std::move(request));

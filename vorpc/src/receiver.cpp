@@ -61,17 +61,21 @@ void Receiver::Close() {
 }
 
 void Receiver::Enqueue(Kind kind, Message&& message) {
-  if (IsClosed()) {
-    return;
+  if (!IsClosed() && !DeliverOrQueue(kind, std::move(message))) {
+    ProcessQueue();
   }
-  {
-    const std::lock_guard lock(queue_mutex_);
-    queue_.emplace_back(kind, std::move(message));
-    if (!queue_enabled_) {
-      return;
-    }
+}
+
+// False when what waits now is to be delivered. A message that would be alone in the queue passes
+// it by, as if put in and taken out under the one lock.
+bool Receiver::DeliverOrQueue(Kind kind, Message&& message) {
+  const std::lock_guard lock(queue_mutex_);
+  if (queue_enabled_ && queue_.empty()) {
+    Deliver(kind, std::move(message));
+    return true;
   }
-  ProcessQueue();
+  queue_.emplace_back(kind, std::move(message));
+  return !queue_enabled_;
 }
 
 // The lock is held while the batch is delivered: other threads wait and so keep the order, while
@@ -84,13 +88,17 @@ bool Receiver::ProcessBatch() {
   Queue batch;
   batch.swap(queue_);
   for (auto& [kind, message] : batch) {
-    if (kind == Kind::Send) {
-      SendImmediately(std::move(message));
-    } else {
-      ReceiveImmediately(message);
-    }
+    Deliver(kind, std::move(message));
   }
   return true;
+}
+
+void Receiver::Deliver(Kind kind, Message&& message) {
+  if (kind == Kind::Send) {
+    SendImmediately(std::move(message));
+  } else {
+    ReceiveImmediately(message);
+  }
 }
 
 void Receiver::Notify(const Message::Notification& notification) const {

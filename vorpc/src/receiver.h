@@ -27,12 +27,16 @@ template <class T>
 class SingleEntry {
  public:
   // Keeps `value`; the first one stays, a later one is dropped with an error line.
-  void Put(T&& value) {
+  void Put(T&& value) { Emplace(std::move(value)); }
+
+  // The same, made of `parts`, in place.
+  template <class... Parts>
+  void Emplace(Parts&&... parts) {
     if (entry_) {
       QUARN_LOG_ERROR() << "The data is already filled.";
       return;
     }
-    entry_.emplace(std::move(value));
+    entry_.emplace(std::forward<Parts>(parts)...);
   }
 
   T* Get() { return entry_ ? &*entry_ : nullptr; }
@@ -96,7 +100,9 @@ class Receiver {
   using Queue = std::vector<std::pair<Kind, Message>>;
 
   void Enqueue(Kind kind, Message&& message);
+  bool DeliverOrQueue(Kind kind, Message&& message);
   bool ProcessBatch();
+  void Deliver(Kind kind, Message&& message);
   void Notify(const Message::Notification& notification) const;
 
   const std::function<void(Message&&)> send_;
@@ -124,6 +130,8 @@ class Guard {
 
  protected:
   struct Pending {
+    Pending(Message&& content, bool at_once) : message(std::move(content)), immediate(at_once) {}
+
     Message message;
     bool immediate;
   };
@@ -131,7 +139,7 @@ class Guard {
   ~Guard() = default;
 
   Receiver& GetReceiver() { return receiver_; }
-  void Put(Message&& message, bool immediate) { pending_.Put({std::move(message), immediate}); }
+  void Put(Message&& message, bool immediate) { pending_.Emplace(std::move(message), immediate); }
   // What is to be delivered, or null.
   Pending* GetPending() {
     return std::uncaught_exceptions() > exceptions_ ? nullptr : pending_.Get();
