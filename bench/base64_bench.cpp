@@ -1,6 +1,7 @@
 // Base64 beside memcpy (the floor, over the bytes of the data) and OpenSSL. Every rate is in bytes
 // of the data, not of its text.
 #include <benchmark/benchmark.h>
+#include <quarn/base64.h>
 #include <quarn/buffer.h>
 
 #include <cstdint>
@@ -8,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "../quarn/src/base64.h"
 #include "../quarn/src/base64_coders.h"
 #include "bench.h"
 #ifdef TARV_BENCH_OPENSSL

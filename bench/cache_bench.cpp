@@ -43,6 +43,10 @@ void Cached(benchmark::State& state) {
 
 int main(int argc, char** argv) {
   benchmark::RegisterBenchmark("text and bytes alone", &Alone);
-  benchmark::RegisterBenchmark("in the cache, chunks held:", &Cached)->Arg(0)->Arg(10)->Arg(1000);
+  benchmark::RegisterBenchmark("in the cache, chunks held:", &Cached)
+      ->Arg(0)
+      ->Arg(10)
+      ->Arg(1000)
+      ->Arg(10000);
   return tarv::bench::RunBenchmarks(argc, argv);
 }

@@ -1,6 +1,6 @@
 // The standard codec beside copying the same bytes into new memory (the floor), MessagePack and
 // QCborValue. Each encodes from, and decodes to, the dynamic value of its own library, whose
-// destruction is part of decoding.
+// destruction is part of decoding. With --lines: the standard codec alone, as lines of figures.
 #include <benchmark/benchmark.h>
 #include <cw/encodable_value.h>
 
@@ -11,9 +11,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "bench.h"
+#include "codec_lines.h"
 #ifdef TARV_BENCH_MSGPACK
 #include <msgpack.hpp>
 #endif
@@ -66,6 +68,20 @@ EncodableValue TypedDoubles() { return EncodableValue(Doubles()); }
 EncodableValue ListOfDoubles() {
   const std::vector<double> doubles = Doubles();
   return EncodableValue(EncodableList(doubles.begin(), doubles.end()));
+}
+
+// Bytes beside doubles, as which the list is given.
+EncodableValue Bulk(EncodableValue doubles) {
+  EncodableMap map{{"bytes", BulkBytes()}};
+  map.emplace("doubles", std::move(doubles));
+  return EncodableValue(std::move(map));
+}
+
+void PrintLines() {
+  tarv::bench::PrintCodecLines("small map", SmallMap());
+  tarv::bench::PrintCodecLines("10k maps", Maps());
+  tarv::bench::PrintCodecLines("bulk", Bulk(ListOfDoubles()));
+  tarv::bench::PrintCodecLines("bulk typed", Bulk(TypedDoubles()));
 }
 
 void Copy(benchmark::State& state, EncodableValue (*make)()) {
@@ -232,6 +248,10 @@ void Register(const std::string& name, EncodableValue (*make)()) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 2 && std::string(argv[1]) == "--lines") {
+    PrintLines();
+    return 0;
+  }
   Register("small map", &SmallMap);
   RegisterPeers("small map", &SmallMap);
   Register("10,000 maps", &Maps);

@@ -1,9 +1,9 @@
 # What the benchmarks share, beside cmake/TarvTargets.cmake.
 
-# tarv_add_bench(NAME [LINKS target...]): the program NAME, of NAME.cpp.
+# tarv_add_bench(NAME [SOURCES file...] [LINKS target...]): the program NAME, of NAME.cpp and these.
 function(tarv_add_bench name)
-  cmake_parse_arguments(PARSE_ARGV 1 ARG "" "" "LINKS")
-  add_executable(${name} ${name}.cpp)
+  cmake_parse_arguments(PARSE_ARGV 1 ARG "" "" "SOURCES;LINKS")
+  add_executable(${name} ${name}.cpp ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE tarv::options ${ARG_LINKS} benchmark::benchmark)
 endfunction()
 

@@ -1,5 +1,6 @@
 #include <cw/standard_codec.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <iostream>
@@ -524,6 +525,47 @@ struct BufferSource {
   EncodableValue ReadPayload(std::uint8_t type) const { return ReadPayloadFrom(type, *this); }
 };
 
+bool IsText(std::uint8_t type) {
+  return type == static_cast<std::uint8_t>(TypeByte::String) ||
+         type == static_cast<std::uint8_t>(TypeByte::LargeInt);
+}
+
+// The key that comes next, where it lies; null for what is no text, or is not all there.
+std::string_view ReadKey(BufferSource source) {
+  const ValueScope scope(&source.stream->GetBudget());
+  const std::uint8_t type = source.stream->ReadByte();
+  if (!IsText(type)) {
+    source.ReadPayload(type);
+    return {};
+  }
+  const std::size_t length = ReadSizeFrom(source.stream);
+  ClaimBlock(length, 1, source.stream);
+  const auto* const text = reinterpret_cast<const char*>(source.stream->TakeBytes(length));
+  return text == nullptr ? std::string_view() : std::string_view(text, length);
+}
+
+// The entry with this key, if it is still without a value.
+WantedEntry* FindWanted(std::string_view key, WantedEntry* wanted, std::size_t count) {
+  WantedEntry* const end = wanted + count;
+  WantedEntry* const found =
+      std::find_if(wanted, end, [key](const WantedEntry& entry) { return entry.key == key; });
+  return found == end || found->value ? nullptr : found;
+}
+
+// ReadMap, for the entries that are wanted. The others are read as well: they count, and what is
+// wrong with them is reported.
+void ReadEntriesFrom(BufferSource source, WantedEntry* wanted, std::size_t count) {
+  const std::size_t size = ReadSizeFrom(source.stream);
+  AnnouncedItems entries(size, kMapEntryMinSize, source.stream);
+  while (entries.Next()) {
+    if (WantedEntry* const found = FindWanted(ReadKey(source), wanted, count)) {
+      found->value.emplace(NextItem<BufferSource>{source});
+    } else {
+      ReadItem(source);
+    }
+  }
+}
+
 // GCOVR_EXCL_BR_START: comparing types has a branch for names that none of these types has.
 // The stream as one over a buffer, if that is what it is and the serializer has no overrides.
 template <class BufferStream, class Stream>
@@ -595,6 +637,18 @@ EncodableValue StandardCodecSerializer::ReadValueOfType(std::uint8_t type,
     return BufferSource{plain}.ReadPayload(type);
   }
   return ReadPayloadFrom(type, AnySource{this, stream});
+}
+
+bool ReadMapEntries(WantedEntry* wanted, std::size_t count, ByteBufferStreamReader* stream) {
+  const ValueScope scope(&stream->GetBudget());
+  const std::uint8_t type = stream->ReadByte();
+  const BufferSource source{stream};
+  if (type != static_cast<std::uint8_t>(TypeByte::Map)) {
+    source.ReadPayload(type);
+    return false;
+  }
+  ReadEntriesFrom(source, wanted, count);
+  return true;
 }
 
 MapWriter::MapWriter(std::size_t size, const StandardCodecSerializer* serializer,

@@ -1,5 +1,4 @@
-#include "base64.h"
-
+#include <quarn/base64.h>
 #include <quarn/logger.h>
 
 #include <algorithm>

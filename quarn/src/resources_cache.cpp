@@ -14,35 +14,46 @@ const char* Store(std::deque<std::string>& strings, std::string_view text) {
   return strings.emplace_back(text.data(), text.size()).c_str();
 }
 
+// Where `id` stands first; the number of ids when it stands nowhere.
+std::size_t FirstOf(std::uint64_t id, const std::vector<std::uint64_t>& ids) {
+  return static_cast<std::size_t>(std::find(ids.begin(), ids.end(), id) - ids.begin());
+}
+
 }  // namespace
 
 std::uint64_t ResourcesCache::CreateChunk() {
   const std::lock_guard lock(mutex_);
-  const auto slot = std::find_if(chunks_.begin(), chunks_.end(),
-                                 [](const Chunk& chunk) { return chunk.id == 0; });
-  Chunk& chunk = slot != chunks_.end() ? *slot : chunks_.emplace_back();
-  chunk.id = details::CounterClient::GenerateId();
-  return chunk.id;
+  const std::size_t slot = FirstOf(0, ids_);
+  if (slot == ids_.size()) {
+    chunks_.resize(slot + 1);  // it is there already when memory ran out for the id the last time
+    ids_.push_back(0);
+  }
+  return ids_[slot] = details::CounterClient::GenerateId();
+}
+
+std::size_t ResourcesCache::FindChunkUnsafe(std::uint64_t id) const {
+  const std::size_t slot = id != 0 ? FirstOf(id, ids_) : ids_.size();
+  if (slot == ids_.size()) {
+    // Decimal, whatever base or locale the application has set on standard output.
+    QUARN_LOG_ERROR() << "Invalid chunk ID <" << std::to_string(id) << ">";
+  }
+  return slot;
 }
 
 ResourcesCache::Chunk* ResourcesCache::GetChunkUnsafe(std::uint64_t id) {
-  const auto found = std::find_if(chunks_.begin(), chunks_.end(),
-                                  [id](const Chunk& chunk) { return chunk.id == id; });
-  if (id == 0 || found == chunks_.end()) {
-    // Decimal, whatever base or locale the application has set on standard output.
-    QUARN_LOG_ERROR() << "Invalid chunk ID <" << std::to_string(id) << ">";
-    return nullptr;
-  }
-  return &*found;
+  const std::size_t slot = FindChunkUnsafe(id);
+  return slot < ids_.size() ? &chunks_[slot] : nullptr;
 }
 
 void ResourcesCache::RemoveChunk(std::uint64_t id) {
   const std::lock_guard lock(mutex_);
-  if (Chunk* chunk = GetChunkUnsafe(id)) {
-    chunk->id = 0;
-    chunk->strings.clear();
-    chunk->buffers.clear();
+  const std::size_t slot = FindChunkUnsafe(id);
+  if (slot == ids_.size()) {
+    return;
   }
+  ids_[slot] = 0;
+  chunks_[slot].strings.clear();
+  chunks_[slot].buffers.clear();
 }
 
 const char* ResourcesCache::AppendStr(std::uint64_t id, std::string_view text) {

@@ -1,7 +1,6 @@
 // Each coder against the one that goes by the definition, and the lengths that no buffer has.
-#include "../src/base64.h"
-
 #include <gtest/gtest.h>
+#include <quarn/base64.h>
 
 #include <array>
 #include <cstdint>

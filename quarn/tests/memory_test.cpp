@@ -3,7 +3,10 @@
 #include <quarn/object.h>
 #include <quarn/resources_cache.h>
 
+#include <cstdint>
+#include <limits>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -36,6 +39,36 @@ TEST(ResourcesCache, FreesTheTextsAndBuffersOfARemovedChunk) {
   ASSERT_GE(GetMemoryUsage().held, before + 2 * kSize);
   cache.RemoveChunk(id);
   EXPECT_LT(GetMemoryUsage().held, before + kSize);
+}
+
+// The limit refuses the cache its table of ids, at a growth of that, before anything smaller.
+TEST(ResourcesCache, StaysWholeWhenMemoryRunsOutForAChunk) {
+  constexpr std::size_t kLimit = 1500;
+  quarn::ResourcesCache cache;
+  std::vector<std::uint64_t> ids;
+  std::vector<const char*> texts;
+  const auto create = [&] {
+    ids.push_back(cache.CreateChunk());
+    texts.push_back(cache.AppendStr(ids.back(), std::to_string(ids.size())));
+  };
+  GetMemoryUsage().limit = kLimit;
+  ids.reserve(kLimit / sizeof(std::uint64_t));
+  texts.reserve(kLimit / sizeof(const char*));
+  const auto create_all = [&] {
+    while (ids.size() < ids.capacity()) {
+      create();
+    }
+  };
+  EXPECT_THROW(create_all(), std::bad_alloc);
+  EXPECT_THROW(create(), std::bad_alloc);
+  GetMemoryUsage().limit = std::numeric_limits<std::size_t>::max();
+  for (int i = 0; i < 10; ++i) {
+    create();
+  }
+  for (std::size_t i = 0; i < ids.size(); ++i) {
+    EXPECT_EQ(texts[i], std::to_string(i + 1));
+    EXPECT_NE(*cache.AppendStr(ids[i], "still known"), '\0');
+  }
 }
 
 // The registry refers to its objects weakly, and a weak reference keeps an object's memory.

@@ -3,20 +3,24 @@
 #include <quarn/object.h>
 #include <quarn/resources_cache.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstring>
 #include <ios>
 #include <iostream>
 #include <optional>
+#include <random>
 #include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "support/capture.h"
 #include "support/log_line.h"
+#include "support/seed.h"
 
 // Tells slots apart by their place in the cache, which nothing public shows. An explicit
 // instantiation may name private members.
@@ -35,7 +39,9 @@ using quarn::Buffer;
 using quarn::ResourcesCache;
 using quarn::ResourcesCacheGuard;
 using tarv::test::IsLogLine;
+using tarv::test::NewSeed;
 using tarv::test::StdoutOf;
+using tarv::test::TestSeed;
 
 std::string InvalidChunk(std::uint64_t id) {
   return "Invalid chunk ID <" + std::to_string(id) + ">";
@@ -86,6 +92,33 @@ TEST(ResourcesCache, ReusesTheLowestFreeSlotAndGrowsOnlyWhenThereIsNone) {
   EXPECT_EQ(SlotOf(cache, cache.CreateChunk()), slots[1]);
   EXPECT_EQ(SlotOf(cache, cache.CreateChunk()), slots[2]);
   EXPECT_THAT(slots, testing::Not(testing::Contains(SlotOf(cache, cache.CreateChunk()))));
+}
+
+// Opens and removes chunks at random. `slots` has the place of each slot, `ids` the id of its
+// chunk.
+TEST(ResourcesCache, TakesTheSlotsThatAScanFromTheFrontFinds) {
+  ResourcesCache cache;
+  std::vector<const void*> slots;
+  std::vector<std::uint64_t> ids;
+  const std::uint64_t seed = TestSeed(NewSeed());
+  SCOPED_TRACE("TARV_TEST_SEED=" + std::to_string(seed));
+  std::mt19937_64 random(seed);
+  for (int round = 0; round < 2000; ++round) {
+    const auto at = std::uniform_int_distribution<std::size_t>(0, ids.size())(random);
+    if (at < ids.size() && ids[at] != 0 && round % 16 > 6) {
+      cache.RemoveChunk(std::exchange(ids[at], 0));
+      continue;
+    }
+    const std::uint64_t id = cache.CreateChunk();
+    const auto free = std::find(ids.begin(), ids.end(), 0U) - ids.begin();
+    if (static_cast<std::size_t>(free) == ids.size()) {
+      ids.push_back(0);
+      slots.push_back(SlotOf(cache, id));
+    }
+    ids[static_cast<std::size_t>(free)] = id;
+    ASSERT_EQ(SlotOf(cache, id), slots[static_cast<std::size_t>(free)]);
+  }
+  EXPECT_GT(std::set<const void*>(slots.begin(), slots.end()).size(), 10U);
 }
 
 TEST(ResourcesCache, ForgetsTheOldIdOfAReusedSlot) {

@@ -1,11 +1,15 @@
 #include <cw/standard_codec.h>
+#include <quarn/base64.h>
 #include <quarn/logger.h>
+#include <quarn/strings.h>
 #include <vorpc/message.h>
 
 #include <algorithm>
 #include <array>
 #include <limits>
+#include <new>
 #include <ostream>
+#include <stdexcept>
 #include <type_traits>
 
 namespace vorpc {
@@ -59,6 +63,30 @@ Members FindMembers(cw::EncodableMap& map) {
       FindMembers<6>(map, {"error", "id", "jsonrpc", "method", "params", "result"});
   return {error, id, version, method, params, result};
 }
+
+// The members of a message that is read from its bytes, without the map that they come in.
+class MemberReader {
+ public:
+  bool Read(const std::uint8_t* data, std::size_t size) {
+    cw::ByteBufferStreamReader stream(data, size);
+    return cw::ReadMapEntries(entries_.data(), entries_.size(), &stream);
+  }
+
+  Members GetMembers() { return {Get(0), Get(1), Get(2), Get(3), Get(4), Get(5)}; }
+
+ private:
+  cw::EncodableValue* Get(std::size_t entry) {
+    auto& value = entries_[entry].value;
+    return value ? &*value : nullptr;
+  }
+
+  std::array<cw::WantedEntry, 6> entries_{{{"error", std::nullopt},
+                                           {"id", std::nullopt},
+                                           {"jsonrpc", std::nullopt},
+                                           {"method", std::nullopt},
+                                           {"params", std::nullopt},
+                                           {"result", std::nullopt}}};
+};
 
 bool HasVersion(const Members& members) {
   const auto* const version = std::get_if<std::string>(members.version);
@@ -128,6 +156,51 @@ Message ResultFromMembers(const Members& members) {
     return ParseFailure("Invalid RPC message");
   }
   return Message::CreateResponse(std::move(*id), std::move(*members.result));
+}
+
+Message NoMessage() { return ParseFailure("Emply or invalid RPC message"); }
+
+// As Message::FromEncodable, of a map with these members.
+Message FromMembers(const Members& members) {
+  if (!HasVersion(members)) {
+    return NoMessage();
+  }
+  if (members.method != nullptr) {
+    return CallFromMembers(members);
+  }
+  return members.error != nullptr ? ErrorFromMembers(members) : ResultFromMembers(members);
+}
+
+// As Message::FromEncodable of the value that the bytes hold.
+Message FromBytes(const std::uint8_t* data, std::size_t size) {
+  MemberReader reader;
+  try {
+    if (data == nullptr || !reader.Read(data, size)) {
+      return NoMessage();
+    }
+  } catch (const std::length_error&) {
+    return NoMessage();  // beyond the codec's bounds
+  } catch (const std::bad_alloc&) {
+    return NoMessage();
+  }
+  return FromMembers(reader.GetMembers());
+}
+
+// Texts up to here are decoded on the stack.
+constexpr std::size_t kSmallText = 2048;
+
+Message FromSmallText(std::string_view text) {
+  alignas(std::uint64_t) std::array<std::uint8_t, kSmallText / 4 * 3> bytes;
+  const auto size = quarn::base64::DecodedSize(text.data(), text.size());
+  if (!size || !quarn::base64::Decode(text.data(), text.size(), bytes.data())) {
+    return NoMessage();
+  }
+  return FromBytes(bytes.data(), *size);
+}
+
+Message FromText(std::string_view text) {
+  const quarn::Buffer bytes = quarn::Buffer::FromBase64(text);
+  return FromBytes(bytes.GetData(), bytes.GetSize());
 }
 
 // What is wrong with the "code" member of an error, or nothing.
@@ -452,17 +525,7 @@ Message Message::FromEncodable(const cw::EncodableValue& value) {
 
 Message Message::FromEncodable(cw::EncodableValue&& value) {
   auto* const map = std::get_if<cw::EncodableMap>(&value);
-  if (map == nullptr) {
-    return ParseFailure("Emply or invalid RPC message");
-  }
-  const Members members = FindMembers(*map);
-  if (!HasVersion(members)) {
-    return ParseFailure("Emply or invalid RPC message");
-  }
-  if (members.method != nullptr) {
-    return CallFromMembers(members);
-  }
-  return members.error != nullptr ? ErrorFromMembers(members) : ResultFromMembers(members);
+  return map == nullptr ? NoMessage() : FromMembers(FindMembers(*map));
 }
 
 std::string Message::ToBase64() const {
@@ -474,11 +537,15 @@ std::string Message::ToBase64() const {
       .ToBase64();
 }
 
-Message Message::FromBase64(const std::string& text) {
+Message Message::FromBase64(const std::string& text) { return FromBase64(std::string_view(text)); }
+
+Message Message::FromBase64(const char* text) { return FromBase64(quarn::strings::ViewOf(text)); }
+
+Message Message::FromBase64(std::string_view text) {
   if (text.empty()) {
     return {};
   }
-  return FromEncodable(cw::EncodableValue::Deserialize(quarn::Buffer::FromBase64(text)));
+  return text.size() <= kSmallText ? FromSmallText(text) : FromText(text);
 }
 
 std::ostream& operator<<(std::ostream& stream, const Message& message) {

@@ -4,49 +4,13 @@
 #include <cstdint>
 #include <string>
 
+#include "random_messages.h"
 #include "support/capture.h"
-#include "support/random_value.h"
 
 namespace vorpc::test_support {
 namespace {
 
-using cw::test_support::RandomValues;
 using cw::test_support::TestSeed;
-
-class RandomMessages {
- public:
-  explicit RandomMessages(std::uint64_t seed) : values_(seed) {}
-
-  Message Next() {
-    switch (values_.Below(5)) {
-      case 0:
-        return Message::CreateRequest(NextId(), NextName(), values_.Next());
-      case 1:
-        return Message::CreateResponse(NextId(), values_.Next());
-      case 2:
-        return Message::CreateNotification(NextName(), values_.Next());
-      case 3:
-        return Message::CreateError(NextId(), NextCode(), values_.NextText(), values_.Next());
-      default:
-        return Message::CreateError(NextCode(), values_.NextText(), values_.Next());
-    }
-  }
-
-  std::string NextDamaged(std::string text) {
-    text[values_.Below(text.size())] = static_cast<char>(values_.Below(256));
-    return text;
-  }
-
- private:
-  std::string NextName() { return "m" + values_.NextText(); }
-  Message::ID NextId() {
-    return values_.Below(2) == 0 ? Message::ID(static_cast<std::int64_t>(values_.Below(1000)))
-                                 : Message::ID(NextName());
-  }
-  std::int32_t NextCode() { return static_cast<std::int32_t>(values_.Below(70000)) - 35000; }
-
-  RandomValues values_;
-};
 
 TEST(MessageProperty, EveryMessageSurvivesItsTextForm) {
   const std::uint64_t seed = TestSeed(31337);

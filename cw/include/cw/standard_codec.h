@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string_view>
 #include <vector>
 
@@ -97,6 +98,18 @@ class TARV_EXPORT MapWriter {
   ByteStreamWriter* stream_;
   NestingScope scope_;
 };
+
+// An entry that is wanted of a map: the value under this text, once it is read. Not the empty text,
+// which stands for every other key.
+struct WantedEntry {
+  std::string_view key;
+  std::optional<EncodableValue> value;
+};
+
+// Reads the value that comes next as the standard serializer does, and keeps of a map only the
+// first values of `count` wanted entries, without making an EncodableMap; reports, counts and
+// throws the same. False when the value is no map. Inside the library only.
+bool ReadMapEntries(WantedEntry* wanted, std::size_t count, ByteBufferStreamReader* stream);
 
 }  // namespace cw
 

@@ -34,12 +34,7 @@ class CppStyleListener : public IListener<Args...> {
       : target_(std::move(target)) {}
 
   void Invoke(Args... args) const override {
-    Target target;
-    {
-      const std::shared_lock lock(mutex_);
-      target = target_;
-    }
-    if (target) {
+    if (const Target target = GetTarget()) {
       target(args...);
     }
   }
@@ -57,6 +52,11 @@ class CppStyleListener : public IListener<Args...> {
 
  private:
   using Target = std::function<void(const Args&...)>;
+
+  Target GetTarget() const {
+    const std::shared_lock lock(mutex_);
+    return target_;
+  }
 
   mutable std::shared_mutex mutex_;
   Target target_;

@@ -15,6 +15,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 namespace quarn {
 
@@ -49,15 +50,19 @@ class TARV_EXPORT ResourcesCache {
  private:
   // Deques, because appending to one moves nothing that is in it.
   struct Chunk {
-    std::uint64_t id = 0;  // 0: a free slot
     std::deque<std::string> strings;
     std::deque<Buffer> buffers;
   };
 
+  // The chunk, or null, and its position, or the number of slots, when there is none (logged).
   Chunk* GetChunkUnsafe(std::uint64_t id);
+  std::size_t FindChunkUnsafe(std::uint64_t id) const;
 
   std::mutex mutex_;
   std::deque<Chunk> chunks_;
+  // The chunks' ids at the chunks' positions, 0 for a free slot. Beside the chunks, so that a scan
+  // reads eight bytes a slot, one after the other.
+  std::vector<std::uint64_t> ids_;
 };
 
 // A chunk for the length of a scope.

@@ -68,17 +68,16 @@ class Signal : public details::CounterClient {
   // the caller.
   void EmitImpl(Args... args) const {
     // From the first call on, neither the signal nor what the emitter passed in need be there.
-    const std::shared_ptr<Order> order = order_;
+    const Snapshot snapshot = order_->Get();
     bool seen_dead = false;
-    const Snapshot entries = order->Get();
-    for (const Entry& entry : *entries) {
+    for (const Entry& entry : snapshot->entries) {
       if (const auto listener = entry.listener.lock()) {
         listener->Invoke(args...);
       } else {
         seen_dead = true;
       }
     }
-    if (seen_dead) {
+    if (const auto order = seen_dead ? snapshot->order.lock() : nullptr) {
       const std::unique_lock lock(order->mutex);
       order->EraseIf([](const Entry& entry) { return entry.listener.expired(); });
     }
@@ -90,36 +89,49 @@ class Signal : public details::CounterClient {
     std::weak_ptr<Listener> listener;
   };
 
-  // Entries that never change: an emission shares them instead of copying them.
-  using Snapshot = std::shared_ptr<const std::vector<Entry>>;
+  struct Order;
 
-  // The order of emission. Emissions under way share it, so it may outlive the signal.
+  // Entries that never change: an emission shares them instead of copying them.
+  struct Entries {
+    std::vector<Entry> entries;
+    std::weak_ptr<Order> order;  // whose they are; dead when the signal is
+  };
+  using Snapshot = std::shared_ptr<const Entries>;
+
+  // The order of emission.
   struct Order {
     Snapshot Get() const {
       const std::shared_lock lock(mutex);
-      return entries;
+      return snapshot;
     }
 
     // With the mutex held.
     void Append(Entry entry) {
-      auto changed = std::make_shared<std::vector<Entry>>(*entries);
-      changed->push_back(std::move(entry));
-      entries = std::move(changed);
+      auto changed = std::make_shared<Entries>(*snapshot);
+      changed->entries.push_back(std::move(entry));
+      snapshot = std::move(changed);
     }
 
     // With the mutex held.
     template <class Predicate>
     void EraseIf(Predicate predicate) {
-      auto changed = std::make_shared<std::vector<Entry>>(*entries);
-      changed->erase(std::remove_if(changed->begin(), changed->end(), predicate), changed->end());
-      entries = std::move(changed);
+      auto changed = std::make_shared<Entries>(*snapshot);
+      auto& entries = changed->entries;
+      entries.erase(std::remove_if(entries.begin(), entries.end(), predicate), entries.end());
+      snapshot = std::move(changed);
     }
 
     mutable std::shared_mutex mutex;  // guards which entries there are, and the signal's `owned_`
-    Snapshot entries = std::make_shared<const std::vector<Entry>>();
+    Snapshot snapshot;
   };
 
-  std::shared_ptr<Order> order_ = std::make_shared<Order>();
+  static std::shared_ptr<Order> MakeOrder() {
+    auto order = std::make_shared<Order>();
+    order->snapshot = std::make_shared<const Entries>(Entries{{}, order});
+    return order;
+  }
+
+  std::shared_ptr<Order> order_ = MakeOrder();
   // What keeps the listeners alive, by subscription.
   std::unordered_map<std::uint64_t, std::shared_ptr<Listener>> owned_;
 };

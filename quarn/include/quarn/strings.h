@@ -1,4 +1,4 @@
-// Strict parsing of numbers in text.
+// Texts of C as views, and strict parsing of numbers in text.
 #ifndef QUARN_STRINGS_H
 #define QUARN_STRINGS_H
 
@@ -7,10 +7,19 @@
 #include <cstdint>
 #include <limits>
 #include <optional>
+#include <stdexcept>
 #include <string_view>
 #include <type_traits>
 
 namespace quarn::strings {
+
+// The text where it lies. Throws std::logic_error for null, as a std::string made of it does.
+inline std::string_view ViewOf(const char* text) {
+  if (text == nullptr) {
+    throw std::logic_error("basic_string: construction from null is not valid");
+  }
+  return text;
+}
 
 namespace details {
 

@@ -1,4 +1,4 @@
-// Base64 (RFC 4648, section 4) straight between caller-provided buffers.
+// Base64 (RFC 4648, section 4) straight between caller-provided buffers. Inside the library only.
 #ifndef QUARN_BASE64_H
 #define QUARN_BASE64_H
 

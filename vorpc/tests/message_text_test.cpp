@@ -1,0 +1,248 @@
+// Decoding a text straight into a message, beside the simple way over the map that the text holds:
+// the same message, log lines and error lines for whatever comes.
+#include <cw/codec_limits.h>
+#include <cw/standard_codec.h>
+#include <gtest/gtest.h>
+#include <vorpc/message.h>
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "random_messages.h"
+#include "support/bytes.h"
+#include "support/capture.h"
+
+namespace vorpc::test_support {
+namespace {
+
+using cw::EncodableList;
+using cw::EncodableMap;
+using cw::EncodableValue;
+using cw::test_support::Bytes;
+using cw::test_support::FromHex;
+using cw::test_support::TestSeed;
+using cw::test_support::ToBytes;
+using tarv::test::CaptureStderr;
+using tarv::test::CaptureStdout;
+
+Message FromBase64ByMap(const std::string& text) {
+  return text.empty()
+             ? Message()
+             : Message::FromEncodable(EncodableValue::Deserialize(quarn::Buffer::FromBase64(text)));
+}
+
+// What decoding some texts gives and writes.
+struct Outcome {
+  std::vector<Message> messages;
+  std::string output;
+  std::string errors;
+};
+
+template <class Decode>
+Outcome DecodeAll(const std::vector<std::string>& texts, const Decode& decode) {
+  Outcome outcome;
+  const CaptureStdout output;
+  const CaptureStderr errors;
+  for (const std::string& text : texts) {
+    outcome.messages.push_back(decode(text));
+  }
+  outcome.output = output.GetText();
+  outcome.errors = errors.GetText();
+  return outcome;
+}
+
+// A NaN equals nothing, but has bytes.
+bool AreSame(const Message& a, const Message& b) {
+  return a == b || (a.GetType() == b.GetType() && !a.IsEmpty() && a.ToBase64() == b.ToBase64());
+}
+
+void ExpectSameAsByMap(const std::vector<std::string>& texts) {
+  const Outcome expected = DecodeAll(texts, &FromBase64ByMap);
+  const Outcome outcome =
+      DecodeAll(texts, [](const std::string& text) { return Message::FromBase64(text); });
+  for (std::size_t i = 0; i < texts.size(); ++i) {
+    ASSERT_TRUE(AreSame(outcome.messages[i], expected.messages[i]))
+        << texts[i].substr(0, 400) << ": " << outcome.messages[i] << " instead of "
+        << expected.messages[i];
+  }
+  ASSERT_EQ(outcome.output, expected.output);
+  ASSERT_EQ(outcome.errors, expected.errors);
+}
+
+std::string TextOf(const Bytes& bytes) { return quarn::Buffer(bytes).ToBase64(); }
+
+using Entries = std::vector<std::pair<std::string, EncodableValue>>;
+
+// The bytes of a map with these entries, in this order, twice the same key included.
+Bytes BytesOf(const Entries& entries) {
+  quarn::Buffer buffer;
+  cw::ByteBufferStreamWriter stream(&buffer);
+  cw::MapWriter map(entries.size(), &cw::StandardCodecSerializer::GetInstance(), &stream);
+  for (const auto& [key, value] : entries) {
+    map.Add(key, value);
+  }
+  return ToBytes(buffer);
+}
+
+Bytes Join(Bytes front, const Bytes& back) {
+  front.insert(front.end(), back.begin(), back.end());
+  return front;
+}
+
+// Members in every kind of order, missing, doubled and of every kind.
+std::vector<Bytes> OddMaps() {
+  const EncodableValue error(EncodableMap{{"code", 7}, {"message", "bad"}, {"data", 1.5}});
+  return {
+      BytesOf({{"result", 1}, {"jsonrpc", "2.0"}, {"id", "a"}}),
+      BytesOf({{"id", "a"}, {"id", "b"}, {"jsonrpc", "2.0"}, {"method", "m"}, {"method", "n"}}),
+      BytesOf({{"jsonrpc", "2.0"}, {"jsonrpc", "3.0"}, {"method", "m"}, {"params", {}}}),
+      BytesOf({{"jsonrpc", "3.0"}, {"jsonrpc", "2.0"}, {"method", "m"}}),
+      BytesOf({{"jsonrpc", 2}, {"method", "m"}}),
+      BytesOf({{"jsonrpc", "2.0 "}, {"method", "m"}}),
+      BytesOf({{"jsonrpc", "2.0"}}),
+      BytesOf({}),
+      BytesOf({{"", "x"}, {"jsonrpc", "2.0"}, {"", {}}, {"other", error}, {"method", "m"}}),
+      BytesOf({{"jsonrpc", "2.0"}, {"method", ""}, {"id", 1}}),
+      BytesOf({{"jsonrpc", "2.0"}, {"method", 5}}),
+      BytesOf({{"jsonrpc", "2.0"}, {"method", "m"}, {"id", std::int64_t{1} << 40}}),
+      BytesOf({{"jsonrpc", "2.0"}, {"method", "m"}, {"id", 1.5}}),
+      BytesOf({{"jsonrpc", "2.0"}, {"method", "m"}, {"id", EncodableMap{{"id", 5}}}}),
+      BytesOf({{"jsonrpc", "2.0"}, {"result", 1}, {"id", EncodableMap{{"id", 5}}}}),
+      BytesOf({{"jsonrpc", "2.0"}, {"error", error}}),
+      BytesOf({{"jsonrpc", "2.0"}, {"error", error}, {"id", 5}}),
+      BytesOf({{"jsonrpc", "2.0"}, {"error", error}, {"id", ""}}),
+      BytesOf({{"jsonrpc", "2.0"}, {"error", EncodableMap{{"code", 7}}}, {"id", 5}}),
+      BytesOf({{"jsonrpc", "2.0"}, {"error", "e"}, {"id", 5}, {"result", 6}}),
+      BytesOf({{"jsonrpc", "2.0"}, {"id", 5}, {"result", EncodableList{1, "x", error}}}),
+      BytesOf({{"jsonrpc", "2.0"}, {"method", "m"}, {"params", std::vector<double>{1, 2}}}),
+  };
+}
+
+// Not maps, maps with other keys, and bytes that no writer makes.
+std::vector<Bytes> OddBytes() {
+  const Bytes request = BytesOf({{"id", "a"}, {"jsonrpc", "2.0"}, {"method", "m"}});
+  return {
+      Join(request, request),
+      Join(request, {0x20, 0x0D}),
+      // {"jsonrpc": "2.0", "method": "m"} with its keys as large integers.
+      FromHex("0D 02 05 07 6A 73 6F 6E 72 70 63 05 03 32 2E 30 05 06 6D 65 74 68 6F 64 05 01 6D"),
+      // The same, with the size of a key in three bytes.
+      FromHex("0D 02 07 FE 07 00 6A 73 6F 6E 72 70 63 07 03 32 2E 30 07 06 6D 65 74 68 6F 64 05 01 "
+              "6D"),
+      // Keys of other kinds, and of none.
+      FromHex("0D 05 00 01 20 02 03 01 00 00 00 0C 01 21 06 00 00 00 00 00 00 00 00 00 00 07 07 6A "
+              "73 6F 6E 72 70 63 07 03 32 2E 30"),
+      FromHex("0D FF FF FF FF FF"),
+      FromHex("0D FE 00 04"),
+      FromHex("0D 03 07 FF 00 00 00 01 61"),
+      FromHex("0C 02 20 21"),
+      FromHex("07 03 61"),
+      FromHex("20"),
+      FromHex("00"),
+  };
+}
+
+// The value under "params" nests as deep as it may, and deeper: lists of one list each.
+std::vector<Bytes> DeepMaps() {
+  std::vector<Bytes> maps;
+  for (const std::size_t levels : {cw::kMaxNesting - 1, cw::kMaxNesting, 2 * cw::kMaxNesting}) {
+    Bytes bytes =
+        FromHex("0D 02 07 07 6A 73 6F 6E 72 70 63 07 03 32 2E 30 07 06 70 61 72 61 6D 73");
+    for (std::size_t i = 0; i < levels; ++i) {
+      bytes = Join(std::move(bytes), {0x0C, 1});
+    }
+    maps.push_back(Join(std::move(bytes), {0}));
+  }
+  return maps;
+}
+
+std::vector<Bytes> Corpus() {
+  std::vector<Bytes> corpus = OddMaps();
+  const std::vector<Bytes> odd = OddBytes();
+  corpus.insert(corpus.end(), odd.begin(), odd.end());
+  return corpus;
+}
+
+TEST(MessageText, IsReadAsTheMapThatItHolds) {
+  for (const Bytes& bytes : Corpus()) {
+    ExpectSameAsByMap({TextOf(bytes)});
+    ASSERT_FALSE(HasFailure());
+  }
+}
+
+TEST(MessageText, IsReadAsTheMapThatItHoldsHoweverDeepThatIs) {
+  for (const Bytes& bytes : DeepMaps()) {
+    ExpectSameAsByMap({TextOf(bytes)});
+    ASSERT_FALSE(HasFailure());
+  }
+}
+
+TEST(MessageText, IsReadAsTheMapThatItHoldsWhenItIsCutShort) {
+  for (const Bytes& bytes : Corpus()) {
+    std::vector<std::string> texts;
+    for (std::size_t size = 0; size < bytes.size(); ++size) {
+      texts.push_back(quarn::Buffer(bytes.data(), size).ToBase64());
+    }
+    ExpectSameAsByMap(texts);
+    ASSERT_FALSE(HasFailure());
+  }
+}
+
+TEST(MessageText, IsReadAsTheMapThatItHoldsWithEachBitFlipped) {
+  for (Bytes bytes : Corpus()) {
+    std::vector<std::string> texts;
+    for (std::size_t bit = 0; bit < bytes.size() * 8; ++bit) {
+      const auto mask = static_cast<std::uint8_t>(1U << (bit % 8));
+      bytes[bit / 8] ^= mask;
+      texts.push_back(TextOf(bytes));
+      bytes[bit / 8] ^= mask;
+    }
+    ExpectSameAsByMap(texts);
+    ASSERT_FALSE(HasFailure());
+  }
+}
+
+TEST(MessageText, IsReadAsTheMapThatItHoldsForRandomMessages) {
+  const std::uint64_t seed = TestSeed(8086);
+  SCOPED_TRACE("TARV_TEST_SEED=" + std::to_string(seed));
+  RandomMessages messages(seed);
+  std::vector<std::string> texts;
+  for (int i = 0; i < 2000; ++i) {
+    texts.push_back(messages.Next().ToBase64());
+    texts.push_back(messages.NextDamaged(messages.Next().ToBase64()));
+  }
+  ExpectSameAsByMap(texts);
+}
+
+TEST(MessageText, IsReadAsTheMapThatItHoldsForRandomDamage) {
+  const std::uint64_t seed = TestSeed(6502);
+  SCOPED_TRACE("TARV_TEST_SEED=" + std::to_string(seed));
+  RandomMessages messages(seed);
+  std::vector<std::string> texts;
+  for (int i = 0; i < 1000; ++i) {
+    Bytes bytes = ToBytes(messages.Next().ToEncodable().Serialize());
+    for (int hit = 0; hit < 3; ++hit) {
+      bytes[messages.Below(bytes.size())] = static_cast<std::uint8_t>(messages.Below(256));
+    }
+    texts.push_back(TextOf(bytes));
+  }
+  ExpectSameAsByMap(texts);
+}
+
+TEST(MessageText, IsTakenAsAStringAViewAndACText) {
+  const Message message = Message::CreateRequest(Message::ID(7), "m", 5);
+  const std::string text = message.ToBase64();
+  EXPECT_EQ(Message::FromBase64(text), message);
+  EXPECT_EQ(Message::FromBase64(text.c_str()), message);
+  EXPECT_EQ(Message::FromBase64(std::string_view(text + "x").substr(0, text.size())), message);
+}
+
+TEST(MessageText, RaisesTheErrorOfAStringForNull) {
+  const char* const null = nullptr;
+  EXPECT_THROW(Message::FromBase64(null), std::logic_error);
+}
+
+}  // namespace
+}  // namespace vorpc::test_support
