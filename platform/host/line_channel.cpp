@@ -23,9 +23,8 @@ constexpr std::size_t kBytesPerTurn = std::size_t{1} << 20U;
 constexpr std::size_t kBytesPerDrain = std::size_t{64} << 20U;
 // Small messages that go out in one system call.
 constexpr std::size_t kPartsPerWrite = 64;
-// A text that is offered to the socket before a line is made of it. A Unix socket takes a message
-// of that size whole or not at all.
-constexpr std::size_t kMostAtOnce = std::size_t{16} << 10U;
+// What is copied for the queue between two tries of the socket.
+constexpr std::size_t kSlice = std::size_t{64} << 10U;
 // A text that may wait for others, and how much of them goes out together: the peer shall have
 // something to do meanwhile.
 constexpr std::size_t kMostHeld = std::size_t{1} << 10U;
@@ -39,15 +38,6 @@ constexpr int kShownOfLine = 80;
 // What follows a text on the socket: the end of its message and of the line.
 constexpr std::string_view kDataEnd = "\"}\n";
 
-QByteArray DataLine(std::string_view text) {
-  QByteArray line(static_cast<int>(kDataHead.size() + text.size() + kDataEnd.size()),
-                  Qt::Uninitialized);
-  char* out = std::copy(kDataHead.begin(), kDataHead.end(), line.data());
-  out = std::copy(text.begin(), text.end(), out);
-  std::copy(kDataEnd.begin(), kDataEnd.end(), out);
-  return line;
-}
-
 iovec PartOf(std::string_view text) { return {const_cast<char*>(text.data()), text.size()}; }
 
 ssize_t SendParts(int socket, iovec* parts, std::size_t count) {
@@ -58,6 +48,40 @@ ssize_t SendParts(int socket, iovec* parts, std::size_t count) {
 }
 
 }  // namespace
+
+// The line of a text, as far as it is not dealt with yet.
+class LineChannel::DataLine {
+ public:
+  explicit DataLine(std::string_view text) : parts_{kDataHead, text, kDataEnd} {}
+
+  std::size_t Size() const { return parts_[0].size() + parts_[1].size() + parts_[2].size(); }
+  std::array<iovec, 3> Gather() const {
+    return {PartOf(parts_[0]), PartOf(parts_[1]), PartOf(parts_[2])};
+  }
+  void Skip(std::size_t size) {
+    for (std::string_view& part : parts_) {
+      const std::size_t here = std::min(size, part.size());
+      part.remove_prefix(here);
+      size -= here;
+    }
+  }
+  // The next bytes, `most` at most.
+  QByteArray Take(std::size_t most) {
+    QByteArray bytes(static_cast<int>(std::min(most, Size())), Qt::Uninitialized);
+    auto left = static_cast<std::size_t>(bytes.size());
+    char* out = bytes.data();
+    for (std::string_view& part : parts_) {
+      const std::size_t here = part.copy(out, left);
+      part.remove_prefix(here);
+      out += here;
+      left -= here;
+    }
+    return bytes;
+  }
+
+ private:
+  std::array<std::string_view, 3> parts_;
+};
 
 LineChannel::LineChannel(QString task, QString peer, Callbacks callbacks)
     : task_(std::move(task)),
@@ -86,7 +110,7 @@ void LineChannel::Send(const QJsonObject& object) {
   if (!Accepts(line ? static_cast<std::size_t>(line->size()) - 1 : limits_.max_message + 1)) return;
   Trace(task_, Direction::kSend, {{line->constData(), static_cast<std::size_t>(line->size()) - 1}});
   WriteHeld();
-  Queue(*std::move(line), 0);
+  Queue(*std::move(line));
 }
 
 void LineChannel::SendData(std::string_view text) {
@@ -98,8 +122,19 @@ void LineChannel::SendData(std::string_view text) {
   Trace(task_, Direction::kSend, {kDataHead, text, kDataTail});
   if (Hold(text)) return;
   WriteHeld();
-  const std::size_t sent = text.size() <= kMostAtOnce ? WriteAtOnce(text) : 0;
-  if (sent < kDataHead.size() + text.size() + kDataEnd.size()) Queue(DataLine(text), sent);
+  Write(DataLine(text));
+}
+
+// What the socket does not take is copied into the queue, but not at once: a reader on another CPU
+// makes room meanwhile.
+void LineChannel::Write(DataLine line) {
+  while (true) {
+    line.Skip(WriteAtOnce(line));
+    if (line.Size() == 0) return;
+    Queue(line.Take(kSlice));
+    if (line.Size() == 0 || !MaySend()) return;
+    if (socket_.IsValid()) Flush();
+  }
 }
 
 bool LineChannel::MaySend() {
@@ -138,22 +173,20 @@ bool LineChannel::Hold(std::string_view text) {
   if (held_ == nullptr) held_ = WriteBatch::Create(socket_.Get());
   if (held_ == nullptr) return false;
   held_->Put({kDataHead, text, kDataEnd});
-  held_size_ += kDataHead.size() + text.size() + kDataEnd.size();
+  held_size_ += DataLine(text).Size();
   if (!holding_ || held_size_ >= kBatch) WriteHeld();
   return true;
 }
 
 void LineChannel::WriteHeld() {
   if (std::exchange(held_size_, 0) == 0 || held_->Write()) return;
-  Queue(held_->TakeRest(), 0);
+  Queue(held_->TakeRest());
 }
 
-// The first `sent` bytes of the line have been written.
-void LineChannel::Queue(QByteArray line, std::size_t sent) {
+void LineChannel::Queue(QByteArray bytes) {
   const bool was_empty = queue_.empty();
-  queued_ += static_cast<std::size_t>(line.size());
-  queue_.push_back(std::move(line));
-  if (was_empty) front_sent_ = sent;
+  queued_ += static_cast<std::size_t>(bytes.size());
+  queue_.push_back(std::move(bytes));
   if (was_empty && socket_.IsValid()) Flush();
 }
 
@@ -324,11 +357,11 @@ void LineChannel::FlushUntil(std::chrono::steady_clock::time_point deadline) {
   }
 }
 
-// What the socket takes of a message at once, in bytes: nothing while others wait, and nothing when
-// it fails, which the next try will show.
-std::size_t LineChannel::WriteAtOnce(std::string_view text) const {
+// What the socket takes of a line at once, in bytes: nothing while others wait, and nothing when it
+// fails, which the next try will show.
+std::size_t LineChannel::WriteAtOnce(const DataLine& line) const {
   if (!queue_.empty() || !socket_.IsValid()) return 0;
-  std::array<iovec, 3> parts = {PartOf(kDataHead), PartOf(text), PartOf(kDataEnd)};
+  auto parts = line.Gather();
   const ssize_t size =
       RetryOnEintr([this, &parts] { return SendParts(socket_.Get(), parts.data(), parts.size()); });
   return size < 0 ? 0 : static_cast<std::size_t>(size);

@@ -61,12 +61,15 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   bool IsOpen() const { return !ended_; }
 
  private:
+  class DataLine;
+
   bool MaySend();
   bool Accepts(std::size_t size);
   bool Hold(std::string_view text);
   void WriteHeld();
   void DropUnsent();
-  void Queue(QByteArray line, std::size_t sent);
+  void Write(DataLine line);
+  void Queue(QByteArray bytes);
   void OnReadable();
   void OnWritable();
   void Read(std::size_t budget, bool to_the_end);
@@ -76,7 +79,7 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   void DeliverLine(std::string_view line);
   void WarnAboutLine(std::string_view line);
   void Flush();
-  std::size_t WriteAtOnce(std::string_view text) const;
+  std::size_t WriteAtOnce(const DataLine& line) const;
   ssize_t WriteSome();
   void DropWritten(std::size_t size);
   void WaitForRoom(bool wait);
