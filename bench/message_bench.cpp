@@ -1,4 +1,4 @@
-// A small request to its text and back: the road that every message takes twice. Beside it what
+// A request to its text and back: the road that every message takes twice. Beside a small one what
 // the codec and Base64 take of that, so that the rest is the message's own. Each line counts the
 // allocations of one round.
 #include <benchmark/benchmark.h>
@@ -85,6 +85,32 @@ void MapFromText(benchmark::State& state) {
   });
 }
 BENCHMARK(MapFromText);
+
+// A large payload, in memory that is new each time. Beside it a copy of the text, the floor.
+
+Message LargeRequest() {
+  return Message::CreateRequest(
+      Message::ID("id417_12"), "files/store",
+      cw::EncodableMap{{"data", tarv::bench::Bytes(std::size_t{16} << 20)}, {"name", "image"}});
+}
+
+void LargeMessageToText(benchmark::State& state) {
+  const Message request = LargeRequest();
+  Measure(state, [&request] { benchmark::DoNotOptimize(request.ToBase64()); });
+}
+BENCHMARK(LargeMessageToText)->Unit(benchmark::kMicrosecond);
+
+void LargeMessageFromText(benchmark::State& state) {
+  const std::string text = LargeRequest().ToBase64();
+  Measure(state, [&text] { benchmark::DoNotOptimize(Message::FromBase64(text)); });
+}
+BENCHMARK(LargeMessageFromText)->Unit(benchmark::kMicrosecond);
+
+void CopyLargeText(benchmark::State& state) {
+  const std::string text = LargeRequest().ToBase64();
+  Measure(state, [&text] { benchmark::DoNotOptimize(std::string(text)); });
+}
+BENCHMARK(CopyLargeText)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 

@@ -1,3 +1,4 @@
+#include <cw/base64_streams.h>
 #include <cw/standard_codec.h>
 
 #include <algorithm>
@@ -82,52 +83,32 @@ class AnySink {
   ByteStreamWriter* stream_;
 };
 
-// Where the standard serializer writes a value into a buffer: nothing is virtual, and small pieces
-// are gathered, because the buffer takes long pieces as fast as short ones.
-class BufferSink {
+// Gathers small pieces for a buffer, which takes long pieces as fast as short ones.
+class BufferGatherer {
  public:
-  explicit BufferSink(ByteBufferStreamWriter* stream)
-      : stream_(stream), buffer_(stream->GetBuffer()), flushed_(buffer_->GetSize()) {}
+  static constexpr std::size_t kLongestPiece = 256;
 
-  ByteStreamWriter* GetStream() const { return stream_; }
+  explicit BufferGatherer(quarn::Buffer* buffer) : buffer_(buffer), flushed_(buffer->GetSize()) {}
+  ~BufferGatherer() = default;
+  BufferGatherer(const BufferGatherer&) = delete;
+  BufferGatherer& operator=(const BufferGatherer&) = delete;
 
-  void PutByte(std::uint8_t byte) { *Gather(1) = byte; }
+  std::size_t GetSize() const { return flushed_ + length_; }
 
-  template <std::size_t kLength>
-  void PutFew(const std::array<std::uint8_t, kLength>& bytes) {
-    std::memcpy(Gather(kLength), bytes.data(), kLength);
+  // Room for the next `length` bytes.
+  std::uint8_t* Gather(std::size_t length) {
+    if (length > gathered_.size() - length_) {
+      Flush();
+    }
+    length_ += length;
+    return gathered_.data() + (length_ - length);
   }
 
-  // A whole text value, if it is a short one.
-  bool PutShortText(std::string_view text) {
-    if (text.size() > kLongestShort) {
-      return false;
-    }
-    std::uint8_t* const out = Gather(2 + text.size());
-    out[0] = static_cast<std::uint8_t>(TypeByte::String);
-    out[1] = static_cast<std::uint8_t>(text.size());
-    CopyShort(out + 2, reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
-    return true;
-  }
-
-  void PutBytes(const std::uint8_t* data, std::size_t length) {
-    if (length <= kLongestGathered) {
-      std::memcpy(Gather(length), data, length);
-      return;
-    }
+  void Write(const std::uint8_t* data, std::size_t length) {
     Flush();
     buffer_->WriteBytes(data, length);
     flushed_ += length;
   }
-
-  void Align(std::uint8_t alignment) {
-    const std::size_t excess = (flushed_ + length_) % alignment;
-    if (excess != 0) {
-      std::memset(Gather(alignment - excess), 0, alignment - excess);
-    }
-  }
-
-  void PutValue(const EncodableValue& value);
 
   // To be called at the end.
   void Flush() {
@@ -137,22 +118,62 @@ class BufferSink {
   }
 
  private:
-  static constexpr std::size_t kLongestShort = 16;
-  static constexpr std::size_t kLongestGathered = 256;
-
-  std::uint8_t* Gather(std::size_t length) {
-    if (length > gathered_.size() - length_) {
-      Flush();
-    }
-    length_ += length;
-    return gathered_.data() + (length_ - length);
-  }
-
-  ByteBufferStreamWriter* stream_;
   quarn::Buffer* buffer_;
   std::size_t flushed_;     // bytes in the buffer
   std::size_t length_ = 0;  // bytes gathered behind them
   std::array<std::uint8_t, 4096> gathered_;
+};
+
+// Where the standard serializer writes a value through one who gathers its bytes: nothing is
+// virtual.
+template <class Gatherer>
+class DirectSink {
+ public:
+  DirectSink(ByteStreamWriter* stream, Gatherer* gatherer) : stream_(stream), out_(gatherer) {}
+
+  ByteStreamWriter* GetStream() const { return stream_; }
+
+  void PutByte(std::uint8_t byte) { *out_->Gather(1) = byte; }
+
+  template <std::size_t kLength>
+  void PutFew(const std::array<std::uint8_t, kLength>& bytes) {
+    std::memcpy(out_->Gather(kLength), bytes.data(), kLength);
+  }
+
+  // A whole text value, if it is a short one.
+  bool PutShortText(std::string_view text) {
+    if (text.size() > kLongestShort) {
+      return false;
+    }
+    std::uint8_t* const out = out_->Gather(2 + text.size());
+    out[0] = static_cast<std::uint8_t>(TypeByte::String);
+    out[1] = static_cast<std::uint8_t>(text.size());
+    CopyShort(out + 2, reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
+    return true;
+  }
+
+  void PutBytes(const std::uint8_t* data, std::size_t length) {
+    if (length > Gatherer::kLongestPiece) {
+      out_->Write(data, length);
+    } else if (length != 0) {
+      std::memcpy(out_->Gather(length), data, length);
+    }
+  }
+
+  void Align(std::uint8_t alignment) {
+    const std::size_t excess = out_->GetSize() % alignment;
+    if (excess != 0) {
+      std::memset(out_->Gather(alignment - excess), 0, alignment - excess);
+    }
+  }
+
+  void PutValue(const EncodableValue& value);
+
+ private:
+  static constexpr std::size_t kLongestShort = 16;
+
+  ByteStreamWriter* stream_;
+  Gatherer* out_;
 };
 
 template <class Sink>
@@ -288,7 +309,10 @@ void WriteValueTo(const EncodableValue& value, Sink& sink) {
   std::visit(writer, static_cast<const internal::EncodableVariant&>(value));
 }
 
-void BufferSink::PutValue(const EncodableValue& value) { WriteValueTo(value, *this); }
+template <class Gatherer>
+void DirectSink<Gatherer>::PutValue(const EncodableValue& value) {
+  WriteValueTo(value, *this);
+}
 
 // A value that is being read, for the budget.
 class ValueScope {
@@ -376,6 +400,26 @@ EncodableValue ReadChars(std::size_t length, ByteBufferStreamReader* stream) {
                         length);
 }
 
+// Appends bytes that come next in the text of a message to a list or text of bytes.
+template <class Bytes>
+void AppendBytes(std::size_t length, Base64StreamReader* stream, Bytes& bytes) {
+  if (length > stream->BytesLeft()) {
+    throw Base64StreamReader::GiveUp();
+  }
+  bytes.reserve(length);
+  while (length != 0) {
+    const Base64StreamReader::Piece piece = stream->TakeSome(length);
+    bytes.insert(bytes.end(), piece.data, piece.data + piece.size);
+    length -= piece.size;
+  }
+}
+
+EncodableValue ReadChars(std::size_t length, Base64StreamReader* stream) {
+  EncodableValue value(std::in_place_type<std::string>);
+  AppendBytes(length, stream, *std::get_if<std::string>(&value));
+  return value;
+}
+
 template <class Stream>
 EncodableValue ReadText(Stream* stream) {
   const std::size_t length = ReadSizeFrom(stream);
@@ -407,6 +451,26 @@ std::vector<T> ReadBlock(std::size_t count, ByteBufferStreamReader* stream) {
   return list;
 }
 
+template <class T>
+std::vector<T> ReadBlock(std::size_t count, Base64StreamReader* stream) {
+  std::vector<T> list;
+  if constexpr (sizeof(T) == 1) {
+    AppendBytes(count, stream, list);
+  } else {
+    if (count > stream->BytesLeft() / sizeof(T)) {
+      throw Base64StreamReader::GiveUp();
+    }
+    list.reserve(count);
+    std::array<T, Base64StreamReader::kLongestTaken / sizeof(T)> piece;
+    while (list.size() != count) {
+      const std::size_t next = std::min(piece.size(), count - list.size());
+      stream->ReadBytes(reinterpret_cast<std::uint8_t*>(piece.data()), next * sizeof(T));
+      list.insert(list.end(), piece.data(), piece.data() + next);
+    }
+  }
+  return list;
+}
+
 template <class T, class Stream>
 std::vector<T> ReadTypedList(Stream* stream) {
   const std::size_t size = ReadSizeFrom(stream);
@@ -427,7 +491,11 @@ EncodableValue ReadDouble(Stream* stream) {
   return EncodableValue(ReadNumber<double>(stream));
 }
 
-EncodableValue ReportUnknownType(std::uint8_t type) {
+EncodableValue ReportUnknownType(std::uint8_t /*type*/, Base64StreamReader* /*stream*/) {
+  throw Base64StreamReader::GiveUp();
+}
+
+EncodableValue ReportUnknownType(std::uint8_t type, ByteStreamReader* /*stream*/) {
   std::cerr << "Unknown type in StandardCodecSerializer::ReadValueOfType: " + std::to_string(type) +
                    "\n";
   return {};
@@ -505,7 +573,7 @@ EncodableValue ReadPayloadFrom(std::uint8_t type, Source source) {
     case TypeByte::FloatList:
       return EncodableValue(ReadTypedList<float>(source.stream));
   }
-  return ReportUnknownType(type);
+  return ReportUnknownType(type, source.stream);
 }
 
 // Where values are read from: through the virtual operations of any serializer and any stream.
@@ -518,9 +586,10 @@ struct AnySource {
   }
 };
 
-// Where the standard serializer reads values from a buffer: nothing is virtual.
-struct BufferSource {
-  ByteBufferStreamReader* stream;
+// Where the standard serializer reads values from a stream that it knows: nothing is virtual.
+template <class Stream>
+struct DirectSource {
+  Stream* stream;
 
   EncodableValue ReadPayload(std::uint8_t type) const { return ReadPayloadFrom(type, *this); }
 };
@@ -530,8 +599,24 @@ bool IsText(std::uint8_t type) {
          type == static_cast<std::uint8_t>(TypeByte::LargeInt);
 }
 
-// The key that comes next, where it lies; null for what is no text, or is not all there.
-std::string_view ReadKey(BufferSource source) {
+// The text that comes next as a key, where it lies; the empty one where it is not all there.
+std::string_view TakeText(std::size_t length, ByteBufferStreamReader* stream) {
+  const auto* const text = reinterpret_cast<const char*>(stream->TakeBytes(length));
+  return text == nullptr ? std::string_view() : std::string_view(text, length);
+}
+
+// The same; the empty one for a text that is longer than any key that is wanted.
+std::string_view TakeText(std::size_t length, Base64StreamReader* stream) {
+  if (length > Base64StreamReader::kLongestTaken) {
+    ReadChars(length, stream);
+    return {};
+  }
+  return {reinterpret_cast<const char*>(stream->TakeBytes(length)), length};
+}
+
+// The key that comes next, valid until the next read; the empty one for what is no text.
+template <class Stream>
+std::string_view ReadKey(DirectSource<Stream> source) {
   const ValueScope scope(&source.stream->GetBudget());
   const std::uint8_t type = source.stream->ReadByte();
   if (!IsText(type)) {
@@ -540,8 +625,7 @@ std::string_view ReadKey(BufferSource source) {
   }
   const std::size_t length = ReadSizeFrom(source.stream);
   ClaimBlock(length, 1, source.stream);
-  const auto* const text = reinterpret_cast<const char*>(source.stream->TakeBytes(length));
-  return text == nullptr ? std::string_view() : std::string_view(text, length);
+  return TakeText(length, source.stream);
 }
 
 // The entry with this key, if it is still without a value.
@@ -554,27 +638,58 @@ WantedEntry* FindWanted(std::string_view key, WantedEntry* wanted, std::size_t c
 
 // ReadMap, for the entries that are wanted. The others are read as well: they count, and what is
 // wrong with them is reported.
-void ReadEntriesFrom(BufferSource source, WantedEntry* wanted, std::size_t count) {
+template <class Stream>
+void ReadEntries(DirectSource<Stream> source, WantedEntry* wanted, std::size_t count) {
   const std::size_t size = ReadSizeFrom(source.stream);
   AnnouncedItems entries(size, kMapEntryMinSize, source.stream);
   while (entries.Next()) {
     if (WantedEntry* const found = FindWanted(ReadKey(source), wanted, count)) {
-      found->value.emplace(NextItem<BufferSource>{source});
+      found->value.emplace(NextItem<DirectSource<Stream>>{source});
     } else {
       ReadItem(source);
     }
   }
 }
 
+template <class Stream>
+bool ReadMapEntriesFrom(DirectSource<Stream> source, WantedEntry* wanted, std::size_t count) {
+  const ValueScope scope(&source.stream->GetBudget());
+  const std::uint8_t type = source.stream->ReadByte();
+  if (type != static_cast<std::uint8_t>(TypeByte::Map)) {
+    source.ReadPayload(type);
+    return false;
+  }
+  ReadEntries(source, wanted, count);
+  return true;
+}
+
 // GCOVR_EXCL_BR_START: comparing types has a branch for names that none of these types has.
-// The stream as one over a buffer, if that is what it is and the serializer has no overrides.
-template <class BufferStream, class Stream>
-BufferStream* AsPlainBuffer(const StandardCodecSerializer* serializer, Stream* stream) {
-  const bool plain = serializer == &StandardCodecSerializer::GetInstance() &&
-                     typeid(*stream) == typeid(BufferStream);
-  return plain ? static_cast<BufferStream*>(stream) : nullptr;
+// The stream as one that is known, if that is what it is and the serializer has no overrides.
+template <class Known, class Stream>
+Known* AsKnown(const StandardCodecSerializer* serializer, Stream* stream) {
+  const bool known =
+      serializer == &StandardCodecSerializer::GetInstance() && typeid(*stream) == typeid(Known);
+  return known ? static_cast<Known*>(stream) : nullptr;
 }
 // GCOVR_EXCL_BR_STOP
+
+// Calls `write` with the sink for the stream.
+template <class Write>
+void WriteToSink(const StandardCodecSerializer* serializer, ByteStreamWriter* stream,
+                 const Write& write) {
+  if (auto* const text = AsKnown<Base64StreamWriter>(serializer, stream)) {
+    DirectSink sink(stream, &text->GetEncoder());
+    write(sink);
+  } else if (auto* const plain = AsKnown<ByteBufferStreamWriter>(serializer, stream)) {
+    BufferGatherer gatherer(plain->GetBuffer());
+    DirectSink sink(stream, &gatherer);
+    write(sink);
+    gatherer.Flush();
+  } else {
+    AnySink sink(serializer, stream);
+    write(sink);
+  }
+}
 
 }  // namespace
 
@@ -596,20 +711,12 @@ std::size_t StandardCodecSerializer::ReadSize(ByteStreamReader* stream) const {
 }
 
 void StandardCodecSerializer::WriteString(std::string_view text, ByteStreamWriter* stream) const {
-  AnySink sink(this, stream);
-  WriteText(text, sink);
+  WriteToSink(this, stream, [text](auto& sink) { WriteText(text, sink); });
 }
 
 void StandardCodecSerializer::WriteValue(const EncodableValue& value,
                                          ByteStreamWriter* stream) const {
-  if (auto* const plain = AsPlainBuffer<ByteBufferStreamWriter>(this, stream)) {
-    BufferSink sink(plain);
-    sink.PutValue(value);
-    sink.Flush();
-    return;
-  }
-  AnySink sink(this, stream);
-  WriteValueTo(value, sink);
+  WriteToSink(this, stream, [&value](auto& sink) { WriteValueTo(value, sink); });
 }
 
 EncodableValue StandardCodecSerializer::ReadValue(ByteStreamReader* stream) const {
@@ -633,29 +740,24 @@ template std::vector<float> StandardCodecSerializer::ReadVector(ByteStreamReader
 
 EncodableValue StandardCodecSerializer::ReadValueOfType(std::uint8_t type,
                                                         ByteStreamReader* stream) const {
-  if (auto* const plain = AsPlainBuffer<ByteBufferStreamReader>(this, stream)) {
-    return BufferSource{plain}.ReadPayload(type);
+  if (auto* const plain = AsKnown<ByteBufferStreamReader>(this, stream)) {
+    return DirectSource<ByteBufferStreamReader>{plain}.ReadPayload(type);
   }
   return ReadPayloadFrom(type, AnySource{this, stream});
 }
 
 bool ReadMapEntries(WantedEntry* wanted, std::size_t count, ByteBufferStreamReader* stream) {
-  const ValueScope scope(&stream->GetBudget());
-  const std::uint8_t type = stream->ReadByte();
-  const BufferSource source{stream};
-  if (type != static_cast<std::uint8_t>(TypeByte::Map)) {
-    source.ReadPayload(type);
-    return false;
-  }
-  ReadEntriesFrom(source, wanted, count);
-  return true;
+  return ReadMapEntriesFrom(DirectSource<ByteBufferStreamReader>{stream}, wanted, count);
+}
+
+bool ReadMapEntries(WantedEntry* wanted, std::size_t count, Base64StreamReader* stream) {
+  return ReadMapEntriesFrom(DirectSource<Base64StreamReader>{stream}, wanted, count);
 }
 
 MapWriter::MapWriter(std::size_t size, const StandardCodecSerializer* serializer,
                      ByteStreamWriter* stream)
     : serializer_(serializer), stream_(stream), scope_(stream) {
-  AnySink sink(serializer, stream);
-  WriteHeader(TypeByte::Map, size, sink);
+  WriteToSink(serializer, stream, [size](auto& sink) { WriteHeader(TypeByte::Map, size, sink); });
 }
 
 void MapWriter::AddKey(std::string_view key) { serializer_->WriteString(key, stream_); }

@@ -69,6 +69,10 @@ bool Decode(const char* text, std::size_t length, std::uint8_t* out) {
   return DecodeBy(BestCoder(), text, length, out);
 }
 
+bool DecodeGroups(const char* text, std::size_t length, std::uint8_t* out) {
+  return DecodeGroupsBy(BestCoder(), text, length, out);
+}
+
 std::string EncodeToText(const std::uint8_t* data, std::size_t size) {
   const auto length = EncodedLength(size);
   if (!length) {
@@ -106,7 +110,7 @@ std::optional<std::vector<std::uint8_t>> DecodeToBytes(const char* text, std::si
   bytes.reserve(*size);
   std::array<std::uint8_t, kBlockBytes> block;
   for (; length > kBlockLength; text += kBlockLength, length -= kBlockLength) {
-    if (!DecodeGroupsBy(BestCoder(), text, kBlockLength, block.data())) {
+    if (!DecodeGroups(text, kBlockLength, block.data())) {
       return std::nullopt;
     }
     bytes.insert(bytes.end(), block.begin(), block.end());

@@ -149,6 +149,34 @@ TEST(CppStyleListener, MayBeInvokedWhileAnotherThreadInvokesItOnce) {
   }
 }
 
+TEST(CppStyleListener, IsWholeForAllThreadsThatInvokeItAtOnce) {
+  const std::string text = "a text too long to be stored in place";
+  for (int round = 0; round < 100; ++round) {
+    std::atomic<int> once{0};
+    std::atomic<int> torn{0};
+    IntListener listener([&, kept = text](int value) {
+      once += value;
+      torn += kept == text ? 0 : 1;
+    });
+    std::vector<std::thread> threads;
+    threads.reserve(2);
+    for (int i = 0; i < 2; ++i) {
+      threads.emplace_back([&listener] {
+        for (int call = 0; call < 50; ++call) {
+          listener.Invoke(0);
+        }
+      });
+    }
+    listener.Invoke(0);
+    listener.InvokeOnce(1);
+    for (auto& thread : threads) {
+      thread.join();
+    }
+    ASSERT_EQ(once, 1);
+    ASSERT_EQ(torn, 0);
+  }
+}
+
 // What happened to the user data of a slot.
 struct UserData {
   std::vector<int> heard;

@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 #include <system_error>
+#include <utility>
 
 namespace {
 
@@ -69,6 +70,22 @@ class RunningDispatcher : public IDispatcher {
 
 using IntListener = quarn::CppStyleListener<int>;
 
+// A target that does something, once, while a listener copies it to call it.
+struct Target {
+  Target(std::function<void()>& action, int& sum) : when_copied(action), heard(sum) {}
+  Target(const Target& other) : when_copied(other.when_copied), heard(other.heard) {
+    if (const auto action = std::exchange(when_copied, nullptr)) {
+      action();
+    }
+  }
+  Target& operator=(const Target&) = delete;
+  ~Target() = default;
+  void operator()(int value) const { heard += value; }
+
+  std::function<void()>& when_copied;
+  int& heard;
+};
+
 class Locks : public testing::Test {
  protected:
   void SetUp() override {
@@ -99,8 +116,9 @@ class Locks : public testing::Test {
   quarn::OwnedSignal<int> signal_;
   std::shared_ptr<Thing> thing_;
   int heard_ = 0;
+  std::function<void()> when_copied_;
   std::shared_ptr<IntListener> listener_ =
-      std::make_shared<IntListener>([this](int value) { heard_ += value; });
+      std::make_shared<IntListener>(Target(when_copied_, heard_));
 };
 
 TEST_F(Locks, EmittingASignalWithoutListenersTakesNoExclusiveLock) {
@@ -143,6 +161,23 @@ TEST_F(Locks, InvokingTakesNoExclusiveLock) {
   EXPECT_EQ(exclusive_locks, 0);
 }
 
+TEST_F(Locks, InvokingAListenerTakesASharedLockOnlyWhileItIsRead) {
+  listener_->Invoke(1);
+  EXPECT_EQ(shared_locks, 0);
+  when_copied_ = [this] { listener_->Invoke(1); };
+  listener_->Invoke(1);
+  EXPECT_EQ(heard_, 3);
+  EXPECT_EQ(shared_locks, 1);
+  EXPECT_EQ(exclusive_locks, 0);
+}
+
+TEST_F(Locks, InvokingAListenerOnceTakesAnExclusiveLock) {
+  listener_->InvokeOnce(1);
+  EXPECT_EQ(heard_, 1);
+  EXPECT_EQ(shared_locks, 0);
+  EXPECT_EQ(exclusive_locks, 1);
+}
+
 TEST_F(Locks, DrawingAnIdTakesNoLock) {
   quarn::details::CounterClient::GenerateId();
   EXPECT_EQ(shared_locks + exclusive_locks, 0);
@@ -161,8 +196,9 @@ TEST_F(Locks, ASharedLockThatIsBusyIsTriedAgain) {
   signal_.Emit(1);
   EXPECT_EQ(heard_, 1);
   busy_attempts = 3;
+  when_copied_ = [this] { listener_->Invoke(1); };
   listener_->Invoke(1);
-  EXPECT_EQ(heard_, 2);
+  EXPECT_EQ(heard_, 3);
   EXPECT_EQ(busy_attempts, 0);
 }
 
@@ -172,7 +208,10 @@ TEST_F(Locks, ALockThatWouldDeadlockRaisesASystemError) {
   EXPECT_TRUE(Deadlocks([this] { thing_->ResetDispatcher(); }));
   EXPECT_TRUE(Deadlocks([this] { signal_.Emit(1); }));
   EXPECT_TRUE(Deadlocks([this] { signal_.Subscribe(listener_); }));
-  EXPECT_TRUE(Deadlocks([this] { listener_->Invoke(1); }));
+  EXPECT_TRUE(Deadlocks([this] {
+    when_copied_ = [this] { listener_->Invoke(1); };
+    listener_->Invoke(1);
+  }));
   EXPECT_TRUE(Deadlocks([this] { listener_->InvokeOnce(1); }));
   listener_->Invoke(1);
   EXPECT_EQ(heard_, 1);

@@ -1,45 +1,24 @@
 // What a small message costs in memory allocations: a figure that is the same on every machine.
-// This program counts the calls of the C library's allocator, of Qt's and the kit's code too.
+#include "allocations.h"
 
 #include <QEventLoop>
-#include <atomic>
 #include <cstddef>
+#include <cstdint>
+#include <stdexcept>
 
 #include "application.h"
-
-namespace {
-
-std::atomic<std::size_t> allocations{0};
-
-}  // namespace
-
-extern "C" {
-void* __libc_malloc(std::size_t size);                     // NOLINT(bugprone-reserved-identifier)
-void* __libc_calloc(std::size_t count, std::size_t size);  // NOLINT(bugprone-reserved-identifier)
-void* __libc_realloc(void* memory, std::size_t size);      // NOLINT(bugprone-reserved-identifier)
-
-__attribute__((visibility("default"))) void* malloc(std::size_t size) {
-  ++allocations;
-  return __libc_malloc(size);
-}
-__attribute__((visibility("default"))) void* calloc(std::size_t count, std::size_t size) {
-  ++allocations;
-  return __libc_calloc(count, size);
-}
-__attribute__((visibility("default"))) void* realloc(void* memory, std::size_t size) {
-  ++allocations;
-  return __libc_realloc(memory, size);
-}
-}
 
 namespace tarv::test {
 namespace {
 
+constexpr int kRequests = 500;
+
+// The two processes of a connection; the task tells its own number.
 class Allocations : public EndToEndTest {
  protected:
   // Makes `count` requests, each from inside the answer to the one before. The number of
-  // allocations that this takes.
-  static std::size_t CountForRequests(vorpc::IClient& client, int count) {
+  // allocations that this takes here.
+  static std::size_t CountForRequests(vorpc::IClient& client, int count = kRequests) {
     const cw::EncodableValue params = cw::EncodableMap{{"n", 1}};
     QEventLoop loop;
     std::function<void()> send;
@@ -51,29 +30,45 @@ class Allocations : public EndToEndTest {
       client.SendRequest("echo", params,
                          [&on_answer](const Response& response) { on_answer(response); });
     };
-    const std::size_t before = allocations;
+    const std::size_t before = CountAllocations();
     send();
     loop.exec();
-    return allocations - before;
+    return CountAllocations() - before;
+  }
+
+  static std::size_t CountInTask(Connection& connection) {
+    const auto count = connection.Ask("count allocations").AsInt64();
+    return count ? static_cast<std::size_t>(*count) : throw std::runtime_error("no number");
   }
 };
 
 TEST_F(Allocations, AreCounted) {
-  const std::size_t before = allocations;
+  const std::size_t before = CountAllocations();
   const QByteArray by_qt(100, 'x');
   const auto by_the_language = std::make_unique<std::string>(100, 'x');
-  EXPECT_GE(allocations - before, 3U);
+  EXPECT_GE(CountAllocations() - before, 3U);
 }
 
 // The request's and the answer's way through the application's process. A new allocation on the
 // road breaks this test; one that is taken out should lower the bound.
-TEST_F(Allocations, OfARequestAndItsAnswerStayWithinTheBound) {
+TEST_F(Allocations, OfARequestAndItsAnswerStayWithinTheBoundInTheApplication) {
   constexpr std::size_t kBound = 16;
-  constexpr int kRequests = 500;
-  const auto connection = StartConnected();
-  CountForRequests(*connection->client, kRequests);  // buffers and tables grow to their size
-  const std::size_t count = CountForRequests(*connection->client, kRequests);
+  const auto connection = StartConnected("counter");
+  CountForRequests(*connection->client);  // buffers and tables grow to their size
+  const std::size_t count = CountForRequests(*connection->client);
   EXPECT_LE(count, kBound * kRequests) << "allocations for " << kRequests << " requests";
+}
+
+// The same through the task's process, whose number comes by one more request.
+TEST_F(Allocations, OfARequestAndItsAnswerStayWithinTheBoundInTheTask) {
+  constexpr std::size_t kBound = 17;
+  const auto connection = StartConnected("counter");
+  CountForRequests(*connection->client);
+  const std::size_t before = CountInTask(*connection);
+  CountForRequests(*connection->client);
+  const std::size_t count = CountInTask(*connection) - before;
+  EXPECT_GE(count, kRequests);
+  EXPECT_LE(count, kBound * (kRequests + 1)) << "allocations for " << kRequests << " requests";
 }
 
 }  // namespace

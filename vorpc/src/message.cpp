@@ -1,3 +1,4 @@
+#include <cw/base64_streams.h>
 #include <cw/standard_codec.h>
 #include <quarn/base64.h>
 #include <quarn/logger.h>
@@ -6,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <exception>
 #include <limits>
 #include <new>
 #include <ostream>
@@ -67,9 +69,10 @@ Members FindMembers(cw::EncodableMap& map) {
 // The members of a message that is read from its bytes, without the map that they come in.
 class MemberReader {
  public:
-  bool Read(const std::uint8_t* data, std::size_t size) {
-    cw::ByteBufferStreamReader stream(data, size);
-    return cw::ReadMapEntries(entries_.data(), entries_.size(), &stream);
+  // False when what comes next in the stream is no map.
+  template <class Stream>
+  bool Read(Stream* stream) {
+    return cw::ReadMapEntries(entries_.data(), entries_.size(), stream);
   }
 
   Members GetMembers() { return {Get(0), Get(1), Get(2), Get(3), Get(4), Get(5)}; }
@@ -174,8 +177,9 @@ Message FromMembers(const Members& members) {
 // As Message::FromEncodable of the value that the bytes hold.
 Message FromBytes(const std::uint8_t* data, std::size_t size) {
   MemberReader reader;
+  cw::ByteBufferStreamReader stream(data, size);
   try {
-    if (data == nullptr || !reader.Read(data, size)) {
+    if (data == nullptr || !reader.Read(&stream)) {
       return NoMessage();
     }
   } catch (const std::length_error&) {
@@ -188,6 +192,9 @@ Message FromBytes(const std::uint8_t* data, std::size_t size) {
 
 // Texts up to here are decoded on the stack.
 constexpr std::size_t kSmallText = 2048;
+// Texts above are decoded as they are read: their bytes as a whole would be a second large block
+// of memory, and its pages cost more than what they hold.
+constexpr std::size_t kMediumText = 65536;
 
 Message FromSmallText(std::string_view text) {
   alignas(std::uint64_t) std::array<std::uint8_t, kSmallText / 4 * 3> bytes;
@@ -198,9 +205,32 @@ Message FromSmallText(std::string_view text) {
   return FromBytes(bytes.data(), *size);
 }
 
-Message FromText(std::string_view text) {
+Message FromMediumText(std::string_view text) {
   const quarn::Buffer bytes = quarn::Buffer::FromBase64(text);
   return FromBytes(bytes.GetData(), bytes.GetSize());
+}
+
+// The same without the bytes as a whole. None, with nothing reported, for a text with any fault.
+std::optional<Message> FromFlawlessText(std::string_view text) {
+  MemberReader reader;
+  try {
+    cw::Base64StreamReader stream(text);
+    if (!reader.Read(&stream)) {
+      return std::nullopt;
+    }
+    stream.CheckRest();
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+  return FromMembers(reader.GetMembers());
+}
+
+Message FromText(std::string_view text) {
+  if (text.size() <= kSmallText) {
+    return FromSmallText(text);
+  }
+  auto message = text.size() > kMediumText ? FromFlawlessText(text) : std::nullopt;
+  return message ? *std::move(message) : FromMediumText(text);
 }
 
 // What is wrong with the "code" member of an error, or nothing.
@@ -247,7 +277,7 @@ class TreeMap {
   cw::EncodableMap map_;
 };
 
-// Writes the members of a message straight into its bytes, so that the payload is copied once.
+// Writes the members of a message straight into its text, so that the payload is copied once.
 class StreamMap {
  public:
   StreamMap(std::size_t size, cw::ByteStreamWriter* stream)
@@ -404,16 +434,17 @@ cw::EncodableValue EncodeTree(const Content& content) {
   return map.Take();
 }
 
-quarn::Buffer EncodeBytes(std::monostate /*empty*/) { return cw::EncodableValue().Serialize(); }
+std::string EncodeText(std::monostate /*empty*/) {
+  return cw::EncodableValue().Serialize().ToBase64();
+}
 
 template <class Content>
-quarn::Buffer EncodeBytes(const Content& content) {
-  quarn::Buffer buffer;
-  buffer.Reserve(EstimateSize(content));
-  cw::ByteBufferStreamWriter stream(&buffer);
+std::string EncodeText(const Content& content) {
+  cw::Base64StreamWriter stream;
+  stream.GetEncoder().Expect(EstimateSize(content));
   StreamMap map(CountMembers(content), &stream);
   Fill(map, content);
-  return buffer;
+  return stream.GetEncoder().Finish();
 }
 
 // A text that came from outside: quoted, escaped and clipped as the text of a value is.
@@ -530,11 +561,10 @@ Message Message::FromEncodable(cw::EncodableValue&& value) {
 
 std::string Message::ToBase64() const {
   return std::visit(
-             [](const auto& content) {
-               return IsEncodable(content) ? EncodeBytes(content) : EncodeBytes(std::monostate());
-             },
-             content_)
-      .ToBase64();
+      [](const auto& content) {
+        return IsEncodable(content) ? EncodeText(content) : EncodeText(std::monostate());
+      },
+      content_);
 }
 
 Message Message::FromBase64(const std::string& text) { return FromBase64(std::string_view(text)); }
@@ -542,10 +572,7 @@ Message Message::FromBase64(const std::string& text) { return FromBase64(std::st
 Message Message::FromBase64(const char* text) { return FromBase64(quarn::strings::ViewOf(text)); }
 
 Message Message::FromBase64(std::string_view text) {
-  if (text.empty()) {
-    return {};
-  }
-  return text.size() <= kSmallText ? FromSmallText(text) : FromText(text);
+  return text.empty() ? Message() : FromText(text);
 }
 
 std::ostream& operator<<(std::ostream& stream, const Message& message) {

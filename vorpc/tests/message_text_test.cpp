@@ -6,7 +6,10 @@
 #include <vorpc/message.h>
 
 #include <cstdint>
+#include <random>
+#include <stdexcept>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -229,6 +232,72 @@ TEST(MessageText, IsReadAsTheMapThatItHoldsForRandomDamage) {
     texts.push_back(TextOf(bytes));
   }
   ExpectSameAsByMap(texts);
+}
+
+// Payloads of a size that is read piece by piece, bare and inside a map with more behind it.
+std::vector<Bytes> LargeMaps() {
+  std::vector<Bytes> maps;
+  for (const std::size_t size : {48000U, 49099U, 49100U, 49101U, 49110U, 49150U, 60001U, 140000U}) {
+    const std::vector<std::uint8_t> bytes(size, 0xA5);
+    maps.push_back(BytesOf({{"jsonrpc", "2.0"}, {"method", "m"}, {"params", bytes}}));
+    maps.push_back(BytesOf({{"id", "1"},
+                            {"jsonrpc", "2.0"},
+                            {"result", EncodableMap{{"data", bytes}, {"of", 0.5}}},
+                            {"result", std::string(size, 'x')}}));
+    maps.push_back(Join(BytesOf({{"jsonrpc", "2.0"}, {"id", "1"}, {"result", bytes}}), {0x20, 1}));
+    maps.push_back(Join(BytesOf({{"jsonrpc", "2.0"}, {"id", bytes}}), FromHex("0D 20 21")));
+    maps.push_back(Join(FromHex("0D 03 20"), BytesOf({{"result", bytes}})));
+    maps.push_back(Join(FromHex("0C 02 20"), BytesOf({{"result", bytes}})));
+  }
+  return maps;
+}
+
+TEST(MessageText, IsReadAsTheMapThatItHoldsWhenItIsLarge) {
+  for (const Bytes& bytes : LargeMaps()) {
+    ExpectSameAsByMap({TextOf(bytes)});
+    ASSERT_FALSE(HasFailure());
+  }
+}
+
+TEST(MessageText, IsReadAsTheMapThatItHoldsWhenItIsLargeAndCutShort) {
+  for (const Bytes& bytes : LargeMaps()) {
+    std::vector<std::string> texts;
+    for (std::size_t cut = 1; cut < 40; ++cut) {
+      texts.push_back(quarn::Buffer(bytes.data(), bytes.size() - cut).ToBase64());
+      texts.push_back(TextOf(bytes).substr(0, TextOf(bytes).size() - cut));
+    }
+    ExpectSameAsByMap(texts);
+    ASSERT_FALSE(HasFailure());
+  }
+}
+
+TEST(MessageText, IsReadAsTheMapThatItHoldsWhenItIsLargeAndDamaged) {
+  const std::uint64_t seed = TestSeed(68000);
+  SCOPED_TRACE("TARV_TEST_SEED=" + std::to_string(seed));
+  std::mt19937_64 random(seed);
+  for (const Bytes& bytes : LargeMaps()) {
+    std::vector<std::string> texts;
+    for (int i = 0; i < 20; ++i) {
+      std::string text = TextOf(bytes);
+      const std::size_t place = random() % 2 == 0 ? random() % 120 : random() % text.size();
+      text[place] = random() % 2 == 0 ? 'Q' : static_cast<char>(random());
+      texts.push_back(std::move(text));
+    }
+    ExpectSameAsByMap(texts);
+    ASSERT_FALSE(HasFailure());
+  }
+}
+
+TEST(MessageText, IsThatOfTheMapForLargePayloadsInEveryPhase) {
+  for (const char* const id : {"a", "aa", "aaa"}) {
+    for (const std::size_t size : {3000U, 3071U, 3072U, 3073U, 65535U, 65536U, 200000U}) {
+      const auto message = Message::CreateResponse(
+          Message::ID(id), EncodableList{std::vector<std::uint8_t>(size, 0x5A),
+                                         std::vector<double>(size / 8, 0.1), "end"});
+      ASSERT_EQ(message.ToBase64(), message.ToEncodable().Serialize().ToBase64()) << size;
+      ASSERT_EQ(Message::FromBase64(message.ToBase64()), message) << size;
+    }
+  }
 }
 
 TEST(MessageText, IsTakenAsAStringAViewAndACText) {

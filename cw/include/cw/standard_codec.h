@@ -14,6 +14,8 @@
 
 namespace cw {
 
+class Base64StreamReader;
+
 // The first byte of every encoded value. 15 to 127 are reserved for the format; derived serializers
 // use 128 and above for types of their own.
 enum class TypeByte : std::uint8_t {
@@ -110,6 +112,7 @@ struct WantedEntry {
 // first values of `count` wanted entries, without making an EncodableMap; reports, counts and
 // throws the same. False when the value is no map. Inside the library only.
 bool ReadMapEntries(WantedEntry* wanted, std::size_t count, ByteBufferStreamReader* stream);
+bool ReadMapEntries(WantedEntry* wanted, std::size_t count, Base64StreamReader* stream);
 
 }  // namespace cw
 

@@ -42,6 +42,10 @@ std::optional<std::size_t> DecodedSize(const char* text, std::size_t length);
 // text is not canonical.
 bool Decode(const char* text, std::size_t length, std::uint8_t* out);
 
+// Decodes a text of whole groups, without padding: a multiple of four characters. False, with `out`
+// partly written, when one is foreign.
+bool DecodeGroups(const char* text, std::size_t length, std::uint8_t* out);
+
 }  // namespace quarn::base64
 
 #endif  // QUARN_BASE64_H

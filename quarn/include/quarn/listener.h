@@ -4,10 +4,13 @@
 
 #include <quarn/sized_struct.h>
 
+#include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
+#include <thread>
 #include <utility>
 
 namespace quarn {
@@ -25,6 +28,28 @@ class IListener {
   virtual void InvokeOnce(Args... args) = 0;
 };
 
+namespace details {
+
+// One atomic operation, if nobody else wants it: for moments.
+class LoneLock {
+ public:
+  // NOLINTBEGIN(readability-identifier-naming): what std::unique_lock calls
+  bool try_lock() { return !taken_.exchange(true, std::memory_order_acquire); }
+  void lock() {
+    while (!try_lock()) {
+      // Not a yield, which would keep a holder of lower priority from getting done.
+      std::this_thread::sleep_for(std::chrono::microseconds(1));
+    }
+  }
+  void unlock() { taken_.store(false, std::memory_order_release); }
+  // NOLINTEND(readability-identifier-naming)
+
+ private:
+  std::atomic<bool> taken_{false};
+};
+
+}  // namespace details
+
 // A listener around a std::function; an empty one is called as if it did nothing. Any thread: the
 // target runs outside the lock, and of several concurrent InvokeOnce exactly one reaches it.
 template <class... Args>
@@ -40,12 +65,7 @@ class CppStyleListener : public IListener<Args...> {
   }
 
   void InvokeOnce(Args... args) override {
-    Target target;
-    {
-      const std::unique_lock lock(mutex_);
-      target.swap(target_);
-    }
-    if (target) {
+    if (const Target target = TakeTarget()) {
       target(args...);
     }
   }
@@ -54,10 +74,23 @@ class CppStyleListener : public IListener<Args...> {
   using Target = std::function<void(const Args&...)>;
 
   Target GetTarget() const {
+    const std::unique_lock lone(lone_, std::try_to_lock);
+    if (lone.owns_lock()) {
+      return target_;
+    }
     const std::shared_lock lock(mutex_);
     return target_;
   }
 
+  Target TakeTarget() {
+    const std::lock_guard lone(lone_);  // first, so that who reads by it may come back in
+    const std::unique_lock lock(mutex_);
+    return std::exchange(target_, nullptr);
+  }
+
+  // Whoever reads holds either of these, who takes the target holds both. The first is for a reader
+  // without company, at half the price; readers who meet share the second.
+  mutable details::LoneLock lone_;
   mutable std::shared_mutex mutex_;
   Target target_;
 };

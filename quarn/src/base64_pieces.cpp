@@ -1,0 +1,90 @@
+#include <quarn/base64.h>
+#include <quarn/base64_pieces.h>
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+namespace quarn {
+
+namespace {
+
+constexpr std::size_t kGroup = 3;  // bytes
+constexpr std::size_t kQuad = 4;   // characters
+
+// What is decoded or encoded at a time, through a cache that is faster than memory.
+constexpr std::size_t kStep = 3072;
+
+constexpr std::size_t TextLength(std::size_t size) { return (size + kGroup - 1) / kGroup * kQuad; }
+
+}  // namespace
+
+void Base64Encoder::Expect(std::size_t size) {
+  // What fits into the block gets a text of its exact size at the end.
+  if (size > block_.size()) {
+    text_.reserve(TextLength(size));
+  }
+}
+
+void Base64Encoder::Write(const std::uint8_t* data, std::size_t size) {
+  // The block holds whole groups, so there is room to end the group that it ends within.
+  const std::size_t head =
+      size <= block_.size() - length_ ? size : (kGroup - length_ % kGroup) % kGroup;
+  if (head != 0) {
+    std::memcpy(block_.data() + length_, data, head);
+    length_ += head;
+  }
+  if (head == size) {
+    return;
+  }
+  // A large piece is seldom followed by another.
+  constexpr std::size_t kRoomBehind = 8192;
+  Flush();
+  text_.reserve(text_.size() + TextLength(size) + kRoomBehind);
+  const std::size_t whole = (size - head) / kGroup * kGroup;
+  Append(data + head, whole);
+  length_ = size - head - whole;
+  std::memcpy(block_.data(), data + head + whole, length_);
+}
+
+std::string Base64Encoder::Finish() {
+  Append(block_.data(), length_);
+  length_ = 0;
+  return std::move(text_);
+}
+
+void Base64Encoder::Flush() {
+  const std::size_t rest = length_ % kGroup;
+  Append(block_.data(), length_ - rest);
+  std::memmove(block_.data(), block_.data() + (length_ - rest), rest);
+  length_ = rest;
+}
+
+void Base64Encoder::Append(const std::uint8_t* data, std::size_t size) {
+  std::array<char, TextLength(kStep)> step;
+  encoded_ += size;
+  while (size != 0) {
+    const std::size_t count = std::min(kStep, size);
+    base64::Encode(data, count, step.data());
+    text_.append(step.data(), TextLength(count));
+    data += count;
+    size -= count;
+  }
+}
+
+Base64Decoder::Base64Decoder(std::string_view text)
+    : text_(text), bytes_left_(base64::DecodedSize(text.data(), text.size()).value()) {}
+
+bool Base64Decoder::Decode(std::uint8_t* out, std::size_t size) {
+  if (size == bytes_left_) {
+    bytes_left_ = 0;
+    return size == 0 || base64::Decode(text_.data(), text_.size(), out);
+  }
+  const std::size_t length = size / kGroup * kQuad;
+  const bool done = base64::DecodeGroups(text_.data(), length, out);
+  text_.remove_prefix(length);
+  bytes_left_ -= size;
+  return done;
+}
+
+}  // namespace quarn
