@@ -1,5 +1,6 @@
 #include <cw/base64_streams.h>
 #include <cw/standard_codec.h>
+#include <quarn/large_memory.h>
 
 #include <algorithm>
 #include <array>
@@ -407,6 +408,7 @@ void AppendBytes(std::size_t length, Base64StreamReader* stream, Bytes& bytes) {
     throw Base64StreamReader::GiveUp();
   }
   bytes.reserve(length);
+  quarn::ExpectFilling(bytes.data(), length);
   while (length != 0) {
     const Base64StreamReader::Piece piece = stream->TakeSome(length);
     bytes.insert(bytes.end(), piece.data, piece.data + piece.size);

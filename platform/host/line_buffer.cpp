@@ -1,6 +1,10 @@
 #include "line_buffer.h"
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -12,6 +16,17 @@ namespace {
 constexpr std::size_t kFirstCapacity = std::size_t{256} << 10U;
 // What an idle connection keeps after a large line; a line of that size is worth to be detached.
 constexpr std::size_t kKeptCapacity = std::size_t{1} << 20U;
+// What has whole large pages inside.
+constexpr std::size_t kLargeCapacity = std::size_t{4} << 20U;
+
+// Spares hundreds of page faults for each mebibyte that will be read, where the system has large
+// pages to give.
+void AskForLargePages(char* data, std::size_t size) {
+  if (size < kLargeCapacity) return;
+  static const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
+  const std::uintptr_t before = (page - reinterpret_cast<std::uintptr_t>(data) % page) % page;
+  ::madvise(data + before, (size - before) / page * page, MADV_HUGEPAGE);
+}
 
 }  // namespace
 
@@ -20,6 +35,7 @@ bool LineBuffer::Reserve(std::size_t capacity) {
     // Large blocks are moved by the kernel's page tables, not copied.
     data_.reserve(static_cast<int>(capacity));
     data_.resize(static_cast<int>(capacity));
+    AskForLargePages(data_.data(), capacity);
   } catch (const std::bad_alloc&) {
     return false;
   }

@@ -1,5 +1,6 @@
 #include <quarn/base64.h>
 #include <quarn/base64_pieces.h>
+#include <quarn/large_memory.h>
 
 #include <algorithm>
 #include <cstring>
@@ -41,6 +42,7 @@ void Base64Encoder::Write(const std::uint8_t* data, std::size_t size) {
   constexpr std::size_t kRoomBehind = 8192;
   Flush();
   text_.reserve(text_.size() + TextLength(size) + kRoomBehind);
+  ExpectFilling(text_.data() + text_.size(), TextLength(size));
   const std::size_t whole = (size - head) / kGroup * kGroup;
   Append(data + head, whole);
   length_ = size - head - whole;

@@ -1,3 +1,4 @@
+#include <quarn/large_memory.h>
 #include <quarn/logger.h>
 #include <quarn/object.h>
 #include <quarn/resources_cache.h>
@@ -11,7 +12,13 @@ namespace {
 constexpr char kNoText[] = "";
 
 const char* Store(std::deque<std::string>& strings, std::string_view text) {
-  return strings.emplace_back(text.data(), text.size()).c_str();
+  if (text.data() == nullptr) {
+    return strings.emplace_back(text.data(), text.size()).c_str();  // throws, unless it is empty
+  }
+  std::string& stored = strings.emplace_back();
+  stored.reserve(text.size());
+  ExpectFilling(stored.data(), text.size());
+  return stored.assign(text.data(), text.size()).c_str();
 }
 
 // Where `id` stands first; the number of ids when it stands nowhere.
