@@ -52,7 +52,7 @@ TEST_F(Allocations, AreCounted) {
 // The request's and the answer's way through the application's process. A new allocation on the
 // road breaks this test; one that is taken out should lower the bound.
 TEST_F(Allocations, OfARequestAndItsAnswerStayWithinTheBoundInTheApplication) {
-  constexpr std::size_t kBound = 16;
+  constexpr std::size_t kBound = 6;
   const auto connection = StartConnected("counter");
   CountForRequests(*connection->client);  // buffers and tables grow to their size
   const std::size_t count = CountForRequests(*connection->client);
@@ -61,7 +61,7 @@ TEST_F(Allocations, OfARequestAndItsAnswerStayWithinTheBoundInTheApplication) {
 
 // The same through the task's process, whose number comes by one more request.
 TEST_F(Allocations, OfARequestAndItsAnswerStayWithinTheBoundInTheTask) {
-  constexpr std::size_t kBound = 17;
+  constexpr std::size_t kBound = 6;
   const auto connection = StartConnected("counter");
   CountForRequests(*connection->client);
   const std::size_t before = CountInTask(*connection);
