@@ -40,7 +40,9 @@ void Base64Encoder::Write(const std::uint8_t* data, std::size_t size) {
   // A large piece is seldom followed by another.
   constexpr std::size_t kRoomBehind = 8192;
   Flush();
-  text_.reserve(text_.size() + TextLength(size) + kRoomBehind);
+  if (text_.capacity() - text_.size() < TextLength(size)) {
+    text_.reserve(text_.size() + TextLength(size) + kRoomBehind);
+  }
   const std::size_t whole = (size - head) / kGroup * kGroup;
   Append(data + head, whole);
   length_ = size - head - whole;
