@@ -315,13 +315,15 @@ void WriteValueTo(const EncodableValue& value, Sink& sink) {
   const ValueWriter<Sink> writer{sink};
   if (const auto* const text = std::get_if<std::string>(&value)) {
     writer(*text);
-    return;
-  }
-  if (value.valueless_by_exception()) {
+  } else if (const auto* const number = std::get_if<std::int32_t>(&value)) {
+    writer(*number);
+  } else if (const auto* const ratio = std::get_if<double>(&value)) {
+    writer(*ratio);
+  } else if (value.valueless_by_exception()) {
     WriteType(TypeByte::Null, sink);
-    return;
+  } else {
+    std::visit(writer, static_cast<const internal::EncodableVariant&>(value));
   }
-  std::visit(writer, static_cast<const internal::EncodableVariant&>(value));
 }
 
 template <class Gatherer>
