@@ -1,4 +1,5 @@
 #include <cw/base64_streams.h>
+#include <cw/size_estimate.h>
 #include <cw/standard_codec.h>
 #include <quarn/large_memory.h>
 
@@ -90,6 +91,10 @@ class BufferGatherer {
   static constexpr std::size_t kLongestPiece = 256;
 
   explicit BufferGatherer(quarn::Buffer* buffer) : buffer_(buffer), flushed_(buffer->GetSize()) {}
+  // Makes room for the value at once, if it is the first and not a small one.
+  BufferGatherer(quarn::Buffer* buffer, const EncodableValue& value) : BufferGatherer(buffer) {
+    value_ = flushed_ == 0 ? &value : nullptr;
+  }
   ~BufferGatherer() = default;
   BufferGatherer(const BufferGatherer&) = delete;
   BufferGatherer& operator=(const BufferGatherer&) = delete;
@@ -99,6 +104,7 @@ class BufferGatherer {
   // Room for the next `length` bytes.
   std::uint8_t* Gather(std::size_t length) {
     if (length > gathered_.size() - length_) {
+      Reserve();
       Flush();
     }
     length_ += length;
@@ -106,6 +112,7 @@ class BufferGatherer {
   }
 
   void Write(const std::uint8_t* data, std::size_t length) {
+    Reserve();
     Flush();
     buffer_->WriteBytes(data, length);
     flushed_ += length;
@@ -119,7 +126,15 @@ class BufferGatherer {
   }
 
  private:
+  void Reserve() {
+    if (value_ != nullptr) {
+      buffer_->Reserve(EstimateEncodedSize(*value_));
+      value_ = nullptr;
+    }
+  }
+
   quarn::Buffer* buffer_;
+  const EncodableValue* value_ = nullptr;
   std::size_t flushed_;     // bytes in the buffer
   std::size_t length_ = 0;  // bytes gathered behind them
   std::array<std::uint8_t, 4096> gathered_;
@@ -301,13 +316,15 @@ void WriteValueTo(const EncodableValue& value, Sink& sink) {
   const ValueWriter<Sink> writer{sink};
   if (const auto* const text = std::get_if<std::string>(&value)) {
     writer(*text);
-    return;
-  }
-  if (value.valueless_by_exception()) {
+  } else if (const auto* const number = std::get_if<std::int32_t>(&value)) {
+    writer(*number);
+  } else if (const auto* const ratio = std::get_if<double>(&value)) {
+    writer(*ratio);
+  } else if (value.valueless_by_exception()) {
     WriteType(TypeByte::Null, sink);
-    return;
+  } else {
+    std::visit(writer, static_cast<const internal::EncodableVariant&>(value));
   }
-  std::visit(writer, static_cast<const internal::EncodableVariant&>(value));
 }
 
 template <class Gatherer>
@@ -675,15 +692,15 @@ Known* AsKnown(const StandardCodecSerializer* serializer, Stream* stream) {
 }
 // GCOVR_EXCL_BR_STOP
 
-// Calls `write` with the sink for the stream.
-template <class Write>
+// Calls `write` with the sink for the stream. `value` is what is written, if it is a value.
+template <class Write, class... Value>
 void WriteToSink(const StandardCodecSerializer* serializer, ByteStreamWriter* stream,
-                 const Write& write) {
+                 const Write& write, const Value&... value) {
   if (auto* const text = AsKnown<Base64StreamWriter>(serializer, stream)) {
     DirectSink sink(stream, &text->GetEncoder());
     write(sink);
   } else if (auto* const plain = AsKnown<ByteBufferStreamWriter>(serializer, stream)) {
-    BufferGatherer gatherer(plain->GetBuffer());
+    BufferGatherer gatherer(plain->GetBuffer(), value...);
     DirectSink sink(stream, &gatherer);
     write(sink);
     gatherer.Flush();
@@ -718,7 +735,8 @@ void StandardCodecSerializer::WriteString(std::string_view text, ByteStreamWrite
 
 void StandardCodecSerializer::WriteValue(const EncodableValue& value,
                                          ByteStreamWriter* stream) const {
-  WriteToSink(this, stream, [&value](auto& sink) { WriteValueTo(value, sink); });
+  WriteToSink(
+      this, stream, [&value](auto& sink) { WriteValueTo(value, sink); }, value);
 }
 
 EncodableValue StandardCodecSerializer::ReadValue(ByteStreamReader* stream) const {

@@ -41,7 +41,9 @@ void Base64Encoder::Write(const std::uint8_t* data, std::size_t size) {
   // A large piece is seldom followed by another.
   constexpr std::size_t kRoomBehind = 8192;
   Flush();
-  text_.reserve(text_.size() + TextLength(size) + kRoomBehind);
+  if (text_.capacity() - text_.size() < TextLength(size)) {
+    text_.reserve(text_.size() + TextLength(size) + kRoomBehind);
+  }
   ExpectFilling(text_.data() + text_.size(), TextLength(size));
   const std::size_t whole = (size - head) / kGroup * kGroup;
   Append(data + head, whole);

@@ -66,6 +66,15 @@ TEST(Base64Encoder, GivesTheTextOfTheWholeForSmallPiecesBesideLargeOnes) {
   }
 }
 
+TEST(Base64Encoder, TakesNoMoreMemoryThanWasExpected) {
+  const Bytes bytes = MakeBytes(100000);
+  Base64Encoder encoder;
+  encoder.Expect(bytes.size());
+  encoder.Write(bytes.data(), 10);
+  encoder.Write(bytes.data() + 10, bytes.size() - 10);
+  EXPECT_EQ(encoder.Finish().capacity(), TextOf(bytes).size());
+}
+
 TEST(Base64Decoder, GivesTheBytesOfTheWholeInPieces) {
   std::mt19937_64 random(TestSeed(65));
   for (int round = 0; round < 300; ++round) {

@@ -1,4 +1,5 @@
 #include <cw/base64_streams.h>
+#include <cw/size_estimate.h>
 #include <cw/standard_codec.h>
 #include <quarn/base64.h>
 #include <quarn/logger.h>
@@ -12,7 +13,6 @@
 #include <new>
 #include <ostream>
 #include <stdexcept>
-#include <type_traits>
 
 namespace vorpc {
 
@@ -389,30 +389,10 @@ bool IsEncodable(const Content& /*content*/) {
   return true;
 }
 
-// The bytes to reserve for a message with this payload. A guess where items vary in size; it
-// spares the buffer from growing under large texts and typed lists.
+// The bytes to reserve for a message with this payload.
 std::size_t EstimateSize(const cw::EncodableValue& payload) {
   constexpr std::size_t kEnvelope = 128;  // keys, version, id, method, sizes
-  constexpr std::size_t kItem = 16;       // an item of a list, or half an entry of a map
-  if (payload.valueless_by_exception()) {
-    return kEnvelope;  // it is written as null
-  }
-  return kEnvelope + std::visit(
-                         [](const auto& value) -> std::size_t {
-                           using T = std::decay_t<decltype(value)>;
-                           if constexpr (std::is_same_v<T, cw::EncodableMap>) {
-                             return value.size() * 2 * kItem;
-                           } else if constexpr (std::is_same_v<T, cw::EncodableList>) {
-                             return value.size() * kItem;
-                           } else if constexpr (std::is_class_v<T> &&
-                                                !std::is_same_v<T, std::monostate> &&
-                                                !std::is_same_v<T, cw::CustomEncodableValue>) {
-                             return value.size() * sizeof(*value.data());
-                           } else {
-                             return 0;
-                           }
-                         },
-                         static_cast<const cw::internal::EncodableVariant&>(payload));
+  return kEnvelope + cw::EstimateEncodedSize(payload);
 }
 
 std::size_t EstimateSize(const Message::Request& request) { return EstimateSize(request.params); }

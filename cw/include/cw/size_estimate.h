@@ -1,0 +1,17 @@
+// How large a value will be when it is encoded. Inside the library only.
+#ifndef CW_SIZE_ESTIMATE_H
+#define CW_SIZE_ESTIMATE_H
+
+#include <cw/encodable_value.h>
+
+#include <cstddef>
+
+namespace cw {
+
+// The bytes to reserve for the value's encoding, which spares what takes them from growing in
+// steps. Judges long lists and maps by a few of their items, and looks at few values in all.
+std::size_t EstimateEncodedSize(const EncodableValue& value);
+
+}  // namespace cw
+
+#endif  // CW_SIZE_ESTIMATE_H
