@@ -136,9 +136,12 @@ std::shared_ptr<WriteBatch> WriteBatch::Create(int socket) {
 void WriteBatch::Put(std::initializer_list<std::string_view> parts) {
   {
     const std::lock_guard lock(mutex_);
-    for (const std::string_view part : parts) {
-      bytes_.append(part.data(), static_cast<int>(part.size()));
-    }
+    std::size_t size = 0;
+    for (const std::string_view part : parts) size += part.size();
+    const int before = bytes_.size();
+    bytes_.resize(before + static_cast<int>(size));
+    char* out = bytes_.data() + before;
+    for (const std::string_view part : parts) out = std::copy(part.begin(), part.end(), out);
   }
   Watch::Get()->Call();
 }
