@@ -68,7 +68,7 @@ TEST_F(Allocations, AreCounted) {
 // The request's and the answer's way through the application's process. A new allocation on the
 // road breaks this test; one that is taken out should lower the bound.
 TEST_F(Allocations, OfARequestAndItsAnswerStayWithinTheBound) {
-  constexpr std::size_t kBound = 16;
+  constexpr std::size_t kBound = 9;
   constexpr int kRequests = 500;
   const auto connection = StartConnected();
   CountForRequests(*connection->client, kRequests);  // buffers and tables grow to their size
