@@ -1,5 +1,6 @@
 #include <cw/encodable_value.h>
 #include <cw/standard_message_codec.h>
+#include <quarn/large_memory.h>
 #include <quarn/sized_struct.h>
 
 #include <new>
@@ -55,9 +56,33 @@ int Compare(const EncodableValue& a, const EncodableValue& b) {
                                : CompareMaps(*a.AsMap(), *b.AsMap());
 }
 
+using Bytes = std::vector<std::uint8_t>;
+
+// Bytes are what a really large payload is made of. A copy of so many is worth some care.
+bool IsLarge(const EncodableValue& value) {
+  constexpr std::size_t kLarge = std::size_t{1} << 20U;
+  const auto* const bytes = std::get_if<Bytes>(&value);
+  return bytes != nullptr && bytes->size() >= kLarge;
+}
+
+// Never destroyed: values may be copied while the process exits.
+const internal::EncodableVariant& Null() {
+  static const auto* const null = new internal::EncodableVariant;
+  return *null;
+}
+
 }  // namespace
 
-EncodableValue::EncodableValue(const EncodableValue& other) = default;
+EncodableValue::EncodableValue(const EncodableValue& other)
+    : internal::EncodableVariant(IsLarge(other) ? Null() : AsVariant(other)) {
+  if (IsLarge(other)) {
+    const auto& bytes = *std::get_if<Bytes>(&other);
+    auto& copy = emplace<Bytes>();
+    copy.reserve(bytes.size());
+    quarn::ExpectFilling(copy.data(), bytes.size());
+    copy.insert(copy.end(), bytes.begin(), bytes.end());
+  }
+}
 EncodableValue::EncodableValue(EncodableValue&& other) noexcept = default;
 EncodableValue& EncodableValue::operator=(const EncodableValue& other) = default;
 EncodableValue& EncodableValue::operator=(EncodableValue&& other) noexcept = default;

@@ -80,6 +80,7 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   void WarnAboutLine(std::string_view line);
   void Flush();
   std::size_t WriteAtOnce(const DataLine& line) const;
+  bool IsBeingRead(std::chrono::steady_clock::time_point deadline) const;
   ssize_t WriteSome();
   void DropWritten(std::size_t size);
   void WaitForRoom(bool wait);
