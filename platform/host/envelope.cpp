@@ -4,7 +4,6 @@
 #include <QtCore/QJsonDocument>
 #include <QtCore/QString>
 #include <algorithm>
-#include <cstring>
 #include <limits>
 #include <string_view>
 
@@ -116,16 +115,13 @@ bool MayFit(const QJsonObject& object, std::size_t max_size) {
 
 }  // namespace
 
-bool IsPlainText(std::string_view text) {
-  return IsPlain(reinterpret_cast<const unsigned char*>(text.data()), text.size());
-}
-
-std::optional<std::string_view> PlainDataOf(std::string_view line) {
-  constexpr std::size_t kFrame = kDataHead.size() + kDataTail.size();
-  if (line.size() < kFrame || line.substr(0, kDataHead.size()) != kDataHead) return std::nullopt;
-  if (line.substr(line.size() - kDataTail.size()) != kDataTail) return std::nullopt;
-  const std::string_view text = line.substr(kDataHead.size(), line.size() - kFrame);
-  return IsPlainText(text) ? std::optional(text) : std::nullopt;
+std::size_t PlainPrefix(std::string_view text) {
+  constexpr std::size_t kBlock = 64;
+  const auto* const bytes = reinterpret_cast<const unsigned char*>(text.data());
+  std::size_t size = 0;
+  while (text.size() - size >= kBlock && IsPlain(bytes + size, kBlock)) size += kBlock;
+  while (size < text.size() && IsPlain(bytes[size])) ++size;
+  return size;
 }
 
 std::optional<QByteArray> EncodeLine(const QJsonObject& object, std::size_t max_size) {
@@ -137,10 +133,6 @@ std::optional<QByteArray> EncodeLine(const QJsonObject& object, std::size_t max_
 }
 
 std::optional<QJsonObject> DecodeLine(const char* text, std::size_t size) {
-  if (const auto data = PlainDataOf({text, size})) {
-    return QJsonObject{{QStringLiteral("data"),
-                        QString::fromLatin1(data->data(), static_cast<int>(data->size()))}};
-  }
   const QJsonDocument document =
       QJsonDocument::fromJson(QByteArray::fromRawData(text, static_cast<int>(size)));
   if (!document.isObject()) return std::nullopt;

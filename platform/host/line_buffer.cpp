@@ -9,6 +9,8 @@
 #include <new>
 #include <utility>
 
+#include "envelope.h"
+
 namespace RuntimeManager::host {
 namespace {
 
@@ -62,39 +64,96 @@ LineBuffer::Room LineBuffer::MakeRoom() {
     data_ = QByteArray();
     capacity_ = 0;
   }
-  if (end_ == capacity_ && !Reserve(std::min(most, NextCapacity()))) return {};
-  return {data_.data() + end_, capacity_ - end_};
+  if (end_ + cut_ == capacity_) {
+    CutHead();
+    if (!Reserve(std::min(most, NextCapacity()))) return {};
+  }
+  return {data_.data() + end_, capacity_ - cut_ - end_};
 }
 
-bool LineBuffer::TakeLine(std::string_view* line) {
-  if (searched_ == end_) return false;
-  const char* const start = data_.constData();
-  const auto* found =
-      static_cast<const char*>(std::memchr(start + searched_, '\n', end_ - searched_));
-  if (found == nullptr) {
-    searched_ = end_;
-    return false;
+bool LineBuffer::BeginsAsData() const {
+  return Rest(begin_).substr(0, kDataHead.size()) == kDataHead;
+}
+
+// The text of a line that grows large then lies where its array will begin, and need not be moved
+// there. The room for the head stays free.
+void LineBuffer::CutHead() {
+  if (cut_ > 0 || is_other_ || !BeginsAsData()) return;
+  cut_ = kDataHead.size();
+  std::memmove(data_.data(), data_.data() + cut_, end_ - cut_);
+  end_ -= cut_;
+  searched_ -= cut_;
+}
+
+void LineBuffer::RestoreHead() {
+  std::memmove(data_.data() + cut_, data_.data(), end_);
+  std::copy_n(kDataHead.data(), cut_, data_.data());
+  end_ += cut_;
+  searched_ += cut_;
+  cut_ = 0;
+}
+
+void LineBuffer::BeginLine(std::size_t at) {
+  begin_ = searched_ = at;
+  cut_ = 0;
+  is_other_ = false;
+}
+
+bool LineBuffer::TakeLine(Line* line) { return is_other_ ? TakeOther(line) : TakeData(line); }
+
+// Looks for the end of a data line: the one search finds it, and that the text is plain.
+LineBuffer::Found LineBuffer::FindDataEnd() {
+  if (cut_ == 0) {
+    const std::string_view head = Rest(begin_).substr(0, kDataHead.size());
+    if (head != kDataHead.substr(0, head.size())) return Found::kOther;
+    if (head.size() < kDataHead.size()) return Found::kNothingYet;
+    searched_ = std::max(searched_, begin_ + kDataHead.size());
   }
-  *line = {start + begin_, static_cast<std::size_t>(found - start) - begin_};
-  begin_ += line->size() + 1;
-  searched_ = begin_;
+  searched_ += PlainPrefix(Rest(searched_));
+  const std::string_view tail = Rest(searched_).substr(0, kDataEnd.size());
+  if (tail != kDataEnd.substr(0, tail.size())) return Found::kOther;
+  return tail.size() == kDataEnd.size() ? Found::kLine : Found::kNothingYet;
+}
+
+bool LineBuffer::TakeData(Line* line) {
+  const Found found = FindDataEnd();
+  if (found == Found::kOther) {
+    if (cut_ > 0) RestoreHead();
+    is_other_ = true;
+    return TakeOther(line);
+  }
+  if (found == Found::kNothingYet) return false;
+  const std::size_t text = begin_ + kDataHead.size() - cut_;
+  *line = {true, Rest(text).substr(0, searched_ - text)};
+  BeginLine(searched_ + kDataEnd.size());
   return true;
 }
 
-QByteArray LineBuffer::Detach(std::string_view part, QByteArray spare) {
-  const int size = static_cast<int>(part.size());
-  if (part.size() < kKeptCapacity) {
+bool LineBuffer::TakeOther(Line* line) {
+  const std::size_t end = Rest(searched_).find('\n');
+  if (end == std::string_view::npos) {
+    searched_ = end_;
+    return false;
+  }
+  *line = {false, Rest(begin_).substr(0, searched_ + end - begin_)};
+  BeginLine(searched_ + end + 1);
+  return true;
+}
+
+QByteArray LineBuffer::Detach(std::string_view text, QByteArray spare) {
+  const int size = static_cast<int>(text.size());
+  if (text.size() < kKeptCapacity) {
     spare.reserve(size);  // from then on it keeps its memory when it shrinks
     spare.resize(size);
-    std::memcpy(spare.data(), part.data(), part.size());
+    std::memcpy(spare.data(), text.data(), text.size());
     return spare;
   }
-  last_large_ = part.size();
+  last_large_ = text.size();
   QByteArray rest(data_.constData() + begin_, static_cast<int>(end_ - begin_));
   QByteArray detached = std::exchange(data_, std::move(rest));
-  begin_ = searched_ = 0;
+  BeginLine(0);
   end_ = capacity_ = static_cast<std::size_t>(data_.size());
-  std::memmove(detached.data(), part.data(), part.size());
+  if (text.data() != detached.data()) std::memmove(detached.data(), text.data(), text.size());
   detached.resize(size);
   return detached;
 }

@@ -12,6 +12,11 @@ namespace RuntimeManager::host {
 // once for each time that the buffer is filled.
 class LineBuffer {
  public:
+  struct Line {
+    bool is_data = false;   // {"data":"text"}, with a text of plain characters
+    std::string_view text;  // that text, or the whole line without its end
+  };
+
   explicit LineBuffer(std::size_t max_line) : max_line_(max_line) {}
 
   struct Room {
@@ -24,20 +29,30 @@ class LineBuffer {
   // `size` bytes of the room have been filled.
   void Commit(std::size_t size) { end_ += size; }
 
-  // Takes the next whole line, without its end, out of the buffer. False when there is none.
-  bool TakeLine(std::string_view* line);
+  // Takes the next whole line out of the buffer. False when there is none.
+  bool TakeLine(Line* line);
   // Whether there are bytes behind the line that was taken last.
   bool HoldsMore() const { return end_ > begin_; }
-  // Makes a part of the line that was taken last an array of its own, in the memory of `spare` if
-  // it is small. A large one is not copied: it takes the buffer's memory along. Invalidates every
-  // line that was handed out.
-  QByteArray Detach(std::string_view part, QByteArray spare);
+  // Makes the text that was taken last an array of its own, in the memory of `spare` if it is
+  // small. A large one is not copied: it takes the buffer's memory along. Invalidates every line
+  // that was handed out.
+  QByteArray Detach(std::string_view text, QByteArray spare);
   // Whether the line that has begun is too long already.
-  bool IsOverlong() const { return end_ - begin_ > max_line_; }
+  bool IsOverlong() const { return end_ - begin_ + cut_ > max_line_; }
 
  private:
+  enum class Found { kLine, kOther, kNothingYet };
+
   bool Reserve(std::size_t capacity);
   std::size_t NextCapacity() const;
+  std::string_view Rest(std::size_t from) const { return {data_.constData() + from, end_ - from}; }
+  bool BeginsAsData() const;
+  void CutHead();
+  void RestoreHead();
+  Found FindDataEnd();
+  bool TakeData(Line* line);
+  bool TakeOther(Line* line);
+  void BeginLine(std::size_t at);
 
   std::size_t max_line_;
   QByteArray data_;  // never shared
@@ -45,6 +60,8 @@ class LineBuffer {
   std::size_t begin_ = 0;
   std::size_t searched_ = 0;
   std::size_t end_ = 0;
+  std::size_t cut_ = 0;         // bytes that were taken off the front of the line that has begun
+  bool is_other_ = false;       // it is no data line
   std::size_t last_large_ = 0;  // bytes of the last part that took the memory along
 };
 

@@ -38,9 +38,6 @@ constexpr int kMostSpare = 4 << 10;
 constexpr int kMaxLineWarnings = 10;
 constexpr int kShownOfLine = 80;
 
-// What follows a text on the socket: the end of its message and of the line.
-constexpr std::string_view kDataEnd = "\"}\n";
-
 iovec PartOf(std::string_view text) { return {const_cast<char*>(text.data()), text.size()}; }
 
 ssize_t SendParts(int socket, iovec* parts, std::size_t count) {
@@ -267,7 +264,7 @@ void LineChannel::OnReadError(int error_number) {
 }
 
 void LineChannel::DeliverLines() {
-  std::string_view line;
+  LineBuffer::Line line;
   // The line is done with before a handler runs, which may run an event loop and read on.
   while (!ended_ && input_.TakeLine(&line)) {
     holding_ = input_.HoldsMore();
@@ -295,20 +292,24 @@ void LineChannel::DeliverRestSoon() {
   });
 }
 
-void LineChannel::DeliverLine(std::string_view line) {
-  if (callbacks_.wants_data && callbacks_.wants_data()) {
-    if (const auto data = PlainDataOf(line)) {
-      Trace(task_, Direction::kReceive, {line});
-      QByteArray text = input_.Detach(*data, std::exchange(spare_, QByteArray()));
-      callbacks_.on_data(text);
-      if (text.size() <= kMostSpare) spare_ = std::move(text);
-      return;
-    }
-  }
-  const std::optional<QJsonObject> object = DecodeLine(line.data(), line.size());
-  if (!object) return WarnAboutLine(line);
-  Trace(task_, Direction::kReceive, {line});
+void LineChannel::DeliverLine(const LineBuffer::Line& line) {
+  if (line.is_data) return DeliverData(line.text);
+  const std::optional<QJsonObject> object = DecodeLine(line.text.data(), line.text.size());
+  if (!object) return WarnAboutLine(line.text);
+  Trace(task_, Direction::kReceive, {line.text});
   callbacks_.on_object(*object);
+}
+
+void LineChannel::DeliverData(std::string_view text) {
+  Trace(task_, Direction::kReceive, {kDataHead, text, kDataTail});
+  if (!callbacks_.wants_data || !callbacks_.wants_data()) {
+    return callbacks_.on_object(
+        {{QStringLiteral("data"),
+          QString::fromLatin1(text.data(), static_cast<int>(text.size()))}});
+  }
+  QByteArray data = input_.Detach(text, std::exchange(spare_, QByteArray()));
+  callbacks_.on_data(data);
+  if (data.size() <= kMostSpare) spare_ = std::move(data);
 }
 
 void LineChannel::WarnAboutLine(std::string_view line) {

@@ -76,7 +76,8 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   void OnReadError(int error_number);
   void DeliverLines();
   void DeliverRestSoon();
-  void DeliverLine(std::string_view line);
+  void DeliverLine(const LineBuffer::Line& line);
+  void DeliverData(std::string_view text);
   void WarnAboutLine(std::string_view line);
   void Flush();
   std::size_t WriteAtOnce(const DataLine& line) const;

@@ -43,6 +43,15 @@ class Envelope : public PlatformTest {
     EXPECT_EQ(::send(peer_, bytes.constData(), static_cast<std::size_t>(bytes.size()), 0),
               bytes.size());
   }
+  // From a thread beside the one that reads.
+  void SendLarge(const QByteArray& bytes) const {
+    for (int at = 0; at < bytes.size();) {
+      const ssize_t size =
+          ::send(peer_, bytes.constData() + at, static_cast<std::size_t>(bytes.size() - at), 0);
+      if (size < 0) return;
+      at += static_cast<int>(size);
+    }
+  }
   QJsonObject Received(const QByteArray& line) {
     SendFromPeer(line + '\n');
     const std::size_t before = inbox_->messages.size();
@@ -203,19 +212,31 @@ TEST_F(Envelope, OfALargeTextStaysWholeWhatFollowsIt) {
     sent.push_back(LongText(i % 2 == 0 ? (3 << 20) + i : 10 + i, static_cast<char>(i)));
   }
   std::thread writer([this, &sent] {
-    for (const QByteArray& text : sent) {
-      const QByteArray line = R"({"data":")" + text + "\"}\n";
-      for (int at = 0; at < line.size();) {
-        const ssize_t size =
-            ::send(peer_, line.constData() + at, static_cast<std::size_t>(line.size() - at), 0);
-        if (size < 0) return;
-        at += static_cast<int>(size);
-      }
-    }
+    for (const QByteArray& text : sent) SendLarge(R"({"data":")" + text + "\"}\n");
   });
   EXPECT_TRUE(texts.WaitFor(sent.size()));
   writer.join();
   EXPECT_TRUE(texts.texts == sent);
+}
+
+// What begins as a text of plain characters turns out to be something else after mebibytes.
+TEST_F(Envelope, ThatIsLargeMayTurnOutToBeNoPlainTextAtItsVeryEnd) {
+  const QByteArray head = R"({"data":")" + LongText(3 << 20, 5);
+  const std::vector<QByteArray> lines = {
+      head + R"(\n"})", head + "é" + LongText(100, 7) + R"("})",         head + R"(","more":1})",
+      head + R"(" })",  "{\"Data\":\"" + LongText(3 << 20, 1) + R"("})", R"({"data":"small"})"};
+  const WarningCatcher warnings;
+  TextInbox texts(messaging_.get());
+  std::thread writer([this, &lines, &head] {
+    for (const QByteArray& line : lines) SendLarge(head + R"("x})" + '\n' + line + '\n');
+  });
+  EXPECT_TRUE(texts.WaitFor(lines.size()));
+  writer.join();
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    EXPECT_TRUE(texts.messages[i] == QJsonDocument::fromJson(lines[i]).object()) << i;
+  }
+  EXPECT_EQ(warnings.Count("is not a JSON object; it begins with: {\"data\":\"5"),
+            static_cast<int>(lines.size()));
 }
 
 TEST_F(Envelope, KeepsItsPlaceAmongOthersThatWaitForTheSocket) {
