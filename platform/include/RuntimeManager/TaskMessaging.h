@@ -33,7 +33,9 @@ class RUNTIME_MANAGER_EXPORT TaskMessaging : public QObject {
   // are dropped.
   void sendMessage(const QJsonObject& message);
   // Sends the message {"data": text}, where `text` is UTF-8, without the cost of the object. A
-  // runtime manager may lack this, and dataReceived(): ask the meta-object.
+  // peer that is reading a large text is waited for as long as copying it would take: a millisecond
+  // for each mebibyte, and two without progress. A runtime manager may lack this, and
+  // dataReceived(): ask the meta-object.
   Q_INVOKABLE void sendData(const QByteArray& text);
 
  Q_SIGNALS:
