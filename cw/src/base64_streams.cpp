@@ -27,7 +27,8 @@ void Base64StreamReader::ReadBytes(std::uint8_t* out, std::size_t length) {
 void Base64StreamReader::ReadAlignment(std::uint8_t alignment) {
   const std::size_t excess = alignment == 0 ? 0 : (size_ - BytesLeft()) % alignment;
   if (excess != 0) {
-    TakeBytes(alignment - excess);
+    // Padding that is missing at the end is missed by nobody but who reads on.
+    TakeBytes(std::min<std::size_t>(alignment - excess, BytesLeft()));
   }
 }
 

@@ -60,9 +60,8 @@ using Bytes = std::vector<std::uint8_t>;
 
 // Bytes are what a really large payload is made of. A copy of so many is worth some care.
 bool IsLarge(const EncodableValue& value) {
-  constexpr std::size_t kLarge = std::size_t{1} << 20U;
   const auto* const bytes = std::get_if<Bytes>(&value);
-  return bytes != nullptr && bytes->size() >= kLarge;
+  return bytes != nullptr && quarn::IsLarge(bytes->size());
 }
 
 // Never destroyed: values may be copied while the process exits.

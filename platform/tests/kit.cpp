@@ -14,6 +14,7 @@
 #include <QtCore/QFile>
 #include <QtCore/QLoggingCategory>
 #include <algorithm>
+#include <array>
 #include <csignal>
 #include <cstdlib>
 #include <mutex>
@@ -205,9 +206,10 @@ StderrPipe::~StderrPipe() {
 }
 
 void StderrPipe::Fill() const {
-  const QByteArray fill(4096, 'f');
+  std::array<char, 4096> fill{};
+  fill.fill('f');
   ::fcntl(stream_.write_end, F_SETFL, O_NONBLOCK);
-  while (::write(stream_.write_end, fill.constData(), 4096) > 0) continue;
+  while (::write(stream_.write_end, fill.data(), fill.size()) > 0) continue;
   ::fcntl(stream_.write_end, F_SETFL, 0);
 }
 

@@ -81,13 +81,17 @@ std::string EncodeToText(const std::uint8_t* data, std::size_t size) {
   }
   std::string text;
   text.reserve(*length);
+  AppendText(data, size, text);
+  return text;
+}
+
+void AppendText(const std::uint8_t* data, std::size_t size, std::string& text) {
   std::array<char, kBlockLength> block;
   for (std::size_t begin = 0; begin < size; begin += kBlockBytes) {
     const std::size_t count = std::min(kBlockBytes, size - begin);
     Encode(data + begin, count, block.data());
     text.append(block.data(), (count + 2) / 3 * 4);
   }
-  return text;
 }
 
 std::optional<std::size_t> DecodedSize(const char* text, std::size_t length) {

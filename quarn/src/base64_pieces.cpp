@@ -13,9 +13,6 @@ namespace {
 constexpr std::size_t kGroup = 3;  // bytes
 constexpr std::size_t kQuad = 4;   // characters
 
-// What is decoded or encoded at a time, through a cache that is faster than memory.
-constexpr std::size_t kStep = 3072;
-
 constexpr std::size_t TextLength(std::size_t size) { return (size + kGroup - 1) / kGroup * kQuad; }
 
 }  // namespace
@@ -65,15 +62,8 @@ void Base64Encoder::Flush() {
 }
 
 void Base64Encoder::Append(const std::uint8_t* data, std::size_t size) {
-  std::array<char, TextLength(kStep)> step;
   encoded_ += size;
-  while (size != 0) {
-    const std::size_t count = std::min(kStep, size);
-    base64::Encode(data, count, step.data());
-    text_.append(step.data(), TextLength(count));
-    data += count;
-    size -= count;
-  }
+  base64::AppendText(data, size, text_);
 }
 
 Base64Decoder::Base64Decoder(std::string_view text)

@@ -64,6 +64,8 @@ class Receiver {
   Receiver(std::function<void(Message&&)>&& send, std::function<bool(const Message&)>&& filter)
       : send_(std::move(send)), filter_(std::move(filter)) {}
 
+  // The message is the caller's until the call returns: what is delivered at once is not moved
+  // from, so nobody else may touch it meanwhile.
   void Send(Message&& message) { Enqueue(Kind::Send, std::move(message)); }
   void Receive(Message&& message) { Enqueue(Kind::Receive, std::move(message)); }
   void SendImmediately(Message&& message);

@@ -28,6 +28,9 @@ constexpr std::optional<std::size_t> EncodedLength(std::size_t size) {
 // a look at the bytes.
 std::string EncodeToText(const std::uint8_t* data, std::size_t size);
 
+// Appends the text of `size` bytes.
+void AppendText(const std::uint8_t* data, std::size_t size, std::string& text);
+
 // The bytes of a canonical text; none for any other.
 std::optional<std::vector<std::uint8_t>> DecodeToBytes(const char* text, std::size_t length);
 

@@ -34,18 +34,25 @@ namespace details {
 class LoneLock {
  public:
   // NOLINTBEGIN(readability-identifier-naming): what std::unique_lock calls
-  bool try_lock() { return !taken_.exchange(true, std::memory_order_acquire); }
+  // Not while somebody waits in lock().
+  bool try_lock() {
+    return !wanted_.load(std::memory_order_relaxed) &&
+           !taken_.exchange(true, std::memory_order_acquire);
+  }
   void lock() {
-    while (!try_lock()) {
+    while (taken_.exchange(true, std::memory_order_acquire)) {
+      wanted_.store(true, std::memory_order_relaxed);
       // Not a yield, which would keep a holder of lower priority from getting done.
       std::this_thread::sleep_for(std::chrono::microseconds(1));
     }
+    wanted_.store(false, std::memory_order_relaxed);
   }
   void unlock() { taken_.store(false, std::memory_order_release); }
   // NOLINTEND(readability-identifier-naming)
 
  private:
   std::atomic<bool> taken_{false};
+  std::atomic<bool> wanted_{false};
 };
 
 }  // namespace details
