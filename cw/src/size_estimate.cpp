@@ -22,6 +22,8 @@ std::size_t EstimateLarger(const EncodableValue& value, std::size_t depth);
 
 std::size_t Estimate(const EncodableValue& value, std::size_t depth) {
   constexpr std::size_t kFirstLarger = 5;  // the kinds before are all plain
+  static_assert(std::is_same_v<std::variant_alternative_t<kFirstLarger, internal::EncodableVariant>,
+                               std::string>);
   if (value.index() < kFirstLarger || value.valueless_by_exception()) {
     return kPlain;
   }

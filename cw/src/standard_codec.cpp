@@ -168,10 +168,11 @@ class DirectSink {
     return true;
   }
 
+  // At least one byte.
   void PutBytes(const std::uint8_t* data, std::size_t length) {
     if (length > Gatherer::kLongestPiece) {
       out_->Write(data, length);
-    } else if (length != 0) {
+    } else {
       std::memcpy(out_->Gather(length), data, length);
     }
   }

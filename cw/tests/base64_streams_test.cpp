@@ -125,8 +125,8 @@ TEST(Base64StreamReader, GivesUpInSilenceOnATextThatIsCutShort) {
   EXPECT_EQ(capture.GetText(), "");
 }
 
-TEST(Base64StreamReader, GivesUpInSilenceOnAForeignCharacterAnywhere) {
-  const std::string text = TextOf(Wrap(Bytes(9000, 7))) + "AAAA";
+void ExpectGivingUpOnAForeignCharacterAnywhere(const EncodableValue& payload) {
+  const std::string text = TextOf(Wrap(payload)) + "AAAA";
   const test_support::StderrCapture capture;
   for (std::size_t place = 0; place < text.size(); ++place) {
     std::string damaged = text;
@@ -134,6 +134,14 @@ TEST(Base64StreamReader, GivesUpInSilenceOnAForeignCharacterAnywhere) {
     ASSERT_EQ(ReadWanted(damaged), std::nullopt) << place;
   }
   EXPECT_EQ(capture.GetText(), "");
+}
+
+TEST(Base64StreamReader, GivesUpInSilenceOnAForeignCharacterAnywhere) {
+  ExpectGivingUpOnAForeignCharacterAnywhere(Bytes(9000, 7));
+}
+
+TEST(Base64StreamReader, GivesUpInSilenceOnAForeignCharacterAnywhereAmongNumbers) {
+  ExpectGivingUpOnAForeignCharacterAnywhere(std::vector<std::int32_t>(2300, 7));
 }
 
 TEST(Base64StreamReader, GivesUpInSilenceOnAnUnknownType) {

@@ -365,16 +365,32 @@ TEST(StandardCodecSerializer, ReadsTypedListsByTheirElementType) {
   EXPECT_EQ(serializer.ReadVector<std::int32_t>(&reader), (std::vector<std::int32_t>{1, -1}));
 }
 
+template <class T>
+void ExpectBackAsATypedList(const std::vector<T>& list) {
+  const Bytes bytes = Encode(list);
+  ByteBufferStreamReader reader(bytes.data(), bytes.size());
+  reader.ReadByte();
+  EXPECT_EQ(StandardCodecSerializer::GetInstance().ReadVector<T>(&reader), list);
+  EXPECT_EQ(reader.BytesLeft(), 0U);
+}
+
+TEST(StandardCodecSerializer, ReadsTheTypedListsOfEachElementTypeThatItWrites) {
+  ExpectBackAsATypedList<std::uint8_t>({1, 255});
+  ExpectBackAsATypedList<std::int32_t>({1, INT32_MIN});
+  ExpectBackAsATypedList<std::int64_t>({1, INT64_MIN});
+  ExpectBackAsATypedList<double>({0.1, -1e300});
+  ExpectBackAsATypedList<float>({0.5F, -1e30F});
+}
+
 // ---- Writing parts of a message
 
-TEST(MapWriter, WritesTheBytesOfTheMapWithoutMakingIt) {
+void ExpectBytesOfTheMap(const StandardCodecSerializer& serializer) {
   const EncodableValue params(EncodableList{1.0, "x", std::vector<double>{2.0}});
   const EncodableValue map(EncodableMap{{"error", EncodableMap{{"code", -5}, {"message", "m"}}},
                                         {"jsonrpc", "2.0"},
                                         {"params", params}});
   quarn::Buffer buffer;
   ByteBufferStreamWriter stream(&buffer);
-  const StandardCodecSerializer& serializer = StandardCodecSerializer::GetInstance();
   MapWriter writer(3, &serializer, &stream);
   writer.AddKey("error");
   {
@@ -385,6 +401,15 @@ TEST(MapWriter, WritesTheBytesOfTheMapWithoutMakingIt) {
   writer.AddString("jsonrpc", "2.0");
   writer.Add("params", params);
   EXPECT_EQ(buffer, map.Serialize());
+}
+
+TEST(MapWriter, WritesTheBytesOfTheMapWithoutMakingIt) {
+  ExpectBytesOfTheMap(StandardCodecSerializer::GetInstance());
+}
+
+TEST(MapWriter, WritesTheSameBytesThroughAnotherSerializer) {
+  const StandardCodecSerializer other;
+  ExpectBytesOfTheMap(other);
 }
 
 TEST(MapWriter, CountsAsALevelOfNesting) {

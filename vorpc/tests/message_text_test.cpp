@@ -248,6 +248,7 @@ std::vector<Bytes> LargeMaps() {
     maps.push_back(Join(BytesOf({{"jsonrpc", "2.0"}, {"id", bytes}}), FromHex("0D 20 21")));
     maps.push_back(Join(FromHex("0D 03 20"), BytesOf({{"result", bytes}})));
     maps.push_back(Join(FromHex("0C 02 20"), BytesOf({{"result", bytes}})));
+    maps.push_back(ToBytes(EncodableValue(EncodableList{bytes, "no map"}).Serialize()));
   }
   return maps;
 }
