@@ -419,8 +419,8 @@ EncodableValue ReadChars(std::size_t length, ByteBufferStreamReader* stream) {
                         length);
 }
 
-// Appends bytes that come next in the text of a message to a list or text of bytes.
-template <class Bytes>
+// Appends bytes that come next in the text of a message to a list of bytes, or to a text.
+template <class Byte, class Bytes>
 void AppendBytes(std::size_t length, Base64StreamReader* stream, Bytes& bytes) {
   if (length > stream->BytesLeft()) {
     throw Base64StreamReader::GiveUp();
@@ -429,14 +429,15 @@ void AppendBytes(std::size_t length, Base64StreamReader* stream, Bytes& bytes) {
   quarn::ExpectFilling(bytes.data(), length);
   while (length != 0) {
     const Base64StreamReader::Piece piece = stream->TakeSome(length);
-    bytes.insert(bytes.end(), piece.data, piece.data + piece.size);
+    const auto* const data = reinterpret_cast<const Byte*>(piece.data);
+    bytes.insert(bytes.end(), data, data + piece.size);
     length -= piece.size;
   }
 }
 
 EncodableValue ReadChars(std::size_t length, Base64StreamReader* stream) {
   EncodableValue value(std::in_place_type<std::string>);
-  AppendBytes(length, stream, *std::get_if<std::string>(&value));
+  AppendBytes<char>(length, stream, *std::get_if<std::string>(&value));
   return value;
 }
 
@@ -471,11 +472,13 @@ std::vector<T> ReadBlock(std::size_t count, ByteBufferStreamReader* stream) {
   return list;
 }
 
+// Not a part of the function that reads a value, which calls itself for every level of nesting: the
+// piece would be on the stack as many times.
 template <class T>
-std::vector<T> ReadBlock(std::size_t count, Base64StreamReader* stream) {
+[[gnu::noinline]] std::vector<T> ReadBlock(std::size_t count, Base64StreamReader* stream) {
   std::vector<T> list;
   if constexpr (sizeof(T) == 1) {
-    AppendBytes(count, stream, list);
+    AppendBytes<T>(count, stream, list);
   } else {
     if (count > stream->BytesLeft() / sizeof(T)) {
       throw Base64StreamReader::GiveUp();

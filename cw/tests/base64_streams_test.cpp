@@ -115,6 +115,15 @@ TEST(Base64Streams, CarryRandomValues) {
   }
 }
 
+// Writers leave out the padding of an empty list, and readers skip it: at the end that is no fault.
+TEST(Base64Streams, MayEndWithAnEmptyTypedListInAnyPhase) {
+  for (std::size_t before = 1; before <= 16; ++before) {
+    const EncodableValue map =
+        EncodableMap{{"a", std::string(before, 'x')}, {"v", std::vector<double>()}};
+    EXPECT_EQ(ReadWanted(TextOf(map)), EncodableValue(std::vector<double>())) << before;
+  }
+}
+
 // Whatever is wrong, nothing is written about it: the one who reads once more writes it.
 TEST(Base64StreamReader, GivesUpInSilenceOnATextThatIsCutShort) {
   const std::string text = TextOf(Wrap(EncodableList{1, "x", std::vector<double>{1, 2}}));
@@ -126,7 +135,12 @@ TEST(Base64StreamReader, GivesUpInSilenceOnATextThatIsCutShort) {
 }
 
 void ExpectGivingUpOnAForeignCharacterAnywhere(const EncodableValue& payload) {
-  const std::string text = TextOf(Wrap(payload)) + "AAAA";
+  std::string key = "a";
+  while (TextOf(Wrap(payload, key)).back() == '=') {
+    key += 'a';
+  }
+  const std::string text = TextOf(Wrap(payload, key)) + "AAAA";  // more behind the message
+  ASSERT_EQ(ReadWanted(text), payload);
   const test_support::StderrCapture capture;
   for (std::size_t place = 0; place < text.size(); ++place) {
     std::string damaged = text;

@@ -2,7 +2,6 @@
 #include <quarn/buffer.h>
 #include <quarn/logger.h>
 #include <quarn/sized_struct.h>
-#include <quarn/strings.h>
 
 namespace quarn {
 
@@ -58,11 +57,7 @@ Buffer Buffer::FromCAPI(QuarnBufferView* view) {
 
 std::string Buffer::ToBase64() const { return base64::EncodeToText(bytes_.data(), bytes_.size()); }
 
-Buffer Buffer::FromBase64(const std::string& text) { return FromBase64(std::string_view(text)); }
-
-Buffer Buffer::FromBase64(const char* text) { return FromBase64(strings::ViewOf(text)); }
-
-Buffer Buffer::FromBase64(std::string_view text) {
+Buffer Buffer::FromBase64(const std::string& text) {
   auto bytes = base64::DecodeToBytes(text.data(), text.size());
   return bytes ? Buffer(std::move(*bytes)) : Buffer();
 }

@@ -301,19 +301,6 @@ TEST(BufferBase64, DecodesCanonicalTexts) {
   EXPECT_EQ(BytesOf(Buffer::FromBase64("QUJDQQ==")), (Bytes{0x41, 0x42, 0x43, 0x41}));
 }
 
-TEST(BufferBase64, TakesAStringAViewAndACText) {
-  const std::string text = "QUJD";
-  const Bytes bytes = {0x41, 0x42, 0x43};
-  EXPECT_EQ(BytesOf(Buffer::FromBase64(text)), bytes);
-  EXPECT_EQ(BytesOf(Buffer::FromBase64(text.c_str())), bytes);
-  EXPECT_EQ(BytesOf(Buffer::FromBase64(std::string_view("QUJD=").substr(0, 4))), bytes);
-}
-
-TEST(BufferBase64, RaisesTheErrorOfAStringForNull) {
-  const char* const null = nullptr;
-  EXPECT_THROW(Buffer::FromBase64(null), std::logic_error);
-}
-
 void ExpectRejected(const std::vector<std::string>& texts) {
   for (const auto& text : texts) {
     Buffer decoded(Bytes{1});

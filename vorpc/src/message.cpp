@@ -3,8 +3,8 @@
 #include <cw/standard_codec.h>
 #include <quarn/base64.h>
 #include <quarn/logger.h>
-#include <quarn/strings.h>
 #include <vorpc/message.h>
+#include <vorpc/message_text.h>
 
 #include <algorithm>
 #include <array>
@@ -179,7 +179,7 @@ Message FromBytes(const std::uint8_t* data, std::size_t size) {
   MemberReader reader;
   cw::ByteBufferStreamReader stream(data, size);
   try {
-    if (data == nullptr || !reader.Read(&stream)) {
+    if (!reader.Read(&stream)) {
       return NoMessage();
     }
   } catch (const std::length_error&) {  // GCOVR_EXCL_BR_LINE: nothing but these two is thrown.
@@ -207,12 +207,15 @@ Message FromSmallText(std::string_view text) {
 }
 
 Message FromMediumText(std::string_view text) {
-  const quarn::Buffer bytes = quarn::Buffer::FromBase64(text);
-  return FromBytes(bytes.GetData(), bytes.GetSize());
+  const auto bytes = quarn::base64::DecodeToBytes(text.data(), text.size());
+  return bytes ? FromBytes(bytes->data(), bytes->size()) : NoMessage();
 }
 
 // The same without the bytes as a whole. None, with nothing reported, for a text with any fault.
 std::optional<Message> FromFlawlessText(std::string_view text) {
+  if (!quarn::base64::DecodedSize(text.data(), text.size())) {
+    return std::nullopt;
+  }
   MemberReader reader;
   try {
     cw::Base64StreamReader stream(text);
@@ -548,13 +551,9 @@ std::string Message::ToBase64() const {
       content_);
 }
 
-Message Message::FromBase64(const std::string& text) { return FromBase64(std::string_view(text)); }
+Message Message::FromBase64(const std::string& text) { return MessageFromText(text); }
 
-Message Message::FromBase64(const char* text) { return FromBase64(quarn::strings::ViewOf(text)); }
-
-Message Message::FromBase64(std::string_view text) {
-  return text.empty() ? Message() : FromText(text);
-}
+Message MessageFromText(std::string_view text) { return text.empty() ? Message() : FromText(text); }
 
 std::ostream& operator<<(std::ostream& stream, const Message& message) {
   std::visit([&stream](const auto& content) { Print(stream, content); }, message.content_);

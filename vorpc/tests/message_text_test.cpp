@@ -3,7 +3,8 @@
 #include <cw/codec_limits.h>
 #include <cw/standard_codec.h>
 #include <gtest/gtest.h>
-#include <vorpc/message.h>
+#include <pthread.h>
+#include <vorpc/message_text.h>
 
 #include <cstdint>
 #include <random>
@@ -29,6 +30,8 @@ using cw::test_support::TestSeed;
 using cw::test_support::ToBytes;
 using tarv::test::CaptureStderr;
 using tarv::test::CaptureStdout;
+
+constexpr std::size_t kSmallStack = std::size_t{SMALL_STACK_KIB} << 10U;
 
 Message FromBase64ByMap(const std::string& text) {
   return text.empty()
@@ -147,7 +150,8 @@ std::vector<Bytes> OddBytes() {
   };
 }
 
-// The value under "params" nests as deep as it may, and deeper: lists of one list each.
+// The value under "params" nests as deep as it may, and deeper: lists of one list each. Behind it,
+// enough to be read in each of the ways.
 std::vector<Bytes> DeepMaps() {
   std::vector<Bytes> maps;
   for (const std::size_t levels : {cw::kMaxNesting - 1, cw::kMaxNesting, 2 * cw::kMaxNesting}) {
@@ -156,7 +160,25 @@ std::vector<Bytes> DeepMaps() {
     for (std::size_t i = 0; i < levels; ++i) {
       bytes = Join(std::move(bytes), {0x0C, 1});
     }
-    maps.push_back(Join(std::move(bytes), {0}));
+    bytes.push_back(0);
+    for (const std::size_t size : {0U, 5000U, 100000U}) {
+      maps.push_back(Join(bytes, Bytes(size)));
+    }
+  }
+  return maps;
+}
+
+// Lists that announce more items than there are bytes, within the bound for that and beyond it,
+// behind a payload that makes the text a large one.
+std::vector<Bytes> MadeUpMaps() {
+  const Bytes front = Join(
+      BytesOf({{"jsonrpc", "2.0"}, {"method", "m"}, {"a", Bytes(60000, 7)}, {"params", {}}}), {});
+  std::vector<Bytes> maps;
+  for (std::uint8_t type = 0x07; type <= 0x0E; ++type) {
+    for (const std::uint8_t count : Bytes{0x01, 0xFF}) {
+      Bytes bytes(front.begin(), front.end() - 1);
+      maps.push_back(Join(std::move(bytes), {type, 0xFF, 0x00, count, 0x00, 0x00}));
+    }
   }
   return maps;
 }
@@ -177,6 +199,13 @@ TEST(MessageText, IsReadAsTheMapThatItHolds) {
 
 TEST(MessageText, IsReadAsTheMapThatItHoldsHoweverDeepThatIs) {
   for (const Bytes& bytes : DeepMaps()) {
+    ExpectSameAsByMap({TextOf(bytes)});
+    ASSERT_FALSE(HasFailure());
+  }
+}
+
+TEST(MessageText, IsReadAsTheMapThatItHoldsWhenItAnnouncesMoreThanItHas) {
+  for (const Bytes& bytes : MadeUpMaps()) {
     ExpectSameAsByMap({TextOf(bytes)});
     ASSERT_FALSE(HasFailure());
   }
@@ -301,17 +330,36 @@ TEST(MessageText, IsThatOfTheMapForLargePayloadsInEveryPhase) {
   }
 }
 
-TEST(MessageText, IsTakenAsAStringAViewAndACText) {
+TEST(MessageText, IsReadWhereItLies) {
   const Message message = Message::CreateRequest(Message::ID(7), "m", 5);
   const std::string text = message.ToBase64();
-  EXPECT_EQ(Message::FromBase64(text), message);
-  EXPECT_EQ(Message::FromBase64(text.c_str()), message);
-  EXPECT_EQ(Message::FromBase64(std::string_view(text + "x").substr(0, text.size())), message);
+  EXPECT_EQ(MessageFromText(std::string_view(text + "AAAA").substr(0, text.size())), message);
+  EXPECT_EQ(MessageFromText({}), Message());
 }
 
-TEST(MessageText, RaisesTheErrorOfAStringForNull) {
-  const char* const null = nullptr;
-  EXPECT_THROW(Message::FromBase64(null), std::logic_error);
+// Lists in lists, with a large payload behind them, on a stack as small as any thread has.
+TEST(MessageText, AsDeepAsItMayBeFitsASmallStack) {
+  EncodableValue params(std::vector<double>(20000, 0.5));
+  for (std::size_t level = 1; level + 1 < cw::kMaxNesting; ++level) {
+    params = EncodableList{std::move(params)};
+  }
+  const std::string text = Message::CreateNotification("m", params).ToBase64();
+  static const std::string* shared_text = nullptr;
+  shared_text = &text;
+  pthread_attr_t attributes;
+  ASSERT_EQ(::pthread_attr_init(&attributes), 0);
+  ASSERT_EQ(::pthread_attr_setstacksize(&attributes, kSmallStack), 0);
+  pthread_t thread{};
+  const auto decode = [](void* /*none*/) -> void* {
+    static Message message;
+    message = Message::FromBase64(*shared_text);
+    return &message;
+  };
+  ASSERT_EQ(::pthread_create(&thread, &attributes, decode, nullptr), 0);
+  void* message = nullptr;
+  ASSERT_EQ(::pthread_join(thread, &message), 0);
+  ::pthread_attr_destroy(&attributes);
+  EXPECT_EQ(static_cast<const Message*>(message)->GetType(), Message::Type::Notification);
 }
 
 }  // namespace

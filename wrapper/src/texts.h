@@ -4,6 +4,7 @@
 
 #include <quarn/strings.h>
 #include <vorpc/message.h>
+#include <vorpc/message_text.h>
 
 #include <optional>
 #include <string>
@@ -25,7 +26,7 @@ inline std::optional<vorpc::Message> Decode(const char* message) {
   if (text.empty()) {
     return std::nullopt;
   }
-  return vorpc::Message::FromBase64(text);
+  return vorpc::MessageFromText(text);
 }
 
 }  // namespace tarv::details

@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace quarn {
@@ -58,10 +57,8 @@ class TARV_EXPORT Buffer {
   // after a log line, when the text would be too large to address.
   std::string ToBase64() const;
   // The bytes of a canonical Base64 text. Anything else (foreign characters, missing or misplaced
-  // padding, bits left over before it) gives an empty buffer. Null throws std::logic_error.
+  // padding, bits left over before it) gives an empty buffer.
   static Buffer FromBase64(const std::string& text);
-  static Buffer FromBase64(std::string_view text);
-  static Buffer FromBase64(const char* text);
 
   friend bool operator==(const Buffer& a, const Buffer& b) { return a.bytes_ == b.bytes_; }
   friend bool operator!=(const Buffer& a, const Buffer& b) { return !(a == b); }

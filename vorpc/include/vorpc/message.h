@@ -180,11 +180,8 @@ class TARV_EXPORT Message {
   // payload that nests deeper than the codec allows; one that holds a CustomEncodableValue stops
   // the process.
   std::string ToBase64() const;
-  // Never fails: the empty message for an empty text, otherwise as FromEncodable. Null throws
-  // std::logic_error.
+  // Never fails: the empty message for an empty text, otherwise as FromEncodable.
   static Message FromBase64(const std::string& text);
-  static Message FromBase64(std::string_view text);
-  static Message FromBase64(const char* text);
 
  private:
   friend bool operator==(const Message& a, const Message& b) { return a.content_ == b.content_; }
