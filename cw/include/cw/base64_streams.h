@@ -32,9 +32,10 @@ class Base64StreamWriter final : public ByteStreamWriter {
   quarn::Base64Encoder encoder_;
 };
 
-// Reads the bytes of a text, which are decoded as they are asked for. Throws GiveUp at the first thing that is not as it should be: a text that is not
-// canonical, or a read past the end. Nothing is reported, so whoever catches it can read the
-// message once more by a ByteBufferStreamReader, which reports what there is to report.
+// Reads the bytes of a text, which are decoded as they are asked for. Throws GiveUp at the first
+// thing that is not as it should be: a text that is not canonical, or a read past the end. Nothing
+// is reported, so whoever catches it can read the message once more by a ByteBufferStreamReader,
+// which reports what there is to report.
 class Base64StreamReader final : public ByteStreamReader {
  public:
   struct GiveUp : std::exception {};
