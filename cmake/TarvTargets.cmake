@@ -69,7 +69,7 @@ function(tarv_add_test name)
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 120)
   endif()
-  if(CMAKE_CROSSCOMPILING OR TARV_SANITIZE)
+  if(CMAKE_CROSSCOMPILING OR TARV_SANITIZE OR TARV_COVERAGE)
     math(EXPR ARG_TIMEOUT "10 * ${ARG_TIMEOUT}") # emulated, or slow in its own way
   endif()
   include(GoogleTest)

@@ -9,6 +9,10 @@
 
 namespace quarn::base64 {
 
+// The characters, by the 6-bit numbers that they stand for.
+inline constexpr char kAlphabet[] =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
 // Works from the front, block by block, as far as whole blocks go, and leaves the rest to the
 // tables: a coder touches no byte outside what it is given, and decides nothing.
 struct Coder {

@@ -16,7 +16,6 @@ namespace {
 constexpr std::size_t kBlockBytes = 48;
 constexpr std::size_t kBlockLength = 64;
 
-constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 // Set in the entry of a character of the alphabet; what the look-up does not find gives 0.
 constexpr std::uint8_t kKnown = 0x80;
 

@@ -6,7 +6,6 @@
 namespace quarn::base64 {
 namespace {
 
-constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 constexpr std::uint8_t kForeign = 0xFF;
 // Set in a decoding table's entry for a character outside the alphabet; no 24-bit group has it.
 constexpr std::uint32_t kForeignBit = 1U << 24;
