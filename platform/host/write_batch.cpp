@@ -171,7 +171,7 @@ void WriteBatch::WriteLocked() {
 
 QByteArray WriteBatch::TakeRest() {
   const std::lock_guard lock(mutex_);
-  const QByteArray rest(bytes_.constData(), bytes_.size());
+  QByteArray rest(bytes_.constData(), bytes_.size());
   bytes_.resize(0);
   return rest;
 }
