@@ -393,5 +393,20 @@ TEST(EncodableValueOrder, OfListsAndMapsIsThatOfTheStandardContainers) {
   }
 }
 
+// Such a copy has a way of its own.
+TEST(EncodableValue, CopyOfManyBytesIsAsGoodAsAnyOther) {
+  std::vector<std::uint8_t> bytes(std::size_t{5} << 20);
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    bytes[i] = static_cast<std::uint8_t>(i * 31 >> 3);
+  }
+  EncodableValue original(bytes);
+  const EncodableValue copy(original);
+  const EncodableList list = {original, 1};
+  std::get<std::vector<std::uint8_t>>(original)[7] ^= 1U;
+  EXPECT_TRUE(copy == EncodableValue(bytes));
+  EXPECT_TRUE(list[0] == copy);
+  EXPECT_FALSE(original == copy);
+}
+
 }  // namespace
 }  // namespace cw
