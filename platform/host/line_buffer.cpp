@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <new>
@@ -22,12 +23,14 @@ constexpr std::size_t kKeptCapacity = std::size_t{1} << 20U;
 constexpr std::size_t kLargeCapacity = std::size_t{4} << 20U;
 
 // Spares hundreds of page faults for each mebibyte that will be read, where the system has large
-// pages to give.
+// pages to give; it is no error where it has none.
 void AskForLargePages(char* data, std::size_t size) {
   if (size < kLargeCapacity) return;
   static const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
   const std::uintptr_t before = (page - reinterpret_cast<std::uintptr_t>(data) % page) % page;
+  const int error = errno;
   ::madvise(data + before, (size - before) / page * page, MADV_HUGEPAGE);
+  errno = error;
 }
 
 }  // namespace

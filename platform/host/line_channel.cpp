@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <new>
 #include <optional>
 #include <utility>
 
@@ -16,8 +17,8 @@
 namespace RuntimeManager::host {
 namespace {
 
-// What one turn of the event loop reads and writes at most, so that a flood on one connection
-// leaves time for timers and other connections.
+// What one turn of the event loop reads, and writes of the queue, at most, so that a flood on one
+// connection leaves time for timers and other connections.
 constexpr std::size_t kBytesPerTurn = std::size_t{1} << 20U;
 // What a drain reads at most. A socket holds far less; only a peer that goes on writing gets here.
 constexpr std::size_t kBytesPerDrain = std::size_t{64} << 20U;
@@ -46,6 +47,18 @@ ssize_t SendParts(int socket, iovec* parts, std::size_t count) {
   message.msg_iovlen = count;
   return ::sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
 }
+
+// Ends the holding of messages, even when a handler throws.
+class HoldingScope {
+ public:
+  explicit HoldingScope(bool* holding) : holding_(holding) {}
+  ~HoldingScope() { *holding_ = false; }
+  HoldingScope(const HoldingScope&) = delete;
+  HoldingScope& operator=(const HoldingScope&) = delete;
+
+ private:
+  bool* holding_;
+};
 
 }  // namespace
 
@@ -118,15 +131,39 @@ void LineChannel::SendData(std::string_view text) {
   Write(DataLine(text));
 }
 
-// What the socket does not take is copied into the queue. A reader that is at it is waited for
-// first, no longer than the copy would take: that spares the memory and the time of the copy.
+// What the socket does not take is copied into the queue.
 void LineChannel::Write(DataLine line) {
-  const auto deadline = std::chrono::steady_clock::now() + kCopyTime * (line.Size() >> 20U);
-  do {
-    line.Skip(WriteAtOnce(line));
-  } while (line.Size() >= kWorthWaiting && queue_.empty() && socket_.IsValid() &&
-           IsBeingRead(deadline));
-  if (line.Size() > 0) Queue(line.Copy());
+  const std::size_t size = line.Size();
+  if (queue_.empty() && socket_.IsValid()) WriteAtOnce(line);
+  if (line.Size() == 0) return;
+  try {
+    Queue(line.Copy());
+  } catch (const std::bad_alloc&) {
+    if (line.Size() == size) throw;
+    EndSoon({Error::kConnectionLost,
+             QString("memory ran out in the middle of a message to %1").arg(peer_)});
+  }
+}
+
+// A reader that is at it is waited for, no longer than copying the rest would take: that spares the
+// memory and the time of the copy.
+void LineChannel::WriteAtOnce(DataLine& line) const {
+  std::optional<std::chrono::steady_clock::time_point> deadline;
+  while (line.Size() > 0) {
+    auto parts = line.Gather();
+    const ssize_t size = RetryOnEintr(
+        [this, &parts] { return SendParts(socket_.Get(), parts.data(), parts.size()); });
+    if (size < 0 && errno != EAGAIN) return;  // the next try will meet it again
+    if (size > 0) {
+      line.Skip(static_cast<std::size_t>(size));
+      continue;
+    }
+    if (line.Size() < kWorthWaiting) return;
+    if (!deadline) {
+      deadline = std::chrono::steady_clock::now() + kCopyTime * (line.Size() >> 20U);
+    }
+    if (!IsBeingRead(*deadline)) return;
+  }
 }
 
 // Whether the peer has made room before it is too late.
@@ -154,7 +191,8 @@ bool LineChannel::Accepts(std::size_t size) {
                                          .arg(limits_.max_message)});
     return false;
   }
-  if (queued_ - front_sent_ + held_size_ + size + 1 > limits_.max_queue) {
+  if (queued_ - front_sent_ + held_size_ + size + 1 > limits_.max_queue) WriteHeld();
+  if (queued_ - front_sent_ + size + 1 > limits_.max_queue) {
     EndSoon({Error::kQueueFull, QString("%1 does not read: more than the %2 bytes that "
                                         "RUNTIME_MANAGER_MAX_QUEUE sets would wait for it")
                                     .arg(peer_)
@@ -168,7 +206,7 @@ bool LineChannel::Accepts(std::size_t size) {
 // done for a small message. False for a text that is to go out now.
 bool LineChannel::Hold(std::string_view text) {
   if (!holding_ && held_size_ == 0) return false;
-  if (text.size() > kMostHeld || !queue_.empty()) return false;
+  if (text.size() > kMostHeld || !queue_.empty() || !WriteBatch::IsUsable()) return false;
   if (held_ == nullptr) held_ = WriteBatch::Create(socket_.Get());
   if (held_ == nullptr) return false;
   held_->Put({kDataHead, text, kDataEnd});
@@ -178,15 +216,19 @@ bool LineChannel::Hold(std::string_view text) {
 }
 
 void LineChannel::WriteHeld() {
-  if (std::exchange(held_size_, 0) == 0 || held_->Write()) return;
-  Queue(held_->TakeRest());
+  if (std::exchange(held_size_, 0) > 0 && !held_->Write()) Queue(held_->TakeRest());
 }
 
 void LineChannel::Queue(QByteArray bytes) {
   const bool was_empty = queue_.empty();
-  queued_ += static_cast<std::size_t>(bytes.size());
-  queue_.push_back(std::move(bytes));
+  Append(std::move(bytes));
   if (was_empty && socket_.IsValid()) Flush();
+}
+
+void LineChannel::Append(QByteArray bytes) {
+  const auto size = static_cast<std::size_t>(bytes.size());
+  queue_.push_back(std::move(bytes));
+  queued_ += size;
 }
 
 void LineChannel::Drain() {
@@ -265,6 +307,7 @@ void LineChannel::OnReadError(int error_number) {
 
 void LineChannel::DeliverLines() {
   LineBuffer::Line line;
+  const HoldingScope scope(&holding_);
   // The line is done with before a handler runs, which may run an event loop and read on.
   while (!ended_ && input_.TakeLine(&line)) {
     holding_ = input_.HoldsMore();
@@ -309,7 +352,7 @@ void LineChannel::DeliverData(std::string_view text) {
   }
   QByteArray data = input_.Detach(text, std::exchange(spare_, QByteArray()));
   callbacks_.on_data(data);
-  if (data.size() <= kMostSpare) spare_ = std::move(data);
+  if (data.capacity() > 0 && data.capacity() <= kMostSpare) spare_ = std::move(data);
 }
 
 void LineChannel::WarnAboutLine(std::string_view line) {
@@ -347,7 +390,7 @@ void LineChannel::Flush() {
 
 void LineChannel::FlushUntil(std::chrono::steady_clock::time_point deadline) {
   using std::chrono::milliseconds;
-  WriteHeld();
+  if (std::exchange(held_size_, 0) > 0 && !held_->Write()) Append(held_->TakeRest());
   while (!queue_.empty() && socket_.IsValid()) {
     const ssize_t size = RetryOnEintr([this] { return WriteSome(); });
     if (size < 0 && errno != EAGAIN) return;
@@ -358,16 +401,6 @@ void LineChannel::FlushUntil(std::chrono::steady_clock::time_point deadline) {
     pollfd writable{socket_.Get(), POLLOUT, 0};
     ::poll(&writable, 1, static_cast<int>(left.count()));
   }
-}
-
-// What the socket takes of a line at once, in bytes: nothing while others wait, and nothing when it
-// fails, which the next try will show.
-std::size_t LineChannel::WriteAtOnce(const DataLine& line) const {
-  if (!queue_.empty() || !socket_.IsValid()) return 0;
-  auto parts = line.Gather();
-  const ssize_t size =
-      RetryOnEintr([this, &parts] { return SendParts(socket_.Get(), parts.data(), parts.size()); });
-  return size < 0 ? 0 : static_cast<std::size_t>(size);
 }
 
 ssize_t LineChannel::WriteSome() {

@@ -70,6 +70,7 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   void DropUnsent();
   void Write(DataLine line);
   void Queue(QByteArray bytes);
+  void Append(QByteArray bytes);
   void OnReadable();
   void OnWritable();
   void Read(std::size_t budget, bool to_the_end);
@@ -80,7 +81,7 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   void DeliverData(std::string_view text);
   void WarnAboutLine(std::string_view line);
   void Flush();
-  std::size_t WriteAtOnce(const DataLine& line) const;
+  void WriteAtOnce(DataLine& line) const;
   bool IsBeingRead(std::chrono::steady_clock::time_point deadline) const;
   ssize_t WriteSome();
   void DropWritten(std::size_t size);

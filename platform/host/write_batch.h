@@ -20,7 +20,10 @@ class WriteBatch {
   // Empty when no thread can be had to see to it.
   static std::shared_ptr<WriteBatch> Create(int socket);
 
-  // Appends a message that is made of these parts.
+  // Not in a forked copy of the process: what is held there is the original's, and stays so.
+  static bool IsUsable();
+
+  // Appends a message that is made of these parts. To be called where it is usable.
   void Put(std::initializer_list<std::string_view> parts);
   // Writes what is there, as far as the socket takes it. False when something is left.
   bool Write();
@@ -34,12 +37,15 @@ class WriteBatch {
 
   explicit WriteBatch(int socket) : socket_(socket) {}
 
-  bool WriteLate();
-  void WriteLocked();
+  enum class State { kEmpty, kStuck, kMoved };
+
+  State WriteLate();
+  bool WriteLocked();
 
   std::mutex mutex_;  // guards what follows
   int socket_;
   QByteArray bytes_;  // keeps its memory
+  bool is_broken_ = false;
 };
 
 }  // namespace RuntimeManager::host

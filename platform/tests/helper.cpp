@@ -6,6 +6,7 @@
 #include <RuntimeManager/Task.h>
 #include <RuntimeManager/TaskMessaging.h>
 #include <pthread.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <QtCore/QCoreApplication>
@@ -73,6 +74,24 @@ int AnswerWithoutThreads() {
     return 1;
   }
   return AnswerAndExit();
+}
+
+// A starter's end that answers the first message and leaves at the second, in one way or another.
+int AnswerAndLeave(const QString& path, const QString& how) {
+  auto* messaging = new TaskMessaging(path);
+  static int messages = 0;
+  QObject::connect(messaging, &TaskMessaging::dataReceived, messaging, [messaging, how] {
+    if (++messages == 1) return messaging->sendData("first");
+    if (how == "exit") std::exit(0);
+    const pid_t copy = ::fork();
+    if (copy == 0) {
+      delete messaging;
+      ::_exit(0);
+    }
+    ::waitpid(copy, nullptr, 0);
+    QCoreApplication::quit();
+  });
+  return QCoreApplication::exec();
 }
 
 // Serves one starter after the other on the same descriptor, each with an object of its own.
@@ -190,6 +209,7 @@ int main(int count, char** arguments) {
   if (verb == "report") return Report();
   if (verb == "again") return Again();
   if (verb == "answer-and-exit") return AnswerAndExit();
+  if (verb == "leave") return AnswerAndLeave(words.value(2), words.value(3));
   if (verb == "threadless") return AnswerWithoutThreads();
   if (verb == "flood") return FloodAndExit();
   if (verb == "start") return StartTask(words.value(2), words.value(3), words.value(4));

@@ -208,6 +208,22 @@ TEST_F(Messaging, AnsweredBeforeTheOneThatEndsTheTaskAreNotLost) {
   inbox.disconnects.Wait();
 }
 
+// Held back as they are for the messages behind them.
+TEST_F(Messaging, AnsweredBeforeTheOneThatEndsTheStarterAreSentOnce) {
+  for (const char* how : {"exit", "fork"}) {
+    const int listening = ListenOn(PathOf("peer"));
+    const Process starter(HELPER, {"leave", PathOf("peer"), how});
+    const int peer = ::accept(listening, nullptr, nullptr);
+    const QByteArray lines = "{\"data\":\"1\"}\n{\"data\":\"2\"}\n{\"data\":\"3\"}\n";
+    ASSERT_EQ(::send(peer, lines.constData(), static_cast<std::size_t>(lines.size()), 0),
+              lines.size());
+    EXPECT_EQ(ReadToEnd(peer), "{\"data\":\"first\"}\n") << how;
+    ::close(peer);
+    ::close(listening);
+    QFile::remove(PathOf("peer"));
+  }
+}
+
 TEST_F(Messaging, AreAnsweredByAProcessThatCanHaveNoThread) {
   AddHelperTask("task");
   Task task("task");
@@ -696,6 +712,33 @@ TEST_F(ServerEnd, SendsTheAnswersToABatchInTheirOrderWhateverTheyAre) {
     EXPECT_EQ(lines[i + 4], small);
     EXPECT_EQ(lines[i + 5], R"({"data":"\"quoted\""})");
   }
+  ::close(peer);
+}
+
+TEST_F(ServerEnd, CountsAnswersForTheQueueOnlyWhileThePeerDoesNotTakeThem) {
+  const ScopedVariable queue("RUNTIME_MANAGER_MAX_QUEUE", "2000");
+  TaskMessaging messaging(listening_);
+  const QByteArray answer(900, 'x');
+  QObject::connect(&messaging, &TaskMessaging::messageReceived,
+                   [&messaging, &answer] { messaging.sendData(answer); });
+  const int peer = Connect();
+  SendLine(peer, "{}\n{}\n{}\n{}");
+  RunFor(10);
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(ReadLineFrom(peer), "{\"data\":\"" + answer + "\"}");
+  ::close(peer);
+}
+
+// A peer that reads is waited for, one that does not read is not.
+TEST_F(ServerEnd, DoesNotWaitWithALargeTextForAPeerThatDoesNotRead) {
+  TaskMessaging messaging(listening_);
+  Inbox inbox(&messaging);
+  const int peer = Connect();
+  SendLine(peer, "{}");
+  ASSERT_TRUE(inbox.WaitFor(1));
+  QElapsedTimer timer;
+  timer.start();
+  for (int i = 0; i < 3; ++i) messaging.sendData(QByteArray(8 << 20, 'x'));
+  EXPECT_LT(timer.elapsed(), 5000);
   ::close(peer);
 }
 

@@ -32,10 +32,11 @@ class RUNTIME_MANAGER_EXPORT TaskMessaging : public QObject {
   // before there is one, waits in memory. Delivery is not confirmed. After disconnected() messages
   // are dropped.
   void sendMessage(const QJsonObject& message);
-  // Sends the message {"data": text}, where `text` is UTF-8, without the cost of the object. A
-  // peer that is reading a large text is waited for as long as copying it would take: a millisecond
-  // for each mebibyte, and two without progress. A runtime manager may lack this, and
-  // dataReceived(): ask the meta-object.
+  // Sends the message {"data": text}, where `text` is UTF-8, without the cost of the object. Small
+  // texts that answer messages of one read leave together, within about a millisecond. A peer that
+  // is reading a large text is waited for as long as copying it would take: a millisecond for each
+  // mebibyte, and two without progress. A runtime manager may lack this, and dataReceived(): ask
+  // the meta-object.
   Q_INVOKABLE void sendData(const QByteArray& text);
 
  Q_SIGNALS:
