@@ -2,8 +2,9 @@
 
 #include <RuntimeManager/RuntimeDispatcher.h>
 #include <quarn/sized_struct.h>
+#include <quarn/strings.h>
 
-#include <stdexcept>
+#include <string_view>
 #include <utility>
 
 #include "creation.h"
@@ -108,11 +109,9 @@ QuarnResult RpcServerImpl::HandleSendMessage(_TARVRpcServerRef* server, const ch
   if (!self || !self->messaging_) {
     return QUARN_RESULT_REFUSED;
   }
-  if (message == nullptr) {
-    throw std::logic_error("basic_string: construction from null is not valid");
-  }
-  return details::SendText(self->messaging_.get(), message) ? QUARN_RESULT_SUCCESS
-                                                            : QUARN_RESULT_REFUSED;
+  const std::string_view text = quarn::strings::ViewOf(message);
+  return details::SendText(self->messaging_.get(), text) ? QUARN_RESULT_SUCCESS
+                                                         : QUARN_RESULT_REFUSED;
 }
 
 }  // namespace tarv
