@@ -27,7 +27,9 @@ void ConnectAndWait(const char* path) {
 
 int main(int argc, char** argv) {
   const QCoreApplication application(argc, argv);
-  if (argc != 2) return EXIT_FAILURE;
+  if (argc != 2) {
+    return EXIT_FAILURE;
+  }
   QTimer::singleShot(0, &application, [path = argv[1]] { ConnectAndWait(path); });
   return QCoreApplication::exec();
 }

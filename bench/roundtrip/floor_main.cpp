@@ -12,7 +12,9 @@ namespace {
 // bench_floors --child MODE ARGUMENT...
 int RunChild(int argc, char** argv) {
   const std::string mode = argv[2];
-  if (mode == "whole" || mode == "stream") return bench::RunRawChild(mode, std::stoul(argv[3]));
+  if (mode == "whole" || mode == "stream") {
+    return bench::RunRawChild(mode, std::stoul(argv[3]));
+  }
   return bench::RunQtChild(argc, argv);
 }
 
@@ -20,7 +22,9 @@ int RunChild(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
-  if (argc > 3 && std::string(argv[1]) == "--child") return RunChild(argc, argv);
+  if (argc > 3 && std::string(argv[1]) == "--child") {
+    return RunChild(argc, argv);
+  }
   const QCoreApplication application(argc, argv);
   const std::multimap<std::string, void (*)()> cases = {
       {"latency", bench::MeasureRawLatency},     {"latency", bench::MeasureQtLatency},
@@ -34,7 +38,9 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "there is no case '%s'; run.py runs them all\n", argv[i]);
       return EXIT_FAILURE;
     }
-    for (auto found = first; found != last; ++found) found->second();
+    for (auto found = first; found != last; ++found) {
+      found->second();
+    }
   }
   return EXIT_SUCCESS;
 }

@@ -57,14 +57,18 @@ class LocalTransport final : public Transport {
  private:
   bool ReadHead() {
     std::array<char, kHead> head{};
-    if (socket_->bytesAvailable() < kHead) return false;
+    if (socket_->bytesAvailable() < kHead) {
+      return false;
+    }
     socket_->read(head.data(), kHead);
     wanted_ = qFromBigEndian<quint32>(head.data());
     return true;
   }
   void Drain() {
     while (wanted_ >= 0 || ReadHead()) {
-      if (socket_->bytesAvailable() < wanted_) break;
+      if (socket_->bytesAvailable() < wanted_) {
+        break;
+      }
       const QByteArray body = socket_->read(wanted_);
       wanted_ = -1;
       on_message(body);
@@ -88,8 +92,12 @@ class NotifierTransport final : public Transport {
     out_.append(body);
   }
   void Flush() override {
-    if (out_.isEmpty()) return;
-    if (!WriteAll(socket_, out_.constData(), static_cast<std::size_t>(out_.size()))) std::exit(0);
+    if (out_.isEmpty()) {
+      return;
+    }
+    if (!WriteAll(socket_, out_.constData(), static_cast<std::size_t>(out_.size()))) {
+      std::exit(0);
+    }
     out_.resize(0);
   }
 
@@ -97,13 +105,19 @@ class NotifierTransport final : public Transport {
   void Drain() {
     std::array<char, std::size_t{64} << 10U> buffer;
     const ssize_t size = ::recv(socket_, buffer.data(), buffer.size(), MSG_DONTWAIT);
-    if (size < 0 && (errno == EAGAIN || errno == EINTR)) return;
-    if (size <= 0) std::exit(0);
+    if (size < 0 && (errno == EAGAIN || errno == EINTR)) {
+      return;
+    }
+    if (size <= 0) {
+      std::exit(0);
+    }
     in_.append(buffer.data(), static_cast<int>(size));
     int at = 0;
     while (in_.size() - at >= kHead) {
       const auto body = static_cast<int>(qFromBigEndian<quint32>(in_.constData() + at));
-      if (in_.size() - at - kHead < body) break;
+      if (in_.size() - at - kHead < body) {
+        break;
+      }
       on_message(in_.mid(at + kHead, body));
       at += kHead + body;
     }
@@ -123,7 +137,9 @@ QByteArray Wrap(const QString& text) {
 
 QString Unwrap(const QByteArray& json) {
   QString text = QJsonDocument::fromJson(json).object().value("data").toString();
-  if (text.isEmpty()) Die("an envelope without text");
+  if (text.isEmpty()) {
+    Die("an envelope without text");
+  }
   return text;
 }
 
@@ -160,7 +176,9 @@ Coding Base64Coding(const QByteArray& payload) {
 }
 
 Coding CodingOf(const std::string& name, const QByteArray& payload) {
-  if (name == "opaque") return OpaqueCoding(payload);
+  if (name == "opaque") {
+    return OpaqueCoding(payload);
+  }
   return name == "envelope" ? EnvelopeCoding(payload) : Base64Coding(payload);
 }
 
@@ -169,12 +187,16 @@ struct Link {
   Link(const std::string& kind, const std::string& coding) {
     const QString path = folder.filePath("floor");
     child = std::make_unique<Child>([&]() -> std::vector<std::string> {
-      if (kind == "local" && !server.listen(path)) Die("listen");
+      if (kind == "local" && !server.listen(path)) {
+        Die("listen");
+      }
       return {kind, coding, path.toStdString()};
     }());
     if (kind == "local") {
       constexpr int kPatienceMs = 5000;
-      if (!server.waitForNewConnection(kPatienceMs)) Die("no connection");
+      if (!server.waitForNewConnection(kPatienceMs)) {
+        Die("no connection");
+      }
       transport = std::make_unique<LocalTransport>(server.nextPendingConnection());
     } else {
       transport = std::make_unique<NotifierTransport>(child->Socket());
@@ -217,7 +239,9 @@ void RunLatency(const Row& row, const Floor& floor, const QByteArray& payload, s
     transport.Flush();
   };
   transport.on_message = [&](const QByteArray& body) {
-    if (coding.size_of_answer(body) != coding.size) Die("an answer of another size");
+    if (coding.size_of_answer(body) != coding.size) {
+      Die("an answer of another size");
+    }
     run.Stop() ? send() : loop.quit();
   };
   transport.on_batch_end = [] {};
@@ -234,12 +258,18 @@ void RunWindow(const Row& row, const Floor& floor) {
   PipelineRun run(kPipelined, kWindow, {link.child->Process()});
   QEventLoop loop;
   const auto fill = [&] {
-    for (; run.MaySend(); run.OnSent()) transport.Queue(coding.request());
+    for (; run.MaySend(); run.OnSent()) {
+      transport.Queue(coding.request());
+    }
     transport.Flush();
   };
   transport.on_message = [&](const QByteArray& body) {
-    if (coding.size_of_answer(body) != coding.size) Die("an answer of another size");
-    if (!run.OnReceived()) loop.quit();
+    if (coding.size_of_answer(body) != coding.size) {
+      Die("an answer of another size");
+    }
+    if (!run.OnReceived()) {
+      loop.quit();
+    }
   };
   transport.on_batch_end = fill;
   fill();
@@ -255,12 +285,16 @@ void RunOneWay(const Row& row, const Floor& floor) {
   PipelineRun run(kNotifications, kNotificationBatch, {link.child->Process()});
   QEventLoop loop;
   const auto fill = [&] {
-    for (; run.MaySend(); run.OnSent()) transport.Queue(coding.request());
+    for (; run.MaySend(); run.OnSent()) {
+      transport.Queue(coding.request());
+    }
     transport.Flush();
   };
   transport.on_message = [&](const QByteArray& /*body*/) {
     bool goes_on = true;
-    for (std::size_t i = 0; i < kNotificationBatch && goes_on; ++i) goes_on = run.OnReceived();
+    for (std::size_t i = 0; i < kNotificationBatch && goes_on; ++i) {
+      goes_on = run.OnReceived();
+    }
     goes_on ? fill() : loop.quit();
   };
   transport.on_batch_end = [] {};
@@ -279,7 +313,9 @@ std::function<void(const QByteArray&)> Responder(Transport& transport, const std
   }
   return [&transport, code, heard = std::size_t{0}](const QByteArray& body) mutable {
     code.size_of_answer(body);
-    if (++heard % kNotificationBatch == 0) transport.Queue(body);
+    if (++heard % kNotificationBatch == 0) {
+      transport.Queue(body);
+    }
   };
 }
 
@@ -311,12 +347,15 @@ void MeasureQtLatency() {
 
 void MeasureQtPipeline() {
   const std::string kase = CaseName("pipelined x64");
-  for (const Floor& floor : kFloors) RunWindow({"B", kase, floor.name}, floor);
+  for (const Floor& floor : kFloors) {
+    RunWindow({"B", kase, floor.name}, floor);
+  }
 }
 
 void MeasureQtNotifications() {
-  for (const Floor& floor : kFloors)
+  for (const Floor& floor : kFloors) {
     RunOneWay({"N", CaseName("notifications, one way"), floor.name}, floor);
+  }
 }
 
 void MeasureQtLarge() {

@@ -38,13 +38,21 @@ Child::Child(const std::vector<std::string>& arguments) {
   all.insert(all.end(), arguments.begin(), arguments.end());
   std::vector<char*> pointers;
   pointers.reserve(all.size() + 1);
-  for (std::string& argument : all) pointers.push_back(argument.data());
+  for (std::string& argument : all) {
+    pointers.push_back(argument.data());
+  }
   pointers.push_back(nullptr);
   int ends[2];
-  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) Die("socketpair");
+  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
+    Die("socketpair");
+  }
   process_ = ::fork();
-  if (process_ < 0) Die("fork");
-  if (process_ == 0) BecomeChild(ends[1], pointers.data());
+  if (process_ < 0) {
+    Die("fork");
+  }
+  if (process_ == 0) {
+    BecomeChild(ends[1], pointers.data());
+  }
   ::close(ends[1]);
   socket_ = ends[0];
 }
@@ -59,8 +67,12 @@ bool ReadAll(int socket, void* data, std::size_t size) {
   auto* to = static_cast<char*>(data);
   while (size > 0) {
     const ssize_t count = ::read(socket, to, size);
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return false;
+    if (count < 0 && errno == EINTR) {
+      continue;
+    }
+    if (count <= 0) {
+      return false;
+    }
     to += count;
     size -= static_cast<std::size_t>(count);
   }
@@ -71,8 +83,12 @@ bool WriteAll(int socket, const void* data, std::size_t size) {
   const auto* from = static_cast<const char*>(data);
   while (size > 0) {
     const ssize_t count = ::write(socket, from, size);
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return false;
+    if (count < 0 && errno == EINTR) {
+      continue;
+    }
+    if (count <= 0) {
+      return false;
+    }
     from += count;
     size -= static_cast<std::size_t>(count);
   }
@@ -82,7 +98,9 @@ bool WriteAll(int socket, const void* data, std::size_t size) {
 std::string Beside(const std::string& program) {
   std::array<char, PATH_MAX> path{};
   const ssize_t size = ::readlink("/proc/self/exe", path.data(), path.size());
-  if (size <= 0) Die("/proc/self/exe");
+  if (size <= 0) {
+    Die("/proc/self/exe");
+  }
   const std::string self(path.data(), static_cast<std::size_t>(size));
   return self.substr(0, self.rfind('/') + 1) + program;
 }
@@ -96,8 +114,12 @@ int RunRawChild(const std::string& mode, std::size_t size) {
   }
   while (true) {  // whatever has arrived, many messages at a time
     const ssize_t count = ::read(kChildFd, buffer.data(), size);
-    if (count <= 0) return 0;
-    if (!WriteAll(kChildFd, buffer.data(), static_cast<std::size_t>(count))) return 0;
+    if (count <= 0) {
+      return 0;
+    }
+    if (!WriteAll(kChildFd, buffer.data(), static_cast<std::size_t>(count))) {
+      return 0;
+    }
   }
 }
 
@@ -107,8 +129,12 @@ void MeasureRawLatency() {
   LatencyRun run(kWarmup, kRoundTrips, {child.Process()});
   do {
     run.Start();
-    if (!WriteAll(child.Socket(), message.data(), kMessage)) Die("write");
-    if (!ReadAll(child.Socket(), message.data(), kMessage)) Die("read");
+    if (!WriteAll(child.Socket(), message.data(), kMessage)) {
+      Die("write");
+    }
+    if (!ReadAll(child.Socket(), message.data(), kMessage)) {
+      Die("read");
+    }
   } while (run.Stop());
   run.Report({"A", CaseName("round trip"), kRaw});
 }
@@ -122,10 +148,16 @@ void MeasureRawPipeline() {
   std::size_t arrived = 0;
   while (!run.IsFinished()) {
     std::size_t count = 0;
-    for (; run.MaySend(); run.OnSent()) ++count;
-    if (!WriteAll(child.Socket(), buffer.data(), count * kMessage)) Die("write");
+    for (; run.MaySend(); run.OnSent()) {
+      ++count;
+    }
+    if (!WriteAll(child.Socket(), buffer.data(), count * kMessage)) {
+      Die("write");
+    }
     const ssize_t size = ::read(child.Socket(), buffer.data(), buffer.size());
-    if (size <= 0) Die("read");
+    if (size <= 0) {
+      Die("read");
+    }
     for (arrived += static_cast<std::size_t>(size); arrived >= kMessage; arrived -= kMessage) {
       run.OnReceived();
     }
@@ -141,8 +173,12 @@ void MeasureRawLarge() {
     LatencyRun run(large.warmup, large.count, {child.Process()});
     do {
       run.Start();
-      if (!WriteAll(child.Socket(), out.data(), out.size())) Die("write");
-      if (!ReadAll(child.Socket(), in.data(), in.size())) Die("read");
+      if (!WriteAll(child.Socket(), out.data(), out.size())) {
+        Die("write");
+      }
+      if (!ReadAll(child.Socket(), in.data(), in.size())) {
+        Die("read");
+      }
     } while (run.Stop());
     run.Report({"C", CaseName(large), "1 raw socketpair"});
   }

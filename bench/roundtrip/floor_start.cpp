@@ -27,7 +27,9 @@ std::uint64_t StartToConnection(QLocalServer& server, const QString& program,
   process.start(program, arguments);
   loop.exec();
   QObject::disconnect(connection);
-  if (connected == 0) Die("a bare Qt process does not connect");
+  if (connected == 0) {
+    Die("a bare Qt process does not connect");
+  }
   return connected - began;
 }
 
@@ -35,10 +37,14 @@ void MeasureStarts(const std::string& name, const QString& program, QStringList 
   const QTemporaryDir folder;
   const QString path = folder.filePath("start");
   QLocalServer server;
-  if (!server.listen(path)) Die("listen");
+  if (!server.listen(path)) {
+    Die("listen");
+  }
   arguments += path;
   StartRun run;
-  while (run.IsWanted()) run.Add(StartToConnection(server, program, arguments));
+  while (run.IsWanted()) {
+    run.Add(StartToConnection(server, program, arguments));
+  }
   run.Report({"G", CaseName("start"), name});
 }
 

@@ -18,14 +18,18 @@ constexpr double kNsPerSecond = 1e9;
 
 std::uint64_t ReadClock(clockid_t clock) {
   timespec now{};
-  if (::clock_gettime(clock, &now) != 0) Die("clock_gettime");
+  if (::clock_gettime(clock, &now) != 0) {
+    Die("clock_gettime");
+  }
   constexpr std::uint64_t kNsInSecond = 1'000'000'000;
   return static_cast<std::uint64_t>(now.tv_sec) * kNsInSecond +
          static_cast<std::uint64_t>(now.tv_nsec);
 }
 
 double Percentile(std::vector<std::uint64_t> values, double part) {
-  if (values.empty()) return 0;
+  if (values.empty()) {
+    return 0;
+  }
   const auto at = static_cast<std::ptrdiff_t>(part * static_cast<double>(values.size() - 1));
   std::nth_element(values.begin(), values.begin() + at, values.end());
   return static_cast<double>(values[static_cast<std::size_t>(at)]);
@@ -50,14 +54,18 @@ void Record(const Row& row, const std::string& metric, double value, const std::
 CpuMeter::CpuMeter(const std::vector<pid_t>& others) : clocks_{CLOCK_PROCESS_CPUTIME_ID} {
   for (const pid_t process : others) {
     clockid_t clock{};
-    if (::clock_getcpuclockid(process, &clock) != 0) Die("clock_getcpuclockid");
+    if (::clock_getcpuclockid(process, &clock) != 0) {
+      Die("clock_getcpuclockid");
+    }
     clocks_.push_back(clock);
   }
 }
 
 std::uint64_t CpuMeter::Ns() const {
   std::uint64_t sum = 0;
-  for (const clockid_t clock : clocks_) sum += ReadClock(clock);
+  for (const clockid_t clock : clocks_) {
+    sum += ReadClock(clock);
+  }
   return sum;
 }
 
@@ -76,7 +84,9 @@ std::size_t PeakMemory(pid_t process) {
 
 std::string CaseName(const std::string& name) {
   cpu_set_t set;
-  if (::sched_getaffinity(0, sizeof(set), &set) != 0) Die("sched_getaffinity");
+  if (::sched_getaffinity(0, sizeof(set), &set) != 0) {
+    Die("sched_getaffinity");
+  }
   return CPU_COUNT(&set) == 1 ? name + ", all on one CPU" : name;
 }
 
@@ -91,14 +101,20 @@ LatencyRun::LatencyRun(std::size_t warmup, std::size_t count, const std::vector<
 }
 
 void LatencyRun::Start() {
-  if (done_ == warmup_) cpu_before_ = cpu_.Ns();
+  if (done_ == warmup_) {
+    cpu_before_ = cpu_.Ns();
+  }
   started_ = NowNs();
 }
 
 bool LatencyRun::Stop() {
   const std::uint64_t now = NowNs();
-  if (done_ >= warmup_) samples_.push_back(now - started_);
-  if (++done_ < warmup_ + count_) return true;
+  if (done_ >= warmup_) {
+    samples_.push_back(now - started_);
+  }
+  if (++done_ < warmup_ + count_) {
+    return true;
+  }
   cpu_after_ = cpu_.Ns();
   return false;
 }
@@ -121,7 +137,9 @@ bool PipelineRun::OnReceived() {
     time_before_ = NowNs();
     cpu_before_ = cpu_.Ns();
   }
-  if (received_ < total_) return true;
+  if (received_ < total_) {
+    return true;
+  }
   time_after_ = NowNs();
   cpu_after_ = cpu_.Ns();
   return false;
@@ -135,7 +153,9 @@ void PipelineRun::Report(const Row& row) const {
 }
 
 void StartRun::Add(std::uint64_t ns) {
-  if (warm_++ >= kWarmStarts) samples_.push_back(ns);
+  if (warm_++ >= kWarmStarts) {
+    samples_.push_back(ns);
+  }
 }
 
 void StartRun::Report(const Row& row) const {

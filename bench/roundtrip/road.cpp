@@ -18,7 +18,9 @@ using Bytes = std::vector<std::uint8_t>;
 
 const EncodableValue& ResultOf(const Response& response) {
   errno = 0;
-  if (!response.HasResult()) Die("the task answers with an error");
+  if (!response.HasResult()) {
+    Die("the task answers with an error");
+  }
   return *response.GetResult();
 }
 
@@ -34,7 +36,9 @@ EncodableValue MakePayload(std::size_t size) {
 void SendLarge(Road& road, const EncodableValue& payload, const std::function<void()>& on_answer) {
   const std::size_t size = std::get<Bytes>(payload).size();
   road.Client().SendRequest("echo_payload", payload, [&on_answer, size](const Response& response) {
-    if (std::get<Bytes>(ResultOf(response)).size() != size) Die("another size comes back");
+    if (std::get<Bytes>(ResultOf(response)).size() != size) {
+      Die("another size comes back");
+    }
     on_answer();
   });
 }
@@ -45,21 +49,29 @@ std::string LibraryFolder() { return LIBRARY_FOLDER; }
 
 std::unique_ptr<tarv::ManagerWrapper> MakeManager() {
   auto manager = tarv::ManagerWrapper::Create(quarn::IDispatcher::CreateEmpty(), LibraryFolder());
-  if (!manager) Die("no manager");
+  if (!manager) {
+    Die("no manager");
+  }
   return manager;
 }
 
 Road::Road(const tarv::ManagerWrapper& manager) : client_(manager.CreateIpcClient(kTask)) {
-  if (!client_) Die("no client");
+  if (!client_) {
+    Die("no client");
+  }
   QEventLoop loop;
   client_->OnConnected([&loop](const std::optional<vorpc::Message::Error>& error) {
-    if (error) Die("cannot connect: " + error->message);
+    if (error) {
+      Die("cannot connect: " + error->message);
+    }
     loop.quit();
   });
   client_->Run();
   loop.exec();
   client_->OnDisconnected([](const auto& /*error*/) {
-    if (!QCoreApplication::closingDown()) Die("the task is gone");
+    if (!QCoreApplication::closingDown()) {
+      Die("the task is gone");
+    }
   });
 }
 
@@ -77,7 +89,9 @@ EncodableValue Road::Ask(const std::string& method, const EncodableValue& params
 void Road::SendSmall(const std::function<void()>& on_answer) {
   client_->SendRequest("echo_integer", EncodableMap{{"n", 1}},
                        [&on_answer](const Response& response) {
-                         if (ResultOf(response).AsInt64() != 1) Die("the answer is not 1");
+                         if (ResultOf(response).AsInt64() != 1) {
+                           Die("the answer is not 1");
+                         }
                          on_answer();
                        });
 }
@@ -108,7 +122,9 @@ void MeasurePipeline() {
   PipelineRun run(kPipelined, kWindow, {road.TaskProcess()});
   std::function<void()> on_answer;
   const auto fill = [&road, &run, &on_answer] {
-    for (; run.MaySend(); run.OnSent()) road.SendSmall(on_answer);
+    for (; run.MaySend(); run.OnSent()) {
+      road.SendSmall(on_answer);
+    }
   };
   QEventLoop loop;
   on_answer = [&run, &loop, &fill] { run.OnReceived() ? fill() : loop.quit(); };
@@ -126,12 +142,18 @@ void MeasureNotifications() {
   PipelineRun run(kNotifications, kNotificationBatch, {task});
   while (!run.IsFinished()) {
     std::size_t sent = 0;
-    for (; run.MaySend(); run.OnSent(), ++sent) road.Client().SendNotify("notification", params);
+    for (; run.MaySend(); run.OnSent(), ++sent) {
+      road.Client().SendNotify("notification", params);
+    }
     road.Ask("count_heard");
-    for (; sent > 0; --sent) run.OnReceived();
+    for (; sent > 0; --sent) {
+      run.OnReceived();
+    }
   }
   const EncodableValue heard = road.Ask("count_heard");
-  if (heard.AsInt64() != static_cast<std::int64_t>(kWarmup + kNotifications)) Die("some are lost");
+  if (heard.AsInt64() != static_cast<std::int64_t>(kWarmup + kNotifications)) {
+    Die("some are lost");
+  }
   run.Report({"N", CaseName("notifications, one way"), kRoad});
 }
 

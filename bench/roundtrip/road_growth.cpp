@@ -32,7 +32,9 @@ void GrowTasks() {
   const auto manager = MakeManager();
   std::vector<std::unique_ptr<Road>> roads;
   for (const std::size_t count : {1U, 8U, 64U}) {
-    while (roads.size() < count) roads.push_back(std::make_unique<Road>(*manager));
+    while (roads.size() < count) {
+      roads.push_back(std::make_unique<Road>(*manager));
+    }
     MeasureSmall(*roads.front(), kase, std::to_string(count) + " tasks");
   }
 }
@@ -43,7 +45,9 @@ void GrowPending() {
   Road road(*manager);
   std::size_t pending = 0;
   for (const std::size_t count : {0U, 1000U, 100'000U}) {
-    for (; pending < count; ++pending) road.Client().SendRequest("hold", {}, [](const auto&) {});
+    for (; pending < count; ++pending) {
+      road.Client().SendRequest("hold", {}, [](const auto&) {});
+    }
     road.Ask("process");
     MeasureSmall(road, kase, std::to_string(count) + " unanswered");
   }
@@ -89,13 +93,17 @@ ChunkKeeper::ChunkKeeper() {
 }
 
 void ChunkKeeper::OnStarted(void* self, int code, const char* message, std::size_t /*chunk*/) {
-  if (code != 0) Die(message);
+  if (code != 0) {
+    Die(message);
+  }
   static_cast<ChunkKeeper*>(self)->loop_.quit();
 }
 
 void ChunkKeeper::OnMessage(void* self, const char* /*message*/, std::size_t chunk) {
   auto* const keeper = static_cast<ChunkKeeper*>(self);
-  if (!keeper->keep_) keeper->client_table_.UnlockResources(keeper->client_, chunk);
+  if (!keeper->keep_) {
+    keeper->client_table_.UnlockResources(keeper->client_, chunk);
+  }
   keeper->loop_.quit();
 }
 
@@ -113,7 +121,9 @@ void GrowChunks() {
                                                      cw::EncodableMap{{"n", 1}});
   std::size_t kept = 0;
   for (const std::size_t count : {0U, 100U, 10'000U}) {
-    for (; kept < count; ++kept) keeper.Ask(request, true);
+    for (; kept < count; ++kept) {
+      keeper.Ask(request, true);
+    }
     LatencyRun run(kWarmupRequests, kRequests, {});
     do {
       run.Start();

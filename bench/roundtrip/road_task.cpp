@@ -38,11 +38,15 @@ int main(int argc, char** argv) {
   QCoreApplication application(argc, argv);
   // The starter says where the library is: --libs-path FOLDER.
   constexpr int kFolderArgument = 2;
-  if (argc <= kFolderArgument) return EXIT_FAILURE;
+  if (argc <= kFolderArgument) {
+    return EXIT_FAILURE;
+  }
   const auto manager = tarv::ManagerWrapper::Create(quarn::IDispatcher::CreateEmpty(),
                                                     std::string(argv[kFolderArgument]));
   const auto server = manager ? manager->CreateRpcServer() : nullptr;
-  if (!server) return EXIT_FAILURE;  // the log has said why
+  if (!server) {
+    return EXIT_FAILURE;  // the log has said why
+  }
   std::int64_t heard = 0;
   std::vector<Reply> held;
   Serve(*server, heard, held);

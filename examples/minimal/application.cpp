@@ -10,10 +10,16 @@ struct Application : cw::Plugin {
   explicit Application(cw::PluginRegistrar* registrar)
       : manager(tarv::ManagerWrapper::Create(registrar)),
         client(manager ? manager->CreateIpcClient("minimal") : nullptr) {
-    if (!client) std::exit(EXIT_FAILURE);  // the log has said why
+    if (!client) {
+      std::exit(EXIT_FAILURE);  // the log has said why
+    }
     client->SendRequest("add", std::vector<std::int32_t>{20, 22}, [](const auto& response) {
-      if (response.IsError()) std::cerr << *response.GetError() << '\n';
-      if (response.HasResult()) std::cout << "20 + 22 = " << *response.GetResult() << '\n';
+      if (response.IsError()) {
+        std::cerr << *response.GetError() << '\n';
+      }
+      if (response.HasResult()) {
+        std::cout << "20 + 22 = " << *response.GetResult() << '\n';
+      }
       QCoreApplication::exit(response.IsError());
     });
     client->Run();

@@ -7,10 +7,15 @@ struct Task : cw::Plugin {
   explicit Task(cw::PluginRegistrar* registrar)
       : manager(tarv::ManagerWrapper::Create(registrar)),
         server(manager ? manager->CreateRpcServer() : nullptr) {
-    if (!server) std::exit(EXIT_FAILURE);  // the log has said why
+    if (!server) {
+      std::exit(EXIT_FAILURE);  // the log has said why
+    }
     server->OnRequest("add", [](const auto&, const cw::EncodableValue& params, auto reply) {
       const auto* numbers = std::get_if<std::vector<std::int32_t>>(&params);
-      if (!numbers || numbers->size() != 2) return reply->SendError(-32602, "not two integers", {});
+      if (!numbers || numbers->size() != 2) {
+        reply->SendError(-32602, "not two integers", {});
+        return;
+      }
       reply->SendResult((*numbers)[0] + (*numbers)[1]);
     });
     server->Run();

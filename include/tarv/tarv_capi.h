@@ -9,7 +9,7 @@
  *  1. Sizes. Every table and slot structure begins with `size`, its size in bytes as the side that
  *     allocated it knows it. A field at offset o exists only if size >= o + 8; whoever reads treats
  *     the rest as null, whoever fills leaves it alone. Fields are only ever appended. Before
- * calling an entry, check that the table's size covers it and that it is not null.
+ *     calling an entry, check that the table's size covers it and that it is not null.
  *  2. Handles. A handle is a number in a pointer's clothes: never an address, never used again for
  *     another object, null for no object. Handles of objects that are gone simply stop working.
  *  3. Results. 0 success; 2 an argument is invalid (null, empty, or a handle that is unknown);
@@ -19,10 +19,10 @@
  *     UnlockResources, or until the object that sent it is gone. Chunk 0 comes with a static empty
  *     string and needs no unlocking.
  *  6. Slots. A slot structure passed in is copied before the entry returns; it may live on the
- * stack. `user_data` is the first argument of its callbacks. Its release callback, if there is one,
- * runs exactly once, after which the library makes no further call with that user_data. Any
- * callback may be null, and may call any entry, also one that ends the very object that called it.
- * An intent stays registered, and its slot unreleased, as long as the process lives.
+ *     stack. `user_data` is the first argument of its callbacks. Its release callback, if there is
+ *     one, runs exactly once, after which the library makes no further call with that user_data.
+ *     Any callback may be null, and may call any entry, also one that ends the very object that
+ *     called it. An intent stays registered, and its slot unreleased, as long as the process lives.
  *  7. Threads. [service] marks what belongs to the one thread, with a Qt event loop, from which the
  *     application or task uses the library: entries are called there, and callbacks run there,
  *     synchronously. [any] may be called from any thread.

@@ -26,7 +26,9 @@ int TakeSocket() {
   // Variables that were meant for another process, a parent's for instance, say nothing to this
   // one.
   const bool is_ours = Variable("LISTEN_PID") == QByteArray::number(::getpid());
-  if (!is_ours || Variable("LISTEN_FDS").toInt() < 1) return -1;
+  if (!is_ours || Variable("LISTEN_FDS").toInt() < 1) {
+    return -1;
+  }
   if (!IsListeningSocket(kActivationSocket)) {
     Warn(QString("LISTEN_FDS promises a socket as descriptor %1, but that is "
                  "no listening Unix socket: messages cannot be served")
@@ -44,7 +46,9 @@ Activation Take() {
   const bool has_name = activation.socket >= 0 && !given.isEmpty();
   activation.name =
       has_name ? given : QFileInfo(QFileInfo("/proc/self/exe").symLinkTarget()).fileName();
-  for (const char* name : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES"}) ::unsetenv(name);
+  for (const char* name : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES"}) {
+    ::unsetenv(name);
+  }
   return activation;
 }
 

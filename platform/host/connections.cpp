@@ -50,7 +50,9 @@ Error CheckPeer(int socket) {
   if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
     return SystemError(Error::kPeerRefused, "cannot tell whose the peer of a connection is", errno);
   }
-  if (peer.uid == ::geteuid()) return {};
+  if (peer.uid == ::geteuid()) {
+    return {};
+  }
   return {Error::kPeerRefused,
           QString("a connection with process %1 is refused: it belongs to the user with id %2, and "
                   "only user %3 may talk to this process")
@@ -92,20 +94,26 @@ void Acceptor::State::Open(int listening) {
   QObject::connect(readable.get(), &QSocketNotifier::activated, &retry, [this] { OnReadable(); });
   retry.setSingleShot(true);
   QObject::connect(&retry, &QTimer::timeout, &retry, [this] {
-    if (readable != nullptr) readable->setEnabled(true);
+    if (readable != nullptr) {
+      readable->setEnabled(true);
+    }
   });
 }
 
 void Acceptor::State::OnReadable() {
   const auto self = shared_from_this();
   for (int i = 0; i < kAcceptsPerTurn && socket.IsValid(); ++i) {
-    if (!AcceptOne()) return;
+    if (!AcceptOne()) {
+      return;
+    }
   }
 }
 
 bool Acceptor::State::AcceptOne() {
   UniqueFd peer(::accept4(socket.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-  if (!peer.IsValid()) return OnFailure(errno);
+  if (!peer.IsValid()) {
+    return OnFailure(errno);
+  }
   shortage_warned = false;
   const Error refusal = CheckPeer(peer.Get());
   if (refusal.isError()) {
@@ -117,8 +125,12 @@ bool Acceptor::State::AcceptOne() {
 }
 
 bool Acceptor::State::OnFailure(int error_number) {
-  if (error_number == EAGAIN) return false;
-  if (IsPassing(error_number)) return true;
+  if (error_number == EAGAIN) {
+    return false;
+  }
+  if (IsPassing(error_number)) {
+    return true;
+  }
   Pause(error_number);
   return false;
 }
@@ -136,7 +148,9 @@ void Acceptor::State::Pause(int error_number) {
 
 void Acceptor::State::Close() {
   retry.stop();
-  if (readable != nullptr) readable->setEnabled(false);
+  if (readable != nullptr) {
+    readable->setEnabled(false);
+  }
   socket.Reset();
 }
 
@@ -169,22 +183,34 @@ void Dialer::State::TryAtOnce() {
   UniqueFd socket = connect(&error_number);
   if (socket.IsValid()) {
     refusal = CheckPeer(socket.Get());
-    if (!refusal.isError()) return Finish(std::move(socket), {}, 0);
+    if (!refusal.isError()) {
+      Finish(std::move(socket), {}, 0);
+      return;
+    }
   }
   retry.start(error_number == EAGAIN ? kDialRetryMs : 0);
 }
 
 void Dialer::State::Try() {
   const auto self = shared_from_this();
-  if (refusal.isError()) return Finish({}, refusal, 0);
+  if (refusal.isError()) {
+    Finish({}, refusal, 0);
+    return;
+  }
   int error_number = 0;
   UniqueFd socket = connect(&error_number);
   if (socket.IsValid()) {
     refusal = CheckPeer(socket.Get());
-    if (refusal.isError()) socket.Reset();
-    return Finish(std::move(socket), refusal, 0);
+    if (refusal.isError()) {
+      socket.Reset();
+    }
+    Finish(std::move(socket), refusal, 0);
+    return;
   }
-  if (error_number == EAGAIN && since.elapsed() < kDialLimitMs) return retry.start(kDialRetryMs);
+  if (error_number == EAGAIN && since.elapsed() < kDialLimitMs) {
+    retry.start(kDialRetryMs);
+    return;
+  }
   Finish(
       {},
       SystemError(Error::kConnectFailed, QString("cannot connect to '%1'").arg(what), error_number),
@@ -192,7 +218,9 @@ void Dialer::State::Try() {
 }
 
 void Dialer::State::Finish(UniqueFd socket, const Error& error, int error_number) {
-  if (!done) return;
+  if (!done) {
+    return;
+  }
   const Done call = std::exchange(done, nullptr);
   call(std::move(socket), error, error_number);
 }

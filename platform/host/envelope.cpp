@@ -25,19 +25,29 @@ constexpr bool IsPlain(Unit code) {
 template <typename Unit>
 bool IsPlain(const Unit* text, std::size_t size) {
   Unit strange = 0;
-  for (std::size_t i = 0; i < size; ++i) strange |= static_cast<Unit>(!IsPlain(text[i]));
+  for (std::size_t i = 0; i < size; ++i) {
+    strange |= static_cast<Unit>(!IsPlain(text[i]));
+  }
   return strange == 0;
 }
 
 // Without a JSON document, which would copy the text four times more.
 std::optional<QByteArray> EncodePlainData(const QJsonObject& object, std::size_t max_size) {
-  if (object.size() != 1) return std::nullopt;
+  if (object.size() != 1) {
+    return std::nullopt;
+  }
   const auto member = object.constBegin();
-  if (!member.value().isString() || member.key() != QLatin1String("data")) return std::nullopt;
+  if (!member.value().isString() || member.key() != QLatin1String("data")) {
+    return std::nullopt;
+  }
   const QString text = member.value().toString();
   const auto size = static_cast<std::size_t>(text.size());
-  if (kDataHead.size() + size + kDataTail.size() > max_size) return std::nullopt;
-  if (!IsPlain(text.utf16(), size)) return std::nullopt;
+  if (kDataHead.size() + size + kDataTail.size() > max_size) {
+    return std::nullopt;
+  }
+  if (!IsPlain(text.utf16(), size)) {
+    return std::nullopt;
+  }
   QByteArray line(static_cast<int>(kDataHead.size() + size + kDataTail.size() + 1),
                   Qt::Uninitialized);
   char* out = std::copy(kDataHead.begin(), kDataHead.end(), line.data());
@@ -49,9 +59,15 @@ std::optional<QByteArray> EncodePlainData(const QJsonObject& object, std::size_t
 }
 
 std::size_t EscapedSize(ushort code) {
-  if (IsPlain(code) || code == 0x7f) return 1;
-  if (code == '"' || code == '\\' || (code >= '\b' && code <= '\r' && code != '\v')) return 2;
-  if (code < 0x20) return 6;
+  if (IsPlain(code) || code == 0x7f) {
+    return 1;
+  }
+  if (code == '"' || code == '\\' || (code >= '\b' && code <= '\r' && code != '\v')) {
+    return 2;
+  }
+  if (code < 0x20) {
+    return 6;
+  }
   return code < 0x800 ? 2 : 3;
 }
 
@@ -91,7 +107,9 @@ JsonSize SizeOf(const QJsonValue& value) {
     size.Add(EscapedSize(value.toString()));
   } else if (value.isArray()) {
     const QJsonArray array = value.toArray();
-    for (const QJsonValue& item : array) size.Add(SizeOf(item));
+    for (const QJsonValue& item : array) {
+      size.Add(SizeOf(item));
+    }
     size.Add(2 + static_cast<std::size_t>(std::max(array.size() - 1, 0)));
   } else if (value.isObject()) {
     const QJsonObject object = value.toObject();
@@ -119,23 +137,35 @@ std::size_t PlainPrefix(std::string_view text) {
   constexpr std::size_t kBlock = 64;
   const auto* const bytes = reinterpret_cast<const unsigned char*>(text.data());
   std::size_t size = 0;
-  while (text.size() - size >= kBlock && IsPlain(bytes + size, kBlock)) size += kBlock;
-  while (size < text.size() && IsPlain(bytes[size])) ++size;
+  while (text.size() - size >= kBlock && IsPlain(bytes + size, kBlock)) {
+    size += kBlock;
+  }
+  while (size < text.size() && IsPlain(bytes[size])) {
+    ++size;
+  }
   return size;
 }
 
 std::optional<QByteArray> EncodeLine(const QJsonObject& object, std::size_t max_size) {
-  if (auto line = EncodePlainData(object, max_size)) return line;
-  if (!MayFit(object, max_size)) return std::nullopt;
+  if (auto line = EncodePlainData(object, max_size)) {
+    return line;
+  }
+  if (!MayFit(object, max_size)) {
+    return std::nullopt;
+  }
   QByteArray line = QJsonDocument(object).toJson(QJsonDocument::Compact);
-  if (static_cast<std::size_t>(line.size()) > max_size) return std::nullopt;
+  if (static_cast<std::size_t>(line.size()) > max_size) {
+    return std::nullopt;
+  }
   return line += '\n';
 }
 
 std::optional<QJsonObject> DecodeLine(const char* text, std::size_t size) {
   const QJsonDocument document =
       QJsonDocument::fromJson(QByteArray::fromRawData(text, static_cast<int>(size)));
-  if (!document.isObject()) return std::nullopt;
+  if (!document.isObject()) {
+    return std::nullopt;
+  }
   return document.object();
 }
 

@@ -46,7 +46,9 @@ class Channels {
 
   // A forked copy of the process has nothing to say, and a channel of another thread may be in use.
   void Flush() {
-    if (owner_ != ::getpid()) return;
+    if (owner_ != ::getpid()) {
+      return;
+    }
     const auto deadline = Clock::now() + kMost;
     const std::lock_guard lock(mutex_);
     for (const Entry& entry : entries_) {

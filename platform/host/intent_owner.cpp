@@ -28,7 +28,9 @@ UniqueFd LockFolder(const SocketFolder& folder, Error* error) {
     QThread::msleep(kLockRetryMs);
     result = ::flock(lock.Get(), LOCK_EX | LOCK_NB);
   }
-  if (result == 0) return lock;
+  if (result == 0) {
+    return lock;
+  }
   *error = SystemError(Error::kRuntimeFolder,
                        QString("cannot lock '%1'").arg(folder.PathOf(kLockFile)), errno);
   return {};
@@ -38,7 +40,9 @@ UniqueFd LockFolder(const SocketFolder& folder, Error* error) {
 bool FreeName(const SocketFolder& folder, const QString& name, Error* error) {
   int error_number = 0;
   const UniqueFd probe = folder.Connect(name, &error_number);
-  if (error_number == ENOENT) return true;
+  if (error_number == ENOENT) {
+    return true;
+  }
   if (error_number == ECONNREFUSED) {
     folder.Remove(name);
     return true;
@@ -54,7 +58,9 @@ bool FreeName(const SocketFolder& folder, const QString& name, Error* error) {
 
 UniqueFd ClaimName(const SocketFolder& folder, const QString& name, Error* error) {
   const UniqueFd lock = LockFolder(folder, error);
-  if (!lock.IsValid() || !FreeName(folder, name, error)) return {};
+  if (!lock.IsValid() || !FreeName(folder, name, error)) {
+    return {};
+  }
   return folder.Listen(name, error);
 }
 
@@ -88,13 +94,18 @@ class Answer {
   Answer(const Answer&) = delete;
   Answer& operator=(const Answer&) = delete;
   ~Answer() {
-    if (answered_) return;
+    if (answered_) {
+      return;
+    }
     Send({{intent::kError,
            QString("the owner of the intent '%1' let it go without an answer").arg(name_)}});
   }
 
   void Reply(const QJsonObject& reply) {
-    if (!answered_.exchange(true)) return Send({{intent::kReply, reply}});
+    if (!answered_.exchange(true)) {
+      Send({{intent::kReply, reply}});
+      return;
+    }
     Warn(QString("a second reply to the intent '%1' is dropped").arg(name_));
   }
 
@@ -102,9 +113,14 @@ class Answer {
   // The connection belongs to the owner's thread.
   void Send(const QJsonObject& answer) {
     const auto send = [invocation = invocation_, answer] {
-      if (const auto live = invocation.lock()) live->Send(answer);
+      if (const auto live = invocation.lock()) {
+        live->Send(answer);
+      }
     };
-    if (context_->thread() == QThread::currentThread()) return send();
+    if (context_->thread() == QThread::currentThread()) {
+      send();
+      return;
+    }
     Post(context_, send);
   }
 
@@ -128,7 +144,9 @@ void IntentOwner::Invocation::Open(UniqueFd socket) {
 
 void IntentOwner::Invocation::OnObject(const QJsonObject& object) {
   const auto self = shared_from_this();
-  if (std::exchange(invoked_, true)) return;
+  if (std::exchange(invoked_, true)) {
+    return;
+  }
   const auto answer =
       std::make_shared<Answer<Invocation>>(weak_from_this(), &owner_->context_, owner_->name_);
   owner_->handler_(object.value(intent::kFirst).toObject(),
@@ -142,16 +160,24 @@ std::unique_ptr<IntentOwner> IntentOwner::Register(const QString& name,
                                                    RuntimeDispatcher::IntentHandler handler,
                                                    Error* error) {
   *error = CheckName("an intent", name, kMaxIntentName);
-  if (error->isError()) return nullptr;
+  if (error->isError()) {
+    return nullptr;
+  }
   const SocketFolder folder = SocketFolder::OpenIntents(error);
-  if (!folder.IsValid()) return nullptr;
+  if (!folder.IsValid()) {
+    return nullptr;
+  }
   const UniqueFd socket = ClaimName(folder, name, error);
-  if (!socket.IsValid()) return nullptr;
+  if (!socket.IsValid()) {
+    return nullptr;
+  }
   SocketFile file(folder.PathOf(name));
   std::unique_ptr<IntentOwner> owner(
       new IntentOwner(name, std::move(handler), std::move(file), socket.Get()));
   *error = owner->acceptor_.GetError();
-  if (error->isError()) return nullptr;
+  if (error->isError()) {
+    return nullptr;
+  }
   return owner;
 }
 

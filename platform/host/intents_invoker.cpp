@@ -48,7 +48,10 @@ void Call::Open(const QJsonObject& first) {
   LineChannel::Callbacks callbacks;
   callbacks.on_object = [this](const QJsonObject& object) { OnObject(object); };
   callbacks.on_end = [this](const Error& error) {
-    if (error.code() == Error::kConnectionLost) return OnEnd();
+    if (error.code() == Error::kConnectionLost) {
+      OnEnd();
+      return;
+    }
     Fail(Error::Code(error.code()), error.message());
   };
   channel_ = std::make_shared<LineChannel>(
@@ -71,23 +74,40 @@ void Call::Close() {
 UniqueFd Call::Connect(int* error_number) {
   folder_error_ = {};
   const SocketFolder folder = SocketFolder::OpenIntents(&folder_error_);
-  if (folder.IsValid()) return folder.Connect(name_, error_number);
+  if (folder.IsValid()) {
+    return folder.Connect(name_, error_number);
+  }
   *error_number = EACCES;
   return {};
 }
 
 void Call::OnDialed(UniqueFd socket, const Error& error, int error_number) {
-  if (socket.IsValid()) return channel_->Attach(std::move(socket));
-  if (folder_error_.isError()) return Finish({}, folder_error_);
-  if (error_number != ENOENT && error_number != ECONNREFUSED) return Finish({}, error);
-  if (name_ != kOpenUri) return Fail(Error::kNoSuchIntent, "no live process owns it");
+  if (socket.IsValid()) {
+    channel_->Attach(std::move(socket));
+    return;
+  }
+  if (folder_error_.isError()) {
+    Finish({}, folder_error_);
+    return;
+  }
+  if (error_number != ENOENT && error_number != ECONNREFUSED) {
+    Finish({}, error);
+    return;
+  }
+  if (name_ != kOpenUri) {
+    Fail(Error::kNoSuchIntent, "no live process owns it");
+    return;
+  }
   opener_ = std::make_unique<UriOpener>(second_.value(QStringLiteral("uri")).toString(),
                                         [this](const Error& outcome) { Finish({}, outcome); });
 }
 
 void Call::OnObject(const QJsonObject& object) {
   const QJsonValue reply = object.value(intent::kReply);
-  if (reply.isObject()) return Finish(reply.toObject(), {});
+  if (reply.isObject()) {
+    Finish(reply.toObject(), {});
+    return;
+  }
   const QString why = object.value(intent::kError).toString();
   Fail(Error::kIntentFailed, why.isEmpty() ? QString("its owner's answer makes no sense") : why);
 }
@@ -101,7 +121,9 @@ void Call::Fail(Error::Code code, const QString& why) {
 void Call::Finish(const QJsonObject& reply, const Error& error) {
   const auto self = shared_from_this();
   channel_->Close();
-  if (const auto done = std::exchange(done_, nullptr)) done(reply, error);
+  if (const auto done = std::exchange(done_, nullptr)) {
+    done(reply, error);
+  }
 }
 
 }  // namespace
@@ -111,7 +133,9 @@ class IntentsInvoker::Private {
  public:
   Private() = default;
   ~Private() {
-    for (const auto& call : calls) call->Close();
+    for (const auto& call : calls) {
+      call->Close();
+    }
   }
   Private(const Private&) = delete;
   Private& operator=(const Private&) = delete;
@@ -129,7 +153,8 @@ void IntentsInvoker::invoke(const QString& name, const QJsonObject& first,
                             const QJsonObject& second) {
   const Error bad_name = host::CheckName("an intent", name, host::kMaxIntentName);
   if (bad_name.isError()) {
-    return host::Post(this, [this, bad_name] { Q_EMIT replyReceived({}, bad_name); });
+    host::Post(this, [this, bad_name] { Q_EMIT replyReceived({}, bad_name); });
+    return;
   }
   auto slot = std::make_shared<std::weak_ptr<host::Call>>();
   const auto call = std::make_shared<host::Call>(

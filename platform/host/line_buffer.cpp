@@ -25,7 +25,9 @@ constexpr std::size_t kLargeCapacity = std::size_t{4} << 20U;
 // Spares hundreds of page faults for each mebibyte that will be read, where the system has large
 // pages to give; it is no error where it has none.
 void AskForLargePages(char* data, std::size_t size) {
-  if (size < kLargeCapacity) return;
+  if (size < kLargeCapacity) {
+    return;
+  }
   static const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
   const std::uintptr_t before = (page - reinterpret_cast<std::uintptr_t>(data) % page) % page;
   const int error = errno;
@@ -51,7 +53,9 @@ bool LineBuffer::Reserve(std::size_t capacity) {
 // A line that is large is expected to be as large as the last such line: the room for it, which
 // takes no memory before it is filled, is then made once instead of by doubling.
 std::size_t LineBuffer::NextCapacity() const {
-  if (capacity_ < kFirstCapacity) return kFirstCapacity;
+  if (capacity_ < kFirstCapacity) {
+    return kFirstCapacity;
+  }
   return std::max(2 * capacity_, last_large_ + kFirstCapacity);
 }
 
@@ -69,7 +73,9 @@ LineBuffer::Room LineBuffer::MakeRoom() {
   }
   if (end_ + cut_ == capacity_) {
     CutHead();
-    if (!Reserve(std::min(most, NextCapacity()))) return {};
+    if (!Reserve(std::min(most, NextCapacity()))) {
+      return {};
+    }
   }
   return {data_.data() + end_, capacity_ - cut_ - end_};
 }
@@ -81,7 +87,9 @@ bool LineBuffer::BeginsAsData() const {
 // The text of a line that grows large then lies where its array will begin, and need not be moved
 // there. The room for the head stays free.
 void LineBuffer::CutHead() {
-  if (cut_ > 0 || is_other_ || !BeginsAsData()) return;
+  if (cut_ > 0 || is_other_ || !BeginsAsData()) {
+    return;
+  }
   cut_ = kDataHead.size();
   std::memmove(data_.data(), data_.data() + cut_, end_ - cut_);
   end_ -= cut_;
@@ -108,24 +116,34 @@ bool LineBuffer::TakeLine(Line* line) { return is_other_ ? TakeOther(line) : Tak
 LineBuffer::Found LineBuffer::FindDataEnd() {
   if (cut_ == 0) {
     const std::string_view head = Rest(begin_).substr(0, kDataHead.size());
-    if (head != kDataHead.substr(0, head.size())) return Found::kOther;
-    if (head.size() < kDataHead.size()) return Found::kNothingYet;
+    if (head != kDataHead.substr(0, head.size())) {
+      return Found::kOther;
+    }
+    if (head.size() < kDataHead.size()) {
+      return Found::kNothingYet;
+    }
     searched_ = std::max(searched_, begin_ + kDataHead.size());
   }
   searched_ += PlainPrefix(Rest(searched_));
   const std::string_view tail = Rest(searched_).substr(0, kDataEnd.size());
-  if (tail != kDataEnd.substr(0, tail.size())) return Found::kOther;
+  if (tail != kDataEnd.substr(0, tail.size())) {
+    return Found::kOther;
+  }
   return tail.size() == kDataEnd.size() ? Found::kLine : Found::kNothingYet;
 }
 
 bool LineBuffer::TakeData(Line* line) {
   const Found found = FindDataEnd();
   if (found == Found::kOther) {
-    if (cut_ > 0) RestoreHead();
+    if (cut_ > 0) {
+      RestoreHead();
+    }
     is_other_ = true;
     return TakeOther(line);
   }
-  if (found == Found::kNothingYet) return false;
+  if (found == Found::kNothingYet) {
+    return false;
+  }
   const std::size_t text = begin_ + kDataHead.size() - cut_;
   *line = {true, Rest(text).substr(0, searched_ - text)};
   BeginLine(searched_ + kDataEnd.size());
@@ -156,7 +174,9 @@ QByteArray LineBuffer::Detach(std::string_view text, QByteArray spare) {
   QByteArray detached = std::exchange(data_, std::move(rest));
   BeginLine(0);
   end_ = capacity_ = static_cast<std::size_t>(data_.size());
-  if (text.data() != detached.data()) std::memmove(detached.data(), text.data(), text.size());
+  if (text.data() != detached.data()) {
+    std::memmove(detached.data(), text.data(), text.size());
+  }
   detached.resize(size);
   return detached;
 }

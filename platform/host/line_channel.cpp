@@ -81,7 +81,9 @@ class LineChannel::DataLine {
   QByteArray Copy() const {
     QByteArray bytes(static_cast<int>(Size()), Qt::Uninitialized);
     char* out = bytes.data();
-    for (const std::string_view part : parts_) out = std::copy(part.begin(), part.end(), out);
+    for (const std::string_view part : parts_) {
+      out = std::copy(part.begin(), part.end(), out);
+    }
     return bytes;
   }
 
@@ -97,7 +99,9 @@ LineChannel::LineChannel(QString task, QString peer, Callbacks callbacks)
       input_(limits_.max_message) {}
 
 void LineChannel::Attach(UniqueFd socket) {
-  if (ended_) return;
+  if (ended_) {
+    return;
+  }
   socket_ = std::move(socket);
   readable_ = std::make_unique<QSocketNotifier>(socket_.Get(), QSocketNotifier::Read);
   writable_ = std::make_unique<QSocketNotifier>(socket_.Get(), QSocketNotifier::Write);
@@ -110,10 +114,14 @@ void LineChannel::Attach(UniqueFd socket) {
 }
 
 void LineChannel::Send(const QJsonObject& object) {
-  if (!MaySend()) return;
+  if (!MaySend()) {
+    return;
+  }
   std::optional<QByteArray> line = EncodeLine(object, limits_.max_message);
   // One that is not even encoded is over the bound, too.
-  if (!Accepts(line ? static_cast<std::size_t>(line->size()) - 1 : limits_.max_message + 1)) return;
+  if (!Accepts(line ? static_cast<std::size_t>(line->size()) - 1 : limits_.max_message + 1)) {
+    return;
+  }
   Trace(task_, Direction::kSend, {{line->constData(), static_cast<std::size_t>(line->size()) - 1}});
   WriteHeld();
   Queue(*std::move(line));
@@ -121,12 +129,16 @@ void LineChannel::Send(const QJsonObject& object) {
 
 void LineChannel::SendData(std::string_view text) {
   if (!IsPlainText(text)) {
-    return Send(
-        {{QStringLiteral("data"), QString::fromUtf8(text.data(), static_cast<int>(text.size()))}});
+    Send({{QStringLiteral("data"), QString::fromUtf8(text.data(), static_cast<int>(text.size()))}});
+    return;
   }
-  if (!MaySend() || !Accepts(kDataHead.size() + text.size() + kDataTail.size())) return;
+  if (!MaySend() || !Accepts(kDataHead.size() + text.size() + kDataTail.size())) {
+    return;
+  }
   Trace(task_, Direction::kSend, {kDataHead, text, kDataTail});
-  if (Hold(text)) return;
+  if (Hold(text)) {
+    return;
+  }
   WriteHeld();
   Write(DataLine(text));
 }
@@ -134,12 +146,18 @@ void LineChannel::SendData(std::string_view text) {
 // What the socket does not take is copied into the queue.
 void LineChannel::Write(DataLine line) {
   const std::size_t size = line.Size();
-  if (queue_.empty() && socket_.IsValid()) WriteAtOnce(line);
-  if (line.Size() == 0) return;
+  if (queue_.empty() && socket_.IsValid()) {
+    WriteAtOnce(line);
+  }
+  if (line.Size() == 0) {
+    return;
+  }
   try {
     Queue(line.Copy());
   } catch (const std::bad_alloc&) {
-    if (line.Size() == size) throw;
+    if (line.Size() == size) {
+      throw;
+    }
     EndSoon({Error::kConnectionLost,
              QString("memory ran out in the middle of a message to %1").arg(peer_)});
   }
@@ -153,16 +171,22 @@ void LineChannel::WriteAtOnce(DataLine& line) const {
     auto parts = line.Gather();
     const ssize_t size = RetryOnEintr(
         [this, &parts] { return SendParts(socket_.Get(), parts.data(), parts.size()); });
-    if (size < 0 && errno != EAGAIN) return;  // the next try will meet it again
+    if (size < 0 && errno != EAGAIN) {
+      return;  // the next try will meet it again
+    }
     if (size > 0) {
       line.Skip(static_cast<std::size_t>(size));
       continue;
     }
-    if (line.Size() < kWorthWaiting) return;
+    if (line.Size() < kWorthWaiting) {
+      return;
+    }
     if (!deadline) {
       deadline = std::chrono::steady_clock::now() + kCopyTime * (line.Size() >> 20U);
     }
-    if (!IsBeingRead(*deadline)) return;
+    if (!IsBeingRead(*deadline)) {
+      return;
+    }
   }
 }
 
@@ -174,7 +198,9 @@ bool LineChannel::IsBeingRead(std::chrono::steady_clock::time_point deadline) co
 }
 
 bool LineChannel::MaySend() {
-  if (!ended_ && !sending_ended_) return true;
+  if (!ended_ && !sending_ended_) {
+    return true;
+  }
   if (!std::exchange(late_send_warned_, true)) {
     Warn(QString("messages to %1 are dropped: its connection has ended").arg(peer_));
   }
@@ -191,7 +217,9 @@ bool LineChannel::Accepts(std::size_t size) {
                                          .arg(limits_.max_message)});
     return false;
   }
-  if (queued_ - front_sent_ + held_size_ + size + 1 > limits_.max_queue) WriteHeld();
+  if (queued_ - front_sent_ + held_size_ + size + 1 > limits_.max_queue) {
+    WriteHeld();
+  }
   if (queued_ - front_sent_ + size + 1 > limits_.max_queue) {
     EndSoon({Error::kQueueFull, QString("%1 does not read: more than the %2 bytes that "
                                         "RUNTIME_MANAGER_MAX_QUEUE sets would wait for it")
@@ -205,24 +233,38 @@ bool LineChannel::Accepts(std::size_t size) {
 // Answers to the messages of one read go out together: a system call costs more than what else is
 // done for a small message. False for a text that is to go out now.
 bool LineChannel::Hold(std::string_view text) {
-  if (!holding_ && held_size_ == 0) return false;
-  if (text.size() > kMostHeld || !queue_.empty() || !WriteBatch::IsUsable()) return false;
-  if (held_ == nullptr) held_ = WriteBatch::Create(socket_.Get());
-  if (held_ == nullptr) return false;
+  if (!holding_ && held_size_ == 0) {
+    return false;
+  }
+  if (text.size() > kMostHeld || !queue_.empty() || !WriteBatch::IsUsable()) {
+    return false;
+  }
+  if (held_ == nullptr) {
+    held_ = WriteBatch::Create(socket_.Get());
+  }
+  if (held_ == nullptr) {
+    return false;
+  }
   held_->Put({kDataHead, text, kDataEnd});
   held_size_ += DataLine(text).Size();
-  if (!holding_ || held_size_ >= kBatch) WriteHeld();
+  if (!holding_ || held_size_ >= kBatch) {
+    WriteHeld();
+  }
   return true;
 }
 
 void LineChannel::WriteHeld() {
-  if (std::exchange(held_size_, 0) > 0 && !held_->Write()) Queue(held_->TakeRest());
+  if (std::exchange(held_size_, 0) > 0 && !held_->Write()) {
+    Queue(held_->TakeRest());
+  }
 }
 
 void LineChannel::Queue(QByteArray bytes) {
   const bool was_empty = queue_.empty();
   Append(std::move(bytes));
-  if (was_empty && socket_.IsValid()) Flush();
+  if (was_empty && socket_.IsValid()) {
+    Flush();
+  }
 }
 
 void LineChannel::Append(QByteArray bytes) {
@@ -237,13 +279,17 @@ void LineChannel::Drain() {
 }
 
 void LineChannel::EndSoon(const Error& error) {
-  if (ended_ || sending_ended_) return;
+  if (ended_ || sending_ended_) {
+    return;
+  }
   sending_ended_ = true;
   DropUnsent();
   WaitForRoom(false);
   Post(&context_, [this, error, weak = weak_from_this()] {
     const auto self = weak.lock();
-    if (self == nullptr) return;
+    if (self == nullptr) {
+      return;
+    }
     Drain();
     End(error);
   });
@@ -251,25 +297,37 @@ void LineChannel::EndSoon(const Error& error) {
 
 void LineChannel::Close() {
   ended_ = true;
-  if (readable_ != nullptr) readable_->setEnabled(false);
-  if (writable_ != nullptr) writable_->setEnabled(false);
+  if (readable_ != nullptr) {
+    readable_->setEnabled(false);
+  }
+  if (writable_ != nullptr) {
+    writable_->setEnabled(false);
+  }
   DropUnsent();
-  if (held_ != nullptr) held_->Close();
+  if (held_ != nullptr) {
+    held_->Close();
+  }
   socket_.Reset();
 }
 
 // What was held back has its last chance: without that it would have gone out already.
 void LineChannel::DropUnsent() {
-  if (std::exchange(held_size_, 0) > 0 && !held_->Write()) held_->TakeRest();
+  if (std::exchange(held_size_, 0) > 0 && !held_->Write()) {
+    held_->TakeRest();
+  }
   queue_.clear();
   queued_ = front_sent_ = 0;
 }
 
 void LineChannel::End(const Error& error) {
-  if (ended_) return;
+  if (ended_) {
+    return;
+  }
   Close();
   const auto on_end = std::move(callbacks_.on_end);
-  if (on_end) on_end(error);
+  if (on_end) {
+    on_end(error);
+  }
 }
 
 void LineChannel::OnReadable() {
@@ -281,26 +339,39 @@ void LineChannel::Read(std::size_t budget, bool to_the_end) {
   DeliverLines();  // those that were there when a handler began to run an event loop
   while (!ended_ && socket_.IsValid() && budget > 0) {
     const LineBuffer::Room room = input_.MakeRoom();
-    if (room.data == nullptr) return OnReadError(ENOMEM);
+    if (room.data == nullptr) {
+      OnReadError(ENOMEM);
+      return;
+    }
     const ssize_t size = RetryOnEintr(
         [this, &room] { return ::recv(socket_.Get(), room.data, room.size, MSG_DONTWAIT); });
-    if (size < 0) return OnReadError(errno);
-    if (size == 0) return OnReadError(ECONNRESET);
+    if (size < 0) {
+      OnReadError(errno);
+      return;
+    }
+    if (size == 0) {
+      OnReadError(ECONNRESET);
+      return;
+    }
     const auto count = static_cast<std::size_t>(size);
     input_.Commit(count);
     DeliverLines();
     budget -= std::min(budget, count);
     // A short read has emptied the socket, most likely; if not, the notifier tells.
-    if (count < room.size && !to_the_end) return;
+    if (count < room.size && !to_the_end) {
+      return;
+    }
   }
 }
 
 void LineChannel::OnReadError(int error_number) {
-  if (error_number == EAGAIN) return;
+  if (error_number == EAGAIN) {
+    return;
+  }
   // A reset is the end that a peer makes which has not read everything.
   if (error_number == ECONNRESET || error_number == EPIPE) {
-    return End(
-        {Error::kConnectionLost, QString("%1 closed the connection, or has ended").arg(peer_)});
+    End({Error::kConnectionLost, QString("%1 closed the connection, or has ended").arg(peer_)});
+    return;
   }
   End(SystemError(Error::kConnectionLost, QString("cannot read from %1").arg(peer_), error_number));
 }
@@ -311,12 +382,16 @@ void LineChannel::DeliverLines() {
   // The line is done with before a handler runs, which may run an event loop and read on.
   while (!ended_ && input_.TakeLine(&line)) {
     holding_ = input_.HoldsMore();
-    if (holding_) DeliverRestSoon();
+    if (holding_) {
+      DeliverRestSoon();
+    }
     DeliverLine(line);
   }
   holding_ = false;
   WriteHeld();
-  if (ended_ || !input_.IsOverlong()) return;
+  if (ended_ || !input_.IsOverlong()) {
+    return;
+  }
   End({Error::kMessageTooLong, QString("%1 sent a line over the bound of %2 bytes that "
                                        "RUNTIME_MANAGER_MAX_MESSAGE sets")
                                    .arg(peer_)
@@ -326,19 +401,29 @@ void LineChannel::DeliverLines() {
 // An event loop that a handler runs gets the lines behind the handler's own, too, although no byte
 // more may come to wake it.
 void LineChannel::DeliverRestSoon() {
-  if (std::exchange(rest_is_due_, true)) return;
+  if (std::exchange(rest_is_due_, true)) {
+    return;
+  }
   Post(&context_, [this, weak = weak_from_this()] {
     const auto self = weak.lock();
-    if (self == nullptr) return;
+    if (self == nullptr) {
+      return;
+    }
     rest_is_due_ = false;
     DeliverLines();
   });
 }
 
 void LineChannel::DeliverLine(const LineBuffer::Line& line) {
-  if (line.is_data) return DeliverData(line.text);
+  if (line.is_data) {
+    DeliverData(line.text);
+    return;
+  }
   const std::optional<QJsonObject> object = DecodeLine(line.text.data(), line.text.size());
-  if (!object) return WarnAboutLine(line.text);
+  if (!object) {
+    WarnAboutLine(line.text);
+    return;
+  }
   Trace(task_, Direction::kReceive, {line.text});
   callbacks_.on_object(*object);
 }
@@ -346,17 +431,21 @@ void LineChannel::DeliverLine(const LineBuffer::Line& line) {
 void LineChannel::DeliverData(std::string_view text) {
   Trace(task_, Direction::kReceive, {kDataHead, text, kDataTail});
   if (!callbacks_.wants_data || !callbacks_.wants_data()) {
-    return callbacks_.on_object(
-        {{QStringLiteral("data"),
-          QString::fromLatin1(text.data(), static_cast<int>(text.size()))}});
+    callbacks_.on_object({{QStringLiteral("data"),
+                           QString::fromLatin1(text.data(), static_cast<int>(text.size()))}});
+    return;
   }
   QByteArray data = input_.Detach(text, std::exchange(spare_, QByteArray()));
   callbacks_.on_data(data);
-  if (data.capacity() > 0 && data.capacity() <= kMostSpare) spare_ = std::move(data);
+  if (data.capacity() > 0 && data.capacity() <= kMostSpare) {
+    spare_ = std::move(data);
+  }
 }
 
 void LineChannel::WarnAboutLine(std::string_view line) {
-  if (++line_warnings_ > kMaxLineWarnings) return;
+  if (++line_warnings_ > kMaxLineWarnings) {
+    return;
+  }
   const int shown = static_cast<int>(std::min<std::size_t>(line.size(), kShownOfLine));
   Warn(QString("a line of %1 bytes from %2 is dropped: it is not a JSON "
                "object; it begins with: %3%4")
@@ -377,11 +466,13 @@ void LineChannel::Flush() {
   while (!queue_.empty() && budget > 0) {
     const ssize_t size = RetryOnEintr([this] { return WriteSome(); });
     if (size < 0 && errno != EAGAIN && errno != ENOBUFS && errno != ENOMEM) {
-      return EndSoon(SystemError(Error::kConnectionLost,
-                                 QString("cannot write to %1, which may have ended").arg(peer_),
-                                 errno));
+      EndSoon(SystemError(Error::kConnectionLost,
+                          QString("cannot write to %1, which may have ended").arg(peer_), errno));
+      return;
     }
-    if (size < 0) break;
+    if (size < 0) {
+      break;
+    }
     DropWritten(static_cast<std::size_t>(size));
     budget -= std::min(budget, static_cast<std::size_t>(size));
   }
@@ -390,14 +481,22 @@ void LineChannel::Flush() {
 
 void LineChannel::FlushUntil(std::chrono::steady_clock::time_point deadline) {
   using std::chrono::milliseconds;
-  if (std::exchange(held_size_, 0) > 0 && !held_->Write()) Append(held_->TakeRest());
+  if (std::exchange(held_size_, 0) > 0 && !held_->Write()) {
+    Append(held_->TakeRest());
+  }
   while (!queue_.empty() && socket_.IsValid()) {
     const ssize_t size = RetryOnEintr([this] { return WriteSome(); });
-    if (size < 0 && errno != EAGAIN) return;
-    if (size >= 0) DropWritten(static_cast<std::size_t>(size));
+    if (size < 0 && errno != EAGAIN) {
+      return;
+    }
+    if (size >= 0) {
+      DropWritten(static_cast<std::size_t>(size));
+    }
     const auto left =
         std::chrono::duration_cast<milliseconds>(deadline - std::chrono::steady_clock::now());
-    if (left <= milliseconds::zero()) return;
+    if (left <= milliseconds::zero()) {
+      return;
+    }
     pollfd writable{socket_.Get(), POLLOUT, 0};
     ::poll(&writable, 1, static_cast<int>(left.count()));
   }
@@ -427,7 +526,9 @@ void LineChannel::DropWritten(std::size_t size) {
 }
 
 void LineChannel::WaitForRoom(bool wait) {
-  if (writable_ != nullptr && writable_->isEnabled() != wait) writable_->setEnabled(wait);
+  if (writable_ != nullptr && writable_->isEnabled() != wait) {
+    writable_->setEnabled(wait);
+  }
 }
 
 }  // namespace RuntimeManager::host

@@ -7,10 +7,14 @@ namespace {
 
 std::size_t ReadLimit(const char* variable, std::size_t by_default, std::size_t largest) {
   const QByteArray text = Variable(variable);
-  if (text.isEmpty()) return by_default;
+  if (text.isEmpty()) {
+    return by_default;
+  }
   bool is_number = false;
   const qulonglong value = text.toULongLong(&is_number, 10);
-  if (is_number && value >= 1 && value <= largest) return value;
+  if (is_number && value >= 1 && value <= largest) {
+    return value;
+  }
   Warn(QString("%1 is '%2': it must be a number of bytes from 1 to %3; the "
                "default of %4 holds")
            .arg(variable, QString::fromUtf8(text))

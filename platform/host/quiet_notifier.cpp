@@ -36,12 +36,16 @@ class QuietNotifier::Hub {
 std::shared_ptr<QuietNotifier::Hub> QuietNotifier::Hub::Get() {
   thread_local std::weak_ptr<Hub> hub;
   auto shared = hub.lock();
-  if (shared == nullptr) hub = shared = std::make_shared<Hub>();
+  if (shared == nullptr) {
+    hub = shared = std::make_shared<Hub>();
+  }
   return shared;
 }
 
 QuietNotifier::Hub::Hub() : epoll_(::epoll_create1(EPOLL_CLOEXEC)) {
-  if (!epoll_.IsValid()) return;
+  if (!epoll_.IsValid()) {
+    return;
+  }
   readable_ = std::make_unique<QSocketNotifier>(epoll_.Get(), QSocketNotifier::Read);
   QObject::connect(readable_.get(), &QSocketNotifier::activated, readable_.get(),
                    [this] { OnReadable(); });
@@ -51,7 +55,9 @@ bool QuietNotifier::Hub::Add(int descriptor, QuietNotifier* notifier) {
   epoll_event event{};
   event.events = EPOLLIN;
   event.data.fd = descriptor;
-  if (::epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, descriptor, &event) != 0) return false;
+  if (::epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, descriptor, &event) != 0) {
+    return false;
+  }
   notifiers_[descriptor] = notifier;
   return true;
 }
@@ -66,9 +72,13 @@ void QuietNotifier::Hub::OnReadable() {
   epoll_event event{};
   const int count =
       RetryOnEintr([this, &event] { return ::epoll_wait(epoll_.Get(), &event, 1, 0); });
-  if (count != 1) return;
+  if (count != 1) {
+    return;
+  }
   const auto found = notifiers_.find(event.data.fd);
-  if (found == notifiers_.end()) return;
+  if (found == notifiers_.end()) {
+    return;
+  }
   // A copy: the callback may end the notifier.
   const auto on_readable = found->second->on_readable_;
   on_readable();
@@ -82,11 +92,21 @@ QuietNotifier::QuietNotifier(int descriptor, std::function<void()> on_readable)
 QuietNotifier::~QuietNotifier() { SetEnabled(false); }
 
 void QuietNotifier::SetEnabled(bool enabled) {
-  if (enabled == enabled_) return;
+  if (enabled == enabled_) {
+    return;
+  }
   enabled_ = enabled;
-  if (own_ != nullptr) return own_->setEnabled(enabled);
-  if (!enabled) return hub_->Remove(descriptor_);
-  if (hub_->Add(descriptor_, this)) return;
+  if (own_ != nullptr) {
+    own_->setEnabled(enabled);
+    return;
+  }
+  if (!enabled) {
+    hub_->Remove(descriptor_);
+    return;
+  }
+  if (hub_->Add(descriptor_, this)) {
+    return;
+  }
   own_ = std::make_unique<QSocketNotifier>(descriptor_, QSocketNotifier::Read);
   QObject::connect(own_.get(), &QSocketNotifier::activated, own_.get(),
                    [on_readable = on_readable_] { on_readable(); });

@@ -20,8 +20,9 @@ SigpipeGuard::SigpipeGuard() {
 SigpipeGuard::~SigpipeGuard() {
   const timespec at_once{};
   // Takes back the signal that the write raised, but none that waited before.
-  if (!was_pending_)
+  if (!was_pending_) {
     RetryOnEintr([this, &at_once] { return ::sigtimedwait(&sigpipe_, nullptr, &at_once); });
+  }
   ::pthread_sigmask(SIG_SETMASK, &before_, nullptr);
 }
 

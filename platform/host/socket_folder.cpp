@@ -39,7 +39,9 @@ Error FolderError(const QString& path, const QString& why) {
 
 Error CheckFolder(int folder, const QString& path) {
   struct stat facts {};
-  if (::fstat(folder, &facts) != 0) return FolderError(path, "cannot be read: " + ErrnoText(errno));
+  if (::fstat(folder, &facts) != 0) {
+    return FolderError(path, "cannot be read: " + ErrnoText(errno));
+  }
   if (facts.st_uid != ::geteuid()) {
     return FolderError(path, QString("belongs to the user with id %1, not to %2: remove it, or set "
                                      "XDG_RUNTIME_DIR to a folder of your own")
@@ -59,7 +61,9 @@ Error CheckFolder(int folder, const QString& path) {
 QByteArray StartTime(const QByteArray& pid) {
   // The entry of the first thread; an emulator makes up the process's own.
   QFile stat(QString::fromLatin1("/proc/" + pid + "/task/" + pid + "/stat"));
-  if (!stat.open(QIODevice::ReadOnly)) return {};
+  if (!stat.open(QIODevice::ReadOnly)) {
+    return {};
+  }
   const QByteArray text = stat.readAll();
   // The second field is the program's name in parentheses, which may hold anything. The start time
   // is field 22, and the first field after the name is 3.
@@ -70,15 +74,21 @@ QByteArray StartTime(const QByteArray& pid) {
 
 // Whether `name` is a task's socket whose starter is no more.
 bool IsLeftBehind(const QString& name) {
-  if (!name.endsWith(kSocketSuffix)) return false;
+  if (!name.endsWith(kSocketSuffix)) {
+    return false;
+  }
   const QStringList parts = name.left(name.size() - kSocketSuffix.size()).split('-');
-  if (parts.size() != 3) return false;
+  if (parts.size() != 3) {
+    return false;
+  }
   const auto is_number = [](const QString& part) {
     return !part.isEmpty() && std::all_of(part.begin(), part.end(), [](QChar digit) {
       return digit >= QLatin1Char('0') && digit <= QLatin1Char('9');
     });
   };
-  if (!std::all_of(parts.begin(), parts.end(), is_number)) return false;
+  if (!std::all_of(parts.begin(), parts.end(), is_number)) {
+    return false;
+  }
   return StartTime(parts[0].toLatin1()) != parts[1].toLatin1();
 }
 
@@ -105,9 +115,13 @@ void Sweep(const SocketFolder& folder) {
   // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is this call's own
   while (const dirent* entry = ::readdir(directory.get())) {
     const QString name = QString::fromUtf8(entry->d_name);
-    if (IsLeftBehind(name)) dead.push_back(name);
+    if (IsLeftBehind(name)) {
+      dead.push_back(name);
+    }
   }
-  for (const QString& name : dead) folder.Remove(name);
+  for (const QString& name : dead) {
+    folder.Remove(name);
+  }
 }
 
 bool IsFirstUse(const QString& path) {
@@ -136,12 +150,16 @@ QByteArray PathThrough(int folder, const QString& name) {
 UniqueFd ConnectShort(const QByteArray& path, int* error_number) {
   *error_number = 0;
   const sockaddr_un address = Address(path, error_number);
-  if (*error_number != 0) return {};
+  if (*error_number != 0) {
+    return {};
+  }
   UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   const auto connect = [&socket, &address] {
     return ::connect(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
   };
-  if (socket.IsValid() && RetryOnEintr(connect) == 0) return socket;
+  if (socket.IsValid() && RetryOnEintr(connect) == 0) {
+    return socket;
+  }
   *error_number = errno;
   return {};
 }
@@ -168,7 +186,9 @@ void RemoveLiveFiles() {
   LiveFiles& files = GetLiveFiles();
   const std::lock_guard lock(files.mutex);
   for (const auto& [path, owner] : files.owners) {
-    if (owner == ::getpid()) ::unlink(path.constData());
+    if (owner == ::getpid()) {
+      ::unlink(path.constData());
+    }
   }
   files.owners.clear();
 }
@@ -185,7 +205,9 @@ SocketFolder SocketFolder::OpenIn(int parent, const QString& parent_path, const 
     return {};
   }
   // The umask may have taken rights that the user needs.
-  if (made) ::fchmodat(parent, entry.constData(), kFolderMode, 0);
+  if (made) {
+    ::fchmodat(parent, entry.constData(), kFolderMode, 0);
+  }
   UniqueFd folder(
       ::openat(parent, entry.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!folder.IsValid()) {
@@ -195,7 +217,9 @@ SocketFolder SocketFolder::OpenIn(int parent, const QString& parent_path, const 
     return {};
   }
   *error = CheckFolder(folder.Get(), path);
-  if (error->isError()) return {};
+  if (error->isError()) {
+    return {};
+  }
   return {std::move(folder), path};
 }
 
@@ -214,13 +238,17 @@ SocketFolder SocketFolder::OpenTasks(Error* error) {
     return {};
   }
   SocketFolder folder = OpenIn(parent.Get(), parent_path, name, error);
-  if (folder.IsValid() && IsFirstUse(folder.path_)) Sweep(folder);
+  if (folder.IsValid() && IsFirstUse(folder.path_)) {
+    Sweep(folder);
+  }
   return folder;
 }
 
 SocketFolder SocketFolder::OpenIntents(Error* error) {
   const SocketFolder tasks = OpenTasks(error);
-  if (!tasks.IsValid()) return {};
+  if (!tasks.IsValid()) {
+    return {};
+  }
   return OpenIn(tasks.Descriptor(), tasks.path_, QStringLiteral("intents"), error);
 }
 
@@ -230,15 +258,21 @@ UniqueFd SocketFolder::Listen(const QString& name, Error* error) const {
   const sockaddr_un address = Address(PathThrough(Descriptor(), name), &error_number);
   // A blocking socket, as socket activation hands it to programs of any kind.
   UniqueFd socket(error_number != 0 ? -1 : ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (error_number == 0 && !socket.IsValid()) error_number = errno;
+  if (error_number == 0 && !socket.IsValid()) {
+    error_number = errno;
+  }
   const auto* target = reinterpret_cast<const sockaddr*>(&address);
-  if (error_number == 0 && ::bind(socket.Get(), target, sizeof(address)) != 0) error_number = errno;
+  if (error_number == 0 && ::bind(socket.Get(), target, sizeof(address)) != 0) {
+    error_number = errno;
+  }
   if (error_number == 0 && (::fchmodat(Descriptor(), entry.constData(), kSocketMode, 0) != 0 ||
                             ::listen(socket.Get(), kBacklog) != 0)) {
     error_number = errno;
     Remove(name);
   }
-  if (error_number == 0) return socket;
+  if (error_number == 0) {
+    return socket;
+  }
   *error = SystemError(Error::kRuntimeFolder,
                        QString("cannot listen on the socket '%1'").arg(PathOf(name)), error_number);
   return {};
@@ -259,20 +293,28 @@ SocketFile::SocketFile(const QString& path) : path_(path) {
 }
 
 SocketFile& SocketFile::operator=(SocketFile&& other) noexcept {
-  if (this == &other) return *this;
+  if (this == &other) {
+    return *this;
+  }
   Remove();
   path_ = std::exchange(other.path_, {});
   return *this;
 }
 
 void SocketFile::Remove() {
-  if (path_.isEmpty()) return;
+  if (path_.isEmpty()) {
+    return;
+  }
   const QByteArray path = std::exchange(path_, {}).toUtf8();
   LiveFiles& files = GetLiveFiles();
   const std::lock_guard lock(files.mutex);
   const auto found = files.owners.find(path);
-  if (found == files.owners.end()) return;
-  if (found->second == ::getpid()) ::unlink(path.constData());
+  if (found == files.owners.end()) {
+    return;
+  }
+  if (found->second == ::getpid()) {
+    ::unlink(path.constData());
+  }
   files.owners.erase(found);
 }
 

@@ -56,7 +56,9 @@ void ResetSignals() {
   struct sigaction by_default {};
   by_default.sa_handler = SIG_DFL;
   // Those that cannot be changed refuse, and need no change.
-  for (int signal = 1; signal < NSIG; ++signal) ::sigaction(signal, &by_default, nullptr);
+  for (int signal = 1; signal < NSIG; ++signal) {
+    ::sigaction(signal, &by_default, nullptr);
+  }
 }
 
 void UnblockSignals() {
@@ -72,16 +74,22 @@ void WriteNumber(char* out, unsigned long number) {
     digits[count++] = static_cast<char>('0' + number % 10);
     number /= 10;
   } while (number > 0);
-  while (count > 0) *out++ = digits[--count];
+  while (count > 0) {
+    *out++ = digits[--count];
+  }
   *out = '\0';
 }
 
 // One descriptor from its name in /proc/self/fd; -1 for "." and "..".
 int ReadNumber(const char* text) {
   int number = 0;
-  if (*text == '\0') return -1;
+  if (*text == '\0') {
+    return -1;
+  }
   for (; *text != '\0'; ++text) {
-    if (*text < '0' || *text > '9') return -1;
+    if (*text < '0' || *text > '9') {
+      return -1;
+    }
     number = number * 10 + (*text - '0');
   }
   return number;
@@ -101,11 +109,15 @@ int CloseListed(int folder) {
   ::lseek(folder, 0, SEEK_SET);
   for (;;) {
     const long size = ::syscall(SYS_getdents64, folder, buffer.data(), buffer.size());
-    if (size <= 0) return closed;
+    if (size <= 0) {
+      return closed;
+    }
     for (long at = 0; at < size;) {
       const auto* entry = reinterpret_cast<const Entry*>(buffer.data() + at);
       const int descriptor = ReadNumber(buffer.data() + at + offsetof(Entry, name));
-      if (descriptor >= kFirstUnused && descriptor != folder && ::close(descriptor) == 0) ++closed;
+      if (descriptor >= kFirstUnused && descriptor != folder && ::close(descriptor) == 0) {
+        ++closed;
+      }
       at += entry->size;
     }
   }
@@ -113,17 +125,28 @@ int CloseListed(int folder) {
 
 void CloseByLimit() {
   rlimit limit{};
-  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) limit.rlim_cur = 1024;
-  for (rlim_t fd = kFirstUnused; fd < limit.rlim_cur; ++fd) ::close(static_cast<int>(fd));
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+    limit.rlim_cur = 1024;
+  }
+  for (rlim_t fd = kFirstUnused; fd < limit.rlim_cur; ++fd) {
+    ::close(static_cast<int>(fd));
+  }
 }
 
 void CloseUnused() {
 #ifdef SYS_close_range
-  if (::syscall(SYS_close_range, kFirstUnused, ~0U, 0U) == 0) return;
+  if (::syscall(SYS_close_range, kFirstUnused, ~0U, 0U) == 0) {
+    return;
+  }
 #endif
   const int folder = ::open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (folder < 0) return CloseByLimit();
-  while (CloseListed(folder) > 0) continue;
+  if (folder < 0) {
+    CloseByLimit();
+    return;
+  }
+  while (CloseListed(folder) > 0) {
+    continue;
+  }
   ::close(folder);
 }
 
@@ -131,24 +154,34 @@ void ArrangeDescriptors(const ChildPlan& plan) {
   bool arranged = ::dup2(plan.null_device, STDIN_FILENO) >= 0;
   // A closed standard stream would be taken by the first file that the program opens.
   for (const int standard : {STDOUT_FILENO, STDERR_FILENO}) {
-    if (::fcntl(standard, F_GETFD) < 0) arranged &= ::dup2(plan.null_device, standard) >= 0;
+    if (::fcntl(standard, F_GETFD) < 0) {
+      arranged &= ::dup2(plan.null_device, standard) >= 0;
+    }
   }
-  if (plan.stderr_pipe >= 0) arranged &= ::dup2(plan.stderr_pipe, STDERR_FILENO) >= 0;
+  if (plan.stderr_pipe >= 0) {
+    arranged &= ::dup2(plan.stderr_pipe, STDERR_FILENO) >= 0;
+  }
   if (plan.listen_socket >= 0) {
     arranged &= ::dup2(plan.listen_socket, kActivationSocket) >= 0;
   } else {
     ::close(kActivationSocket);
   }
   arranged &= ::dup3(plan.status, kStatusDescriptor, O_CLOEXEC) >= 0;
-  if (!arranged) FailChild(plan.status);
+  if (!arranged) {
+    FailChild(plan.status);
+  }
 }
 
 [[noreturn]] void RunChild(const ChildPlan& plan) {
   ResetSignals();
   if (plan.dies_with_starter) {
-    if (::prctl(PR_SET_PDEATHSIG, SIGTERM) != 0) FailChild(plan.status);
+    if (::prctl(PR_SET_PDEATHSIG, SIGTERM) != 0) {
+      FailChild(plan.status);
+    }
     // A starter that died before the call sends no signal any more.
-    if (::getppid() != plan.starter) ::_exit(kExecFailed);
+    if (::getppid() != plan.starter) {
+      ::_exit(kExecFailed);
+    }
   }
   ArrangeDescriptors(plan);
   CloseUnused();
@@ -163,7 +196,9 @@ void ArrangeDescriptors(const ChildPlan& plan) {
 // The descriptors of the child are put in place one after the other, so none of their sources may
 // lie where another one goes.
 UniqueFd Raise(UniqueFd fd) {
-  if (!fd.IsValid() || fd.Get() >= kFirstUnused) return fd;
+  if (!fd.IsValid() || fd.Get() >= kFirstUnused) {
+    return fd;
+  }
   return UniqueFd(::fcntl(fd.Get(), F_DUPFD_CLOEXEC, kFirstUnused));
 }
 
@@ -175,10 +210,14 @@ struct Pipe {
 // The read end does not block.
 int OpenPipe(Pipe* pipe) {
   std::array<int, 2> ends{};
-  if (::pipe2(ends.data(), O_CLOEXEC) != 0) return errno;
+  if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
+    return errno;
+  }
   pipe->read.Reset(ends[0]);
   pipe->write.Reset(ends[1]);
-  if (::fcntl(pipe->read.Get(), F_SETFL, O_NONBLOCK) != 0) return errno;
+  if (::fcntl(pipe->read.Get(), F_SETFL, O_NONBLOCK) != 0) {
+    return errno;
+  }
   pipe->read = Raise(std::move(pipe->read));
   pipe->write = Raise(std::move(pipe->write));
   return pipe->read.IsValid() && pipe->write.IsValid() ? 0 : errno;
@@ -194,7 +233,9 @@ std::vector<QByteArray> Environment(const SpawnRequest& request) {
       variables.push_back(text);
     }
   }
-  if (request.listen_socket < 0) return variables;
+  if (request.listen_socket < 0) {
+    return variables;
+  }
   variables.emplace_back("LISTEN_FDS=1");
   variables.push_back("LISTEN_FDNAMES=" + request.task_name);
   // The number follows after the fork.
@@ -205,7 +246,9 @@ std::vector<QByteArray> Environment(const SpawnRequest& request) {
 std::vector<char*> Pointers(std::vector<QByteArray>& texts) {
   std::vector<char*> pointers;
   pointers.reserve(texts.size() + 1);
-  for (QByteArray& text : texts) pointers.push_back(text.data());
+  for (QByteArray& text : texts) {
+    pointers.push_back(text.data());
+  }
   pointers.push_back(nullptr);
   return pointers;
 }
@@ -217,7 +260,9 @@ pid_t ForkChild(const ChildPlan& plan, int* error_number) {
   ::sigfillset(&all);
   ::pthread_sigmask(SIG_SETMASK, &all, &before);
   const pid_t pid = ::fork();
-  if (pid == 0) RunChild(plan);
+  if (pid == 0) {
+    RunChild(plan);
+  }
   *error_number = pid < 0 ? errno : 0;
   ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
   return pid;
@@ -227,17 +272,25 @@ pid_t ForkChild(const ChildPlan& plan, int* error_number) {
 
 int Spawn(const SpawnRequest& request, Spawned* spawned) {
   const UniqueFd null_device = Raise(UniqueFd(::open("/dev/null", O_RDWR | O_CLOEXEC)));
-  if (!null_device.IsValid()) return errno;
+  if (!null_device.IsValid()) {
+    return errno;
+  }
   UniqueFd listen_socket;
   if (request.listen_socket >= 0) {
     listen_socket.Reset(::fcntl(request.listen_socket, F_DUPFD_CLOEXEC, kFirstUnused));
-    if (!listen_socket.IsValid()) return errno;
+    if (!listen_socket.IsValid()) {
+      return errno;
+    }
   }
   Pipe status;
   Pipe errors;
-  if (const int error_number = OpenPipe(&status)) return error_number;
+  if (const int error_number = OpenPipe(&status)) {
+    return error_number;
+  }
   if (request.capture_stderr) {
-    if (const int error_number = OpenPipe(&errors)) return error_number;
+    if (const int error_number = OpenPipe(&errors)) {
+      return error_number;
+    }
   }
 
   std::vector<QByteArray> arguments(request.arguments.begin(), request.arguments.end());
@@ -262,7 +315,9 @@ int Spawn(const SpawnRequest& request, Spawned* spawned) {
 
   int error_number = 0;
   spawned->pid = ForkChild(plan, &error_number);
-  if (spawned->pid < 0) return error_number;
+  if (spawned->pid < 0) {
+    return error_number;
+  }
   spawned->exec_status = std::move(status.read);
   spawned->stderr_pipe = std::move(errors.read);
   return 0;

@@ -45,8 +45,12 @@ bool TakesBytes(int descriptor, int wait_ms) {
 // itself belongs to other processes, too. Invalid for whatever else, and where that is not allowed.
 UniqueFd OpenNonBlocking(int descriptor) {
   struct stat facts {};
-  if (::fstat(descriptor, &facts) != 0) return {};
-  if (!S_ISFIFO(facts.st_mode) && ::isatty(descriptor) == 0) return {};
+  if (::fstat(descriptor, &facts) != 0) {
+    return {};
+  }
+  if (!S_ISFIFO(facts.st_mode) && ::isatty(descriptor) == 0) {
+    return {};
+  }
   const QByteArray path = "/proc/self/fd/" + QByteArray::number(descriptor);
   return UniqueFd(::open(path.constData(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
 }
@@ -64,61 +68,85 @@ ssize_t WriteChunk(int descriptor, const QByteArray& bytes) {
 }  // namespace
 
 StderrRelay::StderrRelay(UniqueFd pipe) : pipe_(std::move(pipe)) {
-  if (!pipe_.IsValid()) return;
+  if (!pipe_.IsValid()) {
+    return;
+  }
   readable_ = std::make_unique<QuietNotifier>(pipe_.Get(), [this] { OnEvent(); });
   resume_.setSingleShot(true);
   QObject::connect(&resume_, &QTimer::timeout, &resume_, [this] { OnEvent(); });
 }
 
 StderrRelay::~StderrRelay() {
-  if (keeps_backlog_) --backlogs;
+  if (keeps_backlog_) {
+    --backlogs;
+  }
 }
 
 void StderrRelay::OnEvent() {
   Pump();
   SetReading(!HasPending() && pipe_.IsValid());
-  if (HasPending()) return resume_.start(kRetryMs);
+  if (HasPending()) {
+    resume_.start(kRetryMs);
+    return;
+  }
   const auto on_forwarded = std::exchange(on_forwarded_, nullptr);
-  if (on_forwarded) on_forwarded();
+  if (on_forwarded) {
+    on_forwarded();
+  }
 }
 
 void StderrRelay::Pump() {
   Forward();
-  for (int i = 0; i < kChunksPerTurn && !HasPending() && ReadChunk(); ++i) Forward();
+  for (int i = 0; i < kChunksPerTurn && !HasPending() && ReadChunk(); ++i) {
+    Forward();
+  }
 }
 
 bool StderrRelay::ReadChunk() {
-  if (!pipe_.IsValid()) return false;
+  if (!pipe_.IsValid()) {
+    return false;
+  }
   std::array<char, kChunk> chunk{};
   const ssize_t size =
       RetryOnEintr([this, &chunk] { return ::read(pipe_.Get(), chunk.data(), chunk.size()); });
-  if (size < 0 && errno == EAGAIN) return false;
+  if (size < 0 && errno == EAGAIN) {
+    return false;
+  }
   if (size <= 0) {
     Close();
     return false;
   }
   const QByteArray bytes(chunk.data(), static_cast<int>(size));
   Remember(bytes);
-  if (forwards_) pending_ += bytes;
+  if (forwards_) {
+    pending_ += bytes;
+  }
   return true;
 }
 
 void StderrRelay::Remember(const QByteArray& chunk) {
   tail_ += chunk;
-  if (tail_.size() > 2 * kTailBytes) tail_ = tail_.right(kTailBytes);
+  if (tail_.size() > 2 * kTailBytes) {
+    tail_ = tail_.right(kTailBytes);
+  }
 }
 
 void StderrRelay::Forward() {
-  if (!HasPending() || !TakesBytes(STDERR_FILENO, 0)) return;
+  if (!HasPending() || !TakesBytes(STDERR_FILENO, 0)) {
+    return;
+  }
   const UniqueFd non_blocking = OpenNonBlocking(STDERR_FILENO);
   const int target = non_blocking.IsValid() ? non_blocking.Get() : STDERR_FILENO;
   while (HasPending() && TakesBytes(target, 0)) {
     const ssize_t written = WriteChunk(target, pending_);
-    if (written == -EAGAIN) return;
+    if (written == -EAGAIN) {
+      return;
+    }
     if (written < 0) {
       // Nobody reads this process's standard error any more.
       forwards_ = false;
-      return pending_.clear();
+      pending_.clear();
+      return;
     }
     given_up = false;
     pending_.remove(0, static_cast<int>(written));
@@ -126,7 +154,9 @@ void StderrRelay::Forward() {
 }
 
 void StderrRelay::SetReading(bool enabled) {
-  if (readable_ != nullptr) readable_->SetEnabled(enabled);
+  if (readable_ != nullptr) {
+    readable_->SetEnabled(enabled);
+  }
 }
 
 void StderrRelay::Close() {
@@ -136,8 +166,12 @@ void StderrRelay::Close() {
 
 void StderrRelay::Finish(std::function<void()> on_forwarded) {
   TakeRest();
-  if (HasPending()) KeepBacklog();
-  if (!HasPending()) return;
+  if (HasPending()) {
+    KeepBacklog();
+  }
+  if (!HasPending()) {
+    return;
+  }
   on_forwarded_ = std::move(on_forwarded);
   resume_.start(kRetryMs);
 }
@@ -158,21 +192,27 @@ void StderrRelay::FinishNow(int limit_ms) {
 
 void StderrRelay::TakeRest() {
   resume_.stop();
-  for (int i = 0; i < kChunksAtTheEnd && ReadChunk(); ++i) continue;
+  for (int i = 0; i < kChunksAtTheEnd && ReadChunk(); ++i) {
+    continue;
+  }
   Close();
   Forward();
 }
 
 void StderrRelay::KeepBacklog() {
   keeps_backlog_ = ++backlogs <= kMostBacklogs;
-  if (keeps_backlog_) return;
+  if (keeps_backlog_) {
+    return;
+  }
   --backlogs;
   pending_.clear();
 }
 
 QString StderrRelay::LastLines() const {
   QByteArray text = tail_.right(kTailBytes);
-  while (text.endsWith('\n')) text.chop(1);
+  while (text.endsWith('\n')) {
+    text.chop(1);
+  }
   int start = text.size();
   for (int line = 0; line < kTailLines && start >= 0; ++line) {
     start = start == 0 ? -1 : text.lastIndexOf('\n', start - 1);

@@ -41,7 +41,9 @@ Error SystemError(Error::Code code, const QString& what, int error_number) {
 Error CheckName(const QString& kind, const QString& name, int longest) {
   const bool fits = !name.isEmpty() && name.size() <= longest && !name.startsWith('.') &&
                     std::all_of(name.begin(), name.end(), IsNameCharacter);
-  if (fits) return {};
+  if (fits) {
+    return {};
+  }
   const QString shown = name.size() <= longest ? name : name.left(longest) + "...";
   return {
       Error::kInvalidArgument,

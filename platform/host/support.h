@@ -37,7 +37,9 @@ QByteArray Variable(const char* name);
 template <typename Call>
 auto RetryOnEintr(Call call) {
   auto result = call();
-  while (result == -1 && errno == EINTR) result = call();
+  while (result == -1 && errno == EINTR) {
+    result = call();
+  }
   return result;
 }
 

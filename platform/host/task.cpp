@@ -58,7 +58,9 @@ class Task::Private {
 
 Task::Private::~Private() {
   ForgetSocket();
-  if (process != nullptr) process->Abandon();
+  if (process != nullptr) {
+    process->Abandon();
+  }
 }
 
 void Task::Private::ForgetSocket() {
@@ -83,12 +85,18 @@ Error Task::Private::MakeArguments(host::SpawnRequest* request) const {
 }
 
 UniqueFd Task::Private::MakeSocket(Error* error) {
-  if (!has_socket) return {};
+  if (!has_socket) {
+    return {};
+  }
   const SocketFolder folder = SocketFolder::OpenTasks(error);
-  if (!folder.IsValid()) return {};
+  if (!folder.IsValid()) {
+    return {};
+  }
   const QString file = host::UniqueSocketName();
   UniqueFd socket = folder.Listen(file, error);
-  if (!socket.IsValid()) return socket;
+  if (!socket.IsValid()) {
+    return socket;
+  }
   socket_path = folder.PathOf(file);
   socket_file = SocketFile(socket_path);
   return socket;
@@ -98,14 +106,22 @@ Error Task::Private::Start() {
   Error error;
   host::SpawnRequest request;
   request.program = host::FindTask(name, &error).toUtf8();
-  if (!error.isError()) error = MakeArguments(&request);
-  if (error.isError()) return error;
+  if (!error.isError()) {
+    error = MakeArguments(&request);
+  }
+  if (error.isError()) {
+    return error;
+  }
   const UniqueFd socket = MakeSocket(&error);
-  if (error.isError()) return error;
+  if (error.isError()) {
+    return error;
+  }
   request.task_name = name.toUtf8();
   request.listen_socket = socket.Get();
   error = Spawn(request);
-  if (error.isError()) socket_file.Remove();
+  if (error.isError()) {
+    socket_file.Remove();
+  }
   return error;
 }
 
@@ -118,18 +134,24 @@ Error Task::Private::Spawn(const host::SpawnRequest& request) {
     return host::SystemError(Error::kStartFailed,
                              QString("the task '%1' cannot be started").arg(name), error_number);
   }
-  if (has_socket) TaskRegistry::Get().AddTask(socket_path, name);
+  if (has_socket) {
+    TaskRegistry::Get().AddTask(socket_path, name);
+  }
   return {};
 }
 
 void Task::Private::CompleteLater(Completion completion, const Error& error) const {
-  if (!completion) return;
+  if (!completion) {
+    return;
+  }
   host::Post(owner, [completion = std::move(completion), error] { completion(error); });
 }
 
 void Task::Private::CompleteStart(const Error& error) {
   const Completion completion = std::exchange(start_completion, nullptr);
-  if (completion) completion(error);
+  if (completion) {
+    completion(error);
+  }
 }
 
 void Task::Private::CompleteStops(const Error& error) {
@@ -137,25 +159,39 @@ void Task::Private::CompleteStops(const Error& error) {
   // A completion may ask for another stop, which completes by itself.
   const auto completions = std::exchange(stop_completions, {});
   for (const Completion& completion : completions) {
-    if (alive.isNull()) return;
-    if (completion) completion(error);
+    if (alive.isNull()) {
+      return;
+    }
+    if (completion) {
+      completion(error);
+    }
   }
 }
 
 void Task::Private::OnRunning() {
   if (state == State::kStarting) {
     state = State::kRunning;
-    return CompleteStart({});
+    CompleteStart({});
+    return;
   }
   CompleteStart({Error::kWrongState, Title() + " was stopped before it had started"});
 }
 
 void Task::Private::OnEnded(const ChildEnd& end) {
-  if (end.exec_error == 0) return OnRanAndEnded(end);
+  if (end.exec_error == 0) {
+    OnRanAndEnded(end);
+    return;
+  }
   const char* hint = "";
-  if (end.exec_error == ENOENT) hint = " (the interpreter or loader that it names is missing)";
-  if (end.exec_error == ENOEXEC) hint = " (it is no program of this machine, nor a script with #!)";
-  if (end.exec_error == E2BIG) hint = " (its arguments and the environment are too long)";
+  if (end.exec_error == ENOENT) {
+    hint = " (the interpreter or loader that it names is missing)";
+  }
+  if (end.exec_error == ENOEXEC) {
+    hint = " (it is no program of this machine, nor a script with #!)";
+  }
+  if (end.exec_error == E2BIG) {
+    hint = " (its arguments and the environment are too long)";
+  }
   OnNeverRan(host::SystemError(
       Error::kStartFailed, QString("the program of the task '%1' cannot be run%2").arg(name, hint),
       end.exec_error));
@@ -167,7 +203,9 @@ void Task::Private::OnNeverRan(const Error& error) {
   state = State::kEnded;
   ForgetSocket();
   CompleteStart(error);
-  if (!alive.isNull()) CompleteStops({});
+  if (!alive.isNull()) {
+    CompleteStops({});
+  }
   TaskRegistry::Get().TellEnded(path, error);
 }
 
@@ -175,19 +213,29 @@ void Task::Private::OnRanAndEnded(const ChildEnd& end) {
   const QPointer<Task> alive(owner);
   const QString path = socket_path;
   QString text = Title() + ' ' + end.how;
-  if (!end.last_lines.isEmpty()) text += "; its last words on standard error:\n" + end.last_lines;
+  if (!end.last_lines.isEmpty()) {
+    text += "; its last words on standard error:\n" + end.last_lines;
+  }
   const Error why(Error::kTaskEnded, text);
 
-  if (start_completion) OnRunning();
+  if (start_completion) {
+    OnRunning();
+  }
   // Whatever the task sent before it ended comes before the news of its end.
-  if (!alive.isNull() && has_socket) TaskRegistry::Get().DrainTask(path);
+  if (!alive.isNull() && has_socket) {
+    TaskRegistry::Get().DrainTask(path);
+  }
   if (!alive.isNull()) {
     const bool unasked = state != State::kStopping;
     state = State::kEnded;
     ForgetSocket();
-    if (unasked) Q_EMIT owner->finished(why);
+    if (unasked) {
+      Q_EMIT owner->finished(why);
+    }
   }
-  if (!alive.isNull()) CompleteStops({});
+  if (!alive.isNull()) {
+    CompleteStops({});
+  }
   TaskRegistry::Get().TellEnded(path, why);
 }
 
@@ -199,17 +247,20 @@ Task::Task(const QString& name, QObject* parent)
 Task::~Task() = default;
 
 void Task::withIpcSocket(bool enabled) {
-  if (d_->state == Private::State::kIdle) d_->has_socket = enabled;
+  if (d_->state == Private::State::kIdle) {
+    d_->has_socket = enabled;
+  }
 }
 
 void Task::withArguments(const QStringList& arguments) { d_->arguments = arguments; }
 
 void Task::start(Completion completion) {
   if (d_->state != Private::State::kIdle) {
-    return d_->CompleteLater(
+    d_->CompleteLater(
         std::move(completion),
         {Error::kWrongState,
          QString("the task '%1' has been started before: make a new Task").arg(d_->name)});
+    return;
   }
   d_->state = Private::State::kStarting;
   const Error error = d_->Start();
@@ -223,17 +274,22 @@ void Task::start(Completion completion) {
 
 void Task::stop(StopFlags flags, Completion completion) {
   if (d_->state == Private::State::kIdle) {
-    return d_->CompleteLater(
+    d_->CompleteLater(
         std::move(completion),
         {Error::kWrongState,
          QString("the task '%1' cannot be stopped: it was never started").arg(d_->name)});
+    return;
   }
-  if (d_->state == Private::State::kEnded) return d_->CompleteLater(std::move(completion), {});
+  if (d_->state == Private::State::kEnded) {
+    d_->CompleteLater(std::move(completion), {});
+    return;
+  }
   const int error_number = d_->process->Terminate(flags.testFlag(StopFlag::Kill));
   if (error_number != 0) {
-    return d_->CompleteLater(
+    d_->CompleteLater(
         std::move(completion),
         host::SystemError(Error::kStopFailed, d_->Title() + " cannot be stopped", error_number));
+    return;
   }
   d_->state = Private::State::kStopping;
   d_->stop_completions.push_back(std::move(completion));

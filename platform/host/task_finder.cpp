@@ -17,9 +17,15 @@ QString WhyNotProgram(const QString& path, bool* exists) {
   struct stat facts {};
   const QByteArray name = path.toUtf8();
   *exists = ::stat(name.constData(), &facts) == 0;
-  if (!*exists) return {};
-  if (!S_ISREG(facts.st_mode)) return QString("'%1' is not a regular file").arg(path);
-  if (::access(name.constData(), X_OK) == 0) return {};
+  if (!*exists) {
+    return {};
+  }
+  if (!S_ISREG(facts.st_mode)) {
+    return QString("'%1' is not a regular file").arg(path);
+  }
+  if (::access(name.constData(), X_OK) == 0) {
+    return {};
+  }
   return QString("'%1' is not executable: run chmod +x on it").arg(path);
 }
 
@@ -38,15 +44,21 @@ QStringList TaskFolders() {
 
 QString FindTask(const QString& name, Error* error) {
   *error = CheckName("a task", name, kMaxTaskName);
-  if (error->isError()) return {};
+  if (error->isError()) {
+    return {};
+  }
   const QStringList folders = TaskFolders();
   QStringList obstacles;
   for (const QString& folder : folders) {
     QString path = folder + '/' + name;
     bool exists = false;
     const QString obstacle = WhyNotProgram(path, &exists);
-    if (exists && obstacle.isEmpty()) return path;
-    if (exists) obstacles << obstacle;
+    if (exists && obstacle.isEmpty()) {
+      return path;
+    }
+    if (exists) {
+      obstacles << obstacle;
+    }
   }
   const QString looked =
       QString("looked in: %1 (RUNTIME_MANAGER_TASK_PATH adds folders)").arg(folders.join(", "));
@@ -58,11 +70,15 @@ QString FindTask(const QString& name, Error* error) {
 }
 
 QString FindProgram(const QString& program) {
-  if (program.contains('/')) return program;
+  if (program.contains('/')) {
+    return program;
+  }
   for (const QString& folder : FoldersOf("PATH")) {
     QString path = folder + '/' + program;
     bool exists = false;
-    if (WhyNotProgram(path, &exists).isEmpty() && exists) return path;
+    if (WhyNotProgram(path, &exists).isEmpty() && exists) {
+      return path;
+    }
   }
   return {};
 }

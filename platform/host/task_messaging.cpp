@@ -67,17 +67,23 @@ void MessagingLink::MakeChannel(const QString& task, const QString& peer) {
   const auto weak = weak_from_this();
   LineChannel::Callbacks callbacks;
   callbacks.on_object = [weak](const QJsonObject& object) {
-    if (const auto self = weak.lock()) self->OnObject(object);
+    if (const auto self = weak.lock()) {
+      self->OnObject(object);
+    }
   };
   callbacks.wants_data = [weak] {
     const auto self = weak.lock();
     return self != nullptr && !self->closed_ && self->hears_data_(*self->owner_);
   };
   callbacks.on_data = [weak](QByteArray& text) {
-    if (const auto self = weak.lock()) self->OnData(text);
+    if (const auto self = weak.lock()) {
+      self->OnData(text);
+    }
   };
   callbacks.on_end = [weak](const Error& error) {
-    if (const auto self = weak.lock()) self->OnChannelEnd(error);
+    if (const auto self = weak.lock()) {
+      self->OnChannelEnd(error);
+    }
   };
   channel_ = std::make_shared<LineChannel>(task, peer, std::move(callbacks));
 }
@@ -104,12 +110,15 @@ void MessagingLink::OpenDescriptor(int descriptor) {
                       "there is no task socket to serve messages on: this process was not started "
                       "as a task with a socket");
     Warn(error.message());
-    return channel_->EndSoon(error);
+    channel_->EndSoon(error);
+    return;
   }
   acceptor_ = std::make_unique<Acceptor>(
       descriptor, [this](UniqueFd socket) { OnConnection(std::move(socket)); });
   const Error error = acceptor_->GetError();
-  if (!error.isError()) return;
+  if (!error.isError()) {
+    return;
+  }
   Warn(error.message());
   channel_->EndSoon(error);
 }
@@ -124,30 +133,44 @@ void MessagingLink::Close() {
 }
 
 void MessagingLink::OnDialed(UniqueFd socket, const Error& error) {
-  if (socket.IsValid()) return channel_->Attach(std::move(socket));
+  if (socket.IsValid()) {
+    channel_->Attach(std::move(socket));
+    return;
+  }
   channel_->EndSoon(error);
 }
 
 void MessagingLink::OnConnection(UniqueFd socket) {
   // One connection in a life: the socket of any other closes here.
-  if (std::exchange(has_peer_, true)) return;
+  if (std::exchange(has_peer_, true)) {
+    return;
+  }
   channel_->Attach(std::move(socket));
 }
 
 void MessagingLink::OnObject(const QJsonObject& object) {
-  if (!closed_) Q_EMIT owner_->messageReceived(object);
+  if (!closed_) {
+    Q_EMIT owner_->messageReceived(object);
+  }
 }
 
 void MessagingLink::OnData(QByteArray& text) {
-  if (!closed_) Q_EMIT owner_->dataReceived(text);
+  if (!closed_) {
+    Q_EMIT owner_->dataReceived(text);
+  }
 }
 
 void MessagingLink::OnChannelEnd(const Error& error) {
-  if (closed_) return;
+  if (closed_) {
+    return;
+  }
   loss_ = error;
   const bool may_be_over =
       error.code() == Error::kConnectionLost || error.code() == Error::kConnectFailed;
-  if (may_be_over && TaskRegistry::Get().HasTask(path_)) return last_words_.start(kLastWordsMs);
+  if (may_be_over && TaskRegistry::Get().HasTask(path_)) {
+    last_words_.start(kLastWordsMs);
+    return;
+  }
   Report(error);
 }
 
@@ -159,7 +182,9 @@ void MessagingLink::OnTaskEnded(const Error& why) {
 }
 
 void MessagingLink::Report(const Error& error) {
-  if (closed_) return;
+  if (closed_) {
+    return;
+  }
   const auto self = shared_from_this();
   // What remains is an acceptor that turns connections away.
   closed_ = true;

@@ -62,7 +62,9 @@ std::vector<std::weak_ptr<TaskWatcher>> TaskRegistry::WatchersOfThisThread(
 
 void TaskRegistry::DrainTask(const QString& path) {
   for (const auto& weak : WatchersOfThisThread(path)) {
-    if (const auto watcher = weak.lock()) watcher->DrainTask();
+    if (const auto watcher = weak.lock()) {
+      watcher->DrainTask();
+    }
   }
 }
 
@@ -70,14 +72,20 @@ void TaskRegistry::TellEnded(const QString& path, const Error& why) {
   {
     const std::lock_guard lock(mutex_);
     for (const Entry& entry : watchers_) {
-      if (entry.path != path || entry.context->thread() == QThread::currentThread()) continue;
+      if (entry.path != path || entry.context->thread() == QThread::currentThread()) {
+        continue;
+      }
       Post(entry.context, [weak = entry.watcher, why] {
-        if (const auto watcher = weak.lock()) watcher->OnTaskEnded(why);
+        if (const auto watcher = weak.lock()) {
+          watcher->OnTaskEnded(why);
+        }
       });
     }
   }
   for (const auto& weak : WatchersOfThisThread(path)) {
-    if (const auto watcher = weak.lock()) watcher->OnTaskEnded(why);
+    if (const auto watcher = weak.lock()) {
+      watcher->OnTaskEnded(why);
+    }
   }
 }
 

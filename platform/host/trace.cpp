@@ -31,16 +31,22 @@ UniqueFd OpenFile(const QByteArray& path, QString* why_not) {
   // A pipe is not waited for here either.
   constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
   UniqueFd file(::open(path.constData(), kFlags, kTraceMode));
-  if (!file.IsValid()) *why_not = ErrnoText(errno);
+  if (!file.IsValid()) {
+    *why_not = ErrnoText(errno);
+  }
   const bool is_odd = file.IsValid() ? !IsRegularFile(file.Get()) : errno == ENXIO;
-  if (!is_odd) return file;
+  if (!is_odd) {
+    return file;
+  }
   *why_not = QStringLiteral("it is not a regular file, and writing to it could block the process");
   return {};
 }
 
 int OpenTrace() {
   const QByteArray path = Variable("RUNTIME_MANAGER_TRACE");
-  if (path.isEmpty()) return -1;
+  if (path.isEmpty()) {
+    return -1;
+  }
   QString why_not;
   UniqueFd file = OpenFile(path, &why_not);
   if (!file.IsValid()) {
@@ -71,7 +77,9 @@ QByteArray Head(const QString& task, Direction direction) {
 
 void WarnOnce(const QString& why) {
   static std::atomic_flag warned = ATOMIC_FLAG_INIT;
-  if (warned.test_and_set()) return;
+  if (warned.test_and_set()) {
+    return;
+  }
   Warn("the record in RUNTIME_MANAGER_TRACE has gaps: " + why);
 }
 
@@ -87,17 +95,24 @@ void Write(int file, const QByteArray& head, std::initializer_list<std::string_v
   *end++ = PartOf("}\n");
   const ssize_t written = RetryOnEintr(
       [&] { return ::writev(file, parts.data(), static_cast<int>(end - parts.data())); });
-  if (written < 0) return WarnOnce(ErrnoText(errno));
+  if (written < 0) {
+    WarnOnce(ErrnoText(errno));
+    return;
+  }
   std::size_t whole = 0;
   std::for_each(parts.data(), end, [&whole](const iovec& part) { whole += part.iov_len; });
-  if (static_cast<std::size_t>(written) < whole) WarnOnce(QStringLiteral("a line was cut short"));
+  if (static_cast<std::size_t>(written) < whole) {
+    WarnOnce(QStringLiteral("a line was cut short"));
+  }
 }
 
 }  // namespace
 
 void Trace(const QString& task, Direction direction, std::initializer_list<std::string_view> json) {
   static const int file = OpenTrace();
-  if (file >= 0) Write(file, Head(task, direction), json);
+  if (file >= 0) {
+    Write(file, Head(task, direction), json);
+  }
 }
 
 }  // namespace RuntimeManager::host

@@ -14,7 +14,9 @@ class UniqueFd {
   explicit UniqueFd(int fd) : fd_(fd) {}
   UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
   UniqueFd& operator=(UniqueFd&& other) noexcept {
-    if (this != &other) Reset(std::exchange(other.fd_, -1));
+    if (this != &other) {
+      Reset(std::exchange(other.fd_, -1));
+    }
     return *this;
   }
   UniqueFd(const UniqueFd&) = delete;
@@ -27,7 +29,9 @@ class UniqueFd {
   int Release() { return std::exchange(fd_, -1); }
   void Reset(int fd = -1) {
     // On Linux the descriptor is gone whatever close() says; a second try could hit a stranger's.
-    if (fd_ >= 0) ::close(fd_);
+    if (fd_ >= 0) {
+      ::close(fd_);
+    }
     fd_ = fd;
   }
 

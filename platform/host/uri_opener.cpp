@@ -26,7 +26,9 @@ Error CheckUri(const QString& uri) {
   // The characters of RFC 3986; QUrl alone would let more pass.
   static const QRegularExpression form(
       R"(\A[A-Za-z][A-Za-z0-9+.-]*:(?:[A-Za-z0-9._~:/?#\[\]@!$&'()*+,;=-]|%[0-9A-Fa-f]{2})+\z)");
-  if (form.match(uri).hasMatch() && QUrl(uri, QUrl::StrictMode).isValid()) return {};
+  if (form.match(uri).hasMatch() && QUrl(uri, QUrl::StrictMode).isValid()) {
+    return {};
+  }
   return {Error::kInvalidArgument,
           QString("'%1' cannot be opened: it is not a valid absolute URI").arg(uri.left(200))};
 }
@@ -42,15 +44,21 @@ UriOpener::UriOpener(const QString& uri, std::function<void(const Error&)> done)
 }
 
 UriOpener::~UriOpener() {
-  if (process_ != nullptr) process_->LetGo();
+  if (process_ != nullptr) {
+    process_->LetGo();
+  }
 }
 
 Error UriOpener::Start(const QString& uri) {
   Error bad_uri = CheckUri(uri);
-  if (bad_uri.isError()) return bad_uri;
+  if (bad_uri.isError()) {
+    return bad_uri;
+  }
   SpawnRequest request;
   request.program = FindProgram(program_).toUtf8();
-  if (request.program.isEmpty()) return HandlerError(program_, "is not in the folders of PATH");
+  if (request.program.isEmpty()) {
+    return HandlerError(program_, "is not in the folders of PATH");
+  }
   request.arguments = {uri.toUtf8()};
   // What shows the document is the user's, and outlives this process with a stream that works.
   request.dies_with_starter = false;
@@ -65,14 +73,17 @@ Error UriOpener::Start(const QString& uri) {
 
 void UriOpener::OnEnded(const ChildEnd& end) {
   if (end.exec_error != 0) {
-    return Finish(HandlerError(program_, "cannot be run: " + ErrnoText(end.exec_error)));
+    Finish(HandlerError(program_, "cannot be run: " + ErrnoText(end.exec_error)));
+    return;
   }
   Finish(end.succeeded ? Error() : HandlerError(program_, end.how));
 }
 
 void UriOpener::Finish(const Error& error) {
   settled_.stop();
-  if (const auto done = std::exchange(done_, nullptr)) done(error);
+  if (const auto done = std::exchange(done_, nullptr)) {
+    done(error);
+  }
 }
 
 }  // namespace RuntimeManager::host

@@ -68,7 +68,9 @@ class WriteBatch::Watch {
 
   // A batch has something to see to.
   void Call() {
-    if (awake_) return;
+    if (awake_) {
+      return;
+    }
     const std::lock_guard lock(mutex_);
     awake_ = true;
     called_.notify_one();
@@ -88,7 +90,9 @@ class WriteBatch::Watch {
     ::pthread_atfork(nullptr, nullptr, [] { is_copy = true; });
     // A handler may exit with the answers of those before it held back.
     std::atexit([] {
-      if (!is_copy) Get()->Look();
+      if (!is_copy) {
+        Get()->Look();
+      }
     });
     return watch.release();
   }
@@ -113,7 +117,9 @@ class WriteBatch::Watch {
     }
     awake_ = false;
     // What was put in before that, by somebody who saw no need to call.
-    if (Look() != State::kEmpty) awake_ = true;
+    if (Look() != State::kEmpty) {
+      awake_ = true;
+    }
   }
 
   // What the fullest of the batches came to.
@@ -122,7 +128,9 @@ class WriteBatch::Watch {
     const std::lock_guard lock(mutex_);
     const auto is_gone = [&fullest](const std::weak_ptr<WriteBatch>& batch) {
       const auto alive = batch.lock();
-      if (alive != nullptr) fullest = std::max(fullest, alive->WriteLate());
+      if (alive != nullptr) {
+        fullest = std::max(fullest, alive->WriteLate());
+      }
       return alive == nullptr;
     };
     batches_.erase(std::remove_if(batches_.begin(), batches_.end(), is_gone), batches_.end());
@@ -137,7 +145,9 @@ class WriteBatch::Watch {
 
 std::shared_ptr<WriteBatch> WriteBatch::Create(int socket) {
   Watch* const watch = is_copy ? nullptr : Watch::Get();
-  if (watch == nullptr) return nullptr;
+  if (watch == nullptr) {
+    return nullptr;
+  }
   std::shared_ptr<WriteBatch> batch(new WriteBatch(socket));
   watch->Add(batch);
   return batch;
@@ -149,18 +159,24 @@ void WriteBatch::Put(std::initializer_list<std::string_view> parts) {
   {
     const std::lock_guard lock(mutex_);
     std::size_t size = 0;
-    for (const std::string_view part : parts) size += part.size();
+    for (const std::string_view part : parts) {
+      size += part.size();
+    }
     const int before = bytes_.size();
     bytes_.reserve(std::max(kRoom, before + static_cast<int>(size)));
     bytes_.resize(before + static_cast<int>(size));
     char* out = bytes_.data() + before;
-    for (const std::string_view part : parts) out = std::copy(part.begin(), part.end(), out);
+    for (const std::string_view part : parts) {
+      out = std::copy(part.begin(), part.end(), out);
+    }
   }
   Watch::Get()->Call();
 }
 
 bool WriteBatch::Write() {
-  if (is_copy) return true;
+  if (is_copy) {
+    return true;
+  }
   const std::lock_guard lock(mutex_);
   WriteLocked();
   return bytes_.isEmpty();
@@ -168,30 +184,40 @@ bool WriteBatch::Write() {
 
 WriteBatch::State WriteBatch::WriteLate() {
   const std::lock_guard lock(mutex_);
-  if (bytes_.isEmpty() || is_broken_) return State::kEmpty;
+  if (bytes_.isEmpty() || is_broken_) {
+    return State::kEmpty;
+  }
   return WriteLocked() ? State::kMoved : State::kStuck;
 }
 
 // Whether anything went out. An error is for the owner, whose next try meets it again.
 bool WriteBatch::WriteLocked() {
-  if (bytes_.isEmpty() || socket_ < 0) return false;
+  if (bytes_.isEmpty() || socket_ < 0) {
+    return false;
+  }
   const ssize_t size = RetryOnEintr([this] {
     return ::send(socket_, bytes_.constData(), static_cast<std::size_t>(bytes_.size()),
                   MSG_NOSIGNAL | MSG_DONTWAIT);
   });
   is_broken_ = size < 0 && errno != EAGAIN;
-  if (size > 0) bytes_.remove(0, static_cast<int>(size));
+  if (size > 0) {
+    bytes_.remove(0, static_cast<int>(size));
+  }
   return size > 0;
 }
 
 QByteArray WriteBatch::TakeRest() {
-  if (is_copy) return {};
+  if (is_copy) {
+    return {};
+  }
   const std::lock_guard lock(mutex_);
   return std::exchange(bytes_, QByteArray());
 }
 
 void WriteBatch::Close() {
-  if (is_copy) return;
+  if (is_copy) {
+    return;
+  }
   const std::lock_guard lock(mutex_);
   socket_ = -1;
   bytes_.clear();

@@ -48,7 +48,9 @@ class Envelope : public PlatformTest {
     for (int at = 0; at < bytes.size();) {
       const ssize_t size =
           ::send(peer_, bytes.constData() + at, static_cast<std::size_t>(bytes.size() - at), 0);
-      if (size < 0) return;
+      if (size < 0) {
+        return;
+      }
       at += static_cast<int>(size);
     }
   }
@@ -103,10 +105,16 @@ QString RandomText(std::mt19937& random) {
 }
 
 QJsonObject RandomObject(std::mt19937& random) {
-  if (random() % 4 != 0) return Data(RandomText(random));
+  if (random() % 4 != 0) {
+    return Data(RandomText(random));
+  }
   QJsonObject object{{RandomText(random), RandomText(random)}};
-  if (random() % 2 == 0) object.insert("data", static_cast<int>(random() % 1000));
-  if (random() % 2 == 0) object.insert("list", QJsonArray{RandomText(random), true, 1.5});
+  if (random() % 2 == 0) {
+    object.insert("data", static_cast<int>(random() % 1000));
+  }
+  if (random() % 2 == 0) {
+    object.insert("list", QJsonArray{RandomText(random), true, 1.5});
+  }
   return object;
 }
 
@@ -185,15 +193,21 @@ TEST_F(Envelope, IsTheSameWhereverTheStreamIsCut) {
   for (const QByteArray& line : lines) {
     stream += line + '\n';
     const QJsonDocument document = QJsonDocument::fromJson(line);
-    if (document.isObject()) expected.push_back(document.object());
+    if (document.isObject()) {
+      expected.push_back(document.object());
+    }
   }
   const WarningCatcher warnings;
   TextInbox texts(messaging_.get());
   for (int cut = 0; cut <= stream.size(); ++cut) {
     texts.messages.clear();
-    if (cut > 0) SendFromPeer(stream.left(cut));
+    if (cut > 0) {
+      SendFromPeer(stream.left(cut));
+    }
     RunFor(1);
-    if (cut < stream.size()) SendFromPeer(stream.mid(cut));
+    if (cut < stream.size()) {
+      SendFromPeer(stream.mid(cut));
+    }
     ASSERT_TRUE(texts.WaitFor(expected.size())) << "cut at " << cut;
     ASSERT_EQ(texts.messages, expected) << "cut at " << cut;
   }
@@ -201,7 +215,9 @@ TEST_F(Envelope, IsTheSameWhereverTheStreamIsCut) {
 
 QByteArray LongText(int size, char first) {
   QByteArray text(size, Qt::Uninitialized);
-  for (int i = 0; i < size; ++i) text[i] = static_cast<char>('0' + (first + i) % 64 % 10);
+  for (int i = 0; i < size; ++i) {
+    text[i] = static_cast<char>('0' + (first + i) % 64 % 10);
+  }
   return text;
 }
 
@@ -212,7 +228,9 @@ TEST_F(Envelope, OfALargeTextStaysWholeWhatFollowsIt) {
     sent.push_back(LongText(i % 2 == 0 ? (3 << 20) + i : 10 + i, static_cast<char>(i)));
   }
   std::thread writer([this, &sent] {
-    for (const QByteArray& text : sent) SendLarge(R"({"data":")" + text + "\"}\n");
+    for (const QByteArray& text : sent) {
+      SendLarge(R"({"data":")" + text + "\"}\n");
+    }
   });
   EXPECT_TRUE(texts.WaitFor(sent.size()));
   writer.join();
@@ -228,7 +246,9 @@ TEST_F(Envelope, ThatIsLargeMayTurnOutToBeNoPlainTextAtItsVeryEnd) {
   const WarningCatcher warnings;
   TextInbox texts(messaging_.get());
   std::thread writer([this, &lines, &head] {
-    for (const QByteArray& line : lines) SendLarge(head + R"("x})" + '\n' + line + '\n');
+    for (const QByteArray& line : lines) {
+      SendLarge(head + R"("x})" + '\n' + line + '\n');
+    }
   });
   EXPECT_TRUE(texts.WaitFor(lines.size()));
   writer.join();
@@ -246,7 +266,9 @@ TEST_F(Envelope, KeepsItsPlaceAmongOthersThatWaitForTheSocket) {
     const QJsonObject object = Data(QString::fromLatin1(text));
     i % 3 == 0 ? messaging_->sendMessage(object) : messaging_->sendData(text);
     expected += Compact(object) + '\n';
-    if (i % 500 == 0) RunFor(1);
+    if (i % 500 == 0) {
+      RunFor(1);
+    }
   }
   QByteArray arrived;
   EXPECT_TRUE(RunUntil([this, &arrived, &expected] {

@@ -29,7 +29,9 @@ void Say(const QString& text) {
 
 void Note(const QString& file, const QString& text) {
   QFile out(qEnvironmentVariable("WORLD") + '/' + file);
-  if (out.open(QIODevice::WriteOnly | QIODevice::Append)) out.write(text.toUtf8() + '\n');
+  if (out.open(QIODevice::WriteOnly | QIODevice::Append)) {
+    out.write(text.toUtf8() + '\n');
+  }
 }
 
 // Sends back what it gets; ends when the starter leaves.
@@ -45,8 +47,9 @@ int Echo() {
 int FloodAndExit() {
   auto* messaging = new TaskMessaging(RuntimeDispatcher::instance()->localServerSocket());
   QObject::connect(messaging, &TaskMessaging::messageReceived, messaging, [messaging] {
-    for (int i = 0; i < 5; ++i)
+    for (int i = 0; i < 5; ++i) {
       messaging->sendData(QByteArray(1 << 20, static_cast<char>('a' + i)));
+    }
     std::exit(0);
   });
   return QCoreApplication::exec();
@@ -57,7 +60,9 @@ int AnswerAndExit() {
   auto* messaging = new TaskMessaging(RuntimeDispatcher::instance()->localServerSocket());
   QObject::connect(messaging, &TaskMessaging::dataReceived, messaging,
                    [messaging](const QByteArray& text) {
-                     if (text == "exit") std::exit(0);
+                     if (text == "exit") {
+                       std::exit(0);
+                     }
                      messaging->sendData(text);
                    });
   QObject::connect(messaging, &TaskMessaging::disconnected, qApp, &QCoreApplication::quit);
@@ -81,8 +86,13 @@ int AnswerAndLeave(const QString& path, const QString& how) {
   auto* messaging = new TaskMessaging(path);
   static int messages = 0;
   QObject::connect(messaging, &TaskMessaging::dataReceived, messaging, [messaging, how] {
-    if (++messages == 1) return messaging->sendData("first");
-    if (how == "exit") std::exit(0);
+    if (++messages == 1) {
+      messaging->sendData("first");
+      return;
+    }
+    if (how == "exit") {
+      std::exit(0);
+    }
     const pid_t copy = ::fork();
     if (copy == 0) {
       delete messaging;
@@ -101,7 +111,9 @@ int Again() {
   QObject::connect(messaging, &TaskMessaging::disconnected, messaging, &QObject::deleteLater);
   QObject::connect(messaging, &QObject::destroyed, qApp, [] { static_cast<void>(Again()); });
   static bool runs = false;
-  if (runs) return 0;
+  if (runs) {
+    return 0;
+  }
   runs = true;
   return QCoreApplication::exec();
 }
@@ -118,8 +130,12 @@ int Report() {
 }
 
 void Leave(Task* task, const QString& how) {
-  if (how == "exit") std::exit(0);
-  if (how == "quit") QCoreApplication::quit();
+  if (how == "exit") {
+    std::exit(0);
+  }
+  if (how == "quit") {
+    QCoreApplication::quit();
+  }
   if (how == "delete") {
     delete task;
     std::exit(0);
@@ -130,7 +146,9 @@ void Leave(Task* task, const QString& how) {
 void WhenTold(const std::function<void()>& call) {
   auto* timer = new QTimer(qApp);
   QObject::connect(timer, &QTimer::timeout, timer, [timer, call] {
-    if (!QFile::exists(qEnvironmentVariable("WORLD") + "/go")) return;
+    if (!QFile::exists(qEnvironmentVariable("WORLD") + "/go")) {
+      return;
+    }
     timer->stop();
     call();
   });
@@ -143,11 +161,18 @@ int StartTask(const QString& name, const QString& how, const QString& when) {
   static Task* const task = new Task(name);
   task->withIpcSocket(true);
   const auto leave = [how] { Leave(task, how); };
-  if (when == "ended") QObject::connect(task, &Task::finished, leave);
+  if (when == "ended") {
+    QObject::connect(task, &Task::finished, leave);
+  }
   task->start([leave, when](const Error& error) {
     Say(error.isError() ? "error " + error.message() : "started " + task->socketPath());
-    if (when == "told") return WhenTold(leave);
-    if (when != "ended") leave();
+    if (when == "told") {
+      WhenTold(leave);
+      return;
+    }
+    if (when != "ended") {
+      leave();
+    }
   });
   return QCoreApplication::exec();
 }
@@ -172,8 +197,12 @@ int OwnIntent(const QString& name, const QString& how) {
   RuntimeDispatcher::instance()->registerIntent(
       name, [how](const QJsonObject& first, const QJsonObject& second,
                   const RuntimeDispatcher::Reply& reply) {
-        if (how == "die") ::_exit(1);
-        if (how == "quit") QCoreApplication::quit();
+        if (how == "die") {
+          ::_exit(1);
+        }
+        if (how == "quit") {
+          QCoreApplication::quit();
+        }
         reply({{"first", first}, {"second", second}, {"pid", ::getpid()}});
       });
   Say("ready");
@@ -186,12 +215,16 @@ int Talk(const QString& name, bool as_text) {
   task.withIpcSocket(true);
   std::unique_ptr<TaskMessaging> messaging;
   task.start([&task, &messaging, as_text](const Error& error) {
-    if (error.isError()) return QCoreApplication::exit(1);
+    if (error.isError()) {
+      QCoreApplication::exit(1);
+      return;
+    }
     messaging = std::make_unique<TaskMessaging>(task.socketPath());
     if (as_text) {
       QObject::connect(messaging.get(), &TaskMessaging::dataReceived, qApp,
                        &QCoreApplication::quit);
-      return messaging->sendData("hello");
+      messaging->sendData("hello");
+      return;
     }
     QObject::connect(messaging.get(), &TaskMessaging::messageReceived, qApp,
                      &QCoreApplication::quit);
@@ -206,16 +239,35 @@ int main(int count, char** arguments) {
   auto application = std::make_unique<QCoreApplication>(count, arguments);
   const QStringList words = QCoreApplication::arguments();
   const QString verb = words.value(1);
-  if (verb == "report") return Report();
-  if (verb == "again") return Again();
-  if (verb == "answer-and-exit") return AnswerAndExit();
-  if (verb == "leave") return AnswerAndLeave(words.value(2), words.value(3));
-  if (verb == "threadless") return AnswerWithoutThreads();
-  if (verb == "flood") return FloodAndExit();
-  if (verb == "start") return StartTask(words.value(2), words.value(3), words.value(4));
-  if (verb == "outlive")
+  if (verb == "report") {
+    return Report();
+  }
+  if (verb == "again") {
+    return Again();
+  }
+  if (verb == "answer-and-exit") {
+    return AnswerAndExit();
+  }
+  if (verb == "leave") {
+    return AnswerAndLeave(words.value(2), words.value(3));
+  }
+  if (verb == "threadless") {
+    return AnswerWithoutThreads();
+  }
+  if (verb == "flood") {
+    return FloodAndExit();
+  }
+  if (verb == "start") {
+    return StartTask(words.value(2), words.value(3), words.value(4));
+  }
+  if (verb == "outlive") {
     return StartTaskAndOutliveApplication(words.value(2), std::move(application));
-  if (verb == "own") return OwnIntent(words.value(2), words.value(3));
-  if (verb == "talk") return Talk(words.value(2), words.value(3) == "text");
+  }
+  if (verb == "own") {
+    return OwnIntent(words.value(2), words.value(3));
+  }
+  if (verb == "talk") {
+    return Talk(words.value(2), words.value(3) == "text");
+  }
   return Echo();
 }

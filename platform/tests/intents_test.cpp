@@ -102,9 +102,13 @@ TEST_F(Intents, MayBeUnderWayAtTheSameTime) {
   const auto owner = Owner("Greet");
   IntentsInvoker invoker;
   Replies replies(&invoker);
-  for (int i = 0; i < 50; ++i) invoker.invoke("Greet", {{"n", i}}, {});
+  for (int i = 0; i < 50; ++i) {
+    invoker.invoke("Greet", {{"n", i}}, {});
+  }
   ASSERT_TRUE(replies.WaitFor(50));
-  for (const Error& error : replies.errors) EXPECT_FALSE(error.isError());
+  for (const Error& error : replies.errors) {
+    EXPECT_FALSE(error.isError());
+  }
   RunFor(50);
   EXPECT_EQ(replies.errors.size(), 50U);
 }

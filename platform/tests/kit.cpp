@@ -68,7 +68,9 @@ bool RunUntil(const std::function<bool()>& done, int limit_ms) {
   QElapsedTimer timer;
   timer.start();
   while (!done()) {
-    if (timer.elapsed() > limit_ms) return false;
+    if (timer.elapsed() > limit_ms) {
+      return false;
+    }
     QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     ::usleep(200);
@@ -83,7 +85,9 @@ void RunFor(int ms) {
 }
 
 ScopedVariable::ScopedVariable(const char* name, const QByteArray& value) : name_(name) {
-  if (const char* before = std::getenv(name)) before_ = before;
+  if (const char* before = std::getenv(name)) {
+    before_ = before;
+  }
   if (value.isNull()) {
     ::unsetenv(name);
   } else {
@@ -116,7 +120,9 @@ int WarningCatcher::Count(const QString& text) const {
 }
 
 Error Outcomes::Wait() {
-  if (!RunUntil([this] { return Arrived(); })) return {-1, "nothing arrived in time"};
+  if (!RunUntil([this] { return Arrived(); })) {
+    return {-1, "nothing arrived in time"};
+  }
   return errors.front();
 }
 
@@ -134,9 +140,13 @@ Process::Process(const QString& program, const QStringList& words) {
   int ends[2];
   EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
   std::vector<QByteArray> texts{program.toUtf8()};
-  for (const QString& word : words) texts.push_back(word.toUtf8());
+  for (const QString& word : words) {
+    texts.push_back(word.toUtf8());
+  }
   std::vector<char*> arguments;
-  for (QByteArray& text : texts) arguments.push_back(text.data());
+  for (QByteArray& text : texts) {
+    arguments.push_back(text.data());
+  }
   arguments.push_back(nullptr);
   pid_ = ::fork();
   if (pid_ == 0) {
@@ -159,7 +169,9 @@ Process::~Process() {
 std::string Process::ReadLine() const {
   std::string line;
   char byte = 0;
-  while (::read(output_, &byte, 1) == 1 && byte != '\n') line += byte;
+  while (::read(output_, &byte, 1) == 1 && byte != '\n') {
+    line += byte;
+  }
   return line;
 }
 
@@ -209,21 +221,27 @@ void StderrPipe::Fill() const {
   std::array<char, 4096> fill{};
   fill.fill('f');
   ::fcntl(stream_.write_end, F_SETFL, O_NONBLOCK);
-  while (::write(stream_.write_end, fill.data(), fill.size()) > 0) continue;
+  while (::write(stream_.write_end, fill.data(), fill.size()) > 0) {
+    continue;
+  }
   ::fcntl(stream_.write_end, F_SETFL, 0);
 }
 
 void StderrPipe::MakeRoom() const {
   pollfd room{stream_.write_end, POLLOUT, 0};
   EXPECT_TRUE(RunUntil([this, &room] {
-    if (::poll(&room, 1, 0) == 1) return true;
+    if (::poll(&room, 1, 0) == 1) {
+      return true;
+    }
     Read(64);
     return false;
   }));
 }
 
 void StderrPipe::CloseReadEnd() {
-  if (stream_.read_end >= 0) ::close(stream_.read_end);
+  if (stream_.read_end >= 0) {
+    ::close(stream_.read_end);
+  }
   stream_.read_end = -1;
 }
 
@@ -235,7 +253,9 @@ QByteArray StderrPipe::Read(int most) const {
 }
 
 void StderrPipe::Restore() {
-  if (before_ < 0) return;
+  if (before_ < 0) {
+    return;
+  }
   ::dup2(before_, STDERR_FILENO);
   ::close(before_);
   ::close(stream_.write_end);
@@ -307,7 +327,9 @@ QByteArray ReadLineFrom(int descriptor) {
   RunUntil([&line, &more, descriptor] {
     char byte = 0;
     ssize_t size = 0;
-    while ((size = ::recv(descriptor, &byte, 1, MSG_DONTWAIT)) == 1 && byte != '\n') line += byte;
+    while ((size = ::recv(descriptor, &byte, 1, MSG_DONTWAIT)) == 1 && byte != '\n') {
+      line += byte;
+    }
     more = size < 0;
     return !more;
   });

@@ -71,9 +71,13 @@ TEST_F(Messaging, GoThereAndBackInOrder) {
   const auto task = Started("echo");
   TaskMessaging messaging(task->socketPath());
   Inbox inbox(&messaging);
-  for (int i = 0; i < 1000; ++i) messaging.sendMessage({{"n", i}});
+  for (int i = 0; i < 1000; ++i) {
+    messaging.sendMessage({{"n", i}});
+  }
   ASSERT_TRUE(inbox.WaitFor(1000));
-  for (int i = 0; i < 1000; ++i) EXPECT_EQ(inbox.messages[static_cast<std::size_t>(i)]["n"], i);
+  for (int i = 0; i < 1000; ++i) {
+    EXPECT_EQ(inbox.messages[static_cast<std::size_t>(i)]["n"], i);
+  }
 }
 
 TEST_F(Messaging, MayBeSentBeforeTheTaskRuns) {
@@ -94,7 +98,9 @@ TEST_F(Messaging, Of64MiBPassUnharmedBothWays) {
   TaskMessaging messaging(task->socketPath());
   Inbox inbox(&messaging);
   QString plain(64 << 20, Qt::Uninitialized);
-  for (int i = 0; i < plain.size(); ++i) plain[i] = QChar(static_cast<ushort>('0' + i % 10));
+  for (int i = 0; i < plain.size(); ++i) {
+    plain[i] = QChar(static_cast<ushort>('0' + i % 10));
+  }
   messaging.sendMessage(Data(plain));
   ASSERT_TRUE(inbox.WaitFor(1));
   EXPECT_TRUE(inbox.messages[0] == Data(plain));
@@ -110,7 +116,9 @@ TEST_F(Messaging, NeverBlockTheSender) {
   TaskMessaging messaging(task->socketPath());
   Inbox inbox(&messaging);
   const QString large(1 << 20, 'x');
-  for (int i = 0; i < 20; ++i) messaging.sendMessage(Data(large));
+  for (int i = 0; i < 20; ++i) {
+    messaging.sendMessage(Data(large));
+  }
   RunFor(50);
   EXPECT_FALSE(inbox.disconnects.Arrived());
 }
@@ -122,7 +130,9 @@ TEST_F(Messaging, EndTheConnectionWhenTooMuchWaits) {
   TaskMessaging messaging(task->socketPath());
   Inbox inbox(&messaging);
   const QString large(1 << 20, 'x');
-  for (int i = 0; i < 4; ++i) messaging.sendMessage(Data(large));
+  for (int i = 0; i < 4; ++i) {
+    messaging.sendMessage(Data(large));
+  }
   EXPECT_FALSE(inbox.disconnects.Arrived());
   const Error error = inbox.disconnects.Wait();
   EXPECT_EQ(error.code(), Error::kQueueFull);
@@ -232,9 +242,13 @@ TEST_F(Messaging, AreAnsweredByAProcessThatCanHaveNoThread) {
   ExpectStarts(task);
   TaskMessaging messaging(task.socketPath());
   Inbox inbox(&messaging);
-  for (int i = 0; i < 10; ++i) messaging.sendData(QByteArray::number(i));
+  for (int i = 0; i < 10; ++i) {
+    messaging.sendData(QByteArray::number(i));
+  }
   ASSERT_TRUE(inbox.WaitFor(10));
-  for (int i = 0; i < 10; ++i) EXPECT_EQ(inbox.messages[std::size_t(i)], Data(QString::number(i)));
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_EQ(inbox.messages[std::size_t(i)], Data(QString::number(i)));
+  }
 }
 
 TEST_F(Messaging, ThatNobodyReadsDoNotKeepATaskFromExiting) {
@@ -273,7 +287,9 @@ TEST_F(Messaging, AreReadToTheEndWhenTheTaskStopsReading) {
   TaskMessaging messaging(task->socketPath());
   Inbox inbox(&messaging);
   // Without a turn of the event loop in between: the failed write comes before the messages.
-  while (ReadFile(PathOf("sent")).isEmpty()) ::usleep(1000);
+  while (ReadFile(PathOf("sent")).isEmpty()) {
+    ::usleep(1000);
+  }
   messaging.sendMessage(Data("anybody there?"));
   EXPECT_EQ(inbox.disconnects.Wait().code(), Error::kConnectionLost);
   EXPECT_EQ(inbox.messages.size(), 2U);
@@ -296,7 +312,9 @@ TEST_F(Messaging, SayThatNobodyListens) {
 }
 
 TEST_F(Messaging, AreNotExchangedWithAListenerOfAnotherUser) {
-  if (::geteuid() != 0) GTEST_SKIP() << "only root can become somebody else";
+  if (::geteuid() != 0) {
+    GTEST_SKIP() << "only root can become somebody else";
+  }
   ::chmod(PathOf("").toUtf8().constData(), 0711);
   ASSERT_EQ(::mkdir(PathOf("theirs").toUtf8().constData(), 0700), 0);
   ASSERT_EQ(::chown(PathOf("theirs").toUtf8().constData(), 65534, 65534), 0);
@@ -305,7 +323,9 @@ TEST_F(Messaging, AreNotExchangedWithAListenerOfAnotherUser) {
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
   const pid_t stranger = ::fork();
   if (stranger == 0) {
-    if (::setuid(65534) != 0) ::_exit(2);
+    if (::setuid(65534) != 0) {
+      ::_exit(2);
+    }
     const int listening = ListenOn(path);
     ::close(ends[1]);
     const int socket = ::accept(listening, nullptr, nullptr);
@@ -418,7 +438,9 @@ TEST_F(ServerEnd, SendsTextsOnlyAsFarAsTheQueueGoes) {
     return ::recv(peer, &byte, 1, MSG_DONTWAIT | MSG_PEEK) == 1;
   }));
   const QByteArray text(400000, 'x');
-  for (int i = 0; i < 4; ++i) messaging.sendData(text);
+  for (int i = 0; i < 4; ++i) {
+    messaging.sendData(text);
+  }
   EXPECT_EQ(inbox.disconnects.Wait().code(), Error::kQueueFull);
   ::close(peer);
 }
@@ -522,7 +544,9 @@ TEST_F(ServerEnd, SaysThatTheProcessIsNoTask) {
 }
 
 TEST_F(ServerEnd, DisconnectsAPeerOfAnotherUserAndWaitsOn) {
-  if (::geteuid() != 0) GTEST_SKIP() << "only root can become somebody else";
+  if (::geteuid() != 0) {
+    GTEST_SKIP() << "only root can become somebody else";
+  }
   ::chmod(PathOf("").toUtf8().constData(), 0711);
   ::chmod(PathOf("server").toUtf8().constData(), 0777);
   TaskMessaging messaging(listening_);
@@ -531,7 +555,9 @@ TEST_F(ServerEnd, DisconnectsAPeerOfAnotherUserAndWaitsOn) {
   const WarningCatcher warnings;
   const pid_t stranger = ::fork();
   if (stranger == 0) {
-    if (::setuid(65534) != 0) ::_exit(2);
+    if (::setuid(65534) != 0) {
+      ::_exit(2);
+    }
     const int socket = ConnectTo(QString::fromUtf8(path));
     char byte = 0;
     ::_exit(socket >= 0 && ::read(socket, &byte, 1) <= 0 ? 0 : 1);
@@ -614,7 +640,9 @@ TEST_F(ServerEnd, GoesOnInsideAnEventLoopThatAHandlerRuns) {
   QObject::connect(&messaging, &TaskMessaging::messageReceived,
                    [&order](const QJsonObject& message) {
                      order.push_back(message["n"].toInt());
-                     if (order.size() == 1) RunUntil([&order] { return order.size() >= 3; });
+                     if (order.size() == 1) {
+                       RunUntil([&order] { return order.size() >= 3; });
+                     }
                    });
   const int peer = Connect();
   SendLine(peer, "{\"n\":1}\n{\"n\":2}");
@@ -635,8 +663,9 @@ TEST_F(ServerEnd, DeliversWhatHasComeAlreadyInsideAnEventLoopThatAHandlerRuns) {
   QObject::connect(&messaging, &TaskMessaging::messageReceived,
                    [&order, &inside](const QJsonObject& message) {
                      order.push_back(message["n"].toInt());
-                     if (order.size() == 1)
+                     if (order.size() == 1) {
                        inside = RunUntil([&order] { return order.size() == 3; });
+                     }
                    });
   const int peer = Connect();
   SendLine(peer, "{\"n\":1}\n{\"n\":2}\n{\"n\":3}");
@@ -654,7 +683,9 @@ TEST_F(ServerEnd, DeliversWhatHasComeBeforeTheEndThatAnInnerEventLoopMeets) {
   QObject::connect(&messaging, &TaskMessaging::messageReceived,
                    [&order, &ended, peer](const QJsonObject& message) {
                      order.push_back(message["n"].toInt());
-                     if (order.size() != 1) return;
+                     if (order.size() != 1) {
+                       return;
+                     }
                      ::shutdown(peer, SHUT_WR);
                      ended.Wait();
                    });
@@ -671,7 +702,10 @@ TEST_F(ServerEnd, SendsAnAnswerWhileTheHandlerOfTheNextMessageBlocks) {
   bool has_come = false;
   QObject::connect(&messaging, &TaskMessaging::messageReceived,
                    [&messaging, &has_come, peer](const QJsonObject& message) {
-                     if (message["n"] == 1) return messaging.sendData("early");
+                     if (message["n"] == 1) {
+                       messaging.sendData("early");
+                       return;
+                     }
                      pollfd readable{peer, POLLIN, 0};
                      has_come = ::poll(&readable, 1, 20000) == 1;
                    });
@@ -698,7 +732,9 @@ TEST_F(ServerEnd, SendsTheAnswersToABatchInTheirOrderWhateverTheyAre) {
   std::vector<QByteArray> lines;
   std::atomic<bool> is_read{false};
   std::thread reader([&lines, &is_read, peer] {
-    for (int i = 0; i < 6 * kMessages; ++i) lines.push_back(ReadLineFrom(peer));
+    for (int i = 0; i < 6 * kMessages; ++i) {
+      lines.push_back(ReadLineFrom(peer));
+    }
     is_read = true;
   });
   EXPECT_TRUE(RunUntil([&is_read] { return is_read.load(); }));
@@ -724,7 +760,9 @@ TEST_F(ServerEnd, CountsAnswersForTheQueueOnlyWhileThePeerDoesNotTakeThem) {
   const int peer = Connect();
   SendLine(peer, "{}\n{}\n{}\n{}");
   RunFor(10);
-  for (int i = 0; i < 4; ++i) EXPECT_EQ(ReadLineFrom(peer), "{\"data\":\"" + answer + "\"}");
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_EQ(ReadLineFrom(peer), "{\"data\":\"" + answer + "\"}");
+  }
   ::close(peer);
 }
 
@@ -737,7 +775,9 @@ TEST_F(ServerEnd, DoesNotWaitWithALargeTextForAPeerThatDoesNotRead) {
   ASSERT_TRUE(inbox.WaitFor(1));
   QElapsedTimer timer;
   timer.start();
-  for (int i = 0; i < 3; ++i) messaging.sendData(QByteArray(8 << 20, 'x'));
+  for (int i = 0; i < 3; ++i) {
+    messaging.sendData(QByteArray(8 << 20, 'x'));
+  }
   EXPECT_LT(timer.elapsed(), 5000);
   ::close(peer);
 }
@@ -746,7 +786,10 @@ TEST_F(ServerEnd, HasSentItsAnswersWhenTheNextHandlerDestroysIt) {
   auto* messaging = new TaskMessaging(listening_);
   int messages = 0;
   QObject::connect(messaging, &TaskMessaging::messageReceived, [messaging, &messages] {
-    if (++messages == 1) return messaging->sendData("first");
+    if (++messages == 1) {
+      messaging->sendData("first");
+      return;
+    }
     delete messaging;
   });
   const int peer = Connect();
@@ -762,7 +805,10 @@ TEST_F(ServerEnd, HasSentItsAnswersWhenTheNextOneIsTooMuchForTheQueue) {
   Inbox inbox(&messaging);
   int messages = 0;
   QObject::connect(&messaging, &TaskMessaging::messageReceived, [&messaging, &messages] {
-    if (++messages == 1) return messaging.sendData("first");
+    if (++messages == 1) {
+      messaging.sendData("first");
+      return;
+    }
     messaging.sendData(QByteArray(20000, 'x'));
   });
   const int peer = Connect();

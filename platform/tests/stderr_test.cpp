@@ -67,9 +67,13 @@ class Rescuer {
   void Watch(const StderrPipe& pipe) {
     std::unique_lock lock(mutex_);
     const auto is_done = [this] { return done_; };
-    if (changed_.wait_for(lock, std::chrono::seconds(20), is_done)) return;
+    if (changed_.wait_for(lock, std::chrono::seconds(20), is_done)) {
+      return;
+    }
     needed_ = true;
-    while (!changed_.wait_for(lock, std::chrono::milliseconds(10), is_done)) pipe.Read(1 << 20);
+    while (!changed_.wait_for(lock, std::chrono::milliseconds(10), is_done)) {
+      pipe.Read(1 << 20);
+    }
   }
 
   std::mutex mutex_;
@@ -125,7 +129,9 @@ TEST_F(TaskStderr, IsKeptForALimitedNumberOfDeadTasks) {
   AddLoudTask("task", 1000);
   StderrPipe pipe;
   pipe.Fill();
-  for (int i = 0; i < 66; ++i) RunToItsEnd("task");
+  for (int i = 0; i < 66; ++i) {
+    RunToItsEnd("task");
+  }
   EXPECT_TRUE(WaitForLoudness(pipe, 64 * 1000));
   RunFor(300);
   EXPECT_EQ(pipe.Read(1 << 20), "");
@@ -166,7 +172,9 @@ class StderrAtExit : public TaskStderr {
     ASSERT_TRUE(go.open(QIODevice::WriteOnly));
   }
   void Forget() {
-    for (const char* file : {"pid", "go", "end"}) QFile::remove(PathOf(file));
+    for (const char* file : {"pid", "go", "end"}) {
+      QFile::remove(PathOf(file));
+    }
   }
 };
 
@@ -236,12 +244,16 @@ TEST_F(StderrAtExit, IsWaitedForOnceHoweverManyTasksHaveDied) {
   pipe.Fill();
   std::atomic<bool> is_done{false};  // as above
   const std::unique_ptr<QThread> thread(QThread::create([&is_done] {
-    for (int i = 0; i < 10; ++i) RunToItsEnd("task");
+    for (int i = 0; i < 10; ++i) {
+      RunToItsEnd("task");
+    }
     is_done.store(true);
   }));
   thread->start();
   EXPECT_TRUE(thread->wait(20000));
-  while (!thread->isFinished()) pipe.Read(1 << 20);
+  while (!thread->isFinished()) {
+    pipe.Read(1 << 20);
+  }
   EXPECT_TRUE(is_done.load());
 }
 

@@ -104,7 +104,9 @@ TEST_F(TaskSocket, RefusesAFolderThatOthersCanEnter) {
 }
 
 TEST_F(TaskSocket, RefusesAFolderOfSomebodyElse) {
-  if (::geteuid() != 0) GTEST_SKIP() << "only root can give a folder away";
+  if (::geteuid() != 0) {
+    GTEST_SKIP() << "only root can give a folder away";
+  }
   ASSERT_EQ(::mkdir(RuntimeFolder().toUtf8().constData(), 0700), 0);
   ASSERT_EQ(::chown(RuntimeFolder().toUtf8().constData(), 65534, 65534), 0);
   const Error error = StartError();

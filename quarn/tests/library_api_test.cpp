@@ -146,7 +146,7 @@ void PrintTo(const EntryCase& entry, std::ostream* stream) { *stream << entry.na
 
 #define ENTRY_CASE(name)                                                                        \
   EntryCase {                                                                                   \
-#name, "Method '" #name "' is not provided by the loaded API.", offsetof(EveryTable, name), \
+    #name, "Method '" #name "' is not provided by the loaded API.", offsetof(EveryTable, name), \
         [](const EveryTable& api_table) { return QUARN_FIND_ENTRY(api_table, name); }           \
   }
 

@@ -6,10 +6,11 @@ static TARVRpcClientProcTable rpc;
 static _TARVRpcClientRef* client;
 
 static void OnStarted(void* user_data, int code, const char* message, size_t chunk) {
-  if (code == 0)
+  if (code == 0) {
     rpc.SendMessage(client, "hello");
-  else
+  } else {
     fprintf(stderr, "no task: %s\n", message);
+  }
   rpc.UnlockResources(client, chunk);
 }
 static void OnMessage(void* user_data, const char* message, size_t chunk) {

@@ -23,9 +23,9 @@
  *     exactly once, and after it nothing runs any more. A callback may call any entry, also one
  *     that ends the very subscription that called it. `release` must not throw.
  *  5. Subscriptions. A subscribe entry returns an id above 0, or 0 when it failed; the callback
- * runs at each change until the id is unsubscribed or the engine ends, and is then released.
+ *     runs at each change until the id is unsubscribed or the engine ends, and is then released.
  *  6. Threads. [platform] marks what belongs to the engine's one platform thread: entries are
- * called there, and callbacks run there. [any] may be called from any thread.
+ *     called there, and callbacks run there. [any] may be called from any thread.
  *  7. Enumerations cross the interface as int32_t, so that a value newer than either side harms
  *     nobody.
  */
