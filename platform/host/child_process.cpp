@@ -45,10 +45,8 @@ QString Describe(const siginfo_t& info) {
   if (info.si_code == CLD_EXITED) {
     return QString("exited with status %1").arg(info.si_status);
   }
-  const char* name = ::sigdescr_np(info.si_status);
-  return QString("was killed by signal %1 (%2)%3")
-      .arg(info.si_status)
-      .arg(name == nullptr ? "unknown" : name, info.si_code == CLD_DUMPED ? ", core dumped" : "");
+  return QString("was killed by signal %1%2")
+      .arg(SignalText(info.si_status), info.si_code == CLD_DUMPED ? ", core dumped," : "");
 }
 
 }  // namespace
@@ -111,7 +109,9 @@ ChildProcess::ChildProcess(Spawned spawned, Callbacks callbacks)
       callbacks_(std::move(callbacks)),
       pidfd_(OpenPidfd(spawned.pid)),
       exec_status_(std::move(spawned.exec_status)),
-      stderr_(std::move(spawned.stderr_pipe)) {}
+      stderr_(std::move(spawned.stderr_pipe)) {
+  since_start_.start();
+}
 
 void ChildProcess::Watch() {
   WatchEventLoop();
@@ -230,8 +230,10 @@ bool ChildProcess::Reap() {
   reaped_ = true;
   end_.succeeded = result == 0 && info.si_code == CLD_EXITED && info.si_status == 0;
   // The application ignores SIGCHLD, or has waited for every child itself.
+  end_.killed = result == 0 && info.si_code != CLD_EXITED;
   end_.how =
-      result == 0 ? Describe(info) : QString("ended, and the application took its exit status");
+      result == 0 ? Describe(info) : QString("ended, and the application took its exit status,");
+  end_.how += " after " + DurationText(since_start_.elapsed());
   return true;
 }
 

@@ -23,8 +23,10 @@ namespace RuntimeManager::host {
 struct ChildEnd {
   int exec_error = 0;      // not 0: the program never ran, and this error number says why
   bool succeeded = false;  // it exited with status 0
-  QString how;             // "exited with status 3", "was killed by signal 9 (Killed)"
-  QString last_lines;      // the end of what it wrote to its standard error
+  bool killed = false;     // by a signal
+  QString
+      how;  // "exited with status 3 after 12 ms", "was killed by signal 9 (SIGKILL) after 1.2 s"
+  QString last_lines;  // the end of what it wrote to its standard error
 };
 
 // Belongs to the thread that made it. Its owner may drop it from inside a callback, after Abandon()
@@ -80,6 +82,7 @@ class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
   QObject context_;
   QTimer grace_;
   QTimer poll_;
+  QElapsedTimer since_start_;
   QElapsedTimer since_terminate_;
   std::unique_ptr<QuietNotifier> ended_notifier_;
   std::unique_ptr<QuietNotifier> exec_notifier_;

@@ -6,7 +6,9 @@
 #include <QtCore/QMetaObject>
 #include <QtCore/QThread>
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <system_error>
 
 #include "sigpipe_guard.h"
@@ -32,6 +34,30 @@ void Warn(const QString& text) {
 
 QString ErrnoText(int error_number) {
   return QString::fromStdString(std::generic_category().message(error_number));
+}
+
+QString SignalText(int signal) {
+  const char* name = ::sigabbrev_np(signal);
+  const QString shown = name != nullptr      ? QStringLiteral("SIG") + name
+                        : signal >= SIGRTMIN ? QString("SIGRTMIN+%1").arg(signal - SIGRTMIN)
+                                             : QStringLiteral("of no name");
+  return QString("%1 (%2)").arg(signal).arg(shown);
+}
+
+QString DurationText(qint64 ms) {
+  constexpr qint64 kSecond = 1000;
+  constexpr qint64 kMinute = 60 * kSecond;
+  constexpr qint64 kHour = 60 * kMinute;
+  if (ms < kSecond) {
+    return QString("%1 ms").arg(ms);
+  }
+  if (ms < kMinute) {
+    return QString("%1.%2 s").arg(ms / kSecond).arg(ms % kSecond / 100);
+  }
+  if (ms < kHour) {
+    return QString("%1 min %2 s").arg(ms / kMinute).arg(ms % kMinute / kSecond);
+  }
+  return QString("%1 h %2 min").arg(ms / kHour).arg(ms % kHour / kMinute);
 }
 
 Error SystemError(Error::Code code, const QString& what, int error_number) {

@@ -23,6 +23,10 @@ constexpr int kMaxIntentName = 80;
 
 // The text of an error number.
 QString ErrnoText(int error_number);
+// The number and the name of a signal: "9 (SIGKILL)".
+QString SignalText(int signal);
+// How long something took, as a person says it: "12 ms", "1.2 s", "3 min 20 s", "2 h 5 min".
+QString DurationText(qint64 ms);
 // `what` and the text of the error number, joined by a colon.
 Error SystemError(Error::Code code, const QString& what, int error_number);
 

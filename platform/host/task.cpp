@@ -214,9 +214,9 @@ void Task::Private::OnRanAndEnded(const ChildEnd& end) {
   const QString path = socket_path;
   QString text = Title() + ' ' + end.how;
   if (!end.last_lines.isEmpty()) {
-    text += "; its last words on standard error:\n" + end.last_lines;
+    text += "; its last words: " + end.last_lines;
   }
-  const Error why(Error::kTaskEnded, text);
+  const Error why(end.killed ? Error::kTaskKilled : Error::kTaskExited, text);
 
   if (start_completion) {
     OnRunning();

@@ -178,7 +178,7 @@ void MessagingLink::OnTaskEnded(const Error& why) {
   const auto self = shared_from_this();
   channel_->Drain();
   channel_->Close();
-  Report({Error::kConnectionLost, why.message()});
+  Report(why);
 }
 
 void MessagingLink::Report(const Error& error) {

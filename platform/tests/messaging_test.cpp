@@ -180,6 +180,7 @@ TEST_F(Messaging, OfATaskComeBeforeTheNewsOfItsEnd) {
     ASSERT_TRUE(RunUntil([&order] { return !order.empty() && order.back() == "disconnected"; }));
     ASSERT_EQ(order.size(), 502U);
     EXPECT_EQ(order[500], "finished");
+    EXPECT_EQ(why.code(), Error::kTaskExited);
     EXPECT_THAT(why.message().toStdString(), HasSubstr("exited with status 9"));
     EXPECT_THAT(why.message().toStdString(), HasSubstr("I am leaving"));
   }

@@ -16,6 +16,7 @@
 namespace kit {
 namespace {
 
+using testing::ContainsRegex;
 using testing::HasSubstr;
 
 std::string Text(const Error& error) { return error.message().toStdString(); }
@@ -42,6 +43,15 @@ TEST(Error, IsNoErrorByDefaultAndCarriesItsCodeAndText) {
   EXPECT_EQ(error.code(), -7);
   EXPECT_EQ(error.message(), "why");
   EXPECT_FALSE(Error(0, "fine").isError());
+}
+
+// Applications pass these on to their own users, as JSON-RPC's errors of a server.
+TEST(Error, HasFixedCodesForWhatEndsAConnection) {
+  EXPECT_EQ(Error::kTaskExited, -32001);
+  EXPECT_EQ(Error::kTaskKilled, -32002);
+  EXPECT_EQ(Error::kConnectionLost, -32003);
+  EXPECT_EQ(Error::kMessageTooLong, -32004);
+  EXPECT_EQ(Error::kQueueFull, -32005);
 }
 
 TEST_F(TaskTest, StartsAProgramThatItFindsByItsName) {
@@ -251,9 +261,9 @@ TEST_F(TaskTest, SaysOnceHowATaskEndedThatNobodyStopped) {
   QObject::connect(&task, &Task::finished, finished.Recorder());
   ExpectStarts(task);
   const Error error = finished.Wait();
-  EXPECT_EQ(error.code(), Error::kTaskEnded);
+  EXPECT_EQ(error.code(), Error::kTaskExited);
   EXPECT_THAT(Text(error), HasSubstr("the task 'task' (process "));
-  EXPECT_THAT(Text(error), HasSubstr("exited with status 3"));
+  EXPECT_THAT(Text(error), ContainsRegex("exited with status 3 after [0-9]+(\\.[0-9])? m?s; "));
   EXPECT_THAT(Text(error), HasSubstr("line 98\nline 99"));
   EXPECT_THAT(Text(error), testing::Not(HasSubstr("line 70\n")));
   RunFor(100);
@@ -261,12 +271,14 @@ TEST_F(TaskTest, SaysOnceHowATaskEndedThatNobodyStopped) {
 }
 
 TEST_F(TaskTest, SaysWhichSignalKilledATask) {
-  AddShellTask("task", "kill -9 $$");
+  AddShellTask("task", "sleep 1.2; kill -9 $$");
   Task task("task");
   Outcomes finished;
   QObject::connect(&task, &Task::finished, finished.Recorder());
   ExpectStarts(task);
-  EXPECT_THAT(Text(finished.Wait()), HasSubstr("was killed by signal 9 (Killed)"));
+  EXPECT_EQ(finished.Wait().code(), Error::kTaskKilled);
+  EXPECT_THAT(Text(finished.Wait()),
+              ContainsRegex("was killed by signal 9 \\(SIGKILL\\) after [1-9][0-9]*\\.[0-9] s$"));
 }
 
 TEST_F(TaskTest, TellsOfAnEndWithStatusZeroAsWell) {

@@ -36,8 +36,8 @@ TEST_F(Ending, OfAKilledTaskFailsAHundredPendingRequestsOnceEach) {
   ASSERT_THAT(connection->record->disconnected, SizeIs(1));
   const Message::Error error = connection->record->disconnected[0].value();
   EXPECT_EQ(error.code, -32603);
-  EXPECT_THAT(error.message,
-              AllOf(HasSubstr("the task 'worker'"), HasSubstr("was killed by signal 9 (Killed)")));
+  EXPECT_THAT(error.message, AllOf(HasSubstr("the task 'worker'"),
+                                   HasSubstr("was killed by signal 9 (SIGKILL) after ")));
   ASSERT_THAT(connection->record->responses, SizeIs(kPending));
   for (const Response& response : connection->record->responses) {
     ASSERT_TRUE(response.IsError());

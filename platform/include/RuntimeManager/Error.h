@@ -12,7 +12,8 @@ namespace RuntimeManager {
 class Error {
  public:
   // The codes of the platform's own errors. Another implementation may use others; 0 alone is
-  // fixed: it means success everywhere.
+  // fixed: it means success everywhere. What ends a connection to a task that had begun has a code
+  // in the range that JSON-RPC leaves to servers, so that it can be passed on in an answer.
   enum Code : int {
     kNoError = 0,
     kInvalidArgument = 1,    // a name, an argument or a URI that cannot be used
@@ -21,16 +22,18 @@ class Error {
     kStartFailed = 4,        // the program could not be started
     kWrongState = 5,         // the operation does not fit: started twice, stopped before a start
     kStopFailed = 6,         // the process cannot be signalled
-    kTaskEnded = 7,          // a task ended and nobody had asked it to
     kConnectFailed = 8,      // nobody listens on the socket, or it cannot be reached
-    kConnectionLost = 9,     // the peer is gone, or the socket failed
     kPeerRefused = 10,       // the peer belongs to another user
-    kMessageTooLong = 11,    // a message is over the bound of one message
-    kQueueFull = 12,         // the peer does not read, and too much waits for it
     kNotATask = 13,          // this process has no task socket
     kNoSuchIntent = 14,      // nobody owns the intent
     kIntentFailed = 15,      // the owner died, or dropped the invocation, before it answered
     kUriHandlerFailed = 16,  // the program that opens URIs failed or cannot be run
+
+    kTaskExited = -32001,      // a task ended by itself, with whatever status
+    kTaskKilled = -32002,      // a task was killed by a signal
+    kConnectionLost = -32003,  // the peer is gone, or the socket failed
+    kMessageTooLong = -32004,  // a message is over the bound of one message
+    kQueueFull = -32005,       // the peer does not read, and too much waits for it
   };
 
   Error() = default;
