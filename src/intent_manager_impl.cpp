@@ -142,10 +142,7 @@ void IntentManagerImpl::OpenURI(const std::string& uri, Completion completion) {
 }
 
 void IntentManagerImpl::RegisterIntent(const std::string& name, Handler handler) {
-  dispatcher_->registerIntent(
-      QString::fromStdString(name),
-      [handler = std::move(handler)](const QJsonObject&, const QJsonObject& parameters,
-                                     SendReply reply) { handler(parameters, std::move(reply)); });
+  dispatcher_->registerIntent(QString::fromStdString(name), std::move(handler));
 }
 
 void IntentManagerImpl::InvokeIntent(const std::string& name, const QJsonObject& first,

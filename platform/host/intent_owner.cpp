@@ -149,8 +149,7 @@ void IntentOwner::Invocation::OnObject(const QJsonObject& object) {
   }
   const auto answer =
       std::make_shared<Answer<Invocation>>(weak_from_this(), &owner_->context_, owner_->name_);
-  owner_->handler_(object.value(intent::kFirst).toObject(),
-                   object.value(intent::kSecond).toObject(),
+  owner_->handler_(object.value(intent::kSecond).toObject(),
                    [answer](const QJsonObject& reply) { answer->Reply(reply); });
 }
 

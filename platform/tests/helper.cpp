@@ -195,15 +195,14 @@ int StartTaskAndOutliveApplication(const QString& name,
 
 int OwnIntent(const QString& name, const QString& how) {
   RuntimeDispatcher::instance()->registerIntent(
-      name, [how](const QJsonObject& first, const QJsonObject& second,
-                  const RuntimeDispatcher::Reply& reply) {
+      name, [how](const QJsonObject& parameters, const RuntimeDispatcher::Reply& reply) {
         if (how == "die") {
           ::_exit(1);
         }
         if (how == "quit") {
           QCoreApplication::quit();
         }
-        reply({{"first", first}, {"second", second}, {"pid", ::getpid()}});
+        reply({{"parameters", parameters}, {"pid", ::getpid()}});
       });
   Say("ready");
   return QCoreApplication::exec();

@@ -87,15 +87,14 @@ class Intents : public PlatformTest {
       },                                              \
       testing::ExitedWithCode(0), "")
 
-TEST_F(Intents, CarryBothObjectsToTheOwnerAndItsReplyBack) {
+TEST_F(Intents, GiveTheirOwnerTheSecondObjectAndCarryItsReplyBack) {
   const auto owner = Owner("Greet");
   IntentsInvoker invoker;
   Replies replies(&invoker);
   invoker.invoke("Greet", {{"a", 1}}, {{"b", "two"}});
   ASSERT_TRUE(replies.WaitFor(1));
   EXPECT_FALSE(replies.errors[0].isError()) << replies.errors[0].message().toStdString();
-  EXPECT_EQ(replies.objects[0]["first"], QJsonValue(QJsonObject{{"a", 1}}));
-  EXPECT_EQ(replies.objects[0]["second"], QJsonValue(QJsonObject{{"b", "two"}}));
+  EXPECT_EQ(replies.objects[0]["parameters"], QJsonValue(QJsonObject{{"b", "two"}}));
 }
 
 TEST_F(Intents, MayBeUnderWayAtTheSameTime) {
@@ -170,9 +169,8 @@ TEST_F(Intents, AnswerWithTheFirstReplyEvenLaterAndFromAnotherThread) {
   IN_A_PROCESS_OF_ITS_OWN([] {
     RuntimeDispatcher::Reply kept;
     RuntimeDispatcher::instance()->registerIntent(
-        "Later", [&kept](const QJsonObject&, const QJsonObject&, RuntimeDispatcher::Reply reply) {
-          kept = std::move(reply);
-        });
+        "Later",
+        [&kept](const QJsonObject&, RuntimeDispatcher::Reply reply) { kept = std::move(reply); });
     IntentsInvoker invoker;
     Replies replies(&invoker);
     invoker.invoke("Later", {}, {});
@@ -192,7 +190,7 @@ TEST_F(Intents, AnswerWithTheFirstReplyEvenLaterAndFromAnotherThread) {
 TEST_F(Intents, TellTheInvokerThatTheOwnerLetGo) {
   IN_A_PROCESS_OF_ITS_OWN([this] {
     RuntimeDispatcher::instance()->registerIntent(
-        "Drop", [](const QJsonObject&, const QJsonObject&, const RuntimeDispatcher::Reply&) {});
+        "Drop", [](const QJsonObject&, const RuntimeDispatcher::Reply&) {});
     const Error error = Invoke("Drop");
     EXPECT_EQ(error.code(), Error::kIntentFailed);
     EXPECT_THAT(error.message().toStdString(), HasSubstr("without an answer"));
@@ -218,10 +216,9 @@ TEST_F(Intents, StayWithTheFirstLiveOwner) {
 TEST_F(Intents, StayWithTheFirstOwnerOfTheSameProcessToo) {
   IN_A_PROCESS_OF_ITS_OWN([] {
     const auto answer = [](int number) {
-      return
-          [number](const QJsonObject&, const QJsonObject&, const RuntimeDispatcher::Reply& reply) {
-            reply({{"n", number}});
-          };
+      return [number](const QJsonObject&, const RuntimeDispatcher::Reply& reply) {
+        reply({{"n", number}});
+      };
     };
     RuntimeDispatcher::instance()->registerIntent("Own", answer(1));
     const WarningCatcher warnings;
@@ -330,7 +327,7 @@ TEST_F(Intents, LeaveUrisToTheOwnerOfOpenUri) {
   Replies replies(&invoker);
   invoker.invoke("OpenURI", {}, {{"uri", "https://example.com"}});
   ASSERT_TRUE(replies.WaitFor(1));
-  EXPECT_EQ(replies.objects[0]["second"].toObject()["uri"], "https://example.com");
+  EXPECT_EQ(replies.objects[0]["parameters"].toObject()["uri"], "https://example.com");
   EXPECT_FALSE(QFile::exists(PathOf("out")));
 }
 

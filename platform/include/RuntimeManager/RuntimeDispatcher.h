@@ -20,8 +20,8 @@ class RUNTIME_MANAGER_EXPORT RuntimeDispatcher : public QObject {
   // Answers an invocation. The first call counts, from any thread; when the last copy goes without
   // a call, the invoker is told that there will be no answer.
   using Reply = std::function<void(const QJsonObject&)>;
-  using IntentHandler =
-      std::function<void(const QJsonObject& first, const QJsonObject& second, Reply reply)>;
+  // Gets the second object of an invocation, which holds its parameters.
+  using IntentHandler = std::function<void(const QJsonObject& parameters, Reply reply)>;
 
   // Any thread.
   static RuntimeDispatcher* instance();

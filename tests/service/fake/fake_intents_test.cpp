@@ -99,7 +99,7 @@ class FakeIntents : public testing::Test {
   static std::vector<QJsonObject> Invoke() {
     std::vector<QJsonObject> answers;
     RuntimeDispatcher::instance()->handlers.at("weigh")(
-        {}, {}, [&answers](const QJsonObject& answer) { answers.push_back(answer); });
+        {}, [&answers](const QJsonObject& answer) { answers.push_back(answer); });
     return answers;
   }
 
@@ -231,7 +231,7 @@ TEST_F(FakeIntents, ReplySlotIs32BytesAndMayBeUsedAfterTheCall) {
            &kept);
   std::vector<QJsonObject> answers;
   RuntimeDispatcher::instance()->handlers.at("weigh")(
-      {}, {}, [&answers](const QJsonObject& answer) { answers.push_back(answer); });
+      {}, [&answers](const QJsonObject& answer) { answers.push_back(answer); });
   EXPECT_EQ(kept.size, 32U);
   EXPECT_THAT(answers, IsEmpty());
   const auto bytes = cw::EncodableValue(cw::EncodableMap{{"late", true}}).Serialize();
@@ -245,7 +245,7 @@ TEST_F(FakeIntents, ReleaseWithoutAnAnswerFreesTheReplyFunctionAndSendsNothing) 
   const auto alive = std::make_shared<int>(0);
   int answers = 0;
   RuntimeDispatcher::instance()->handlers.at("weigh")(
-      {}, {}, [alive, &answers](const QJsonObject&) { ++answers; });
+      {}, [alive, &answers](const QJsonObject&) { ++answers; });
   EXPECT_EQ(alive.use_count(), 1);
   EXPECT_EQ(answers, 0);
 }
@@ -253,7 +253,7 @@ TEST_F(FakeIntents, ReleaseWithoutAnAnswerFreesTheReplyFunctionAndSendsNothing) 
 TEST_F(FakeIntents, IntentWithoutACallbackFreesTheReplyFunction) {
   Register(nullptr, nullptr);
   const auto alive = std::make_shared<int>(0);
-  RuntimeDispatcher::instance()->handlers.at("weigh")({}, {}, [alive](const QJsonObject&) {});
+  RuntimeDispatcher::instance()->handlers.at("weigh")({}, [alive](const QJsonObject&) {});
   EXPECT_EQ(alive.use_count(), 1);
 }
 

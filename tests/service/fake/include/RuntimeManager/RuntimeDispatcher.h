@@ -15,7 +15,7 @@ class RuntimeDispatcher : public QObject {
  public:
   static constexpr int kSocket = 42;
   using Reply = std::function<void(const QJsonObject&)>;
-  using IntentHandler = std::function<void(const QJsonObject&, const QJsonObject&, Reply)>;
+  using IntentHandler = std::function<void(const QJsonObject&, Reply)>;
 
   static RuntimeDispatcher* instance() {
     static RuntimeDispatcher dispatcher;
