@@ -55,7 +55,10 @@ struct LargeCase {
   std::size_t warmup;
   std::size_t count;
 };
-constexpr LargeCase kLargeCases[] = {{"1 MiB", kMiB, 3, 20}, {"16 MiB", 16 * kMiB, 1, 3}};
+constexpr LargeCase kLargeCases[] = {{"64 KiB", kMiB / 16, 100, 500},
+                                     {"256 KiB", kMiB / 4, 30, 200},
+                                     {"1 MiB", kMiB, 10, 60},
+                                     {"16 MiB", 16 * kMiB, 2, 4}};
 
 // The names of the cases: whether all processes share one CPU, and whether the C library keeps
 // freed memory, decides more than most code does.

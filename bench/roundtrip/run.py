@@ -13,6 +13,8 @@ import subprocess
 import sys
 from statistics import median
 
+import charts
+
 HERE = os.path.dirname(os.path.abspath(__file__))
 DEFAULT_PROGRAMS = os.path.join(HERE, "..", "..", "build", "release", "bin")
 
@@ -27,8 +29,8 @@ CASES = {
     "growth": ("bench_roundtrip",),
 }
 ALSO_ON_ONE_CPU = ("latency", "pipeline", "notify", "large", "start")
-# The lines also have a large payload with glibc keeping freed memory: by default, big buffers go back
-# to the kernel each time and are faulted in again.
+# A large payload is measured with glibc keeping freed memory, too: by default, big buffers go back to
+# the kernel each time and are faulted in again.
 KEPT_HEAP = {"MALLOC_TRIM_THRESHOLD_": str(1 << 30), "MALLOC_MMAP_THRESHOLD_": str(1 << 30),
              "MALLOC_TOP_PAD_": str(64 << 20)}
 LIMIT_SECONDS = 300
@@ -51,7 +53,7 @@ class ProgramFailed(Exception):
     pass
 
 
-def run_program(folder, program, case, one_cpu, settings=None):
+def run_program(folder, program, case, one_cpu, settings):
     """The lines that one program prints for one case, with these settings of the C library."""
     cpu = min(os.sched_getaffinity(0))
     pin = (lambda: os.sched_setaffinity(0, {cpu})) if one_cpu else None
@@ -59,27 +61,30 @@ def run_program(folder, program, case, one_cpu, settings=None):
     try:
         done = subprocess.run([path, case], stdout=subprocess.PIPE, stdin=subprocess.DEVNULL,
                               preexec_fn=pin, timeout=LIMIT_SECONDS, check=True, text=True,
-                              env={**os.environ, **(settings or {})})
+                              env={**os.environ, **settings})
     except (OSError, subprocess.SubprocessError) as error:
         raise ProgramFailed(f"{program} {case} gives no figures: {error}") from error
     return done.stdout.splitlines()
 
 
 def runs_of(cases):
-    """Program, case and whether on one CPU, for one round."""
+    """Program, case, whether on one CPU, and settings of the C library, for one round."""
     for case in cases:
-        for one_cpu in (False, True) if case in ALSO_ON_ONE_CPU else (False,):
+        ways = [(False, {})]
+        if case in ALSO_ON_ONE_CPU:
+            ways.append((True, {}))
+        if case == "large":
+            ways.append((False, KEPT_HEAP))
+        for one_cpu, settings in ways:
             for program in CASES[case]:
-                yield program, case, one_cpu
+                yield program, case, one_cpu, settings
 
 
 def print_lines(folder, cases):
     """One round of the road alone."""
-    for program, case, one_cpu in runs_of(cases):
+    for program, *way in runs_of(cases):
         if program == "bench_roundtrip":
-            print("\n".join(run_program(folder, program, case, one_cpu)), flush=True)
-    if "large" in cases:
-        print("\n".join(run_program(folder, "bench_roundtrip", "large", False, KEPT_HEAP)))
+            print("\n".join(run_program(folder, program, *way)), flush=True)
 
 
 def measure(folder, cases, rounds):
@@ -87,13 +92,32 @@ def measure(folder, cases, rounds):
     figures = {}
     for number in range(rounds):
         print(f"round {number + 1} of {rounds}", file=sys.stderr)
-        for program, case, one_cpu in runs_of(cases):
-            for line in run_program(folder, program, case, one_cpu):
-                section, kase, peer, metric, value, unit = line.split("\t")
-                metrics = figures.setdefault(section, {}).setdefault(kase, {}).setdefault(peer, {})
-                figure = metrics.setdefault(metric, {"unit": unit, "values": {}})
-                figure["values"][number] = float(value)
+        for run in runs_of(cases):
+            for line in run_program(folder, *run):
+                enter(figures, number, line)
     return figures
+
+
+def enter(figures, number, line):
+    """Puts one line of a program, of this round, into the figures."""
+    section, kase, peer, metric, value, unit = line.split("\t")
+    metrics = figures.setdefault(section, {}).setdefault(kase, {}).setdefault(peer, {})
+    metrics.setdefault(metric, {"unit": unit, "values": {}})["values"][number] = float(value)
+
+
+def add_peers(figures, path):
+    """Adds the figures of other systems to the cases that are measured here.
+
+    `path` has a line for each: the round, then what a program prints, separated by tabs. What stands
+    among the floors already is left out."""
+    with open(path, encoding="utf-8") as lines:
+        for line in lines:
+            number, rest = line.rstrip("\n").split("\t", 1)
+            section, kase, peer, metric = rest.split("\t")[:4]
+            known = figures.get(section, {}).get(kase, {})
+            measured = {m for metrics in known.values() for m in metrics}
+            if metric in measured and charts.kind_of(peer) == "peer":
+                enter(figures, f"peers' {number}", rest)
 
 
 def reference_of(section, peers):
@@ -175,6 +199,10 @@ def main():
     parser.add_argument("-n", "--rounds", type=int, default=3)
     parser.add_argument("-p", "--programs", default=DEFAULT_PROGRAMS, help="where the programs lie")
     parser.add_argument("--json", metavar="FILE", help="write all figures to FILE")
+    parser.add_argument("--svg", metavar="FOLDER", help="draw a bar chart of each case into FOLDER")
+    parser.add_argument("--peers", metavar="FILE",
+                        help="add other systems' figures: lines of round, section, case, peer, "
+                             "metric, value and unit, separated by tabs, measured on this machine")
     parser.add_argument("--lines", action="store_true",
                         help="one round of the road alone, as lines: section, case, peer, metric, "
                              "value and unit, separated by tabs")
@@ -187,11 +215,16 @@ def main():
         print_lines(options.programs, cases)
         return
     date = datetime.date.today().isoformat()
-    rows = summarise(measure(options.programs, cases, options.rounds))
+    figures = measure(options.programs, cases, options.rounds)
+    if options.peers:
+        add_peers(figures, options.peers)
+    rows = summarise(figures)
     print(table(rows))
     about = machine()
     print(f"\n{date}; {about['cpu']}, {about['cpus']} CPUs, {about['architecture']}, "
           f"Linux {about['kernel']}; {options.rounds} rounds")
+    if options.svg:
+        charts.draw_all(options.svg, TITLES, rows)
     if options.json:
         with open(options.json, "w", encoding="utf-8") as out:
             json.dump({"date": date, "machine": about, "rounds": options.rounds, "figures": rows},
