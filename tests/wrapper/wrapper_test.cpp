@@ -659,6 +659,21 @@ TEST_F(RpcClientWrapper, OrderlyDisconnectHasNoErrorAndUnlocksWhateverTheChunk) 
   EXPECT_THAT(fake_->calls, ElementsAre("Unlock(0)"));
 }
 
+TEST_F(RpcClientWrapper, StartsAndForgetsRequestsByTheirIds) {
+  const auto client = CreateConnectedClient();
+  auto* const requests = dynamic_cast<vorpc::IRequests*>(client.get());
+  ASSERT_NE(requests, nullptr);
+  bool answered = false;
+  const auto id = requests->StartRequest("a", 5, [&](const auto&) { answered = true; });
+  EXPECT_EQ(LastSent(), Message::CreateRequest(id, "a", 5));
+  const auto forgotten = requests->StartRequest("b", {}, [](const auto&) { ADD_FAILURE(); });
+  EXPECT_TRUE(requests->ForgetRequest(forgotten));
+  EXPECT_FALSE(requests->ForgetRequest(forgotten));
+  Received(Message::CreateResponse(id, {}).ToBase64(), 1);
+  EXPECT_EQ(StdoutOf([&] { Received(Message::CreateResponse(forgotten, {}).ToBase64(), 2); }), "");
+  EXPECT_TRUE(answered);
+}
+
 TEST_F(RpcClientWrapper, ReleasesTheServicesClientOnceWhenItDies) {
   auto client = CreateClient();
   client.reset();

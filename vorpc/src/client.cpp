@@ -3,26 +3,25 @@
 #include <quarn/object.h>
 #include <quarn/run_once_signal.h>
 #include <vorpc/client.h>
+#include <vorpc/requests.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <mutex>
-#include <random>
 #include <string>
-#include <unordered_map>
 #include <utility>
-#include <vector>
 
 #include "attempt_all.h"
+#include "pending_requests.h"
 #include "receiver.h"
+#include "request_id.h"
 
 namespace vorpc {
 
 namespace {
 
 using OptionalError = std::optional<Message::Error>;
-using ResponseCallback = std::function<void(const Message::Response&)>;
+using details::ResponseCallback;
 
 const OptionalError kNoError;
 
@@ -31,26 +30,8 @@ constexpr std::string_view kConnectMethod = "vorpc.connected";
 // A server that refuses as often as this is not going to change its mind.
 constexpr std::uint32_t kMaxConnectAttempts = 4;
 
-// Tells the ids of this process from those of another one that talks to the same server. No secret.
-std::string CreateIdPrefix() {
-  std::random_device device("default");
-  std::mt19937 engine(device());
-  std::uniform_int_distribution<int> distribution(1, 1000);
-  return "id" + std::to_string(distribution(engine)) + "_";
-}
-
-// The number of the next request of the process, from 1.
-std::uint64_t NextRequestNumber() {
-  static std::atomic<std::uint64_t> counter{0};
-  return ++counter;
-}
-
-Message::ID CreateRequestId(std::uint64_t number) {
-  static const std::string kPrefix = CreateIdPrefix();
-  return Message::ID(kPrefix + std::to_string(number));
-}
-
 class Client final : public IOwnedClient,
+                     public IRequests,
                      public quarn::details::CounterClient,
                      public std::enable_shared_from_this<Client> {
  public:
@@ -65,7 +46,12 @@ class Client final : public IOwnedClient,
   void OnConnected(std::function<void(const OptionalError&)>&& callback) override;
   void OnDisconnected(std::function<void(const OptionalError&)>&& callback) override;
   void SendRequest(std::string_view method, const cw::EncodableValue& params,
-                   ResponseCallback&& callback) override;
+                   ResponseCallback&& callback) override {
+    StartRequest(method, params, std::move(callback));
+  }
+  Message::ID StartRequest(std::string_view method, const cw::EncodableValue& params,
+                           ResponseCallback&& callback) override;
+  bool ForgetRequest(const Message::ID& id) override;
   void SendNotify(std::string_view method, const cw::EncodableValue& params) override;
   void OnNotify(std::string_view method,
                 std::function<void(const Message::Notification&)>&& callback) override;
@@ -77,12 +63,6 @@ class Client final : public IOwnedClient,
 
  private:
   enum class State : std::int32_t { Created = 0, Connecting = 1, Connected = 2, Ended = 3 };
-
-  struct PendingRequest {
-    std::uint64_t number;
-    ResponseCallback callback;
-  };
-  using PendingRequests = std::unordered_map<Message::ID, PendingRequest>;
 
   // What is to be known until the handshake ends.
   struct ConnectRecord {
@@ -105,12 +85,16 @@ class Client final : public IOwnedClient,
   void HandleConnectResponse(const Message::Response& response);
   void CompleteHandshake();
   bool TakeResponse(const Message& message);
-  bool TakeCallback(const Message::ID& id, ResponseCallback& callback);
+  void KeepAndSend(Message&& request, details::PendingRequests::Request&& pending,
+                   OptionalError& end);
+  std::optional<ResponseCallback> TakeCallback(const Message::ID& id);
+  bool TakeForgotten(const Message::ID& id);
+  void AnswerAfterEnd(const Message::ID& id, const Message::Error& error);
   void RecordClose(OptionalError error);
   bool FailHandshake(const OptionalError& error);
   bool EndConnection(const OptionalError& error);
   void Close(const OptionalError& error, bool during_handshake);
-  void AnswerAll(PendingRequests&& requests, const Message::Error& error,
+  void AnswerAll(details::PendingRequests&& requests, const Message::Error& error,
                  details::AttemptAll& steps) const;
 
   details::Receiver receiver_;
@@ -120,7 +104,9 @@ class Client final : public IOwnedClient,
   OutcomeSignal connected_;
   OutcomeSignal disconnected_;
   std::mutex mutex_;  // guards what follows
-  PendingRequests pending_requests_;
+  details::PendingRequests pending_requests_;
+  // What the end has answered every request with; none before the end.
+  OptionalError end_error_;
   std::unique_ptr<ConnectRecord> connect_record_ = std::make_unique<ConnectRecord>();
 };
 
@@ -141,26 +127,60 @@ void Client::OnDisconnected(std::function<void(const OptionalError&)>&& callback
   Subscribe(disconnected_, std::move(callback));
 }
 
-void Client::SendRequest(std::string_view method, const cw::EncodableValue& params,
-                         ResponseCallback&& callback) {
+Message::ID Client::StartRequest(std::string_view method, const cw::EncodableValue& params,
+                                 ResponseCallback&& callback) {
   const auto self = KeepAlive();
+  const std::uint64_t number = details::NextRequestNumber();
+  const Message::ID id = details::CreateRequestId(number);
+  OptionalError end;
+  details::AttemptAll steps;
+  steps.Run([&] {
+    KeepAndSend(Message::CreateRequest(id, method, params), {number, std::move(callback)}, end);
+  });
+  steps.Run([&] {
+    if (end) {
+      AnswerAfterEnd(id, *end);
+    }
+  });
+  steps.Finish();
+  return id;
+}
+
+// Puts the request into the table and sends it. Once the client has ended, `end` is the error that
+// the request is to be answered with.
+void Client::KeepAndSend(Message&& request, details::PendingRequests::Request&& pending,
+                         OptionalError& end) {
   details::SendGuard guard(receiver_);
-  const std::uint64_t number = NextRequestNumber();
-  Message request = Message::CreateRequest(CreateRequestId(number), method, params);
-  // What of these is not kept, or was kept before, dies after the lock is released.
-  Message connect_request = method == kConnectMethod ? request : Message();
-  PendingRequest pending{number, std::move(callback)};
+  // After the swap this holds the record's earlier request; it is destroyed after unlocking.
+  Message connect_request = request.IsRequest(kConnectMethod) ? request : Message();
   const std::lock_guard lock(mutex_);
   if (receiver_.IsClosed()) {
     return;
   }
-  pending_requests_.emplace(request.GetRequest()->id, std::move(pending));
+  end = end_error_;
+  pending_requests_.Add(request.GetRequest()->id, std::move(pending));
   if (connect_record_ != nullptr && !connect_request.IsEmpty()) {
     std::swap(connect_record_->request, connect_request);
     guard.SendImmediately(std::move(request));
   } else {
     guard.Send(std::move(request));
   }
+}
+
+// The end has answered what waited then, and nobody will answer this one.
+void Client::AnswerAfterEnd(const Message::ID& id, const Message::Error& error) {
+  const auto callback = TakeCallback(id);
+  if (callback && *callback && !receiver_.IsClosed()) {
+    (*callback)(Message::Response(id, error));
+  }
+}
+
+bool Client::ForgetRequest(const Message::ID& id) {
+  const auto self = KeepAlive();
+  std::optional<ResponseCallback> dropped;  // destroyed after unlocking
+  const std::lock_guard lock(mutex_);
+  dropped = pending_requests_.Forget(id);
+  return dropped.has_value();
 }
 
 void Client::SendNotify(std::string_view method, const cw::EncodableValue& params) {
@@ -206,10 +226,10 @@ void Client::Abandon() {
   // These reach nobody any more: they let the listeners go while the object is still whole.
   connected_.Emit(kNoError);
   disconnected_.Emit(kNoError);
-  PendingRequests requests;  // these die after the lock is released
+  details::PendingRequests requests;  // these are destroyed after unlocking
   std::unique_ptr<ConnectRecord> record;
   const std::lock_guard lock(mutex_);
-  requests.swap(pending_requests_);
+  std::swap(requests, pending_requests_);
   record.swap(connect_record_);
 }
 
@@ -290,28 +310,30 @@ void Client::CompleteHandshake() {
 // The receiver's filter.
 bool Client::TakeResponse(const Message& message) {
   const Message::Response* const response = message.GetResponse();
-  ResponseCallback callback;
-  if (response == nullptr || !TakeCallback(response->id, callback)) {
+  if (response == nullptr) {
     return false;
   }
-  if (callback) {
-    callback(*response);
+  const auto callback = TakeCallback(response->id);
+  if (!callback) {
+    return TakeForgotten(response->id);
+  }
+  if (*callback) {
+    (*callback)(*response);
   } else {
     QUARN_LOG_ERROR() << "Invalid server response";
   }
   return true;
 }
 
-// Ends the wait for the response with this id. False when nobody waits for it.
-bool Client::TakeCallback(const Message::ID& id, ResponseCallback& callback) {
+// Ends the wait for the response with this id. None when nobody waits for it.
+std::optional<ResponseCallback> Client::TakeCallback(const Message::ID& id) {
   const std::lock_guard lock(mutex_);
-  const auto found = pending_requests_.find(id);
-  if (found == pending_requests_.end()) {
-    return false;
-  }
-  callback = std::move(found->second.callback);
-  pending_requests_.erase(found);
-  return true;
+  return pending_requests_.Take(id);
+}
+
+bool Client::TakeForgotten(const Message::ID& id) {
+  const std::lock_guard lock(mutex_);
+  return pending_requests_.TakeForgotten(id);
 }
 
 // The transport has gone before the handshake: if one comes, it shall fail.
@@ -343,15 +365,16 @@ bool Client::EndConnection(const OptionalError& error) {
 
 // Called once at most, by whoever has moved the state to Ended.
 void Client::Close(const OptionalError& error, bool during_handshake) {
-  PendingRequests requests;
-  std::unique_ptr<ConnectRecord> record;  // dies after the lock is released
-  {
-    const std::lock_guard lock(mutex_);
-    requests.swap(pending_requests_);
-    record.swap(connect_record_);
-  }
   const Message::Error reported =
       error.value_or(Message::Error(Message::kInternalError, "Unknown runtime error"));
+  details::PendingRequests requests;
+  std::unique_ptr<ConnectRecord> record;  // destroyed after unlocking
+  {
+    const std::lock_guard lock(mutex_);
+    std::swap(requests, pending_requests_);
+    record.swap(connect_record_);
+    end_error_ = reported;
+  }
   details::AttemptAll steps;
   if (during_handshake) {
     steps.Run([this, &reported] { connected_.Emit(reported); });
@@ -363,20 +386,12 @@ void Client::Close(const OptionalError& error, bool during_handshake) {
 }
 
 // Answers the requests with the error, in the order in which they were made.
-void Client::AnswerAll(PendingRequests&& requests, const Message::Error& error,
+void Client::AnswerAll(details::PendingRequests&& requests, const Message::Error& error,
                        details::AttemptAll& steps) const {
-  std::vector<PendingRequests::value_type*> ordered;
-  ordered.reserve(requests.size());
-  for (auto& request : requests) {
-    ordered.push_back(&request);
-  }
-  std::sort(ordered.begin(), ordered.end(),
-            [](const auto* a, const auto* b) { return a->second.number < b->second.number; });
-  for (auto* const request : ordered) {
-    const ResponseCallback callback = std::move(request->second.callback);
+  for (auto& [id, request] : requests.TakeAll()) {
+    const ResponseCallback callback = std::move(request.callback);
     if (callback && !receiver_.IsClosed()) {
-      steps.Run(
-          [request, &callback, &error] { callback(Message::Response(request->first, error)); });
+      steps.Run([&id = id, &callback, &error] { callback(Message::Response(id, error)); });
     }
   }
 }
@@ -384,6 +399,8 @@ void Client::AnswerAll(PendingRequests&& requests, const Message::Error& error,
 }  // namespace
 
 IClient::~IClient() = default;
+
+IRequests::~IRequests() = default;
 
 IOwnedClient::~IOwnedClient() = default;
 

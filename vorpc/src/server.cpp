@@ -1,8 +1,9 @@
 #include <quarn/listener.h>
+#include <quarn/logger.h>
 #include <quarn/run_once_signal.h>
 #include <vorpc/server.h>
 
-#include <cstdint>
+#include <atomic>
 #include <mutex>
 #include <shared_mutex>
 #include <unordered_map>
@@ -71,23 +72,44 @@ class Server::Reply final : public IReply {
  public:
   Reply(Message::ID id, std::weak_ptr<Server> server)
       : id_(std::move(id)), server_(std::move(server)) {}
+  ~Reply() override;
+  Reply(const Reply&) = delete;
+  Reply& operator=(const Reply&) = delete;
 
   void SendResult(cw::EncodableValue result) override {
+    answered_ = true;
     if (const auto server = server_.lock()) {
       server->receiver_.Send(Message::CreateResponse(id_, std::move(result)));
     }
   }
 
   void SendError(int code, std::string_view message, const cw::EncodableValue& data) override {
+    answered_ = true;
     if (const auto server = server_.lock()) {
       server->receiver_.Send(Message::CreateError(id_, code, message, data));
     }
   }
 
+  Message::ID GetRequestId() const override { return id_; }
+
  private:
   const Message::ID id_;
   const std::weak_ptr<Server> server_;
+  std::atomic<bool> answered_{false};
 };
+
+// A request that nobody answers shows nowhere else on this side.
+Server::Reply::~Reply() {
+  if (answered_) {
+    return;
+  }
+  const auto server = server_.lock();
+  if (server && !server->receiver_.IsClosed()) {
+    QUARN_LOG_WARN() << "The reply to the request " << id_
+                     << " was destroyed without an answer: its client waits until the connection "
+                        "ends. Call SendResult or SendError once.";
+  }
+}
 
 void Server::SendNotify(std::string_view method, const cw::EncodableValue& params) {
   const auto self = KeepAlive();
@@ -202,6 +224,8 @@ Server::SharedHandler Server::FindHandler(const std::string& method) {
 }  // namespace
 
 IReply::~IReply() = default;
+
+Message::ID IReply::GetRequestId() const { return Message::ID(""); }
 
 IServer::~IServer() = default;
 

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -455,23 +456,103 @@ TEST_F(ClientTest, DoesNotTryAgainOnTheErrorOfItsOwnEnd) {
   EXPECT_THAT(diary_, ElementsAre("connect failed: the cable was cut"));
 }
 
-TEST_F(ClientTest, NeverAnswersARequestMadeAfterTheEnd) {
+TEST_F(ClientTest, AnswersARequestMadeAfterTheEndWithItsErrorBeforeTheSendReturns) {
+  Connect();
+  client_->Disconnect(kTransportError);
+  diary_.clear();
+  Request("a");
+  EXPECT_THAT(diary_, ElementsAre("a failed: the cable was cut"));
+  client_->Disconnect({});
+  client_.reset();
+  EXPECT_THAT(diary_, ElementsAre("a failed: the cable was cut"));
+}
+
+TEST_F(ClientTest, AnswersARequestMadeAfterAnEndWithoutAnErrorWithAnUnknownOne) {
+  Connect();
+  client_->Disconnect({});
+  std::optional<Message::Response> seen;
+  client_->SendRequest("a", {}, [&seen](const auto& response) { seen = response; });
+  ASSERT_TRUE(seen);
+  EXPECT_EQ(*seen, Message::Response(recorder_.GetLast().GetRequest()->id, kUnknownRuntimeError));
+}
+
+TEST_F(ClientTest, StillHandsARequestMadeAfterTheEndToItsSendFunction) {
   Connect();
   client_->Disconnect(kTransportError);
   Request("a");
-  client_->Disconnect(kTransportError);
-  client_.reset();
-  EXPECT_THAT(diary_, ElementsAre("connected", "disconnected: the cable was cut"));
+  EXPECT_THAT(SentMethods(), ElementsAre("vorpc.connected", "a"));
 }
 
-TEST_F(ClientTest, NeverSendsNorAnswersARequestMadeAfterAFailedHandshake) {
+TEST_F(ClientTest, AnswersButNeverSendsARequestMadeAfterAFailedHandshake) {
   Start();
   client_->Disconnect(kTransportError);
+  diary_.clear();
   Request("a");
+  Request("vorpc.connected");
   client_->Disconnect(kTransportError);
   client_.reset();
   EXPECT_THAT(SentMethods(), ElementsAre("vorpc.connected"));
-  EXPECT_THAT(diary_, ElementsAre("connect failed: the cable was cut"));
+  EXPECT_THAT(diary_, ElementsAre("a failed: the cable was cut",
+                                  "vorpc.connected failed: the cable was cut"));
+}
+
+TEST_F(ClientTest, AnswersARequestMadeInsideTheReportOfTheEndOnce) {
+  client_->OnDisconnected([this](const auto&) { Request("late"); });
+  Connect();
+  Request("early");
+  client_->Disconnect(kTransportError);
+  const std::string failed = " failed: the cable was cut";
+  EXPECT_THAT(diary_, ElementsAre("connected", "disconnected: the cable was cut", "late" + failed,
+                                  "early" + failed));
+}
+
+TEST_F(ClientTest, AnswersARequestMadeInsideTheAnswerToAnotherAtTheEnd) {
+  Connect();
+  client_->SendRequest("a", {}, [this](const auto&) { Request("b"); });
+  client_->Disconnect(kTransportError);
+  EXPECT_EQ(diary_.back(), "b failed: the cable was cut");
+}
+
+TEST_F(ClientTest, GivesTheAnswerOfTheTransportRatherThanTheEndToARequestMadeAfterIt) {
+  std::shared_ptr<IOwnedClient> client;
+  client = IOwnedClient::Create([&client](Message&& message) {
+    client->Receive(Message::CreateResponse(message.GetRequest()->id, "answered"));
+  });
+  client->Run();
+  client->SetStarted();
+  client->Disconnect(kTransportError);
+  int calls = 0;
+  client->SendRequest("a", {}, [&calls](const Message::Response& response) {
+    EXPECT_TRUE(response.HasResult());
+    ++calls;
+  });
+  EXPECT_EQ(calls, 1);
+}
+
+TEST_F(ClientTest, AnswersARequestMadeAfterTheEndAlsoWhenSendingItThrows) {
+  bool refuse = false;
+  const auto client = IOwnedClient::Create([&](Message&& message) {
+    if (refuse) {
+      throw std::runtime_error("refused");
+    }
+    recorder_.Send()(std::move(message));
+  });
+  client->Run();
+  client->SetStarted();
+  client->Receive(Message::CreateResponse(recorder_.GetLast().GetRequest()->id, {}));
+  client->Disconnect(kTransportError);
+  refuse = true;
+  int answered = 0;
+  EXPECT_THROW(client->SendRequest("a", {}, [&answered](const auto&) { ++answered; }),
+               std::runtime_error);
+  EXPECT_EQ(answered, 1);
+}
+
+TEST_F(ClientTest, TakesARequestWithoutACallbackAfterTheEnd) {
+  Connect();
+  client_->Disconnect(kTransportError);
+  EXPECT_EQ(StdoutOf([this] { client_->SendRequest("a", {}, {}); }), "");
+  EXPECT_THAT(SentMethods(), ElementsAre("vorpc.connected", "a"));
 }
 
 TEST_F(ClientTest, RemembersTheLastOfSeveralEndsBeforeTheHandshake) {

@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -319,6 +320,67 @@ TEST(Server, WorksWithoutASendFunction) {
   bool connected = false;
   server->OnConnected([&connected](const auto&) { connected = true; });
   EXPECT_TRUE(connected);
+}
+
+// --- Replies ---
+
+// The reply to a request, kept instead of being used.
+class ReplyTest : public ServerTest {
+ protected:
+  ReplyTest() {
+    server_->OnRequest("keep",
+                       [this](const std::string&, const cw::EncodableValue&,
+                              std::unique_ptr<IReply>&& reply) { kept_ = std::move(reply); });
+    Connect();
+    server_->Receive(Call("r7", "keep"));
+  }
+
+  std::unique_ptr<IReply> kept_;
+};
+
+TEST_F(ReplyTest, KnowsTheIdOfItsRequest) { EXPECT_EQ(kept_->GetRequestId(), ID("r7")); }
+
+TEST_F(ReplyTest, OfAnotherMakeHasAnIdWithoutAText) {
+  class OtherReply : public IReply {
+    void SendResult(cw::EncodableValue) override {}
+    void SendError(int, std::string_view, const cw::EncodableValue&) override {}
+  };
+  EXPECT_EQ(OtherReply().GetRequestId(), ID(""));
+}
+
+TEST_F(ReplyTest, ThatDiesUnansweredSendsNothingAndLeavesALineWithTheIdOfItsRequest) {
+  EXPECT_THAT(
+      StdoutOf([this] { kept_.reset(); }),
+      IsLogLine("warn",
+                "The reply to the request \"r7\" was destroyed without an answer: its client "
+                "waits until the connection ends. Call SendResult or SendError once."));
+  EXPECT_THAT(recorder_.GetSent(), ElementsAre(kHandshakeAnswer));
+}
+
+TEST_F(ReplyTest, ThatWasAnsweredDiesWithoutAWord) {
+  kept_->SendResult(1);
+  EXPECT_EQ(StdoutOf([this] { kept_.reset(); }), "");
+  server_->Receive(Call("r8", "keep"));
+  kept_->SendError(-1, "no", {});
+  EXPECT_EQ(StdoutOf([this] { kept_.reset(); }), "");
+}
+
+TEST_F(ReplyTest, ThatDiesUnansweredAfterItsServerDiesWithoutAWord) {
+  server_.reset();
+  EXPECT_EQ(StdoutOf([this] { kept_.reset(); }), "");
+}
+
+TEST_F(ReplyTest, ThatDiesUnansweredOnceItsServerWasAbandonedDiesWithoutAWord) {
+  server_->Abandon();
+  EXPECT_EQ(StdoutOf([this] { kept_.reset(); }), "");
+}
+
+TEST_F(ReplyTest, ThatAnExceptionDestroysUnansweredLeavesTheLineToo) {
+  server_->OnRequest("throw", [](const std::string&, const cw::EncodableValue&,
+                                 std::unique_ptr<IReply>&&) { throw std::runtime_error("no"); });
+  EXPECT_THAT(
+      StdoutOf([this] { EXPECT_THROW(server_->Receive(Call("r9", "throw")), std::runtime_error); }),
+      testing::HasSubstr("The reply to the request \"r9\" was destroyed"));
 }
 
 }  // namespace

@@ -53,7 +53,8 @@ RpcClient::RpcClient(const std::shared_ptr<quarn::IDispatcher>& dispatcher,
     : Object(dispatcher),
       api_(api),
       client_(client),
-      owned_(vorpc::IOwnedClient::Create(MakeSend(api, client))) {}
+      owned_(vorpc::IOwnedClient::Create(MakeSend(api, client))),
+      requests_(dynamic_cast<vorpc::IRequests*>(owned_.get())) {}
 
 RpcClient::~RpcClient() {
   api_->GetTable().Release(client_);
@@ -155,6 +156,14 @@ void RpcClient::SendRequest(std::string_view method, const cw::EncodableValue& p
                             std::function<void(const vorpc::Message::Response&)>&& callback) {
   owned_->SendRequest(method, params, std::move(callback));
 }
+
+vorpc::Message::ID RpcClient::StartRequest(
+    std::string_view method, const cw::EncodableValue& params,
+    std::function<void(const vorpc::Message::Response&)>&& callback) {
+  return requests_->StartRequest(method, params, std::move(callback));
+}
+
+bool RpcClient::ForgetRequest(const vorpc::Message::ID& id) { return requests_->ForgetRequest(id); }
 
 void RpcClient::SendNotify(std::string_view method, const cw::EncodableValue& params) {
   owned_->SendNotify(method, params);

@@ -13,7 +13,7 @@
 
 namespace vorpc {
 
-// What users of a connection call. Any thread; callbacks run on the thread that brings the news,
+// What users of a connection call; <vorpc/requests.h> has more of requests. Any thread; callbacks run on the thread that brings the news,
 // with no lock of the client held but the one that keeps messages in order: while a message is
 // being delivered, other threads that send or receive wait, and the thread itself delivers at once.
 //
@@ -41,7 +41,7 @@ class TARV_EXPORT IClient {
 
   // Sends a request, or keeps it until the connection stands. `callback` is called once: with the
   // response, or with an error when connecting fails or the connection ends before there is one. A
-  // request made after that end gets no answer any more.
+  // request made after that end is answered with the same error before this returns.
   virtual void SendRequest(std::string_view method, const cw::EncodableValue& params,
                            std::function<void(const Message::Response&)>&& callback) = 0;
   // Sends a notification, or keeps it until the connection stands.

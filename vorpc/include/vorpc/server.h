@@ -15,14 +15,18 @@
 namespace vorpc {
 
 // Answers one request, now or later, on any thread. Answer exactly once: every call sends a
-// response, and a reply that dies unused leaves the client waiting until its connection ends. Once
-// the server is gone, an answer goes nowhere.
+// response, and a reply that dies unused leaves the client waiting until its connection ends, and a
+// warning line that names the request's id. Once the server is gone, an answer goes nowhere.
 class TARV_EXPORT IReply {
  public:
   virtual ~IReply();
 
   virtual void SendResult(cw::EncodableValue result) = 0;
   virtual void SendError(int code, std::string_view message, const cw::EncodableValue& data) = 0;
+
+  // The id of the request that this answers. An implementation that does not tell gives the id
+  // without a text, which no request has.
+  virtual Message::ID GetRequestId() const;
 };
 
 // What users of a connection call. Any thread; callbacks run on the thread that brings the news,

@@ -7,6 +7,7 @@
 #include <quarn/object.h>
 #include <tarv/tarv_capi.h>
 #include <vorpc/client.h>
+#include <vorpc/requests.h>
 
 #include <cstddef>
 #include <functional>
@@ -20,11 +21,12 @@ struct _RpcClientWrapperRef;
 namespace tarv {
 
 // Joins the service's client, which moves texts, with a vorpc client, which gives them meaning.
-// Made by ManagerWrapper::CreateIpcClient. Its last owner ends the task. See vorpc::IClient for the
+// Made by ManagerWrapper::CreateIpcClient. Its last owner ends the task. See vorpc::IClient and vorpc::IRequests for the
 // operations; callbacks run on the thread whose event loop started the task, and may let go of the
 // client.
 class TARV_EXPORT RpcClient final : public quarn::Object<RpcClient, _RpcClientWrapperRef*>,
-                                    public vorpc::IClient {
+                                    public vorpc::IClient,
+                                    public vorpc::IRequests {
   struct PrivateTag {
     explicit PrivateTag() = default;
   };
@@ -51,6 +53,10 @@ class TARV_EXPORT RpcClient final : public quarn::Object<RpcClient, _RpcClientWr
       std::function<void(const std::optional<vorpc::Message::Error>&)>&& callback) override;
   void SendRequest(std::string_view method, const cw::EncodableValue& params,
                    std::function<void(const vorpc::Message::Response&)>&& callback) override;
+  vorpc::Message::ID StartRequest(
+      std::string_view method, const cw::EncodableValue& params,
+      std::function<void(const vorpc::Message::Response&)>&& callback) override;
+  bool ForgetRequest(const vorpc::Message::ID& id) override;
   void SendNotify(std::string_view method, const cw::EncodableValue& params) override;
   void OnNotify(std::string_view method,
                 std::function<void(const vorpc::Message::Notification&)>&& callback) override;
@@ -66,6 +72,7 @@ class TARV_EXPORT RpcClient final : public quarn::Object<RpcClient, _RpcClientWr
   std::shared_ptr<Api> api_;
   _TARVRpcClientRef* client_;
   std::shared_ptr<vorpc::IOwnedClient> owned_;
+  vorpc::IRequests* requests_;  // the same object
 };
 
 }  // namespace tarv

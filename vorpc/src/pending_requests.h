@@ -1,0 +1,55 @@
+// The requests that wait for their responses.
+#ifndef VORPC_SRC_PENDING_REQUESTS_H
+#define VORPC_SRC_PENDING_REQUESTS_H
+
+#include <vorpc/message.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <optional>
+#include <unordered_map>
+#include <vector>
+
+namespace vorpc::details {
+
+using ResponseCallback = std::function<void(const Message::Response&)>;
+
+// The requests of one client that wait, and the last of those that nobody waits for any more. The
+// client's lock guards it; what it gives out is destroyed after that lock was released.
+class PendingRequests {
+ public:
+  // As many late responses are told from messages that nobody ever asked for. Enough for every
+  // request that a peer still works at; the bound keeps what a silent peer costs small.
+  static constexpr std::size_t kMaxForgotten = 1024;
+
+  struct Request {
+    std::uint64_t number;  // requests are answered in the order of their numbers when all end
+    ResponseCallback callback;
+  };
+  struct Entry {
+    Message::ID id;
+    Request request;
+  };
+
+  void Add(const Message::ID& id, Request&& request) { requests_.emplace(id, std::move(request)); }
+
+  // Ends the wait for a response; none when no request with this id waits.
+  std::optional<ResponseCallback> Take(const Message::ID& id);
+  // The same, and a response that comes all the same is expected from now on.
+  std::optional<ResponseCallback> Forget(const Message::ID& id);
+  // True, once, for the id of a request that was forgotten.
+  bool TakeForgotten(const Message::ID& id);
+
+  // All that wait, in the order of their numbers.
+  std::vector<Entry> TakeAll();
+
+ private:
+  std::unordered_map<Message::ID, Request> requests_;
+  std::deque<Message::ID> forgotten_;  // the last one at the end
+};
+
+}  // namespace vorpc::details
+
+#endif  // VORPC_SRC_PENDING_REQUESTS_H
