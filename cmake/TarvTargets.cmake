@@ -40,6 +40,12 @@ if(TARV_COVERAGE)
   target_link_options(tarv_options INTERFACE --coverage)
 endif()
 
+# Headers that modules share but do not install, included by their path from the root:
+# <quarn/internal/...>.
+add_library(tarv_internals INTERFACE)
+add_library(tarv::internals ALIAS tarv_internals)
+target_include_directories(tarv_internals INTERFACE "${PROJECT_SOURCE_DIR}")
+
 # tarv_add_library(NAME SOURCES file... HEADERS include/file.h... [LINKS target...])
 # A static library tarv::NAME whose public headers lie under include/ and compile alone.
 function(tarv_add_library name)
@@ -49,7 +55,8 @@ function(tarv_add_library name)
   target_sources(${name} PUBLIC FILE_SET HEADERS
     BASE_DIRS "${CMAKE_CURRENT_SOURCE_DIR}/include" FILES ${ARG_HEADERS})
   set_target_properties(${name} PROPERTIES VERIFY_INTERFACE_HEADER_SETS ON)
-  target_link_libraries(${name} PUBLIC ${ARG_LINKS} PRIVATE $<BUILD_INTERFACE:tarv::options>)
+  target_link_libraries(${name} PUBLIC ${ARG_LINKS}
+    PRIVATE $<BUILD_INTERFACE:tarv::options> $<BUILD_INTERFACE:tarv::internals>)
 endfunction()
 
 # Tests are read by the compiler far longer than they run: they share one precompiled header (for
@@ -78,7 +85,7 @@ function(tarv_add_test name)
   endif()
   include(GoogleTest)
   add_executable(${name} ${ARG_SOURCES})
-  target_link_libraries(${name} PRIVATE ${ARG_LINKS} tarv::options GTest::gmock_main)
+  target_link_libraries(${name} PRIVATE ${ARG_LINKS} tarv::options tarv::internals GTest::gmock_main)
   tarv_compile_fast(${name})
   target_precompile_headers(${name} REUSE_FROM tarv_test_headers)
   list(FILTER ARG_SOURCES INCLUDE REGEX "\\.c$")

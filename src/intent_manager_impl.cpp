@@ -1,6 +1,7 @@
 #include "intent_manager_impl.h"
 
 #include <cw/encodable_value.h>
+#include <quarn/internal/attempt_all.h>
 #include <quarn/listener.h>
 #include <quarn/sized_struct.h>
 #include <vorpc/qt/utils.h>
@@ -10,7 +11,6 @@
 #include <optional>
 #include <utility>
 
-#include "call_both.h"
 #include "creation.h"
 #include "log.h"
 
@@ -159,7 +159,7 @@ void IntentManagerImpl::IntentReplyHandler(const QJsonObject& /*reply*/,
       InvokeNext();
     }
   };
-  tarv::details::CallBoth([this, &error] { CompleteFront(error.code() == 0); }, go_on);
+  quarn::details::AttemptAll([this, &error] { CompleteFront(error.code() == 0); }, go_on);
 }
 
 void IntentManagerImpl::CompleteFront(bool success) {

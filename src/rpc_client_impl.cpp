@@ -1,5 +1,7 @@
 #include "rpc_client_impl.h"
 
+#include <quarn/escaped.h>
+#include <quarn/internal/attempt_all.h>
 #include <quarn/logger.h>
 #include <quarn/sized_struct.h>
 
@@ -7,14 +9,13 @@
 #include <QStringList>
 #include <utility>
 
-#include "call_both.h"
 #include "creation.h"
 #include "error_relay.h"
 #include "log.h"
 
 namespace tarv {
 
-using details::CallBoth;
+using quarn::details::AttemptAll;
 
 namespace {
 
@@ -162,7 +163,7 @@ void RpcClientImpl::OnStartFailed(const RuntimeManager::Error& error) {
     return;
   }
   const CachedText text = Cache(error.message());
-  QUARN_LOG_INFO() << "[ta-rv] on started call error: " << text.message;
+  QUARN_LOG_INFO() << "[ta-rv] on started call error: " << quarn::Escaped{text.message};
   listener_->OnStarted(kPlatformFailure, text.message, text.chunk);
 }
 
@@ -248,8 +249,8 @@ RpcClientImpl::CachedText RpcClientImpl::Cache(const QString& text) {
 }
 
 void RpcClientImpl::Stop(int code, const char* message, std::size_t chunk) {
-  CallBoth([this, code, message, chunk] { CleanupMessaging(code, message, chunk); },
-           [this] { StopTask(); });
+  AttemptAll([this, code, message, chunk] { CleanupMessaging(code, message, chunk); },
+             [this] { StopTask(); });
 }
 
 void RpcClientImpl::StopTask() {
@@ -263,7 +264,7 @@ void RpcClientImpl::StopTask() {
       return;
     }
     if (error.isError()) {
-      QUARN_LOG_ERROR() << "[ta-rv] stop error: " << error.message().toStdString();
+      QUARN_LOG_ERROR() << "[ta-rv] stop error: " << quarn::Escaped{error.message().toStdString()};
     }
     self->OnStop();
   });
@@ -278,7 +279,7 @@ void RpcClientImpl::OnStop() {
 }
 
 void RpcClientImpl::CleanupMessaging(int code, const char* message, std::size_t chunk) {
-  CallBoth(
+  AttemptAll(
       [this, code, message, chunk] {
         if (listener_) {
           listener_->OnDisconnect(code, message, chunk);

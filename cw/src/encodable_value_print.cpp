@@ -1,5 +1,6 @@
 #include <cw/encodable_value.h>
 #include <cxxabi.h>
+#include <quarn/internal/utf8.h>
 
 #include <array>
 #include <charconv>
@@ -15,38 +16,6 @@ constexpr std::size_t kMaxTextBytes = 120;
 constexpr std::size_t kMaxItems = 16;
 constexpr std::size_t kMaxDepth = 8;
 constexpr std::size_t kMaxLineBytes = 2000;  // no further item is begun past this
-
-// How long the UTF-8 character is that begins with `lead`; 0 when none does.
-std::size_t Utf8LengthFrom(unsigned char lead) {
-  if (lead < 0x80) {
-    return 1;
-  }
-  if (lead < 0xC2 || lead > 0xF4) {
-    return 0;
-  }
-  return lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-}
-
-// Overlong forms, surrogates and numbers past the last character.
-bool IsForbiddenPair(unsigned char lead, unsigned char second) {
-  return (lead == 0xE0 && second < 0xA0) || (lead == 0xED && second > 0x9F) ||
-         (lead == 0xF0 && second < 0x90) || (lead == 0xF4 && second > 0x8F);
-}
-
-// The length of the well-formed UTF-8 character at the front of `text`, or 0.
-std::size_t Utf8Length(std::string_view text) {
-  const auto byte_at = [text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-  const std::size_t length = Utf8LengthFrom(byte_at(0));
-  if (length > text.size()) {
-    return 0;
-  }
-  for (std::size_t i = 1; i < length; ++i) {
-    if ((byte_at(i) & 0xC0) != 0x80) {
-      return 0;
-    }
-  }
-  return length > 2 && IsForbiddenPair(byte_at(0), byte_at(1)) ? 0 : length;
-}
 
 std::string Demangle(const char* name) {
   int status = 0;
@@ -134,52 +103,36 @@ class LinePrinter {
     line_ += kDigits[byte & 15];
   }
 
-  void PrintByteOfText(char byte);
+  // Returns how many of the bytes it has printed.
+  std::size_t PrintCharacter(std::string_view rest);
 
   std::string line_;
   std::size_t depth_ = 0;
 };
 
-void LinePrinter::PrintByteOfText(char byte) {
-  switch (byte) {
-    case '"':
-      line_ += "\\\"";
-      return;
-    case '\\':
-      line_ += "\\\\";
-      return;
-    case '\n':
-      line_ += "\\n";
-      return;
-    case '\t':
-      line_ += "\\t";
-      return;
-    default:
-      line_ += "\\x";
-      PrintHex(static_cast<std::uint8_t>(byte));
-  }
-}
-
 void LinePrinter::PrintContent(const std::string& text) {
   line_ += '"';
   std::size_t position = 0;
   while (position < text.size() && position < kMaxTextBytes) {
-    const std::string_view rest = std::string_view(text).substr(position);
-    const std::size_t length = Utf8Length(rest);
-    const bool is_plain = length > 1 || (length == 1 && rest[0] >= ' ' && rest[0] != '"' &&
-                                         rest[0] != '\\' && rest[0] != '\x7F');
-    if (is_plain) {
-      line_ += rest.substr(0, length);
-      position += length;
-    } else {
-      PrintByteOfText(rest[0]);
-      ++position;
-    }
+    position += PrintCharacter(std::string_view(text).substr(position));
   }
   line_ += '"';
   if (position < text.size()) {
     line_ += "... (" + std::to_string(text.size()) + " bytes)";
   }
+}
+
+std::size_t LinePrinter::PrintCharacter(std::string_view rest) {
+  const std::size_t length = quarn::details::ShowableLength(rest);
+  if (length == 0) {
+    line_ += quarn::details::EscapeOf(rest.front());
+    return 1;
+  }
+  if (rest.front() == '"' || rest.front() == '\\') {
+    line_ += '\\';
+  }
+  line_ += rest.substr(0, length);
+  return length;
 }
 
 template <class Items, class PrintItem>

@@ -177,6 +177,19 @@ TEST_F(MethodChannelTest, RefusesAMessageThatIsNoCall) {
   EXPECT_NE(StderrOf([this] { EXPECT_TRUE(SendRaw({}).empty()); }), "");
 }
 
+TEST_F(ChannelTest, PrintNoControlCharacterOfTheirNames) {
+  const std::string name = "a\nb\x1b";
+  cw::MethodChannel<>(messenger_.get(), name).SetMethodCallHandler([](const auto&, const auto&) {});
+  const Bytes no_call = {0x03, 1, 0, 0, 0};
+  EXPECT_THAT(
+      StderrOf([this, &name, &no_call] {
+        bool answered = false;
+        Dart().Send(name, no_call, [&answered](const Bytes&) { answered = true; });
+        EXPECT_TRUE(RunUntil([&answered] { return answered; }));
+      }),
+      testing::EndsWith("Error: a message on the channel \"a\\nb\\x1b\" is no method call.\n"));
+}
+
 TEST_F(MethodChannelTest, RefusesAMessageBeyondTheCodecsBounds) {
   Handle([](const cw::MethodCall<>&, const auto&) { FAIL() << "called"; });
   // A list of four thousand million elements that are not there.

@@ -79,6 +79,7 @@ TEST(EncodableValuePrint, KeepsGoodUtf8AndMarksBadBytes) {
   EXPECT_EQ(Print("\xF0\x80\x80\x80"), "\"\\xf0\\x80\\x80\\x80\"");
   EXPECT_EQ(Print("\xF4\x90\x80\x80"), "\"\\xf4\\x90\\x80\\x80\"");
   EXPECT_EQ(Print("\xFF"), "\"\\xff\"");
+  EXPECT_EQ(Print("\xC2\x9B"), "\"\\xc2\\x9b\"");  // a control character of two bytes
   EXPECT_EQ(Print("\uD7FF\U0010FFFF\u0800\U00010000"), "\"\uD7FF\U0010FFFF\u0800\U00010000\"");
 }
 

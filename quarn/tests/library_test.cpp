@@ -146,6 +146,19 @@ TEST(Library, EscapesQuoteMarksAndBackslashesOfAPathInItsReport) {
                              ": cannot open shared object file: No such file or directory"));
 }
 
+TEST(Library, LetsNoControlCharacterOfAPathOrASymbolsNameOut) {
+  EXPECT_THAT(LogOfFailedLoad("/nonexistent/a\n[error] b\x1b.so"),
+              IsLogLine("error",
+                        "Couldn't load library \"\"/nonexistent/a\\n[error] b\\x1b.so\"\": "
+                        "/nonexistent/a\\n[error] b\\x1b.so: cannot open shared object file: "
+                        "No such file or directory"));
+  const auto library = Library::Create(QUARN_SAMPLE_LIBRARY);
+  ASSERT_NE(library, nullptr);
+  EXPECT_THAT(StdoutOf([&library] { library->ResolveImpl("a\nb"); }),
+              IsLogLine("error", "Could not load a\\nb symbol: " QUARN_SAMPLE_LIBRARY
+                                 ": undefined symbol: a\\nb"));
+}
+
 TEST(Library, LoadsFromAPathWithAQuoteMarkAndABackslash) {
   const TemporaryFolder folder;
   const fs::path path = folder.GetPath() / "a\"b\\c.so";

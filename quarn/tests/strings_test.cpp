@@ -52,6 +52,10 @@ TEST(ParseInt, ReadsDecimalNumbers) {
   ExpectParses("-42", -42);
 }
 
+TEST(ParseInt, LetsNoControlCharacterOut) {
+  ExpectFailsWith("1\n[fatal] a", "Could not convert string \"1\\n[fatal] a\" to integer value.");
+}
+
 TEST(ParseInt, AllowsLeadingZerosAndNegativeZero) {
   ExpectParses("007", 7);
   ExpectParses("-0", 0);
@@ -76,10 +80,11 @@ TEST(ParseInt, RejectsALoneSign) {
 TEST(ParseInt, RejectsTrailingCharacters) {
   ExpectFails("12a");
   ExpectFails("12 ");
-  ExpectFails("12\n");
+  ExpectFailsWith("12\n", "Could not convert string \"12\\n\" to integer value.");
   ExpectFails("1.0");
   ExpectFails("1e3");
-  ExpectFails(std::string_view("12\0", 3));
+  ExpectFailsWith(std::string_view("12\0", 3),
+                  "Could not convert string \"12\\x00\" to integer value.");
 }
 
 TEST(ParseInt, RejectsPlusBlanksAndPrefixes) {

@@ -1,3 +1,5 @@
+#include <quarn/escaped.h>
+#include <quarn/internal/attempt_all.h>
 #include <quarn/listener.h>
 #include <quarn/logger.h>
 #include <quarn/object.h>
@@ -11,7 +13,6 @@
 #include <string>
 #include <utility>
 
-#include "attempt_all.h"
 #include "pending_requests.h"
 #include "receiver.h"
 #include "request_id.h"
@@ -95,7 +96,7 @@ class Client final : public IOwnedClient,
   bool EndConnection(const OptionalError& error);
   void Close(const OptionalError& error, bool during_handshake);
   void AnswerAll(details::PendingRequests&& requests, const Message::Error& error,
-                 details::AttemptAll& steps) const;
+                 quarn::details::Attempts& steps) const;
 
   details::Receiver receiver_;
   std::atomic<State> state_{State::Created};
@@ -133,16 +134,15 @@ Message::ID Client::StartRequest(std::string_view method, const cw::EncodableVal
   const std::uint64_t number = details::NextRequestNumber();
   const Message::ID id = details::CreateRequestId(number);
   OptionalError end;
-  details::AttemptAll steps;
-  steps.Run([&] {
-    KeepAndSend(Message::CreateRequest(id, method, params), {number, std::move(callback)}, end);
-  });
-  steps.Run([&] {
-    if (end) {
-      AnswerAfterEnd(id, *end);
-    }
-  });
-  steps.Finish();
+  quarn::details::AttemptAll(
+      [&] {
+        KeepAndSend(Message::CreateRequest(id, method, params), {number, std::move(callback)}, end);
+      },
+      [&] {
+        if (end) {
+          AnswerAfterEnd(id, *end);
+        }
+      });
   return id;
 }
 
@@ -288,7 +288,7 @@ void Client::HandleConnectResponse(const Message::Response& response) {
     FailHandshake(*error);
     return;
   }
-  QUARN_LOG_ERROR() << "Connect error: " << error->message;
+  QUARN_LOG_ERROR() << "Connect error: " << quarn::Escaped{error->message};
   AttemptConnect();
 }
 
@@ -301,10 +301,8 @@ void Client::CompleteHandshake() {
     const std::lock_guard lock(mutex_);
     record.swap(connect_record_);
   }
-  details::AttemptAll steps;
-  steps.Run([this] { connected_.Emit(kNoError); });
-  steps.Run([this] { receiver_.SetQueueEnabled(); });
-  steps.Finish();
+  quarn::details::AttemptAll([this] { connected_.Emit(kNoError); },
+                             [this] { receiver_.SetQueueEnabled(); });
 }
 
 // The receiver's filter.
@@ -375,7 +373,7 @@ void Client::Close(const OptionalError& error, bool during_handshake) {
     record.swap(connect_record_);
     end_error_ = reported;
   }
-  details::AttemptAll steps;
+  quarn::details::Attempts steps;
   if (during_handshake) {
     steps.Run([this, &reported] { connected_.Emit(reported); });
   } else {
@@ -387,7 +385,7 @@ void Client::Close(const OptionalError& error, bool during_handshake) {
 
 // Answers the requests with the error, in the order in which they were made.
 void Client::AnswerAll(details::PendingRequests&& requests, const Message::Error& error,
-                       details::AttemptAll& steps) const {
+                       quarn::details::Attempts& steps) const {
   for (auto& [id, request] : requests.TakeAll()) {
     const ResponseCallback callback = std::move(request.callback);
     if (callback && !receiver_.IsClosed()) {

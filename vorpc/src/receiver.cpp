@@ -1,5 +1,6 @@
 #include "receiver.h"
 
+#include <quarn/escaped.h>
 #include <quarn/listener.h>
 
 namespace vorpc::details {
@@ -111,7 +112,7 @@ void Receiver::Notify(const Message::Notification& notification) const {
     }
   }
   if (signal == nullptr) {
-    QUARN_LOG_ERROR() << "Unknown event '" << notification.method << "()'";
+    QUARN_LOG_ERROR() << "Unknown event '" << quarn::Escaped{notification.method} << "()'";
     return;
   }
   signal->Emit(notification);

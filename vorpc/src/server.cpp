@@ -1,3 +1,4 @@
+#include <quarn/internal/attempt_all.h>
 #include <quarn/listener.h>
 #include <quarn/logger.h>
 #include <quarn/run_once_signal.h>
@@ -9,7 +10,6 @@
 #include <unordered_map>
 #include <utility>
 
-#include "attempt_all.h"
 #include "receiver.h"
 
 namespace vorpc {
@@ -191,12 +191,10 @@ void Server::ReceiveLocked(Message&& message, details::ReceiveGuard& guard, Take
 }
 
 void Server::CompleteHandshake(const Message::Request& request) {
-  details::AttemptAll steps;
-  steps.Run([this] { connected_.Emit(kNoError); });
-  steps.Run(
-      [this, &request] { receiver_.SendImmediately(Message::CreateResponse(request.id, {})); });
-  steps.Run([this] { receiver_.SetQueueEnabled(); });
-  steps.Finish();
+  quarn::details::AttemptAll(
+      [this] { connected_.Emit(kNoError); },
+      [this, &request] { receiver_.SendImmediately(Message::CreateResponse(request.id, {})); },
+      [this] { receiver_.SetQueueEnabled(); });
 }
 
 // The receiver's filter.

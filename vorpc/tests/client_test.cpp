@@ -183,6 +183,12 @@ TEST_F(ClientTest, LogsWhyAnAttemptToConnectFailed) {
               IsLogLine("error", "Connect error: busy"));
 }
 
+TEST_F(ClientTest, LogsNoControlCharacterOfItsServer) {
+  Start();
+  EXPECT_THAT(StdoutOf([this] { RefuseLast(Error(-1, "busy\n[info]\x1b[2J")); }),
+              IsLogLine("error", "Connect error: busy\\n[info]\\x1b[2J"));
+}
+
 TEST_F(ClientTest, ConnectsWhenTheLastAttemptSucceeds) {
   Start();
   StdoutOf([this] {

@@ -282,6 +282,12 @@ TEST(Receiver, LogsANotificationThatNobodyHandles) {
               IsLogLine("error", "Unknown event 'ping()'"));
 }
 
+TEST(Receiver, LogsNoControlCharacterOfItsPeer) {
+  Receiver receiver({}, {});
+  EXPECT_THAT(StdoutOf([&receiver] { receiver.ReceiveImmediately(Notice("a\nb\x1b")); }),
+              IsLogLine("error", "Unknown event 'a\\nb\\x1b()'"));
+}
+
 TEST(Receiver, LogsWhateverElseNobodyTakes) {
   Receiver receiver({}, [](const Message&) { return false; });
   for (const Message& message :

@@ -1,12 +1,14 @@
+#include <quarn/internal/attempt_all.h>
 #include <tarv/rpc_client.h>
 
 #include <utility>
 
-#include "finally.h"
 #include "texts.h"
 
 namespace tarv {
 namespace {
+
+using quarn::details::AttemptAll;
 
 // Turns each message into its text and hands it to the service. The table may be gone by then: the
 // JSON-RPC client can outlive its owner inside a callback.
@@ -97,16 +99,17 @@ void RpcClient::HandleOnStarted(void* user_data, int code, const char* message, 
   if (!self) {
     return;
   }
-  {
-    const details::Finally unlock([&self, chunk] {
-      if (chunk != 0) {
-        self->api_->GetTable().UnlockResources(self->client_, chunk);
-      }
-    });
-    if (code != 0) {
-      self->owned_->Disconnect(MakeError(code, message));
-    }
-  }
+  AttemptAll(
+      [&self, code, message] {
+        if (code != 0) {
+          self->owned_->Disconnect(MakeError(code, message));
+        }
+      },
+      [&self, chunk] {
+        if (chunk != 0) {
+          self->api_->GetTable().UnlockResources(self->client_, chunk);
+        }
+      });
   // A client that the failure has closed ignores this.
   self->owned_->SetStarted();
 }
@@ -116,10 +119,13 @@ void RpcClient::HandleOnMessage(void* user_data, const char* message, std::size_
   if (!self) {
     return;
   }
-  const details::Finally unlock([&self, chunk] { self->UnlockResources(chunk); });
-  if (auto received = details::Decode(message)) {
-    self->owned_->Receive(*std::move(received));
-  }
+  AttemptAll(
+      [&self, message] {
+        if (auto received = details::Decode(message)) {
+          self->owned_->Receive(*std::move(received));
+        }
+      },
+      [&self, chunk] { self->UnlockResources(chunk); });
 }
 
 void RpcClient::HandleOnDisconnect(void* user_data, int code, const char* message,
@@ -128,8 +134,8 @@ void RpcClient::HandleOnDisconnect(void* user_data, int code, const char* messag
   if (!self) {
     return;
   }
-  const details::Finally unlock([&self, chunk] { self->UnlockResources(chunk); });
-  self->owned_->Disconnect(MakeError(code, message));
+  AttemptAll([&self, code, message] { self->owned_->Disconnect(MakeError(code, message)); },
+             [&self, chunk] { self->UnlockResources(chunk); });
 }
 
 void RpcClient::UnlockResources(std::size_t chunk) const {

@@ -1,8 +1,8 @@
+#include <quarn/internal/attempt_all.h>
 #include <tarv/rpc_server.h>
 
 #include <utility>
 
-#include "finally.h"
 #include "texts.h"
 
 namespace tarv {
@@ -88,10 +88,13 @@ void RpcServer::HandleOnMessage(void* user_data, const char* message, std::size_
   if (!self) {
     return;
   }
-  const details::Finally unlock([&self, chunk] { self->UnlockResources(chunk); });
-  if (auto received = details::Decode(message)) {
-    self->owned_->Receive(*std::move(received));
-  }
+  quarn::details::AttemptAll(
+      [&self, message] {
+        if (auto received = details::Decode(message)) {
+          self->owned_->Receive(*std::move(received));
+        }
+      },
+      [&self, chunk] { self->UnlockResources(chunk); });
 }
 
 void RpcServer::UnlockResources(std::size_t chunk) const {

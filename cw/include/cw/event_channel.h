@@ -191,7 +191,8 @@ class TARV_EXPORT StreamEndpoint {
   void OnMessage(const std::uint8_t* message, std::size_t size, const BinaryReply& reply) {
     const auto call = DecodeCall(*codec_, message, size);
     if (!call) {
-      std::cerr << "Error: a message on the channel \"" + channel_ + "\" is no method call.\n";
+      std::cerr << "Error: a message on the channel \"" << quarn::Escaped{channel_}
+                << "\" is no method call.\n";
       reply(nullptr, 0);
     } else if (call->GetMethodName() == "listen") {
       Answer(Listen(call->GetArguments()), reply);

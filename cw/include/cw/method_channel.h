@@ -14,6 +14,7 @@
 #include <cw/method_result.h>
 #include <cw/reply_manager.h>
 #include <quarn/buffer.h>
+#include <quarn/escaped.h>
 #include <quarn/export.h>
 
 #include <cstddef>
@@ -183,7 +184,8 @@ class TARV_EXPORT MethodChannel {
                    const std::uint8_t* message, std::size_t size, BinaryReply reply) {
           const auto call = internal::DecodeCall(*codec, message, size);
           if (!call) {
-            std::cerr << "Error: a message on the channel \"" + name + "\" is no method call.\n";
+            std::cerr << "Error: a message on the channel \"" << quarn::Escaped{name}
+                      << "\" is no method call.\n";
             reply(nullptr, 0);
             return;
           }

@@ -2,6 +2,7 @@
 #ifndef QUARN_STRINGS_H
 #define QUARN_STRINGS_H
 
+#include <quarn/escaped.h>
 #include <quarn/logger.h>
 
 #include <cstdint>
@@ -69,7 +70,7 @@ bool ParseInt(std::string_view text, Int& out) {
   }
   const auto value = details::ParseSigned<Int>(text);
   if (!value) {
-    QUARN_LOG_WARN() << "Could not convert string \"" << text << "\" to integer value.";
+    QUARN_LOG_WARN() << "Could not convert string \"" << Escaped{text} << "\" to integer value.";
     return false;
   }
   out = *value;

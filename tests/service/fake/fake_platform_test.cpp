@@ -105,6 +105,22 @@ TEST_F(FakePlatform, ErrorOnStopIsLoggedAndTheStopCompletesAsUsual) {
   EXPECT_THAT(log_, ElementsAre("started 0 ", "disconnect 0 ", "released"));
 }
 
+TEST_F(FakePlatform, ErrorsOfThePlatformAreLoggedWithoutControlCharactersAndReportedAsTheyCame) {
+  Task& failing = Start();
+  const std::string at_start =
+      StdoutOf([&failing] { failing.complete_start(Error(7, "no\n[info]\x1b[2J")); });
+  EXPECT_THAT(at_start, IsLogLine("info", "[ta-rv] on started call error: no\\n[info]\\x1b[2J"));
+  EXPECT_THAT(log_, ElementsAre("started -32603 no\n[info]\x1b[2J"));
+}
+
+TEST_F(FakePlatform, ErrorOnStopIsLoggedWithoutControlCharacters) {
+  Task& task = Start();
+  task.complete_start(Error());
+  table_.Release(client_);
+  const std::string output = StdoutOf([&task] { task.complete_stop(Error(6, "a\nb")); });
+  EXPECT_THAT(output, IsLogLine("error", "[ta-rv] stop error: a\\nb"));
+}
+
 TEST_F(FakePlatform, StopThatCompletesTwiceOrAfterTheManagersReleaseIsHarmless) {
   Task& task = Start();
   task.complete_start(Error());
