@@ -1,4 +1,4 @@
-#include <cw/base64_streams.h>
+#include <cw/internal/base64_streams.h>
 
 namespace cw {
 
@@ -41,6 +41,9 @@ Base64StreamReader::Piece Base64StreamReader::TakeSome(std::size_t length) {
 }
 
 void Base64StreamReader::CheckRest() {
+  if (passed_padding_by_ && BytesLeft() != 0) {
+    throw GiveUp();
+  }
   while (BytesLeft() != 0) {
     TakeSome(BytesLeft());
   }

@@ -19,10 +19,43 @@ void ThrowTooManyMadeUp() {
                           " items that its bytes do not hold; it is damaged or hostile");
 }
 
-}  // namespace internal
-
-void ByteBufferStreamReader::ReportInvalidRead() {
-  std::cerr << "Invalid read in StandardCodecByteStreamReader\n";
+void FaultReports::AddInvalidRead() {
+  if (Count()) {
+    Add("Invalid read in StandardCodecByteStreamReader\n");
+  }
 }
+
+void FaultReports::AddUnknownType(std::uint8_t type) {
+  if (Count()) {
+    Add("Unknown type in StandardCodecSerializer::ReadValueOfType: " + std::to_string(type) + "\n");
+  }
+}
+
+bool FaultReports::Count() {
+  if (faults_ > kMaxReportedFaults) {
+    return false;
+  }
+  if (++faults_ <= kMaxReportedFaults) {
+    return true;
+  }
+  Add("The message has more faults; the lines about them are left out.\n");
+  return false;
+}
+
+void FaultReports::Add(const std::string& line) {
+  held_ += line;
+  if (!holds_) {
+    Write();
+  }
+}
+
+void FaultReports::Write() {
+  if (!held_.empty()) {
+    std::cerr << held_;
+    held_.clear();
+  }
+}
+
+}  // namespace internal
 
 }  // namespace cw

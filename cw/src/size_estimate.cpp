@@ -1,4 +1,4 @@
-#include <cw/size_estimate.h>
+#include <cw/internal/size_estimate.h>
 
 #include <algorithm>
 #include <iterator>

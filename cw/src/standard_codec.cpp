@@ -1,12 +1,11 @@
-#include <cw/base64_streams.h>
-#include <cw/size_estimate.h>
+#include <cw/internal/base64_streams.h>
+#include <cw/internal/size_estimate.h>
 #include <cw/standard_codec.h>
 #include <quarn/large_memory.h>
 
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <iostream>
 #include <string>
 #include <type_traits>
 #include <typeinfo>
@@ -497,12 +496,14 @@ template <class T>
 template <class T, class Stream>
 std::vector<T> ReadTypedList(Stream* stream) {
   const std::size_t size = ReadSizeFrom(stream);
-  // Peers differ in whether they pad an empty list; the padding is skipped as for any other.
+  if (size == 0) {
+    if constexpr (sizeof(T) > 1) {
+      stream->ReadEmptyListAlignment(sizeof(T));
+    }
+    return {};
+  }
   if constexpr (sizeof(T) > 1) {
     stream->ReadAlignment(sizeof(T));
-  }
-  if (size == 0) {
-    return {};
   }
   ClaimBlock(size, sizeof(T), stream);
   return ReadBlock<T>(size, stream);
@@ -518,9 +519,8 @@ EncodableValue ReportUnknownType(std::uint8_t /*type*/, Base64StreamReader* /*st
   throw Base64StreamReader::GiveUp();
 }
 
-EncodableValue ReportUnknownType(std::uint8_t type, ByteStreamReader* /*stream*/) {
-  std::cerr << "Unknown type in StandardCodecSerializer::ReadValueOfType: " + std::to_string(type) +
-                   "\n";
+EncodableValue ReportUnknownType(std::uint8_t type, ByteStreamReader* stream) {
+  stream->GetReports().AddUnknownType(type);
   return {};
 }
 

@@ -1,3 +1,4 @@
+#include <cw/internal/whole_message.h>
 #include <cw/standard_message_codec.h>
 
 #include "codec_registry.h"
@@ -20,8 +21,9 @@ std::unique_ptr<EncodableValue> StandardMessageCodec::DecodeMessageInternal(
   if (data == nullptr || size == 0) {
     return nullptr;
   }
-  ByteBufferStreamReader stream(data, size);
-  return std::make_unique<EncodableValue>(serializer_->ReadValue(&stream));
+  return internal::ReadWholeMessage(data, size, [this](ByteBufferStreamReader* stream) {
+    return std::make_unique<EncodableValue>(serializer_->ReadValue(stream));
+  });
 }
 
 quarn::Buffer StandardMessageCodec::EncodeMessageInternal(const EncodableValue& message) const {

@@ -1,3 +1,4 @@
+#include <cw/internal/whole_message.h>
 #include <cw/method_codec.h>
 
 #include <iostream>
@@ -29,24 +30,54 @@ void ReportSuccess(const EncodableValue& value, MethodResult<EncodableValue>* re
   }
 }
 
+// The values of a reply, behind the byte that says what it is.
+struct Reply {
+  std::uint8_t kind;
+  EncodableValue value;  // the result, or the error's code
+  EncodableValue message;
+  EncodableValue details;
+};
+
+Reply ReadReply(const StandardCodecSerializer& serializer, ByteBufferStreamReader* stream) {
+  Reply reply{stream->ReadByte(), {}, {}, {}};
+  if (reply.kind == kSuccess || reply.kind == kError) {
+    reply.value = serializer.ReadValue(stream);
+  }
+  if (reply.kind == kError) {
+    reply.message = serializer.ReadValue(stream);
+    reply.details = serializer.ReadValue(stream);
+  }
+  return reply;
+}
+
 // False, with nothing called, when the code is no text, or the message neither text nor null.
-bool ReportError(const EncodableValue& code, const EncodableValue& message,
-                 const EncodableValue& details, MethodResult<EncodableValue>* result) {
-  const std::string* code_text = code.AsString();
-  const std::string* message_text = message.AsString();
-  if (code_text == nullptr || (message_text == nullptr && !message.IsNull())) {
+bool ReportError(const Reply& reply, MethodResult<EncodableValue>* result) {
+  const std::string* const code = reply.value.AsString();
+  const std::string* const message = reply.message.AsString();
+  if (code == nullptr || (message == nullptr && !reply.message.IsNull())) {
     return false;
   }
-  std::string text;
-  if (message_text != nullptr) {
-    text = *message_text;
-  }
-  if (details.IsNull()) {
-    result->Error(*code_text, text);
+  const std::string text = message == nullptr ? std::string() : *message;
+  if (reply.details.IsNull()) {
+    result->Error(*code, text);
   } else {
-    result->Error(*code_text, text, details);
+    result->Error(*code, text, reply.details);
   }
   return true;
+}
+
+struct NameAndArguments {
+  EncodableValue name;
+  std::unique_ptr<EncodableValue> arguments;  // not read when the name is no text
+};
+
+NameAndArguments ReadCall(const StandardCodecSerializer& serializer,
+                          ByteBufferStreamReader* stream) {
+  NameAndArguments call{serializer.ReadValue(stream), nullptr};
+  if (call.name.AsString() != nullptr) {
+    call.arguments = std::make_unique<EncodableValue>(serializer.ReadValue(stream));
+  }
+  return call;
 }
 
 }  // namespace
@@ -64,15 +95,15 @@ const StandardMethodCodec& StandardMethodCodec::GetInstance(
 
 std::unique_ptr<MethodCall<EncodableValue>> StandardMethodCodec::DecodeMethodCallInternal(
     const std::uint8_t* message, std::size_t size) const {
-  ByteBufferStreamReader stream(message, size);
-  EncodableValue name = serializer_->ReadValue(&stream);
-  auto* name_text = std::get_if<std::string>(&name);
-  if (name_text == nullptr) {
+  auto [name, arguments] = internal::ReadWholeMessage(
+      message, size,
+      [this](ByteBufferStreamReader* stream) { return ReadCall(*serializer_, stream); });
+  auto* const text = std::get_if<std::string>(&name);
+  if (text == nullptr) {
     std::cerr << "Invalid method call; method name is not a string.\n";
     return nullptr;
   }
-  auto arguments = std::make_unique<EncodableValue>(serializer_->ReadValue(&stream));
-  return std::make_unique<MethodCall<EncodableValue>>(std::move(*name_text), std::move(arguments));
+  return std::make_unique<MethodCall<EncodableValue>>(std::move(*text), std::move(arguments));
 }
 
 quarn::Buffer StandardMethodCodec::EncodeMethodCallInternal(
@@ -110,19 +141,14 @@ quarn::Buffer StandardMethodCodec::EncodeErrorEnvelopeInternal(
 
 bool StandardMethodCodec::DecodeAndProcessResponseEnvelopeInternal(
     const std::uint8_t* response, std::size_t size, MethodResult<EncodableValue>* result) const {
-  ByteBufferStreamReader stream(response, size);
-  const std::uint8_t kind = stream.ReadByte();
-  if (kind == kSuccess) {
-    ReportSuccess(serializer_->ReadValue(&stream), result);
+  const Reply reply = internal::ReadWholeMessage(
+      response, size,
+      [this](ByteBufferStreamReader* stream) { return ReadReply(*serializer_, stream); });
+  if (reply.kind == kSuccess) {
+    ReportSuccess(reply.value, result);
     return true;
   }
-  if (kind != kError) {
-    return false;
-  }
-  const EncodableValue code = serializer_->ReadValue(&stream);
-  const EncodableValue message = serializer_->ReadValue(&stream);
-  const EncodableValue details = serializer_->ReadValue(&stream);
-  return ReportError(code, message, details, result);
+  return reply.kind == kError && ReportError(reply, result);
 }
 
 }  // namespace cw

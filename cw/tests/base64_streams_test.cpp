@@ -1,5 +1,5 @@
 // The streams over a text, beside those over its bytes.
-#include <cw/base64_streams.h>
+#include <cw/internal/base64_streams.h>
 #include <cw/standard_codec.h>
 #include <gtest/gtest.h>
 

@@ -57,8 +57,9 @@ std::size_t MemoryBound(std::size_t size) {
   return size * (sizeof(EncodableValue) + kDecodeOverheadPerByte) + kDecodeFixedMemory;
 }
 
-// One allocation a byte, one for each made-up item, and those around the whole.
-std::size_t AllocationBound(std::size_t size) { return size + kMaxMadeUpItems + 100; }
+// One allocation a byte, one for each made-up item, those for the lines about faults, and those
+// around the whole.
+std::size_t AllocationBound(std::size_t size) { return size + kMaxMadeUpItems + 300; }
 
 // Decodes, and checks the bounds.
 EncodableValue DecodeWithinBounds(const std::uint8_t* data, std::size_t size) {
@@ -233,6 +234,18 @@ TEST(DecodeBounds, HoldForTheDensestMessagesThereAre) {
     const Bytes items = Repeat(item, 100000);
     EXPECT_FALSE(DecodeWithinBounds(FromHex("0C FF A0 86 01 00") + items).IsNull()) << item;
   }
+}
+
+// An empty list that is not padded, and at the end more than there should be: taken for padded.
+TEST(DecodeBounds, HoldForMessagesThatAreReadTwice) {
+  const SilentStderr silence;
+  const Bytes bytes = FromHex("0C FF 40 42 0F 00 01 0A 00") + Bytes(1000000 - 2 + 1);
+  const Cost cost = Decode(bytes.data(), bytes.size());
+  EXPECT_EQ(cost.value.AsList()->size(), 1000000U);
+  EXPECT_LE(cost.memory, MemoryBound(bytes.size()));
+  EXPECT_LE(cost.allocations, 2 * AllocationBound(bytes.size()));
+  const Cost lists = Decode(bytes.data(), bytes.size() - 1000000);
+  EXPECT_TRUE(lists.value.IsNull());
 }
 
 TEST(DecodeBounds, HoldForMapsInTheWorstOrder) {

@@ -1,7 +1,10 @@
 // What travels between an application's plug-in and a task's plug-in.
 
 #include <gmock/gmock.h>
+#include <vorpc/qt/utils.h>
 
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -41,6 +44,30 @@ TEST_F(Conversation, BringsEveryKindOfValueThereAndBack) {
   };
   EXPECT_EQ(connection->Ask("echo", value), value);
   EXPECT_EQ(connection->Ask("echo"), EncodableValue());
+}
+
+TEST_F(Conversation, BringsEmptyTypedListsAndWhatIsBehindThem) {
+  const auto connection = StartConnected();
+  const EncodableValue tagged = EncodableMap{{"tags", std::vector<std::int32_t>()},
+                                             {"user", "ann"},
+                                             {"z", std::vector<double>()},
+                                             {"zz", EncodableList{std::vector<float>(), 1}}};
+  EXPECT_EQ(connection->Ask("echo", tagged), tagged);
+  const Response response = connection->Call("fail", std::vector<std::int64_t>());
+  ASSERT_TRUE(response.IsError());
+  EXPECT_EQ(response.GetError()->data, EncodableValue(std::vector<std::int64_t>()));
+  EXPECT_EQ(connection->Call("fail", tagged).GetError()->data, tagged);
+}
+
+// As an application that speaks JSON has it: an array of nothing is a list of no integers.
+TEST_F(Conversation, BringsAJsonObjectWithAnEmptyArrayWhole) {
+  const auto connection = StartConnected();
+  const QJsonObject json = QJsonDocument::fromJson(R"({"tags":[],"user":"ann"})").object();
+  EncodableValue there;
+  ASSERT_TRUE(vorpc::qt::JsonToEncodable(json, there));
+  QJsonValue back;
+  ASSERT_TRUE(vorpc::qt::EncodableToJson(connection->Ask("echo", there), back));
+  EXPECT_EQ(back.toObject(), json);
 }
 
 TEST_F(Conversation, AnswersAnUnknownMethodWithItsName) {

@@ -1,5 +1,6 @@
-#include <cw/base64_streams.h>
-#include <cw/size_estimate.h>
+#include <cw/internal/base64_streams.h>
+#include <cw/internal/size_estimate.h>
+#include <cw/internal/whole_message.h>
 #include <cw/standard_codec.h>
 #include <quarn/base64.h>
 #include <quarn/logger.h>
@@ -72,6 +73,9 @@ class MemberReader {
   // False when what comes next in the stream is no map.
   template <class Stream>
   bool Read(Stream* stream) {
+    for (cw::WantedEntry& entry : entries_) {
+      entry.value.reset();
+    }
     return cw::ReadMapEntries(entries_.data(), entries_.size(), stream);
   }
 
@@ -177,9 +181,10 @@ Message FromMembers(const Members& members) {
 // As Message::FromEncodable of the value that the bytes hold.
 Message FromBytes(const std::uint8_t* data, std::size_t size) {
   MemberReader reader;
-  cw::ByteBufferStreamReader stream(data, size);
   try {
-    if (!reader.Read(&stream)) {
+    if (!cw::internal::ReadWholeMessage(data, size, [&reader](cw::ByteBufferStreamReader* stream) {
+          return reader.Read(stream);
+        })) {
       return NoMessage();
     }
   } catch (const std::length_error&) {  // GCOVR_EXCL_BR_LINE: nothing but these two is thrown.

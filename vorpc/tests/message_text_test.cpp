@@ -123,6 +123,8 @@ std::vector<Bytes> OddMaps() {
       BytesOf({{"jsonrpc", "2.0"}, {"error", "e"}, {"id", 5}, {"result", 6}}),
       BytesOf({{"jsonrpc", "2.0"}, {"id", 5}, {"result", EncodableList{1, "x", error}}}),
       BytesOf({{"jsonrpc", "2.0"}, {"method", "m"}, {"params", std::vector<double>{1, 2}}}),
+      BytesOf({{"jsonrpc", "2.0"}, {"params", std::vector<double>()}, {"method", "m"}}),
+      BytesOf({{"a", std::vector<float>()}, {"jsonrpc", "2.0"}, {"method", "m"}}),
   };
 }
 
@@ -328,6 +330,43 @@ TEST(MessageText, IsThatOfTheMapForLargePayloadsInEveryPhase) {
       ASSERT_EQ(Message::FromBase64(message.ToBase64()), message) << size;
     }
   }
+}
+
+// Texts of each size that is read in a way of its own.
+constexpr std::size_t kPayloads[] = {0, 5000, 100000};
+
+TEST(MessageText, BringsEmptyTypedListsAndWhatIsBehindThem) {
+  const CaptureStderr errors;
+  for (const std::size_t size : kPayloads) {
+    const EncodableMap content{{"data", Bytes(size, 7)},
+                               {"tags", std::vector<std::int32_t>()},
+                               {"times", std::vector<double>()},
+                               {"user", "ann"}};
+    const Message request = Message::CreateRequest(Message::ID(7), "store", content);
+    EXPECT_EQ(Message::FromBase64(request.ToBase64()), request) << size;
+    const Message error = Message::CreateError(Message::ID(7), 5, "no", content);
+    EXPECT_EQ(Message::FromBase64(error.ToBase64()), error) << size;
+    const Message bare = Message::CreateError(Message::ID(7), 5, "no", std::vector<std::int64_t>());
+    EXPECT_EQ(Message::FromBase64(bare.ToBase64()), bare);
+  }
+  EXPECT_EQ(errors.GetText(), "");
+}
+
+TEST(MessageText, MayHaveItsEmptyTypedListsPadded) {
+  const CaptureStderr errors;
+  for (const std::size_t size : kPayloads) {
+    const Bytes data(size, 7);
+    const Bytes front = BytesOf({{"data", data}, {"jsonrpc", "2.0"}, {"params", {}}});
+    Bytes bytes(front.begin(), front.end() - 1);
+    bytes[1] = 4;
+    bytes = Join(std::move(bytes), {0x0A, 0});
+    bytes.resize((bytes.size() + 7) / 8 * 8);
+    bytes = Join(std::move(bytes), FromHex("07 06 6D 65 74 68 6F 64 07 01 6D"));
+    EXPECT_EQ(Message::FromBase64(TextOf(bytes)),
+              Message::CreateNotification("m", std::vector<std::int64_t>()))
+        << size;
+  }
+  EXPECT_EQ(errors.GetText(), "");
 }
 
 TEST(MessageText, IsReadWhereItLies) {

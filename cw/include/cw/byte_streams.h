@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string>
 
 namespace cw {
 
@@ -82,6 +83,38 @@ class DecodeBudget {
   std::size_t announced_ = 0;
   std::size_t made_up_ = 0;
 };
+
+// What reading one message writes to standard error: a line for each fault, up to
+// kMaxReportedFaults, then one that says that there are more.
+class TARV_EXPORT FaultReports {
+ public:
+  FaultReports() = default;
+  // Writes the lines that are still held.
+  ~FaultReports() { Write(); }
+  FaultReports(const FaultReports&) = delete;
+  FaultReports& operator=(const FaultReports&) = delete;
+
+  void AddInvalidRead();
+  void AddUnknownType(std::uint8_t type);
+  bool IsEmpty() const { return faults_ == 0; }
+
+  // Holds the lines that come from here on, until they are dropped or this object dies.
+  void Hold() { holds_ = true; }
+  void Drop() { held_.clear(); }
+
+ private:
+  // Counts a fault. True when its line is wanted.
+  bool Count();
+  void Add(const std::string& line);
+  void Write();
+
+  std::size_t faults_ = 0;  // no longer counted once there are too many
+  bool holds_ = false;
+  std::string held_;
+};
+
+// Reads whole messages; see cw/internal/whole_message.h.
+class UnpaddedReading;
 
 }  // namespace internal
 
@@ -158,16 +191,22 @@ class TARV_EXPORT ByteStreamReader {
   // How many bytes are left for certain. What a stream does not vouch for counts as made up, so
   // with this default at most kMaxMadeUpItems items can be read: override it for larger messages.
   virtual std::size_t BytesLeft() const { return 0; }
+  // Called in place of ReadAlignment behind the size of an empty list of items wider than a byte.
+  // The format pads such a list as any other, but peers that leave the padding out are common (the
+  // standard serializer here is one): a stream whose writer is known to do so overrides this.
+  virtual void ReadEmptyListAlignment(std::uint8_t alignment) { ReadAlignment(alignment); }
 
-  // For serializers: the budget of the message that this stream holds.
+  // For serializers: the budget of the message that this stream holds, and what is wrong with it.
   internal::DecodeBudget& GetBudget() { return budget_; }
+  internal::FaultReports& GetReports() { return reports_; }
 
  private:
   internal::DecodeBudget budget_;
+  internal::FaultReports reports_;
 };
 
-// Reads a range of bytes. Each read past the end writes one line to standard error, "Invalid read
-// in StandardCodecByteStreamReader", and yields zeros.
+// Reads a range of bytes. Each read past the end yields zeros and writes one line to standard error,
+// "Invalid read in StandardCodecByteStreamReader", up to the kMaxReportedFaults of a message.
 class TARV_EXPORT ByteBufferStreamReader final : public ByteStreamReader {
  public:
   // The bytes stay the caller's and must outlive the reader. A null `data` is an empty range.
@@ -176,7 +215,7 @@ class TARV_EXPORT ByteBufferStreamReader final : public ByteStreamReader {
 
   std::uint8_t ReadByte() override {
     if (location_ >= size_) {
-      ReportInvalidRead();
+      GetReports().AddInvalidRead();
       return 0;
     }
     return data_[location_++];
@@ -198,12 +237,19 @@ class TARV_EXPORT ByteBufferStreamReader final : public ByteStreamReader {
     }
   }
   std::size_t BytesLeft() const override { return location_ < size_ ? size_ - location_ : 0; }
+  void ReadEmptyListAlignment(std::uint8_t alignment) override {
+    if (is_padded_) {
+      ReadAlignment(alignment);
+    } else if (alignment != 0 && location_ % alignment != 0) {
+      passed_padding_by_ = true;
+    }
+  }
 
   // The next `length` bytes, where they lie, and moves past them. Null, after the line on standard
   // error and with the position left alone, when there are fewer; also where there is no data.
   const std::uint8_t* TakeBytes(std::size_t length) {
     if (location_ > size_ || length > size_ - location_) {
-      ReportInvalidRead();
+      GetReports().AddInvalidRead();
       return nullptr;
     }
     location_ += length;
@@ -211,11 +257,13 @@ class TARV_EXPORT ByteBufferStreamReader final : public ByteStreamReader {
   }
 
  private:
-  static void ReportInvalidRead();
+  friend class internal::UnpaddedReading;
 
   const std::uint8_t* data_;
   std::size_t size_;
   std::size_t location_ = 0;
+  bool is_padded_ = true;  // behind the sizes of empty lists
+  bool passed_padding_by_ = false;
 };
 
 }  // namespace cw

@@ -26,8 +26,7 @@ struct RandomValueOptions {
 };
 
 // Makes every kind of value but custom ones: borders of each number kind often, valid UTF-8 texts,
-// never NaN (which equals nothing), and typed lists of wider items never empty (their padding is
-// lost when they lie inside others).
+// empty lists of every kind, never NaN (which equals nothing).
 class RandomValues {
  public:
   explicit RandomValues(std::uint64_t seed, RandomValueOptions options = {})
@@ -77,19 +76,19 @@ class RandomValues {
   EncodableValue NextComposite(int depth) {
     switch (Below(depth > 0 ? 7 : 5)) {
       case 0:
-        return EncodableValue(NextTypedList<std::uint8_t>(
-            0, [this] { return static_cast<std::uint8_t>(Below(256)); }));
+        return EncodableValue(
+            NextTypedList<std::uint8_t>([this] { return static_cast<std::uint8_t>(Below(256)); }));
       case 1:
         return EncodableValue(
-            NextTypedList<std::int32_t>(1, [this] { return NextInteger<std::int32_t>(); }));
+            NextTypedList<std::int32_t>([this] { return NextInteger<std::int32_t>(); }));
       case 2:
         return EncodableValue(
-            NextTypedList<std::int64_t>(1, [this] { return NextInteger<std::int64_t>(); }));
+            NextTypedList<std::int64_t>([this] { return NextInteger<std::int64_t>(); }));
       case 3:
-        return EncodableValue(NextTypedList<double>(1, [this] { return NextDouble(); }));
+        return EncodableValue(NextTypedList<double>([this] { return NextDouble(); }));
       case 4:
         return EncodableValue(NextTypedList<float>(
-            1, [this] { return static_cast<float>(NextInteger<std::int32_t>()) / 8; }));
+            [this] { return static_cast<float>(NextInteger<std::int32_t>()) / 8; }));
       case 5:
         return EncodableValue(NextList(depth));
       default:
@@ -115,8 +114,8 @@ class RandomValues {
   }
 
   template <class T, class Make>
-  std::vector<T> NextTypedList(std::size_t min_items, const Make& make) {
-    std::vector<T> list(min_items + Below(options_.max_items + 1));
+  std::vector<T> NextTypedList(const Make& make) {
+    std::vector<T> list(Below(options_.max_items + 1));
     for (T& item : list) {
       item = make();
     }

@@ -1,6 +1,6 @@
-// How large a value will be when it is encoded. Inside the library only.
-#ifndef CW_SIZE_ESTIMATE_H
-#define CW_SIZE_ESTIMATE_H
+// How large a value will be when it is encoded.
+#ifndef CW_INTERNAL_SIZE_ESTIMATE_H
+#define CW_INTERNAL_SIZE_ESTIMATE_H
 
 #include <cw/encodable_value.h>
 
@@ -14,4 +14,4 @@ std::size_t EstimateEncodedSize(const EncodableValue& value);
 
 }  // namespace cw
 
-#endif  // CW_SIZE_ESTIMATE_H
+#endif  // CW_INTERNAL_SIZE_ESTIMATE_H

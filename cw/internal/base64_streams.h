@@ -1,7 +1,7 @@
 // Streams over the Base64 text of a message, which spare the message's bytes as a whole between its
-// value and its text. Inside the library only.
-#ifndef CW_BASE64_STREAMS_H
-#define CW_BASE64_STREAMS_H
+// value and its text.
+#ifndef CW_INTERNAL_BASE64_STREAMS_H
+#define CW_INTERNAL_BASE64_STREAMS_H
 
 #include <cw/byte_streams.h>
 #include <quarn/base64_pieces.h>
@@ -55,6 +55,10 @@ class Base64StreamReader final : public ByteStreamReader {
   void ReadBytes(std::uint8_t* out, std::size_t length) override;
   void ReadAlignment(std::uint8_t alignment) override;
   std::size_t BytesLeft() const override { return end_ - begin_ + decoder_.GetBytesLeft(); }
+  // Takes no empty list for padded; CheckRest tells if that was wrong.
+  void ReadEmptyListAlignment(std::uint8_t alignment) override {
+    passed_padding_by_ |= (size_ - BytesLeft()) % alignment != 0;
+  }
 
   // The next `length` bytes, up to kLongestTaken, and moves past them. Valid until the next read.
   const std::uint8_t* TakeBytes(std::size_t length) {
@@ -69,7 +73,8 @@ class Base64StreamReader final : public ByteStreamReader {
   // read.
   Piece TakeSome(std::size_t length);
 
-  // Reads all that is left, for nothing but what is wrong with it.
+  // To be called at the end. Reads all that is left, for nothing but what is wrong with it; gives up
+  // when something is left of a message with an empty list, which must have been padded.
   void CheckRest();
 
  private:
@@ -80,9 +85,10 @@ class Base64StreamReader final : public ByteStreamReader {
   std::size_t size_;
   std::size_t begin_ = 0;  // in the window, of the bytes that are decoded and not read
   std::size_t end_ = 0;
+  bool passed_padding_by_ = false;  // behind the size of an empty list
   std::array<std::uint8_t, 2 * kLongestTaken> window_;
 };
 
 }  // namespace cw
 
-#endif  // CW_BASE64_STREAMS_H
+#endif  // CW_INTERNAL_BASE64_STREAMS_H
