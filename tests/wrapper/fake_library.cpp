@@ -15,47 +15,55 @@ QuarnResult Answer(const char* entry) {
   return library.failing.count(entry) != 0 ? QUARN_RESULT_REFUSED : QUARN_RESULT_SUCCESS;
 }
 
-void Log(const std::string& call) { library.calls.push_back(call); }
+std::string Print(const char* text) { return "'" + std::string(text) + "'"; }
+std::string Print(std::size_t number) { return std::to_string(number); }
+// A handle is a number in a pointer's clothes.
+template <class Ref>
+std::string Print(Ref* handle) {
+  return Print(reinterpret_cast<std::size_t>(handle));
+}
 
-std::string Quote(const char* text) { return "'" + std::string(text) + "'"; }
+// Writes down the call with all that it was given.
+template <class... Args>
+void Log(const std::string& entry, Args... args) {
+  std::string list;
+  ((list += (list.empty() ? "" : ", ") + Print(args)), ...);
+  library.calls.push_back(entry + "(" + list + ")");
+}
 
-QuarnResult StartTask(_TARVRpcClientRef*, const char* name, const char* libs,
+QuarnResult StartTask(_TARVRpcClientRef* client, const char* name, const char* libs,
                       TARVRpcClientSlots* slots) {
-  Log("StartTask(" + Quote(name) + ", " + Quote(libs) + ")");
+  Log("StartTask", client, name, libs);
   library.client_slots = *slots;
   return Answer("StartTask");
 }
 
-void UnlockClient(_TARVRpcClientRef*, size_t chunk) {
-  Log("Unlock(" + std::to_string(chunk) + ")");
-}
+void UnlockClient(_TARVRpcClientRef* client, size_t chunk) { Log("Unlock", client, chunk); }
 
-QuarnResult SendFromClient(_TARVRpcClientRef*, const char* text) {
-  Log("Send(" + Quote(text) + ")");
+QuarnResult SendFromClient(_TARVRpcClientRef* client, const char* text) {
+  Log("Send", client, text);
   if (const auto on_send = library.on_send) {
     on_send();
   }
   return Answer("SendMessage");
 }
 
-void ReleaseClient(_TARVRpcClientRef*) { Log("Release(client)"); }
+void ReleaseClient(_TARVRpcClientRef* client) { Log("ReleaseClient", client); }
 
-void Run(_TARVRpcServerRef*, TARVRpcServerSlots* slots) {
-  Log("Run()");
+void Run(_TARVRpcServerRef* server, TARVRpcServerSlots* slots) {
+  Log("Run", server);
   library.server_slots = *slots;
 }
 
-void UnlockServer(_TARVRpcServerRef*, size_t chunk) {
-  Log("Unlock(" + std::to_string(chunk) + ")");
+void UnlockServer(_TARVRpcServerRef* server, size_t chunk) { Log("Unlock", server, chunk); }
+
+QuarnResult SendFromServer(_TARVRpcServerRef* server, const char* text) {
+  Log("Send", server, text);
+  return Answer("SendMessage");
 }
 
-QuarnResult SendFromServer(_TARVRpcServerRef*, const char* text) {
-  Log("Send(" + Quote(text) + ")");
-  return QUARN_RESULT_SUCCESS;
-}
-
-QuarnResult OpenUri(_TARVIntentManagerRef*, const char* uri, TARVOpenUriSlot* slot) {
-  Log("OpenUri(" + Quote(uri) + ")");
+QuarnResult OpenUri(_TARVIntentManagerRef* intents, const char* uri, TARVOpenUriSlot* slot) {
+  Log("OpenUri", intents, uri);
   library.uri_slots.push_back(*slot);
   return Answer("OpenUri");
 }
@@ -74,8 +82,8 @@ QuarnResult Finish(Table* table, std::uint64_t stated, const char* loader) {
   return Answer(loader);
 }
 
-QuarnResult LoadClient(TARVRpcClientProcTable* table, size_t) {
-  Log("LoadClient()");
+QuarnResult LoadClient(TARVRpcClientProcTable* table, size_t size) {
+  Log("LoadClient", size);
   Fill(table, &TARVRpcClientProcTable::StartTask, &StartTask, "StartTask");
   Fill(table, &TARVRpcClientProcTable::UnlockResources, &UnlockClient, "UnlockResources");
   Fill(table, &TARVRpcClientProcTable::SendMessage, &SendFromClient, "SendMessage");
@@ -83,39 +91,44 @@ QuarnResult LoadClient(TARVRpcClientProcTable* table, size_t) {
   return Finish(table, library.client_size, "LoadClient");
 }
 
-QuarnResult LoadServer(TARVRpcServerProcTable* table, size_t) {
-  Log("LoadServer()");
+QuarnResult LoadServer(TARVRpcServerProcTable* table, size_t size) {
+  Log("LoadServer", size);
   Fill(table, &TARVRpcServerProcTable::Run, &Run, "Run");
   Fill(table, &TARVRpcServerProcTable::UnlockResources, &UnlockServer, "UnlockResources");
   Fill(table, &TARVRpcServerProcTable::SendMessage, &SendFromServer, "SendMessage");
   return Finish(table, library.server_size, "LoadServer");
 }
 
-QuarnResult LoadIntents(TARVIntentManagerProcTable* table, size_t) {
-  Log("LoadIntents()");
+QuarnResult LoadIntents(TARVIntentManagerProcTable* table, size_t size) {
+  Log("LoadIntents", size);
   Fill(table, &TARVIntentManagerProcTable::OpenUri, &OpenUri, "OpenUri");
   return Finish(table, library.intents_size, "LoadIntents");
 }
 
 _TARVManagerRef* Initialize() {
-  Log("Initialize()");
+  Log("Initialize");
   return HandleOf<_TARVManagerRef>(11, "Initialize");
 }
 
-void ReleaseManager(_TARVManagerRef*) { Log("Release(manager)"); }
+void ReleaseManager(_TARVManagerRef* manager) {
+  Log("ReleaseManager", manager);
+  if (const auto on_release = library.on_release) {
+    on_release();
+  }
+}
 
-_TARVIntentManagerRef* GetIntentManager(_TARVManagerRef*) {
-  Log("GetIntentManager()");
+_TARVIntentManagerRef* GetIntentManager(_TARVManagerRef* manager) {
+  Log("GetIntentManager", manager);
   return HandleOf<_TARVIntentManagerRef>(12, "GetIntentManager");
 }
 
-_TARVRpcClientRef* CreateRpcClient(_TARVManagerRef*) {
-  Log("CreateRpcClient()");
+_TARVRpcClientRef* CreateRpcClient(_TARVManagerRef* manager) {
+  Log("CreateRpcClient", manager);
   return HandleOf<_TARVRpcClientRef>(13, "CreateRpcClient");
 }
 
-_TARVRpcServerRef* GetRpcServer(_TARVManagerRef*) {
-  Log("GetRpcServer()");
+_TARVRpcServerRef* GetRpcServer(_TARVManagerRef* manager) {
+  Log("GetRpcServer", manager);
   return HandleOf<_TARVRpcServerRef>(14, "GetRpcServer");
 }
 
@@ -123,7 +136,8 @@ _TARVRpcServerRef* GetRpcServer(_TARVManagerRef*) {
 
 extern "C" TARV_EXPORT tarv::test::FakeLibrary* GetFakeLibrary() { return &library; }
 
-QuarnResult TARVProcTableLoad(TARVProcTable* table, size_t) {
+QuarnResult TARVProcTableLoad(TARVProcTable* table, size_t size) {
+  library.root_size_given = size;
   using Table = TARVProcTable;
   Fill(table, &Table::Initialize, &Initialize, "Initialize");
   Fill(table, &Table::Release, &ReleaseManager, "Release");

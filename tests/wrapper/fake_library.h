@@ -26,9 +26,14 @@ struct FakeLibrary {
   // Called from inside each send, unless it is empty.
   std::function<void()> on_send;
 
-  // Every call, as "Name(arguments)".
+  // Called from inside the manager's release, unless it is empty.
+  std::function<void()> on_release;
+
+  // Every call with its arguments but the slots, handles as their numbers: "Unlock(13, 77)". The
+  // entries give these handles: manager 11, intents 12, client 13, server 14.
   std::vector<std::string> calls;
-  // What the wrapper passed in.
+  // What the wrapper passed in besides.
+  std::size_t root_size_given = 0;
   TARVRpcClientSlots client_slots{};
   TARVRpcServerSlots server_slots{};
   std::vector<TARVOpenUriSlot> uri_slots;

@@ -1,10 +1,13 @@
 #include <cw/plugin_registrar.h>
+#include <quarn/escaped.h>
 #include <quarn/library.h>
 #include <quarn/logger.h>
 #include <tarv/manager_wrapper.h>
 #include <tarv/rpc_client.h>
 #include <tarv/rpc_server.h>
 
+#include <exception>
+#include <string_view>
 #include <utility>
 
 namespace tarv {
@@ -31,16 +34,33 @@ std::unique_ptr<ManagerWrapper::Api> LoadApi(const std::filesystem::path& direct
       library, library->Resolve<QuarnResult(TARVProcTable*, std::size_t)>(kEntryName));
 }
 
+void LogThrow(std::string_view what) {
+  QUARN_LOG_ERROR() << "A callback that learned of the manager's end threw: "
+                    << quarn::Escaped{what}
+                    << ". Nothing can hear of it there: catch it in the callback.";
+}
+
+// Callbacks that learn of the end run inside the release, and a destructor lets nothing through.
+void ReleaseAndLog(decltype(TARVProcTable::Release) release, _TARVManagerRef* manager) {
+  try {
+    release(manager);
+  } catch (const std::exception& error) {
+    LogThrow(error.what());
+  } catch (...) {
+    LogThrow("no std::exception");
+  }
+}
+
 }  // namespace
 
 ManagerWrapper::ManagerWrapper(const std::shared_ptr<quarn::IDispatcher>& dispatcher,
-                               std::unique_ptr<Api> api, _TARVManagerRef* manager)
+                               std::unique_ptr<Api> api, _TARVManagerRef* manager, PrivateTag)
     : dispatcher_(dispatcher), api_(std::move(api)), manager_(manager) {}
 
 ManagerWrapper::~ManagerWrapper() {
   // Tested for null alone: a table that states a small size may still hold this entry.
   if (api_ && manager_ != nullptr && api_->GetTable().Release != nullptr) {
-    api_->GetTable().Release(manager_);
+    ReleaseAndLog(api_->GetTable().Release, manager_);
   }
   api_.reset();
 }
@@ -63,7 +83,7 @@ std::unique_ptr<ManagerWrapper> ManagerWrapper::Create(
   if (manager == nullptr) {
     return nullptr;
   }
-  return std::make_unique<ManagerWrapper>(dispatcher, std::move(api), manager);
+  return std::make_unique<ManagerWrapper>(dispatcher, std::move(api), manager, PrivateTag());
 }
 
 std::unique_ptr<IntentManager> ManagerWrapper::GetIntentManager() {

@@ -3,7 +3,10 @@
 
 #include <utility>
 
+#include "c_text.h"
 #include "texts.h"
+
+template class quarn::Object<tarv::RpcClient, _RpcClientWrapperRef*>;
 
 namespace tarv {
 namespace {
@@ -84,6 +87,9 @@ std::shared_ptr<vorpc::IClient> RpcClient::Create(
 }
 
 QuarnResult RpcClient::StartTask(const std::string& name) {
+  if (!details::ReachesCWhole(name, "name of the task to start")) {
+    return QUARN_RESULT_INVALID_ARGUMENT;
+  }
   TARVRpcClientSlots callbacks{};
   callbacks.size = sizeof(callbacks);
   callbacks.OnStarted = &HandleOnStarted;
@@ -109,9 +115,9 @@ void RpcClient::HandleOnStarted(void* user_data, int code, const char* message, 
         if (chunk != 0) {
           self->api_->GetTable().UnlockResources(self->client_, chunk);
         }
-      });
-  // A client that the failure has closed ignores this.
-  self->owned_->SetStarted();
+      },
+      // A client that the failure has closed ignores this.
+      [&self] { self->owned_->SetStarted(); });
 }
 
 void RpcClient::HandleOnMessage(void* user_data, const char* message, std::size_t chunk) {

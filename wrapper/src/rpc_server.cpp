@@ -5,6 +5,8 @@
 
 #include "texts.h"
 
+template class quarn::Object<tarv::RpcServer, _RpcServerWrapperRef*>;
+
 namespace tarv {
 namespace {
 

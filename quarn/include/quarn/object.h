@@ -10,6 +10,11 @@
 //     explicit Clock(PrivateTag) : Object(IDispatcher::CreateEmpty()) {}
 //     static std::shared_ptr<Clock> Create() { return Object::Create(PrivateTag()); }
 //   };
+//
+// Each type has one registry. Of a type that several libraries use, one library makes it: the header
+// says `extern template class TARV_EXPORT quarn::Object<Clock, ClockRef*>;` before the class, and one
+// source of that library `template class quarn::Object<Clock, ClockRef*>;`. Without these, each
+// library would look into an empty registry of its own.
 #ifndef QUARN_OBJECT_H
 #define QUARN_OBJECT_H
 
@@ -135,19 +140,22 @@ class Object : public details::ObjectImpl, public std::enable_shared_from_this<T
     ~ClearAtExit() { registry.Clear(); }
   };
 
-  // The registry itself is never destroyed, only emptied at exit: an object that dies later still
-  // finds it there.
-  static Registry& GetRegistry() {
-    alignas(Registry) static unsigned char storage[sizeof(Registry)];
-    // GCOVR_EXCL_BR_START: no test can arrange which of two threads makes them.
-    static Registry* const registry = new (storage) Registry;
-    static const ClearAtExit kClearAtExit{*registry};
-    // GCOVR_EXCL_BR_STOP
-    return *registry;
-  }
+  static Registry& GetRegistry();
 
   const std::uint64_t id_;
 };
+
+// The registry itself is never destroyed, only emptied at exit: an object that dies later still
+// finds it there. Not inline, so that `extern template` leaves it to the library that makes it.
+template <class T, class Ref>
+typename Object<T, Ref>::Registry& Object<T, Ref>::GetRegistry() {
+  alignas(Registry) static unsigned char storage[sizeof(Registry)];
+  // GCOVR_EXCL_BR_START: no test can arrange which of two threads makes them.
+  static Registry* const registry = new (storage) Registry;
+  static const ClearAtExit kClearAtExit{*registry};
+  // GCOVR_EXCL_BR_STOP
+  return *registry;
+}
 
 }  // namespace quarn
 

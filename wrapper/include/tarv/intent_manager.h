@@ -14,11 +14,14 @@ namespace tarv {
 
 // Belongs to the thread of the ManagerWrapper that made it.
 class TARV_EXPORT IntentManager {
+  struct PrivateTag {
+    explicit PrivateTag() = default;
+  };
+
  public:
   using Api = quarn::LibraryApi<TARVIntentManagerProcTable>;
 
-  // What Create was given; use Create.
-  IntentManager(std::unique_ptr<Api> api, _TARVIntentManagerRef* intents);
+  IntentManager(std::unique_ptr<Api> api, _TARVIntentManagerRef* intents, PrivateTag);
   ~IntentManager();
   IntentManager(const IntentManager&) = delete;
   IntentManager& operator=(const IntentManager&) = delete;

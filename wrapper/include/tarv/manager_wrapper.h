@@ -29,12 +29,16 @@ namespace tarv {
 // makes run there too. Destroy those objects before the manager: the service behind them ends with
 // it.
 class TARV_EXPORT ManagerWrapper {
+  struct PrivateTag {
+    explicit PrivateTag() = default;
+  };
+
  public:
   using Api = quarn::LibraryApi<TARVProcTable>;
 
-  // What Create found; use Create.
   ManagerWrapper(const std::shared_ptr<quarn::IDispatcher>& dispatcher, std::unique_ptr<Api> api,
-                 _TARVManagerRef* manager);
+                 _TARVManagerRef* manager, PrivateTag);
+  // Ends the service. What callbacks throw that learn of it becomes an error line.
   ~ManagerWrapper();
   ManagerWrapper(const ManagerWrapper&) = delete;
   ManagerWrapper& operator=(const ManagerWrapper&) = delete;
@@ -53,7 +57,7 @@ class TARV_EXPORT ManagerWrapper {
 
   // Starts the task `name` and returns the client that will talk to it: subscribe to what interests
   // you, then call Run(). A task that cannot be started shows as a failed connection. Empty when
-  // the library refuses.
+  // the library refuses, and, after an error line, for a name that holds a NUL.
   std::shared_ptr<vorpc::IClient> CreateIpcClient(const std::string& name) const;
 
   // The server by which this task process answers its starter: register handlers, then call Run().

@@ -16,7 +16,14 @@
 #include <string>
 #include <string_view>
 
-struct _RpcClientWrapperRef;
+struct TARV_EXPORT _RpcClientWrapperRef;
+
+namespace tarv {
+class TARV_EXPORT RpcClient;
+}
+
+// Made in libtarv.so, so that a plug-in finds its objects by their handles, too.
+extern template class TARV_EXPORT quarn::Object<tarv::RpcClient, _RpcClientWrapperRef*>;
 
 namespace tarv {
 

@@ -15,7 +15,14 @@
 #include <string>
 #include <string_view>
 
-struct _RpcServerWrapperRef;
+struct TARV_EXPORT _RpcServerWrapperRef;
+
+namespace tarv {
+class TARV_EXPORT RpcServer;
+}
+
+// Made in libtarv.so, so that a plug-in finds its objects by their handles, too.
+extern template class TARV_EXPORT quarn::Object<tarv::RpcServer, _RpcServerWrapperRef*>;
 
 namespace tarv {
 
