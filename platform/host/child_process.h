@@ -26,7 +26,7 @@ struct ChildEnd {
   bool killed = false;     // by a signal
   QString
       how;  // "exited with status 3 after 12 ms", "was killed by signal 9 (SIGKILL) after 1.2 s"
-  QString last_lines;  // the end of what it wrote to its standard error
+  QString last_lines;  // the end of what it wrote to its standard error, escaped
 };
 
 // Belongs to the thread that made it. Its owner may drop it from inside a callback, after Abandon()

@@ -70,6 +70,7 @@ struct Acceptor::State : std::enable_shared_from_this<State> {
   void Pause(int error_number);
   void Close();
 
+  QString what;
   std::function<void(UniqueFd)> on_connection;
   UniqueFd socket;
   std::unique_ptr<QSocketNotifier> readable;
@@ -80,14 +81,18 @@ struct Acceptor::State : std::enable_shared_from_this<State> {
 
 void Acceptor::State::Open(int listening) {
   if (!IsListening(listening)) {
-    error = {Error::kNotATask, QString("descriptor %1 is not a listening socket").arg(listening)};
+    error = {Error::kNotATask,
+             QString("%1 cannot be served: descriptor %2 is not a listening socket")
+                 .arg(what)
+                 .arg(listening)};
     return;
   }
   socket.Reset(::fcntl(listening, F_DUPFD_CLOEXEC, 0));
   if (!socket.IsValid() || !SetNonBlocking(socket.Get())) {
-    error =
-        SystemError(Error::kConnectFailed,
-                    QString("cannot accept connections on descriptor %1").arg(listening), errno);
+    error = SystemError(
+        Error::kConnectFailed,
+        QString("cannot accept connections to %1 on descriptor %2").arg(what).arg(listening),
+        errno);
     return;
   }
   readable = std::make_unique<QSocketNotifier>(socket.Get(), QSocketNotifier::Read);
@@ -117,7 +122,7 @@ bool Acceptor::State::AcceptOne() {
   shortage_warned = false;
   const Error refusal = CheckPeer(peer.Get());
   if (refusal.isError()) {
-    Warn(refusal.message());
+    Warn(QString("%1: %2").arg(what, refusal.message()));
     return true;
   }
   on_connection(std::move(peer));
@@ -137,10 +142,10 @@ bool Acceptor::State::OnFailure(int error_number) {
 
 void Acceptor::State::Pause(int error_number) {
   if (!std::exchange(shortage_warned, true)) {
-    Warn(QString("a connection has to wait, because it cannot be accepted: %1%2")
-             .arg(ErrnoText(error_number), IsShortage(error_number)
-                                               ? "; it is tried again until there is room"
-                                               : "; it is tried again"));
+    Warn(QString("a connection to %1 has to wait, because it cannot be accepted: %2%3")
+             .arg(what, ErrnoText(error_number),
+                  IsShortage(error_number) ? "; it is tried again until there is room"
+                                           : "; it is tried again"));
   }
   readable->setEnabled(false);
   retry.start(kShortageRetryMs);
@@ -154,8 +159,9 @@ void Acceptor::State::Close() {
   socket.Reset();
 }
 
-Acceptor::Acceptor(int listening, std::function<void(UniqueFd)> on_connection)
+Acceptor::Acceptor(QString what, int listening, std::function<void(UniqueFd)> on_connection)
     : state_(std::make_shared<State>()) {
+  state_->what = std::move(what);
   state_->on_connection = std::move(on_connection);
   state_->Open(listening);
 }

@@ -23,8 +23,9 @@ Error CheckPeer(int socket);
 // to the thread that made it; it may be destroyed from inside its own callback.
 class Acceptor {
  public:
-  // Keeps a duplicate of `listening`. `on_connection` gets connected, non-blocking sockets.
-  Acceptor(int listening, std::function<void(UniqueFd)> on_connection);
+  // Keeps a duplicate of `listening`. `on_connection` gets connected, non-blocking sockets. `what`
+  // is served there, for the log: "the task 'x'".
+  Acceptor(QString what, int listening, std::function<void(UniqueFd)> on_connection);
   ~Acceptor();
   Acceptor(const Acceptor&) = delete;
   Acceptor& operator=(const Acceptor&) = delete;

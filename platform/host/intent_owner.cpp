@@ -185,7 +185,8 @@ IntentOwner::IntentOwner(QString name, RuntimeDispatcher::IntentHandler handler,
     : name_(std::move(name)),
       handler_(std::move(handler)),
       file_(std::move(file)),
-      acceptor_(listening, [this](UniqueFd socket) { OnConnection(std::move(socket)); }) {}
+      acceptor_(QString("the intent '%1'").arg(name_), listening,
+                [this](UniqueFd socket) { OnConnection(std::move(socket)); }) {}
 
 void IntentOwner::OnConnection(UniqueFd socket) {
   const auto invocation = std::make_shared<Invocation>(this);

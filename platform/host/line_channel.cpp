@@ -450,7 +450,7 @@ void LineChannel::WarnAboutLine(std::string_view line) {
   Warn(QString("a line of %1 bytes from %2 is dropped: it is not a JSON "
                "object; it begins with: %3%4")
            .arg(line.size())
-           .arg(peer_, QString::fromUtf8(line.data(), shown),
+           .arg(peer_, Escaped(QByteArray::fromRawData(line.data(), shown)),
                 line_warnings_ == kMaxLineWarnings
                     ? " (further lines are dropped without a warning)"
                     : ""));

@@ -17,7 +17,7 @@ std::size_t ReadLimit(const char* variable, std::size_t by_default, std::size_t 
   }
   Warn(QString("%1 is '%2': it must be a number of bytes from 1 to %3; the "
                "default of %4 holds")
-           .arg(variable, QString::fromUtf8(text))
+           .arg(variable, Escaped(text))
            .arg(largest)
            .arg(by_default));
   return by_default;

@@ -1,7 +1,6 @@
 #include "stderr_relay.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/stat.h>
 
 #include <QtCore/QElapsedTimer>
@@ -34,12 +33,6 @@ constexpr int kMostBacklogs = 64;
 std::atomic<int> backlogs{0};
 // Somebody has waited in vain for standard error, which has taken nothing since: once is enough.
 std::atomic<bool> given_up{false};
-
-// Waits for that up to `wait_ms`.
-bool TakesBytes(int descriptor, int wait_ms) {
-  pollfd state{descriptor, POLLOUT, 0};
-  return RetryOnEintr([&state, wait_ms] { return ::poll(&state, 1, wait_ms); }) > 0;
-}
 
 // Opens a pipe or terminal once more, in a mode in which no write waits; the mode of the descriptor
 // itself belongs to other processes, too. Invalid for whatever else, and where that is not allowed.
@@ -217,7 +210,7 @@ QString StderrRelay::LastLines() const {
   for (int line = 0; line < kTailLines && start >= 0; ++line) {
     start = start == 0 ? -1 : text.lastIndexOf('\n', start - 1);
   }
-  return QString::fromUtf8(text.mid(start + 1));
+  return EscapedTail(text.mid(start + 1), kTailBytes);
 }
 
 }  // namespace RuntimeManager::host

@@ -1,11 +1,15 @@
 #include "support.h"
 
+#include <poll.h>
+#include <unistd.h>
+
 #include <QtCore/QAbstractEventDispatcher>
 #include <QtCore/QCoreApplication>
 #include <QtCore/QLoggingCategory>
 #include <QtCore/QMetaObject>
 #include <QtCore/QThread>
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -24,12 +28,111 @@ bool IsNameCharacter(QChar character) {
 
 Q_LOGGING_CATEGORY(Log, "runtimemanager")
 
+// A pipe that takes anything takes PIPE_BUF bytes at once, which are 4096; the log's own prefix
+// shall fit in, too.
+constexpr int kMostOfWarning = 2000;
+
+// Bytes of the longest UTF-8 character.
+constexpr int kLongestCharacter = 4;
+
+// Lines that standard error did not take.
+std::atomic<int> dropped_warnings{0};
+
+bool IsInsideCharacter(const QByteArray& utf8, int at) { return (utf8.at(at) & 0xC0) == 0x80; }
+
+// The length of the UTF-8 character that `text` begins with; 0 when it begins with something else,
+// or with a control character.
+int ShowableLength(const QByteArray& text) {
+  for (int length = 1; length <= std::min(text.size(), kLongestCharacter); ++length) {
+    const QByteArray bytes = text.left(length);
+    const QString decoded = QString::fromUtf8(bytes);
+    if (decoded.toUtf8() == bytes) {
+      return decoded.at(0).category() == QChar::Other_Control ? 0 : length;
+    }
+  }
+  return 0;
+}
+
+QByteArray EscapeOf(char byte) {
+  if (byte == '\n') {
+    return "\\n";
+  }
+  if (byte == '\t') {
+    return "\\t";
+  }
+  return "\\x" + QByteArray(1, byte).toHex();
+}
+
+QByteArray EscapedBytes(const QByteArray& text) {
+  QByteArray escaped;
+  for (int at = 0; at < text.size();) {
+    const QByteArray here = text.mid(at, kLongestCharacter);
+    const int length = ShowableLength(here);
+    escaped += length > 0 ? here.left(length) : EscapeOf(here.at(0));
+    at += std::max(length, 1);
+  }
+  return escaped;
+}
+
+// At most the first `most` bytes; a character that would be cut is left out.
+QByteArray FirstBytes(const QByteArray& text, int most) {
+  int end = std::min(most, text.size());
+  for (int i = 0; i < kLongestCharacter && end > 0 && end < text.size(); ++i) {
+    end -= IsInsideCharacter(text, end) ? 1 : 0;
+  }
+  return text.left(end);
+}
+
+QByteArray LastBytes(const QByteArray& text, int most) {
+  int start = std::max(text.size() - most, 0);
+  for (int i = 0; i < kLongestCharacter && start > 0 && start < text.size(); ++i) {
+    start += IsInsideCharacter(text, start) ? 1 : 0;
+  }
+  return text.mid(start);
+}
+
 }  // namespace
 
 void Warn(const QString& text) {
+  if (!Log().isWarningEnabled()) {
+    return;
+  }
+  if (!TakesBytes(STDERR_FILENO, 0)) {
+    ++dropped_warnings;
+    return;
+  }
+  const int dropped = dropped_warnings.exchange(0);
+  const QString missing =
+      dropped == 0 ? QString()
+                   : QString(" (%1 lines before this one are missing: standard error took nothing)")
+                         .arg(dropped);
+  const QByteArray line = EscapedHead(text.toUtf8(), kMostOfWarning).toUtf8();
   // The log goes to standard error, which may be a pipe without a reader.
   const SigpipeGuard guard;
-  qCWarning(Log, "%s", qUtf8Printable(text));
+  qCWarning(Log, "%s%s", line.constData(), qUtf8Printable(missing));
+}
+
+QString Escaped(const QByteArray& text) { return QString::fromUtf8(EscapedBytes(text)); }
+
+QString EscapedHead(const QByteArray& text, int most) {
+  const QByteArray head = FirstBytes(text, most);
+  const QByteArray escaped = EscapedBytes(head);
+  const QByteArray shown = FirstBytes(escaped, most);
+  const bool is_all = head.size() == text.size() && shown.size() == escaped.size();
+  return QString::fromUtf8(shown) + (is_all ? "" : "...");
+}
+
+QString EscapedTail(const QByteArray& text, int most) {
+  const QByteArray tail = LastBytes(text, most);
+  const QByteArray escaped = EscapedBytes(tail);
+  const QByteArray shown = LastBytes(escaped, most);
+  const bool is_all = tail.size() == text.size() && shown.size() == escaped.size();
+  return (is_all ? "" : "...") + QString::fromUtf8(shown);
+}
+
+bool TakesBytes(int descriptor, int wait_ms) {
+  pollfd state{descriptor, POLLOUT, 0};
+  return RetryOnEintr([&state, wait_ms] { return ::poll(&state, 1, wait_ms); }) > 0;
 }
 
 QString ErrnoText(int error_number) {
@@ -70,7 +173,7 @@ Error CheckName(const QString& kind, const QString& name, int longest) {
   if (fits) {
     return {};
   }
-  const QString shown = name.size() <= longest ? name : name.left(longest) + "...";
+  const QString shown = EscapedHead(name.toUtf8(), longest);
   return {
       Error::kInvalidArgument,
       QString("'%1' cannot be the name of %2: it must be 1 to %3 of the characters A-Z a-z 0-9 . "

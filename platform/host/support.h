@@ -12,8 +12,18 @@
 
 namespace RuntimeManager::host {
 
-// A line in the log, in the category "runtimemanager". Never raises SIGPIPE. Any thread.
+// A line in the log, in the category "runtimemanager": escaped, and cut to what a pipe takes at
+// once. Standard error is never waited for: while it takes nothing, lines are dropped and counted,
+// and the next one tells the count. Never raises SIGPIPE. Any thread.
 void Warn(const QString& text);
+
+// A peer's text, in UTF-8, for a log line or an error: control characters and what is not UTF-8
+// come as "\n", "\t" or, byte by byte, in the form "\x1b", so that it can neither begin a second
+// line nor move the cursor of a terminal.
+QString Escaped(const QByteArray& text);
+// The same, cut to its first, or its last, `most` bytes, with "..." where something is missing.
+QString EscapedHead(const QByteArray& text, int most);
+QString EscapedTail(const QByteArray& text, int most);
 
 // A name of a task becomes a file name: long enough for a reversed domain name.
 constexpr int kMaxTaskName = 128;
@@ -46,6 +56,9 @@ auto RetryOnEintr(Call call) {
   }
   return result;
 }
+
+// Waits until a descriptor can be written to, up to `wait_ms`. Also true when writing would fail.
+bool TakesBytes(int descriptor, int wait_ms);
 
 // Runs `call` from the event loop of `context`'s thread, unless `context` is destroyed first.
 // Any thread that keeps `context` alive during this call.

@@ -103,18 +103,20 @@ void MessagingLink::OpenPath(const QString& path) {
 }
 
 void MessagingLink::OpenDescriptor(int descriptor) {
-  MakeChannel(OwnTaskName(), QStringLiteral("the starter of this task"));
+  MakeChannel(OwnTaskName(), QString("the starter of the task '%1'").arg(OwnTaskName()));
   FlushAtExit(channel_);
   if (descriptor < 0) {
     const Error error(Error::kNotATask,
-                      "there is no task socket to serve messages on: this process was not started "
-                      "as a task with a socket");
+                      QString("'%1' has no task socket to serve messages on: this process was not "
+                              "started as a task with a socket")
+                          .arg(OwnTaskName()));
     Warn(error.message());
     channel_->EndSoon(error);
     return;
   }
-  acceptor_ = std::make_unique<Acceptor>(
-      descriptor, [this](UniqueFd socket) { OnConnection(std::move(socket)); });
+  acceptor_ =
+      std::make_unique<Acceptor>(QString("the task '%1'").arg(OwnTaskName()), descriptor,
+                                 [this](UniqueFd socket) { OnConnection(std::move(socket)); });
   const Error error = acceptor_->GetError();
   if (!error.isError()) {
     return;

@@ -12,6 +12,7 @@ namespace {
 
 // A program that still runs by then shows the document itself: it will not report a failure.
 constexpr int kSettledMs = 5000;
+constexpr int kShownOfUri = 200;
 
 Error HandlerError(const QString& program, const QString& why) {
   return {Error::kUriHandlerFailed,
@@ -30,7 +31,7 @@ Error CheckUri(const QString& uri) {
     return {};
   }
   return {Error::kInvalidArgument,
-          QString("'%1' cannot be opened: it is not a valid absolute URI").arg(uri.left(200))};
+          QString("'%1' cannot be opened: it is not a valid absolute URI").arg(EscapedHead(uri.toUtf8(), kShownOfUri))};
 }
 
 UriOpener::UriOpener(const QString& uri, std::function<void(const Error&)> done)

@@ -268,6 +268,29 @@ QByteArray StderrPipe::ReadToEnd() {
   return kit::ReadToEnd(stream_.read_end);
 }
 
+Rescuer::Rescuer(const StderrPipe& pipe) : thread_([this, &pipe] { Watch(pipe); }) {}
+
+Rescuer::~Rescuer() {
+  {
+    const std::lock_guard lock(mutex_);
+    done_ = true;
+  }
+  changed_.notify_all();
+  thread_.join();
+}
+
+void Rescuer::Watch(const StderrPipe& pipe) {
+  std::unique_lock lock(mutex_);
+  const auto is_done = [this] { return done_; };
+  if (changed_.wait_for(lock, std::chrono::seconds(20), is_done)) {
+    return;
+  }
+  needed_ = true;
+  while (!changed_.wait_for(lock, std::chrono::milliseconds(10), is_done)) {
+    pipe.Read(1 << 20);
+  }
+}
+
 QByteArray ReadFile(const QString& path) {
   QFile file(path);
   return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();

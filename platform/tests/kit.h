@@ -13,9 +13,13 @@
 #include <QtCore/QString>
 #include <QtCore/QStringList>
 #include <QtCore/QTemporaryDir>
+#include <atomic>
+#include <condition_variable>
 #include <functional>
 #include <map>
+#include <mutex>
 #include <optional>
+#include <thread>
 #include <vector>
 
 namespace kit {
@@ -122,6 +126,25 @@ class StderrPipe {
  private:
   Stream stream_;
   int before_ = -1;
+};
+
+// Reads a pipe empty when the test has been stuck for so long that a full pipe must be the cause.
+class Rescuer {
+ public:
+  explicit Rescuer(const StderrPipe& pipe);
+  ~Rescuer();
+  Rescuer(const Rescuer&) = delete;
+  Rescuer& operator=(const Rescuer&) = delete;
+  bool WasNeeded() const { return needed_; }
+
+ private:
+  void Watch(const StderrPipe& pipe);
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool done_ = false;
+  std::atomic<bool> needed_{false};
+  std::thread thread_;
 };
 
 QByteArray ReadFile(const QString& path);

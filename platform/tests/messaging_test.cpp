@@ -378,6 +378,7 @@ TEST_F(ServerEnd, DeliversLinesAndDropsThoseThatAreNoObjectsWithOneWarningEach) 
   ASSERT_TRUE(inbox.WaitFor(2));
   EXPECT_EQ(inbox.messages[1]["n"], 2);
   EXPECT_EQ(warnings.Count("is not a JSON object"), 2);
+  EXPECT_EQ(warnings.Count("from the starter of the task 'platform_tests' is dropped"), 2);
   EXPECT_EQ(warnings.Count("nonsense"), 1);
   ::close(peer);
   EXPECT_EQ(inbox.disconnects.Wait().code(), Error::kConnectionLost);
@@ -536,7 +537,7 @@ TEST_F(ServerEnd, SaysThatTheProcessIsNoTask) {
   const WarningCatcher warnings;
   TaskMessaging none(-1);
   Inbox inbox(&none);
-  EXPECT_EQ(warnings.Count("not started as a task"), 1);
+  EXPECT_EQ(warnings.Count("'platform_tests' has no task socket"), 1);
   EXPECT_FALSE(inbox.disconnects.Arrived());
   EXPECT_EQ(inbox.disconnects.Wait().code(), Error::kNotATask);
   TaskMessaging no_socket(STDIN_FILENO);
@@ -589,6 +590,7 @@ TEST_F(ServerEnd, IsNotDeafAfterItRanOutOfDescriptors) {
   ::setrlimit(RLIMIT_NOFILE, &tight);
   RunFor(500);
   ::setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_EQ(warnings.Count("a connection to the task 'platform_tests' has to wait"), 1);
   EXPECT_EQ(warnings.Count("Too many open files"), 1);
   EXPECT_TRUE(inbox.messages.empty());
   EXPECT_TRUE(inbox.WaitFor(1));

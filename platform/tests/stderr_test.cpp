@@ -47,47 +47,26 @@ class TaskStderr : public PlatformTest {
   }
 };
 
-// Reads a pipe empty when the test has been stuck for so long that a full pipe must be the cause.
-class Rescuer {
- public:
-  explicit Rescuer(const StderrPipe& pipe) : thread_([this, &pipe] { Watch(pipe); }) {}
-  ~Rescuer() {
-    {
-      const std::lock_guard lock(mutex_);
-      done_ = true;
-    }
-    changed_.notify_all();
-    thread_.join();
-  }
-  Rescuer(const Rescuer&) = delete;
-  Rescuer& operator=(const Rescuer&) = delete;
-  bool WasNeeded() const { return needed_; }
-
- private:
-  void Watch(const StderrPipe& pipe) {
-    std::unique_lock lock(mutex_);
-    const auto is_done = [this] { return done_; };
-    if (changed_.wait_for(lock, std::chrono::seconds(20), is_done)) {
-      return;
-    }
-    needed_ = true;
-    while (!changed_.wait_for(lock, std::chrono::milliseconds(10), is_done)) {
-      pipe.Read(1 << 20);
-    }
-  }
-
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool done_ = false;
-  std::atomic<bool> needed_{false};
-  std::thread thread_;
-};
-
 TEST_F(TaskStderr, IsForwarded) {
   AddShellTask("task", "echo first >&2; echo second >&2; exit 1");
   StderrPipe pipe;
   RunToItsEnd("task");
   EXPECT_EQ(pipe.ReadToEnd(), "first\nsecond\n");
+}
+
+TEST_F(TaskStderr, IsQuotedInOneLineWithoutControlCharacters) {
+  AddShellTask("task", "printf '\\033[2Jfirst\\nsecond \\377\\r\\n' >&2; exit 1");
+  const StderrPipe pipe;
+  EXPECT_THAT(RunToItsEnd("task"),
+              testing::EndsWith("; its last words: \\x1b[2Jfirst\\nsecond \\xff\\x0d"));
+}
+
+TEST_F(TaskStderr, IsQuotedWithItsEndWhenItIsLong) {
+  AddShellTask("task", "head -c 30000 /dev/zero >&2; echo the end >&2; exit 1");
+  const StderrPipe pipe;
+  const std::string text = RunToItsEnd("task");
+  EXPECT_THAT(text, testing::EndsWith("\\x00the end"));
+  EXPECT_LT(text.size(), 8500U);
 }
 
 TEST_F(TaskStderr, IsRememberedWhenNobodyReadsTheApplicationsAnyMore) {
