@@ -30,8 +30,8 @@ Error CheckUri(const QString& uri) {
   if (form.match(uri).hasMatch() && QUrl(uri, QUrl::StrictMode).isValid()) {
     return {};
   }
-  return {Error::kInvalidArgument,
-          QString("'%1' cannot be opened: it is not a valid absolute URI").arg(EscapedHead(uri.toUtf8(), kShownOfUri))};
+  return {Error::kInvalidArgument, QString("'%1' cannot be opened: it is not a valid absolute URI")
+                                       .arg(EscapedHead(uri.toUtf8(), kShownOfUri))};
 }
 
 UriOpener::UriOpener(const QString& uri, std::function<void(const Error&)> done)
