@@ -31,9 +31,8 @@ constexpr std::size_t kLongestText = (std::size_t{1} << 30) - 64;
 // the text is longer than a message may be.
 inline bool SendText(RuntimeManager::TaskMessaging* messaging, std::string_view text) {
   if (text.size() > kLongestText) {
-    QUARN_LOG_ERROR() << "Could not send a message of " << std::to_string(text.size())
-                      << " bytes: it may have " << std::to_string(kLongestText)
-                      << ". Send it in parts.";
+    QUARN_LOG_ERROR() << "Could not send a message of " << text.size() << " bytes: it may have "
+                      << kLongestText << ". Send it in parts.";
     return false;
   }
   if (!DataRelay::Send(messaging, text)) {

@@ -3,6 +3,7 @@
 #include <cw/encodable_value.h>
 #include <quarn/internal/attempt_all.h>
 #include <quarn/listener.h>
+#include <quarn/logger.h>
 #include <quarn/sized_struct.h>
 #include <vorpc/qt/utils.h>
 
@@ -12,7 +13,6 @@
 #include <utility>
 
 #include "creation.h"
-#include "log.h"
 
 namespace {
 
@@ -38,7 +38,7 @@ std::optional<QJsonObject> DecodeReply(const std::uint8_t* data, std::size_t len
 void AnswerIntent(void* user_data, const std::uint8_t* data, std::size_t length) {
   auto reply = DecodeReply(data, length);
   if (!reply) {
-    tarv::details::LogError(QUARN_LOCATION, "Could not convert intent reply to a JSON object.");
+    QUARN_LOG_ERROR() << "Could not convert intent reply to a JSON object.";
     reply.emplace();
   }
   (*static_cast<SendReply*>(user_data))(*reply);
@@ -77,7 +77,7 @@ IntentManagerImpl::~IntentManagerImpl() { QObject::disconnect(reply_connection_)
 std::shared_ptr<IntentManagerImpl> IntentManagerImpl::Create() {
   auto intents = tarv::details::CreateOrEmpty([] { return Object::Create(PrivateTag()); });
   if (!intents) {
-    tarv::details::LogError(QUARN_LOCATION, "Could not create Intent Manager.");
+    QUARN_LOG_ERROR() << "Could not create Intent Manager.";
   }
   return intents;
 }
@@ -85,7 +85,7 @@ std::shared_ptr<IntentManagerImpl> IntentManagerImpl::Create() {
 QuarnResult IntentManagerImpl::HandleLoadProcTable(TARVIntentManagerProcTable* table,
                                                    std::size_t size) {
   if (table == nullptr) {
-    tarv::details::LogError(QUARN_LOCATION, "Null table specified.");
+    QUARN_LOG_ERROR() << "Null table specified.";
     return QUARN_RESULT_INVALID_ARGUMENT;
   }
   quarn::StructFiller<TARVIntentManagerProcTable>(table, size)
@@ -97,12 +97,12 @@ QuarnResult IntentManagerImpl::HandleLoadProcTable(TARVIntentManagerProcTable* t
 QuarnResult IntentManagerImpl::HandleOpenUri(_TARVIntentManagerRef* intents, const char* uri,
                                              TARVOpenUriSlot* slot) {
   if (uri == nullptr || slot == nullptr) {
-    tarv::details::LogError(QUARN_LOCATION, "No uri or callback slot provided.");
+    QUARN_LOG_ERROR() << "No uri or callback slot provided.";
     return QUARN_RESULT_INVALID_ARGUMENT;
   }
   const auto self = FromRef(intents);
   if (!self) {
-    tarv::details::LogError(QUARN_LOCATION, "Intent Manager is not initialized.");
+    QUARN_LOG_ERROR() << "Intent Manager is not initialized.";
     return QUARN_RESULT_REFUSED;
   }
   const auto listener = std::make_shared<quarn::CStyleListener<bool>>(slot);
@@ -114,12 +114,12 @@ QuarnResult IntentManagerImpl::HandleRegisterIntent(_TARVIntentManagerRef* inten
                                                     const char* name,
                                                     TARVRegisterIntentSlot* slot) {
   if (name == nullptr || slot == nullptr) {
-    tarv::details::LogError(QUARN_LOCATION, "No intent name or callback slot provided.");
+    QUARN_LOG_ERROR() << "No intent name or callback slot provided.";
     return QUARN_RESULT_INVALID_ARGUMENT;
   }
   const auto self = FromRef(intents);
   if (!self) {
-    tarv::details::LogError(QUARN_LOCATION, "Intent Manager is not initialized.");
+    QUARN_LOG_ERROR() << "Intent Manager is not initialized.";
     return QUARN_RESULT_REFUSED;
   }
   const bool answers = quarn::ReadField(slot, &TARVRegisterIntentSlot::callback) != nullptr;

@@ -1,12 +1,12 @@
 #include "manager.h"
 
 #include <quarn/listener.h>
+#include <quarn/logger.h>
 
 #include <algorithm>
 #include <utility>
 
 #include "creation.h"
-#include "log.h"
 
 namespace tarv::details {
 
@@ -27,7 +27,7 @@ Manager::Manager(PrivateTag) : Object(quarn::IDispatcher::CreateEmpty()) {}
 std::shared_ptr<Manager> Manager::Create() {
   auto manager = CreateOrEmpty([] { return Object::Create(PrivateTag()); });
   if (!manager) {
-    LogError(QUARN_LOCATION, "Could not create Runtime Manager on API side.");
+    QUARN_LOG_ERROR() << "Could not create Runtime Manager on API side.";
   }
   return manager;
 }
@@ -66,14 +66,14 @@ void Manager::DropRpcClients() {
 _TARVIntentManagerRef* Manager::HandleGetIntentManager(_TARVManagerRef* manager) {
   const auto self = FromRef(manager);
   if (!self) {
-    LogError(QUARN_LOCATION, "Runtime Manager is not initialized.");
+    QUARN_LOG_ERROR() << "Runtime Manager is not initialized.";
     return nullptr;
   }
   if (!self->intent_manager_) {
     self->intent_manager_ = IntentManagerImpl::Create();
   }
   if (!self->intent_manager_) {
-    LogError(QUARN_LOCATION, "Could not create Intent Manager on API side.");
+    QUARN_LOG_ERROR() << "Could not create Intent Manager on API side.";
     return nullptr;
   }
   return self->intent_manager_->GetRef();
@@ -93,12 +93,12 @@ _TARVRpcServerRef* Manager::HandleGetRpcServer(_TARVManagerRef* manager) {
 _TARVRpcClientRef* Manager::HandleCreateRpcClient(_TARVManagerRef* manager) {
   const auto self = FromRef(manager);
   if (!self) {
-    LogError(QUARN_LOCATION, "Runtime Manager is not initialized.");
+    QUARN_LOG_ERROR() << "Runtime Manager is not initialized.";
     return nullptr;
   }
   const auto client = CreateOrEmpty([&self] { return self->CreateRpcClient(); });
   if (!client) {
-    LogError(QUARN_LOCATION, "Could not create Task Worker on API side.");
+    QUARN_LOG_ERROR() << "Could not create Task Worker on API side.";
     return nullptr;
   }
   return client->GetRef();

@@ -11,7 +11,6 @@
 
 #include "creation.h"
 #include "error_relay.h"
-#include "log.h"
 
 namespace tarv {
 
@@ -87,14 +86,14 @@ std::shared_ptr<RpcClientImpl> RpcClientImpl::Create(
   auto client = details::CreateOrEmpty(
       [&stop_listener] { return Object::Create(stop_listener, PrivateTag()); });
   if (!client) {
-    details::LogError(QUARN_LOCATION, "Could not create Task Worker.");
+    QUARN_LOG_ERROR() << "Could not create Task Worker.";
   }
   return client;
 }
 
 QuarnResult RpcClientImpl::HandleLoadProcTable(TARVRpcClientProcTable* table, std::size_t size) {
   if (table == nullptr) {
-    details::LogError(QUARN_LOCATION, "Null table specified.");
+    QUARN_LOG_ERROR() << "Null table specified.";
     return QUARN_RESULT_INVALID_ARGUMENT;
   }
   quarn::StructFiller<TARVRpcClientProcTable>(table, size)

@@ -1,6 +1,7 @@
 #include "rpc_server_impl.h"
 
 #include <RuntimeManager/RuntimeDispatcher.h>
+#include <quarn/logger.h>
 #include <quarn/sized_struct.h>
 #include <quarn/strings.h>
 
@@ -8,7 +9,6 @@
 #include <utility>
 
 #include "creation.h"
-#include "log.h"
 
 namespace tarv {
 
@@ -54,7 +54,7 @@ std::shared_ptr<RpcServerImpl> RpcServerImpl::Create() {
 
 QuarnResult RpcServerImpl::HandleLoadProcTable(TARVRpcServerProcTable* table, std::size_t size) {
   if (table == nullptr) {
-    details::LogError(QUARN_LOCATION, "Null table specified.");
+    QUARN_LOG_ERROR() << "Null table specified.";
     return QUARN_RESULT_INVALID_ARGUMENT;
   }
   quarn::StructFiller<TARVRpcServerProcTable>(table, size)

@@ -1,8 +1,8 @@
+#include <quarn/logger.h>
 #include <quarn/sized_struct.h>
 #include <tarv/tarv_capi.h>
 
 #include "intent_manager_impl.h"
-#include "log.h"
 #include "manager.h"
 #include "rpc_client_impl.h"
 #include "rpc_server_impl.h"
@@ -13,7 +13,7 @@ using tarv::details::Manager;
 
 QuarnResult TARVProcTableLoad(TARVProcTable* table, std::size_t size) {
   if (table == nullptr) {
-    tarv::details::LogError(QUARN_LOCATION, "Null table specified.");
+    QUARN_LOG_ERROR() << "Null table specified.";
     return QUARN_RESULT_INVALID_ARGUMENT;
   }
   quarn::StructFiller<TARVProcTable>(table, size)

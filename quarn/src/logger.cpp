@@ -2,9 +2,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
+#include <ctime>
 #include <iostream>
-#include <string>
+#include <locale>
+#include <stdexcept>
 
 namespace quarn::logger::details {
 namespace {
@@ -24,13 +27,9 @@ constexpr Tag kTags[] = {
     {"[fatal]", "\033[1;31m"},
 };
 
-// Asked afresh for each escape: standard output may be redirected while the process runs. Leaves
-// errno alone: the message may be about to describe it.
+// Asked afresh for each escape: standard output may be redirected while the process runs.
 std::string_view Gated(std::string_view escape) {
-  const int saved_errno = errno;
-  const bool is_terminal = isatty(STDOUT_FILENO) != 0;
-  errno = saved_errno;
-  return is_terminal ? escape : std::string_view();
+  return isatty(STDOUT_FILENO) != 0 ? escape : std::string_view();
 }
 
 const Tag* FindTag(LogLevel level) {
@@ -38,33 +37,72 @@ const Tag* FindTag(LogLevel level) {
   return index < std::size(kTags) ? &kTags[index] : nullptr;
 }
 
-// A log that cannot be written must not bring down what it tells of, even when the application has
-// asked standard output to throw.
-template <class Write>
-void IgnoringStreamErrors(Write&& write) {
-  try {
-    write();
-  } catch (const std::ios_base::failure&) {
-    // There is nowhere left to report it to.
-  }
+// Puts errno back at the end of the scope: the message may be about to describe it.
+class SavedErrno {
+ public:
+  SavedErrno() = default;
+  ~SavedErrno() { errno = value_; }
+  SavedErrno(const SavedErrno&) = delete;
+  SavedErrno& operator=(const SavedErrno&) = delete;
+
+ private:
+  int value_ = errno;
+};
+
+sigset_t PipeSignal() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGPIPE);
+  return set;
+}
+
+bool IsPipeSignalPending() {
+  sigset_t pending;
+  sigpending(&pending);
+  return sigismember(&pending, SIGPIPE) == 1;
 }
 
 }  // namespace
 
-Printer::Printer(LogLevel level, std::string_view location) : stream_(&std::cout), level_(level) {
-  IgnoringStreamErrors([this, location] {
-    if (const Tag* tag = FindTag(level_)) {
-      *stream_ << Gated(tag->colour) << tag->text << Gated(kReset);
-    }
-    if (!location.empty()) {
-      // The copy is what rejects a null location.
-      *stream_ << Gated(kGrey) << std::string(location.data(), location.size()) << Gated(kReset);
-    }
-  });
+PipeSignalBlock::PipeSignalBlock() : was_pending_(IsPipeSignalPending()) {
+  const sigset_t set = PipeSignal();
+  sigset_t before;
+  pthread_sigmask(SIG_BLOCK, &set, &before);
+  was_blocked_ = sigismember(&before, SIGPIPE) == 1;
+}
+
+PipeSignalBlock::~PipeSignalBlock() {
+  const SavedErrno saved_errno;
+  const sigset_t set = PipeSignal();
+  if (!was_pending_) {
+    constexpr timespec kNoWait{};
+    sigtimedwait(&set, nullptr, &kNoWait);
+  }
+  if (!was_blocked_) {
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+  }
+}
+
+// The buffer comes last: a stream that is given a locale hands it on to its buffer.
+Printer::Printer(LogLevel level, std::string_view location) : stream_(nullptr), level_(level) {
+  const SavedErrno saved_errno;
+  stream_.imbue(std::locale::classic());
+  stream_.rdbuf(std::cout.rdbuf());
+  if (const Tag* tag = FindTag(level_)) {
+    stream_ << Gated(tag->colour) << tag->text << Gated(kReset);
+  }
+  if (location.empty()) {
+    return;
+  }
+  if (location.data() == nullptr) {
+    throw std::logic_error("basic_string: construction from null is not valid");
+  }
+  stream_ << Gated(kGrey) << location << Gated(kReset);
 }
 
 Printer::~Printer() {
-  IgnoringStreamErrors([this] { *stream_ << '\n' << std::flush; });
+  const SavedErrno saved_errno;
+  stream_ << '\n' << std::flush;
   if (level_ == LogLevel::Fatal) {
     std::abort();
   }

@@ -41,8 +41,7 @@ std::uint64_t ResourcesCache::CreateChunk() {
 std::size_t ResourcesCache::FindChunkUnsafe(std::uint64_t id) const {
   const std::size_t slot = id != 0 ? FirstOf(id, ids_) : ids_.size();
   if (slot == ids_.size()) {
-    // Decimal, whatever base or locale the application has set on standard output.
-    QUARN_LOG_ERROR() << "Invalid chunk ID <" << std::to_string(id) << ">";
+    QUARN_LOG_ERROR() << "Invalid chunk ID <" << id << ">";
   }
   return slot;
 }

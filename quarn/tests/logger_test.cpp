@@ -9,14 +9,24 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
+#include <ctime>
+#include <functional>
+#include <iomanip>
 #include <iostream>
+#include <locale>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
+#include <streambuf>
 #include <string>
+#include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "fixtures/foreign_plugin.h"
 #include "support/capture.h"
 #include "support/log_line.h"
 
@@ -146,6 +156,47 @@ TEST(Logger, AsksForATerminalAfreshForEveryLine) {
   EXPECT_EQ(FileLine(LogLevel::Info, ""), "[info]text\n");
 }
 
+// Passes everything on to a buffer, and calls a function after each piece with the piece.
+class WatchedBuffer : public std::streambuf {
+ public:
+  WatchedBuffer(std::streambuf* target, std::function<void(std::string_view)> after_piece)
+      : target_(target), after_piece_(std::move(after_piece)) {}
+
+ private:
+  std::streamsize xsputn(const char* text, std::streamsize size) override {
+    const std::streamsize written = target_->sputn(text, size);
+    target_->pubsync();
+    after_piece_(std::string_view(text, static_cast<std::size_t>(size)));
+    return written;
+  }
+  int overflow(int c) override { return target_->sputc(static_cast<char>(c)); }
+  int sync() override { return target_->pubsync(); }
+
+  std::streambuf* target_;
+  std::function<void(std::string_view)> after_piece_;
+};
+
+TEST(Logger, AsksForATerminalAfreshForEveryEscape) {
+  const Terminal terminal;
+  std::streambuf* const usual = std::cout.rdbuf();
+  const std::string in_file = StdoutOf([&terminal, usual] {
+    // The first part of the line goes to the file, the middle to a terminal, the end to the file.
+    std::unique_ptr<Redirection> redirection;
+    WatchedBuffer buffer(usual, [&](std::string_view piece) {
+      if (piece == "[info]") {
+        redirection = std::make_unique<Redirection>(STDOUT_FILENO, terminal.GetDescriptor());
+      } else if (piece == " file.cpp:1 ") {
+        redirection.reset();
+      }
+    });
+    std::cout.rdbuf(&buffer);
+    PrintLine(LogLevel::Info, " file.cpp:1 ", "text");
+    std::cout.rdbuf(usual);
+  });
+  EXPECT_EQ(in_file, "[info]text\n");
+  EXPECT_EQ(terminal.ReadScreen(), "\033[0m\033[90m file.cpp:1 ");
+}
+
 TEST(Logger, PutsTheMessageRightBehindTheTagWhenThereIsNoLocation) {
   EXPECT_EQ(FileLine(LogLevel::Warn, ""), "[warn]text\n");
   EXPECT_EQ(FileLine(LogLevel::Warn, std::string_view()), "[warn]text\n");
@@ -187,21 +238,150 @@ TEST(Logger, FlushesEachLine) {
   EXPECT_EQ(std::string(text.data(), static_cast<std::size_t>(got)), "[info]text\n");
 }
 
-TEST(Logger, OutlivesAStandardOutputThatIsFullAndAskedToThrow) {
+// Puts state and format of std::cout back at the end of the scope.
+class SavedFormat {
+ public:
+  SavedFormat() { saved_.copyfmt(std::cout); }
+  ~SavedFormat() {
+    std::cout.clear();
+    std::cout.copyfmt(saved_);
+  }
+  SavedFormat(const SavedFormat&) = delete;
+  SavedFormat& operator=(const SavedFormat&) = delete;
+
+ private:
+  std::ios saved_{nullptr};
+};
+
+// What `action` writes while standard output goes to a device that takes nothing.
+template <class Action>
+void WithFullOutput(Action&& action) {
   const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
   ASSERT_GE(full, 0);
-  bool failed = false;
   {
     const Redirection redirection(STDOUT_FILENO, full);
-    std::cout.exceptions(std::ios_base::badbit);
-    PrintLine(LogLevel::Error, " file.cpp:1 ", "");
-    failed = std::cout.bad();
-    std::cout.clear();
-    std::cout.exceptions(std::ios_base::goodbit);
+    action();
   }
   close(full);
-  EXPECT_TRUE(failed);
+}
+
+TEST(Logger, LosesALineThatCannotBeWrittenWithoutAnException) {
+  const SavedFormat saved;
+  std::cout.exceptions(std::ios_base::badbit | std::ios_base::failbit);
+  WithFullOutput([] {
+    EXPECT_NO_THROW(PrintLine(LogLevel::Error, " file.cpp:1 ", "lost"));
+    EXPECT_NO_THROW(PrintLine(LogLevel::Error, " file.cpp:1 ", std::string(100'000, 'x')));
+    EXPECT_TRUE(std::cout.good());
+  });
+}
+
+TEST(Logger, WritesTheLineAfterALostOne) {
+  WithFullOutput([] { PrintLine(LogLevel::Error, " file.cpp:1 ", "lost"); });
   EXPECT_EQ(FileLine(LogLevel::Error), "[error] file.cpp:1 text\n");
+}
+
+TEST(Logger, WritesWhileStandardOutputsOwnStreamHasFailed) {
+  const SavedFormat saved;
+  std::cout.setstate(std::ios_base::badbit);
+  std::string line;
+  {
+    const CaptureStdout output;
+    PrintLine(LogLevel::Warn, "", "text");
+    line = output.GetText();
+  }
+  EXPECT_EQ(line, "[warn]text\n");
+  EXPECT_TRUE(std::cout.bad());
+}
+
+// As a German writes numbers.
+class PointsBetweenThousands : public std::numpunct<char> {
+  char do_thousands_sep() const override { return '.'; }
+  std::string do_grouping() const override { return "\3"; }
+};
+
+TEST(Logger, TakesOverNoFormatOfStandardOutputAndLeavesItsOwn) {
+  const SavedFormat saved;
+  const std::locale german(std::locale::classic(), new PointsBetweenThousands);
+  const std::locale before = std::locale::global(german);
+  std::cout.imbue(german);
+  std::cout << std::hex << std::setfill('#') << std::setprecision(2) << std::setw(20);
+  const std::string log =
+      StdoutOf([] { QUARN_LOG_ERROR_AT(" a.cpp:1 ") << 1234567 << ' ' << 0.125; });
+  EXPECT_EQ(std::cout.width(), 20);
+  EXPECT_EQ(log, "[error] a.cpp:1 1234567 0.125\n");
+  std::locale::global(before);
+}
+
+TEST(Logger, LeavesNoFormatToTheNextLine) {
+  StdoutOf([] { QUARN_LOG_INFO() << std::hex << std::setw(30); });
+  EXPECT_EQ(StdoutOf([] { QUARN_LOG_ERROR_AT(" a.cpp:1 ") << 255; }), "[error] a.cpp:1 255\n");
+}
+
+TEST(Logger, WritesToTheBufferThatStandardOutputHasAtTheMoment) {
+  const std::ostringstream replacement;
+  std::streambuf* const usual = std::cout.rdbuf(replacement.rdbuf());
+  PrintLine(LogLevel::Info, "", "text");
+  std::cout.rdbuf(usual);
+  EXPECT_EQ(replacement.str(), "[info]text\n");
+  std::cout.rdbuf(nullptr);
+  PrintLine(LogLevel::Info, "", "to nobody");
+  std::cout.rdbuf(usual);
+  std::cout.clear();
+}
+
+bool IsBlocked(int signal) {
+  sigset_t mask;
+  pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+  return sigismember(&mask, signal) == 1;
+}
+
+bool IsPending(int signal) {
+  sigset_t pending;
+  sigpending(&pending);
+  return sigismember(&pending, signal) == 1;
+}
+
+// Makes standard output a pipe that nobody reads.
+class BrokenPipe {
+ public:
+  BrokenPipe() {
+    std::array<int, 2> ends{};
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+      throw std::runtime_error("cannot make a pipe");
+    }
+    close(ends[0]);
+    redirection_ = std::make_unique<Redirection>(STDOUT_FILENO, ends[1]);
+    close(ends[1]);
+  }
+
+ private:
+  std::unique_ptr<Redirection> redirection_;
+};
+
+TEST(Logger, OutlivesAPipeThatNobodyReads) {
+  signal(SIGPIPE, SIG_DFL);
+  const BrokenPipe pipe;
+  PrintLine(LogLevel::Error, " file.cpp:1 ", "lost");
+  PrintLine(LogLevel::Error, " file.cpp:1 ", std::string(100'000, 'x'));
+  EXPECT_FALSE(IsBlocked(SIGPIPE));
+  EXPECT_FALSE(IsPending(SIGPIPE));
+}
+
+TEST(Logger, LeavesTheSignalsOfABrokenPipeAsTheThreadHasThem) {
+  const BrokenPipe pipe;
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  PrintLine(LogLevel::Info, "", "text");
+  EXPECT_TRUE(IsBlocked(SIGPIPE));
+  EXPECT_FALSE(IsPending(SIGPIPE));
+  raise(SIGPIPE);
+  PrintLine(LogLevel::Info, "", "text");
+  EXPECT_TRUE(IsPending(SIGPIPE));
+  const timespec no_wait{};
+  EXPECT_EQ(sigtimedwait(&set, nullptr, &no_wait), SIGPIPE);
+  pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }
 
 TEST(Logger, RejectsANullLocationOfSomeLength) {
@@ -226,19 +406,36 @@ TEST(Logger, MacrosNameLevelAndPlaceOfTheCall) {
             "[error] quarn/tests/logger_test.cpp:" + line + " text\n");
 }
 
+TEST(Logger, NamesPublicHeadersByTheirPathFromTheRootWhoeverCompilesThem) {
+  const auto library = quarn::Library::Create(QUARN_SAMPLE_LIBRARY);
+  ASSERT_NE(library, nullptr);
+  std::istringstream log(StdoutOf([&library] { LogFromPublicHeaders(library); }));
+  int lines = 0;
+  for (std::string line; std::getline(log, line); ++lines) {
+    EXPECT_THAT(line + "\n", testing::MatchesRegex("\\[[a-z]+\\] quarn/include/quarn/"
+                                                   "(strings|library_api)\\.h:[0-9]+ .*\n"));
+  }
+  EXPECT_EQ(lines, 5);
+}
+
 TEST(Logger, PrintsTheLocationThatACallerPassesIn) {
   EXPECT_EQ(StdoutOf([] { QUARN_LOG_ERROR_AT(" far/away.cpp:3 ") << "text"; }),
             "[error] far/away.cpp:3 text\n");
 }
 
-TEST(Logger, LeavesErrnoToTheMessage) {
-  int seen = 0;
-  StdoutOf([&seen] {
+TEST(Logger, LeavesErrnoAsItWas) {
+  int in_message = 0;
+  int behind_line = 0;
+  StdoutOf([&in_message, &behind_line] {
     errno = ENOENT;
-    Printer printer(LogLevel::Info, " file.cpp:1 ");
-    seen = errno;
+    {
+      const Printer printer(LogLevel::Info, " file.cpp:1 ");
+      in_message = std::exchange(errno, ERANGE);
+    }
+    behind_line = errno;
   });
-  EXPECT_EQ(seen, ENOENT);
+  EXPECT_EQ(in_message, ENOENT);
+  EXPECT_EQ(behind_line, ERANGE);
 }
 
 TEST(Logger, LosesNoLineOfSeveralThreads) {

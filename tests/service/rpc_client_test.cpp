@@ -1,9 +1,13 @@
 // The client's entries against real task processes.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <fstream>
+#include <iostream>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 
@@ -245,6 +249,36 @@ TEST_F(RpcClient, UnlockingChunkZeroDoesNothingAndAnUnknownOneSaysSo) {
   EXPECT_EQ(StdoutOf([&] { tables_.client.UnlockResources(Stale(), 7); }), "");
   EXPECT_THAT(StdoutOf([&] { tables_.client.UnlockResources(client.handle, 123456789); }),
               IsLogLine("error", "Invalid chunk ID <123456789>"));
+}
+
+// Standard output goes to a device that takes nothing, and its stream is to throw.
+class FailingOutput {
+ public:
+  FailingOutput() : full_(open("/dev/full", O_WRONLY | O_CLOEXEC)) {
+    redirection_.emplace(STDOUT_FILENO, full_);
+    std::cout.exceptions(std::ios_base::badbit | std::ios_base::failbit);
+  }
+  ~FailingOutput() {
+    std::cout.exceptions(std::ios_base::goodbit);
+    redirection_.reset();
+    close(full_);
+  }
+  FailingOutput(const FailingOutput&) = delete;
+  FailingOutput& operator=(const FailingOutput&) = delete;
+
+ private:
+  int full_;
+  std::optional<Redirection> redirection_;
+};
+
+TEST_F(RpcClient, NoEntryThrowsBecauseItsLineCannotBeWritten) {
+  Client& client = NewRunningClient("echo");
+  const FailingOutput output;
+  EXPECT_NO_THROW(tables_.client.UnlockResources(client.handle, 123456789));
+  EXPECT_NO_THROW(TARVProcTableLoad(nullptr, 0));
+  EXPECT_NO_THROW(tables_.root.RpcClientProcTableLoad(nullptr, 0));
+  EXPECT_NO_THROW(tables_.root.CreateRpcClient(nullptr));
+  EXPECT_NO_THROW(tables_.root.GetIntentManager(nullptr));
 }
 
 TEST_F(RpcClient, ReleaseDisconnectsOnceStopsTheTaskAndThenReleasesTheSlots) {

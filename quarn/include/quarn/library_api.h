@@ -75,16 +75,19 @@ class LibraryApi {
   static std::unique_ptr<LibraryApi> Create(const std::shared_ptr<Library>& library,
                                             Loader loader) {
     if (!library) {
-      QUARN_LOG_ERROR() << "No library provided.";
+      QUARN_LOG_ERROR_AT(QUARN_LOCATION_IN("quarn/include/quarn/library_api.h"))
+          << "No library provided.";
       return nullptr;
     }
     if (loader == nullptr) {
-      QUARN_LOG_ERROR() << "No proc table loader function provided.";
+      QUARN_LOG_ERROR_AT(QUARN_LOCATION_IN("quarn/include/quarn/library_api.h"))
+          << "No proc table loader function provided.";
       return nullptr;
     }
     auto api = std::make_unique<LibraryApi>(PrivateTag(), library);
     if (loader(&api->table_, sizeof(Table)) != QUARN_RESULT_SUCCESS) {
-      QUARN_LOG_ERROR() << "Failed to load proc table.";
+      QUARN_LOG_ERROR_AT(QUARN_LOCATION_IN("quarn/include/quarn/library_api.h"))
+          << "Failed to load proc table.";
       return nullptr;
     }
     return api;

@@ -65,12 +65,14 @@ bool ParseInt(std::string_view text, Int& out) {
   static_assert(std::is_signed_v<Int> && std::is_integral_v<Int>);
   out = 0;
   if (text.empty()) {
-    QUARN_LOG_WARN() << "Could not convert empty string to uint.";
+    QUARN_LOG_WARN_AT(QUARN_LOCATION_IN("quarn/include/quarn/strings.h"))
+        << "Could not convert empty string to uint.";
     return false;
   }
   const auto value = details::ParseSigned<Int>(text);
   if (!value) {
-    QUARN_LOG_WARN() << "Could not convert string \"" << Escaped{text} << "\" to integer value.";
+    QUARN_LOG_WARN_AT(QUARN_LOCATION_IN("quarn/include/quarn/strings.h"))
+        << "Could not convert string \"" << Escaped{text} << "\" to integer value.";
     return false;
   }
   out = *value;
