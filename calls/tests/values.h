@@ -2,6 +2,7 @@
 #ifndef CALLS_TESTS_VALUES_H
 #define CALLS_TESTS_VALUES_H
 
+#include <tarv/calls/method.h>
 #include <tarv/calls/value.h>
 
 #include <cstdint>
@@ -26,6 +27,11 @@ struct Step {
 TARV_VALUE(Texts, texts)
 TARV_VALUE(Totals, total, each)
 TARV_VALUE(Step, done, of)
+
+inline constexpr tarv::Method<Totals(Texts), Step> kCount{"count", "counts the words of each text"};
+inline constexpr tarv::Method<std::int32_t()> kNext{"next"};
+inline constexpr tarv::Method<void(std::string)> kSay{"say"};
+inline constexpr tarv::Method<void()> kPing{"ping"};
 
 }  // namespace counting
 
