@@ -10,6 +10,7 @@
 
 #include "line_channel.h"
 #include "support.h"
+#include "uri_opener.h"
 
 namespace RuntimeManager::host {
 namespace {
@@ -38,8 +39,7 @@ UniqueFd LockFolder(const SocketFolder& folder, Error* error) {
 
 // Makes `name` free: false, with `error` set, when somebody listens there. Under the lock.
 bool FreeName(const SocketFolder& folder, const QString& name, Error* error) {
-  int error_number = 0;
-  const UniqueFd probe = folder.Connect(name, &error_number);
+  const int error_number = folder.Probe(name);
   if (error_number == ENOENT) {
     return true;
   }
@@ -47,8 +47,7 @@ bool FreeName(const SocketFolder& folder, const QString& name, Error* error) {
     folder.Remove(name);
     return true;
   }
-  // A full queue is an owner too.
-  *error = probe.IsValid() || error_number == EAGAIN
+  *error = error_number == 0
                ? Error(Error::kWrongState, "a live process owns it already, and keeps it")
                : SystemError(Error::kRuntimeFolder,
                              QString("cannot tell who owns '%1'").arg(folder.PathOf(name)),
@@ -147,13 +146,24 @@ void IntentOwner::Invocation::OnObject(const QJsonObject& object) {
   if (std::exchange(invoked_, true)) {
     return;
   }
+  const QJsonObject parameters = object.value(intent::kSecond).toObject();
+  const Error refusal = CheckParameters(owner_->name_, parameters);
+  if (refusal.isError()) {
+    Send({{intent::kError, refusal.message()}});
+    return;
+  }
   const auto answer =
       std::make_shared<Answer<Invocation>>(weak_from_this(), &owner_->context_, owner_->name_);
-  owner_->handler_(object.value(intent::kSecond).toObject(),
-                   [answer](const QJsonObject& reply) { answer->Reply(reply); });
+  if (owner_->handler_) {
+    owner_->handler_(parameters, [answer](const QJsonObject& reply) { answer->Reply(reply); });
+  }
 }
 
 void IntentOwner::Invocation::OnEnd() { owner_->invocations_.erase(shared_from_this()); }
+
+Error CheckParameters(const QString& name, const QJsonObject& parameters) {
+  return name == intent::kOpenUri ? CheckUri(parameters.value(intent::kUri).toString()) : Error();
+}
 
 std::unique_ptr<IntentOwner> IntentOwner::Register(const QString& name,
                                                    RuntimeDispatcher::IntentHandler handler,

@@ -21,7 +21,13 @@ inline const QString kFirst = QStringLiteral("first");
 inline const QString kSecond = QStringLiteral("second");
 inline const QString kReply = QStringLiteral("reply");
 inline const QString kError = QStringLiteral("error");
+// The intent whose second object has a URI; one that is no valid absolute URI reaches no owner.
+inline const QString kOpenUri = QStringLiteral("OpenURI");
+inline const QString kUri = QStringLiteral("uri");
 }  // namespace intent
+
+// No error when an owner of the intent `name` may get `parameters`, its second object.
+Error CheckParameters(const QString& name, const QJsonObject& parameters);
 
 // What an intent is called in the record of messages.
 inline QString IntentTitle(const QString& name) { return "intents/" + name; }

@@ -1,6 +1,9 @@
 #include <RuntimeManager/IntentsInvoker.h>
+#include <sys/socket.h>
 
-#include <QtCore/QPointer>
+#include <QtCore/QFile>
+#include <QtCore/QTimer>
+#include <chrono>
 #include <set>
 #include <utility>
 
@@ -15,7 +18,27 @@ namespace RuntimeManager {
 namespace host {
 namespace {
 
-const QString kOpenUri = QStringLiteral("OpenURI");
+// An owner that has not answered by then has forgotten the reply, most likely.
+constexpr std::size_t kDefaultTimeout = 30;
+constexpr std::size_t kLongestTimeout = 24 * 60 * 60;
+constexpr int kShownOfOwnersText = 1000;
+
+std::chrono::seconds Timeout() {
+  return std::chrono::seconds(
+      NumberFrom("RUNTIME_MANAGER_INTENT_TIMEOUT", "seconds", kDefaultTimeout, kLongestTimeout));
+}
+
+// "process 12 ('player')"
+QString PeerText(int socket) {
+  ucred peer{};
+  socklen_t size = sizeof(peer);
+  if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
+    return QStringLiteral("a process that cannot be told");
+  }
+  QFile name(QString("/proc/%1/comm").arg(peer.pid));
+  const QByteArray comm = name.open(QIODevice::ReadOnly) ? name.readAll().trimmed() : "gone";
+  return QString("process %1 ('%2')").arg(peer.pid).arg(Escaped(comm));
+}
 
 // One invocation, from the connection to the reply. It lives on while its end is told.
 class Call : public std::enable_shared_from_this<Call> {
@@ -32,6 +55,7 @@ class Call : public std::enable_shared_from_this<Call> {
   void OnDialed(UniqueFd socket, const Error& error, int error_number);
   void OnObject(const QJsonObject& object);
   void OnEnd();
+  void OnTimeout();
   void Fail(Error::Code code, const QString& why);
   void Finish(const QJsonObject& reply, const Error& error);
 
@@ -39,12 +63,18 @@ class Call : public std::enable_shared_from_this<Call> {
   const QJsonObject second_;
   Done done_;
   Error folder_error_;
+  const std::chrono::seconds timeout_ = Timeout();
+  QString owner_ = "a process that takes no connection";
+  QTimer limit_;
   std::shared_ptr<LineChannel> channel_;
   std::unique_ptr<Dialer> dialer_;
   std::unique_ptr<UriOpener> opener_;
 };
 
 void Call::Open(const QJsonObject& first) {
+  limit_.setSingleShot(true);
+  QObject::connect(&limit_, &QTimer::timeout, &limit_, [this] { OnTimeout(); });
+  limit_.start(timeout_);
   LineChannel::Callbacks callbacks;
   callbacks.on_object = [this](const QJsonObject& object) { OnObject(object); };
   callbacks.on_end = [this](const Error& error) {
@@ -66,6 +96,7 @@ void Call::Open(const QJsonObject& first) {
 
 void Call::Close() {
   done_ = nullptr;
+  limit_.stop();
   dialer_.reset();
   opener_.reset();
   channel_->Close();
@@ -83,6 +114,7 @@ UniqueFd Call::Connect(int* error_number) {
 
 void Call::OnDialed(UniqueFd socket, const Error& error, int error_number) {
   if (socket.IsValid()) {
+    owner_ = PeerText(socket.Get());
     channel_->Attach(std::move(socket));
     return;
   }
@@ -94,11 +126,12 @@ void Call::OnDialed(UniqueFd socket, const Error& error, int error_number) {
     Finish({}, error);
     return;
   }
-  if (name_ != kOpenUri) {
+  if (name_ != intent::kOpenUri) {
     Fail(Error::kNoSuchIntent, "no live process owns it");
     return;
   }
-  opener_ = std::make_unique<UriOpener>(second_.value(QStringLiteral("uri")).toString(),
+  limit_.stop();
+  opener_ = std::make_unique<UriOpener>(second_.value(intent::kUri).toString(),
                                         [this](const Error& outcome) { Finish({}, outcome); });
 }
 
@@ -108,11 +141,22 @@ void Call::OnObject(const QJsonObject& object) {
     Finish(reply.toObject(), {});
     return;
   }
-  const QString why = object.value(intent::kError).toString();
+  const QString why =
+      EscapedHead(object.value(intent::kError).toString().toUtf8(), kShownOfOwnersText);
   Fail(Error::kIntentFailed, why.isEmpty() ? QString("its owner's answer makes no sense") : why);
 }
 
-void Call::OnEnd() { Fail(Error::kIntentFailed, "its owner ended before it answered"); }
+void Call::OnEnd() {
+  Fail(Error::kIntentFailed, QString("its owner, %1, ended before it answered").arg(owner_));
+}
+
+void Call::OnTimeout() {
+  Fail(Error::kIntentFailed,
+       QString("its owner, %1, has not answered for %2 s (RUNTIME_MANAGER_INTENT_TIMEOUT sets "
+               "another limit)")
+           .arg(owner_)
+           .arg(timeout_.count()));
+}
 
 void Call::Fail(Error::Code code, const QString& why) {
   Finish({}, {code, QString("the intent '%1' failed: %2").arg(name_, why)});
@@ -120,6 +164,7 @@ void Call::Fail(Error::Code code, const QString& why) {
 
 void Call::Finish(const QJsonObject& reply, const Error& error) {
   const auto self = shared_from_this();
+  limit_.stop();
   channel_->Close();
   if (const auto done = std::exchange(done_, nullptr)) {
     done(reply, error);
@@ -151,9 +196,12 @@ IntentsInvoker::~IntentsInvoker() = default;
 
 void IntentsInvoker::invoke(const QString& name, const QJsonObject& first,
                             const QJsonObject& second) {
-  const Error bad_name = host::CheckName("an intent", name, host::kMaxIntentName);
-  if (bad_name.isError()) {
-    host::Post(this, [this, bad_name] { Q_EMIT replyReceived({}, bad_name); });
+  Error refusal = host::CheckName("an intent", name, host::kMaxIntentName);
+  if (!refusal.isError()) {
+    refusal = host::CheckParameters(name, second);
+  }
+  if (refusal.isError()) {
+    host::Post(this, [this, refusal] { Q_EMIT replyReceived({}, refusal); });
     return;
   }
   auto slot = std::make_shared<std::weak_ptr<host::Call>>();

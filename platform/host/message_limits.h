@@ -24,7 +24,7 @@ struct Limits {
 };
 
 // The limits that the environment asks for. A value that is not a number of bytes from 1 to the
-// largest is a warning, and the default holds.
+// largest is a warning, once, and the default holds.
 Limits ReadLimits();
 
 }  // namespace RuntimeManager::host

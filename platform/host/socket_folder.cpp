@@ -72,8 +72,9 @@ QByteArray StartTime(const QByteArray& pid) {
   return fields.value(kStartTimeAfterName);
 }
 
-// Whether `name` is a task's socket whose starter is no more.
-bool IsLeftBehind(const QString& name) {
+// Whether `name` is a task's socket whose starter is no more, as far as this process can see: it
+// does not see those of another pid namespace.
+bool HasNoStarter(const QString& name) {
   if (!name.endsWith(kSocketSuffix)) {
     return false;
   }
@@ -115,7 +116,7 @@ void Sweep(const SocketFolder& folder) {
   // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is this call's own
   while (const dirent* entry = ::readdir(directory.get())) {
     const QString name = QString::fromUtf8(entry->d_name);
-    if (IsLeftBehind(name)) {
+    if (HasNoStarter(name) && folder.Probe(name) == ECONNREFUSED) {
       dead.push_back(name);
     }
   }
@@ -280,6 +281,22 @@ UniqueFd SocketFolder::Listen(const QString& name, Error* error) const {
 
 UniqueFd SocketFolder::Connect(const QString& name, int* error_number) const {
   return ConnectShort(PathThrough(Descriptor(), name), error_number);
+}
+
+// A datagram socket cannot connect to the stream socket of a live process, and the kernel says so
+// (EPROTOTYPE); where no process has the file's socket, it says what it says to everybody.
+int SocketFolder::Probe(const QString& name) const {
+  int error_number = 0;
+  const sockaddr_un address = Address(PathThrough(Descriptor(), name), &error_number);
+  if (error_number != 0) {
+    return error_number;
+  }
+  const UniqueFd probe(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const auto* target = reinterpret_cast<const sockaddr*>(&address);
+  if (!probe.IsValid() || ::connect(probe.Get(), target, sizeof(address)) != 0) {
+    return errno == EPROTOTYPE ? 0 : errno;
+  }
+  return 0;
 }
 
 void SocketFolder::Remove(const QString& name) const {

@@ -29,6 +29,10 @@ class SocketFolder {
   UniqueFd Listen(const QString& name, Error* error) const;
   // Connects to the socket `name`; see ConnectSocket.
   UniqueFd Connect(const QString& name, int* error_number) const;
+  // Whether a live process has the socket `name`, without a connection that it would notice: 0 when
+  // one has; ENOENT when there is no such file; ECONNREFUSED when the file is left over; another
+  // error number when that cannot be told.
+  int Probe(const QString& name) const;
   void Remove(const QString& name) const;
 
  private:

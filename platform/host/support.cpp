@@ -13,6 +13,8 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <set>
 #include <system_error>
 
 #include "sigpipe_guard.h"
@@ -39,6 +41,16 @@ constexpr int kLongestCharacter = 4;
 std::atomic<int> dropped_warnings{0};
 
 bool IsInsideCharacter(const QByteArray& utf8, int at) { return (utf8.at(at) & 0xC0) == 0x80; }
+
+constexpr int kShownOfValue = 100;
+
+// Whether nobody has asked so for this text yet.
+bool IsFirstTime(const QByteArray& text) {
+  static std::mutex mutex;
+  static std::set<QByteArray> known;
+  const std::lock_guard lock(mutex);
+  return known.insert(text).second;
+}
 
 // The length of the UTF-8 character that `text` begins with; 0 when it begins with something else,
 // or with a control character.
@@ -185,6 +197,23 @@ Error CheckName(const QString& kind, const QString& name, int longest) {
 QByteArray Variable(const char* name) {
   const char* value = std::getenv(name);
   return value == nullptr ? QByteArray() : QByteArray(value);
+}
+
+std::size_t NumberFrom(const char* name, const char* unit, std::size_t by_default,
+                       std::size_t largest) {
+  const QByteArray text = Variable(name);
+  bool is_number = false;
+  const qulonglong value = text.toULongLong(&is_number, 10);
+  if (is_number && value >= 1 && value <= largest) {
+    return value;
+  }
+  if (!text.isEmpty() && IsFirstTime(name + ('=' + text))) {
+    Warn(QString("%1 is '%2': it must be a number of %3 from 1 to %4; the default of %5 holds")
+             .arg(name, EscapedHead(text, kShownOfValue), unit)
+             .arg(largest)
+             .arg(by_default));
+  }
+  return by_default;
 }
 
 void Post(QObject* context, std::function<void()> call) {

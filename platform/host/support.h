@@ -8,6 +8,7 @@
 #include <QtCore/QObject>
 #include <QtCore/QString>
 #include <cerrno>
+#include <cstddef>
 #include <functional>
 
 namespace RuntimeManager::host {
@@ -46,6 +47,11 @@ Error CheckName(const QString& kind, const QString& name, int longest);
 
 // The value of an environment variable; empty when it is unset.
 QByteArray Variable(const char* name);
+
+// The whole number that a variable sets, from 1 to `largest`; `by_default` when it is unset. So it is
+// for any other value, after one warning in the life of the process; `unit` says what is counted.
+std::size_t NumberFrom(const char* name, const char* unit, std::size_t by_default,
+                       std::size_t largest);
 
 // Calls a function that reports failure as -1 again as long as a signal interrupts it.
 template <typename Call>

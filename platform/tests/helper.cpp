@@ -202,6 +202,12 @@ int OwnIntent(const QString& name, const QString& how) {
         if (how == "quit") {
           QCoreApplication::quit();
         }
+        static RuntimeDispatcher::Reply kept;
+        if (how == "keep" && !kept) {
+          kept = reply;
+          QTimer::singleShot(1500, [] { kept({{"late", true}}); });
+          return;
+        }
         reply({{"parameters", parameters}, {"pid", ::getpid()}});
       });
   Say("ready");

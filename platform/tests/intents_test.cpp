@@ -119,15 +119,21 @@ TEST_F(Intents, FailWithoutAnOwner) {
 }
 
 TEST_F(Intents, FailWithABadName) {
-  for (const QString& name : {QString(), QString(".lock"), QString("a/b"), QString(81, 'a')}) {
-    EXPECT_EQ(Invoke(name).code(), Error::kInvalidArgument) << name.toStdString();
+  for (const QString& name :
+       {QString(), QString(".lock"), QString("a/b"), QString(81, 'a'), QString("a\nb")}) {
+    const Error error = Invoke(name);
+    EXPECT_EQ(error.code(), Error::kInvalidArgument) << name.toStdString();
+    EXPECT_FALSE(error.message().contains('\n'));
   }
   EXPECT_EQ(Invoke(QString(80, 'a')).code(), Error::kNoSuchIntent);
 }
 
 TEST_F(Intents, FailWhenTheOwnerDiesBeforeItAnswers) {
   const auto owner = Owner("Fatal", "die");
-  EXPECT_EQ(Invoke("Fatal").code(), Error::kIntentFailed);
+  const Error error = Invoke("Fatal");
+  EXPECT_EQ(error.code(), Error::kIntentFailed);
+  EXPECT_THAT(error.message().toStdString(),
+              testing::ContainsRegex("'Fatal' failed: its owner, process [0-9]+ "));
 }
 
 TEST_F(Intents, FailWhenTheOwnerAnswersNonsense) {
@@ -185,6 +191,66 @@ TEST_F(Intents, AnswerWithTheFirstReplyEvenLaterAndFromAnotherThread) {
     EXPECT_EQ(replies.objects.size(), 1U);
     EXPECT_EQ(replies.objects.at(0)["n"], 1);
   });
+}
+
+TEST_F(Intents, FailWhenTheOwnerKeepsTheReplyAndDropALateOne) {
+  const auto owner = Owner("Kept", "keep");
+  const ScopedVariable timeout("RUNTIME_MANAGER_INTENT_TIMEOUT", "1");
+  IntentsInvoker invoker;
+  Replies replies(&invoker);
+  invoker.invoke("Kept", {}, {});
+  ASSERT_TRUE(replies.WaitFor(1));
+  EXPECT_EQ(replies.errors[0].code(), Error::kIntentFailed);
+  EXPECT_THAT(
+      replies.errors[0].message().toStdString(),
+      testing::ContainsRegex("'Kept' failed: its owner, process [0-9]+ \\('owner'\\), has not "
+                             "answered for 1 s \\(RUNTIME_MANAGER_INTENT_TIMEOUT sets"));
+  RunFor(1000);
+  EXPECT_EQ(replies.errors.size(), 1U) << "a late reply";
+  invoker.invoke("Kept", {}, {{"n", 2}});
+  ASSERT_TRUE(replies.WaitFor(2));
+  EXPECT_EQ(replies.objects[1]["parameters"], QJsonValue(QJsonObject{{"n", 2}}));
+}
+
+TEST_F(Intents, SayOnceThatTheirLimitIsNoNumber) {
+  const WarningCatcher warnings;
+  for (const char* wrong : {"soon", "0", "86401", "-1", "1.5"}) {
+    const ScopedVariable timeout("RUNTIME_MANAGER_INTENT_TIMEOUT", wrong);
+    Invoke("Nobody");
+    Invoke("Nobody");
+    EXPECT_EQ(warnings.Count(QString("RUNTIME_MANAGER_INTENT_TIMEOUT is '%1': it must be a number "
+                                     "of seconds from 1 to 86400; the default of 30 holds")
+                                 .arg(wrong)),
+              1);
+  }
+}
+
+TEST_F(Intents, HaveNoHandlerWhenItIsEmpty) {
+  IN_A_PROCESS_OF_ITS_OWN([this] {
+    RuntimeDispatcher::instance()->registerIntent("Empty", {});
+    EXPECT_THAT(Invoke("Empty").message().toStdString(), HasSubstr("without an answer"));
+  });
+}
+
+TEST_F(Intents, QuoteTheOwnersWordsEscapedAndCut) {
+  ASSERT_EQ(Invoke("Rude").code(), Error::kNoSuchIntent);
+  const int listening = ListenOn(Socket("Rude"));
+  IntentsInvoker invoker;
+  Replies replies(&invoker);
+  for (const QByteArray& words : {QByteArray("\\u001b[2J\\nforged"), QByteArray(100'000, 'x')}) {
+    replies.errors.clear();
+    invoker.invoke("Rude", {}, {});
+    const int peer = ::accept(listening, nullptr, nullptr);
+    const QByteArray line = "{\"error\":\"" + words + "\"}\n";
+    ASSERT_EQ(::send(peer, line.constData(), std::size_t(line.size()), 0), line.size());
+    ASSERT_TRUE(replies.WaitFor(1));
+    EXPECT_THAT(replies.errors[0].message().toStdString(),
+                testing::AnyOf(testing::EndsWith("failed: \\x1b[2J\\nforged"),
+                               testing::EndsWith("xxx...")));
+    EXPECT_LT(replies.errors[0].message().size(), 1100);
+    ::close(peer);
+  }
+  ::close(listening);
 }
 
 TEST_F(Intents, TellTheInvokerThatTheOwnerLetGo) {
@@ -289,6 +355,13 @@ TEST_F(Intents, SayThatThereIsNoProgramToOpenUris) {
   EXPECT_EQ(Open("https://example.com").code(), Error::kUriHandlerFailed);
 }
 
+TEST_F(Intents, GiveTheProgramThatOpensUrisALimitOfItsOwn) {
+  SetHandler("sleep 2");
+  const ScopedVariable timeout("RUNTIME_MANAGER_INTENT_TIMEOUT", "1");
+  const Error error = Open("https://example.com");
+  EXPECT_FALSE(error.isError()) << error.message().toStdString();
+}
+
 TEST_F(Intents, UseXdgOpenWhenNoProgramIsChosen) {
   AddShellTask("xdg-open", "echo \"$1\" > $WORLD/out");
   const ScopedVariable unset("RUNTIME_MANAGER_URI_HANDLER", QByteArray());
@@ -309,6 +382,21 @@ TEST_F(Intents, PassOnValidAbsoluteUrisOnly) {
   EXPECT_EQ(Invoke("OpenURI", {{"uri", 5}}).code(), Error::kInvalidArgument);
   EXPECT_EQ(Invoke("OpenURI", {}).code(), Error::kInvalidArgument);
   EXPECT_FALSE(QFile::exists(PathOf("out")));
+}
+
+TEST_F(Intents, PassOnValidAbsoluteUrisOnlyToAnOwnerToo) {
+  const auto owner = Owner("OpenURI");
+  for (const QString& uri : {QString(), QString("relative"), QString("https://example.com/\n")}) {
+    EXPECT_EQ(Open(uri).code(), Error::kInvalidArgument) << uri.toStdString();
+  }
+  EXPECT_EQ(Invoke("OpenURI", {{"uri", 5}}).code(), Error::kInvalidArgument);
+  // Nor by a connection that asks nobody.
+  const int socket = ConnectTo(Socket("OpenURI"));
+  const QByteArray line = "{\"first\":{},\"second\":{\"uri\":\"relative\"}}\n";
+  ASSERT_EQ(::send(socket, line.constData(), std::size_t(line.size()), 0), line.size());
+  EXPECT_THAT(ReadLineFrom(socket).toStdString(),
+              HasSubstr("{\"error\":\"'relative' cannot be opened"));
+  ::close(socket);
 }
 
 TEST_F(Intents, LetTheProgramThatShowsTheUriLiveOn) {

@@ -8,6 +8,7 @@
 #include <QtCore/QFile>
 #include <QtCore/QJsonDocument>
 #include <csignal>
+#include <cstring>
 
 #include "kit.h"
 
@@ -34,7 +35,12 @@ TEST_F(ProcessTest, TellsTheTaskBySigtermThatItsStarterHasDied) {
   starter.Kill();
   EXPECT_TRUE(WaitForFile(PathOf("end"), "term"));
   starter.Wait();
-  // What the crash left behind is swept by the next starter.
+  // What the crash left behind is swept by the next starter, once the task is gone, too.
+  EXPECT_TRUE(RunUntil([&line] {
+    const int socket = ConnectTo(line.mid(static_cast<int>(std::strlen("started "))));
+    ::close(socket);
+    return socket < 0;
+  }));
   EXPECT_EQ(SocketFiles().size(), 1);
   Process next(HELPER, {"start", "task", "exit"});
   next.ReadLine();

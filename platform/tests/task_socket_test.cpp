@@ -1,11 +1,15 @@
 // The sockets of tasks: where they are, who may use them, and when they go.
 #include <RuntimeManager/Task.h>
 #include <gmock/gmock.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <QtCore/QDir>
 #include <QtCore/QFile>
+#include <algorithm>
+#include <vector>
 
 #include "kit.h"
 
@@ -26,6 +30,22 @@ class TaskSocket : public PlatformTest {
     Outcomes started;
     task.start(started.Recorder());
     return started.Wait();
+  }
+  // Connections that nobody accepts, as many as the socket takes.
+  static std::vector<int> FillQueue(const QString& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const QByteArray name = path.toUtf8();
+    std::copy(name.begin(), name.end(), address.sun_path);
+    std::vector<int> sockets;
+    int result = 0;
+    while (result == 0) {
+      sockets.push_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+      result =
+          ::connect(sockets.back(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    }
+    EXPECT_EQ(errno, EAGAIN);
+    return sockets;
   }
   static mode_t Mode(const QString& path) {
     struct stat facts {};
@@ -156,6 +176,38 @@ TEST_F(TaskSocket, WorksUnderAPathThatNoSocketAddressCanHold) {
   messaging.sendMessage(Data("far away"));
   ASSERT_TRUE(inbox.WaitFor(1));
   EXPECT_EQ(inbox.messages[0], Data("far away"));
+}
+
+// Which does not see the process that the name of the socket tells of.
+TEST_F(TaskSocket, IsLeftAloneByAProcessOfAnotherPidNamespace) {
+  const QStringList apart = {"--pid", "--fork", "--mount-proc"};
+  if (Process("/usr/bin/unshare", apart + QStringList{"true"}).Wait() != 0) {
+    GTEST_SKIP() << "only root can make a pid namespace";
+  }
+  AddHelperTask("echo");
+  Task task("echo");
+  task.withIpcSocket(true);
+  ExpectStarts(task);
+  const QString stale = RuntimeFolder() + "/4194305-77-1.sock";
+  ::close(ListenOn(stale));
+  // A socket whose queue is full, of a process that the namespace does not show either.
+  const QString busy = RuntimeFolder() + "/4194305-77-2.sock";
+  const int listening = ListenOn(busy);
+  const std::vector<int> waiting = FillQueue(busy);
+
+  Process stranger("/usr/bin/unshare", apart + QStringList{HELPER, "start", "task", "exit"});
+  EXPECT_THAT(stranger.ReadLine(), testing::StartsWith("started "));
+  EXPECT_EQ(stranger.Wait(), 0);
+  EXPECT_FALSE(QFile::exists(stale));
+  EXPECT_TRUE(QFile::remove(busy));
+  TaskMessaging messaging(task.socketPath());
+  Inbox inbox(&messaging);
+  messaging.sendMessage(Data("still there"));
+  EXPECT_TRUE(inbox.WaitFor(1));
+  for (const int socket : waiting) {
+    ::close(socket);
+  }
+  ::close(listening);
 }
 
 TEST_F(TaskSocket, IsSweptWhenACrashLeftItBehindAndNoOther) {
