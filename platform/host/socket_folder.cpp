@@ -105,7 +105,8 @@ struct CloseDirectory {
 void Sweep(const SocketFolder& folder) {
   // A descriptor of its own: the position in the folder is part of what a duplicate shares.
   UniqueFd own(::openat(folder.Descriptor(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  const std::unique_ptr<DIR, CloseDirectory> directory(::fdopendir(own.Get()));
+  const std::unique_ptr<DIR, CloseDirectory> directory(own.IsValid() ? ::fdopendir(own.Get())
+                                                                     : nullptr);
   if (directory == nullptr) {
     Warn(QString("cannot look for left-behind sockets in '%1': %2")
              .arg(folder.PathOf("."), ErrnoText(errno)));

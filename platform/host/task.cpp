@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "child_process.h"
+#include "exec_failure.h"
 #include "socket_folder.h"
 #include "support.h"
 #include "task_finder.h"
@@ -48,6 +49,7 @@ class Task::Private {
   const QString name;
   bool has_socket = false;
   QStringList arguments;
+  QByteArray program;  // its path
   QString socket_path;
   SocketFile socket_file;
   std::shared_ptr<ChildProcess> process;
@@ -105,7 +107,8 @@ UniqueFd Task::Private::MakeSocket(Error* error) {
 Error Task::Private::Start() {
   Error error;
   host::SpawnRequest request;
-  request.program = host::FindTask(name, &error).toUtf8();
+  program = host::FindTask(name, &error).toUtf8();
+  request.program = program;
   if (!error.isError()) {
     error = MakeArguments(&request);
   }
@@ -182,19 +185,8 @@ void Task::Private::OnEnded(const ChildEnd& end) {
     OnRanAndEnded(end);
     return;
   }
-  const char* hint = "";
-  if (end.exec_error == ENOENT) {
-    hint = " (the interpreter or loader that it names is missing)";
-  }
-  if (end.exec_error == ENOEXEC) {
-    hint = " (it is no program of this machine, nor a script with #!)";
-  }
-  if (end.exec_error == E2BIG) {
-    hint = " (its arguments and the environment are too long)";
-  }
-  OnNeverRan(host::SystemError(
-      Error::kStartFailed, QString("the program of the task '%1' cannot be run%2").arg(name, hint),
-      end.exec_error));
+  OnNeverRan({Error::kStartFailed, QString("the task '%1' cannot be started: %2")
+                                       .arg(name, host::ExecFailureText(program, end.exec_error))});
 }
 
 void Task::Private::OnNeverRan(const Error& error) {

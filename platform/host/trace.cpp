@@ -20,26 +20,44 @@ namespace {
 
 constexpr mode_t kTraceMode = 0600;  // messages are nobody else's business
 
-bool IsRegularFile(int file) {
-  struct stat facts {};
-  return ::fstat(file, &facts) == 0 && S_ISREG(facts.st_mode);
+QString WhyNotOpen(int error_number) {
+  // Of a pipe without a reader.
+  if (error_number == ENXIO) {
+    return QStringLiteral("it is not a regular file, and writing to it could block the process");
+  }
+  return error_number == ELOOP ? QStringLiteral("it is a symbolic link") : ErrnoText(error_number);
 }
 
+// Why an open file is not fit for the record; empty when it is, and it is then closed to others.
 // Only a regular file takes everything at once: a pipe or a terminal makes its writer wait for a
 // reader, and kills one that has lost it.
+QString WhyUnfit(int file) {
+  struct stat facts {};
+  if (::fstat(file, &facts) != 0) {
+    return ErrnoText(errno);
+  }
+  if (!S_ISREG(facts.st_mode)) {
+    return WhyNotOpen(ENXIO);
+  }
+  if (facts.st_uid != ::geteuid()) {
+    return QString("it belongs to the user with id %1, and messages are nobody else's business")
+        .arg(facts.st_uid);
+  }
+  return ::fchmod(file, kTraceMode) == 0
+             ? QString()
+             : "it cannot be closed to other users: " + ErrnoText(errno);
+}
+
 UniqueFd OpenFile(const QByteArray& path, QString* why_not) {
-  // A pipe is not waited for here either.
-  constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+  // A link may lead into any file of the user's. A pipe is not waited for here either.
+  constexpr int kFlags =
+      O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
   UniqueFd file(::open(path.constData(), kFlags, kTraceMode));
-  if (!file.IsValid()) {
-    *why_not = ErrnoText(errno);
+  *why_not = file.IsValid() ? WhyUnfit(file.Get()) : WhyNotOpen(errno);
+  if (!why_not->isEmpty()) {
+    file.Reset();
   }
-  const bool is_odd = file.IsValid() ? !IsRegularFile(file.Get()) : errno == ENXIO;
-  if (!is_odd) {
-    return file;
-  }
-  *why_not = QStringLiteral("it is not a regular file, and writing to it could block the process");
-  return {};
+  return file;
 }
 
 int OpenTrace() {

@@ -4,6 +4,7 @@
 #include <QtCore/QUrl>
 #include <utility>
 
+#include "exec_failure.h"
 #include "support.h"
 #include "task_finder.h"
 
@@ -56,7 +57,8 @@ Error UriOpener::Start(const QString& uri) {
     return bad_uri;
   }
   SpawnRequest request;
-  request.program = FindProgram(program_).toUtf8();
+  path_ = FindProgram(program_).toUtf8();
+  request.program = path_;
   if (request.program.isEmpty()) {
     return HandlerError(program_, "is not in the folders of PATH");
   }
@@ -74,7 +76,7 @@ Error UriOpener::Start(const QString& uri) {
 
 void UriOpener::OnEnded(const ChildEnd& end) {
   if (end.exec_error != 0) {
-    Finish(HandlerError(program_, "cannot be run: " + ErrnoText(end.exec_error)));
+    Finish(HandlerError(program_, "fails: " + ExecFailureText(path_, end.exec_error)));
     return;
   }
   Finish(end.succeeded ? Error() : HandlerError(program_, end.how));

@@ -32,7 +32,8 @@ class UriOpener {
   void OnEnded(const ChildEnd& end);
   void Finish(const Error& error);
 
-  QString program_;
+  QString program_;  // as it was chosen
+  QByteArray path_;
   std::function<void(const Error&)> done_;
   std::shared_ptr<ChildProcess> process_;
   QTimer settled_;

@@ -352,7 +352,10 @@ TEST_F(Intents, SayThatThereIsNoProgramToOpenUris) {
   const ScopedVariable chosen("RUNTIME_MANAGER_URI_HANDLER", "no-such-program");
   EXPECT_THAT(Open("https://example.com").message().toStdString(), HasSubstr("'no-such-program'"));
   const ScopedVariable absolute("RUNTIME_MANAGER_URI_HANDLER", "/no/such/program");
-  EXPECT_EQ(Open("https://example.com").code(), Error::kUriHandlerFailed);
+  const Error error = Open("https://example.com");
+  EXPECT_EQ(error.code(), Error::kUriHandlerFailed);
+  EXPECT_THAT(error.message().toStdString(),
+              HasSubstr("'/no/such/program' cannot be run: No such file or directory"));
 }
 
 TEST_F(Intents, GiveTheProgramThatOpensUrisALimitOfItsOwn) {

@@ -1,7 +1,5 @@
 // What only a whole process can show: its death, its exit, its environment, its record.
-#include <fcntl.h>
 #include <gmock/gmock.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <QtCore/QDir>
@@ -149,45 +147,6 @@ TEST_F(ProcessTest, WorksOnWhenTheRecordCannotBeOpened) {
   AddHelperTask("echo");
   Process starter(HELPER, {"talk", "echo"});
   EXPECT_EQ(starter.Wait(), 0);
-}
-
-// A message and its answer, with a record that goes into something else than a file.
-class OddRecord : public ProcessTest {
- protected:
-  void SetUp() override {
-    ProcessTest::SetUp();
-    AddHelperTask("echo");
-    ASSERT_EQ(::mkfifo(PathOf("fifo").toUtf8().constData(), 0600), 0);
-  }
-  // What the starter and its task write to their standard error.
-  QByteArray WordsOfATalk(const QString& record) {
-    const ScopedVariable trace("RUNTIME_MANAGER_TRACE", record.toUtf8());
-    StderrPipe pipe;
-    Process starter(HELPER, {"talk", "echo"});
-    EXPECT_EQ(starter.Wait(), 0);
-    return pipe.ReadToEnd();
-  }
-};
-
-TEST_F(OddRecord, IsRefusedWithOneWarningOfEachProcess) {
-  EXPECT_EQ(WordsOfATalk(PathOf("fifo")).count("is not a regular file"), 2);
-  EXPECT_EQ(WordsOfATalk("/dev/fd/2").count("is not a regular file"), 2);
-  const int reader = ::open(PathOf("fifo").toUtf8().constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  EXPECT_EQ(WordsOfATalk(PathOf("fifo")).count("is not a regular file"), 2);
-  EXPECT_EQ(ReadToEnd(reader), "");
-  ::close(reader);
-}
-
-TEST_F(OddRecord, DoesNotKillAProcessWhoseStandardErrorIsClosed) {
-  const auto before = std::signal(SIGPIPE, SIG_DFL);
-  for (const char* record : {"/dev/fd/2", "/no/such/folder/trace"}) {
-    const ScopedVariable trace("RUNTIME_MANAGER_TRACE", record);
-    StderrPipe pipe;
-    pipe.CloseReadEnd();
-    Process starter(HELPER, {"talk", "echo"});
-    EXPECT_EQ(starter.Wait(), 0) << record;
-  }
-  std::signal(SIGPIPE, before);
 }
 
 }  // namespace

@@ -136,8 +136,44 @@ TEST_F(TaskTest, SaysWhyTheProgramCannotRun) {
   const Error error = StartError("task");
   EXPECT_EQ(error.code(), Error::kStartFailed);
   EXPECT_THAT(Text(error), HasSubstr("'task'"));
-  EXPECT_THAT(Text(error), HasSubstr("interpreter"));
-  EXPECT_THAT(Text(error), HasSubstr("No such file or directory"));
+  const std::string path = PathOf("tasks/task").toStdString();
+  EXPECT_THAT(Text(error), HasSubstr("'" + path +
+                                     "' cannot be run: No such file or directory; its interpreter "
+                                     "'/no/such/interpreter' cannot be used: No such file or "
+                                     "directory"));
+}
+
+TEST_F(TaskTest, SaysWhichInterpreterOfAScriptCannotBeUsed) {
+  AddShellTask("task", "");
+  const auto error_with = [this](const QByteArray& first_line) {
+    QFile file(PathOf("tasks/task"));
+    EXPECT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    file.write(first_line + "\nexit 0\n");
+    file.close();
+    return Text(StartError("task"));
+  };
+  EXPECT_THAT(error_with("#! \t/no/such/env -S python3"),
+              HasSubstr("interpreter '/no/such/env' cann"));
+  EXPECT_THAT(error_with("#!/etc/passwd"),
+              HasSubstr("its interpreter '/etc/passwd' cannot be used: Permission denied"));
+  EXPECT_THAT(error_with("#!/no/\x1b[2Jsuch\r"), HasSubstr("interpreter '/no/\\x1b[2Jsuch"));
+  EXPECT_THAT(error_with("neither"), HasSubstr("it is no program of this machine, nor a script"));
+}
+
+// A copy of the helper with the path of its loader changed.
+TEST_F(TaskTest, SaysWhichLoaderOfABinaryIsMissing) {
+  AddShellTask("task", "");
+  QByteArray binary = ReadFile(HELPER);
+  const int at = binary.indexOf("/ld-linux");
+  ASSERT_GT(at, 0);
+  binary.replace(at, 9, "/no-linux");
+  QFile file(PathOf("tasks/task"));
+  ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+  file.write(binary);
+  file.close();
+  EXPECT_THAT(
+      Text(StartError("task")),
+      testing::ContainsRegex("its interpreter '/.*/no-linux[^']*' cannot be used: No such"));
 }
 
 TEST_F(TaskTest, EmitsNothingForATaskThatNeverRan) {
@@ -478,9 +514,11 @@ TEST_F(TaskTest, SaysThatItIsOutOfDescriptors) {
   Task task("task");
   task.withIpcSocket(true);
   Outcomes started;
+  const WarningCatcher warnings;
   ::setrlimit(RLIMIT_NOFILE, &tight);
   task.start(started.Recorder());
   ::setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_EQ(warnings.Count("Bad file descriptor"), 0) << "the cause, not what follows from it";
   EXPECT_THAT(Text(started.Wait()), HasSubstr("Too many open files"));
 }
 

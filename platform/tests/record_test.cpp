@@ -1,0 +1,123 @@
+// The file of the record: which may be used, and what is said about one that may not.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <QtCore/QFile>
+#include <csignal>
+
+#include "kit.h"
+
+namespace kit {
+namespace {
+
+// A message and its answer between two processes, which share the record.
+class RecordFile : public PlatformTest {
+ protected:
+  void SetUp() override {
+    PlatformTest::SetUp();
+    AddHelperTask("echo");
+  }
+  // What the starter and its task write to their standard error.
+  QByteArray WordsOfATalk(const QString& record) {
+    const ScopedVariable trace("RUNTIME_MANAGER_TRACE", record.toUtf8());
+    StderrPipe pipe;
+    Process starter(HELPER, {"talk", "echo"});
+    EXPECT_EQ(starter.Wait(), 0);
+    return pipe.ReadToEnd();
+  }
+  void Write(const QString& name, const QByteArray& text) {
+    QFile file(PathOf(name));
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(text);
+  }
+  mode_t Mode(const QString& name) {
+    struct stat facts {};
+    EXPECT_EQ(::stat(PathOf(name).toUtf8().constData(), &facts), 0);
+    return facts.st_mode & 07777U;
+  }
+};
+
+TEST_F(RecordFile, IsClosedToOtherUsersWhateverTheUmask) {
+  for (const mode_t mask : {mode_t{0}, mode_t{0777}}) {
+    QFile::remove(PathOf("trace"));
+    const mode_t before = ::umask(mask);
+    EXPECT_EQ(WordsOfATalk(PathOf("trace")), "");
+    ::umask(before);
+    EXPECT_EQ(Mode("trace"), 0600U);
+    EXPECT_EQ(ReadFile(PathOf("trace")).count('\n'), 4);
+  }
+}
+
+TEST_F(RecordFile, ThatIsThereAlreadyIsContinuedAndClosedToOtherUsers) {
+  Write("trace", "{}\n");
+  ASSERT_EQ(::chmod(PathOf("trace").toUtf8().constData(), 0666), 0);
+  EXPECT_EQ(WordsOfATalk(PathOf("trace")), "");
+  EXPECT_EQ(Mode("trace"), 0600U);
+  EXPECT_TRUE(ReadFile(PathOf("trace")).startsWith("{}\n{"));
+}
+
+TEST_F(RecordFile, IsNeverReachedByASymbolicLink) {
+  Write("target", "precious");
+  ASSERT_TRUE(QFile::link(PathOf("target"), PathOf("trace")));
+  EXPECT_EQ(WordsOfATalk(PathOf("trace")).count("it is a symbolic link"), 2);
+  EXPECT_EQ(ReadFile(PathOf("target")), "precious");
+  ASSERT_TRUE(QFile::link(PathOf("nowhere"), PathOf("dangling")));
+  EXPECT_EQ(WordsOfATalk(PathOf("dangling")).count("it is a symbolic link"), 2);
+  EXPECT_FALSE(QFile::exists(PathOf("nowhere")));
+}
+
+TEST_F(RecordFile, OfSomebodyElseIsLeftAlone) {
+  if (::geteuid() != 0) {
+    GTEST_SKIP() << "only root can give a file away";
+  }
+  Write("trace", "precious");
+  ASSERT_EQ(::chown(PathOf("trace").toUtf8().constData(), 65534, 65534), 0);
+  ASSERT_EQ(::chmod(PathOf("trace").toUtf8().constData(), 0666), 0);
+  EXPECT_EQ(WordsOfATalk(PathOf("trace")).count("it belongs to the user with id 65534"), 2);
+  EXPECT_EQ(ReadFile(PathOf("trace")), "precious");
+  EXPECT_EQ(Mode("trace"), 0666U);
+}
+
+TEST_F(RecordFile, ThatCannotBeOpenedIsSaidOnceByEachProcess) {
+  const QByteArray words = WordsOfATalk("/no/such/folder/trace");
+  EXPECT_EQ(words.count("no record is kept: RUNTIME_MANAGER_TRACE '/no/such/folder/trace' cannot "
+                        "be used: No such file or directory"),
+            2)
+      << words.toStdString();
+}
+
+TEST_F(RecordFile, IsNoPipe) {
+  ASSERT_EQ(::mkfifo(PathOf("fifo").toUtf8().constData(), 0600), 0);
+  EXPECT_EQ(WordsOfATalk(PathOf("fifo")).count("is not a regular file"), 2);
+  const int reader = ::open(PathOf("fifo").toUtf8().constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  EXPECT_EQ(WordsOfATalk(PathOf("fifo")).count("is not a regular file"), 2);
+  EXPECT_EQ(ReadToEnd(reader), "");
+  ::close(reader);
+}
+
+TEST_F(RecordFile, OfNoUseDoesNotKillAProcessWhoseStandardErrorIsClosed) {
+  const auto before = std::signal(SIGPIPE, SIG_DFL);
+  for (const char* record : {"/dev/fd/2", "/no/such/folder/trace"}) {
+    const ScopedVariable trace("RUNTIME_MANAGER_TRACE", record);
+    StderrPipe pipe;
+    pipe.CloseReadEnd();
+    Process starter(HELPER, {"talk", "echo"});
+    EXPECT_EQ(starter.Wait(), 0) << record;
+  }
+  std::signal(SIGPIPE, before);
+}
+
+TEST_F(RecordFile, OfNoUseDoesNotStopAProcessWhoseStandardErrorTakesNothing) {
+  const ScopedVariable trace("RUNTIME_MANAGER_TRACE", "/no/such/folder/trace");
+  StderrPipe pipe;
+  pipe.Fill();
+  const Rescuer rescuer(pipe);
+  Process starter(HELPER, {"talk", "echo"});
+  EXPECT_EQ(starter.Wait(), 0);
+  EXPECT_FALSE(rescuer.WasNeeded());
+}
+
+}  // namespace
+}  // namespace kit
