@@ -31,6 +31,34 @@ class EncodableValue;
 using EncodableList = std::vector<EncodableValue>;
 using EncodableMap = std::map<EncodableValue, EncodableValue>;
 
+#ifdef __cpp_impl_three_way_comparison
+namespace internal {
+
+// Says whether two lists differ. Works as a bool, but is none to std::equality_comparable.
+class Difference {
+ public:
+  struct Negation {
+    bool holds;
+    explicit operator bool() const { return holds; }
+  };
+
+  explicit Difference(bool is_there) : is_there_(is_there) {}
+  operator bool() const { return is_there_; }
+  Negation operator!() const { return {!is_there_}; }
+
+ private:
+  bool is_there_;
+};
+
+}  // namespace internal
+
+// From C++20 on, a variant has a <=> if each of its alternatives has one. Whether EncodableList has
+// one depends on whether EncodableValue does, which is a variant with that alternative: compilers
+// refuse such a circle. This operator keeps them out of it, as a type without an equality that the
+// standard library knows cannot have a <=>. Values and lists are compared as in C++17.
+inline internal::Difference operator!=(const EncodableList& a, const EncodableList& b);
+#endif
+
 // A value of the application's own. The standard serializer cannot write it: derive a serializer
 // that does. Copies share one payload, which never changes; two custom values are equal, and
 // equivalent in order, only when they share it. Any thread may read it.
@@ -159,6 +187,12 @@ class TARV_EXPORT EncodableValue : public internal::EncodableVariant {
   friend bool operator>(const EncodableValue& a, const EncodableValue& b) { return b < a; }
   friend bool operator>=(const EncodableValue& a, const EncodableValue& b) { return b <= a; }
 };
+
+#ifdef __cpp_impl_three_way_comparison
+inline internal::Difference operator!=(const EncodableList& a, const EncodableList& b) {
+  return internal::Difference(!(a == b));
+}
+#endif
 
 // The value under the string `key`, or null when the map has none. Valid until the entry goes.
 TARV_EXPORT const EncodableValue* Find(const EncodableMap& map, std::string_view key);
