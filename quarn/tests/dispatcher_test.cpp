@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 #include <quarn/dispatcher.h>
 
+#include <functional>
 #include <memory>
 
 #include "support/capture.h"
 #include "support/log_line.h"
+#include "virtual_table.h"
 
 namespace {
 
@@ -32,6 +34,15 @@ TEST(EmptyDispatcher, IsAnotherInstanceForEachCaller) {
   const auto second = IDispatcher::CreateEmpty();
   EXPECT_NE(first, second);
   EXPECT_EQ(first.use_count(), 1);
+}
+
+TEST(IDispatcher, HasInvokeInItsThirdSlot) {
+  const auto dispatcher = IDispatcher::CreateEmpty();
+  IDispatcher* const interface = dispatcher.get();
+  const std::function<void()> task = [] {};
+  using Call = void(IDispatcher*, const std::function<void()>&, unsigned int);
+  EXPECT_THAT(StdoutOf([&] { VirtualFunction<Call>(interface, 2)(interface, task, 0); }),
+              IsLogLine("warn", "EmptyDispatcher::Invoke(): no-op method invoked."));
 }
 
 }  // namespace

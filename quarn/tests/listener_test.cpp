@@ -11,6 +11,8 @@
 #include <thread>
 #include <vector>
 
+#include "virtual_table.h"
+
 namespace {
 
 using IntListener = quarn::CppStyleListener<int>;
@@ -42,6 +44,42 @@ TEST(CppStyleListener, DestroysItsTargetAfterInvokeOnce) {
   listener.InvokeOnce(1);
   EXPECT_TRUE(alive_inside);
   EXPECT_TRUE(watched.expired());
+}
+
+TEST(CppStyleListener, KeepsTheStateOfItsTargetFromCallToCall) {
+  std::vector<int> heard;
+  const IntListener listener([&heard, calls = 0](int) mutable { heard.push_back(++calls); });
+  listener.Invoke(0);
+  listener.Invoke(0);
+  listener.Invoke(0);
+  EXPECT_EQ(heard, (std::vector<int>{1, 2, 3}));
+}
+
+TEST(CppStyleListener, HasLetItsTargetGoAfterAOneShotCallThatThrows) {
+  auto captured = std::make_shared<int>(0);
+  const std::weak_ptr<int> watched = captured;
+  int calls = 0;
+  IntListener listener([captured = std::move(captured), &calls](int) {
+    ++calls;
+    throw std::runtime_error("from the target");
+  });
+  EXPECT_THROW(listener.InvokeOnce(1), std::runtime_error);
+  EXPECT_TRUE(watched.expired());
+  EXPECT_NO_THROW(listener.Invoke(2));
+  EXPECT_NO_THROW(listener.InvokeOnce(3));
+  EXPECT_EQ(calls, 1);
+}
+
+TEST(IListener, HasInvokeInItsThirdSlotAndInvokeOnceInItsFourth) {
+  std::vector<int> heard;
+  IntListener listener([&heard](int value) { heard.push_back(value); });
+  quarn::IListener<int>* const interface = &listener;
+  using Call = void(const void*, int);
+  VirtualFunction<Call>(interface, 2)(interface, 1);
+  VirtualFunction<Call>(interface, 2)(interface, 2);
+  VirtualFunction<Call>(interface, 3)(interface, 3);
+  VirtualFunction<Call>(interface, 2)(interface, 4);
+  EXPECT_EQ(heard, (std::vector<int>{1, 2, 3}));
 }
 
 TEST(CppStyleListener, SkipsAnEmptyTarget) {
@@ -288,6 +326,9 @@ TEST(CStyleListener, ReleasesWhenItsCallbackThrows) {
   EXPECT_EQ(data.releases, 0);
   EXPECT_THROW(listener.InvokeOnce(2), std::runtime_error);
   EXPECT_EQ(data.releases, 1);
+  EXPECT_NO_THROW(listener.Invoke(3));
+  EXPECT_NO_THROW(listener.InvokeOnce(4));
+  EXPECT_EQ(data.heard, (std::vector<int>{1, 2}));
 }
 
 TEST(CStyleListener, ReleasesNothingInsideItsCallback) {

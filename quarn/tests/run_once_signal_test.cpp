@@ -71,6 +71,15 @@ TEST_F(RunOnceSignalTest, CallsALateSubscriberOnlyOnceInItsLife) {
   EXPECT_THAT(heard_, ElementsAre("late:1"));
 }
 
+TEST_F(RunOnceSignalTest, SubscribesNoNullListener) {
+  EXPECT_EQ(signal_.Subscribe(nullptr), 0U);
+  signal_.SubscribeWeak(std::weak_ptr<IntListener>());
+  signal_.Subscribe(Recorder("a"));
+  signal_.Emit(1);
+  EXPECT_EQ(signal_.Subscribe(nullptr), 0U);
+  EXPECT_THAT(heard_, ElementsAre("a:1"));
+}
+
 TEST_F(RunOnceSignalTest, DrawsSubscriptionIdsFromTheProcessCounter) {
   const std::uint64_t before = quarn::details::CounterClient::GenerateId();
   EXPECT_EQ(signal_.Subscribe(Recorder("a")), before + 1);

@@ -3,6 +3,7 @@
 #include <quarn/signal.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -39,6 +40,28 @@ TEST_F(SignalTest, DrawsSubscriptionIdsFromTheProcessCounter) {
   const std::uint64_t before = quarn::details::CounterClient::GenerateId();
   EXPECT_EQ(signal_.Subscribe(Recorder("a")), before + 1);
   EXPECT_EQ(signal_.Subscribe(Recorder("b")), before + 2);
+}
+
+TEST_F(SignalTest, SubscribesNoNullListener) {
+  EXPECT_EQ(signal_.Subscribe(nullptr), 0U);
+  signal_.SubscribeWeak(std::weak_ptr<IntListener>());
+  signal_.Subscribe(Recorder("a"));
+  signal_.Emit(1);
+  EXPECT_THAT(heard_, ElementsAre("a:1"));
+}
+
+TEST_F(SignalTest, TakesAsLongForASubscriptionHoweverManyThereAre) {
+  // Copying the earlier ones each time would take minutes.
+  constexpr int kSubscriptions = 200'000;
+  int calls = 0;
+  const auto listener = Listen([&calls](int) { ++calls; });
+  const auto begin = std::chrono::steady_clock::now();
+  for (int i = 0; i < kSubscriptions; ++i) {
+    signal_.Subscribe(listener);
+    ASSERT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20)) << i;
+  }
+  signal_.Emit(1);
+  EXPECT_EQ(calls, kSubscriptions);
 }
 
 TEST_F(SignalTest, KeepsItsListenersAliveUntilTheyUnsubscribe) {

@@ -1,4 +1,6 @@
-// A program of its own: here the dynamic loader fails without saying why.
+// A program of its own: here the dynamic loader fails without saying why, and writes down how it is
+// asked.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <quarn/library.h>
 
@@ -7,8 +9,28 @@
 
 #include "support/capture.h"
 
-// NOLINTNEXTLINE(bugprone-reserved-identifier): the linker wants this name
-extern "C" char* __wrap_dlerror() { return nullptr; }
+namespace {
+
+std::string opened_path;
+int opened_flags = 0;
+
+}  // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker wants these names
+extern "C" {
+
+char* __wrap_dlerror() { return nullptr; }
+
+void* __real_dlopen(const char* path, int flags);
+
+void* __wrap_dlopen(const char* path, int flags) {
+  opened_path = path;
+  opened_flags = flags;
+  return __real_dlopen(path, flags);
+}
+
+}  // extern "C"
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
 
@@ -33,6 +55,12 @@ TEST(SilentLoader, RaisesALogicErrorWhenALibraryDoesNotLoad) {
       [&error] { error = LogicErrorOf([] { Library::Create("/nonexistent/libnothing.so"); }); });
   EXPECT_EQ(error, kNullText);
   EXPECT_EQ(log, "");
+}
+
+TEST(SilentLoader, IsAskedForThePathWithNoFlagButToResolveAllNow) {
+  ASSERT_NE(Library::Create(QUARN_SAMPLE_LIBRARY), nullptr);
+  EXPECT_EQ(opened_path, QUARN_SAMPLE_LIBRARY);
+  EXPECT_EQ(opened_flags, RTLD_NOW);
 }
 
 TEST(SilentLoader, RaisesALogicErrorWhenASymbolIsNotThere) {

@@ -4,13 +4,10 @@
 
 #include <quarn/sized_struct.h>
 
-#include <atomic>
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
-#include <thread>
 #include <utility>
 
 namespace quarn {
@@ -28,78 +25,42 @@ class IListener {
   virtual void InvokeOnce(Args... args) = 0;
 };
 
-namespace details {
-
-// One atomic operation, if nobody else wants it: for moments.
-class LoneLock {
- public:
-  // NOLINTBEGIN(readability-identifier-naming): what std::unique_lock calls
-  // Not while somebody waits in lock().
-  bool try_lock() {
-    return !wanted_.load(std::memory_order_relaxed) &&
-           !taken_.exchange(true, std::memory_order_acquire);
-  }
-  void lock() {
-    while (taken_.exchange(true, std::memory_order_acquire)) {
-      wanted_.store(true, std::memory_order_relaxed);
-      // Not a yield, which would keep a holder of lower priority from getting done.
-      std::this_thread::sleep_for(std::chrono::microseconds(1));
-    }
-    wanted_.store(false, std::memory_order_relaxed);
-  }
-  void unlock() { taken_.store(false, std::memory_order_release); }
-  // NOLINTEND(readability-identifier-naming)
-
- private:
-  std::atomic<bool> taken_{false};
-  std::atomic<bool> wanted_{false};
-};
-
-}  // namespace details
-
 // A listener around a std::function; an empty one is called as if it did nothing. Any thread: the
-// target runs outside the lock, and of several concurrent InvokeOnce exactly one reaches it.
+// function runs outside the lock, and of several concurrent InvokeOnce exactly one reaches it. It is
+// called where it lies, so that one with state keeps its state from call to call.
 template <class... Args>
 class CppStyleListener : public IListener<Args...> {
  public:
   explicit CppStyleListener(std::function<void(const Args&...)> target)
-      : target_(std::move(target)) {}
+      : target_(target ? std::make_shared<const Target>(std::move(target)) : nullptr) {}
 
   void Invoke(Args... args) const override {
-    if (const Target target = GetTarget()) {
-      target(args...);
+    if (const auto target = GetTarget()) {
+      (*target)(args...);
     }
   }
 
   void InvokeOnce(Args... args) override {
-    if (const Target target = TakeTarget()) {
-      target(args...);
+    if (const auto target = TakeTarget()) {
+      (*target)(args...);
     }
   }
 
  private:
   using Target = std::function<void(const Args&...)>;
 
-  Target GetTarget() const {
-    const std::unique_lock lone(lone_, std::try_to_lock);
-    if (lone.owns_lock()) {
-      return target_;
-    }
+  std::shared_ptr<const Target> GetTarget() const {
     const std::shared_lock lock(mutex_);
     return target_;
   }
 
-  Target TakeTarget() {
-    const std::lock_guard lone(lone_);  // first, so that who reads by it may come back in
+  std::shared_ptr<const Target> TakeTarget() {
     const std::unique_lock lock(mutex_);
     return std::exchange(target_, nullptr);
   }
 
-  // Whoever reads holds either of these, who takes the target holds both. The first is for a reader
-  // without company, at half the price; readers who meet share the second.
-  mutable details::LoneLock lone_;
   mutable std::shared_mutex mutex_;
-  Target target_;
+  std::shared_ptr<const Target> target_;
 };
 
 // A listener around a C slot: a callback, a function that releases the user data, the user data.

@@ -28,8 +28,12 @@ class RunOnceSignal : public details::CounterClient {
   RunOnceSignal& operator=(const RunOnceSignal&) = delete;
 
   // Before the emission: keeps `listener` until then and returns the subscription's id. After it:
-  // calls `listener` at once, on this thread, with the arguments of the emission and returns 0.
+  // calls `listener` at once, on this thread, with the arguments of the emission and returns 0. A
+  // null listener is not subscribed: 0.
   std::uint64_t Subscribe(const std::shared_ptr<Listener>& listener) {
+    if (!listener) {
+      return 0;
+    }
     std::unique_lock lock(mutex_);
     if (!emitted_) {
       const std::uint64_t id = GenerateId();
@@ -52,7 +56,7 @@ class RunOnceSignal : public details::CounterClient {
 
   // Ends a subscription that has not been served yet; any other id changes nothing.
   void Unsubscribe(std::uint64_t id) {
-    std::shared_ptr<Listener> listener;  // dies after the lock is released
+    std::shared_ptr<Listener> listener;  // destroyed after unlocking
     const std::unique_lock lock(mutex_);
     if (emitted_) {
       return;

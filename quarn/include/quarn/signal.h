@@ -28,12 +28,16 @@ class Signal : public details::CounterClient {
   Signal& operator=(const Signal&) = delete;
 
   // Keeps `listener` and calls it at each emission that begins from now on, until Unsubscribe with
-  // the id returned here. The id is drawn from the process's counter.
+  // the id returned here. The id is drawn from the process's counter. A null listener is not
+  // subscribed: the id is then 0.
   std::uint64_t Subscribe(const std::shared_ptr<Listener>& listener) {
+    if (!listener) {
+      return 0;
+    }
     const std::uint64_t id = GenerateId();
     const std::unique_lock lock(order_->mutex);
     owned_.emplace(id, listener);
-    order_->Append({id, listener});
+    order_->entries.push_back({id, listener});
     return id;
   }
 
@@ -42,7 +46,7 @@ class Signal : public details::CounterClient {
   std::uint64_t SubscribeWeak(const std::weak_ptr<Listener>& listener) {
     const std::uint64_t id = GenerateId();
     const std::unique_lock lock(order_->mutex);
-    order_->Append({id, listener});
+    order_->entries.push_back({id, listener});
     return id;
   }
 
@@ -50,7 +54,7 @@ class Signal : public details::CounterClient {
   // the listener, and neither does one under way that has not reached it, unless somebody else
   // keeps it alive.
   void Unsubscribe(std::uint64_t id) {
-    std::shared_ptr<Listener> listener;  // dies after the lock is released
+    std::shared_ptr<Listener> listener;  // destroyed after unlocking
     const std::unique_lock lock(order_->mutex);
     order_->EraseIf([id](const Entry& entry) { return entry.id == id; });
     const auto found = owned_.find(id);
@@ -68,16 +72,16 @@ class Signal : public details::CounterClient {
   // the caller.
   void EmitImpl(Args... args) const {
     // From the first call on, neither the signal nor what the emitter passed in need be there.
-    const Snapshot snapshot = order_->Get();
+    const std::shared_ptr<Order> order = order_;
     bool seen_dead = false;
-    for (const Entry& entry : snapshot->entries) {
+    for (const Entry& entry : order->Copy()) {
       if (const auto listener = entry.listener.lock()) {
         listener->Invoke(args...);
       } else {
         seen_dead = true;
       }
     }
-    if (const auto order = seen_dead ? snapshot->order.lock() : nullptr) {
+    if (seen_dead) {
       const std::unique_lock lock(order->mutex);
       order->EraseIf([](const Entry& entry) { return entry.listener.expired(); });
     }
@@ -89,49 +93,25 @@ class Signal : public details::CounterClient {
     std::weak_ptr<Listener> listener;
   };
 
-  struct Order;
-
-  // Entries that never change: an emission shares them instead of copying them.
-  struct Entries {
-    std::vector<Entry> entries;
-    std::weak_ptr<Order> order;  // whose they are; dead when the signal is
-  };
-  using Snapshot = std::shared_ptr<const Entries>;
-
-  // The order of emission.
+  // Whom an emission calls, in this order.
   struct Order {
-    Snapshot Get() const {
+    std::vector<Entry> Copy() const {
       const std::shared_lock lock(mutex);
-      return snapshot;
-    }
-
-    // With the mutex held.
-    void Append(Entry entry) {
-      auto changed = std::make_shared<Entries>(*snapshot);
-      changed->entries.push_back(std::move(entry));
-      snapshot = std::move(changed);
+      return entries;
     }
 
     // With the mutex held.
     template <class Predicate>
     void EraseIf(Predicate predicate) {
-      auto changed = std::make_shared<Entries>(*snapshot);
-      auto& entries = changed->entries;
       entries.erase(std::remove_if(entries.begin(), entries.end(), predicate), entries.end());
-      snapshot = std::move(changed);
     }
 
-    mutable std::shared_mutex mutex;  // guards which entries there are, and the signal's `owned_`
-    Snapshot snapshot;
+    mutable std::shared_mutex mutex;  // guards the entries, and the signal's `owned_`
+    std::vector<Entry> entries;
   };
 
-  static std::shared_ptr<Order> MakeOrder() {
-    auto order = std::make_shared<Order>();
-    order->snapshot = std::make_shared<const Entries>(Entries{{}, order});
-    return order;
-  }
-
-  std::shared_ptr<Order> order_ = MakeOrder();
+  // Shared with the emissions that are under way.
+  const std::shared_ptr<Order> order_ = std::make_shared<Order>();
   // What keeps the listeners alive, by subscription.
   std::unordered_map<std::uint64_t, std::shared_ptr<Listener>> owned_;
 };
