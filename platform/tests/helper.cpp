@@ -43,12 +43,16 @@ int Echo() {
   return QCoreApplication::exec();
 }
 
-// Answers the first message with 20 MiB, and is gone.
-int FloodAndExit() {
+// Answers the first message with 5 MiB, and is gone: by exit(), or without a word.
+int FloodAndExit(bool at_once) {
   auto* messaging = new TaskMessaging(RuntimeDispatcher::instance()->localServerSocket());
-  QObject::connect(messaging, &TaskMessaging::messageReceived, messaging, [messaging] {
+  QObject::connect(messaging, &TaskMessaging::messageReceived, messaging, [messaging, at_once] {
     for (int i = 0; i < 5; ++i) {
       messaging->sendData(QByteArray(1 << 20, static_cast<char>('a' + i)));
+    }
+    if (at_once) {
+      Note("flooded", "");
+      ::_exit(0);
     }
     std::exit(0);
   });
@@ -260,7 +264,7 @@ int main(int count, char** arguments) {
     return AnswerWithoutThreads();
   }
   if (verb == "flood") {
-    return FloodAndExit();
+    return FloodAndExit(words.value(2) == "at-once");
   }
   if (verb == "start") {
     return StartTask(words.value(2), words.value(3), words.value(4));

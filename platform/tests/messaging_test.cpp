@@ -203,6 +203,26 @@ TEST_F(Messaging, OfATaskThatExitsAtOnceArriveWhole) {
   }
 }
 
+// Nobody reads until the task is gone.
+TEST_F(Messaging, ThatWaitInATaskAreLostWhenItEndsAtOnce) {
+  AddHelperTask("flood");
+  Task task("flood");
+  task.withIpcSocket(true);
+  task.withArguments({"flood", "at-once"});
+  Outcomes finished;
+  QObject::connect(&task, &Task::finished, finished.Recorder());
+  ExpectStarts(task);
+  TaskMessaging messaging(task.socketPath());
+  Inbox inbox(&messaging);
+  messaging.sendMessage(Data("go"));
+  for (int i = 0; i < 60000 && !QFile::exists(PathOf("flooded")); ++i) {
+    ::usleep(1000);
+  }
+  EXPECT_THAT(finished.Wait().message().toStdString(), HasSubstr("exited with status 0"));
+  EXPECT_TRUE(inbox.disconnects.Wait().isError());
+  EXPECT_TRUE(inbox.messages.empty()) << "a message that is cut short";
+}
+
 // The first is answered, the second ends the process; both come in one read.
 TEST_F(Messaging, AnsweredBeforeTheOneThatEndsTheTaskAreNotLost) {
   AddHelperTask("task");
