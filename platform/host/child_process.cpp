@@ -1,22 +1,16 @@
 #include "child_process.h"
 
 #include <poll.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QThread>
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
-#include <cstring>
-#include <mutex>
-#include <set>
 #include <utility>
-#include <vector>
 
+#include "process_exit.h"
 #include "support.h"
 
 namespace RuntimeManager::host {
@@ -32,15 +26,6 @@ constexpr int kLastWordsMs = 3000;
 // How often a child is looked after where processes have no descriptors.
 constexpr int kPollMs = 20;
 
-int OpenPidfd(pid_t pid) {
-#ifdef SYS_pidfd_open
-  return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0U));
-#else
-  static_cast<void>(pid);
-  return -1;
-#endif
-}
-
 QString Describe(const siginfo_t& info) {
   if (info.si_code == CLD_EXITED) {
     return QString("exited with status %1").arg(info.si_status);
@@ -51,47 +36,6 @@ QString Describe(const siginfo_t& info) {
 
 }  // namespace
 
-// The children that nobody owns any more, until they are reaped; and those whose last words wait
-// for a standard error that takes nothing. One per process, any thread.
-class Orphanage {
- public:
-  static Orphanage& Get() {
-    // Never destroyed: it is needed until the very end of the process.
-    static Orphanage* const orphanage = [] {
-      std::atexit([] { Get().EndAll(); });
-      return new Orphanage;
-    }();
-    return *orphanage;
-  }
-  void Add(std::shared_ptr<ChildProcess> child) {
-    const std::lock_guard lock(mutex_);
-    children_.insert(std::move(child));
-  }
-  void Remove(const std::shared_ptr<ChildProcess>& child) {
-    const std::lock_guard lock(mutex_);
-    children_.erase(child);
-  }
-
- private:
-  // At exit: whoever was asked to end and does not is ended, and last words are forwarded. Objects
-  // of other threads are left alone; only processes are dealt with.
-  void EndAll() {
-    if (owner_ != ::getpid()) {
-      return;
-    }
-    const std::lock_guard lock(mutex_);
-    for (const auto& child : children_) {
-      if (child->reaped_ || child->since_terminate_.isValid()) {
-        child->EndNow();
-      }
-    }
-  }
-
-  const pid_t owner_ = ::getpid();
-  std::mutex mutex_;
-  std::set<std::shared_ptr<ChildProcess>> children_;
-};
-
 int ChildProcess::Start(const SpawnRequest& request, Callbacks callbacks,
                         std::shared_ptr<ChildProcess>* child) {
   Spawned spawned;
@@ -99,15 +43,17 @@ int ChildProcess::Start(const SpawnRequest& request, Callbacks callbacks,
   if (error_number != 0) {
     return error_number;
   }
-  child->reset(new ChildProcess(std::move(spawned), std::move(callbacks)));
+  child->reset(
+      new ChildProcess(std::move(spawned), request.dies_with_starter, std::move(callbacks)));
+  ProcessExit::Get().AddChild(*child);
   (*child)->Watch();
   return 0;
 }
 
-ChildProcess::ChildProcess(Spawned spawned, Callbacks callbacks)
-    : pid_(spawned.pid),
+ChildProcess::ChildProcess(Spawned spawned, bool ends_with_starter, Callbacks callbacks)
+    : handle_(spawned.pid),
+      ends_with_starter_(ends_with_starter),
       callbacks_(std::move(callbacks)),
-      pidfd_(OpenPidfd(spawned.pid)),
       exec_status_(std::move(spawned.exec_status)),
       stderr_(std::move(spawned.stderr_pipe)) {
   since_start_.start();
@@ -118,47 +64,22 @@ void ChildProcess::Watch() {
   exec_notifier_ = std::make_unique<QuietNotifier>(exec_status_.Get(), [this] { OnExecStatus(); });
   grace_.setSingleShot(true);
   grace_.setTimerType(Qt::PreciseTimer);
-  QObject::connect(&grace_, &QTimer::timeout, &context_, [this] { Signal(SIGKILL); });
+  QObject::connect(&grace_, &QTimer::timeout, &context_, [this] { handle_.Signal(SIGKILL); });
   QObject::connect(&poll_, &QTimer::timeout, &context_, [this] { OnMaybeEnded(); });
-  if (!pidfd_.IsValid()) {
+  if (handle_.GetDescriptor() < 0) {
     poll_.start(kPollMs);
     return;
   }
-  ended_notifier_ = std::make_unique<QuietNotifier>(pidfd_.Get(), [this] { OnMaybeEnded(); });
+  ended_notifier_ =
+      std::make_unique<QuietNotifier>(handle_.GetDescriptor(), [this] { OnMaybeEnded(); });
 }
 
 int ChildProcess::Terminate(bool kill) {
-  if (reaped_) {
-    return 0;
+  const int error_number = kill ? handle_.Signal(SIGKILL) : handle_.AskToEnd();
+  if (error_number == 0 && !end_told_ && !grace_.isActive()) {
+    grace_.start(kGraceMs);
   }
-  const int error_number = Signal(kill ? SIGKILL : SIGTERM);
-  if (error_number != 0 || since_terminate_.isValid()) {
-    return error_number;
-  }
-  since_terminate_.start();
-  grace_.start(kGraceMs);
-  return 0;
-}
-
-int ChildProcess::Signal(int signal) {
-#ifdef SYS_pidfd_send_signal
-  if (pidfd_.IsValid() &&
-      ::syscall(SYS_pidfd_send_signal, pidfd_.Get(), signal, nullptr, 0U) == 0) {
-    return 0;
-  }
-  if (pidfd_.IsValid() && errno != ENOSYS) {
-    return errno == ESRCH ? 0 : errno;
-  }
-#endif
-  // The number is safe to use while the process waits to be reaped here, and only then.
-  siginfo_t info{};
-  if (::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) != 0) {
-    return 0;
-  }
-  if (info.si_pid != 0 || ::kill(pid_, signal) == 0) {
-    return 0;
-  }
-  return errno == ESRCH ? 0 : errno;
+  return error_number;
 }
 
 void ChildProcess::OnExecStatus() {
@@ -185,15 +106,12 @@ void ChildProcess::OnExecStatus() {
 
 void ChildProcess::OnMaybeEnded() {
   const auto self = shared_from_this();
-  if (reaped_ || !Reap()) {
+  if (end_told_ || !handle_.Reap()) {
     return;
   }
-  grace_.stop();
-  poll_.stop();
-  if (ended_notifier_ != nullptr) {
-    ended_notifier_->SetEnabled(false);
-  }
-  pidfd_.Reset();
+  end_told_ = true;
+  DescribeEnd();
+  StopWatching();
   if (exec_status_.IsValid()) {
     OnExecStatus();
   }
@@ -203,65 +121,51 @@ void ChildProcess::OnMaybeEnded() {
   if (on_ended) {
     on_ended(end_);
   }
-  if (!stderr_.HasPending()) {
-    Orphanage::Get().Remove(self);
+}
+
+void ChildProcess::StopWatching() {
+  grace_.stop();
+  poll_.stop();
+  if (ended_notifier_ != nullptr) {
+    ended_notifier_->SetEnabled(false);
   }
+  handle_.CloseDescriptor();
 }
 
 // What this process's standard error does not take yet may outlive the Task.
 void ChildProcess::FinishStderr() {
-  stderr_.Finish([weak = weak_from_this()] {
+  const auto remove = [weak = weak_from_this()] {
     if (const auto self = weak.lock()) {
-      Orphanage::Get().Remove(self);
+      ProcessExit::Get().RemoveChild(self);
     }
-  });
-  if (stderr_.HasPending()) {
-    Keep();
+  };
+  stderr_.Finish(remove);
+  if (!stderr_.HasPending()) {
+    remove();
   }
 }
 
-bool ChildProcess::Reap() {
-  siginfo_t info{};
-  const int result = RetryOnEintr(
-      [this, &info] { return ::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG); });
-  if (result == 0 && info.si_pid == 0) {
-    return false;
-  }
-  reaped_ = true;
-  end_.succeeded = result == 0 && info.si_code == CLD_EXITED && info.si_status == 0;
-  // The application ignores SIGCHLD, or has waited for every child itself.
-  end_.killed = result == 0 && info.si_code != CLD_EXITED;
-  end_.how =
-      result == 0 ? Describe(info) : QString("ended, and the application took its exit status,");
+void ChildProcess::DescribeEnd() {
+  const std::optional<siginfo_t> info = handle_.GetEnd();
+  end_.succeeded = info && info->si_code == CLD_EXITED && info->si_status == 0;
+  end_.killed = info && info->si_code != CLD_EXITED;
+  end_.how = info ? Describe(*info) : QString("ended, and the application took its exit status,");
   end_.how += " after " + DurationText(since_start_.elapsed());
-  return true;
 }
 
 void ChildProcess::Abandon() {
+  if (IsForkedCopy()) {
+    return;
+  }
   callbacks_ = {};
-  if (reaped_) {
+  if (end_told_ || Terminate(false) != 0 || HasEventLoop()) {
     return;
   }
-  if (Terminate(false) != 0) {
-    Keep();
-    return;
-  }
-  if (!HasEventLoop()) {
-    EndNow();
-    return;
-  }
-  Keep();
+  EndAll({shared_from_this()});
+  ProcessExit::Get().RemoveChild(shared_from_this());
 }
 
-void ChildProcess::LetGo() {
-  callbacks_ = {};
-  let_go_ = true;
-  if (!reaped_ && HasEventLoop()) {
-    Keep();
-  }
-}
-
-void ChildProcess::Keep() { Orphanage::Get().Add(shared_from_this()); }
+void ChildProcess::LetGo() { callbacks_ = {}; }
 
 void ChildProcess::WatchEventLoop() {
   const auto on_gone = [weak = weak_from_this()] {
@@ -280,47 +184,101 @@ void ChildProcess::WatchEventLoop() {
 
 // Nothing would wake this object any more, not even to reap: what shall end, ends now. That goes
 // for a process whose Task still lives, too, for instance because it awaits its deferred deletion.
+// The first child of the thread that hears of it ends them all.
 void ChildProcess::OnEventLoopGone() {
-  callbacks_ = {};
-  if (!let_go_) {
-    if (!reaped_ && !since_terminate_.isValid()) {
-      since_terminate_.start();
-      Signal(SIGTERM);
-    }
-    EndNow();
+  if (IsForkedCopy()) {
+    return;
   }
-  Orphanage::Get().Remove(shared_from_this());
+  const auto self = shared_from_this();
+  callbacks_ = {};
+  ProcessExit::Get().EndChildrenOfThisThread();
+  ProcessExit::Get().RemoveChild(self);
 }
 
-void ChildProcess::EndNow() {
-  if (!reaped_ && !WaitUntil(kGraceMs)) {
-    Signal(SIGKILL);
-    WaitUntil(since_terminate_.elapsed() + kKillMs);
+// Children that are waited for together.
+class ChildProcess::Ending {
+ public:
+  explicit Ending(const std::vector<std::shared_ptr<ChildProcess>>& children);
+  void AskAll();
+  void KillAll();
+  // Until all are gone, or the time is over.
+  void Wait(int limit_ms);
+  void ForwardLastWords();
+
+ private:
+  void ForgetReaped();
+  void WaitForNews(int limit_ms);
+
+  std::vector<ChildProcess*> all_;
+  std::vector<ChildProcess*> left_;
+};
+
+ChildProcess::Ending::Ending(const std::vector<std::shared_ptr<ChildProcess>>& children) {
+  for (const auto& child : children) {
+    if (child->ends_with_starter_) {
+      all_.push_back(child.get());
+    }
   }
-  if (IsInItsThread()) {
-    stderr_.FinishNow(kLastWordsMs);
+  left_ = all_;
+}
+
+void ChildProcess::Ending::AskAll() {
+  for (ChildProcess* child : left_) {
+    child->handle_.AskToEnd();
   }
+}
+
+void ChildProcess::Ending::KillAll() {
+  for (ChildProcess* child : left_) {
+    child->handle_.Signal(SIGKILL);
+  }
+}
+
+void ChildProcess::Ending::Wait(int limit_ms) {
+  QElapsedTimer since;
+  since.start();
+  for (ForgetReaped(); !left_.empty() && since.elapsed() < limit_ms; ForgetReaped()) {
+    WaitForNews(static_cast<int>(limit_ms - since.elapsed()));
+  }
+}
+
+void ChildProcess::Ending::ForgetReaped() {
+  const auto is_reaped = [](ChildProcess* child) { return child->handle_.Reap(); };
+  left_.erase(std::remove_if(left_.begin(), left_.end(), is_reaped), left_.end());
 }
 
 // A task that writes while it ends goes on when that is read.
-bool ChildProcess::WaitUntil(qint64 deadline_ms) {
-  const bool reads = IsInItsThread();
-  while (!Reap()) {
-    const qint64 left = deadline_ms - since_terminate_.elapsed();
-    if (left <= 0) {
-      return false;
-    }
-    // What has no descriptor is passed over.
-    std::array<pollfd, 2> events{{{pidfd_.Get(), POLLIN, 0}, {-1, POLLIN, 0}}};
-    if (reads) {
-      events[1].fd = stderr_.WaitsFor();
-    }
-    ::poll(events.data(), events.size(), static_cast<int>(std::min<qint64>(left, kPollMs)));
-    if (reads) {
-      stderr_.Pump();
+void ChildProcess::Ending::WaitForNews(int limit_ms) {
+  std::vector<pollfd> events;  // what has no descriptor is passed over
+  for (const ChildProcess* child : left_) {
+    events.push_back({child->handle_.GetDescriptor(), POLLIN, 0});
+    if (child->IsInItsThread()) {
+      events.push_back({child->stderr_.WaitsFor(), POLLIN, 0});
     }
   }
-  return true;
+  ::poll(events.data(), events.size(), std::clamp(limit_ms, 0, kPollMs));
+  for (ChildProcess* child : left_) {
+    if (child->IsInItsThread()) {
+      child->stderr_.Pump();
+    }
+  }
+}
+
+void ChildProcess::Ending::ForwardLastWords() {
+  for (ChildProcess* child : all_) {
+    if (child->IsInItsThread()) {
+      child->stderr_.FinishNow(kLastWordsMs);
+    }
+  }
+}
+
+void ChildProcess::EndAll(const std::vector<std::shared_ptr<ChildProcess>>& children) {
+  Ending ending(children);
+  ending.AskAll();
+  ending.Wait(kGraceMs);
+  ending.KillAll();
+  ending.Wait(kKillMs);
+  ending.ForwardLastWords();
 }
 
 }  // namespace RuntimeManager::host

@@ -11,7 +11,9 @@
 #include <functional>
 #include <memory>
 #include <thread>
+#include <vector>
 
+#include "child_handle.h"
 #include "quiet_notifier.h"
 #include "spawn.h"
 #include "stderr_relay.h"
@@ -45,7 +47,14 @@ class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
-  pid_t GetPid() const { return pid_; }
+  // Ends them: all are asked at once, one grace period holds for all, and those that are left then
+  // are killed. Waits here. Of children of other threads only the processes are dealt with; those
+  // that are to outlive this process are left alone.
+  static void EndAll(const std::vector<std::shared_ptr<ChildProcess>>& children);
+
+  pid_t GetPid() const { return handle_.GetPid(); }
+  // Whether the calling thread is the one that this object belongs to.
+  bool IsInItsThread() const { return thread_ == std::this_thread::get_id(); }
   // Asks the process to end, and makes it end if it does not within the grace period, or at once
   // with `kill`. An error number when it cannot be signalled; 0 also when it has ended already.
   int Terminate(bool kill);
@@ -56,40 +65,33 @@ class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
   void LetGo();
 
  private:
-  friend class Orphanage;
-  ChildProcess(Spawned spawned, Callbacks callbacks);
+  class Ending;
+
+  ChildProcess(Spawned spawned, bool ends_with_starter, Callbacks callbacks);
   void Watch();
-  // In the orphanage, whatever becomes of the owner.
-  void Keep();
   void WatchEventLoop();
   void OnEventLoopGone();
-  int Signal(int signal);
   void OnExecStatus();
   void OnMaybeEnded();
+  void StopWatching();
   void FinishStderr();
-  bool Reap();
-  // Whether the calling thread is the one that this object belongs to.
-  bool IsInItsThread() const { return thread_ == std::this_thread::get_id(); }
-  void EndNow();
-  bool WaitUntil(qint64 deadline_ms);
+  void DescribeEnd();
 
-  const pid_t pid_;
+  ChildHandle handle_;
+  const bool ends_with_starter_;
   const std::thread::id thread_ = std::this_thread::get_id();
   Callbacks callbacks_;
-  UniqueFd pidfd_;  // invalid on systems without them; then a timer asks
   UniqueFd exec_status_;
   StderrRelay stderr_;
   QObject context_;
   QTimer grace_;
   QTimer poll_;
   QElapsedTimer since_start_;
-  QElapsedTimer since_terminate_;
   std::unique_ptr<QuietNotifier> ended_notifier_;
   std::unique_ptr<QuietNotifier> exec_notifier_;
   ChildEnd end_;
   bool running_told_ = false;
-  bool let_go_ = false;
-  bool reaped_ = false;
+  bool end_told_ = false;
 };
 
 }  // namespace RuntimeManager::host

@@ -1,11 +1,8 @@
 #include "line_buffer.h"
 
-#include <sys/mman.h>
-#include <unistd.h>
+#include <quarn/large_memory.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdint>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -19,21 +16,6 @@ namespace {
 constexpr std::size_t kFirstCapacity = std::size_t{256} << 10U;
 // What an idle connection keeps after a large line; a line of that size is worth to be detached.
 constexpr std::size_t kKeptCapacity = std::size_t{1} << 20U;
-// What has whole large pages inside.
-constexpr std::size_t kLargeCapacity = std::size_t{4} << 20U;
-
-// Spares hundreds of page faults for each mebibyte that will be read, where the system has large
-// pages to give; it is no error where it has none.
-void AskForLargePages(char* data, std::size_t size) {
-  if (size < kLargeCapacity) {
-    return;
-  }
-  static const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
-  const std::uintptr_t before = (page - reinterpret_cast<std::uintptr_t>(data) % page) % page;
-  const int error = errno;
-  ::madvise(data + before, (size - before) / page * page, MADV_HUGEPAGE);
-  errno = error;
-}
 
 }  // namespace
 
@@ -42,7 +24,7 @@ bool LineBuffer::Reserve(std::size_t capacity) {
     // Large blocks are moved by the kernel's page tables, not copied.
     data_.reserve(static_cast<int>(capacity));
     data_.resize(static_cast<int>(capacity));
-    AskForLargePages(data_.data(), capacity);
+    quarn::ExpectFilling(data_.data(), capacity);
   } catch (const std::bad_alloc&) {
     return false;
   }
@@ -71,42 +53,14 @@ LineBuffer::Room LineBuffer::MakeRoom() {
     data_ = QByteArray();
     capacity_ = 0;
   }
-  if (end_ + cut_ == capacity_) {
-    CutHead();
-    if (!Reserve(std::min(most, NextCapacity()))) {
-      return {};
-    }
+  if (end_ == capacity_ && !Reserve(std::min(most, NextCapacity()))) {
+    return {};
   }
-  return {data_.data() + end_, capacity_ - cut_ - end_};
-}
-
-bool LineBuffer::BeginsAsData() const {
-  return Rest(begin_).substr(0, kDataHead.size()) == kDataHead;
-}
-
-// The text of a line that grows large then lies where its array will begin, and need not be moved
-// there. The room for the head stays free.
-void LineBuffer::CutHead() {
-  if (cut_ > 0 || is_other_ || !BeginsAsData()) {
-    return;
-  }
-  cut_ = kDataHead.size();
-  std::memmove(data_.data(), data_.data() + cut_, end_ - cut_);
-  end_ -= cut_;
-  searched_ -= cut_;
-}
-
-void LineBuffer::RestoreHead() {
-  std::memmove(data_.data() + cut_, data_.data(), end_);
-  std::copy_n(kDataHead.data(), cut_, data_.data());
-  end_ += cut_;
-  searched_ += cut_;
-  cut_ = 0;
+  return {data_.data() + end_, capacity_ - end_};
 }
 
 void LineBuffer::BeginLine(std::size_t at) {
   begin_ = searched_ = at;
-  cut_ = 0;
   is_other_ = false;
 }
 
@@ -114,16 +68,14 @@ bool LineBuffer::TakeLine(Line* line) { return is_other_ ? TakeOther(line) : Tak
 
 // Looks for the end of a data line: the one search finds it, and that the text is plain.
 LineBuffer::Found LineBuffer::FindDataEnd() {
-  if (cut_ == 0) {
-    const std::string_view head = Rest(begin_).substr(0, kDataHead.size());
-    if (head != kDataHead.substr(0, head.size())) {
-      return Found::kOther;
-    }
-    if (head.size() < kDataHead.size()) {
-      return Found::kNothingYet;
-    }
-    searched_ = std::max(searched_, begin_ + kDataHead.size());
+  const std::string_view head = Rest(begin_).substr(0, kDataHead.size());
+  if (head != kDataHead.substr(0, head.size())) {
+    return Found::kOther;
   }
+  if (head.size() < kDataHead.size()) {
+    return Found::kNothingYet;
+  }
+  searched_ = std::max(searched_, begin_ + kDataHead.size());
   searched_ += PlainPrefix(Rest(searched_));
   const std::string_view tail = Rest(searched_).substr(0, kDataEnd.size());
   if (tail != kDataEnd.substr(0, tail.size())) {
@@ -135,16 +87,13 @@ LineBuffer::Found LineBuffer::FindDataEnd() {
 bool LineBuffer::TakeData(Line* line) {
   const Found found = FindDataEnd();
   if (found == Found::kOther) {
-    if (cut_ > 0) {
-      RestoreHead();
-    }
     is_other_ = true;
     return TakeOther(line);
   }
   if (found == Found::kNothingYet) {
     return false;
   }
-  const std::size_t text = begin_ + kDataHead.size() - cut_;
+  const std::size_t text = begin_ + kDataHead.size();
   *line = {true, Rest(text).substr(0, searched_ - text)};
   BeginLine(searched_ + kDataEnd.size());
   return true;
@@ -161,22 +110,17 @@ bool LineBuffer::TakeOther(Line* line) {
   return true;
 }
 
-QByteArray LineBuffer::Detach(std::string_view text, QByteArray spare) {
+QByteArray LineBuffer::Detach(std::string_view text) {
   const int size = static_cast<int>(text.size());
   if (text.size() < kKeptCapacity) {
-    spare.reserve(size);  // from then on it keeps its memory when it shrinks
-    spare.resize(size);
-    std::memcpy(spare.data(), text.data(), text.size());
-    return spare;
+    return {text.data(), size};
   }
   last_large_ = text.size();
   QByteArray rest(data_.constData() + begin_, static_cast<int>(end_ - begin_));
   QByteArray detached = std::exchange(data_, std::move(rest));
   BeginLine(0);
   end_ = capacity_ = static_cast<std::size_t>(data_.size());
-  if (text.data() != detached.data()) {
-    std::memmove(detached.data(), text.data(), text.size());
-  }
+  std::memmove(detached.data(), text.data(), text.size());
   detached.resize(size);
   return detached;
 }

@@ -9,7 +9,7 @@
 namespace RuntimeManager::host {
 
 // Holds at most one byte more than the longest line. Every byte is searched once, and moved at most
-// once for each time that the buffer is filled.
+// once for each time that the buffer is filled. Belongs to one thread.
 class LineBuffer {
  public:
   struct Line {
@@ -33,12 +33,11 @@ class LineBuffer {
   bool TakeLine(Line* line);
   // Whether there are bytes behind the line that was taken last.
   bool HoldsMore() const { return end_ > begin_; }
-  // Makes the text that was taken last an array of its own, in the memory of `spare` if it is
-  // small. A large one is not copied: it takes the buffer's memory along. Invalidates every line
-  // that was handed out.
-  QByteArray Detach(std::string_view text, QByteArray spare);
+  // Makes the text that was taken last an array of its own. A large one takes the buffer's memory
+  // along, instead of a second one of its size. Invalidates every line that was handed out.
+  QByteArray Detach(std::string_view text);
   // Whether the line that has begun is too long already.
-  bool IsOverlong() const { return end_ - begin_ + cut_ > max_line_; }
+  bool IsOverlong() const { return end_ - begin_ > max_line_; }
 
  private:
   enum class Found { kLine, kOther, kNothingYet };
@@ -46,9 +45,6 @@ class LineBuffer {
   bool Reserve(std::size_t capacity);
   std::size_t NextCapacity() const;
   std::string_view Rest(std::size_t from) const { return {data_.constData() + from, end_ - from}; }
-  bool BeginsAsData() const;
-  void CutHead();
-  void RestoreHead();
   Found FindDataEnd();
   bool TakeData(Line* line);
   bool TakeOther(Line* line);
@@ -60,7 +56,6 @@ class LineBuffer {
   std::size_t begin_ = 0;
   std::size_t searched_ = 0;
   std::size_t end_ = 0;
-  std::size_t cut_ = 0;         // bytes that were taken off the front of the line that has begun
   bool is_other_ = false;       // it is no data line
   std::size_t last_large_ = 0;  // bytes of the last part that took the memory along
 };

@@ -1,94 +1,45 @@
 #include "line_channel.h"
 
-#include <poll.h>
 #include <sys/socket.h>
-#include <sys/uio.h>
 
+#include <QtCore/QThread>
 #include <algorithm>
-#include <array>
-#include <new>
+#include <cerrno>
 #include <optional>
 #include <utility>
 
 #include "envelope.h"
+#include "process_exit.h"
 #include "support.h"
 #include "trace.h"
 
 namespace RuntimeManager::host {
 namespace {
 
-// What one turn of the event loop reads, and writes of the queue, at most, so that a flood on one
+// What one turn of the event loop reads, and how long it runs handlers, at most: a flood on one
 // connection leaves time for timers and other connections.
 constexpr std::size_t kBytesPerTurn = std::size_t{1} << 20U;
+constexpr std::chrono::milliseconds kTurn{10};
 // What a drain reads at most. A socket holds far less; only a peer that goes on writing gets here.
 constexpr std::size_t kBytesPerDrain = std::size_t{64} << 20U;
-// Small messages that go out in one system call.
-constexpr std::size_t kPartsPerWrite = 64;
-// What of a text is worth to wait for a reader, how long it takes to copy a mebibyte, and how long
-// a reader that is not at it is waited for.
-constexpr std::size_t kWorthWaiting = std::size_t{256} << 10U;
-constexpr std::chrono::milliseconds kCopyTime{1};
-constexpr int kReaderPatienceMs = 2;
-// A text that may wait for others, and how much of them goes out together: the peer shall have
-// something to do meanwhile.
-constexpr std::size_t kMostHeld = std::size_t{1} << 10U;
-constexpr std::size_t kBatch = std::size_t{4} << 10U;
-// The longest text whose memory is kept for the next one.
-constexpr int kMostSpare = 4 << 10;
 // A peer that speaks another protocol shall not fill the log.
 constexpr int kMaxLineWarnings = 10;
 constexpr int kShownOfLine = 80;
 
-iovec PartOf(std::string_view text) { return {const_cast<char*>(text.data()), text.size()}; }
-
-ssize_t SendParts(int socket, iovec* parts, std::size_t count) {
-  msghdr message{};
-  message.msg_iov = parts;
-  message.msg_iovlen = count;
-  return ::sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-}
-
-// Ends the holding of messages, even when a handler throws.
-class HoldingScope {
- public:
-  explicit HoldingScope(bool* holding) : holding_(holding) {}
-  ~HoldingScope() { *holding_ = false; }
-  HoldingScope(const HoldingScope&) = delete;
-  HoldingScope& operator=(const HoldingScope&) = delete;
-
- private:
-  bool* holding_;
-};
+constexpr auto kNoLimit = std::chrono::steady_clock::time_point::max();
 
 }  // namespace
 
-// The line of a text, as far as it is not dealt with yet.
-class LineChannel::DataLine {
+// Corks the queue while the lines of one read are delivered, even when a handler throws.
+class LineChannel::CorkScope {
  public:
-  explicit DataLine(std::string_view text) : parts_{kDataHead, text, kDataEnd} {}
-
-  std::size_t Size() const { return parts_[0].size() + parts_[1].size() + parts_[2].size(); }
-  std::array<iovec, 3> Gather() const {
-    return {PartOf(parts_[0]), PartOf(parts_[1]), PartOf(parts_[2])};
-  }
-  void Skip(std::size_t size) {
-    for (std::string_view& part : parts_) {
-      const std::size_t here = std::min(size, part.size());
-      part.remove_prefix(here);
-      size -= here;
-    }
-  }
-  QByteArray Copy() const {
-    QByteArray bytes(static_cast<int>(Size()), Qt::Uninitialized);
-    char* out = bytes.data();
-    for (const std::string_view part : parts_) {
-      out = std::copy(part.begin(), part.end(), out);
-    }
-    return bytes;
-  }
+  explicit CorkScope(SendQueue* queue) : queue_(queue) {}
+  ~CorkScope() { queue_->Uncork(); }
+  CorkScope(const CorkScope&) = delete;
+  CorkScope& operator=(const CorkScope&) = delete;
 
  private:
-  std::array<std::string_view, 3> parts_;
+  SendQueue* queue_;
 };
 
 LineChannel::LineChannel(QString task, QString peer, Callbacks callbacks)
@@ -96,35 +47,43 @@ LineChannel::LineChannel(QString task, QString peer, Callbacks callbacks)
       peer_(std::move(peer)),
       limits_(ReadLimits()),
       callbacks_(std::move(callbacks)),
+      queue_(std::make_shared<SendQueue>(
+          task_, limits_.max_queue,
+          SendQueue::Callbacks{[this] { OnQueueFull(); },
+                               [this](int error_number) { OnSendError(error_number); }})),
       input_(limits_.max_message) {}
 
 void LineChannel::Attach(UniqueFd socket) {
   if (ended_) {
     return;
   }
-  socket_ = std::move(socket);
-  readable_ = std::make_unique<QSocketNotifier>(socket_.Get(), QSocketNotifier::Read);
-  writable_ = std::make_unique<QSocketNotifier>(socket_.Get(), QSocketNotifier::Write);
+  socket_ = socket.Get();
+  readable_ = std::make_unique<QSocketNotifier>(socket_, QSocketNotifier::Read);
+  writable_ = std::make_unique<QSocketNotifier>(socket_, QSocketNotifier::Write);
   writable_->setEnabled(false);
   QObject::connect(readable_.get(), &QSocketNotifier::activated, &context_,
                    [this] { OnReadable(); });
   QObject::connect(writable_.get(), &QSocketNotifier::activated, &context_,
                    [this] { OnWritable(); });
-  Flush();
+  queue_->Attach(std::move(socket));
 }
 
+void LineChannel::FlushAtExit(std::chrono::milliseconds patience) {
+  ProcessExit::Get().AddQueue(queue_, patience);
+}
+
+bool LineChannel::IsInItsThread() const { return context_.thread() == QThread::currentThread(); }
+
+// ---- Sending. Any thread. ----
+
 void LineChannel::Send(const QJsonObject& object) {
-  if (!MaySend()) {
-    return;
-  }
+  // One over the bound is not even encoded.
   std::optional<QByteArray> line = EncodeLine(object, limits_.max_message);
-  // One that is not even encoded is over the bound, too.
-  if (!Accepts(line ? static_cast<std::size_t>(line->size()) - 1 : limits_.max_message + 1)) {
+  if (line) {
+    Put(OutLine(*std::move(line)));
     return;
   }
-  Trace(task_, Direction::kSend, {{line->constData(), static_cast<std::size_t>(line->size()) - 1}});
-  WriteHeld();
-  Queue(*std::move(line));
+  EndTooLong();
 }
 
 void LineChannel::SendData(std::string_view text) {
@@ -132,191 +91,87 @@ void LineChannel::SendData(std::string_view text) {
     Send({{QStringLiteral("data"), QString::fromUtf8(text.data(), static_cast<int>(text.size()))}});
     return;
   }
-  if (!MaySend() || !Accepts(kDataHead.size() + text.size() + kDataTail.size())) {
+  if (kDataHead.size() + text.size() + kDataTail.size() <= limits_.max_message) {
+    Put(OutLine(text));
     return;
   }
-  Trace(task_, Direction::kSend, {kDataHead, text, kDataTail});
-  if (Hold(text)) {
-    return;
-  }
-  WriteHeld();
-  Write(DataLine(text));
+  EndTooLong();
 }
 
-// What the socket does not take is copied into the queue.
-void LineChannel::Write(DataLine line) {
-  const std::size_t size = line.Size();
-  if (queue_.empty() && socket_.IsValid()) {
-    WriteAtOnce(line);
+void LineChannel::Put(OutLine line) {
+  switch (queue_->Put(std::move(line))) {
+    case SendQueue::Outcome::kTaken:
+      return;
+    case SendQueue::Outcome::kTooMuch:
+      EndSoon({Error::kQueueFull, QString("%1 does not read: more than the %2 bytes that "
+                                          "RUNTIME_MANAGER_MAX_QUEUE sets would wait for it")
+                                      .arg(peer_)
+                                      .arg(limits_.max_queue)});
+      return;
+    case SendQueue::Outcome::kClosed:
+      if (!late_send_warned_.exchange(true)) {
+        Warn(QString("messages to %1 are dropped: its connection has ended").arg(peer_));
+      }
   }
-  if (line.Size() == 0) {
+}
+
+void LineChannel::OnQueueFull() {
+  if (!IsInItsThread()) {
+    Post(&context_, [this] { OnQueueFull(); });
     return;
   }
-  try {
-    Queue(line.Copy());
-  } catch (const std::bad_alloc&) {
-    if (line.Size() == size) {
-      throw;
-    }
+  if (!ended_ && writable_ != nullptr) {
+    writable_->setEnabled(true);
+  }
+}
+
+void LineChannel::OnSendError(int error_number) {
+  if (error_number == ENOMEM) {
     EndSoon({Error::kConnectionLost,
              QString("memory ran out in the middle of a message to %1").arg(peer_)});
+    return;
   }
+  EndSoon(SystemError(Error::kConnectionLost,
+                      QString("cannot write to %1, which may have ended").arg(peer_),
+                      error_number));
 }
 
-// A reader that is at it is waited for, no longer than copying the rest would take: that spares the
-// memory and the time of the copy.
-void LineChannel::WriteAtOnce(DataLine& line) const {
-  std::optional<std::chrono::steady_clock::time_point> deadline;
-  while (line.Size() > 0) {
-    auto parts = line.Gather();
-    const ssize_t size = RetryOnEintr(
-        [this, &parts] { return SendParts(socket_.Get(), parts.data(), parts.size()); });
-    if (size < 0 && errno != EAGAIN) {
-      return;  // the next try will meet it again
-    }
-    if (size > 0) {
-      line.Skip(static_cast<std::size_t>(size));
-      continue;
-    }
-    if (line.Size() < kWorthWaiting) {
-      return;
-    }
-    if (!deadline) {
-      deadline = std::chrono::steady_clock::now() + kCopyTime * (line.Size() >> 20U);
-    }
-    if (!IsBeingRead(*deadline)) {
-      return;
-    }
-  }
-}
-
-// Whether the peer has made room before it is too late.
-bool LineChannel::IsBeingRead(std::chrono::steady_clock::time_point deadline) const {
-  pollfd writable{socket_.Get(), POLLOUT, 0};
-  return std::chrono::steady_clock::now() < deadline &&
-         ::poll(&writable, 1, kReaderPatienceMs) == 1 && writable.revents == POLLOUT;
-}
-
-bool LineChannel::MaySend() {
-  if (!ended_ && !sending_ended_) {
-    return true;
-  }
-  if (!std::exchange(late_send_warned_, true)) {
-    Warn(QString("messages to %1 are dropped: its connection has ended").arg(peer_));
-  }
-  return false;
-}
-
-// Whether a line of `size` bytes, without its end, keeps within the bounds. Ends the channel if
-// not.
-bool LineChannel::Accepts(std::size_t size) {
-  if (size > limits_.max_message) {
-    EndSoon({Error::kMessageTooLong, QString("a message to %1 is over the bound of %2 bytes that "
-                                             "RUNTIME_MANAGER_MAX_MESSAGE sets")
-                                         .arg(peer_)
-                                         .arg(limits_.max_message)});
-    return false;
-  }
-  if (queued_ - front_sent_ + held_size_ + size + 1 > limits_.max_queue) {
-    WriteHeld();
-  }
-  if (queued_ - front_sent_ + size + 1 > limits_.max_queue) {
-    EndSoon({Error::kQueueFull, QString("%1 does not read: more than the %2 bytes that "
-                                        "RUNTIME_MANAGER_MAX_QUEUE sets would wait for it")
-                                    .arg(peer_)
-                                    .arg(limits_.max_queue)});
-    return false;
-  }
-  return true;
-}
-
-// Answers to the messages of one read go out together: a system call costs more than what else is
-// done for a small message. False for a text that is to go out now.
-bool LineChannel::Hold(std::string_view text) {
-  if (!holding_ && held_size_ == 0) {
-    return false;
-  }
-  if (text.size() > kMostHeld || !queue_.empty() || !WriteBatch::IsUsable()) {
-    return false;
-  }
-  if (held_ == nullptr) {
-    held_ = WriteBatch::Create(socket_.Get());
-  }
-  if (held_ == nullptr) {
-    return false;
-  }
-  held_->Put({kDataHead, text, kDataEnd});
-  held_size_ += DataLine(text).Size();
-  if (!holding_ || held_size_ >= kBatch) {
-    WriteHeld();
-  }
-  return true;
-}
-
-void LineChannel::WriteHeld() {
-  if (std::exchange(held_size_, 0) > 0 && !held_->Write()) {
-    Queue(held_->TakeRest());
-  }
-}
-
-void LineChannel::Queue(QByteArray bytes) {
-  const bool was_empty = queue_.empty();
-  Append(std::move(bytes));
-  if (was_empty && socket_.IsValid()) {
-    Flush();
-  }
-}
-
-void LineChannel::Append(QByteArray bytes) {
-  const auto size = static_cast<std::size_t>(bytes.size());
-  queue_.push_back(std::move(bytes));
-  queued_ += size;
-}
-
-void LineChannel::Drain() {
-  const auto self = shared_from_this();
-  Read(kBytesPerDrain, true);
+void LineChannel::EndTooLong() {
+  EndSoon({Error::kMessageTooLong, QString("a message to %1 is over the bound of %2 bytes that "
+                                           "RUNTIME_MANAGER_MAX_MESSAGE sets")
+                                       .arg(peer_)
+                                       .arg(limits_.max_message)});
 }
 
 void LineChannel::EndSoon(const Error& error) {
-  if (ended_ || sending_ended_) {
+  if (is_ending_.exchange(true)) {
     return;
   }
-  sending_ended_ = true;
-  DropUnsent();
-  WaitForRoom(false);
-  Post(&context_, [this, error, weak = weak_from_this()] {
-    const auto self = weak.lock();
-    if (self == nullptr) {
-      return;
-    }
+  queue_->Stop();
+  Post(&context_, [this, error] {
+    const auto self = shared_from_this();
     Drain();
     End(error);
   });
 }
 
-void LineChannel::Close() {
-  ended_ = true;
-  if (readable_ != nullptr) {
-    readable_->setEnabled(false);
+// ---- The rest belongs to the thread of the channel. ----
+
+void LineChannel::OnWritable() {
+  const auto self = shared_from_this();
+  const bool waits = queue_->Resume();
+  if (!ended_) {
+    writable_->setEnabled(waits);
   }
-  if (writable_ != nullptr) {
-    writable_->setEnabled(false);
-  }
-  DropUnsent();
-  if (held_ != nullptr) {
-    held_->Close();
-  }
-  socket_.Reset();
 }
 
-// What was held back has its last chance: without that it would have gone out already.
-void LineChannel::DropUnsent() {
-  if (std::exchange(held_size_, 0) > 0 && !held_->Write()) {
-    held_->TakeRest();
+void LineChannel::Close() {
+  ended_ = is_ending_ = true;
+  if (readable_ != nullptr) {
+    readable_->setEnabled(false);
+    writable_->setEnabled(false);
   }
-  queue_.clear();
-  queued_ = front_sent_ = 0;
+  queue_->Close();
 }
 
 void LineChannel::End(const Error& error) {
@@ -330,38 +185,42 @@ void LineChannel::End(const Error& error) {
   }
 }
 
-void LineChannel::OnReadable() {
+void LineChannel::Drain() {
   const auto self = shared_from_this();
-  Read(kBytesPerTurn, false);
+  Read(kBytesPerDrain, kNoLimit, true);
 }
 
-void LineChannel::Read(std::size_t budget, bool to_the_end) {
-  DeliverLines();  // those that were there when a handler began to run an event loop
-  while (!ended_ && socket_.IsValid() && budget > 0) {
+void LineChannel::OnReadable() {
+  const auto self = shared_from_this();
+  // The other half of the turn does it.
+  if (!is_over_time_) {
+    Read(kBytesPerTurn, Clock::now() + kTurn, false);
+  }
+}
+
+void LineChannel::Read(std::size_t budget, Clock::time_point until, bool to_the_end) {
+  // Those that were there when a handler began to run an event loop, or when a turn was over.
+  bool goes_on = DeliverLines(until);
+  while (goes_on && !ended_ && readable_ != nullptr && budget > 0) {
     const LineBuffer::Room room = input_.MakeRoom();
-    if (room.data == nullptr) {
-      OnReadError(ENOMEM);
-      return;
-    }
-    const ssize_t size = RetryOnEintr(
-        [this, &room] { return ::recv(socket_.Get(), room.data, room.size, MSG_DONTWAIT); });
-    if (size < 0) {
-      OnReadError(errno);
-      return;
-    }
-    if (size == 0) {
-      OnReadError(ECONNRESET);
+    const ssize_t size = room.data == nullptr ? -ENOMEM : ReadSome(room);
+    if (size <= 0) {
+      OnReadError(static_cast<int>(-size));
       return;
     }
     const auto count = static_cast<std::size_t>(size);
     input_.Commit(count);
-    DeliverLines();
     budget -= std::min(budget, count);
     // A short read has emptied the socket, most likely; if not, the notifier tells.
-    if (count < room.size && !to_the_end) {
-      return;
-    }
+    goes_on = DeliverLines(until) && (count == room.size || to_the_end);
   }
+}
+
+// The negative number of the error; 0 at the end of the stream.
+ssize_t LineChannel::ReadSome(const LineBuffer::Room& room) const {
+  const ssize_t size =
+      RetryOnEintr([this, &room] { return ::recv(socket_, room.data, room.size, MSG_DONTWAIT); });
+  return size < 0 ? -errno : size;
 }
 
 void LineChannel::OnReadError(int error_number) {
@@ -369,26 +228,52 @@ void LineChannel::OnReadError(int error_number) {
     return;
   }
   // A reset is the end that a peer makes which has not read everything.
-  if (error_number == ECONNRESET || error_number == EPIPE) {
+  if (error_number == 0 || error_number == ECONNRESET || error_number == EPIPE) {
     End({Error::kConnectionLost, QString("%1 closed the connection, or has ended").arg(peer_)});
     return;
   }
   End(SystemError(Error::kConnectionLost, QString("cannot read from %1").arg(peer_), error_number));
 }
 
-void LineChannel::DeliverLines() {
+// False when the time is over; the rest then follows in the next turn of the event loop.
+bool LineChannel::DeliverLines(Clock::time_point until) {
+  // What handlers further out have held, when this is an event loop that a handler runs.
+  queue_->Uncork();
+  const CorkScope scope(queue_.get());
   LineBuffer::Line line;
-  const HoldingScope scope(&holding_);
   // The line is done with before a handler runs, which may run an event loop and read on.
   while (!ended_ && input_.TakeLine(&line)) {
-    holding_ = input_.HoldsMore();
-    if (holding_) {
-      DeliverRestSoon();
-    }
+    PrepareForTheNext();
     DeliverLine(line);
+    const auto now = Clock::now();
+    if (now >= until) {
+      StopForThisTurn();
+      return false;
+    }
+    queue_->SendOld(now);
   }
-  holding_ = false;
-  WriteHeld();
+  EndIfOverlong();
+  return true;
+}
+
+// Answers wait for those to the lines that have come with theirs. An event loop that a handler runs
+// gets these lines, too, although no byte more may come to wake it.
+void LineChannel::PrepareForTheNext() {
+  const bool more = input_.HoldsMore();
+  queue_->Cork(more);
+  if (more) {
+    DeliverRestSoon();
+  }
+}
+
+void LineChannel::StopForThisTurn() {
+  if (!ended_) {
+    is_over_time_ = true;
+    DeliverRestSoon();
+  }
+}
+
+void LineChannel::EndIfOverlong() {
   if (ended_ || !input_.IsOverlong()) {
     return;
   }
@@ -398,20 +283,22 @@ void LineChannel::DeliverLines() {
                                    .arg(limits_.max_message)});
 }
 
-// An event loop that a handler runs gets the lines behind the handler's own, too, although no byte
-// more may come to wake it.
 void LineChannel::DeliverRestSoon() {
   if (std::exchange(rest_is_due_, true)) {
     return;
   }
-  Post(&context_, [this, weak = weak_from_this()] {
-    const auto self = weak.lock();
-    if (self == nullptr) {
-      return;
-    }
-    rest_is_due_ = false;
-    DeliverLines();
-  });
+  Post(&context_, [this] { OnRest(); });
+}
+
+void LineChannel::OnRest() {
+  const auto self = shared_from_this();
+  rest_is_due_ = false;
+  const auto until = Clock::now() + kTurn;
+  if (std::exchange(is_over_time_, false)) {
+    Read(kBytesPerTurn, until, false);
+  } else {
+    DeliverLines(until);
+  }
 }
 
 void LineChannel::DeliverLine(const LineBuffer::Line& line) {
@@ -435,11 +322,8 @@ void LineChannel::DeliverData(std::string_view text) {
                            QString::fromLatin1(text.data(), static_cast<int>(text.size()))}});
     return;
   }
-  QByteArray data = input_.Detach(text, std::exchange(spare_, QByteArray()));
+  QByteArray data = input_.Detach(text);
   callbacks_.on_data(data);
-  if (data.capacity() > 0 && data.capacity() <= kMostSpare) {
-    spare_ = std::move(data);
-  }
 }
 
 void LineChannel::WarnAboutLine(std::string_view line) {
@@ -454,81 +338,6 @@ void LineChannel::WarnAboutLine(std::string_view line) {
                 line_warnings_ == kMaxLineWarnings
                     ? " (further lines are dropped without a warning)"
                     : ""));
-}
-
-void LineChannel::OnWritable() {
-  const auto self = shared_from_this();
-  Flush();
-}
-
-void LineChannel::Flush() {
-  std::size_t budget = kBytesPerTurn;
-  while (!queue_.empty() && budget > 0) {
-    const ssize_t size = RetryOnEintr([this] { return WriteSome(); });
-    if (size < 0 && errno != EAGAIN && errno != ENOBUFS && errno != ENOMEM) {
-      EndSoon(SystemError(Error::kConnectionLost,
-                          QString("cannot write to %1, which may have ended").arg(peer_), errno));
-      return;
-    }
-    if (size < 0) {
-      break;
-    }
-    DropWritten(static_cast<std::size_t>(size));
-    budget -= std::min(budget, static_cast<std::size_t>(size));
-  }
-  WaitForRoom(!queue_.empty());
-}
-
-void LineChannel::FlushUntil(std::chrono::steady_clock::time_point deadline) {
-  using std::chrono::milliseconds;
-  if (std::exchange(held_size_, 0) > 0 && !held_->Write()) {
-    Append(held_->TakeRest());
-  }
-  while (!queue_.empty() && socket_.IsValid()) {
-    const ssize_t size = RetryOnEintr([this] { return WriteSome(); });
-    if (size < 0 && errno != EAGAIN) {
-      return;
-    }
-    if (size >= 0) {
-      DropWritten(static_cast<std::size_t>(size));
-    }
-    const auto left =
-        std::chrono::duration_cast<milliseconds>(deadline - std::chrono::steady_clock::now());
-    if (left <= milliseconds::zero()) {
-      return;
-    }
-    pollfd writable{socket_.Get(), POLLOUT, 0};
-    ::poll(&writable, 1, static_cast<int>(left.count()));
-  }
-}
-
-ssize_t LineChannel::WriteSome() {
-  std::array<iovec, kPartsPerWrite> parts{};
-  const std::size_t count = std::min(queue_.size(), parts.size());
-  std::size_t skip = front_sent_;
-  for (std::size_t i = 0; i < count; ++i) {
-    const QByteArray& line = queue_[i];
-    parts[i].iov_base = const_cast<char*>(line.constData()) + skip;
-    parts[i].iov_len = static_cast<std::size_t>(line.size()) - skip;
-    skip = 0;
-  }
-  return SendParts(socket_.Get(), parts.data(), count);
-}
-
-void LineChannel::DropWritten(std::size_t size) {
-  front_sent_ += size;
-  while (!queue_.empty() && front_sent_ >= static_cast<std::size_t>(queue_.front().size())) {
-    const auto done = static_cast<std::size_t>(queue_.front().size());
-    front_sent_ -= done;
-    queued_ -= done;
-    queue_.pop_front();
-  }
-}
-
-void LineChannel::WaitForRoom(bool wait) {
-  if (writable_ != nullptr && writable_->isEnabled() != wait) {
-    writable_->setEnabled(wait);
-  }
 }
 
 }  // namespace RuntimeManager::host

@@ -9,22 +9,23 @@
 #include <QtCore/QObject>
 #include <QtCore/QSocketNotifier>
 #include <QtCore/QString>
+#include <atomic>
 #include <chrono>
 #include <cstddef>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <string_view>
 
 #include "line_buffer.h"
 #include "message_limits.h"
+#include "send_queue.h"
 #include "unique_fd.h"
-#include "write_batch.h"
 
 namespace RuntimeManager::host {
 
-// Belongs to the thread that made it. Its owner may drop it, or Close() it, from inside either
-// callback; after that it calls nothing any more.
+// Belongs to the thread that made it, but for what is marked. Its owner may drop it, or Close() it,
+// from inside either callback; after that it calls nothing any more. Nobody may drop it while a
+// thread is inside one of its functions.
 class LineChannel : public std::enable_shared_from_this<LineChannel> {
  public:
   struct Callbacks {
@@ -43,49 +44,43 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
 
   // The connected, non-blocking socket. What was sent before waits for it.
   void Attach(UniqueFd socket);
-  // Sends after all earlier objects. An object over the bound of a message, and one too much for
-  // the queue, end the channel.
+  // Sends after all earlier objects of the calling thread. An object over the bound of a message,
+  // and one too much for the queue, end the channel. Any thread.
   void Send(const QJsonObject& object);
-  // Sends the object {"data": text}; `text` is UTF-8.
+  // Sends the object {"data": text}; `text` is UTF-8. Any thread.
   void SendData(std::string_view text);
   // Delivers what has arrived by now, whole.
   void Drain();
-  // Writes what waits, and blocks for it until `deadline`. Does without an event loop, and calls
-  // nothing.
-  void FlushUntil(std::chrono::steady_clock::time_point deadline);
-  // Ends the channel from the event loop, after what has arrived.
+  // Ends the channel from its event loop, after what has arrived. Any thread.
   void EndSoon(const Error& error);
   // Ends the channel without a word.
   void Close();
-
-  bool IsOpen() const { return !ended_; }
+  // The process waits for the peer that long when it exits.
+  void FlushAtExit(std::chrono::milliseconds patience);
 
  private:
-  class DataLine;
+  using Clock = std::chrono::steady_clock;
+  class CorkScope;
 
-  bool MaySend();
-  bool Accepts(std::size_t size);
-  bool Hold(std::string_view text);
-  void WriteHeld();
-  void DropUnsent();
-  void Write(DataLine line);
-  void Queue(QByteArray bytes);
-  void Append(QByteArray bytes);
+  void Put(OutLine line);
+  void OnQueueFull();
+  void OnSendError(int error_number);
   void OnReadable();
   void OnWritable();
-  void Read(std::size_t budget, bool to_the_end);
+  bool IsInItsThread() const;
+  void Read(std::size_t budget, Clock::time_point until, bool to_the_end);
+  ssize_t ReadSome(const LineBuffer::Room& room) const;
   void OnReadError(int error_number);
-  void DeliverLines();
+  bool DeliverLines(Clock::time_point until);
+  void PrepareForTheNext();
+  void StopForThisTurn();
+  void EndIfOverlong();
   void DeliverRestSoon();
+  void OnRest();
   void DeliverLine(const LineBuffer::Line& line);
   void DeliverData(std::string_view text);
   void WarnAboutLine(std::string_view line);
-  void Flush();
-  void WriteAtOnce(DataLine& line) const;
-  bool IsBeingRead(std::chrono::steady_clock::time_point deadline) const;
-  ssize_t WriteSome();
-  void DropWritten(std::size_t size);
-  void WaitForRoom(bool wait);
+  void EndTooLong();
   void End(const Error& error);
 
   const QString task_;
@@ -93,22 +88,17 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   const Limits limits_;
   Callbacks callbacks_;
   QObject context_;
-  UniqueFd socket_;
+  const std::shared_ptr<SendQueue> queue_;  // owns the socket
+  int socket_ = -1;
   std::unique_ptr<QSocketNotifier> readable_;
   std::unique_ptr<QSocketNotifier> writable_;
   LineBuffer input_;
-  QByteArray spare_;  // memory for the next text
-  std::deque<QByteArray> queue_;
-  std::size_t queued_ = 0;      // bytes in the queue, with those of its front that are sent
-  std::size_t front_sent_ = 0;  // bytes of the front that are sent
-  std::shared_ptr<WriteBatch> held_;
-  std::size_t held_size_ = 0;  // bytes put into held_; nothing is in the queue then
-  bool holding_ = false;
   int line_warnings_ = 0;
-  bool sending_ended_ = false;
-  bool late_send_warned_ = false;
   bool ended_ = false;
   bool rest_is_due_ = false;
+  bool is_over_time_ = false;  // the rest is due because the turn was over
+  std::atomic<bool> is_ending_{false};
+  std::atomic<bool> late_send_warned_{false};
 };
 
 }  // namespace RuntimeManager::host

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <unordered_map>
 
+#include "process_exit.h"
 #include "support.h"
 #include "unique_fd.h"
 
@@ -43,6 +44,7 @@ std::shared_ptr<QuietNotifier::Hub> QuietNotifier::Hub::Get() {
 }
 
 QuietNotifier::Hub::Hub() : epoll_(::epoll_create1(EPOLL_CLOEXEC)) {
+  static_cast<void>(IsForkedCopy());
   if (!epoll_.IsValid()) {
     return;
   }
@@ -62,9 +64,13 @@ bool QuietNotifier::Hub::Add(int descriptor, QuietNotifier* notifier) {
   return true;
 }
 
+// The set is shared with forked copies of the process, which leave it alone.
 void QuietNotifier::Hub::Remove(int descriptor) {
-  ::epoll_ctl(epoll_.Get(), EPOLL_CTL_DEL, descriptor, nullptr);
   notifiers_.erase(descriptor);
+  if (IsForkedCopy()) {
+    return;
+  }
+  ::epoll_ctl(epoll_.Get(), EPOLL_CTL_DEL, descriptor, nullptr);
 }
 
 // One at a time: what a callback does may make the news of the others stale.

@@ -11,8 +11,6 @@
 #include <QtCore/QStringList>
 #include <algorithm>
 #include <atomic>
-#include <cstdlib>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -166,35 +164,6 @@ UniqueFd ConnectShort(const QByteArray& path, int* error_number) {
   return {};
 }
 
-// The socket files that exist now, with the processes that made them: a forked child inherits the
-// list, but not the files.
-struct LiveFiles {
-  std::mutex mutex;
-  std::map<QByteArray, pid_t> owners;
-};
-
-void RemoveLiveFiles();
-
-LiveFiles& GetLiveFiles() {
-  // Never destroyed: objects that outlive static destruction still take their files out of it.
-  static LiveFiles* const files = [] {
-    std::atexit(RemoveLiveFiles);
-    return new LiveFiles;
-  }();
-  return *files;
-}
-
-void RemoveLiveFiles() {
-  LiveFiles& files = GetLiveFiles();
-  const std::lock_guard lock(files.mutex);
-  for (const auto& [path, owner] : files.owners) {
-    if (owner == ::getpid()) {
-      ::unlink(path.constData());
-    }
-  }
-  files.owners.clear();
-}
-
 }  // namespace
 
 SocketFolder SocketFolder::OpenIn(int parent, const QString& parent_path, const QString& name,
@@ -302,38 +271,6 @@ int SocketFolder::Probe(const QString& name) const {
 
 void SocketFolder::Remove(const QString& name) const {
   ::unlinkat(Descriptor(), name.toUtf8().constData(), 0);
-}
-
-SocketFile::SocketFile(const QString& path) : path_(path) {
-  LiveFiles& files = GetLiveFiles();
-  const std::lock_guard lock(files.mutex);
-  files.owners[path_.toUtf8()] = ::getpid();
-}
-
-SocketFile& SocketFile::operator=(SocketFile&& other) noexcept {
-  if (this == &other) {
-    return *this;
-  }
-  Remove();
-  path_ = std::exchange(other.path_, {});
-  return *this;
-}
-
-void SocketFile::Remove() {
-  if (path_.isEmpty()) {
-    return;
-  }
-  const QByteArray path = std::exchange(path_, {}).toUtf8();
-  LiveFiles& files = GetLiveFiles();
-  const std::lock_guard lock(files.mutex);
-  const auto found = files.owners.find(path);
-  if (found == files.owners.end()) {
-    return;
-  }
-  if (found->second == ::getpid()) {
-    ::unlink(path.constData());
-  }
-  files.owners.erase(found);
 }
 
 QString UniqueSocketName() {

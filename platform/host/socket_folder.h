@@ -6,6 +6,7 @@
 
 #include <QtCore/QString>
 
+#include "socket_file.h"
 #include "unique_fd.h"
 
 namespace RuntimeManager::host {
@@ -43,24 +44,6 @@ class SocketFolder {
                              Error* error);
 
   UniqueFd folder_;
-  QString path_;
-};
-
-// A socket file that goes with this object, and at the exit of the process if the object is still
-// there. A forked child that inherits the object leaves the file alone.
-class SocketFile {
- public:
-  SocketFile() = default;
-  explicit SocketFile(const QString& path);
-  SocketFile(SocketFile&& other) noexcept : path_(std::exchange(other.path_, {})) {}
-  SocketFile& operator=(SocketFile&& other) noexcept;
-  SocketFile(const SocketFile&) = delete;
-  SocketFile& operator=(const SocketFile&) = delete;
-  ~SocketFile() { Remove(); }
-
-  void Remove();
-
- private:
   QString path_;
 };
 

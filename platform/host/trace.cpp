@@ -75,19 +75,10 @@ int OpenTrace() {
   return file.Release();
 }
 
-// Nanoseconds of the machine's run: one clock for all processes, never set back, and small enough
-// for readers that keep numbers as doubles.
-long long Now() {
-  timespec now{};
-  ::clock_gettime(CLOCK_MONOTONIC, &now);
-  constexpr long long kNanosecondsPerSecond = 1'000'000'000;
-  return now.tv_sec * kNanosecondsPerSecond + now.tv_nsec;
-}
-
-QByteArray Head(const QString& task, Direction direction) {
+QByteArray Head(const QString& task, Direction direction, long long time) {
   QByteArray quoted = QJsonDocument(QJsonObject{{"task", task}}).toJson(QJsonDocument::Compact);
   quoted = quoted.mid(1, quoted.size() - 2);
-  return "{\"time\":" + QByteArray::number(Now()) + ",\"pid\":" + QByteArray::number(::getpid()) +
+  return "{\"time\":" + QByteArray::number(time) + ",\"pid\":" + QByteArray::number(::getpid()) +
          ',' + quoted +
          ",\"direction\":" + (direction == Direction::kSend ? "\"send\"" : "\"receive\"") +
          ",\"envelope\":";
@@ -124,12 +115,28 @@ void Write(int file, const QByteArray& head, std::initializer_list<std::string_v
   }
 }
 
+int RecordFile() {
+  static const int file = OpenTrace();
+  return file;
+}
+
 }  // namespace
 
-void Trace(const QString& task, Direction direction, std::initializer_list<std::string_view> json) {
-  static const int file = OpenTrace();
-  if (file >= 0) {
-    Write(file, Head(task, direction), json);
+bool IsRecorded() { return RecordFile() >= 0; }
+
+// One clock for all processes, never set back, and small enough for readers that keep numbers as
+// doubles.
+long long RecordTime() {
+  timespec now{};
+  ::clock_gettime(CLOCK_MONOTONIC, &now);
+  constexpr long long kNanosecondsPerSecond = 1'000'000'000;
+  return now.tv_sec * kNanosecondsPerSecond + now.tv_nsec;
+}
+
+void Trace(const QString& task, Direction direction, std::initializer_list<std::string_view> json,
+           long long time) {
+  if (IsRecorded()) {
+    Write(RecordFile(), Head(task, direction, time == 0 ? RecordTime() : time), json);
   }
 }
 

@@ -10,9 +10,15 @@ namespace RuntimeManager::host {
 
 enum class Direction { kSend, kReceive };
 
+// Whether there is a record. Any thread, as all here.
+bool IsRecorded();
+// Nanoseconds of the machine's run, for Trace().
+long long RecordTime();
 // Appends one JSON line to the file: when, which process, which task, which way, and the message,
-// whose compact JSON is in up to three pieces. Does nothing when there is no record. Any thread.
-void Trace(const QString& task, Direction direction, std::initializer_list<std::string_view> json);
+// whose compact JSON is in up to three pieces. The time is now unless it is given. Does nothing when
+// there is no record.
+void Trace(const QString& task, Direction direction, std::initializer_list<std::string_view> json,
+           long long time = 0);
 
 }  // namespace RuntimeManager::host
 

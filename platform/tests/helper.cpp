@@ -5,7 +5,6 @@
 #include <RuntimeManager/RuntimeDispatcher.h>
 #include <RuntimeManager/Task.h>
 #include <RuntimeManager/TaskMessaging.h>
-#include <pthread.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,6 +16,8 @@
 #include <functional>
 #include <memory>
 #include <utility>
+
+#include "crowd.h"
 
 namespace {
 
@@ -73,16 +74,22 @@ int AnswerAndExit() {
   return QCoreApplication::exec();
 }
 
-// The same, where no thread can be made.
-int AnswerWithoutThreads() {
-  pthread_attr_t attributes;
-  constexpr std::size_t kMoreThanThereIs = std::size_t{1} << 46U;
-  if (::pthread_attr_init(&attributes) != 0 ||
-      ::pthread_attr_setstacksize(&attributes, kMoreThanThereIs) != 0 ||
-      ::pthread_setattr_default_np(&attributes) != 0) {
-    return 1;
-  }
-  return AnswerAndExit();
+// Sends from many threads while it gets what the starter's many threads send, and tells what it got.
+int SendAndGetFromThreads() {
+  TaskMessaging messaging(RuntimeDispatcher::instance()->localServerSocket());
+  kit::Tally tally;
+  tally.Watch(&messaging);
+  kit::Crowd crowd(&messaging);
+  QTimer timer;
+  QObject::connect(&timer, &QTimer::timeout, [&tally, &timer] {
+    if (tally.IsWhole()) {
+      timer.stop();
+      Note("tally", QString("%1 %2").arg(tally.Count()).arg(QString::fromUtf8(tally.Faults())));
+    }
+  });
+  timer.start(10);
+  QObject::connect(&messaging, &TaskMessaging::disconnected, qApp, &QCoreApplication::quit);
+  return QCoreApplication::exec();
 }
 
 // A starter's end that answers the first message and leaves at the second, in one way or another.
@@ -218,25 +225,25 @@ int OwnIntent(const QString& name, const QString& how) {
   return QCoreApplication::exec();
 }
 
-// Sends one message to a task, as an object or as a text, and ends with its answer.
+// Sends one message to a task, as an object or as a text. With the answer it hangs up, which ends
+// the task, and that ends this process.
 int Talk(const QString& name, bool as_text) {
   Task task(name);
   task.withIpcSocket(true);
-  std::unique_ptr<TaskMessaging> messaging;
+  TaskMessaging* messaging = nullptr;
+  QObject::connect(&task, &Task::finished, qApp, &QCoreApplication::quit);
   task.start([&task, &messaging, as_text](const Error& error) {
     if (error.isError()) {
       QCoreApplication::exit(1);
       return;
     }
-    messaging = std::make_unique<TaskMessaging>(task.socketPath());
+    messaging = new TaskMessaging(task.socketPath(), qApp);
     if (as_text) {
-      QObject::connect(messaging.get(), &TaskMessaging::dataReceived, qApp,
-                       &QCoreApplication::quit);
+      QObject::connect(messaging, &TaskMessaging::dataReceived, messaging, &QObject::deleteLater);
       messaging->sendData("hello");
       return;
     }
-    QObject::connect(messaging.get(), &TaskMessaging::messageReceived, qApp,
-                     &QCoreApplication::quit);
+    QObject::connect(messaging, &TaskMessaging::messageReceived, messaging, &QObject::deleteLater);
     messaging->sendMessage({{"data", "hello \"you\""}});
   });
   return QCoreApplication::exec();
@@ -257,11 +264,11 @@ int main(int count, char** arguments) {
   if (verb == "answer-and-exit") {
     return AnswerAndExit();
   }
+  if (verb == "crowd") {
+    return SendAndGetFromThreads();
+  }
   if (verb == "leave") {
     return AnswerAndLeave(words.value(2), words.value(3));
-  }
-  if (verb == "threadless") {
-    return AnswerWithoutThreads();
   }
   if (verb == "flood") {
     return FloodAndExit(words.value(2) == "at-once");

@@ -423,4 +423,28 @@ void PlatformTest::ExpectStarts(Task& task) {
   ASSERT_FALSE(error.isError()) << error.message().toStdString();
 }
 
+void ServerEnd::SetUp() {
+  PlatformTest::SetUp();
+  listening_ = ListenOn(PathOf("server"));
+}
+
+void ServerEnd::TearDown() {
+  ::close(listening_);
+  PlatformTest::TearDown();
+}
+
+void ServerEnd::SendLine(int socket, const QByteArray& line) {
+  const QByteArray bytes = line + '\n';
+  EXPECT_EQ(::send(socket, bytes.constData(), static_cast<std::size_t>(bytes.size()), MSG_NOSIGNAL),
+            bytes.size());
+}
+
+bool ServerEnd::IsClosed(int socket) {
+  return RunUntil([socket] {
+    char byte = 0;
+    const ssize_t size = ::recv(socket, &byte, 1, MSG_DONTWAIT);
+    return size == 0 || (size < 0 && errno != EAGAIN);
+  });
+}
+
 }  // namespace kit

@@ -184,6 +184,19 @@ class PlatformTest : public testing::Test {
   QStringList descriptors_before_;
 };
 
+// A process's own listening socket and object on it: the task's end without a task.
+class ServerEnd : public PlatformTest {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+  int Connect() { return ConnectTo(PathOf("server")); }
+  static void SendLine(int socket, const QByteArray& line);
+  // Whether the other side has closed the connection.
+  static bool IsClosed(int socket);
+
+  int listening_ = -1;
+};
+
 }  // namespace kit
 
 #endif  // RUNTIME_MANAGER_TESTS_KIT_H

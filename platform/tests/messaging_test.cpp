@@ -36,36 +36,6 @@ class Messaging : public PlatformTest {
   }
 };
 
-// A process's own listening socket and object on it: the task's end without a task.
-class ServerEnd : public PlatformTest {
- protected:
-  void SetUp() override {
-    PlatformTest::SetUp();
-    listening_ = ListenOn(PathOf("server"));
-  }
-  void TearDown() override {
-    ::close(listening_);
-    PlatformTest::TearDown();
-  }
-  int Connect() { return ConnectTo(PathOf("server")); }
-  static void SendLine(int socket, const QByteArray& line) {
-    const QByteArray bytes = line + '\n';
-    EXPECT_EQ(
-        ::send(socket, bytes.constData(), static_cast<std::size_t>(bytes.size()), MSG_NOSIGNAL),
-        bytes.size());
-  }
-  // Whether the other side has closed the connection.
-  static bool IsClosed(int socket) {
-    return RunUntil([socket] {
-      char byte = 0;
-      const ssize_t size = ::recv(socket, &byte, 1, MSG_DONTWAIT);
-      return size == 0 || (size < 0 && errno != EAGAIN);
-    });
-  }
-
-  int listening_ = -1;
-};
-
 TEST_F(Messaging, GoThereAndBackInOrder) {
   AddHelperTask("echo");
   const auto task = Started("echo");
@@ -252,23 +222,6 @@ TEST_F(Messaging, AnsweredBeforeTheOneThatEndsTheStarterAreSentOnce) {
     ::close(peer);
     ::close(listening);
     QFile::remove(PathOf("peer"));
-  }
-}
-
-TEST_F(Messaging, AreAnsweredByAProcessThatCanHaveNoThread) {
-  AddHelperTask("task");
-  Task task("task");
-  task.withIpcSocket(true);
-  task.withArguments({"threadless"});
-  ExpectStarts(task);
-  TaskMessaging messaging(task.socketPath());
-  Inbox inbox(&messaging);
-  for (int i = 0; i < 10; ++i) {
-    messaging.sendData(QByteArray::number(i));
-  }
-  ASSERT_TRUE(inbox.WaitFor(10));
-  for (int i = 0; i < 10; ++i) {
-    EXPECT_EQ(inbox.messages[std::size_t(i)], Data(QString::number(i)));
   }
 }
 
@@ -715,26 +668,6 @@ TEST_F(ServerEnd, DeliversWhatHasComeBeforeTheEndThatAnInnerEventLoopMeets) {
   SendLine(peer, "{\"n\":1}\n{\"n\":2}");
   EXPECT_EQ(ended.Wait().code(), Error::kConnectionLost);
   EXPECT_EQ(order, (std::vector<int>{1, 2}));
-  ::close(peer);
-}
-
-// Messages that come together are answered together, but nobody waits for it.
-TEST_F(ServerEnd, SendsAnAnswerWhileTheHandlerOfTheNextMessageBlocks) {
-  TaskMessaging messaging(listening_);
-  const int peer = Connect();
-  bool has_come = false;
-  QObject::connect(&messaging, &TaskMessaging::messageReceived,
-                   [&messaging, &has_come, peer](const QJsonObject& message) {
-                     if (message["n"] == 1) {
-                       messaging.sendData("early");
-                       return;
-                     }
-                     pollfd readable{peer, POLLIN, 0};
-                     has_come = ::poll(&readable, 1, 20000) == 1;
-                   });
-  SendLine(peer, "{\"n\":1}\n{\"n\":2}");
-  EXPECT_TRUE(RunUntil([&has_come] { return has_come; }));
-  EXPECT_EQ(ReadLineFrom(peer), R"({"data":"early"})");
   ::close(peer);
 }
 

@@ -13,9 +13,10 @@
 
 namespace RuntimeManager {
 
-// Belongs to the thread that made it, and that thread must run a Qt event loop. Both signals come
-// from the event loop. The object may be destroyed from inside either of them, and emits nothing
-// once it is destroyed.
+// Belongs to the thread that made it, and that thread must run a Qt event loop. All signals come
+// from the event loop. The object may be destroyed from inside any of them, and emits nothing once
+// it is destroyed. Any thread may send; that none is inside sendMessage() or sendData() while the
+// object is destroyed is the caller's to see to.
 class RUNTIME_MANAGER_EXPORT TaskMessaging : public QObject {
   Q_OBJECT
 
@@ -28,15 +29,21 @@ class RUNTIME_MANAGER_EXPORT TaskMessaging : public QObject {
   explicit TaskMessaging(int descriptor, QObject* parent = nullptr);
   ~TaskMessaging() override;
 
-  // Sends `message` after all earlier ones. Never blocks: what the peer does not read yet, or
-  // before there is one, waits in memory. Delivery is not confirmed. After disconnected() messages
-  // are dropped.
+  // Sends `message` after all earlier ones of the calling thread. Never blocks: what the peer does
+  // not read yet, or before there is one, waits in memory, and is sent by the object's thread when
+  // its event loop runs. Delivery is not confirmed. After disconnected() messages are dropped. Any
+  // thread.
+  //
+  // Small messages that handlers send while messages of the same read wait for theirs leave
+  // together: with the last of them, when they are 4 KiB, before an event loop that a handler runs,
+  // and before the next handler begins once they have waited for 200 microseconds. So a finished
+  // answer waits for one running handler at most. What another thread sends leaves at once, and
+  // takes along what waits.
   void sendMessage(const QJsonObject& message);
-  // Sends the message {"data": text}, where `text` is UTF-8, without the cost of the object. Small
-  // texts that answer messages of one read leave together, within about a millisecond. A peer that
-  // is reading a large text is waited for as long as copying it would take: a millisecond for each
-  // mebibyte, and two without progress. A runtime manager may lack this, and dataReceived(): ask
-  // the meta-object.
+  // Sends the message {"data": text}, where `text` is UTF-8, without the cost of the object, as
+  // sendMessage() does; but a peer that is reading a large text is waited for as long as copying it
+  // would take: a millisecond for each mebibyte, and two without progress. A runtime manager may
+  // lack this, and dataReceived(): ask the meta-object. Any thread.
   Q_INVOKABLE void sendData(const QByteArray& text);
 
  Q_SIGNALS:
@@ -53,7 +60,7 @@ class RUNTIME_MANAGER_EXPORT TaskMessaging : public QObject {
 
  private:
   class Private;
-  std::unique_ptr<Private> d_;
+  std::shared_ptr<Private> d_;  // lives on while one of its own handlers runs
 };
 
 }  // namespace RuntimeManager

@@ -1,0 +1,117 @@
+#include "process_exit.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <iterator>
+#include <utility>
+
+#include "child_process.h"
+#include "send_queue.h"
+
+namespace RuntimeManager::host {
+
+bool IsForkedCopy() {
+  // The first call comes with the first object of the host.
+  static const pid_t original = ::getpid();
+  return ::getpid() != original;
+}
+
+ProcessExit& ProcessExit::Get() {
+  // Never destroyed: it is needed until the very end of the process.
+  static auto* const process_exit = [] {
+    static_cast<void>(IsForkedCopy());
+    std::atexit([] { Get().TakeAllSteps(); });
+    return new ProcessExit;
+  }();
+  return *process_exit;
+}
+
+void ProcessExit::AddQueue(const std::shared_ptr<SendQueue>& queue, Patience patience) {
+  const std::lock_guard lock(mutex_);
+  const auto is_gone = [](const Entry& entry) { return entry.queue.expired(); };
+  queues_.erase(std::remove_if(queues_.begin(), queues_.end(), is_gone), queues_.end());
+  queues_.push_back({queue, patience});
+}
+
+void ProcessExit::AddChild(const std::shared_ptr<ChildProcess>& child) {
+  const std::lock_guard lock(mutex_);
+  children_.insert(child);
+}
+
+void ProcessExit::RemoveChild(const std::shared_ptr<ChildProcess>& child) {
+  const std::lock_guard lock(mutex_);
+  children_.erase(child);
+}
+
+void ProcessExit::AddFile(const QByteArray& path) {
+  const std::lock_guard lock(mutex_);
+  files_.insert(path);
+}
+
+void ProcessExit::RemoveFile(const QByteArray& path) {
+  if (IsForkedCopy()) {
+    return;
+  }
+  const std::lock_guard lock(mutex_);
+  if (files_.erase(path) > 0) {
+    ::unlink(path.constData());
+  }
+}
+
+void ProcessExit::LeaveNow(int status) {
+  TakeAllSteps();
+  ::_exit(status);
+}
+
+void ProcessExit::TakeAllSteps() {
+  if (IsForkedCopy()) {
+    return;
+  }
+  SendWhatWaits();
+  EndChildren();
+  RemoveFiles();
+}
+
+void ProcessExit::SendWhatWaits() {
+  const auto now = std::chrono::steady_clock::now();
+  const auto queues = [this] {
+    const std::lock_guard lock(mutex_);
+    return queues_;
+  }();
+  for (const Entry& entry : queues) {
+    if (const auto queue = entry.queue.lock()) {
+      queue->FlushUntil(now + entry.patience);
+    }
+  }
+}
+
+void ProcessExit::EndChildren() {
+  // Never destroyed: a child belongs to its thread, which may let go of it meanwhile.
+  static auto* const children = new std::vector<std::shared_ptr<ChildProcess>>;
+  {
+    const std::lock_guard lock(mutex_);
+    children->assign(children_.begin(), children_.end());
+  }
+  ChildProcess::EndAll(*children);
+}
+
+void ProcessExit::EndChildrenOfThisThread() {
+  std::vector<std::shared_ptr<ChildProcess>> children;
+  {
+    const std::lock_guard lock(mutex_);
+    std::copy_if(children_.begin(), children_.end(), std::back_inserter(children),
+                 [](const auto& child) { return child->IsInItsThread(); });
+  }
+  ChildProcess::EndAll(children);
+}
+
+void ProcessExit::RemoveFiles() {
+  const std::lock_guard lock(mutex_);
+  for (const QByteArray& path : std::exchange(files_, {})) {
+    ::unlink(path.constData());
+  }
+}
+
+}  // namespace RuntimeManager::host

@@ -1,0 +1,393 @@
+#include "send_queue.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <new>
+#include <optional>
+#include <utility>
+
+#include "process_exit.h"
+#include "support.h"
+#include "trace.h"
+
+namespace RuntimeManager::host {
+namespace {
+
+using std::chrono::milliseconds;
+
+// What one turn writes of the queue at most, so that a thread that puts a line in does not write
+// those of all others without an end.
+constexpr std::size_t kBytesPerTurn = std::size_t{1} << 20U;
+// Buffers that go out in one system call.
+constexpr std::size_t kPartsPerWrite = 64;
+// Lines up to this size may be held, and share a buffer.
+constexpr std::size_t kSmall = std::size_t{1} << 10U;
+// How much of them goes out together: the peer shall have something to do meanwhile.
+constexpr int kBatch = 4 << 10;
+constexpr int kTailRoom = kBatch + static_cast<int>(kSmall);
+// Nothing that is held begins to wait for another handler after that time.
+constexpr std::chrono::microseconds kHoldTime{200};
+// Borrowed lines longer than this wait for a slow reader, for as long as copying them would take: a
+// millisecond for each mebibyte, and two at most without progress.
+constexpr std::size_t kWorthWaiting = std::size_t{256} << 10U;
+constexpr milliseconds kCopyTime{1};
+constexpr milliseconds kReaderPatience{2};
+// How often it is asked whether another thread has stopped writing.
+constexpr milliseconds kWriterPatience{1};
+
+ssize_t SendParts(int socket, iovec* parts, std::size_t count) {
+  msghdr message{};
+  message.msg_iov = parts;
+  message.msg_iovlen = count;
+  return RetryOnEintr(
+      [socket, &message] { return ::sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT); });
+}
+
+// Whether the peer makes room before the time is over.
+bool WaitForRoom(int socket, SendQueue::Clock::time_point until) {
+  const auto left = std::chrono::ceil<milliseconds>(until - SendQueue::Clock::now()).count();
+  pollfd writable{socket, POLLOUT, 0};
+  return left > 0 && ::poll(&writable, 1, static_cast<int>(left)) == 1 &&
+         writable.revents == POLLOUT;
+}
+
+// Sends what the socket takes, and waits for a reader that is reading while there is much left. An
+// error is for the next try, which meets it again.
+void SendPatiently(int socket, OutLine* line) {
+  std::optional<SendQueue::Clock::time_point> until;
+  while (line->Size() > 0) {
+    auto parts = line->Gather();
+    const ssize_t sent = SendParts(socket, parts.data(), parts.size());
+    if (sent > 0) {
+      line->Skip(static_cast<std::size_t>(sent));
+      continue;
+    }
+    if (errno != EAGAIN || !line->IsBorrowed() || line->Size() < kWorthWaiting) {
+      return;
+    }
+    const auto now = SendQueue::Clock::now();
+    if (!until) {
+      until = now + kCopyTime * (line->Size() >> 20U);
+    }
+    if (!WaitForRoom(socket, std::min(*until, now + kReaderPatience))) {
+      return;
+    }
+  }
+}
+
+}  // namespace
+
+// The calling thread is the writer for this scope. Made, and gone, under the lock.
+class SendQueue::Turn {
+ public:
+  explicit Turn(SendQueue* queue) : queue_(queue) { queue_->is_writing_ = true; }
+  // What was stopped or closed in the meantime left the writer's things to the writer.
+  ~Turn() {
+    queue_->is_writing_ = false;
+    if (queue_->is_stopped_) {
+      queue_->Drop();
+    }
+  }
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+
+ private:
+  SendQueue* queue_;
+};
+
+SendQueue::SendQueue(QString task, std::size_t max_waiting, Callbacks callbacks)
+    : task_(std::move(task)), max_waiting_(max_waiting), callbacks_(std::move(callbacks)) {
+  // Whoever has a queue is the original.
+  static_cast<void>(IsForkedCopy());
+}
+
+SendQueue::Outcome SendQueue::Put(OutLine line) {
+  Lock lock(mutex_);
+  // What is held counts only when the socket does not take it.
+  if (!Fits(line)) {
+    WriteAndTell(lock);
+  }
+  if (is_stopped_) {
+    return Outcome::kClosed;
+  }
+  if (!Fits(line)) {
+    return Outcome::kTooMuch;
+  }
+  if (!MayHold(line)) {
+    PutNow(lock, line);
+    return Outcome::kTaken;
+  }
+  Append(line);
+  if (tail_.size() >= kBatch) {
+    holds_ = false;
+    WriteAndTell(lock);
+  }
+  return Outcome::kTaken;
+}
+
+// Answers to the messages of one read go out together: a system call costs more than all else that
+// is done for a small message.
+bool SendQueue::MayHold(const OutLine& line) {
+  if (thread_ != std::this_thread::get_id() || !is_corked_ || line.Size() > kSmall) {
+    return false;
+  }
+  if (!std::exchange(holds_, true)) {
+    held_since_ = Clock::now();
+  }
+  return true;
+}
+
+// What waits goes first. A line that nothing waits before goes to the socket from where it lies.
+void SendQueue::PutNow(Lock& lock, OutLine& line) {
+  if (line.Size() > kSmall) {
+    WriteAndTell(lock);
+  }
+  if (IsEmpty() && !IsRecorded() && MayWrite()) {
+    Tell(lock, WriteFrom(lock, line));
+  } else if (!is_stopped_) {
+    Append(line);
+  }
+  WriteAndTell(lock);
+}
+
+void SendQueue::Append(const OutLine& line) {
+  if (line.Size() <= kSmall) {
+    tail_.reserve(kTailRoom);
+    line.AppendTo(&tail_);
+  } else {
+    CloseTail();
+    queue_.push_back(line.Keep());
+  }
+  waiting_ += line.Size();
+}
+
+void SendQueue::CloseTail() {
+  if (!tail_.isEmpty()) {
+    queue_.push_back(std::exchange(tail_, QByteArray()));
+  }
+}
+
+bool SendQueue::MayWrite() const {
+  return socket_.IsValid() && !is_writing_ && !waits_for_room_ && !is_stopped_ && error_ == 0 &&
+         !IsForkedCopy();
+}
+
+// What the socket does not take becomes the front of the queue.
+SendQueue::News SendQueue::WriteFrom(Lock& lock, OutLine& line) {
+  const Turn turn(this);
+  const int socket = socket_.Get();
+  const std::size_t size = line.Size();
+  waiting_ += size;
+  lock.unlock();
+  SendPatiently(socket, &line);
+  lock.lock();
+  waiting_ -= size - line.Size();
+  return KeepRest(line, line.Size() < size);
+}
+
+SendQueue::News SendQueue::KeepRest(const OutLine& line, bool is_torn) {
+  if (line.Size() == 0) {
+    return News::kNone;
+  }
+  try {
+    queue_.push_front(line.Keep());
+  } catch (const std::bad_alloc&) {
+    waiting_ -= line.Size();
+    if (!is_torn) {
+      throw;
+    }
+    error_ = ENOMEM;
+    return News::kError;
+  }
+  return News::kNone;
+}
+
+void SendQueue::WriteAndTell(Lock& lock) { Tell(lock, Write(lock)); }
+
+void SendQueue::Tell(Lock& lock, News news) {
+  if (news == News::kNone) {
+    return;
+  }
+  const int error_number = error_;
+  lock.unlock();
+  if (news == News::kFull) {
+    callbacks_.on_full();
+  } else {
+    callbacks_.on_error(error_number);
+  }
+  lock.lock();
+}
+
+SendQueue::News SendQueue::Write(Lock& lock, Clock::time_point patience) {
+  if (IsEmpty() || !MayWrite()) {
+    return News::kNone;
+  }
+  const Turn turn(this);
+  std::size_t budget = kBytesPerTurn;
+  while (!IsEmpty() && budget > 0) {
+    const long long time = IsRecorded() ? RecordTime() : 0;
+    const ssize_t size = WriteSome(lock, patience);
+    if (is_stopped_) {
+      return News::kNone;
+    }
+    if (size < 0) {
+      return Judge(errno);
+    }
+    DropWritten(static_cast<std::size_t>(size), time);
+    budget -= std::min(budget, static_cast<std::size_t>(size));
+  }
+  waits_for_room_ = !IsEmpty();
+  return waits_for_room_ ? News::kFull : News::kNone;
+}
+
+// One system call without the lock: only its writer takes from the front of the queue.
+ssize_t SendQueue::WriteSome(Lock& lock, Clock::time_point patience) {
+  CloseTail();
+  std::array<iovec, kPartsPerWrite> parts{};
+  const std::size_t count = std::min(queue_.size(), parts.size());
+  std::size_t skip = front_sent_;
+  for (std::size_t i = 0; i < count; ++i) {
+    const QByteArray& buffer = queue_[i];
+    parts[i] = {const_cast<char*>(buffer.constData()) + skip,
+                static_cast<std::size_t>(buffer.size()) - skip};
+    skip = 0;
+  }
+  const int socket = socket_.Get();
+  lock.unlock();
+  ssize_t size = SendParts(socket, parts.data(), count);
+  if (size < 0 && errno == EAGAIN && WaitForRoom(socket, patience)) {
+    size = SendParts(socket, parts.data(), count);
+  }
+  const int error_number = errno;
+  lock.lock();
+  errno = error_number;
+  return size;
+}
+
+SendQueue::News SendQueue::Judge(int error_number) {
+  if (error_number == EAGAIN || error_number == ENOBUFS || error_number == ENOMEM) {
+    waits_for_room_ = true;
+    return News::kFull;
+  }
+  error_ = error_number;
+  return News::kError;
+}
+
+void SendQueue::DropWritten(std::size_t size, long long time) {
+  waiting_ -= size;
+  while (size > 0) {
+    const QByteArray& front = queue_.front();
+    const auto whole = static_cast<std::size_t>(front.size());
+    const std::size_t here = std::min(size, whole - front_sent_);
+    Record(front, front_sent_, front_sent_ + here, time);
+    front_sent_ += here;
+    size -= here;
+    if (front_sent_ == whole) {
+      queue_.pop_front();
+      front_sent_ = 0;
+    }
+  }
+}
+
+// The lines that end in this range of a buffer, which begins with a line.
+void SendQueue::Record(const QByteArray& buffer, std::size_t from, std::size_t to,
+                       long long time) const {
+  if (!IsRecorded()) {
+    return;
+  }
+  const std::string_view bytes(buffer.constData(), static_cast<std::size_t>(buffer.size()));
+  for (std::size_t end = bytes.find('\n', from); end < to; end = bytes.find('\n', end + 1)) {
+    const std::size_t before = end == 0 ? std::string_view::npos : bytes.rfind('\n', end - 1);
+    const std::size_t begin = before == std::string_view::npos ? 0 : before + 1;
+    Trace(task_, Direction::kSend, {bytes.substr(begin, end - begin)}, time);
+  }
+}
+
+void SendQueue::Attach(UniqueFd socket) {
+  Lock lock(mutex_);
+  if (is_closed_) {
+    return;
+  }
+  socket_ = std::move(socket);
+  WriteAndTell(lock);
+}
+
+bool SendQueue::Resume() {
+  Lock lock(mutex_);
+  waits_for_room_ = false;
+  WriteAndTell(lock);
+  return waits_for_room_;
+}
+
+void SendQueue::Uncork() {
+  is_corked_ = false;
+  if (!std::exchange(holds_, false) || IsForkedCopy()) {
+    return;
+  }
+  Lock lock(mutex_);
+  WriteAndTell(lock);
+}
+
+void SendQueue::SendOld(Clock::time_point now) {
+  if (!holds_ || now - held_since_ < kHoldTime || IsForkedCopy()) {
+    return;
+  }
+  holds_ = false;
+  Lock lock(mutex_);
+  WriteAndTell(lock);
+}
+
+void SendQueue::FlushUntil(Clock::time_point deadline) {
+  Lock lock(mutex_);
+  bool in_time = true;
+  while (!IsEmpty() && socket_.IsValid() && error_ == 0 && !is_stopped_ && in_time) {
+    in_time = Clock::now() < deadline;
+    if (is_writing_) {
+      lock.unlock();
+      std::this_thread::sleep_for(kWriterPatience);
+      lock.lock();
+      continue;
+    }
+    waits_for_room_ = false;
+    Write(lock, deadline);
+  }
+}
+
+void SendQueue::Stop() {
+  Lock lock(mutex_);
+  Write(lock);
+  is_stopped_ = true;
+  if (!is_writing_) {
+    Drop();
+  }
+}
+
+void SendQueue::Close() {
+  if (IsForkedCopy()) {
+    return;
+  }
+  Lock lock(mutex_);
+  Write(lock);
+  is_stopped_ = is_closed_ = true;
+  if (!is_writing_) {
+    Drop();
+    return;
+  }
+  // The writer closes it.
+  ::shutdown(socket_.Get(), SHUT_RDWR);
+}
+
+void SendQueue::Drop() {
+  queue_.clear();
+  tail_.clear();
+  waiting_ = front_sent_ = 0;
+  if (is_closed_) {
+    socket_.Reset();
+  }
+}
+
+}  // namespace RuntimeManager::host
