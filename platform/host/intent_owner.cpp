@@ -32,8 +32,12 @@ UniqueFd LockFolder(const SocketFolder& folder, Error* error) {
   if (result == 0) {
     return lock;
   }
-  *error = SystemError(Error::kRuntimeFolder,
-                       QString("cannot lock '%1'").arg(folder.PathOf(kLockFile)), errno);
+  const QString why =
+      errno == EWOULDBLOCK
+          ? QString("another process has held it for %1 ms").arg(kLockTries * kLockRetryMs)
+          : ErrnoText(errno);
+  *error = {Error::kRuntimeFolder,
+            QString("cannot lock '%1': %2").arg(folder.PathOf(kLockFile), why)};
   return {};
 }
 
@@ -83,8 +87,8 @@ class IntentOwner::Invocation : public std::enable_shared_from_this<Invocation> 
 
 namespace {
 
-// What the copies of one reply function share. It answers once: with the first reply, or, when all
-// copies are gone, with the news that there is none.
+// All copies of one reply function share this. It answers once: with the first reply, or, when the
+// last copy is destroyed, by saying that there will be no reply.
 template <typename Invocation>
 class Answer {
  public:

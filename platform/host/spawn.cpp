@@ -253,6 +253,62 @@ std::vector<char*> Pointers(std::vector<QByteArray>& texts) {
   return pointers;
 }
 
+// Descriptors of the child's, before they are in their places.
+struct ChildFiles {
+  UniqueFd null_device;
+  UniqueFd listen_socket;
+  Pipe status;
+  Pipe errors;
+};
+
+int OpenFiles(const SpawnRequest& request, ChildFiles* files) {
+  files->null_device = Raise(UniqueFd(::open("/dev/null", O_RDWR | O_CLOEXEC)));
+  if (!files->null_device.IsValid()) {
+    return errno;
+  }
+  if (request.listen_socket >= 0) {
+    files->listen_socket.Reset(::fcntl(request.listen_socket, F_DUPFD_CLOEXEC, kFirstUnused));
+    if (!files->listen_socket.IsValid()) {
+      return errno;
+    }
+  }
+  if (const int error_number = OpenPipe(&files->status)) {
+    return error_number;
+  }
+  return request.capture_stderr ? OpenPipe(&files->errors) : 0;
+}
+
+// The child's arguments and variables, and the arrays of pointers to them that exec takes.
+class ChildTexts {
+ public:
+  explicit ChildTexts(const SpawnRequest& request)
+      : arguments_(request.arguments.begin(), request.arguments.end()),
+        variables_(Environment(request)),
+        has_socket_(request.listen_socket >= 0) {
+    arguments_.insert(arguments_.begin(), request.program);
+    argument_pointers_ = Pointers(arguments_);
+    variable_pointers_ = Pointers(variables_);
+  }
+  ChildTexts(const ChildTexts&) = delete;
+  ChildTexts& operator=(const ChildTexts&) = delete;
+
+  char* const* Arguments() const { return argument_pointers_.data(); }
+  char* const* Variables() const { return variable_pointers_.data(); }
+  // Where the child writes its process id.
+  char* PidDigits() {
+    return has_socket_ ? variable_pointers_[variables_.size() - 1] + sizeof(kPidVariable) - 1
+                       : unused_digits_.data();
+  }
+
+ private:
+  std::vector<QByteArray> arguments_;
+  std::vector<QByteArray> variables_;
+  std::vector<char*> argument_pointers_;
+  std::vector<char*> variable_pointers_;
+  const bool has_socket_;
+  std::array<char, kPidDigits> unused_digits_{};
+};
+
 // Forks with every signal blocked, so that no handler of the application runs in the child.
 pid_t ForkChild(const ChildPlan& plan, int* error_number) {
   sigset_t all;
@@ -271,56 +327,28 @@ pid_t ForkChild(const ChildPlan& plan, int* error_number) {
 }  // namespace
 
 int Spawn(const SpawnRequest& request, Spawned* spawned) {
-  const UniqueFd null_device = Raise(UniqueFd(::open("/dev/null", O_RDWR | O_CLOEXEC)));
-  if (!null_device.IsValid()) {
-    return errno;
-  }
-  UniqueFd listen_socket;
-  if (request.listen_socket >= 0) {
-    listen_socket.Reset(::fcntl(request.listen_socket, F_DUPFD_CLOEXEC, kFirstUnused));
-    if (!listen_socket.IsValid()) {
-      return errno;
-    }
-  }
-  Pipe status;
-  Pipe errors;
-  if (const int error_number = OpenPipe(&status)) {
+  ChildFiles files;
+  int error_number = OpenFiles(request, &files);
+  if (error_number != 0) {
     return error_number;
   }
-  if (request.capture_stderr) {
-    if (const int error_number = OpenPipe(&errors)) {
-      return error_number;
-    }
-  }
-
-  std::vector<QByteArray> arguments(request.arguments.begin(), request.arguments.end());
-  arguments.insert(arguments.begin(), request.program);
-  std::vector<QByteArray> variables = Environment(request);
-  const std::vector<char*> argument_pointers = Pointers(arguments);
-  const std::vector<char*> variable_pointers = Pointers(variables);
-  std::array<char, kPidDigits> unused_digits{};
-
+  ChildTexts texts(request);
   ChildPlan plan;
   plan.program = request.program.constData();
-  plan.arguments = argument_pointers.data();
-  plan.environment = variable_pointers.data();
-  plan.pid_digits = request.listen_socket < 0 ? unused_digits.data()
-                                              : variables.back().data() + sizeof(kPidVariable) - 1;
-  plan.null_device = null_device.Get();
-  plan.listen_socket = listen_socket.Get();
-  plan.stderr_pipe = errors.write.Get();
-  plan.status = status.write.Get();
+  plan.arguments = texts.Arguments();
+  plan.environment = texts.Variables();
+  plan.pid_digits = texts.PidDigits();
+  plan.null_device = files.null_device.Get();
+  plan.listen_socket = files.listen_socket.Get();
+  plan.stderr_pipe = files.errors.write.Get();
+  plan.status = files.status.write.Get();
   plan.starter = ::getpid();
   plan.dies_with_starter = request.dies_with_starter;
 
-  int error_number = 0;
   spawned->pid = ForkChild(plan, &error_number);
-  if (spawned->pid < 0) {
-    return error_number;
-  }
-  spawned->exec_status = std::move(status.read);
-  spawned->stderr_pipe = std::move(errors.read);
-  return 0;
+  spawned->exec_status = std::move(files.status.read);
+  spawned->stderr_pipe = std::move(files.errors.read);
+  return error_number;
 }
 
 }  // namespace RuntimeManager::host

@@ -1,7 +1,9 @@
 // Intents: owners, invokers, and the URIs that need no owner.
 #include <RuntimeManager/IntentsInvoker.h>
 #include <RuntimeManager/RuntimeDispatcher.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -331,6 +333,18 @@ TEST_F(Intents, AreNotServedInAFolderOfOthers) {
   const WarningCatcher warnings;
   RuntimeDispatcher::instance()->registerIntent("Greet", {});
   EXPECT_EQ(warnings.Count("chmod 700"), 1);
+}
+
+TEST_F(Intents, AreNotRegisteredWhileAnotherProcessHoldsTheLockOfTheirNames) {
+  ASSERT_EQ(Invoke("Greet").code(), Error::kNoSuchIntent);
+  const int lock = ::open((RuntimeFolder() + "/intents/.lock").toUtf8().constData(),
+                          O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  ASSERT_EQ(::flock(lock, LOCK_EX), 0);
+  const WarningCatcher warnings;
+  RuntimeDispatcher::instance()->registerIntent("Greet", {});
+  EXPECT_EQ(warnings.Count("'Greet' is not registered: cannot lock"), 1);
+  EXPECT_EQ(warnings.Count("another process has held it for 1000 ms"), 1);
+  ::close(lock);
 }
 
 TEST_F(Intents, OpenAUriWithTheChosenProgramAndNoShell) {

@@ -18,7 +18,8 @@ class RUNTIME_MANAGER_EXPORT RuntimeDispatcher : public QObject {
 
  public:
   // Answers an invocation. The first call counts, from any thread; when the last copy goes without
-  // a call, the invoker is told that there will be no answer.
+  // a call, the invoker is told that there will be no answer. A reply that comes when the invoker
+  // waits no more is dropped.
   using Reply = std::function<void(const QJsonObject&)>;
   // Gets the second object of an invocation, which holds its parameters.
   using IntentHandler = std::function<void(const QJsonObject& parameters, Reply reply)>;
