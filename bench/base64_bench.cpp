@@ -1,8 +1,8 @@
 // Base64 beside memcpy (the floor, over the bytes of the data) and OpenSSL. Every rate is in bytes
 // of the data, not of its text.
 #include <benchmark/benchmark.h>
-#include <quarn/base64.h>
 #include <quarn/buffer.h>
+#include <quarn/internal/base64.h>
 
 #include <cstdint>
 #include <cstring>

@@ -4,7 +4,7 @@
 #define CW_INTERNAL_BASE64_STREAMS_H
 
 #include <cw/byte_streams.h>
-#include <quarn/base64_pieces.h>
+#include <quarn/internal/base64_pieces.h>
 
 #include <algorithm>
 #include <array>

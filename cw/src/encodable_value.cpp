@@ -1,6 +1,6 @@
 #include <cw/encodable_value.h>
 #include <cw/standard_message_codec.h>
-#include <quarn/large_memory.h>
+#include <quarn/internal/large_memory.h>
 #include <quarn/sized_struct.h>
 
 #include <new>

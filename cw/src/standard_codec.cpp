@@ -1,7 +1,7 @@
 #include <cw/internal/base64_streams.h>
 #include <cw/internal/size_estimate.h>
 #include <cw/standard_codec.h>
-#include <quarn/large_memory.h>
+#include <quarn/internal/large_memory.h>
 
 #include <algorithm>
 #include <array>

@@ -1,4 +1,4 @@
-#include <quarn/base64.h>
+#include <quarn/internal/base64.h>
 #include <quarn/logger.h>
 
 #include <algorithm>

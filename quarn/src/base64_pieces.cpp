@@ -1,6 +1,6 @@
-#include <quarn/base64.h>
-#include <quarn/base64_pieces.h>
-#include <quarn/large_memory.h>
+#include <quarn/internal/base64.h>
+#include <quarn/internal/base64_pieces.h>
+#include <quarn/internal/large_memory.h>
 
 #include <algorithm>
 #include <cstring>

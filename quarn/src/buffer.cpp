@@ -1,5 +1,5 @@
-#include <quarn/base64.h>
 #include <quarn/buffer.h>
+#include <quarn/internal/base64.h>
 #include <quarn/logger.h>
 #include <quarn/sized_struct.h>
 

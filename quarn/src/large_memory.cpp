@@ -1,4 +1,4 @@
-#include <quarn/large_memory.h>
+#include <quarn/internal/large_memory.h>
 #include <sys/mman.h>
 #include <unistd.h>
 

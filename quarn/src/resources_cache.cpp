@@ -1,4 +1,4 @@
-#include <quarn/large_memory.h>
+#include <quarn/internal/large_memory.h>
 #include <quarn/logger.h>
 #include <quarn/object.h>
 #include <quarn/resources_cache.h>

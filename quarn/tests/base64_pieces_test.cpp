@@ -1,7 +1,7 @@
 // Base64 piece by piece, beside the whole at once.
 #include <gtest/gtest.h>
-#include <quarn/base64.h>
-#include <quarn/base64_pieces.h>
+#include <quarn/internal/base64.h>
+#include <quarn/internal/base64_pieces.h>
 
 #include <algorithm>
 #include <cstdint>

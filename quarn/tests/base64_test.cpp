@@ -1,6 +1,6 @@
 // Each coder against the one that goes by the definition, and the lengths that no buffer has.
 #include <gtest/gtest.h>
-#include <quarn/base64.h>
+#include <quarn/internal/base64.h>
 
 #include <array>
 #include <cstdint>

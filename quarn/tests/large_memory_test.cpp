@@ -1,6 +1,6 @@
 // The advice shows in the flags that the system lists for the process's memory.
 #include <gtest/gtest.h>
-#include <quarn/large_memory.h>
+#include <quarn/internal/large_memory.h>
 #include <sys/mman.h>
 #include <unistd.h>
 

@@ -2,7 +2,7 @@
 #include <cw/internal/size_estimate.h>
 #include <cw/internal/whole_message.h>
 #include <cw/standard_codec.h>
-#include <quarn/base64.h>
+#include <quarn/internal/base64.h>
 #include <quarn/logger.h>
 #include <vorpc/message.h>
 #include <vorpc/message_text.h>

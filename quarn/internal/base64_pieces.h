@@ -1,7 +1,6 @@
 // Base64 piece by piece, so that a large text and its bytes need not both be in memory as a whole.
-// Inside the library only.
-#ifndef QUARN_BASE64_PIECES_H
-#define QUARN_BASE64_PIECES_H
+#ifndef QUARN_INTERNAL_BASE64_PIECES_H
+#define QUARN_INTERNAL_BASE64_PIECES_H
 
 #include <array>
 #include <cstddef>
@@ -73,4 +72,4 @@ class Base64Decoder {
 
 }  // namespace quarn
 
-#endif  // QUARN_BASE64_PIECES_H
+#endif  // QUARN_INTERNAL_BASE64_PIECES_H

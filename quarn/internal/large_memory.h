@@ -1,6 +1,6 @@
-// Memory for large payloads. Inside the library only.
-#ifndef QUARN_LARGE_MEMORY_H
-#define QUARN_LARGE_MEMORY_H
+// Memory for large payloads.
+#ifndef QUARN_INTERNAL_LARGE_MEMORY_H
+#define QUARN_INTERNAL_LARGE_MEMORY_H
 
 #include <cstddef>
 
@@ -17,4 +17,4 @@ void ExpectFilling(void* data, std::size_t size);
 
 }  // namespace quarn
 
-#endif  // QUARN_LARGE_MEMORY_H
+#endif  // QUARN_INTERNAL_LARGE_MEMORY_H

@@ -1,6 +1,6 @@
-// Base64 (RFC 4648, section 4) straight between caller-provided buffers. Inside the library only.
-#ifndef QUARN_BASE64_H
-#define QUARN_BASE64_H
+// Base64 (RFC 4648, section 4) straight between caller-provided buffers.
+#ifndef QUARN_INTERNAL_BASE64_H
+#define QUARN_INTERNAL_BASE64_H
 
 #include <cstddef>
 #include <cstdint>
@@ -51,4 +51,4 @@ bool DecodeGroups(const char* text, std::size_t length, std::uint8_t* out);
 
 }  // namespace quarn::base64
 
-#endif  // QUARN_BASE64_H
+#endif  // QUARN_INTERNAL_BASE64_H
