@@ -1,88 +1,111 @@
-// What both ends of a task's channel share: the envelope of a message, and the ownership of the
-// platform's objects.
+// One end of a task's channel, as the client and the server have it.
 #ifndef TARV_SRC_CHANNEL_H
 #define TARV_SRC_CHANNEL_H
 
 #include <RuntimeManager/TaskMessaging.h>
-#include <quarn/logger.h>
-#include <quarn/resources_cache.h>
+#include <quarn/object.h>
 
 #include <QByteArray>
 #include <QJsonObject>
+#include <QMetaObject>
 #include <QObject>
-#include <QString>
-#include <cstddef>
 #include <memory>
-#include <string>
-#include <string_view>
+#include <utility>
 
-#include "data_relay.h"
+#include "optional_members.h"
+#include "platform_object.h"
 
 namespace tarv::details {
 
-// The member of the JSON object on the wire that holds a message's text.
-inline QString EnvelopeMember() { return QStringLiteral("data"); }
+// Owns a messaging object and brings what arrives on it to the object of type `End` that opened the
+// channel: by its handle, so that messages that arrive after its end reach nobody. `End` has
+// OnMessageReceived(const QJsonObject&) and OnTextReceived(QByteArray&).
+//
+// Belongs to the thread of that object, but for Find(), which is for any thread. A send shares the
+// messaging object, not the `End`: the thread that sends must never be the one that destroys the
+// `End`, and runs its callbacks, because it let go of it last.
+template <class End, class Ref>
+class Channel {
+ public:
+  using Messaging = RuntimeManager::TaskMessaging;
 
-// The longest text that surely fits a QString, which counts in int and makes room for two bytes for
-// every one of the text, in less than 2 GiB with its header.
-constexpr std::size_t kLongestText = (std::size_t{1} << 30) - 64;
+  Channel() = default;
+  ~Channel() { Close(); }
+  Channel(const Channel&) = delete;
+  Channel& operator=(const Channel&) = delete;
 
-// Sends the JSON object that carries `text`, which is UTF-8. False, after a line of the log, when
-// the text is longer than a message may be.
-inline bool SendText(RuntimeManager::TaskMessaging* messaging, std::string_view text) {
-  if (text.size() > kLongestText) {
-    QUARN_LOG_ERROR() << "Could not send a message of " << text.size() << " bytes: it may have "
-                      << kLongestText << ". Send it in parts.";
-    return false;
+  // Takes `messaging`, on which the object with the handle `owner` sends and receives from now on.
+  void Open(Messaging* messaging, Ref owner) {
+    messaging_ = std::shared_ptr<Messaging>(messaging, DeleteLater());
+    owner_ = owner;
+    connection_ = Connect();
+    GetOpenChannels().Add(GetId(), messaging_);
   }
-  if (!DataRelay::Send(messaging, text)) {
-    messaging->sendMessage(
-        {{EnvelopeMember(), QString::fromUtf8(text.data(), static_cast<int>(text.size()))}});
-  }
-  return true;
-}
 
-// A text of that many bytes or more is not kept twice.
-constexpr int kLargeText = 64 << 10;
+  bool IsOpen() const { return messaging_ != nullptr; }
+  // Null while the channel is not open.
+  Messaging* GetMessaging() const { return messaging_.get(); }
 
-// Hands a text in UTF-8, in a chunk of its own, to `listener`. A large original is given up first:
-// only one of the two shall be there while the message is dealt with.
-template <class Listener>
-void DeliverText(QByteArray& text, quarn::ResourcesCache& cache, const Listener* listener) {
-  if (listener == nullptr) {
-    return;
+  // From now on Find() finds nothing; what arrives is still heard.
+  void StopSending() {
+    if (IsOpen()) {
+      GetOpenChannels().Remove(GetId());
+    }
   }
-  const std::uint64_t chunk = cache.CreateChunk();
-  const char* const cached =
-      cache.AppendStr(chunk, {text.constData(), static_cast<std::size_t>(text.size())});
-  if (text.size() >= kLargeText) {
-    text.clear();
-  }
-  listener->OnMessage(cached, chunk);
-}
 
-// The same for the text of an object. An object that carries no text is dropped.
-template <class Listener>
-void DeliverMessage(const QJsonObject& object, quarn::ResourcesCache& cache,
-                    const Listener* listener) {
-  const QJsonValue data = object.value(EnvelopeMember());
-  if (data.isString()) {
-    QByteArray text = data.toString().toUtf8();
-    DeliverText(text, cache, listener);
+  // Nothing more is sent nor heard. A send that has begun on another thread ends as it would have.
+  void Close() {
+    StopSending();
+    QObject::disconnect(std::exchange(connection_, {}));
+    if (const auto messaging = std::exchange(messaging_, nullptr)) {
+      messaging->disconnect();
+    }
   }
-}
 
-// Ends a platform object: nothing it still emits is heard, and it dies on its event loop, so it may
-// be ended from inside its own signals.
-struct DisconnectAndDeleteLater {
-  void operator()(QObject* object) const {
-    object->disconnect();
-    object->deleteLater();
+  // The messaging object of the channel that the object with this handle has open, or nothing. It
+  // stays alive as long as the caller keeps it. Any thread.
+  static std::shared_ptr<Messaging> Find(Ref owner) { return GetOpenChannels().Find(owner); }
+
+ private:
+  using OpenChannels = quarn::details::ObjectRegistry<Messaging, Ref>;
+
+  // Never destroyed: threads may still send while the process ends.
+  static OpenChannels& GetOpenChannels() {
+    static auto* const channels = new OpenChannels;
+    return *channels;
   }
+
+  std::uint64_t GetId() const { return reinterpret_cast<std::uint64_t>(owner_); }
+
+  QMetaObject::Connection Connect() {
+    ConnectDataReceived(messaging_.get(), [hear = MakeHearer()](QByteArray& text) {
+      hear([&text](End& end) { end.OnTextReceived(text); });
+    });
+    return QObject::connect(
+        messaging_.get(), &Messaging::messageReceived, messaging_.get(),
+        [hear = MakeHearer()](const QJsonObject& object) {
+          hear([&object](End& end) { end.OnMessageReceived(object); });
+        },
+        Qt::DirectConnection);
+  }
+
+  // Calls a function with the owner, if both still live. It keeps the messaging object for so long:
+  // were a send on another thread the last to let it go, an event loop inside a callback could
+  // delete it while it emits.
+  auto MakeHearer() const {
+    return [owner = owner_, channel = std::weak_ptr<Messaging>(messaging_)](auto&& tell) {
+      const auto messaging = channel.lock();
+      const auto end = messaging ? End::FromRef(owner) : nullptr;
+      if (end) {
+        tell(*end);
+      }
+    };
+  }
+
+  std::shared_ptr<Messaging> messaging_;
+  QMetaObject::Connection connection_;
+  Ref owner_{};
 };
-
-template <class T>
-using PlatformPtr = std::unique_ptr<T, DisconnectAndDeleteLater>;
 
 }  // namespace tarv::details
 

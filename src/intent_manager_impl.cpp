@@ -12,7 +12,7 @@
 #include <optional>
 #include <utility>
 
-#include "creation.h"
+#include "empty_if_throws.h"
 
 namespace {
 
@@ -65,9 +65,7 @@ IntentManagerImpl::IntentManagerImpl(PrivateTag)
   reply_connection_ = QObject::connect(
       &invoker_, &RuntimeManager::IntentsInvoker::replyReceived, &invoker_,
       [intents = GetRef()](const QJsonObject& reply, const RuntimeManager::Error& error) {
-        if (const auto self = FromRef(intents)) {
-          self->IntentReplyHandler(reply, error);
-        }
+        IntentReplyHandler(intents, reply, error);
       },
       Qt::DirectConnection);
 }
@@ -75,7 +73,7 @@ IntentManagerImpl::IntentManagerImpl(PrivateTag)
 IntentManagerImpl::~IntentManagerImpl() { QObject::disconnect(reply_connection_); }
 
 std::shared_ptr<IntentManagerImpl> IntentManagerImpl::Create() {
-  auto intents = tarv::details::CreateOrEmpty([] { return Object::Create(PrivateTag()); });
+  auto intents = tarv::details::EmptyIfThrows([] { return Object::Create(PrivateTag()); });
   if (!intents) {
     QUARN_LOG_ERROR() << "Could not create Intent Manager.";
   }
@@ -151,15 +149,21 @@ void IntentManagerImpl::InvokeIntent(const std::string& name, const QJsonObject&
 }
 
 // Replies are matched to requests by order alone: one request is in flight at a time.
-void IntentManagerImpl::IntentReplyHandler(const QJsonObject& /*reply*/,
+// A completion may end the intent manager: what still waits is then discarded, not sent.
+void IntentManagerImpl::IntentReplyHandler(_TARVIntentManagerRef* intents,
+                                           const QJsonObject& /*reply*/,
                                            const RuntimeManager::Error& error) {
-  // A completion may end this object: what still waits is then discarded.
-  const auto go_on = [this] {
-    if (FromRef(GetRef())) {
-      InvokeNext();
+  const auto complete = [intents, &error] {
+    if (const auto self = FromRef(intents)) {
+      self->CompleteFront(error.code() == 0);
     }
   };
-  quarn::details::AttemptAll([this, &error] { CompleteFront(error.code() == 0); }, go_on);
+  const auto go_on = [intents] {
+    if (const auto self = FromRef(intents)) {
+      self->InvokeNext();
+    }
+  };
+  quarn::details::AttemptAll(complete, go_on);
 }
 
 void IntentManagerImpl::CompleteFront(bool success) {

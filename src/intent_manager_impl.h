@@ -50,7 +50,8 @@ class IntentManagerImpl final : public quarn::Object<IntentManagerImpl, _TARVInt
   void OpenURI(const std::string& uri, Completion completion);
   void RegisterIntent(const std::string& name, Handler handler);
   void InvokeIntent(const std::string& name, const QJsonObject& first, const QJsonObject& second);
-  void IntentReplyHandler(const QJsonObject& reply, const RuntimeManager::Error& error);
+  static void IntentReplyHandler(_TARVIntentManagerRef* intents, const QJsonObject& reply,
+                                 const RuntimeManager::Error& error);
   void CompleteFront(bool success);
   void InvokeNext();
 

@@ -6,18 +6,15 @@
 #include <algorithm>
 #include <utility>
 
-#include "creation.h"
+#include "empty_if_throws.h"
 
 namespace tarv::details {
-
 namespace {
 
-// Its handle stops working at once, even if a callback of the object's own keeps it alive for now.
+// Lets go of `object`, which is empty by the time that the callbacks of its end run.
 template <class T>
 void Drop(std::shared_ptr<T>& object) {
-  if (const auto dropped = std::exchange(object, nullptr)) {
-    dropped->Unregister();
-  }
+  const auto dropped = std::exchange(object, nullptr);
 }
 
 }  // namespace
@@ -25,7 +22,7 @@ void Drop(std::shared_ptr<T>& object) {
 Manager::Manager(PrivateTag) : Object(quarn::IDispatcher::CreateEmpty()) {}
 
 std::shared_ptr<Manager> Manager::Create() {
-  auto manager = CreateOrEmpty([] { return Object::Create(PrivateTag()); });
+  auto manager = EmptyIfThrows([] { return Object::Create(PrivateTag()); });
   if (!manager) {
     QUARN_LOG_ERROR() << "Could not create Runtime Manager on API side.";
   }
@@ -45,21 +42,20 @@ void Manager::HandleRelease(_TARVManagerRef* manager) {
   }
 }
 
+// Callbacks of the dying objects may come back here: what they find is whole.
 void Manager::Release() {
-  // Callbacks of the dying objects may come back here: what they find is whole, and what they make
-  // goes the same way.
-  while (!rpc_clients_.empty() || rpc_server_ || intent_manager_) {
-    DropRpcClients();
-    Drop(rpc_server_);
-    Drop(intent_manager_);
-  }
+  DropRpcClients();
+  Drop(rpc_server_);
+  Drop(intent_manager_);
 }
 
+// Those that are there now, one by one, so that a callback finds the rest. What a callback adds has
+// a higher id, and stays.
 void Manager::DropRpcClients() {
-  while (!rpc_clients_.empty()) {
-    auto client = std::move(rpc_clients_.front());
+  const std::uint64_t last = rpc_clients_.empty() ? 0 : rpc_clients_.back()->GetId();
+  while (!rpc_clients_.empty() && rpc_clients_.front()->GetId() <= last) {
+    const auto client = std::move(rpc_clients_.front());
     rpc_clients_.erase(rpc_clients_.begin());
-    Drop(client);
   }
 }
 
@@ -96,7 +92,7 @@ _TARVRpcClientRef* Manager::HandleCreateRpcClient(_TARVManagerRef* manager) {
     QUARN_LOG_ERROR() << "Runtime Manager is not initialized.";
     return nullptr;
   }
-  const auto client = CreateOrEmpty([&self] { return self->CreateRpcClient(); });
+  const auto client = EmptyIfThrows([&self] { return self->CreateRpcClient(); });
   if (!client) {
     QUARN_LOG_ERROR() << "Could not create Task Worker on API side.";
     return nullptr;

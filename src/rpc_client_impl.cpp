@@ -9,8 +9,10 @@
 #include <QStringList>
 #include <utility>
 
-#include "creation.h"
-#include "error_relay.h"
+#include "empty_if_throws.h"
+#include "message_text.h"
+#include "optional_members.h"
+#include "slot_release.h"
 
 namespace tarv {
 
@@ -18,8 +20,16 @@ using quarn::details::AttemptAll;
 
 namespace {
 
-// JSON-RPC's "internal error": the one code for whatever the platform reports.
-constexpr int kPlatformFailure = -32603;
+// JSON-RPC's "internal error", for whatever has no code that a JSON-RPC client can take.
+constexpr int kInternalError = -32603;
+
+// The platform's code where it lies in the range that JSON-RPC leaves to servers.
+int DisconnectCode(const RuntimeManager::Error& error) {
+  constexpr int kFirstServerCode = -32099;
+  constexpr int kLastServerCode = -32000;
+  const bool fits = kFirstServerCode <= error.code() && error.code() <= kLastServerCode;
+  return fits ? error.code() : kInternalError;
+}
 
 }  // namespace
 
@@ -56,9 +66,7 @@ void RpcClientListener::Release() {
   const auto release = release_;
   void* const user_data = user_data_;
   Disown();
-  if (release != nullptr) {
-    release(user_data);
-  }
+  details::CallRelease(release, user_data);
 }
 
 void RpcClientListener::Disown() {
@@ -72,8 +80,8 @@ void RpcClientListener::Disown() {
 RpcClientImpl::RpcClientImpl(std::shared_ptr<StopListener> stop_listener, PrivateTag)
     : Object(quarn::IDispatcher::CreateEmpty()), stop_listener_(std::move(stop_listener)) {}
 
-// NOLINTNEXTLINE(bugprone-exception-escape): a Release callback that throws ends the process.
 RpcClientImpl::~RpcClientImpl() {
+  channel_.StopSending();
   listener_.reset();
   TakeStopListener();
   CleanupMessaging(0, "", 0);
@@ -83,7 +91,7 @@ RpcClientImpl::~RpcClientImpl() {
 
 std::shared_ptr<RpcClientImpl> RpcClientImpl::Create(
     const std::shared_ptr<StopListener>& stop_listener) {
-  auto client = details::CreateOrEmpty(
+  auto client = details::EmptyIfThrows(
       [&stop_listener] { return Object::Create(stop_listener, PrivateTag()); });
   if (!client) {
     QUARN_LOG_ERROR() << "Could not create Task Worker.";
@@ -133,12 +141,11 @@ void RpcClientImpl::StartTask(const std::string& task_name, const std::string& l
   task_.reset(new RuntimeManager::Task(QString::fromStdString(task_name), nullptr));
   task_->withIpcSocket(true);
   task_->withArguments({QStringLiteral("--libs-path"), QString::fromStdString(libs_path)});
-  details::ErrorRelay::Listen(task_.get(), "finished",
-                              [client = GetRef()](const RuntimeManager::Error& error) {
-                                if (const auto self = FromRef(client)) {
-                                  self->OnLost(error);
-                                }
-                              });
+  details::ConnectFinished(task_.get(), [client = GetRef()](const RuntimeManager::Error& error) {
+    if (const auto self = FromRef(client)) {
+      self->OnLost(error);
+    }
+  });
   task_->start([client = GetRef()](const RuntimeManager::Error& error) {
     if (const auto self = FromRef(client)) {
       self->OnStartCompleted(error);
@@ -163,46 +170,35 @@ void RpcClientImpl::OnStartFailed(const RuntimeManager::Error& error) {
   }
   const CachedText text = Cache(error.message());
   QUARN_LOG_INFO() << "[ta-rv] on started call error: " << quarn::Escaped{text.message};
-  listener_->OnStarted(kPlatformFailure, text.message, text.chunk);
+  listener_->OnStarted(kInternalError, text.message, text.chunk);
 }
 
 void RpcClientImpl::OpenMessaging() {
-  messaging_.reset(new RuntimeManager::TaskMessaging(task_->socketPath(), nullptr));
-  message_connection_ = QObject::connect(
-      messaging_.get(), &RuntimeManager::TaskMessaging::messageReceived, messaging_.get(),
-      [client = GetRef()](const QJsonObject& object) {
-        if (const auto self = FromRef(client)) {
-          self->OnMessageReceived(object);
-        }
-      },
-      Qt::DirectConnection);
-  details::DataRelay::Listen(messaging_.get(), [client = GetRef()](QByteArray& text) {
-    if (const auto self = FromRef(client)) {
-      details::DeliverText(text, self->cache_, self->listener_.get());
-    }
-  });
-  details::ErrorRelay::Listen(messaging_.get(), "disconnected",
-                              [client = GetRef()](const RuntimeManager::Error& error) {
-                                if (const auto self = FromRef(client)) {
-                                  self->OnLost(error);
-                                }
-                              });
+  channel_.Open(new RuntimeManager::TaskMessaging(task_->socketPath(), nullptr), GetRef());
+  details::ConnectDisconnected(channel_.GetMessaging(),
+                               [client = GetRef()](const RuntimeManager::Error& error) {
+                                 if (const auto self = FromRef(client)) {
+                                   self->OnLost(error);
+                                 }
+                               });
 }
 
 void RpcClientImpl::OnMessageReceived(const QJsonObject& object) {
-  details::DeliverMessage(object, cache_, listener_.get());
+  if (auto text = details::TextOf(object)) {
+    OnTextReceived(*text);
+  }
+}
+
+void RpcClientImpl::OnTextReceived(QByteArray& text) {
+  details::DeliverText(text, cache_, listener_.get());
 }
 
 QuarnResult RpcClientImpl::HandleSendMessage(_TARVRpcClientRef* client, const char* message) {
-  const auto self = FromRef(client);
-  if (!self || message == nullptr) {
+  const auto messaging = Channel::Find(client);
+  if (!messaging || message == nullptr) {
     return QUARN_RESULT_REFUSED;
   }
-  return self->SendMessage(message) ? QUARN_RESULT_SUCCESS : QUARN_RESULT_REFUSED;
-}
-
-bool RpcClientImpl::SendMessage(std::string_view message) {
-  return messaging_ && details::SendText(messaging_.get(), message);
+  return details::SendText(*messaging, message) ? QUARN_RESULT_SUCCESS : QUARN_RESULT_REFUSED;
 }
 
 void RpcClientImpl::RpcUnlockResourcesImpl(_TARVRpcClientRef* client, std::size_t chunk) {
@@ -235,19 +231,21 @@ void RpcClientImpl::OnLost(const RuntimeManager::Error& error) {
     return;
   }
   const CachedText text = Cache(error.message());
-  Stop(kPlatformFailure, text.message, text.chunk);
+  Stop(DisconnectCode(error), text.message, text.chunk);
 }
 
 // The end of a task is told even when there is no memory left for its reason.
 RpcClientImpl::CachedText RpcClientImpl::Cache(const QString& text) {
-  return details::CreateOrEmpty([this, &text] {
+  return details::EmptyIfThrows([this, &text] {
     const std::string bytes = text.toStdString();
     const std::uint64_t chunk = cache_.CreateChunk();
     return CachedText{cache_.AppendStr(chunk, bytes), chunk};
   });
 }
 
+// Nothing can be sent any more when OnDisconnect says so.
 void RpcClientImpl::Stop(int code, const char* message, std::size_t chunk) {
+  channel_.StopSending();
   AttemptAll([this, code, message, chunk] { CleanupMessaging(code, message, chunk); },
              [this] { StopTask(); });
 }
@@ -284,10 +282,7 @@ void RpcClientImpl::CleanupMessaging(int code, const char* message, std::size_t 
           listener_->OnDisconnect(code, message, chunk);
         }
       },
-      [this] {
-        QObject::disconnect(std::exchange(message_connection_, {}));
-        messaging_.reset();
-      });
+      [this] { channel_.Close(); });
 }
 
 void RpcClientImpl::CleanupTask() { task_.reset(); }

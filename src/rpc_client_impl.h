@@ -3,26 +3,27 @@
 #define TARV_SRC_RPC_CLIENT_IMPL_H
 
 #include <RuntimeManager/Task.h>
-#include <RuntimeManager/TaskMessaging.h>
 #include <quarn/listener.h>
 #include <quarn/object.h>
 #include <quarn/resources_cache.h>
 #include <tarv/tarv_capi.h>
 
-#include <QMetaObject>
+#include <QByteArray>
+#include <QJsonObject>
 #include <QString>
 #include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <string_view>
 
 #include "channel.h"
+#include "platform_object.h"
 
 namespace tarv {
 
-// The caller's TARVRpcClientSlots as calls. Its Release callback runs exactly once.
+// The caller's TARVRpcClientSlots as calls. Its Release callback runs exactly once, and what that
+// throws is logged.
 class RpcClientListener {
   struct PrivateTag {
     explicit PrivateTag() = default;
@@ -52,8 +53,9 @@ class RpcClientListener {
   void* user_data_;
 };
 
-// Belongs to the thread that starts the task and to its Qt event loop. Owned by the manager's list,
-// which it leaves by its stop listener once its task has stopped.
+// Belongs to the thread that starts the task and to its Qt event loop; HandleSendMessage alone is
+// for any thread. Owned by the manager's list, which it leaves by its stop listener once its task
+// has stopped.
 class RpcClientImpl final : public quarn::Object<RpcClientImpl, _TARVRpcClientRef*> {
   struct PrivateTag {
     explicit PrivateTag() = default;
@@ -63,7 +65,6 @@ class RpcClientImpl final : public quarn::Object<RpcClientImpl, _TARVRpcClientRe
   using StopListener = quarn::IListener<_TARVRpcClientRef*>;
 
   RpcClientImpl(std::shared_ptr<StopListener> stop_listener, PrivateTag);
-  // NOLINTNEXTLINE(bugprone-exception-escape): a Release callback that throws ends the process.
   ~RpcClientImpl() override;
 
   // A registered client; empty, after a log line, when it cannot be made.
@@ -77,6 +78,9 @@ class RpcClientImpl final : public quarn::Object<RpcClientImpl, _TARVRpcClientRe
   static void HandleRelease(_TARVRpcClientRef* client);
 
  private:
+  using Channel = details::Channel<RpcClientImpl, _TARVRpcClientRef*>;
+  friend Channel;
+
   // Changed only by compare-and-exchange; whoever makes a transition makes its callbacks.
   enum State : std::uint32_t {
     kIdle = 0,
@@ -98,8 +102,8 @@ class RpcClientImpl final : public quarn::Object<RpcClientImpl, _TARVRpcClientRe
   void OnStartCompleted(const RuntimeManager::Error& error);
   void OnStartFailed(const RuntimeManager::Error& error);
   void OpenMessaging();
-  bool SendMessage(std::string_view message);
   void OnMessageReceived(const QJsonObject& object);
+  void OnTextReceived(QByteArray& text);
   void Release();
   void OnLost(const RuntimeManager::Error& error);
   CachedText Cache(const QString& text);
@@ -112,8 +116,7 @@ class RpcClientImpl final : public quarn::Object<RpcClientImpl, _TARVRpcClientRe
 
   quarn::ResourcesCache cache_;
   details::PlatformPtr<RuntimeManager::Task> task_;
-  details::PlatformPtr<RuntimeManager::TaskMessaging> messaging_;
-  QMetaObject::Connection message_connection_;
+  Channel channel_;
   std::shared_ptr<RpcClientListener> listener_;
   std::atomic<std::uint32_t> state_{kIdle};
   std::mutex stop_mutex_;  // guards stop_listener_, which is taken out exactly once

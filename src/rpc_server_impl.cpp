@@ -8,7 +8,9 @@
 #include <string_view>
 #include <utility>
 
-#include "creation.h"
+#include "empty_if_throws.h"
+#include "message_text.h"
+#include "slot_release.h"
 
 namespace tarv {
 
@@ -39,17 +41,16 @@ void RpcServerListener::Release() {
   on_message_ = nullptr;
   const auto release = std::exchange(release_, nullptr);
   void* const user_data = std::exchange(user_data_, nullptr);
-  if (release != nullptr) {
-    release(user_data);
-  }
+  details::CallRelease(release, user_data);
 }
 
 RpcServerImpl::RpcServerImpl(PrivateTag) : Object(quarn::IDispatcher::CreateEmpty()) {}
 
-RpcServerImpl::~RpcServerImpl() { QObject::disconnect(message_connection_); }
+// The channel closes before the listener is released.
+RpcServerImpl::~RpcServerImpl() { channel_.Close(); }
 
 std::shared_ptr<RpcServerImpl> RpcServerImpl::Create() {
-  return details::CreateOrEmpty([] { return Object::Create(PrivateTag()); });
+  return details::EmptyIfThrows([] { return Object::Create(PrivateTag()); });
 }
 
 QuarnResult RpcServerImpl::HandleLoadProcTable(TARVRpcServerProcTable* table, std::size_t size) {
@@ -66,33 +67,26 @@ QuarnResult RpcServerImpl::HandleLoadProcTable(TARVRpcServerProcTable* table, st
 
 void RpcServerImpl::HandleRun(_TARVRpcServerRef* server, TARVRpcServerSlots* slots) {
   const auto self = FromRef(server);
-  if (self && !self->messaging_) {
+  if (self && !self->channel_.IsOpen()) {
     self->Run(slots);
   }
 }
 
 void RpcServerImpl::Run(TARVRpcServerSlots* slots) {
   listener_ = RpcServerListener::Create(slots);
-  messaging_.reset(new RuntimeManager::TaskMessaging(
-      RuntimeManager::RuntimeDispatcher::instance()->localServerSocket(), nullptr));
-  message_connection_ = QObject::connect(
-      messaging_.get(), &RuntimeManager::TaskMessaging::messageReceived, messaging_.get(),
-      [server = GetRef()](const QJsonObject& object) {
-        if (const auto self = FromRef(server)) {
-          self->OnMessageReceived(object);
-        }
-      },
-      Qt::DirectConnection);
-  details::DataRelay::Listen(messaging_.get(), [server = GetRef()](QByteArray& text) {
-    if (const auto self = FromRef(server)) {
-      details::DeliverText(text, self->cache_, self->listener_.get());
-    }
-  });
+  const int socket = RuntimeManager::RuntimeDispatcher::instance()->localServerSocket();
+  channel_.Open(new RuntimeManager::TaskMessaging(socket, nullptr), GetRef());
   listener_->OnStarted(0, "", 0);
 }
 
 void RpcServerImpl::OnMessageReceived(const QJsonObject& object) {
-  details::DeliverMessage(object, cache_, listener_.get());
+  if (auto text = details::TextOf(object)) {
+    OnTextReceived(*text);
+  }
+}
+
+void RpcServerImpl::OnTextReceived(QByteArray& text) {
+  details::DeliverText(text, cache_, listener_.get());
 }
 
 void RpcServerImpl::HandleUnlockResources(_TARVRpcServerRef* server, std::size_t chunk) {
@@ -105,13 +99,12 @@ void RpcServerImpl::HandleUnlockResources(_TARVRpcServerRef* server, std::size_t
 }
 
 QuarnResult RpcServerImpl::HandleSendMessage(_TARVRpcServerRef* server, const char* message) {
-  const auto self = FromRef(server);
-  if (!self || !self->messaging_) {
+  const auto messaging = Channel::Find(server);
+  if (!messaging) {
     return QUARN_RESULT_REFUSED;
   }
   const std::string_view text = quarn::strings::ViewOf(message);
-  return details::SendText(self->messaging_.get(), text) ? QUARN_RESULT_SUCCESS
-                                                         : QUARN_RESULT_REFUSED;
+  return details::SendText(*messaging, text) ? QUARN_RESULT_SUCCESS : QUARN_RESULT_REFUSED;
 }
 
 }  // namespace tarv

@@ -2,19 +2,20 @@
 #ifndef TARV_SRC_RPC_SERVER_IMPL_H
 #define TARV_SRC_RPC_SERVER_IMPL_H
 
-#include <RuntimeManager/TaskMessaging.h>
 #include <quarn/object.h>
 #include <quarn/resources_cache.h>
 #include <tarv/tarv_capi.h>
 
-#include <QMetaObject>
+#include <QByteArray>
+#include <QJsonObject>
 #include <memory>
 
 #include "channel.h"
 
 namespace tarv {
 
-// The caller's TARVRpcServerSlots as calls. Its Release callback runs exactly once.
+// The caller's TARVRpcServerSlots as calls. Its Release callback runs exactly once, and what that
+// throws is logged.
 class RpcServerListener {
   struct PrivateTag {
     explicit PrivateTag() = default;
@@ -40,8 +41,8 @@ class RpcServerListener {
   void* user_data_;
 };
 
-// Belongs to the thread that runs it and to its Qt event loop. Owned by the manager; runs from Run
-// until it dies.
+// Belongs to the thread that runs it and to its Qt event loop; HandleSendMessage alone is for any
+// thread. Owned by the manager; runs from Run until it dies.
 class RpcServerImpl final : public quarn::Object<RpcServerImpl, _TARVRpcServerRef*> {
   struct PrivateTag {
     explicit PrivateTag() = default;
@@ -60,13 +61,16 @@ class RpcServerImpl final : public quarn::Object<RpcServerImpl, _TARVRpcServerRe
   static QuarnResult HandleSendMessage(_TARVRpcServerRef* server, const char* message);
 
  private:
+  using Channel = details::Channel<RpcServerImpl, _TARVRpcServerRef*>;
+  friend Channel;
+
   void Run(TARVRpcServerSlots* slots);
   void OnMessageReceived(const QJsonObject& object);
+  void OnTextReceived(QByteArray& text);
 
   quarn::ResourcesCache cache_;
   std::shared_ptr<RpcServerListener> listener_;
-  details::PlatformPtr<RuntimeManager::TaskMessaging> messaging_;  // there while running
-  QMetaObject::Connection message_connection_;
+  Channel channel_;  // open while the server runs
 };
 
 }  // namespace tarv

@@ -25,9 +25,11 @@
  *     called it. An intent stays registered, and its slot unreleased, as long as the process lives.
  *  7. Threads. [service] marks what belongs to the one thread, with a Qt event loop, from which the
  *     application or task uses the library: entries are called there, and callbacks run there,
- *     synchronously. [any] may be called from any thread.
+ *     synchronously. [any] may be called from any thread, also while the object ends on its own.
  *  8. Exceptions. No entry throws but for exhausted memory, a null message to the server's
- *     SendMessage, and what a callback that it runs throws.
+ *     SendMessage, and what a callback that it runs throws. What the Release callback of a client's
+ *     or server's slots throws becomes an error line of the log; the release callbacks of the other
+ *     slots must not throw, for that would end the process.
  */
 #ifndef TARV_TARV_CAPI_H
 #define TARV_TARV_CAPI_H
@@ -53,15 +55,18 @@ typedef struct _TARVIntentManagerRef _TARVIntentManagerRef;
 typedef struct TARVRpcClientSlots {
   size_t size;
   /* The task runs and its channel is open (code 0, "", chunk 0), or could not be started (code
-     -32603, the platform's reason, a chunk). Once. [service] */
+     -32603, the platform's reason, a chunk). At most once: a client that ends while its task is
+     starting hears nothing of the start. [service] */
   void (*OnStarted)(void* user_data, int code, const char* message, size_t chunk);
   /* The channel is closed: by Release (code 0, "", chunk 0), or because the task ended or its
-     channel was lost (code -32603, the platform's reason, a chunk). At most once, and the last
-     message. [service] */
+     channel was lost (a code, the platform's reason, a chunk). That code is the platform's where it
+     lies in -32099 to -32000, which JSON-RPC leaves to servers, else -32603. At most once, after
+     the last message; never when the manager's Release ends the client. Where memory is exhausted,
+     the reason is "" with chunk 0. [service] */
   void (*OnDisconnect)(void* user_data, int code, const char* message, size_t chunk);
   /* One message of the task, in a chunk of its own. [service] */
   void (*OnMessage)(void* user_data, const char* message, size_t chunk);
-  /* The client is gone; frees user_data. Must not throw. [service] */
+  /* The client is gone; frees user_data. [service] */
   void (*Release)(void* user_data);
   void* user_data;
 } TARVRpcClientSlots;
@@ -73,7 +78,7 @@ typedef struct TARVRpcServerSlots {
   void (*OnStarted)(void* user_data, int code, const char* message, size_t chunk);
   /* One message of the task's starter, in a chunk of its own. [service] */
   void (*OnMessage)(void* user_data, const char* message, size_t chunk);
-  /* The server is gone; frees user_data. Must not throw. [service] */
+  /* The server is gone; frees user_data. [service] */
   void (*Release)(void* user_data);
   void* user_data;
 } TARVRpcServerSlots;
@@ -123,8 +128,9 @@ typedef struct TARVRpcClientProcTable {
   /* Gives a message's chunk back; its text must not be read any more. Nothing for chunk 0 or an
      unknown client. [service] */
   void (*UnlockResources)(_TARVRpcClientRef* client, size_t chunk);
-  /* Sends a message to the task; delivery is not confirmed. Returns 0, or 3 for an unknown client,
-     a null message, one of 1 GiB or more, or a client whose channel is not open. [service] */
+  /* Sends a message to the task; delivery is not confirmed. Messages of one thread keep their order.
+     Returns 0, or 3 for an unknown client, a null message, one of 1 GiB or more, or a client whose
+     channel is not open, as in its OnDisconnect. [any] */
   QuarnResult (*SendMessage)(_TARVRpcClientRef* client, const char* message);
   /* Ends the client: the handle stops working at once; a running task gets OnDisconnect(0, "", 0),
      is stopped, and then the client goes and its Release slot runs. A client that is not running
@@ -139,8 +145,9 @@ typedef struct TARVRpcServerProcTable {
   void (*Run)(_TARVRpcServerRef* server, TARVRpcServerSlots* slots);
   /* As the client's entry. [service] */
   void (*UnlockResources)(_TARVRpcServerRef* server, size_t chunk);
-  /* Sends a message, which must not be null, to the starter; delivery is not confirmed. Returns 0,
-     or 3 for an unknown server, one that does not run or a message of 1 GiB or more. [service] */
+  /* Sends a message, which must not be null, to the starter; delivery is not confirmed. Messages of
+     one thread keep their order. Returns 0, or 3 for an unknown server, one that does not run or a
+     message of 1 GiB or more. [any] */
   QuarnResult (*SendMessage)(_TARVRpcServerRef* server, const char* message);
 } TARVRpcServerProcTable;
 
@@ -163,8 +170,11 @@ typedef struct TARVProcTable {
   /* The process's manager, made by the first call; null when that failed, then and ever after.
    * [any] */
   _TARVManagerRef* (*Initialize)(void);
-  /* Ends all clients, then the server, then the intent manager, and with them what their callbacks
-     make of the kind meanwhile. The manager itself, and its handle, live on. [service] */
+  /* Lets go of all clients, then of the server, then of the intent manager, whose slots are
+     released and not told. Each step is taken once, over what is there when it begins: what their
+     callbacks make stays, unless its step is still to come. An object that is in the middle of a
+     callback keeps its handle until that returns. The manager itself, and its handle, live on.
+     [service] */
   void (*Release)(_TARVManagerRef* manager);
   /* The manager's intent manager, made by the first call; null on failure. Owned by the manager.
      [service] */

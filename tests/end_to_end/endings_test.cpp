@@ -1,5 +1,6 @@
 // How a conversation ends: the task goes, is taken away, or is let go.
 
+#include <RuntimeManager/Error.h>
 #include <gmock/gmock.h>
 #include <signal.h>
 
@@ -35,7 +36,7 @@ TEST_F(Ending, OfAKilledTaskFailsAHundredPendingRequestsOnceEach) {
   RunEvents(kAWhile);
   ASSERT_THAT(connection->record->disconnected, SizeIs(1));
   const Message::Error error = connection->record->disconnected[0].value();
-  EXPECT_EQ(error.code, -32603);
+  EXPECT_EQ(error.code, RuntimeManager::Error::kTaskKilled);
   EXPECT_THAT(error.message, AllOf(HasSubstr("the task 'worker'"),
                                    HasSubstr("was killed by signal 9 (SIGKILL) after ")));
   ASSERT_THAT(connection->record->responses, SizeIs(kPending));

@@ -1,5 +1,6 @@
 // Tasks that live on when their channel is lost, and what becomes of their clients.
 
+#include <RuntimeManager/Error.h>
 #include <gmock/gmock.h>
 
 #include "kit/service.h"
@@ -12,11 +13,11 @@ using testing::IsEmpty;
 
 class ChannelLoss : public ServiceTest {
  protected:
-  // The client is told once, with a reason; its task is stopped, and its slots are released.
-  static void ExpectTheEnd(Client& client, const std::string& reason) {
+  // The client is told once, with the platform's code and a reason; its task is stopped, and its slots are released.
+  static void ExpectTheEnd(Client& client, int code, const std::string& reason) {
     ASSERT_TRUE(client.WaitFor(Event::kReleased));
     EXPECT_EQ(client.Count(Event::kDisconnect), 1U);
-    EXPECT_EQ(client.Last(Event::kDisconnect).code, -32603);
+    EXPECT_EQ(client.Last(Event::kDisconnect).code, code);
     EXPECT_NE(client.Last(Event::kDisconnect).chunk, 0U);
     EXPECT_THAT(client.Last(Event::kDisconnect).text, HasSubstr(reason));
     EXPECT_EQ(client.events.back().kind, Event::kReleased);
@@ -28,7 +29,7 @@ class ChannelLoss : public ServiceTest {
 TEST_F(ChannelLoss, ByATaskThatHangsUpDisconnectsAndStopsTheTask) {
   Client& client = NewRunningClient("lines.py");
   client.Send("hang up");
-  ExpectTheEnd(client, "closed the connection");
+  ExpectTheEnd(client, RuntimeManager::Error::kConnectionLost, "closed the connection");
 }
 
 TEST_F(ChannelLoss, ByAMessageFromTheTaskOverTheBoundDisconnectsAndStopsTheTask) {
@@ -37,7 +38,7 @@ TEST_F(ChannelLoss, ByAMessageFromTheTaskOverTheBoundDisconnectsAndStopsTheTask)
   client.Send("repeat 500");
   ASSERT_TRUE(client.WaitForMessages(1));
   client.Send("repeat 2000");
-  ExpectTheEnd(client, "RUNTIME_MANAGER_MAX_MESSAGE");
+  ExpectTheEnd(client, RuntimeManager::Error::kMessageTooLong, "RUNTIME_MANAGER_MAX_MESSAGE");
   EXPECT_EQ(client.Count(Event::kMessage), 1U);
 }
 
@@ -45,7 +46,7 @@ TEST_F(ChannelLoss, ByAMessageToTheTaskOverTheBoundDisconnectsAndStopsTheTask) {
   const ScopedVariable bound("RUNTIME_MANAGER_MAX_MESSAGE", "1000");
   Client& client = NewRunningClient("lines.py");
   EXPECT_EQ(client.Send(std::string(2000, 'x')), QUARN_RESULT_SUCCESS);
-  ExpectTheEnd(client, "RUNTIME_MANAGER_MAX_MESSAGE");
+  ExpectTheEnd(client, RuntimeManager::Error::kMessageTooLong, "RUNTIME_MANAGER_MAX_MESSAGE");
 }
 
 TEST_F(ChannelLoss, ByAFullQueueDisconnectsAndStopsTheTask) {
@@ -54,7 +55,7 @@ TEST_F(ChannelLoss, ByAFullQueueDisconnectsAndStopsTheTask) {
   for (int i = 0; i < 40; ++i) {
     client.Send(std::string(50'000, 'x'));
   }
-  ExpectTheEnd(client, "RUNTIME_MANAGER_MAX_QUEUE");
+  ExpectTheEnd(client, RuntimeManager::Error::kQueueFull, "RUNTIME_MANAGER_MAX_QUEUE");
 }
 
 TEST_F(ChannelLoss, LeavesAClientThatCannotBeStartedAgain) {

@@ -93,18 +93,19 @@ TEST_F(Manager, ReleaseOfARunningClientSendsNoDisconnect) {
 TEST_F(Manager, ReleaseMayComeFromAReleaseCallbackThatAlsoMakesAClient) {
   Client& first = NewRunningClient("echo");
   Client& second = NewRunningClient("echo");
-  _TARVRpcClientRef* made = nullptr;
+  Client* made = nullptr;
   first.on_event = [this, &made](const Event&) {
-    made = tables_.root.CreateRpcClient(manager_);
     tables_.root.Release(manager_);
+    made = &NewClient();
   };
   tables_.root.Release(manager_);
-  EXPECT_NE(made, nullptr);
-  EXPECT_EQ(tables_.client.SendMessage(made, "gone"), QUARN_RESULT_REFUSED);
   EXPECT_EQ(second.Count(Event::kReleased), 1U);
+  ASSERT_NE(made, nullptr);
+  EXPECT_EQ(made->Start("echo"), QUARN_RESULT_SUCCESS);
+  EXPECT_TRUE(made->WaitForStart());
 }
 
-TEST_F(Manager, ReleaseInsideACallbackEndsHandlesAtOnce) {
+TEST_F(Manager, ReleaseInsideACallbackEndsAllHandlesButThatOfTheObjectThatRunsIt) {
   Client& client = NewClient();
   _TARVRpcServerRef* const server = tables_.root.GetRpcServer(manager_);
   tables_.server.Run(server, nullptr);
@@ -118,7 +119,7 @@ TEST_F(Manager, ReleaseInsideACallbackEndsHandlesAtOnce) {
     if (event.kind == Event::kStarted) {
       EXPECT_EQ(tables_.server.SendMessage(server, "there"), QUARN_RESULT_SUCCESS);
       tables_.root.Release(manager_);
-      EXPECT_EQ(client.Send("gone"), QUARN_RESULT_REFUSED);
+      EXPECT_EQ(client.Send("there"), QUARN_RESULT_SUCCESS);
       EXPECT_EQ(tables_.server.SendMessage(server, "gone"), QUARN_RESULT_REFUSED);
       StdoutOf(
           [&] { EXPECT_EQ(intent_table.OpenUri(intents, "a:1", &slot), QUARN_RESULT_REFUSED); });
@@ -128,6 +129,7 @@ TEST_F(Manager, ReleaseInsideACallbackEndsHandlesAtOnce) {
   client.Start("echo");
   EXPECT_TRUE(client.WaitFor(Event::kReleased));
   EXPECT_TRUE(looked);
+  EXPECT_EQ(client.Send("gone"), QUARN_RESULT_REFUSED);
 }
 
 TEST_F(Manager, UnknownHandleGivesNoClientAndALine) {

@@ -1,5 +1,6 @@
 // The client's entries against real task processes.
 
+#include <RuntimeManager/Error.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <signal.h>
@@ -351,7 +352,7 @@ TEST_F(RpcClient, TaskThatExitsByItselfIsReportedWithItsStatusAndLastWords) {
   ASSERT_TRUE(client.WaitFor(Event::kReleased));
   EXPECT_EQ(client.Count(Event::kDisconnect), 1U);
   const Event& lost = client.Last(Event::kDisconnect);
-  EXPECT_EQ(lost.code, -32603);
+  EXPECT_EQ(lost.code, RuntimeManager::Error::kTaskExited);
   EXPECT_NE(lost.chunk, 0U);
   EXPECT_THAT(lost.text, HasSubstr("echo"));
   EXPECT_THAT(lost.text, HasSubstr("status 3"));
@@ -377,7 +378,7 @@ TEST_F(RpcClient, TaskKilledFromOutsideWithAHundredRequestsOnTheirWayDisconnects
   ASSERT_TRUE(client.WaitFor(Event::kReleased));
   RunEvents(std::chrono::milliseconds(300));
   EXPECT_EQ(client.Count(Event::kDisconnect), 1U);
-  EXPECT_EQ(client.Last(Event::kDisconnect).code, -32603);
+  EXPECT_EQ(client.Last(Event::kDisconnect).code, RuntimeManager::Error::kTaskKilled);
 }
 
 TEST_F(RpcClient, ReleaseAfterTheTaskEndedFindsNothingToDo) {

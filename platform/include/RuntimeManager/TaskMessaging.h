@@ -42,9 +42,10 @@ class RUNTIME_MANAGER_EXPORT TaskMessaging : public QObject {
   void sendMessage(const QJsonObject& message);
   // Sends the message {"data": text}, where `text` is UTF-8, without the cost of the object, as
   // sendMessage() does; but a peer that is reading a large text is waited for as long as copying it
-  // would take: a millisecond for each mebibyte, and two without progress. A runtime manager may
-  // lack this, and dataReceived(): ask the meta-object. Any thread.
-  Q_INVOKABLE void sendData(const QByteArray& text);
+  // would take: a millisecond for each mebibyte, and two without progress. The text is read before
+  // this returns: it may be raw data. A runtime manager may lack this, and dataReceived(): ask the
+  // compiler. Any thread.
+  void sendData(const QByteArray& text);
 
  Q_SIGNALS:
   // One message of the peer, in the order they were sent.

@@ -7,6 +7,7 @@
 #include <tarv/tarv_capi.h>
 
 #include <QCoreApplication>
+#include <future>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -21,6 +22,8 @@ namespace {
 using RuntimeManager::Error;
 using RuntimeManager::IntentsInvoker;
 using RuntimeManager::RuntimeDispatcher;
+using testing::Contains;
+using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -41,6 +44,9 @@ class FakeIntents : public testing::Test {
     root_.Release(manager_);
     RuntimeDispatcher::instance()->handlers.clear();
   }
+
+  // What the platform was asked since the last call.
+  static std::vector<std::string> TakeJournal() { return RuntimeManager::Journal::Get().Take(); }
 
   // What a slot reports to: lines "NAME true", "NAME false", "NAME released".
   struct Listener {
@@ -184,16 +190,14 @@ TEST_F(FakeIntents, ManagerMayReleaseFromInsideACallback) {
 }
 
 TEST_F(FakeIntents, ManagersReleaseInsideACallbackSendsNoFurtherRequest) {
-  std::size_t sent = 0;
-  OpenUri("a:1", [this, &sent] {
+  OpenUri("a:1", [this] {
     root_.Release(manager_);
-    IntentsInvoker::GetAllInvocations() = &sent;
+    TakeJournal();
   });
   OpenUri("a:2");
   Reply();
-  IntentsInvoker::GetAllInvocations() = nullptr;
   EXPECT_THAT(log_, ElementsAre("a:1 true", "a:1 released", "a:2 released"));
-  EXPECT_EQ(sent, 0U);
+  EXPECT_THAT(TakeJournal(), ElementsAre("~IntentsInvoker"));
 }
 
 TEST_F(FakeIntents, ExceptionOutOfACallbackDoesNotStopTheQueue) {
@@ -335,6 +339,65 @@ TEST_F(FakeIntents, RegisterIntentWithoutANameOrASlotIsInvalid) {
               }),
               IsLogLine("error", "No intent name or callback slot provided."));
   EXPECT_TRUE(RuntimeDispatcher::instance()->handlers.empty());
+}
+
+TEST_F(FakeIntents, EmptyUriIsPassedOn) {
+  EXPECT_EQ(OpenUri(""), QUARN_RESULT_SUCCESS);
+  EXPECT_THAT(TakeJournal(), Contains(R"(invoke OpenURI {} {"uri":""})"));
+}
+
+TEST_F(FakeIntents, EmptyNameIsPassedOn) {
+  TARVRegisterIntentSlot slot{};
+  slot.size = sizeof(slot);
+  EXPECT_EQ(table_.RegisterIntent(intents_, "", &slot), QUARN_RESULT_SUCCESS);
+  EXPECT_EQ(RuntimeDispatcher::instance()->handlers.count(""), 1U);
+}
+
+TEST_F(FakeIntents, NamesAndUrisAreReadAsUtf8) {
+  TARVRegisterIntentSlot slot{};
+  slot.size = sizeof(slot);
+  table_.RegisterIntent(intents_, "wägen", &slot);
+  OpenUri("a:größe");
+  const auto journal = TakeJournal();
+  EXPECT_THAT(journal, Contains("registerIntent wägen"));
+  EXPECT_THAT(journal, Contains(R"(invoke OpenURI {} {"uri":"a:größe"})"));
+}
+
+TEST_F(FakeIntents, ArgumentsAreCheckedBeforeTheHandle) {
+  const auto unknown = reinterpret_cast<_TARVIntentManagerRef*>(0xFFFFFFFFFFFF);
+  std::vector<QuarnResult> results;
+  EXPECT_THAT(StdoutOf([&] { results.push_back(table_.OpenUri(unknown, "a:1", nullptr)); }),
+              IsLogLine("error", "No uri or callback slot provided."));
+  EXPECT_THAT(StdoutOf([&] { results.push_back(table_.RegisterIntent(unknown, "a", nullptr)); }),
+              IsLogLine("error", "No intent name or callback slot provided."));
+  EXPECT_THAT(results, Each(QUARN_RESULT_INVALID_ARGUMENT));
+}
+
+// A lock that is held while the invoker is called would be waited for: the other thread's request is
+// not queued by the time that invoke() gives up waiting for it.
+TEST_F(FakeIntents, AnotherThreadMayAskWhileTheInvokerIsCalled) {
+  for (const bool first : {true, false}) {
+    SCOPED_TRACE(first ? "the first request" : "the request that follows a reply");
+    std::future<QuarnResult> other;
+    std::future_status status = std::future_status::timeout;
+    const auto ask_meanwhile = [&] {
+      other = std::async(std::launch::async, [this] { return OpenUri("a:other"); });
+      status = other.wait_for(std::chrono::seconds(5));
+    };
+    if (first) {
+      Invoker().on_invoke = ask_meanwhile;
+      OpenUri("a:1");
+    } else {
+      OpenUri("a:1");
+      OpenUri("a:2");
+      Invoker().on_invoke = ask_meanwhile;
+    }
+    Reply();
+    EXPECT_EQ(status, std::future_status::ready);
+    EXPECT_EQ(other.get(), QUARN_RESULT_SUCCESS);
+    Reply();
+    Reply();
+  }
 }
 
 TEST_F(FakeIntents, UnknownHandleIsRefusedWithALineAndTheSlotNotTaken) {

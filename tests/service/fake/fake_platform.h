@@ -2,6 +2,7 @@
 #ifndef FAKE_PLATFORM_H
 #define FAKE_PLATFORM_H
 
+#include <RuntimeManager/Journal.h>
 #include <RuntimeManager/Task.h>
 #include <RuntimeManager/TaskMessaging.h>
 #include <gtest/gtest.h>
@@ -18,8 +19,9 @@ inline int argument_count = 1;
 inline char program_name[] = "fake_platform_tests";
 inline char* arguments[] = {program_name, nullptr};
 
+// All of it is public: C callbacks reach it by their user data.
 class FakePlatform : public testing::Test {
- protected:
+ public:
   FakePlatform() : application_(argument_count, arguments) {
     RuntimeManager::Task::GetAll().clear();
     RuntimeManager::TaskMessaging::GetAll().clear();
@@ -28,10 +30,18 @@ class FakePlatform : public testing::Test {
     root_.RpcServerProcTableLoad(&server_table_, sizeof(server_table_));
     manager_ = root_.Initialize();
     client_ = root_.CreateRpcClient(manager_);
+    TakeJournal();
   }
   ~FakePlatform() override {
     root_.Release(manager_);
     RunDeferredDeletes();
+  }
+
+  // What the platform was asked since the last call.
+  static std::vector<std::string> TakeJournal() { return RuntimeManager::Journal::Get().Take(); }
+
+  static RuntimeManager::TaskMessaging& Channel() {
+    return *RuntimeManager::TaskMessaging::GetAll().at(0);
   }
 
   // What the client hears becomes a line of the log.
@@ -50,6 +60,12 @@ class FakePlatform : public testing::Test {
     callbacks.Release = [](void* log) { Log(log, "released"); };
     callbacks.user_data = &log_;
     return callbacks;
+  }
+
+  // A handle that no object has had.
+  template <class Ref>
+  static Ref Foreign() {
+    return reinterpret_cast<Ref>(0xFFFFFFFFFFFF);
   }
 
   // Starts the client's task; its completions are then at the test's disposal.

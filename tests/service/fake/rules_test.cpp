@@ -23,11 +23,7 @@ using testing::IsEmpty;
 
 class Rules : public FakePlatform {
  protected:
-  static _TARVRpcServerRef* StaleServer() {
-    return reinterpret_cast<_TARVRpcServerRef*>(0xFFFFFFFFFFFF);
-  }
-
-  static TaskMessaging& Channel() { return *TaskMessaging::GetAll().at(0); }
+  static _TARVRpcServerRef* StaleServer() { return Foreign<_TARVRpcServerRef*>(); }
 
   QuarnResult StartTask(const char* name, const char* libs) const {
     return table_.StartTask(client_, name, libs, nullptr);
@@ -137,66 +133,85 @@ TEST_F(Rules, UnlockingAtAnUnknownServerSaysNothing) {
   EXPECT_STREQ(heard[0].first, "kept");
 }
 
-// ---- The order of an end
+// ---- The order of calls
 
-// Whether the service still has the channel: it lets all listeners go, this one too, when it does
-// not.
-class Ear {
- public:
-  explicit Ear(TaskMessaging& channel) : channel_(channel) {
-    QObject::connect(&channel, &TaskMessaging::messageReceived, [this] { heard_ = true; });
-  }
-  bool Hears() {
-    heard_ = false;
-    Q_EMIT channel_.messageReceived({});
-    return heard_;
-  }
-
- private:
-  TaskMessaging& channel_;
-  bool heard_ = false;
-};
-
-TEST_F(Rules, ReleasedClientDisconnectsThenClosesItsChannelAndThenStopsItsTask) {
-  struct Order {
-    Ear* ear = nullptr;
-    Task* task = nullptr;
-    std::vector<std::string>* log = nullptr;
-    void Look(const std::string& moment) const {
-      log->push_back(moment + (ear->Hears() ? ", channel open" : ", channel closed") +
-                     (task->complete_stop ? ", task told" : ", task untold"));
-    }
-  } order;
-  TARVRpcClientSlots slots{};
-  slots.size = sizeof(slots);
-  slots.OnDisconnect = [](void* seen, int, const char*, std::size_t) {
-    static_cast<Order*>(seen)->Look("disconnect");
-  };
-  slots.user_data = &order;
-  ASSERT_EQ(table_.StartTask(client_, "worker", "/libs", &slots), QUARN_RESULT_SUCCESS);
-  Task& task = *Task::GetAll().at(0);
-  task.complete_start(Error());
-  Ear ear(Channel());
-  order = {&ear, &task, &log_};
-  task.on_stop = [&order] { order.Look("stop"); };
-  table_.Release(client_);
-  EXPECT_THAT(log_, ElementsAre("disconnect, channel open, task untold",
-                                "stop, channel closed, task untold"));
+TEST_F(Rules, TaskIsMadeWithItsSocketThenItsArgumentsAndThenStarted) {
+  ASSERT_EQ(StartTask("wörker", "/bücher/libs"), QUARN_RESULT_SUCCESS);
+  EXPECT_THAT(TakeJournal(), ElementsAre("Task wörker", "withIpcSocket true",
+                                         "withArguments --libs-path|/bücher/libs", "start wörker"));
 }
 
-TEST_F(Rules, ServersEndClosesItsChannelForAllAndDeletesItLater) {
-  Heard heard;
-  RunServer(heard);
-  const auto channel = TaskMessaging::GetAll().at(0);
-  Ear ear(*channel);
-  ASSERT_TRUE(ear.Hears());
-  root_.Release(manager_);
-  ASSERT_FALSE(channel.isNull());
-  EXPECT_FALSE(ear.Hears());
-  Q_EMIT channel->messageReceived({{"data", "too late"}});
-  EXPECT_THAT(heard, IsEmpty());
-  RunDeferredDeletes();
-  EXPECT_TRUE(channel.isNull());
+// What was there as OnStarted was called.
+struct AtStart {
+  const CaptureStdout* output = nullptr;
+  std::string logged;
+  std::vector<std::string> messages;
+};
+
+TARVRpcClientSlots LookingSlots(AtStart& seen) {
+  TARVRpcClientSlots slots{};
+  slots.size = sizeof(slots);
+  slots.OnStarted = [](void* at_start, int code, const char*, std::size_t) {
+    auto* const self = static_cast<AtStart*>(at_start);
+    self->logged = self->output->GetText();
+    if (code == 0) {
+      Q_EMIT TaskMessaging::GetAll().at(0)->messageReceived({{"data", "at once"}});
+    }
+  };
+  slots.OnMessage = [](void* at_start, const char* text, std::size_t) {
+    static_cast<AtStart*>(at_start)->messages.emplace_back(text);
+  };
+  slots.user_data = &seen;
+  return slots;
+}
+
+TEST_F(Rules, FailedStartIsLoggedBeforeOnStartedIsCalled) {
+  AtStart seen;
+  TARVRpcClientSlots slots = LookingSlots(seen);
+  ASSERT_EQ(table_.StartTask(client_, "worker", "/libs", &slots), QUARN_RESULT_SUCCESS);
+  {
+    const CaptureStdout output;
+    seen.output = &output;
+    Task::GetAll().at(0)->complete_start(Error(7, "no room"));
+  }
+  EXPECT_THAT(seen.logged, IsLogLine("info", "[ta-rv] on started call error: no room"));
+}
+
+TEST_F(Rules, ClientHearsItsChannelBeforeOnStartedReturns) {
+  AtStart seen;
+  TARVRpcClientSlots slots = LookingSlots(seen);
+  ASSERT_EQ(table_.StartTask(client_, "worker", "/libs", &slots), QUARN_RESULT_SUCCESS);
+  {
+    const CaptureStdout output;
+    seen.output = &output;
+    Task::GetAll().at(0)->complete_start(Error());
+  }
+  EXPECT_THAT(seen.messages, ElementsAre("at once"));
+}
+
+TEST_F(Rules, ServerHearsItsChannelBeforeOnStartedReturns) {
+  TARVRpcServerSlots slots{};
+  slots.size = sizeof(slots);
+  slots.OnStarted = [](void*, int, const char*, std::size_t) {
+    Q_EMIT Channel().messageReceived({{"data", "at once"}});
+  };
+  slots.OnMessage = [](void* log, const char* text, std::size_t) { Log(log, text); };
+  slots.user_data = &log_;
+  server_table_.Run(root_.GetRpcServer(manager_), &slots);
+  EXPECT_THAT(log_, ElementsAre("at once"));
+}
+
+// ---- Null is refused, empty is not
+
+TEST_F(Rules, EmptyMessageIsSentByAClientAndByAServer) {
+  Start().complete_start(Error());
+  EXPECT_EQ(table_.SendMessage(client_, ""), QUARN_RESULT_SUCCESS);
+  _TARVRpcServerRef* const server = root_.GetRpcServer(manager_);
+  server_table_.Run(server, nullptr);
+  EXPECT_EQ(server_table_.SendMessage(server, ""), QUARN_RESULT_SUCCESS);
+  for (const auto& channel : TaskMessaging::GetAll()) {
+    EXPECT_THAT(channel->sent, ElementsAre(QJsonObject{{"data", ""}}));
+  }
 }
 
 // ---- What is said of none of it

@@ -1,5 +1,5 @@
-// A platform of which a test decides every move. It has the operations that every platform has, and
-// none of the signals that a platform may lack.
+// A platform of which a test decides every move, and which writes down all that it is asked. It has
+// the operations that every platform has, and with FAKE_OPTIONAL_MEMBERS those that one may lack.
 #ifndef FAKE_RUNTIME_MANAGER_ERROR_H
 #define FAKE_RUNTIME_MANAGER_ERROR_H
 

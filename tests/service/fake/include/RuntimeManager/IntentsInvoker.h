@@ -2,10 +2,14 @@
 #define FAKE_RUNTIME_MANAGER_INTENTS_INVOKER_H
 
 #include <RuntimeManager/Error.h>
+#include <RuntimeManager/Journal.h>
 
+#include <QJsonDocument>
 #include <QJsonObject>
 #include <QObject>
 #include <QString>
+#include <functional>
+#include <utility>
 #include <vector>
 
 namespace RuntimeManager {
@@ -21,19 +25,18 @@ class IntentsInvoker : public QObject {
     QJsonObject second;
   };
 
-  explicit IntentsInvoker(QObject* parent) : QObject(parent) { GetLatest() = this; }
+  explicit IntentsInvoker(QObject* parent) : QObject(parent) {
+    GetLatest() = this;
+    Journal::Get().Write(parent == nullptr ? "IntentsInvoker" : "IntentsInvoker of a parent");
+  }
+  ~IntentsInvoker() override { Journal::Get().Write("~IntentsInvoker"); }
 
   void invoke(const QString& name, const QJsonObject& first, const QJsonObject& second) {
+    Journal::Get().Write("invoke " + name + ' ' + Compact(first) + ' ' + Compact(second));
     invocations.push_back({name, first, second});
-    if (GetAllInvocations() != nullptr) {
-      ++*GetAllInvocations();
+    if (const auto action = std::exchange(on_invoke, nullptr)) {
+      action();
     }
-  }
-
-  // Where invocations of any invoker are counted, if somewhere: for what happens as one dies.
-  static std::size_t*& GetAllInvocations() {
-    static std::size_t* count = nullptr;
-    return count;
   }
 
   // The invoker made last.
@@ -43,9 +46,15 @@ class IntentsInvoker : public QObject {
   }
 
   std::vector<Invocation> invocations;
+  std::function<void()> on_invoke;  // called as the next invoke() ends
 
  Q_SIGNALS:
   void replyReceived(const QJsonObject& reply, const RuntimeManager::Error& error);
+
+ private:
+  static QString Compact(const QJsonObject& object) {
+    return QJsonDocument(object).toJson(QJsonDocument::Compact);
+  }
 };
 
 }  // namespace RuntimeManager

@@ -1,6 +1,8 @@
 #ifndef FAKE_RUNTIME_MANAGER_RUNTIME_DISPATCHER_H
 #define FAKE_RUNTIME_MANAGER_RUNTIME_DISPATCHER_H
 
+#include <RuntimeManager/Journal.h>
+
 #include <QJsonObject>
 #include <QObject>
 #include <QString>
@@ -23,6 +25,7 @@ class RuntimeDispatcher : public QObject {
   }
   int localServerSocket() const { return kSocket; }
   void registerIntent(const QString& name, IntentHandler handler) {
+    Journal::Get().Write("registerIntent " + name);
     handlers[name] = std::move(handler);
   }
 

@@ -2,18 +2,22 @@
 #define FAKE_RUNTIME_MANAGER_TASK_H
 
 #include <RuntimeManager/Error.h>
+#include <RuntimeManager/Journal.h>
 
 #include <QFlags>
 #include <QObject>
 #include <QStringList>
 #include <functional>
 #include <new>
+#include <utility>
 #include <vector>
 
 namespace RuntimeManager {
 
 // Does nothing by itself: the test calls the completions that it was given.
 class Task : public QObject {
+  Q_OBJECT
+
  public:
   enum class StopFlag { Kill = 1 };
   Q_DECLARE_FLAGS(StopFlags, StopFlag)
@@ -21,17 +25,27 @@ class Task : public QObject {
 
   Task(QString task_name, QObject* parent) : QObject(parent), name(std::move(task_name)) {
     GetAll().push_back(this);
+    Journal::Get().Write("Task " + name);
   }
+  ~Task() override { Journal::Get().Write("~Task " + name); }
 
-  void withIpcSocket(bool enabled) { has_socket = enabled; }
-  void withArguments(const QStringList& list) { arguments = list; }
+  void withIpcSocket(bool enabled) {
+    Journal::Get().Write(enabled ? "withIpcSocket true" : "withIpcSocket false");
+    has_socket = enabled;
+  }
+  void withArguments(const QStringList& list) {
+    Journal::Get().Write("withArguments " + list.join('|'));
+    arguments = list;
+  }
   void start(Completion completion) {
+    Journal::Get().Write("start " + name);
     if (IsOutOfMemory()) {
       throw std::bad_alloc();
     }
     complete_start = std::move(completion);
   }
   void stop(StopFlags flags, Completion completion) {
+    Journal::Get().Write("stop " + name);
     if (on_stop) {
       on_stop();
     }
@@ -59,6 +73,11 @@ class Task : public QObject {
   Completion complete_start;
   Completion complete_stop;
   std::function<void()> on_stop;  // called as stop() begins
+
+#ifdef FAKE_OPTIONAL_MEMBERS
+ Q_SIGNALS:
+  void finished(const RuntimeManager::Error& error);
+#endif
 };
 
 }  // namespace RuntimeManager
