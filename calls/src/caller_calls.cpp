@@ -66,8 +66,9 @@ void CallerCore::SendOrKeep(const StatePtr& state) {
     return;
   }
   state->phase_ = CallState::Phase::kKept;
-  if (link_ == Link::kNone && supervisor_ != nullptr) {
-    supervisor_->OnClientWanted();
+  const auto supervisor = link_ == Link::kNone ? supervisor_.lock() : nullptr;
+  if (supervisor) {
+    supervisor->OnClientWanted();
   }
 }
 

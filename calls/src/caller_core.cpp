@@ -31,6 +31,9 @@ std::function<void(const Argument&)> CallerCore::Listen(
 }
 
 void CallerCore::Attach(std::shared_ptr<vorpc::IClient> client) {
+  if (closed_) {
+    return;
+  }
   Detach();
   if (!client) {
     Lose(LossOfMissingClient());
@@ -66,6 +69,15 @@ void CallerCore::Lose(const Loss& loss) {
   EndAllLost();
 }
 
+void CallerCore::FailKept(const Loss& loss) {
+  const auto self = shared_from_this();
+  for (const StatePtr& state : CollectOpen()) {
+    if (state->phase_ == CallState::Phase::kKept) {
+      End(state, NamesOf(*state).Lost(loss, false));
+    }
+  }
+}
+
 void CallerCore::Close() {
   const auto self = shared_from_this();
   closed_ = true;
@@ -85,8 +97,8 @@ void CallerCore::OnConnected(const OptionalError& error) {
     return;
   }
   link_ = Link::kConnected;
-  if (supervisor_ != nullptr) {
-    supervisor_->OnConnected();
+  if (const auto supervisor = supervisor_.lock()) {
+    supervisor->OnConnected();
   }
   for (const StatePtr& state : CollectOpen()) {
     if (state->phase_ == CallState::Phase::kKept && link_ == Link::kConnected) {
@@ -103,9 +115,9 @@ void CallerCore::HandleLoss(const Loss& loss) {
   loss_ = loss;
   const auto lost = CollectOpen();
   Detach();
-  link_ = supervisor_ != nullptr ? Link::kNone : Link::kLost;
-  if (supervisor_ != nullptr) {
-    supervisor_->OnLost(loss);
+  link_ = supervised_ ? Link::kNone : Link::kLost;
+  if (const auto supervisor = supervisor_.lock()) {
+    supervisor->OnLost(loss);
   }
   for (const StatePtr& state : lost) {
     End(state, NamesOf(*state).Lost(loss, state->phase_ == CallState::Phase::kSent));
@@ -179,7 +191,7 @@ void CallerCore::OnWake() {
   }
   if (!open_.empty() && IsOverdue()) {
     loss_ = LossOfSilentTask(options_.task_name, loop_->Now() - *first_call_);
-    if (supervisor_ != nullptr) {
+    if (supervised_) {
       HandleLoss(Loss(loss_));
     } else {
       EndAllLost();

@@ -40,14 +40,18 @@ class CallerCore : public std::enable_shared_from_this<CallerCore> {
  public:
   CallerCore(std::shared_ptr<Loop> loop, CallerOptions options);
 
-  // Null once the supervisor is gone.
-  void SetSupervisor(Supervisor* supervisor) { supervisor_ = supervisor; }
+  void SetSupervisor(std::weak_ptr<Supervisor> supervisor) {
+    supervisor_ = std::move(supervisor);
+    supervised_ = true;
+  }
   // Connects with this client instead of the last one. Calls that wait go to it.
   void Attach(std::shared_ptr<vorpc::IClient> client);
   // Lets the client go. Calls that come now wait for the next one.
   void Detach();
   // There will be no connection: the open calls end so.
   void Lose(const Loss& loss);
+  // There will be no connection for the calls that wait: they end so.
+  void FailKept(const Loss& loss);
   void Close();
 
   // Any thread.
@@ -124,7 +128,8 @@ class CallerCore : public std::enable_shared_from_this<CallerCore> {
   const CallerOptions options_;
   Meter meter_;
   Inbox inbox_;
-  Supervisor* supervisor_ = nullptr;
+  std::weak_ptr<Supervisor> supervisor_;
+  bool supervised_ = false;
   std::shared_ptr<vorpc::IClient> client_;
   vorpc::IRequests* requests_ = nullptr;  // of the client, if it has them
   std::uint64_t client_number_ = 0;       // tells what comes from an earlier client

@@ -59,6 +59,7 @@ RequestState::RequestState(std::unique_ptr<OpenRequest> request)
       method_(request->method),
       id_(request->id),
       server_(request->server),
+      core_(request->core),
       open_(std::move(request)) {}
 
 RequestState::~RequestState() {
@@ -73,8 +74,6 @@ RequestState::~RequestState() {
               "The request '" + method_ + "' was dropped by its handler, unanswered.", {});
   }
 }
-
-const std::string& RequestState::GetMethod() const { return method_; }
 
 // Null, after a line in the log, when the request has an answer.
 std::unique_ptr<OpenRequest> RequestState::TakeOpen() {

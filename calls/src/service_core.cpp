@@ -1,8 +1,10 @@
 #include "service_core.h"
 
 #include <cw/codec_limits.h>
+#include <tarv/calls/resuming.h>
 
 #include <stdexcept>
+#include <utility>
 
 namespace tarv::details {
 
@@ -96,6 +98,15 @@ void ServiceCore::Withdraw() {
   }
   server_->OnRequest(kDescribe.name, nullptr);
   server_->OnRequest(kMetrics.name, nullptr);
+  DestroyKept();
+}
+
+// At once, so that they touch nothing that goes after the service; but later if one of them is what
+// ends the service, as nothing destroys a coroutine that runs.
+void ServiceCore::DestroyKept() {
+  if (Resuming::IsAnywhere()) {
+    loop_->Post([kept = std::exchange(kept_, {})] {});
+  }
   // One at a time: what a coroutine holds may end others.
   while (!kept_.empty()) {
     const auto work = std::move(kept_.begin()->second);
@@ -105,6 +116,7 @@ void ServiceCore::Withdraw() {
 
 void ServiceCore::Serve(const EntryPtr& entry, const cw::EncodableValue& params, ReplyPtr reply) {
   const auto self = shared_from_this();  // the handler may end the service
+  const Resuming resuming;               // and may be a coroutine
   const std::string& name = entry->description.name;
   const RequestPtr request = Open(name, params, std::move(reply));
   try {
@@ -148,16 +160,33 @@ void ServiceCore::OnCancel(const Message::Notification& cancel) {
   }
 }
 
-void ServiceCore::Keep(std::shared_ptr<void> work, const void* key) {
+void ServiceCore::Keep(std::shared_ptr<void> work) {
+  const void* const key = work.get();
   kept_.emplace(key, std::move(work));
 }
 
-void ServiceCore::LetGo(const void* key) {
-  const auto found = kept_.find(key);
+void ServiceCore::LetGo(const void* work) {
+  const auto found = kept_.find(work);
   if (found != kept_.end()) {
-    const auto work = std::move(found->second);
+    const auto last = std::move(found->second);  // destroyed after it is out of the map
     kept_.erase(found);
   }
+}
+
+std::function<void()> KeepUntilDone(const RequestState& request, std::shared_ptr<void> work) {
+  const auto core = request.GetCore().lock();
+  if (!core) {
+    return [] {};
+  }
+  const void* const key = work.get();
+  core->Keep(std::move(work));
+  return [weak = request.GetCore(), key, loop = core->GetLoop()] {
+    RunOn(loop, [weak, key] {
+      if (const auto locked = weak.lock()) {
+        locked->LetGo(key);
+      }
+    });
+  };
 }
 
 Description ServiceCore::GetDescription() const {

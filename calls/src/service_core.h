@@ -47,8 +47,9 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   void Withdraw();
   void Forget(const std::string& id);
   // A coroutine that has begun.
-  void Keep(std::shared_ptr<void> work, const void* key);
-  void LetGo(const void* key);
+  void Keep(std::shared_ptr<void> work);
+  void LetGo(const void* work);
+  const std::shared_ptr<Loop>& GetLoop() const { return loop_; }
 
   // Any thread.
   Description GetDescription() const;
@@ -63,6 +64,7 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   using EntryPtr = std::shared_ptr<Entry>;
   using ReplyPtr = std::unique_ptr<vorpc::IReply>;
 
+  void DestroyKept();
   template <class Get>
   void AnswerAlways(std::string_view method, Get get);
   void Listen(const std::string& method, const EntryPtr& entry);

@@ -84,7 +84,8 @@ class TestLoop final : public Loop {
 // Both ends; what one sends reaches the other at the next Pump, as text.
 class Link {
  public:
-  Link() {
+  explicit Link(std::shared_ptr<TestLoop> its_loop = std::make_shared<TestLoop>())
+      : loop(std::move(its_loop)) {
     client = vorpc::IOwnedClient::Create([this](vorpc::Message&& message) {
       sent.push_back(message);
       Carry(std::move(message), [this](vorpc::Message&& got) { server->Receive(std::move(got)); });
@@ -92,11 +93,12 @@ class Link {
     server = vorpc::IOwnedServer::Create([this](vorpc::Message&& message) {
       answered.push_back(message);
       Carry(std::move(message), [this](vorpc::Message&& got) {
-        if (client) {
-          client->Receive(std::move(got));
+        if (const auto reached = weak_client.lock()) {
+          reached->Receive(std::move(got));
         }
       });
     });
+    weak_client = client;
     client->SetStarted();
   }
 
@@ -111,8 +113,9 @@ class Link {
         }));
   }
 
-  std::shared_ptr<TestLoop> loop = std::make_shared<TestLoop>();
-  std::shared_ptr<vorpc::IOwnedClient> client;
+  const std::shared_ptr<TestLoop> loop;
+  std::shared_ptr<vorpc::IOwnedClient> client;  // a test may let it go
+  std::weak_ptr<vorpc::IOwnedClient> weak_client;
   std::shared_ptr<vorpc::IOwnedServer> server;
   std::vector<vorpc::Message> sent;      // by the client
   std::vector<vorpc::Message> answered;  // by the server

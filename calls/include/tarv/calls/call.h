@@ -14,6 +14,12 @@
 
 namespace tarv {
 
+// What Call::AsOutcome gives to co_await.
+template <class Result>
+struct OutcomeOf {
+  std::shared_ptr<details::TypedCallState<Result>> state;
+};
+
 // Made by Caller::Call. Copies are handles of the same call; dropping them changes nothing: the call
 // goes on, and its consumer hears how it ended. Any thread may use a handle, each thread its own.
 //
@@ -62,11 +68,7 @@ class Call {
   void Cancel() const { state_->Cancel(); }
 
   // For co_await, see coroutine.h: `co_await call.AsOutcome()` gives the Outcome and throws nothing.
-  struct OutcomeOnly {
-    std::shared_ptr<State> state;
-  };
-  OutcomeOnly AsOutcome() const { return {state_}; }
-  const std::shared_ptr<State>& GetState() const { return state_; }
+  OutcomeOf<Result> AsOutcome() const { return {state_}; }
 
  private:
   std::shared_ptr<State> state_;

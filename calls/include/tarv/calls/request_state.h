@@ -43,16 +43,17 @@ class RequestState : public std::enable_shared_from_this<RequestState> {
 
   // The loop's thread: the application has cancelled.
   void Cancel();
-  const std::string& GetMethod() const;
+  // Empty when the service has ended.
+  const std::weak_ptr<ServiceCore>& GetCore() const { return core_; }
 
  private:
   std::unique_ptr<OpenRequest> TakeOpen();
-  void RunOnLoop(Loop::Function function);
 
   const std::shared_ptr<Loop> loop_;
   const std::string method_;
   const std::string id_;
   const std::weak_ptr<vorpc::IServer> server_;
+  const std::weak_ptr<ServiceCore> core_;
   std::atomic<bool> cancelled_{false};
   std::mutex mutex_;                   // guards what follows
   std::unique_ptr<OpenRequest> open_;  // null once answered

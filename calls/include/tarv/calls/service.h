@@ -34,6 +34,9 @@ using Handler = std::function<void(const cw::EncodableValue& params, const Reque
 // What it throws becomes the answer.
 void RunWorker(const RequestPtr& request, const std::function<void()>& work);
 
+// Keeps what a handler began until the function that this returns is called, or the service ends.
+std::function<void()> KeepUntilDone(const RequestState& request, std::shared_ptr<void> work);
+
 template <class T>
 cw::EncodableValue ShapeOrNull() {
   if constexpr (std::is_void_v<T>) {

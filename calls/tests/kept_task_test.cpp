@@ -1,0 +1,266 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <tarv/calls/kept_task.h>
+
+#include "link.h"
+#include "values.h"
+
+namespace {
+
+using counting::kNext;
+using counting::kPing;
+using tarv::CallReason;
+using tarv::KeepPolicy;
+using tarv::Restart;
+using tarv::TaskStatus;
+using tarv::test::Ending;
+using tarv::test::Link;
+using tarv::test::TestLoop;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using State = tarv::TaskStatus::State;
+using namespace std::chrono_literals;
+
+// A task that the test lets die; each start is a link of its own.
+class KeptTaskTest : public testing::Test {
+ protected:
+  void Make(const KeepPolicy& policy = {}) {
+    task_ = std::make_unique<tarv::KeptTask>([this] { return Start(); }, "words", policy, loop_);
+    task_->OnChange([this](const TaskStatus& status) { states_.push_back(status.state); });
+  }
+
+  std::shared_ptr<vorpc::IClient> Start() {
+    if (refuse_) {
+      return nullptr;
+    }
+    links_.push_back(std::make_unique<Link>(loop_));
+    Link& link = *links_.back();
+    link.server->OnRequest("ping", [this](const std::string&, const cw::EncodableValue&,
+                                          std::unique_ptr<vorpc::IReply>&& reply) {
+      replies_.push_back(std::move(reply));
+    });
+    const auto number = static_cast<std::int32_t>(links_.size());
+    link.server->OnRequest(
+        "next", [number](const std::string&, const cw::EncodableValue&,
+                         std::unique_ptr<vorpc::IReply>&& reply) { reply->SendResult(number); });
+    if (answers_) {
+      link.server->Run();
+    }
+    return std::move(link.client);
+  }
+
+  // The number of the start that answers; 0 for an error.
+  std::int32_t Ask() {
+    const Ending<std::int32_t> ending(task_->Call(kNext));
+    loop_->Advance(200ms);
+    return ending.Count() > 0 && ending.Get() ? *ending.Get() : 0;
+  }
+
+  void Die() {
+    const auto client = links_.back()->weak_client.lock();
+    ASSERT_TRUE(client);
+    client->Disconnect(vorpc::Message::Error(-32002, "killed by SIGSEGV"));
+    loop_->Pump();
+  }
+
+  std::shared_ptr<TestLoop> loop_ = std::make_shared<TestLoop>();
+  std::vector<std::unique_ptr<Link>> links_;
+  std::vector<std::unique_ptr<vorpc::IReply>> replies_;
+  std::vector<State> states_;
+  bool refuse_ = false;
+  bool answers_ = true;
+  std::unique_ptr<tarv::KeptTask> task_;
+};
+
+TEST_F(KeptTaskTest, StartsAtTheFirstCall) {
+  Make();
+  loop_->Advance(1h);
+  EXPECT_TRUE(links_.empty());
+  EXPECT_EQ(task_->GetStatus().state, State::kStopped);
+  EXPECT_EQ(Ask(), 1);
+  EXPECT_EQ(Ask(), 1);
+  EXPECT_THAT(states_, ElementsAre(State::kStarting, State::kConnected));
+}
+
+TEST_F(KeptTaskTest, DoesNotRunItsFactoryInsideCall) {
+  Make();
+  const auto call = task_->Call(kNext);
+  EXPECT_TRUE(links_.empty());
+}
+
+TEST_F(KeptTaskTest, FailsOpenCallsAndSendsThemNeverAgain) {
+  Make();
+  const Ending<void> open(task_->Call(kPing));
+  loop_->Pump();
+  ASSERT_EQ(replies_.size(), 1U);
+  Die();
+  EXPECT_EQ(open.GetReason(), CallReason::kTaskKilled);
+  EXPECT_THAT(open.GetText(), HasSubstr("'ping' of the task 'words' was sent and has no answer: "
+                                        "killed by SIGSEGV"));
+  EXPECT_EQ(Ask(), 2);
+  EXPECT_EQ(replies_.size(), 1U);
+  EXPECT_EQ(open.Count(), 1U);
+}
+
+TEST_F(KeptTaskTest, LetsADeadTasksClientGo) {
+  Make();
+  EXPECT_EQ(Ask(), 1);
+  Die();
+  EXPECT_TRUE(links_.back()->weak_client.expired());
+}
+
+TEST_F(KeptTaskTest, StartsAgainAtTheNextCallAfterAPause) {
+  Make();
+  EXPECT_EQ(Ask(), 1);
+  Die();
+  loop_->Advance(1h);
+  EXPECT_EQ(links_.size(), 1U);
+  EXPECT_EQ(Ask(), 2);
+  Die();
+  const Ending<std::int32_t> waits(task_->Call(kNext));
+  loop_->Advance(99ms);
+  EXPECT_EQ(task_->GetStatus().state, State::kWaiting);
+  EXPECT_EQ(links_.size(), 2U);
+  loop_->Advance(1ms);
+  EXPECT_EQ(*waits.Get(), 3);
+}
+
+TEST_F(KeptTaskTest, StartsAgainAtOnceWhenThePolicySaysSo) {
+  KeepPolicy policy;
+  policy.restart = Restart::kAtOnce;
+  Make(policy);
+  EXPECT_EQ(Ask(), 1);
+  Die();
+  loop_->Advance(100ms);
+  EXPECT_EQ(links_.size(), 2U);
+  Die();
+  loop_->Advance(199ms);
+  EXPECT_EQ(links_.size(), 2U) << "the pause doubles";
+  loop_->Advance(1ms);
+  EXPECT_EQ(links_.size(), 3U);
+  EXPECT_THAT(states_,
+              ElementsAre(State::kStarting, State::kConnected, State::kEnded, State::kWaiting,
+                          State::kStarting, State::kConnected, State::kEnded, State::kWaiting,
+                          State::kStarting, State::kConnected));
+}
+
+TEST_F(KeptTaskTest, StaysDownWhenThePolicySaysSo) {
+  KeepPolicy policy;
+  policy.restart = Restart::kNever;
+  Make(policy);
+  EXPECT_EQ(Ask(), 1);
+  Die();
+  loop_->Advance(1h);
+  const Ending<void> ending(task_->Call(kPing));
+  loop_->Pump();
+  EXPECT_EQ(ending.GetReason(), CallReason::kTaskKilled);
+  EXPECT_EQ(links_.size(), 1U);
+  EXPECT_EQ(task_->GetStatus().state, State::kEnded);
+  EXPECT_EQ(task_->GetStatus().why->GetReason(), CallReason::kTaskKilled);
+}
+
+TEST_F(KeptTaskTest, GivesUpOnACrashLoopUntilTheWindowHasMovedOn) {
+  KeepPolicy policy;
+  policy.restart = Restart::kAtOnce;
+  Make(policy);
+  EXPECT_EQ(Ask(), 1);
+  for (int i = 0; i < 5; ++i) {
+    Die();
+    loop_->Advance(10s);
+  }
+  EXPECT_EQ(links_.size(), 5U);
+  const Ending<void> ending(task_->Call(kPing));
+  loop_->Pump();
+  EXPECT_EQ(ending.GetReason(), CallReason::kCrashLoop);
+  EXPECT_EQ(ending.GetText(),
+            "'ping' of the task 'words' was not sent: the task 'words' has died 5 times within "
+            "180 s and is not started again for now; its last words: killed by SIGSEGV");
+  loop_->Advance(3min);
+  EXPECT_EQ(Ask(), 6);
+}
+
+TEST_F(KeptTaskTest, CountsATaskThatDoesNotStartAsADeath) {
+  Make();
+  refuse_ = true;
+  for (int i = 0; i < 5; ++i) {
+    const Ending<void> ending(task_->Call(kPing));
+    loop_->Advance(10s);
+    EXPECT_EQ(ending.GetReason(), CallReason::kNotStarted) << i;
+  }
+  const Ending<void> ending(task_->Call(kPing));
+  loop_->Pump();
+  EXPECT_EQ(ending.GetReason(), CallReason::kCrashLoop);
+}
+
+TEST_F(KeptTaskTest, EndsATaskThatDoesNotAnswerTheHandshake) {
+  Make();
+  answers_ = false;
+  const Ending<void> ending(task_->Call(kPing));
+  loop_->Pump();
+  loop_->Advance(10s);
+  EXPECT_EQ(ending.GetReason(), CallReason::kNeverConnected);
+  EXPECT_TRUE(links_.back()->weak_client.expired());
+  answers_ = true;
+  EXPECT_EQ(Ask(), 2);
+}
+
+TEST_F(KeptTaskTest, CarriesNotificationHandlersOver) {
+  Make();
+  std::vector<std::string> heard;
+  task_->OnNotify("early", [&heard](const auto& note) { heard.push_back(note.method); });
+  EXPECT_EQ(Ask(), 1);
+  task_->OnNotify("late", [&heard](const auto& note) { heard.push_back(note.method); });
+  Die();
+  EXPECT_EQ(Ask(), 2);
+  links_.back()->server->SendNotify("early", {});
+  links_.back()->server->SendNotify("late", {});
+  loop_->Pump();
+  EXPECT_THAT(heard, ElementsAre("early", "late"));
+}
+
+TEST_F(KeptTaskTest, ReleasesItsCallsAtItsEnd) {
+  Make();
+  const Ending<void> open(task_->Call(kPing));
+  loop_->Pump();
+  task_.reset();
+  EXPECT_EQ(open.GetReason(), CallReason::kReleased);
+  EXPECT_TRUE(links_.back()->weak_client.expired());
+}
+
+TEST_F(KeptTaskTest, MayEndInsideItsCallbacks) {
+  for (const State state : {State::kStarting, State::kConnected, State::kEnded}) {
+    Make();
+    task_->OnChange([this, state](const TaskStatus& status) {
+      if (status.state == state) {
+        task_.reset();
+      }
+    });
+    const Ending<void> ending(task_->Call(kPing));
+    loop_->Pump();
+    if (state == State::kEnded) {
+      Die();
+    }
+    EXPECT_EQ(task_, nullptr);
+    EXPECT_EQ(ending.Count(), 1U);
+  }
+  Make();
+  task_->Call(kPing).Then([this](const tarv::Outcome<void>&) { task_.reset(); });
+  loop_->Pump();
+  Die();
+  EXPECT_EQ(task_, nullptr);
+}
+
+TEST_F(KeptTaskTest, MayBeCalledAgainFromAConsumerOfADeadTask) {
+  Make();
+  std::int32_t start = 0;
+  task_->Call(kPing).Then([&](const tarv::Outcome<void>&) {
+    task_->Call(kNext).Then([&](tarv::Outcome<std::int32_t> next) { start = *next; });
+  });
+  loop_->Pump();
+  Die();
+  EXPECT_EQ(start, 0);
+  loop_->Advance(100ms);
+  EXPECT_EQ(start, 2);
+}
+
+}  // namespace
