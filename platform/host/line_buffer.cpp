@@ -1,6 +1,6 @@
 #include "line_buffer.h"
 
-#include <quarn/large_memory.h>
+#include <quarn/internal/large_memory.h>
 
 #include <algorithm>
 #include <cstring>
