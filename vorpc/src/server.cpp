@@ -2,6 +2,7 @@
 #include <quarn/listener.h>
 #include <quarn/logger.h>
 #include <quarn/run_once_signal.h>
+#include <vorpc/internal/hand_to_user.h>
 #include <vorpc/server.h>
 
 #include <atomic>
@@ -230,13 +231,8 @@ IServer::~IServer() = default;
 IOwnedServer::~IOwnedServer() = default;
 
 std::shared_ptr<IOwnedServer> IOwnedServer::Create(std::function<void(Message&&)>&& send) {
-  auto server = std::make_shared<Server>(std::move(send));
-  IOwnedServer* const handle = server.get();
-  // The references outside are counted apart from those of the running operations.
-  return {handle, [server = std::move(server)](IOwnedServer* /*handle*/) mutable {
-            server->Abandon();
-            server.reset();
-          }};
+  return HandToUser<IOwnedServer>(std::make_shared<Server>(std::move(send)),
+                                  [](Server& server) { server.Abandon(); });
 }
 
 }  // namespace vorpc

@@ -245,7 +245,16 @@ TEST(Message, ClipsEachOfItsTexts) {
   const std::string clipped = "\"" + std::string(120, 'a') + "\"... (1000 bytes)";
   EXPECT_EQ(Print(Message::CreateRequest(ID(text), text, text)),
             "request " + clipped + ": " + clipped + "(" + clipped + ")");
-  EXPECT_EQ(Print(Message::CreateError(-1, text)), "error -1 " + clipped);
+  EXPECT_EQ(Print(Message::CreateError(-1, "e", text)), "error -1 \"e\" " + clipped);
+}
+
+TEST(MessageError, PrintsItsMessageWhole) {
+  const std::string text(1000, 'a');
+  EXPECT_EQ(Print(Error(-1, text)), "error -1 \"" + text + "\"");
+  EXPECT_EQ(Print(Message::CreateError(ID(7), -1, text)),
+            "response \"7\": error -1 \"" + text + "\"");
+  EXPECT_EQ(Print(Error(-1, "a \"b\" \\ c\n\x1B[2J\"")),
+            "error -1 \"a \\\"b\\\" \\\\ c\\n\\x1b[2J\\\"\"");
 }
 
 TEST(Message, PrintsItselfWhateverTheNumberFormatOfTheStreamIs) {
@@ -419,6 +428,13 @@ TEST(MessageDecoding, TakesAnErrorWithoutIdForOneOfItsOwn) {
 TEST(MessageDecoding, TakesAnErrorWithAnIdForAResponse) {
   EXPECT_EQ(Decode({{"error", EncodableMap{{"code", -1}, {"message", "e"}}}, {"id", 9}}),
             Message::CreateError(ID(9), -1, "e"));
+}
+
+TEST(MessageDecoding, TakesTheIdMemberOfAMapAsTheIdOfAResponseWithAnErrorButNotWithAResult) {
+  const EncodableValue id = EncodableMap{{"id", 9}};
+  EXPECT_EQ(Decode({{"error", EncodableMap{{"code", -1}, {"message", "e"}}}, {"id", id}}),
+            Message::CreateError(ID(9), -1, "e"));
+  ExpectParseError(Decode({{"result", 1}, {"id", id}}), "Invalid id value in RPC response object");
 }
 
 TEST(MessageDecoding, PrefersTheErrorToTheResult) {

@@ -4,7 +4,7 @@
 #include <cw/standard_codec.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <vorpc/message_text.h>
+#include <vorpc/internal/message_text.h>
 
 #include <cstdint>
 #include <random>

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 #include <vorpc/server.h>
 
+#include <chrono>
+#include <future>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -223,6 +225,23 @@ class DeferredReplyTest : public ServerTest {
 TEST_F(DeferredReplyTest, MayAnswerLaterAndFromAnotherThread) {
   EXPECT_EQ(recorder_.CountSent(), 1U);
   std::thread([this] { replies_.at(0)->SendResult(7); }).join();
+  EXPECT_EQ(recorder_.GetLast(), Message::CreateResponse(ID("r"), 7));
+}
+
+TEST_F(DeferredReplyTest, WaitsForItsTurnWhileAnotherThreadDelivers) {
+  std::thread other;
+  server_->OnNotify("tick", [&](const auto&) {
+    std::promise<void> started;
+    other = std::thread([&] {
+      started.set_value();
+      replies_.at(0)->SendResult(7);
+    });
+    started.get_future().wait();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(recorder_.CountSent(), 1U) << "the answer has overtaken the notification";
+  });
+  server_->Receive(Message::CreateNotification("tick", {}));
+  other.join();
   EXPECT_EQ(recorder_.GetLast(), Message::CreateResponse(ID("r"), 7));
 }
 

@@ -28,12 +28,25 @@ constexpr std::int64_t kMaxJsonInteger = std::int64_t{1} << 53;
 // process in Qt's allocation.
 constexpr std::size_t kMaxQtText = (std::size_t{1} << 30) - 64;
 
+// Qt takes U+FEFF at the front of UTF-8 for a mark of the encoding, and drops it; here it belongs to
+// the text.
+QString FromUtf8(std::string_view text) {
+  constexpr std::string_view kMark = "\xEF\xBB\xBF";
+  int marks = 0;
+  while (text.substr(0, kMark.size()) == kMark) {
+    text.remove_prefix(kMark.size());
+    ++marks;
+  }
+  return QString(marks, QChar(QChar::ByteOrderMark)) +
+         QString::fromUtf8(text.data(), static_cast<int>(text.size()));
+}
+
 bool TextToJson(std::string_view text, QString& out) {
   if (text.size() > kMaxQtText) {
     QUARN_LOG_ERROR() << "A text of " << text.size() << " bytes is too long for a JSON value";
     return false;
   }
-  out = QString::fromUtf8(text.data(), static_cast<int>(text.size()));
+  out = FromUtf8(text);
   return true;
 }
 

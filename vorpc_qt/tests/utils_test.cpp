@@ -125,6 +125,25 @@ TEST(EncodableToJson, ReadsTextsAsUtf8) {
   EXPECT_EQ(ToJson(std::string("a\0b", 3)), QJsonValue(QString::fromUtf8("a\0b", 3)));
 }
 
+TEST(EncodableToJson, KeepsByteOrderMarksWhereverTheyStand) {
+  const std::string mark = "\xEF\xBB\xBF";
+  for (const std::string& text : {mark, mark + "a", "a" + mark, mark + mark + "a"}) {
+    EXPECT_EQ(ToJson(text).toString().toStdString(), text);
+    EXPECT_EQ(FromJson(ToJson(text)), EncodableValue(text));
+  }
+}
+
+TEST(EncodableMapToJsonObject, KeepsKeysApartThatDifferInAByteOrderMark) {
+  const std::string mark = "\xEF\xBB\xBF";
+  const EncodableMap map{{"a", 1}, {mark + "a", 2}, {mark, 3}, {"", 4}};
+  QJsonObject object;
+  EXPECT_TRUE(EncodableMapToJsonObject(map, object));
+  EXPECT_EQ(object.size(), 4);
+  EncodableMap back;
+  EXPECT_TRUE(JsonObjectToEncodableMap(object, back));
+  EXPECT_EQ(back, map);
+}
+
 TEST(EncodableToJson, TurnsBytesIntoBase64) {
   EXPECT_EQ(ToJson(std::vector<std::uint8_t>{1, 2, 255, 0}), QJsonValue("AQL/AA=="));
   EXPECT_EQ(ToJson(std::vector<std::uint8_t>{}), QJsonValue(""));
@@ -395,6 +414,8 @@ TEST(JsonObjectToEncodableMap, LogsEveryObjectAroundAValueThatFails) {
   EXPECT_FALSE(success);
   EXPECT_TRUE(map.empty());
   EXPECT_EQ(Count(log, kJsonLine), 2U);
+  EXPECT_EQ(Count(log, "\n"), 3U) << log;
+  EXPECT_EQ(Count("\n" + log, "\n[error] "), 3U) << log;
 }
 
 }  // namespace

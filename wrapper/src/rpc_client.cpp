@@ -1,10 +1,11 @@
 #include <quarn/internal/attempt_all.h>
 #include <tarv/rpc_client.h>
+#include <vorpc/internal/hand_to_user.h>
 
 #include <utility>
 
 #include "c_text.h"
-#include "texts.h"
+#include "rpc_end.h"
 
 template class quarn::Object<tarv::RpcClient, _RpcClientWrapperRef*>;
 
@@ -13,25 +14,8 @@ namespace {
 
 using quarn::details::AttemptAll;
 
-// Turns each message into its text and hands it to the service. The table may be gone by then: the
-// JSON-RPC client can outlive its owner inside a callback.
-std::function<void(vorpc::Message&&)> MakeSend(const std::weak_ptr<RpcClient::Api>& weak_api,
-                                               _TARVRpcClientRef* client) {
-  return [weak_api, client](vorpc::Message&& message) {
-    const auto api = weak_api.lock();
-    if (!api) {
-      return;
-    }
-    const auto send_message = QUARN_FIND_ENTRY(api->GetTable(), SendMessage);
-    if (send_message == nullptr) {
-      return;
-    }
-    const std::string text = details::Encode(std::move(message));
-    if (!text.empty()) {
-      send_message(client, text.c_str());
-    }
-  };
-}
+// Looked for anew at each send.
+auto FindSend(const TARVRpcClientProcTable& table) { return QUARN_FIND_ENTRY(table, SendMessage); }
 
 bool HasAllEntries(const TARVRpcClientProcTable& table) {
   return QUARN_FIND_ENTRY(table, SendMessage) != nullptr &&
@@ -47,10 +31,6 @@ std::optional<vorpc::Message::Error> MakeError(int code, const char* message) {
   return vorpc::Message::Error(code, message);
 }
 
-std::shared_ptr<RpcClient> Resolve(void* user_data) {
-  return RpcClient::FromRef(static_cast<_RpcClientWrapperRef*>(user_data));
-}
-
 }  // namespace
 
 RpcClient::RpcClient(const std::shared_ptr<quarn::IDispatcher>& dispatcher,
@@ -58,7 +38,7 @@ RpcClient::RpcClient(const std::shared_ptr<quarn::IDispatcher>& dispatcher,
     : Object(dispatcher),
       api_(api),
       client_(client),
-      owned_(vorpc::IOwnedClient::Create(MakeSend(api, client))),
+      owned_(vorpc::IOwnedClient::Create(details::MakeSender(api, client, &FindSend))),
       requests_(dynamic_cast<vorpc::IRequests*>(owned_.get())) {}
 
 RpcClient::~RpcClient() {
@@ -77,13 +57,8 @@ std::shared_ptr<vorpc::IClient> RpcClient::Create(
   if (!self->owned_ || self->StartTask(name) != QUARN_RESULT_SUCCESS) {
     return nullptr;
   }
-  // The references outside are counted apart from those of running callbacks: once they are gone,
-  // no further callback begins.
-  RpcClient* const handle = self.get();
-  return {handle, [self = self](vorpc::IClient* /*handle*/) mutable {
-            self->owned_->Abandon();
-            self.reset();
-          }};
+  return vorpc::HandToUser<vorpc::IClient>(self,
+                                           [](RpcClient& wrapper) { wrapper.owned_->Abandon(); });
 }
 
 QuarnResult RpcClient::StartTask(const std::string& name) {
@@ -101,7 +76,7 @@ QuarnResult RpcClient::StartTask(const std::string& name) {
 }
 
 void RpcClient::HandleOnStarted(void* user_data, int code, const char* message, std::size_t chunk) {
-  const auto self = Resolve(user_data);
+  const auto self = details::Resolve<RpcClient>(user_data);
   if (!self) {
     return;
   }
@@ -121,22 +96,17 @@ void RpcClient::HandleOnStarted(void* user_data, int code, const char* message, 
 }
 
 void RpcClient::HandleOnMessage(void* user_data, const char* message, std::size_t chunk) {
-  const auto self = Resolve(user_data);
+  const auto self = details::Resolve<RpcClient>(user_data);
   if (!self) {
     return;
   }
-  AttemptAll(
-      [&self, message] {
-        if (auto received = details::Decode(message)) {
-          self->owned_->Receive(*std::move(received));
-        }
-      },
-      [&self, chunk] { self->UnlockResources(chunk); });
+  AttemptAll([&self, message] { details::Deliver(message, *self->owned_); },
+             [&self, chunk] { self->UnlockResources(chunk); });
 }
 
 void RpcClient::HandleOnDisconnect(void* user_data, int code, const char* message,
                                    std::size_t chunk) {
-  const auto self = Resolve(user_data);
+  const auto self = details::Resolve<RpcClient>(user_data);
   if (!self) {
     return;
   }

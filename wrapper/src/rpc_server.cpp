@@ -1,39 +1,23 @@
 #include <quarn/internal/attempt_all.h>
 #include <tarv/rpc_server.h>
+#include <vorpc/internal/hand_to_user.h>
 
 #include <utility>
 
-#include "texts.h"
+#include "rpc_end.h"
 
 template class quarn::Object<tarv::RpcServer, _RpcServerWrapperRef*>;
 
 namespace tarv {
 namespace {
 
-// Turns each message into its text and hands it to the service. The table may be gone by then: a
-// reply can outlive the server.
-std::function<void(vorpc::Message&&)> MakeSend(const std::weak_ptr<RpcServer::Api>& weak_api,
-                                               _TARVRpcServerRef* server) {
-  return [weak_api, server](vorpc::Message&& message) {
-    const auto api = weak_api.lock();
-    if (!api) {
-      return;
-    }
-    const std::string text = details::Encode(std::move(message));
-    if (!text.empty()) {
-      api->GetTable().SendMessage(server, text.c_str());
-    }
-  };
-}
+// Create has made sure of it.
+auto FindSend(const TARVRpcServerProcTable& table) { return table.SendMessage; }
 
 bool HasAllEntries(const TARVRpcServerProcTable& table) {
   return QUARN_FIND_ENTRY(table, Run) != nullptr &&
          QUARN_FIND_ENTRY(table, SendMessage) != nullptr &&
          QUARN_FIND_ENTRY(table, UnlockResources) != nullptr;
-}
-
-std::shared_ptr<RpcServer> Resolve(void* user_data) {
-  return RpcServer::FromRef(static_cast<_RpcServerWrapperRef*>(user_data));
 }
 
 }  // namespace
@@ -43,7 +27,7 @@ RpcServer::RpcServer(const std::shared_ptr<quarn::IDispatcher>& dispatcher,
     : Object(dispatcher),
       api_(api),
       server_(server),
-      owned_(vorpc::IOwnedServer::Create(MakeSend(api, server))) {}
+      owned_(vorpc::IOwnedServer::Create(details::MakeSender(api, server, &FindSend))) {}
 
 RpcServer::~RpcServer() {
   owned_.reset();
@@ -57,13 +41,8 @@ std::shared_ptr<vorpc::IServer> RpcServer::Create(
     return nullptr;
   }
   const auto self = Object::Create(dispatcher, api, server, PrivateTag());
-  // The references outside are counted apart from those of running callbacks: once they are gone,
-  // no further callback begins.
-  RpcServer* const handle = self.get();
-  return {handle, [self = self](vorpc::IServer* /*handle*/) mutable {
-            self->owned_->Abandon();
-            self.reset();
-          }};
+  return vorpc::HandToUser<vorpc::IServer>(self,
+                                           [](RpcServer& wrapper) { wrapper.owned_->Abandon(); });
 }
 
 void RpcServer::Run() {
@@ -77,7 +56,7 @@ void RpcServer::Run() {
 
 void RpcServer::HandleOnStarted(void* user_data, int /*code*/, const char* /*message*/,
                                 std::size_t chunk) {
-  const auto self = Resolve(user_data);
+  const auto self = details::Resolve<RpcServer>(user_data);
   if (!self) {
     return;
   }
@@ -86,17 +65,12 @@ void RpcServer::HandleOnStarted(void* user_data, int /*code*/, const char* /*mes
 }
 
 void RpcServer::HandleOnMessage(void* user_data, const char* message, std::size_t chunk) {
-  const auto self = Resolve(user_data);
+  const auto self = details::Resolve<RpcServer>(user_data);
   if (!self) {
     return;
   }
-  quarn::details::AttemptAll(
-      [&self, message] {
-        if (auto received = details::Decode(message)) {
-          self->owned_->Receive(*std::move(received));
-        }
-      },
-      [&self, chunk] { self->UnlockResources(chunk); });
+  quarn::details::AttemptAll([&self, message] { details::Deliver(message, *self->owned_); },
+                             [&self, chunk] { self->UnlockResources(chunk); });
 }
 
 void RpcServer::UnlockResources(std::size_t chunk) const {

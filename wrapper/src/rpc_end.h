@@ -1,0 +1,56 @@
+// What the client's and the server's wrapper share: each joins an end of JSON-RPC, which gives
+// texts their meaning, with an end of the service, which moves them.
+#ifndef WRAPPER_SRC_RPC_END_H
+#define WRAPPER_SRC_RPC_END_H
+
+#include <quarn/strings.h>
+#include <vorpc/internal/message_text.h>
+#include <vorpc/message.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace tarv::details {
+
+// The wrapper whose handle the service gives back, or nothing once it is gone.
+template <class Wrapper>
+std::shared_ptr<Wrapper> Resolve(void* user_data) {
+  using Ref = decltype(std::declval<Wrapper>().GetRef());
+  return Wrapper::FromRef(static_cast<Ref>(user_data));
+}
+
+// What sends the messages of a JSON-RPC end through the service's `handle`, by the entry that
+// `find_entry` gives for a table, unless it gives null. The table may be gone by then, since a
+// reply or a running callback outlives the wrapper: what is sent then is dropped.
+template <class Api, class Handle, class FindEntry>
+std::function<void(vorpc::Message&&)> MakeSender(const std::shared_ptr<Api>& table, Handle* handle,
+                                                 FindEntry find_entry) {
+  return [weak = std::weak_ptr<Api>(table), handle, find_entry](vorpc::Message&& message) {
+    const auto api = weak.lock();
+    const auto send = api ? find_entry(api->GetTable()) : nullptr;
+    if (send == nullptr) {
+      return;
+    }
+    // Of a large payload only one form at a time shall be in memory.
+    const std::string text = std::exchange(message, {}).ToBase64();
+    if (!text.empty()) {
+      send(handle, text.c_str());
+    }
+  };
+}
+
+// Hands the message of a text that arrived to `end`; nothing for an empty text. Throws
+// std::logic_error for null.
+template <class End>
+void Deliver(const char* message, End& end) {
+  if (const std::string_view text = quarn::strings::ViewOf(message); !text.empty()) {
+    end.Receive(vorpc::MessageFromText(text));
+  }
+}
+
+}  // namespace tarv::details
+
+#endif  // WRAPPER_SRC_RPC_END_H
