@@ -6,6 +6,7 @@
 #include <array>
 #include <utility>
 
+#include "c_text.h"
 #include "plugin_context.h"
 
 namespace cw {
@@ -93,7 +94,8 @@ bool ApplicationWrapper::HasPermission(std::string_view name) const {
     QUARN_LOG_ERROR() << "Contract violation: permission string cannot be empty.";
     return false;
   }
-  return has_permission(engine_, std::string(name).c_str());
+  return internal::ReachesCWhole("permission", name) &&
+         has_permission(engine_, std::string(name).c_str());
 }
 
 bool ApplicationWrapper::HasPermission(Permission permission) const {
@@ -117,7 +119,7 @@ void ApplicationWrapper::Exit(int exit_code) const {
 bool ApplicationWrapper::CreateMainWindow(const std::string& entry_point,
                                           const EncodableValue& payload) const {
   const auto create = QUARN_FIND_ENTRY(table_, CreateMainWindow);
-  if (create == nullptr) {
+  if (create == nullptr || !internal::ReachesCWhole("entry point", entry_point)) {
     return false;
   }
   const quarn::Buffer bytes = payload.Serialize();
@@ -136,8 +138,11 @@ std::filesystem::path ApplicationWrapper::GetPath(DirectoryType type) const {
 }
 
 std::filesystem::path ApplicationWrapper::GetLibraryPath(std::string_view name) const {
-  return internal::ToString(quarn::CallEntry(QUARN_FIND_ENTRY(table_, GetLibraryPath), kNoText,
-                                             engine_, std::string(name).c_str()));
+  const auto get_path = QUARN_FIND_ENTRY(table_, GetLibraryPath);
+  if (get_path == nullptr || !internal::ReachesCWhole("library's name", name)) {
+    return {};
+  }
+  return internal::ToString(get_path(engine_, std::string(name).c_str()));
 }
 
 std::vector<std::string> ApplicationWrapper::GetDartEntryPointArgs() const {

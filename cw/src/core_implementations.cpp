@@ -8,12 +8,14 @@
 #include <iostream>
 #include <utility>
 
+#include "c_text.h"
 #include "plugin_context.h"
 
 namespace cw {
 
 using internal::GetEngine;
 using internal::LoadTable;
+using internal::ReachesCWhole;
 
 // ---- The registrars of the process --------------------------------------------------------------
 
@@ -121,6 +123,8 @@ class Responder {
 
 using Reply = std::function<void(const std::uint8_t*, std::size_t)>;
 
+constexpr std::string_view kChannel = "channel";
+
 // Owns and calls what Send moved to the heap.
 void OnReply(void* user_data, const std::uint8_t* data, std::size_t size) {
   const std::unique_ptr<Reply> reply(static_cast<Reply*>(user_data));
@@ -145,7 +149,7 @@ BinaryMessenger::~BinaryMessenger() {
 void BinaryMessenger::Send(const std::string& channel, const std::uint8_t* message,
                            std::size_t size, Reply reply) const {
   const auto send = quarn::ReadField(&table_, &FlutterVeltraMessengerProcTable::Send);
-  if (send == nullptr) {
+  if (send == nullptr || !ReachesCWhole(kChannel, channel)) {
     return;
   }
   if (!reply) {
@@ -160,7 +164,7 @@ void BinaryMessenger::Send(const std::string& channel, const std::uint8_t* messa
 
 void BinaryMessenger::SetMessageHandler(const std::string& channel, BinaryMessageHandler handler) {
   const auto set = quarn::ReadField(&table_, &FlutterVeltraMessengerProcTable::SetMessageHandler);
-  if (set == nullptr) {
+  if (set == nullptr || !ReachesCWhole(kChannel, channel)) {
     return;
   }
   if (!handler) {
@@ -206,7 +210,7 @@ void BinaryMessenger::OnMessage(void* user_data, const FlutterVeltraMessage* mes
 std::uint64_t BinaryMessenger::OnChannelUpdateSubscribe(const std::string& channel,
                                                         std::function<void(bool)> callback) const {
   const auto subscribe = QUARN_FIND_ENTRY(table_, OnChannelUpdateSubscribe);
-  if (subscribe == nullptr) {
+  if (subscribe == nullptr || !ReachesCWhole(kChannel, channel)) {
     return 0;
   }
   const auto slot = quarn::CreateSlot<FlutterVeltraBoolSlot, bool>(std::move(callback));
@@ -215,8 +219,10 @@ std::uint64_t BinaryMessenger::OnChannelUpdateSubscribe(const std::string& chann
 
 void BinaryMessenger::OnChannelUpdateUnsubscribe(const std::string& channel,
                                                  std::uint64_t id) const {
-  quarn::CallEntry(QUARN_FIND_ENTRY(table_, OnChannelUpdateUnsubscribe), engine_, channel.c_str(),
-                   id);
+  const auto unsubscribe = QUARN_FIND_ENTRY(table_, OnChannelUpdateUnsubscribe);
+  if (unsubscribe != nullptr && ReachesCWhole(kChannel, channel)) {
+    unsubscribe(engine_, channel.c_str(), id);
+  }
 }
 
 // ---- Textures -----------------------------------------------------------------------------------

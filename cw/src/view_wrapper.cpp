@@ -5,6 +5,7 @@
 
 #include <utility>
 
+#include "c_text.h"
 #include "plugin_context.h"
 
 namespace cw {
@@ -207,6 +208,9 @@ bool ViewWrapper::CreatePopupWindow(const std::string& entry_point,
   }
   if (entry_point.empty()) {
     QUARN_LOG_ERROR() << "Expected not empty entry point";
+    return false;
+  }
+  if (!internal::ReachesCWhole("entry point", entry_point)) {
     return false;
   }
   const quarn::Buffer bytes = payload.Serialize();

@@ -14,6 +14,7 @@ using cw::test_support::FakeEmbedder;
 using tarv::test::IsLogLine;
 using tarv::test::StderrOf;
 using tarv::test::StdoutOf;
+using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -28,6 +29,9 @@ class BinaryMessengerTest : public testing::Test {
   std::unique_ptr<BinaryMessenger> Make() {
     return BinaryMessenger::Create(embedder_.MakeContext(72));
   }
+
+  // Whatever a test does, each entry is called for the context's engine.
+  void TearDown() override { EXPECT_THAT(embedder_.engines, Each(FakeEmbedder::MakeEngine(4711))); }
 
   FakeEmbedder embedder_;
 };
@@ -129,6 +133,42 @@ TEST_F(BinaryMessengerTest, HandsMessagesToTheHandlerAndSendsItsReply) {
   embedder_.Deliver("hello", kResponse);
   EXPECT_EQ(got, "hello");
   EXPECT_THAT(embedder_.log, ElementsAre("set channel", "response hi"));
+}
+
+TEST_F(BinaryMessengerTest, AnswersTheMessageThatTheReplyBelongsTo) {
+  const auto messenger = Make();
+  std::vector<cw::BinaryReply> replies;
+  messenger->SetMessageHandler("channel",
+                               [&replies](const std::uint8_t*, std::size_t, const auto& reply) {
+                                 replies.push_back(reply);
+                               });
+  auto* const other = reinterpret_cast<_FlutterVeltraResponse*>(100);
+  embedder_.Deliver("one", kResponse);
+  embedder_.Deliver("two", other);
+  replies[1](kHi.data(), kHi.size());
+  replies[0](kHi.data(), kHi.size());
+  EXPECT_THAT(embedder_.responses, ElementsAre(other, kResponse));
+}
+
+TEST_F(BinaryMessengerTest, AsksNothingForAChannelWhoseNameHasANulInside) {
+  const auto messenger = Make();
+  const std::string name("chan\0nel", 8);
+  const auto line = IsLogLine("error",
+                              "The channel 'chan\\x00nel' has a NUL inside, at which the embedder "
+                              "would end it. Nothing was asked of the embedder; pass a name "
+                              "without one.");
+  EXPECT_THAT(StdoutOf([&] { messenger->Send(name, kHi.data(), kHi.size()); }), line);
+  EXPECT_THAT(StdoutOf([&] {
+                messenger->SetMessageHandler(name,
+                                             [](const std::uint8_t*, std::size_t, const auto&) {});
+              }),
+              line);
+  EXPECT_THAT(StdoutOf([&] { messenger->SetMessageHandler(name, nullptr); }), line);
+  std::uint64_t id = 1;
+  EXPECT_THAT(StdoutOf([&] { id = messenger->OnChannelUpdateSubscribe(name, [](bool) {}); }), line);
+  EXPECT_EQ(id, 0U);
+  EXPECT_THAT(StdoutOf([&] { messenger->OnChannelUpdateUnsubscribe(name, 1); }), line);
+  EXPECT_THAT(embedder_.log, IsEmpty());
 }
 
 TEST_F(BinaryMessengerTest, ASecondReplySendsNothingAndPrintsTheDuplicateLineOnce) {

@@ -49,6 +49,35 @@ TEST_F(PluginRegistrarTest, IsOneForAllContextsOfAnEngine) {
   EXPECT_EQ(GetRegistrar(engine_->MakeContext(24)), registrar);
 }
 
+TEST_F(PluginRegistrarTest, IsMadeOnceAndKeepsItsPluginsWhenItIsAskedForAgain) {
+  FakeEmbedder embedder;
+  auto* const context = embedder.MakeContext(72, 1004);
+  PluginRegistrar* const registrar = GetRegistrar(context);
+  registrar->AddPlugin(std::make_shared<NotedPlugin>(&log_, registrar));
+  const std::vector<std::string> loads = embedder.loads;
+  EXPECT_THAT(loads, ElementsAre("application 88", "messenger 40", "textures 32"));
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(GetRegistrar(embedder.MakeContext(72, 1004)), registrar);
+  }
+  EXPECT_EQ(embedder.loads, loads);
+  EXPECT_EQ(embedder.subscribed_to_end, 1);
+  EXPECT_THAT(log_, IsEmpty());
+  embedder.on_destroyed(FakeEmbedder::MakeEngine(1004));
+  EXPECT_THAT(log_, ElementsAre("released", "destroyed"));
+  EXPECT_THAT(embedder.engines, testing::Each(FakeEmbedder::MakeEngine(1004)));
+}
+
+TEST_F(PluginRegistrarTest, WithdrawsItsChannelHandlersAtItsEngineEnd) {
+  FakeEmbedder embedder;
+  PluginRegistrar* const registrar = GetRegistrar(embedder.MakeContext(72, 1005));
+  registrar->GetMessenger()->SetMessageHandler(
+      "channel", [](const std::uint8_t*, std::size_t, const cw::BinaryReply&) {});
+  registrar->AddPlugin(std::make_shared<NotedPlugin>(&embedder.log, registrar));
+  embedder.on_destroyed(FakeEmbedder::MakeEngine(1005));
+  EXPECT_THAT(embedder.log, ElementsAre("set channel", "released", "destroyed", "clear channel"));
+  EXPECT_THAT(embedder.engines, testing::Each(FakeEmbedder::MakeEngine(1005)));
+}
+
 TEST_F(PluginRegistrarTest, IsAnotherForAnotherEngine) {
   veltra::host::Engine other;
   EXPECT_NE(GetRegistrar(other.MakeContext()), GetRegistrar(engine_->MakeContext()));

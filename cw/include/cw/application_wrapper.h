@@ -108,7 +108,8 @@ class TARV_EXPORT ApplicationWrapper : public quarn::IDispatcher {
   // The same, for whoever is given a dispatcher. Any thread.
   void Invoke(const std::function<void()>& task, unsigned int param) override;
 
-  // Whether the user granted the permission. False, after a log line, for an empty name.
+  // Whether the user granted the permission. False, after a log line, for an empty name and for one
+  // with a NUL inside.
   bool HasPermission(std::string_view name) const;
   bool HasPermission(Permission permission) const;
 
@@ -128,7 +129,7 @@ class TARV_EXPORT ApplicationWrapper : public quarn::IDispatcher {
   std::filesystem::path GetPath(DirectoryType type) const;
 
   // Where the application's library of this file name is; for an empty name, the folder of its
-  // libraries.
+  // libraries. Empty, after a log line, for a name with a NUL inside.
   std::filesystem::path GetLibraryPath(std::string_view name = {}) const;
 
   // The arguments that Dart's entry point was called with.

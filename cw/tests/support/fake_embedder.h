@@ -1,4 +1,5 @@
-// An embedder of a few lines that writes down what it is asked, for what a real one never does.
+// An embedder of a few lines that writes down everything that it is given, for what a real one never
+// does.
 #ifndef CW_TESTS_SUPPORT_FAKE_EMBEDDER_H
 #define CW_TESTS_SUPPORT_FAKE_EMBEDDER_H
 
@@ -12,6 +13,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace cw::test_support {
@@ -34,10 +36,10 @@ class FakeEmbedder {
     const FlutterVeltraPluginContext whole{size,
                                            FLUTTER_VELTRA_API_VERSION,
                                            MakeEngine(engine),
-                                           nullptr,
+                                           &LoadApplication,
                                            &SetRegistrarDestroyedCallback,
                                            nullptr,
-                                           nullptr,
+                                           &LoadTextures,
                                            nullptr,
                                            &LoadMessenger};
     memory.emplace_back(new char[std::max<std::size_t>(size, sizeof(std::size_t))]);
@@ -56,10 +58,28 @@ class FakeEmbedder {
     handler(handler_data, &message);
   }
 
-  std::vector<std::string> log;
+  std::vector<std::string> log;                // what was asked, with its arguments
+  std::vector<_FlutterVeltraEngine*> engines;  // for which engine, one for each entry called
+  std::vector<std::string> loads;              // which tables, of which sizes
   bool load_succeeds = true;
   bool send_succeeds = true;
   std::size_t requested_size = 0;
+  FlutterVeltraApplicationProcTable application_table{
+      sizeof(FlutterVeltraApplicationProcTable),
+      &EnqueueTask,
+      &HasPermission,
+      nullptr,
+      nullptr,
+      &Exit,
+      &CreateMainWindow,
+      nullptr,
+      nullptr,
+      &GetLibraryPath,
+      nullptr,
+  };
+  FlutterVeltraTextureProcTable texture_table{sizeof(FlutterVeltraTextureProcTable),
+                                              &RegisterTexture, &MarkTextureFrameAvailable,
+                                              &UnregisterTexture};
   FlutterVeltraMessengerProcTable table{sizeof(FlutterVeltraMessengerProcTable), &Send, &SetHandler,
                                         &Subscribe, &Unsubscribe};
   FlutterVeltraReplyCallback reply = nullptr;
@@ -68,49 +88,113 @@ class FakeEmbedder {
   void* handler_data = nullptr;
   std::unique_ptr<quarn::CStyleListener<bool>> subscription;
   FlutterVeltraRegistrarDestroyedCallback on_destroyed = nullptr;
+  int subscribed_to_end = 0;
+  std::vector<_FlutterVeltraResponse*> responses;  // which messages were answered
 
   static inline FakeEmbedder* current = nullptr;
 
  private:
-  static bool LoadMessenger(_FlutterVeltraEngine*, FlutterVeltraMessengerProcTable* table,
-                            std::size_t size) {
-    current->requested_size = size;
+  static void Note(_FlutterVeltraEngine* engine, std::string line) {
+    current->engines.push_back(engine);
+    current->log.push_back(std::move(line));
+  }
+
+  template <class Table>
+  static bool Load(const char* name, _FlutterVeltraEngine* engine, const Table& from, Table* table,
+                   std::size_t size) {
+    current->engines.push_back(engine);
+    current->loads.push_back(name + (" " + std::to_string(size)));
     if (current->load_succeeds) {
-      std::memcpy(table, &current->table, std::min(size, sizeof(*table)));
+      std::memcpy(table, &from, std::min(size, sizeof(*table)));
     }
     return current->load_succeeds;
   }
-  static bool Send(_FlutterVeltraEngine*, const char* channel, const std::uint8_t* message,
+  static bool LoadApplication(_FlutterVeltraEngine* engine,
+                              FlutterVeltraApplicationProcTable* table, std::size_t size) {
+    return Load("application", engine, current->application_table, table, size);
+  }
+  static bool LoadTextures(_FlutterVeltraEngine* engine, FlutterVeltraTextureProcTable* table,
+                           std::size_t size) {
+    return Load("textures", engine, current->texture_table, table, size);
+  }
+  static bool LoadMessenger(_FlutterVeltraEngine* engine, FlutterVeltraMessengerProcTable* table,
+                            std::size_t size) {
+    current->requested_size = size;
+    return Load("messenger", engine, current->table, table, size);
+  }
+
+  static void EnqueueTask(_FlutterVeltraEngine* engine, const FlutterVeltraSlot* task,
+                          unsigned int param) {
+    Note(engine, "enqueue " + std::to_string(param));
+    quarn::CStyleListener<> listener(task);
+  }
+  static bool HasPermission(_FlutterVeltraEngine* engine, const char* name) {
+    Note(engine, "permission " + std::string(name));
+    return true;
+  }
+  static void Exit(_FlutterVeltraEngine* engine, int exit_code) {
+    Note(engine, "exit " + std::to_string(exit_code));
+  }
+  static bool CreateMainWindow(_FlutterVeltraEngine* engine, const char* entry_point,
+                               const std::uint8_t* /*payload*/, std::size_t payload_size) {
+    Note(engine, "main window " + std::string(entry_point) + " " + std::to_string(payload_size));
+    return true;
+  }
+  static const char* GetLibraryPath(_FlutterVeltraEngine* engine, const char* name) {
+    Note(engine, "library " + std::string(name));
+    return "/lib";
+  }
+
+  static std::int64_t RegisterTexture(_FlutterVeltraEngine* engine,
+                                      const FlutterVeltraTexture* texture) {
+    Note(engine, "register " + std::to_string(texture->size));
+    texture->release(texture->user_data);
+    return 0x100000007;
+  }
+  static bool MarkTextureFrameAvailable(_FlutterVeltraEngine* engine, std::int64_t id) {
+    Note(engine, "mark " + std::to_string(id));
+    return true;
+  }
+  static void UnregisterTexture(_FlutterVeltraEngine* engine, std::int64_t id,
+                                const FlutterVeltraSlot* done) {
+    Note(engine, "unregister " + std::to_string(id));
+    quarn::CStyleListener<> listener(done);
+    listener.Invoke();
+  }
+
+  static bool Send(_FlutterVeltraEngine* engine, const char* channel, const std::uint8_t* message,
                    std::size_t size, FlutterVeltraReplyCallback reply, void* user_data) {
-    current->log.push_back("send " + std::string(channel) + " " +
-                           std::string(message, message + size) +
-                           (reply == nullptr ? "" : " and reply"));
+    Note(engine, "send " + std::string(channel) + " " + std::string(message, message + size) +
+                     (reply == nullptr ? "" : " and reply"));
     current->reply = reply;
     current->reply_data = user_data;
     return current->send_succeeds;
   }
-  static void SetHandler(_FlutterVeltraEngine*, const char* channel,
+  static void SetHandler(_FlutterVeltraEngine* engine, const char* channel,
                          FlutterVeltraMessageCallback callback, void* user_data) {
-    current->log.push_back((callback == nullptr ? "clear " : "set ") + std::string(channel));
+    Note(engine, (callback == nullptr ? "clear " : "set ") + std::string(channel));
     current->handler = callback;
     current->handler_data = user_data;
   }
-  static std::uint64_t Subscribe(_FlutterVeltraEngine*, const char* channel,
+  static std::uint64_t Subscribe(_FlutterVeltraEngine* engine, const char* channel,
                                  const FlutterVeltraBoolSlot* slot) {
-    current->log.push_back("subscribe " + std::string(channel));
+    Note(engine, "subscribe " + std::string(channel));
     current->subscription = std::make_unique<quarn::CStyleListener<bool>>(slot);
     return 17;
   }
-  static void Unsubscribe(_FlutterVeltraEngine*, const char* channel, std::uint64_t id) {
-    current->log.push_back("unsubscribe " + std::string(channel) + " " + std::to_string(id));
+  static void Unsubscribe(_FlutterVeltraEngine* engine, const char* channel, std::uint64_t id) {
+    Note(engine, "unsubscribe " + std::string(channel) + " " + std::to_string(id));
     current->subscription.reset();
   }
-  static void SendResponse(_FlutterVeltraEngine*, _FlutterVeltraResponse*, const std::uint8_t* data,
-                           std::size_t size) {
-    current->log.push_back("response " + std::string(data, data + size));
+  static void SendResponse(_FlutterVeltraEngine* engine, _FlutterVeltraResponse* response,
+                           const std::uint8_t* data, std::size_t size) {
+    Note(engine, "response " + std::string(data, data + size));
+    current->responses.push_back(response);
   }
-  static void SetRegistrarDestroyedCallback(_FlutterVeltraEngine*,
+  static void SetRegistrarDestroyedCallback(_FlutterVeltraEngine* engine,
                                             FlutterVeltraRegistrarDestroyedCallback callback) {
+    current->engines.push_back(engine);
+    ++current->subscribed_to_end;
     current->on_destroyed = callback;
   }
 
