@@ -109,6 +109,18 @@ TEST(EncodableValue, IteratesMapKeysByKindFirst) {
   EXPECT_EQ(keys, (EncodableList{1, std::int64_t{1}, "a"}));
 }
 
+TEST(EncodableValue, OrdersTextsByTheirBytesAsUnsignedNumbers) {
+  EXPECT_LT(EncodableValue("z"), EncodableValue("\xC3\xA9"));
+  EXPECT_FALSE(EncodableValue("\xC3\xA9") < EncodableValue("z"));
+  EXPECT_LT(EncodableValue("a"), EncodableValue("a\x80"));
+  EXPECT_LT(EncodableValue("az"), EncodableValue("a\x80"));
+  const EncodableMap map{{"\xC3\xA9", 3}, {"\x7F", 2}, {"a", 1}, {"", 0}};
+  int position = 0;
+  for (const auto& [key, value] : map) {
+    EXPECT_EQ(value, position++) << key;
+  }
+}
+
 TEST(EncodableValue, OrdersByKindAndThenByValue) {
   const EncodableList ascending{
       nullptr,

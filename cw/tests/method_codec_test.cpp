@@ -201,6 +201,9 @@ TEST(StandardMethodCodec, CallsNothingForAnotherFirstByte) {
   Recorder recorder;
   EXPECT_FALSE(Process("02 00", &recorder));
   EXPECT_FALSE(Process("FF", &recorder));
+  // Of another kind, though all that an error has is there.
+  EXPECT_FALSE(Process("02 07 01 45 07 01 6D 03 07 00 00 00", &recorder));
+  EXPECT_FALSE(Process("02 07 01 45 00 00", &recorder));
   EXPECT_TRUE(recorder.calls.empty());
 }
 

@@ -55,6 +55,16 @@ TEST(ReplyManager, SendsANullPointerWhenThereIsNoData) {
   EXPECT_EQ(replies.count, 2);
 }
 
+TEST(ReplyManager, SendsANullPointerForABufferThatIsEmptyButAllocated) {
+  Replies replies;
+  Bytes emptied = {1, 2, 3};
+  emptied.clear();
+  ASSERT_NE(emptied.data(), nullptr);
+  ReplyManager(replies.MakeHandler()).SendResponseData(&emptied);
+  EXPECT_EQ(replies.count, 1);
+  EXPECT_EQ(replies.last, std::nullopt);
+}
+
 TEST(ReplyManager, DropsASecondReplyAndSaysSo) {
   Replies replies;
   const Bytes bytes = {1};

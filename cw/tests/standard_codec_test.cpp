@@ -1,9 +1,13 @@
+#include <cw/method_codec.h>
 #include <cw/standard_codec.h>
 #include <cw/standard_message_codec.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <deque>
 #include <memory>
+#include <set>
 #include <stdexcept>
 #include <thread>
 
@@ -614,6 +618,43 @@ TEST(StandardMessageCodec, IsSharedPerSerializer) {
   EXPECT_NE(&codec, &StandardMessageCodec::GetInstance(&Shapes()));
   EXPECT_EQ(&StandardMessageCodec::GetInstance(&Shapes()),
             &StandardMessageCodec::GetInstance(&Shapes()));
+}
+
+// Has threads ask for the codecs of many serializers at once, and expects all to get the same.
+template <class Codec>
+void ExpectOneCodecForEachSerializer() {
+  constexpr std::size_t kSerializers = 3000;
+  static const std::deque<StandardCodecSerializer> serializers(kSerializers);
+  std::vector<std::vector<const Codec*>> found(4);
+  std::atomic<bool> begin{false};
+  std::vector<std::thread> threads;
+  threads.reserve(found.size());
+  for (auto& codecs : found) {
+    threads.emplace_back([&codecs, &begin] {
+      while (!begin) {
+      }
+      for (const StandardCodecSerializer& serializer : serializers) {
+        codecs.push_back(&Codec::GetInstance(&serializer));
+      }
+    });
+  }
+  begin = true;
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  for (const auto& codecs : found) {
+    EXPECT_EQ(codecs, found.front());
+  }
+  const std::set<const Codec*> distinct(found.front().begin(), found.front().end());
+  EXPECT_EQ(distinct.size(), kSerializers);
+}
+
+TEST(StandardMessageCodec, IsMadeOnceForEachSerializerWhoeverAsksAtOnce) {
+  ExpectOneCodecForEachSerializer<StandardMessageCodec>();
+}
+
+TEST(StandardMethodCodec, IsMadeOnceForEachSerializerWhoeverAsksAtOnce) {
+  ExpectOneCodecForEachSerializer<StandardMethodCodec>();
 }
 
 TEST(StandardMessageCodec, IsTheSameForAllThreads) {
