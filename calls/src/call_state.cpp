@@ -1,3 +1,4 @@
+#include <quarn/escaped.h>
 #include <quarn/logger.h>
 #include <tarv/calls/call_state.h>
 
@@ -67,7 +68,7 @@ bool CallState::WaitForEnd() {
 // With the lock held.
 void CallState::ClaimConsumer() {
   if (consumed_) {
-    QUARN_LOG_FATAL() << "The call of '" << method_
+    QUARN_LOG_FATAL() << "The call of '" << quarn::Escaped{method_}
                       << "' has a second consumer. One of Then, Wait and co_await, once, gets the "
                          "outcome of a call.";
   }

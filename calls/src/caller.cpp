@@ -1,3 +1,4 @@
+#include <quarn/escaped.h>
 #include <quarn/logger.h>
 #include <tarv/calls/caller.h>
 
@@ -13,7 +14,8 @@ Caller::Caller(std::shared_ptr<vorpc::IClient> client, std::shared_ptr<Loop> loo
 
 Caller::~Caller() {
   if (!core_->GetLoop()->IsCurrent()) {
-    QUARN_LOG_FATAL() << "A tarv::Caller of " << details::TextOfTask(core_->GetTaskName())
+    QUARN_LOG_FATAL() << "A tarv::Caller of "
+                      << quarn::Escaped{details::TextOfTask(core_->GetTaskName())}
                       << " is destroyed on another thread than its loop's.";
   }
   core_->Close();

@@ -2,6 +2,7 @@
 #ifndef TARV_CALLS_SRC_GUARDED_H
 #define TARV_CALLS_SRC_GUARDED_H
 
+#include <quarn/escaped.h>
 #include <quarn/logger.h>
 
 #include <exception>
@@ -14,11 +15,11 @@ void RunGuarded(const char* what, const std::string& method, Function&& function
   try {
     function();
   } catch (const std::exception& error) {
-    QUARN_LOG_ERROR() << "An exception left " << what << " of '" << method
-                      << "', which must not throw: " << error.what();
+    QUARN_LOG_ERROR() << "An exception left " << what << " of '" << quarn::Escaped{method}
+                      << "', which must not throw: " << quarn::Escaped{error.what()};
   } catch (...) {
-    QUARN_LOG_ERROR() << "An exception of unknown type left " << what << " of '" << method
-                      << "', which must not throw.";
+    QUARN_LOG_ERROR() << "An exception of unknown type left " << what << " of '"
+                      << quarn::Escaped{method} << "', which must not throw.";
   }
 }
 

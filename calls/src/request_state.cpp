@@ -1,3 +1,4 @@
+#include <quarn/escaped.h>
 #include <quarn/logger.h>
 #include <tarv/calls/call_error.h>
 #include <tarv/calls/request.h>
@@ -85,7 +86,7 @@ std::unique_ptr<OpenRequest> RequestState::TakeOpen() {
     on_cancel.swap(on_cancel_);
   }
   if (!open) {
-    QUARN_LOG_ERROR() << "The request '" << method_
+    QUARN_LOG_ERROR() << "The request '" << quarn::Escaped{method_}
                       << "' has its answer; another one was given and is dropped.";
   }
   return open;

@@ -320,13 +320,14 @@ TEST_F(CallerTest, GoesOnWhenItsHandleIsDropped) {
 
 TEST_F(CallerTest, LogsWhatAConsumerThrows) {
   Connect();
-  caller_->Call(kPing).Then([](const Outcome<void>&) { throw std::runtime_error("oh"); });
+  caller_->Call(kPing).Then([](const Outcome<void>&) { throw std::runtime_error("oh\nno"); });
   link_.Pump();
   replies_.at(0)->SendResult({});
   testing::internal::CaptureStdout();
   link_.Pump();
-  EXPECT_THAT(testing::internal::GetCapturedStdout(),
-              HasSubstr("An exception left the consumer of 'ping', which must not throw: oh"));
+  EXPECT_THAT(
+      testing::internal::GetCapturedStdout(),
+      HasSubstr("An exception left the consumer of 'ping', which must not throw: oh\\nno\n"));
 }
 
 TEST_F(CallerTest, PassesStepsUntilTheEnd) {

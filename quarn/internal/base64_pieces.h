@@ -66,7 +66,7 @@ class Base64Decoder {
   bool Decode(std::uint8_t* out, std::size_t size);
 
  private:
-  std::string_view text_;  // what is not decoded yet
+  std::string_view text_;  // the rest, which is not decoded yet
   std::size_t bytes_left_;
 };
 

@@ -9,8 +9,8 @@
 namespace quarn::base64 {
 namespace {
 
-// What goes through the cache on its way into a string or vector, which cannot be had without
-// filling them first.
+// A string or vector cannot be made without filling it first. So each block is coded into an array,
+// which stays in the CPU's cache, and then appended.
 constexpr std::size_t kBlockBytes = 3072;
 constexpr std::size_t kBlockLength = kBlockBytes / 3 * 4;
 

@@ -1,5 +1,5 @@
-// The ways to do the bulk of Base64's work: by tables, and by the vector units of the CPUs that
-// have one. They differ in speed only.
+// The coders that do most of Base64's work: tables, and the vector units of the CPUs that have one.
+// They differ in speed only.
 #ifndef QUARN_BASE64_CODERS_H
 #define QUARN_BASE64_CODERS_H
 
@@ -13,8 +13,8 @@ namespace quarn::base64 {
 inline constexpr char kAlphabet[] =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
-// Works from the front, block by block, as far as whole blocks go, and leaves the rest to the
-// tables: a coder touches no byte outside what it is given, and decides nothing.
+// A coder works from the front, block by block, and leaves what is less than a block to the tables.
+// It touches no byte outside what it is given.
 struct Coder {
   const char* name;
   bool (*is_supported)();  // by the CPU that this runs on
@@ -28,16 +28,16 @@ struct Coder {
   std::size_t (*decode)(const char* text, std::size_t length, std::uint8_t* out);
 };
 
-// Those that this build knows, the fastest first; the last is the tables, which every CPU has.
+// All coders of this build, the fastest first. The last one, the tables, runs on every CPU.
 const std::vector<Coder>& GetCoders();
 
-// Base64 by one coder and, for what it leaves, the tables: Encode of base64.h.
+// Encode of base64.h, by one coder and, for what it leaves, the tables.
 void EncodeBy(const Coder& coder, const std::uint8_t* data, std::size_t size, char* out);
 
-// The same for characters of whole groups, without padding. False when one is foreign.
+// DecodeGroups of base64.h, likewise.
 bool DecodeGroupsBy(const Coder& coder, const char* text, std::size_t length, std::uint8_t* out);
 
-// The same for a whole text: Decode of base64.h.
+// Decode of base64.h, likewise.
 bool DecodeBy(const Coder& coder, const char* text, std::size_t length, std::uint8_t* out);
 
 // Coders for the vector units of this architecture, the fastest first.
@@ -57,7 +57,7 @@ bool DecodeLastQuad(const char* text, std::uint8_t* out);
 
 }  // namespace tables
 
-// Base64 by the definition, one character at a time: what everything else is compared with.
+// Base64 by its definition, one character at a time. The tests compare everything else with it.
 namespace reference {
 void Encode(const std::uint8_t* data, std::size_t size, char* out);
 bool Decode(const char* text, std::size_t length, std::uint8_t* out);

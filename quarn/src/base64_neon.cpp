@@ -1,7 +1,7 @@
 // Base64 by the vector unit of AArch64, which every such CPU has.
 //
-// Its loads and stores take groups of three or four bytes apart into registers of their own and put
-// them together again; its table look-up covers the whole alphabet at once.
+// Its loads spread groups of three or four bytes over as many registers, its stores put them together
+// again, and its table look-up covers the whole alphabet at once.
 #include "base64_coders.h"
 
 #if defined(__aarch64__)
@@ -16,7 +16,7 @@ namespace {
 constexpr std::size_t kBlockBytes = 48;
 constexpr std::size_t kBlockLength = 64;
 
-// Set in the entry of a character of the alphabet; what the look-up does not find gives 0.
+// Set in the entry of each character of the alphabet. The look-up gives 0 for any other.
 constexpr std::uint8_t kKnown = 0x80;
 
 constexpr std::array<std::uint8_t, 128> MakeNumbers() {
@@ -63,7 +63,7 @@ std::size_t DecodeNeon(const char* text, std::size_t length, std::uint8_t* out) 
     if (vminvq_u8(known) != kKnown) {
       break;
     }
-    // The mark falls out of each number when it is shifted; only the last one shifts none.
+    // Shifting a number drops its mark. The last one is not shifted, so its mark is masked out.
     uint8x16x3_t bytes;
     bytes.val[0] = vsriq_n_u8(vshlq_n_u8(numbers.val[0], 2), vshlq_n_u8(numbers.val[1], 2), 6);
     bytes.val[1] = vsriq_n_u8(vshlq_n_u8(numbers.val[1], 4), vshlq_n_u8(numbers.val[2], 2), 4);

@@ -18,14 +18,14 @@ constexpr std::size_t TextLength(std::size_t size) { return (size + kGroup - 1) 
 }  // namespace
 
 void Base64Encoder::Expect(std::size_t size) {
-  // What fits into the block gets a text of its exact size at the end.
+  // Bytes that all fit into the block become a text of the exact size in Finish.
   if (size > block_.size()) {
     text_.reserve(TextLength(size));
   }
 }
 
 void Base64Encoder::Write(const std::uint8_t* data, std::size_t size) {
-  // The block holds whole groups, so there is room to end the group that it ends within.
+  // The block's size is a multiple of a group's, so a group that has begun in it ends in it.
   const std::size_t head =
       size <= block_.size() - length_ ? size : (kGroup - length_ % kGroup) % kGroup;
   if (head != 0) {
@@ -35,7 +35,7 @@ void Base64Encoder::Write(const std::uint8_t* data, std::size_t size) {
   if (head == size) {
     return;
   }
-  // A large piece is seldom followed by another.
+  // For what follows a large piece, which is seldom another one.
   constexpr std::size_t kRoomBehind = 8192;
   Flush();
   if (text_.capacity() - text_.size() < TextLength(size)) {

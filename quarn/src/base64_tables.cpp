@@ -39,7 +39,7 @@ constexpr std::array<Pair, 4096> MakePairs() {
 
 constexpr std::array<Pair, 4096> kPairs = MakePairs();
 
-// What a character contributes to its 24-bit group, by its place in the quad.
+// The bits that a character adds to its 24-bit group, by its place in the quad.
 constexpr std::array<std::array<std::uint32_t, 256>, 4> MakeShares() {
   std::array<std::array<std::uint32_t, 256>, 4> shares{};
   for (std::size_t place = 0; place < 4; ++place) {
@@ -69,7 +69,7 @@ void StoreGroup(std::uint32_t group, std::uint8_t* out) {
   out[2] = static_cast<std::uint8_t>(group);
 }
 
-// The group of one or two bytes that a text's padding stands for.
+// Writes the last quad of a text that ends with padding, for the one or two bytes left over.
 void EncodeTail(const std::uint8_t* data, std::size_t size, char* out) {
   out[0] = kAlphabet[data[0] >> 2];
   if (size == 1) {

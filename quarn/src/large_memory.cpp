@@ -8,12 +8,12 @@
 namespace quarn {
 namespace {
 
-// What has whole large pages inside.
-constexpr std::size_t kLeast = std::size_t{4} << 20U;
+// Memory of this size holds whole large pages, wherever it begins.
+constexpr std::size_t kSmallestLargeSize = std::size_t{4} << 20U;
 
 }  // namespace
 
-bool IsLarge(std::size_t size) { return size >= kLeast; }
+bool IsLarge(std::size_t size) { return size >= kSmallestLargeSize; }
 
 void ExpectFilling(void* data, std::size_t size) {
   if (!IsLarge(size)) {
@@ -21,7 +21,7 @@ void ExpectFilling(void* data, std::size_t size) {
   }
   static const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
   const std::uintptr_t before = (page - reinterpret_cast<std::uintptr_t>(data) % page) % page;
-  // A system without large pages refuses, which is no error of anybody.
+  // A system without large pages refuses the advice; that is no error.
   const int error = errno;
   ::madvise(static_cast<char*>(data) + before, (size - before) / page * page, MADV_HUGEPAGE);
   errno = error;

@@ -21,8 +21,8 @@ const char* Store(std::deque<std::string>& strings, std::string_view text) {
   return stored.assign(text.data(), text.size()).c_str();
 }
 
-// Where `id` stands first; the number of ids when it stands nowhere.
-std::size_t FirstOf(std::uint64_t id, const std::vector<std::uint64_t>& ids) {
+// The position of the first `id` among `ids`; the number of ids when there is none.
+std::size_t FirstPositionOf(std::uint64_t id, const std::vector<std::uint64_t>& ids) {
   return static_cast<std::size_t>(std::find(ids.begin(), ids.end(), id) - ids.begin());
 }
 
@@ -30,16 +30,17 @@ std::size_t FirstOf(std::uint64_t id, const std::vector<std::uint64_t>& ids) {
 
 std::uint64_t ResourcesCache::CreateChunk() {
   const std::lock_guard lock(mutex_);
-  const std::size_t slot = FirstOf(0, ids_);
+  const std::size_t slot = FirstPositionOf(0, ids_);
   if (slot == ids_.size()) {
-    chunks_.resize(slot + 1);  // it is there already when memory ran out for the id the last time
+    // The chunk is there already when an earlier call ran out of memory for its id.
+    chunks_.resize(slot + 1);
     ids_.push_back(0);
   }
   return ids_[slot] = details::CounterClient::GenerateId();
 }
 
 std::size_t ResourcesCache::FindChunkUnsafe(std::uint64_t id) const {
-  const std::size_t slot = id != 0 ? FirstOf(id, ids_) : ids_.size();
+  const std::size_t slot = id != 0 ? FirstPositionOf(id, ids_) : ids_.size();
   if (slot == ids_.size()) {
     QUARN_LOG_ERROR() << "Invalid chunk ID <" << id << ">";
   }

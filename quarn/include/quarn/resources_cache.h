@@ -54,14 +54,15 @@ class TARV_EXPORT ResourcesCache {
     std::deque<Buffer> buffers;
   };
 
-  // The chunk, or null, and its position, or the number of slots, when there is none (logged).
+  // The chunk; null, after a log line, when there is none. With the mutex held, as the next.
   Chunk* GetChunkUnsafe(std::uint64_t id);
+  // The chunk's slot; the number of slots, after a log line, when there is none.
   std::size_t FindChunkUnsafe(std::uint64_t id) const;
 
   std::mutex mutex_;
   std::deque<Chunk> chunks_;
-  // The chunks' ids at the chunks' positions, 0 for a free slot. Beside the chunks, so that a scan
-  // reads eight bytes a slot, one after the other.
+  // The id of the chunk in each slot, 0 for a free one. They lie apart from the chunks, so that a
+  // scan reads eight bytes a slot, one after the other.
   std::vector<std::uint64_t> ids_;
 };
 

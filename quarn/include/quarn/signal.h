@@ -71,7 +71,7 @@ class Signal : public details::CounterClient {
   // Calls every listener with a copy of the arguments. An exception ends the emission and reaches
   // the caller.
   void EmitImpl(Args... args) const {
-    // From the first call on, neither the signal nor what the emitter passed in need be there.
+    // From the first call on, a listener may have destroyed the signal, or what the emitter passed.
     const std::shared_ptr<Order> order = order_;
     bool seen_dead = false;
     for (const Entry& entry : order->Copy()) {

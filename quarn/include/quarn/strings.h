@@ -14,7 +14,8 @@
 
 namespace quarn::strings {
 
-// The text where it lies. Throws std::logic_error for null, as a std::string made of it does.
+// A view of the text up to its NUL; the text stays the caller's. Throws std::logic_error for null,
+// as a std::string made of it does.
 inline std::string_view ViewOf(const char* text) {
   if (text == nullptr) {
     throw std::logic_error("basic_string: construction from null is not valid");
