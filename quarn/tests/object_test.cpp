@@ -11,6 +11,7 @@
 #include <set>
 #include <stdexcept>
 #include <thread>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -49,6 +50,8 @@ class Thing : public quarn::Object<Thing, ThingRef*> {
                                        std::function<void()> on_destroy = nullptr) {
     return Object::Create(dispatcher, std::move(on_destroy), PrivateTag());
   }
+
+  using Object::Unregister;
 
   std::uint64_t GetState() const { return state_; }
 
@@ -153,6 +156,17 @@ TEST(Object, IsNotFoundOnceItIsDestroyed) {
   ThingRef* const ref = thing->GetRef();
   thing.reset();
   EXPECT_EQ(StdoutOf([ref] { EXPECT_EQ(Thing::FromRef(ref), nullptr); }), "");
+}
+
+template <class T, class = void>
+constexpr bool kAnybodyUnregisters = false;
+template <class T>
+constexpr bool kAnybodyUnregisters<T, std::void_t<decltype(std::declval<T&>().Unregister())>> =
+    true;
+
+TEST(Object, IsUnregisteredByItselfAlone) {
+  EXPECT_FALSE(kAnybodyUnregisters<Other>);
+  EXPECT_TRUE(kAnybodyUnregisters<Thing>);  // which says so
 }
 
 TEST(Object, IsNotFoundOnceItIsUnregisteredThoughItLivesOn) {

@@ -174,6 +174,7 @@ void Client::Close(const OptionalError& error, bool during_handshake) {
   }
   quarn::details::Attempts steps;
   if (during_handshake) {
+    receiver_.DropQueue();
     steps.Run([this, &reported] { connected_.Emit(reported); });
   } else {
     steps.Run([this, &error] { disconnected_.Emit(error); });

@@ -30,6 +30,13 @@ void Receiver::SetQueueEnabled() {
   ProcessQueue();
 }
 
+void Receiver::DropQueue() {
+  Queue queue;  // destroyed after unlocking
+  const std::lock_guard lock(queue_mutex_);
+  queue.swap(queue_);
+  queue_dropped_ = true;
+}
+
 void Receiver::ProcessQueue() {
   while (ProcessBatch()) {
   }
@@ -73,6 +80,9 @@ bool Receiver::DeliverOrQueue(Kind kind, Message&& message) {
   const std::lock_guard lock(queue_mutex_);
   if (queue_enabled_ && queue_.empty()) {
     Deliver(kind, std::move(message));
+    return true;
+  }
+  if (queue_dropped_) {
     return true;
   }
   queue_.emplace_back(kind, std::move(message));

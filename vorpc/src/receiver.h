@@ -74,6 +74,9 @@ class Receiver {
   // Lets the queue flow, for good.
   void SetQueueEnabled();
 
+  // Drops what waits, and what would have to wait from now on: the queue will never flow.
+  void DropQueue();
+
   // Delivers what waits, if the queue may flow.
   void ProcessQueue();
 
@@ -116,6 +119,7 @@ class Receiver {
   std::recursive_mutex queue_mutex_;
   Queue queue_;
   bool queue_enabled_ = false;
+  bool queue_dropped_ = false;
 
   // Shared with the wrapped callbacks, which may outlive the receiver.
   const std::shared_ptr<std::atomic<bool>> closed_ = std::make_shared<std::atomic<bool>>(false);

@@ -585,6 +585,18 @@ TEST_F(ClientTest, NeverSendsWhatWasQueuedWhenTheHandshakeFails) {
   EXPECT_THAT(SentMethods(), ElementsAre("vorpc.connected"));
 }
 
+TEST_F(ClientTest, KeepsNothingToSendWhenTheHandshakeFails) {
+  const auto witness = std::make_shared<int>();
+  client_->SendNotify("a", cw::CustomEncodableValue(witness));
+  Start();
+  EXPECT_EQ(witness.use_count(), 2);
+  client_->Disconnect(kTransportError);
+  EXPECT_EQ(witness.use_count(), 1);
+  client_->SendNotify("b", cw::CustomEncodableValue(witness));
+  client_->SendRequest("c", cw::CustomEncodableValue(witness), {});
+  EXPECT_EQ(witness.use_count(), 1);
+}
+
 TEST_F(ClientTest, EndsFromInsideTheConnectedCallback) {
   client_->OnConnected([this](const auto&) { client_->Disconnect(kTransportError); });
   Request("a");

@@ -119,9 +119,6 @@ class Object : public details::ObjectImpl, public std::enable_shared_from_this<T
   Ref GetRef() const { return reinterpret_cast<Ref>(id_); }  // NOLINT(performance-no-int-to-ptr)
   std::uint64_t GetId() const { return id_; }
 
-  // Makes the handle resolve to nothing while the object lives on. Any thread.
-  void Unregister() { GetRegistry().Remove(id_); }
-
  protected:
   // Builds and registers an object. What its constructor or the allocation throws passes through,
   // and nothing stays registered.
@@ -131,6 +128,9 @@ class Object : public details::ObjectImpl, public std::enable_shared_from_this<T
     GetRegistry().Add(object->GetId(), object);  // GCOVR_EXCL_BR_LINE: an exception, too.
     return object;
   }
+
+  // Makes the handle resolve to nothing while the object lives on. Any thread.
+  void Unregister() { GetRegistry().Remove(id_); }
 
  private:
   using Registry = details::ObjectRegistry<T, Ref>;
