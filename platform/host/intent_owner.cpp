@@ -15,7 +15,8 @@
 namespace RuntimeManager::host {
 namespace {
 
-// Held only while a name is taken, which waits for nothing. Names of intents have no leading dot.
+// A process holds this lock only while it takes a name, which waits for nothing. No intent's name
+// begins with a dot.
 constexpr char kLockFile[] = ".lock";
 constexpr mode_t kLockMode = 0600;
 constexpr int kLockTries = 100;

@@ -40,7 +40,7 @@ QString PeerText(int socket) {
   return QString("process %1 ('%2')").arg(peer.pid).arg(Escaped(comm));
 }
 
-// One invocation, from the connection to the reply. It lives on while its end is told.
+// One invocation, from the connection to the reply. It stays alive while it reports its end.
 class Call : public std::enable_shared_from_this<Call> {
  public:
   using Done = std::function<void(const QJsonObject&, const Error&)>;

@@ -16,7 +16,7 @@
 namespace RuntimeManager::host {
 namespace {
 
-// A pipe that can be written to at all takes that much without blocking.
+// A pipe that takes anything takes this much without blocking.
 constexpr int kChunk = PIPE_BUF;
 constexpr int kChunksPerTurn = 32;
 // Enough for the message and the backtrace of a program that dies.
@@ -24,18 +24,19 @@ constexpr int kTailBytes = 8192;
 constexpr int kTailLines = 20;
 // How often a standard error that takes nothing is tried again.
 constexpr int kRetryMs = 50;
-// What a dead task can have left in its pipe, which is bounded by the kernel.
+// A dead task has left no more in its pipe: the kernel bounds it.
 constexpr int kChunksAtTheEnd = 256;
 // Dead tasks whose rest waits for a standard error that takes nothing: about what the pipes of so
 // many tasks hold, however many come and go meanwhile.
 constexpr int kMostBacklogs = 64;
 
 std::atomic<int> backlogs{0};
-// Somebody has waited in vain for standard error, which has taken nothing since: once is enough.
+// A wait for standard error was in vain, and it has taken nothing since: nobody waits again.
 std::atomic<bool> given_up{false};
 
-// Opens a pipe or terminal once more, in a mode in which no write waits; the mode of the descriptor
-// itself belongs to other processes, too. Invalid for whatever else, and where that is not allowed.
+// Opens a pipe or terminal again, in a mode in which no write waits. The mode of the descriptor
+// itself is shared with other processes, so it stays. Invalid for anything else, and where opening
+// is not allowed.
 UniqueFd OpenNonBlocking(int descriptor) {
   struct stat facts {};
   if (::fstat(descriptor, &facts) != 0) {
@@ -48,7 +49,7 @@ UniqueFd OpenNonBlocking(int descriptor) {
   return UniqueFd(::open(path.constData(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
 }
 
-// A chunk at most, for the sake of a pipe that could not be opened once more.
+// Writes a chunk at most, which does not block even on a pipe that could not be opened again.
 ssize_t WriteChunk(int descriptor, const QByteArray& bytes) {
   const SigpipeGuard guard;
   const auto size = static_cast<std::size_t>(std::min(bytes.size(), kChunk));

@@ -13,9 +13,9 @@
 
 namespace RuntimeManager::host {
 
-// Never raises SIGPIPE, and blocks in FinishNow() alone: while this process's own standard error
-// takes nothing, the task has to wait; once that is closed, only the memory of the last lines
-// remains. Belongs to the thread that made it.
+// While this process's own standard error takes nothing, the task waits; once nobody reads it any
+// more, the relay only remembers the last lines. FinishNow() alone blocks, and nothing raises
+// SIGPIPE. Belongs to the thread that made it.
 class StderrRelay {
  public:
   // The read end of the pipe, which does not block. An invalid one makes a relay with nothing to
@@ -25,18 +25,19 @@ class StderrRelay {
   StderrRelay(const StderrRelay&) = delete;
   StderrRelay& operator=(const StderrRelay&) = delete;
 
-  // Reads and forwards what there is, as far as it goes. The event loop sees to it; who waits for
-  // the task's end without one has to.
+  // Reads and forwards as much as is possible now. The event loop calls it; without one, the caller
+  // that waits for the task's end does.
   void Pump();
-  // What is readable when there is more to pump; -1 when that does not help.
+  // The descriptor that becomes readable when there is more to pump; -1 while what was read waits to
+  // be forwarded.
   int WaitsFor() const { return HasPending() ? -1 : pipe_.Get(); }
 
-  // The task has ended: takes what is left and closes the pipe. What cannot be forwarded at once
-  // follows from the event loop; when it has, the relay calls `on_forwarded`, which may destroy it.
-  // That is kept for a limited number of tasks in the process.
+  // The task has ended: reads the rest and closes the pipe. The event loop forwards what standard
+  // error does not take now, for a limited number of tasks in the process, and then calls
+  // `on_forwarded`, which may destroy the relay.
   void Finish(std::function<void()> on_forwarded);
-  // The same without an event loop: it is waited here until standard error has taken everything, up
-  // to `limit_ms`.
+  // The same without an event loop: waits here until standard error has taken everything, for up to
+  // `limit_ms`.
   void FinishNow(int limit_ms);
   // Whether the relay holds something that is still to be forwarded.
   bool HasPending() const { return !pending_.isEmpty(); }

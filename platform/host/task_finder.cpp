@@ -11,8 +11,7 @@
 namespace RuntimeManager::host {
 namespace {
 
-// What is wrong with the file at `path`: empty when it is a program, nothing said when there is no
-// file at all.
+// Says what is wrong with the file at `path`; empty when it is a program, or when there is no file.
 QString WhyNotProgram(const QString& path, bool* exists) {
   struct stat facts {};
   const QByteArray name = path.toUtf8();

@@ -53,6 +53,25 @@ class ApplicationEnvironment : public testing::Environment {
 [[maybe_unused]] const auto* const environment =
     testing::AddGlobalTestEnvironment(new ApplicationEnvironment);
 
+constexpr int kLimitSeconds = 60;
+
+// Waits for bytes, or for the end of the file; false when neither comes in time.
+bool HasInput(int descriptor) {
+  pollfd state{descriptor, POLLIN, 0};
+  const bool has_input = ::poll(&state, 1, kLimitSeconds * 1000) == 1;
+  EXPECT_TRUE(has_input) << "nothing to read came in time";
+  return has_input;
+}
+
+// Blocks in accept(), connect(), read() and write() for a limited time only.
+int MakeSocket() {
+  const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const timeval limit{kLimitSeconds, 0};
+  EXPECT_EQ(::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)), 0);
+  EXPECT_EQ(::setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)), 0);
+  return socket;
+}
+
 sockaddr_un Address(const QString& path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
@@ -169,7 +188,7 @@ Process::~Process() {
 std::string Process::ReadLine() const {
   std::string line;
   char byte = 0;
-  while (::read(output_, &byte, 1) == 1 && byte != '\n') {
+  while (HasInput(output_) && ::read(output_, &byte, 1) == 1 && byte != '\n') {
     line += byte;
   }
   return line;
@@ -317,7 +336,7 @@ QStringList OpenDescriptors() {
 bool IsGone(pid_t pid) { return ::kill(pid, 0) != 0 && errno == ESRCH; }
 
 int ConnectTo(const QString& path) {
-  const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int socket = MakeSocket();
   const sockaddr_un address = Address(path);
   if (::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
     return socket;
@@ -327,7 +346,7 @@ int ConnectTo(const QString& path) {
 }
 
 int ListenOn(const QString& path) {
-  const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int socket = MakeSocket();
   const sockaddr_un address = Address(path);
   EXPECT_EQ(::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
   EXPECT_EQ(::listen(socket, 8), 0);
@@ -338,7 +357,7 @@ QByteArray ReadToEnd(int descriptor) {
   QByteArray all;
   char chunk[4096];
   ssize_t size = 0;
-  while ((size = ::read(descriptor, chunk, sizeof(chunk))) > 0) {
+  while (HasInput(descriptor) && (size = ::read(descriptor, chunk, sizeof(chunk))) > 0) {
     all.append(chunk, static_cast<int>(size));
   }
   return all;

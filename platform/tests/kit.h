@@ -84,6 +84,7 @@ class Process {
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;
 
+  // Without the line's end; what there is when the rest does not come in a minute.
   std::string ReadLine() const;
   void Kill() const;
   // Its exit status, as waitpid() tells it. One that does not end by itself is killed.
@@ -151,10 +152,11 @@ QByteArray ReadFile(const QString& path);
 bool WaitForFile(const QString& path, const QByteArray& content_part);
 QStringList OpenDescriptors();
 bool IsGone(pid_t pid);
-// A blocking connection to a socket; -1 when it is refused.
+// A connection to a socket, which blocks for a minute at most; -1 when it is refused.
 int ConnectTo(const QString& path);
+// Its accept() waits for a minute at most.
 int ListenOn(const QString& path);
-// Everything until the end of the file.
+// Everything until the end of the file, or until nothing has come for a minute.
 QByteArray ReadToEnd(int descriptor);
 QByteArray ReadLineFrom(int descriptor);
 
