@@ -1,8 +1,10 @@
 #include "task_finder.h"
 
+#include <dlfcn.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <QtCore/QDir>
 #include <QtCore/QFileInfo>
 #include <QtCore/QStringList>
 
@@ -32,10 +34,19 @@ QStringList FoldersOf(const char* variable) {
   return QString::fromUtf8(Variable(variable)).split(':', Qt::SkipEmptyParts);
 }
 
+// Where tasks are installed, from the place of this library, so that what is installed can be moved.
+// An application's folder may hold a link to the library.
+QString InstalledTasks() {
+  Dl_info library{};
+  ::dladdr(reinterpret_cast<const void*>(&FindTask), &library);
+  const QString folder = QFileInfo(QFile::decodeName(library.dli_fname)).canonicalPath();
+  return QDir::cleanPath(folder + "/" TARV_TASKS_FROM_LIBRARY);
+}
+
 QStringList TaskFolders() {
   QStringList folders = FoldersOf("RUNTIME_MANAGER_TASK_PATH");
   const QString executable = QFileInfo("/proc/self/exe").symLinkTarget();
-  folders << QFileInfo(executable).path() + "/tasks" << QStringLiteral(TARV_TASK_FOLDER);
+  folders << QFileInfo(executable).path() + "/tasks" << InstalledTasks();
   return folders;
 }
 

@@ -1,0 +1,63 @@
+#!/usr/bin/env bash
+# check_packages.sh FOLDER: looks at the Debian packages in FOLDER as a user of them does: what lintian
+# says, whether what they need is what they say, whether unpacked into an empty root they can be built
+# upon, and whether removing them leaves nothing. Packages of another architecture are only looked at.
+set -euo pipefail
+folder=$(realpath "$1")
+here=$(dirname "$(readlink -f "$0")")
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+fail() {
+  printf 'check_packages.sh: %s\n' "$*" >&2
+  exit 1
+}
+
+packages=("$folder"/*.deb)
+[ -f "${packages[0]}" ] || fail "there is no package in $folder"
+
+# The overrides, each with its reason, are in the packages.
+lintian --allow-root --fail-on error,warning --no-cfg "${packages[@]}" || fail "lintian is not content"
+
+mkdir "$work/root"
+for package in "${packages[@]}"; do dpkg-deb -x "$package" "$work/root"; done
+architecture=$(dpkg-deb -f "$(ls "$folder"/tarv_*.deb)" Architecture)
+[ "$architecture" = "$(dpkg --print-architecture)" ] || exit 0
+
+# Of each library that a file needs: the package that has it must be among the dependencies.
+check_dependencies() {
+  local package=$1 depends file needed owner
+  depends=$(dpkg-deb -f "$package" Depends)
+  mkdir -p "$work/one"
+  dpkg-deb -x "$package" "$work/one"
+  while IFS= read -r file; do
+    for needed in $(readelf -d "$file" | sed -n 's/.*(NEEDED).*\[\(.*\)\].*/\1/p'); do
+      [ -z "$(find "$work/root" -name "$needed")" ] || continue
+      owner=$(dpkg -S "*/$needed" | grep -v '^diversion' | head -n 1 | cut -d: -f1)
+      case " $depends" in
+        *" $owner "*) ;;
+        *) fail "$(basename "$package") needs $needed of $owner, and says: $depends" ;;
+      esac
+    done
+  done < <(find "$work/one" -name '*.so')
+  rm -rf "$work/one"
+}
+for package in "${packages[@]}"; do check_dependencies "$package"; done
+
+cd "$work"
+for use in "cmake 20" "pkgconfig 17" c; do
+  # shellcheck disable=SC2086
+  "$here/../outside/outside.sh" $use "$work/root/usr" > log 2>&1 ||
+    { cat log >&2; fail "the unpacked packages cannot be built upon: $use"; }
+done
+
+# Installed by dpkg into a root of their own, and removed.
+own="$work/own"
+mkdir -p "$own/var/lib/dpkg/"{info,updates,triggers}
+touch "$own/var/lib/dpkg/"{status,available}
+our_dpkg() { dpkg --root="$own" --force-depends --force-not-root --log=/dev/null "$@" > log 2>&1 || { cat log >&2; fail "dpkg $*"; }; }
+our_dpkg --install "${packages[@]}"
+[ -n "$(find "$own/usr" -name libtarv.so)" ] || fail "dpkg installed no library"
+our_dpkg --purge tarv tarv-dev tarv-host tarv-doc
+[ -z "$(find "$own" -path "$own/var" -prune -o \( -type f -o -type l \) -print)" ] ||
+  fail "this is left after the packages are removed: $(find "$own/usr" | head)"
