@@ -1,4 +1,5 @@
 #include <cw/binary_messenger.h>
+#include <cw/method_channel.h>
 #include <cw/view_wrapper.h>
 #include <gmock/gmock.h>
 #include <quarn/slot.h>
@@ -302,6 +303,50 @@ TEST_F(MessengerTest, CarriesRawBytesBothWaysInOrder) {
   }
   RunPosted();
   EXPECT_EQ(order, "aabbcc");
+}
+
+// {"a": <an empty list of the kind>, "b": true}, behind the name of a call, "m".
+Bytes PaddedCall(std::uint8_t type, std::size_t padding) {
+  Bytes bytes = {7, 1, 'm', 13, 2, 7, 1, 'a', type, 0};
+  bytes.resize(bytes.size() + padding);
+  bytes.insert(bytes.end(), {7, 1, 'b', 1});
+  return bytes;
+}
+
+TEST_F(MessengerTest, PadsEmptyTypedListsAsDartDoes) {
+  std::vector<Bytes> received;
+  plugin_->SetMessageHandler("channel", [&received](const std::uint8_t* data, std::size_t size,
+                                                    const cw::BinaryReply& reply) {
+    received.emplace_back(data, data + size);
+    reply(nullptr, 0);
+  });
+  const auto call = [this](cw::EncodableValue list) {
+    Dart().InvokeMethod("channel", "m", cw::EncodableMap{{"a", std::move(list)}, {"b", true}});
+  };
+  call(std::vector<std::int32_t>());
+  call(std::vector<std::int64_t>());
+  call(std::vector<double>());
+  call(std::vector<float>());
+  call(std::vector<std::uint8_t>());
+  RunPosted();
+  EXPECT_THAT(received, testing::ElementsAre(PaddedCall(9, 2), PaddedCall(10, 6), PaddedCall(11, 6),
+                                             PaddedCall(14, 2), PaddedCall(8, 0)));
+}
+
+TEST_F(MessengerTest, BringsEmptyTypedListsToPluginsAndBack) {
+  cw::MethodChannel<> channel(plugin_.get(), "channel");
+  const cw::EncodableValue value(
+      cw::EncodableMap{{"tags", std::vector<std::int32_t>()}, {"user", "ann"}});
+  std::optional<cw::EncodableValue> heard;
+  channel.SetMethodCallHandler([&heard](const auto& call, auto result) {
+    heard = *call.GetArguments();
+    result->Error("E", "no", *heard);
+  });
+  std::optional<veltra::host::MethodOutcome> outcome;
+  Dart().InvokeMethod("channel", "m", value, [&outcome](const auto& its) { outcome = its; });
+  ASSERT_TRUE(RunUntil([&outcome] { return outcome.has_value(); }));
+  EXPECT_EQ(heard, value);
+  EXPECT_EQ(outcome->details, value);
 }
 
 TEST_F(MessengerTest, TellsPluginsWhetherDartListens) {

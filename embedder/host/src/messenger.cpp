@@ -4,13 +4,16 @@
 
 #include <utility>
 
+#include "dart_serializer.h"
 #include "engine_state.h"
 #include "tables.h"
 
 namespace veltra::host {
 namespace {
 
-const cw::StandardMethodCodec& GetCodec() { return cw::StandardMethodCodec::GetInstance(); }
+const cw::StandardMethodCodec& GetCodec() {
+  return cw::StandardMethodCodec::GetInstance(&DartSerializer::GetInstance());
+}
 
 Bytes ToBytes(quarn::Buffer buffer) {
   auto bytes = buffer.Extract();

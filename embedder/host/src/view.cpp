@@ -1,8 +1,10 @@
+#include <cw/standard_message_codec.h>
 #include <veltra/host/view.h>
 
 #include <memory>
 #include <utility>
 
+#include "dart_serializer.h"
 #include "engine_state.h"
 
 namespace veltra::host {
@@ -70,7 +72,9 @@ void View::SetTheme(const cw::Theme& theme) {
 }
 
 void View::SetWindowPayload(const cw::EncodableValue& payload) {
-  const auto bytes = payload.Serialize().Extract();
+  const auto bytes = cw::StandardMessageCodec::GetInstance(&DartSerializer::GetInstance())
+                         .EncodeMessage(payload)
+                         .Extract();
   resources_ = std::make_shared<const Resources>(
       Resources{resources_->theme, bytes ? *bytes : std::vector<std::uint8_t>()});
 }
