@@ -5,7 +5,9 @@
 #include <RuntimeManager/TaskMessaging.h>
 #include <gmock/gmock.h>
 
+#include <QEventLoop>
 #include <QThread>
+#include <QTimer>
 #include <atomic>
 #include <chrono>
 #include <future>
@@ -196,6 +198,42 @@ TEST_F(Sending, ThatHasBegunKeepsTheChannelButNotTheClientWhoseSlotsAreReleasedO
   RunDeferredDeletes();
   EXPECT_TRUE(channel.isNull());
   EXPECT_EQ(destroyed_on, QThread::currentThread());
+}
+
+TEST_F(Sending, ThatEndsLastLeavesTheChannelAloneInsideItsOwnSignal) {
+  struct Inside {
+    Sending* test;
+    bool alive = false;
+  } inside{this};
+  TARVRpcClientSlots slots{};
+  slots.size = sizeof(slots);
+  slots.OnMessage = [](void* user_data, const char*, std::size_t) {
+    auto* const self = static_cast<Inside*>(user_data);
+    const auto channel = TaskMessaging::GetAll().at(0);
+    SlowSend send(*channel, [self] { self->test->table_.SendMessage(self->test->client_, "x"); });
+    self->test->table_.Release(self->test->client_);
+    send.Finish();
+    QEventLoop loop;
+    QTimer::singleShot(0, &loop, &QEventLoop::quit);
+    loop.exec();
+    self->alive = !channel.isNull();
+  };
+  slots.user_data = &inside;
+  ASSERT_EQ(table_.StartTask(client_, "worker", "/libs", &slots), QUARN_RESULT_SUCCESS);
+  Task::GetAll().at(0)->complete_start({});
+  Q_EMIT Channel().messageReceived({{"data", "go"}});
+  EXPECT_TRUE(inside.alive);
+}
+
+TEST_F(Sending, LeavesNoChannelOfAThreadThatEndsWithoutAnEventLoop) {
+  std::thread([this] {
+    Start().complete_start({});
+    EXPECT_EQ(table_.SendMessage(client_, "hello"), QUARN_RESULT_SUCCESS);
+    table_.Release(client_);
+    Task::GetAll().at(0)->complete_stop({});
+    EXPECT_FALSE(TaskMessaging::GetAll().at(0).isNull());
+  }).join();
+  EXPECT_TRUE(TaskMessaging::GetAll().at(0).isNull());
 }
 
 }  // namespace
