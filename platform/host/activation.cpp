@@ -42,6 +42,7 @@ int TakeSocket() {
 Activation Take() {
   Activation activation;
   activation.socket = TakeSocket();
+  activation.starter = ::getppid();
   const QString given = QString::fromUtf8(Variable("LISTEN_FDNAMES")).section(':', 0, 0);
   const bool has_name = activation.socket >= 0 && !given.isEmpty();
   activation.name =

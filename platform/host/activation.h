@@ -2,6 +2,8 @@
 #ifndef RUNTIME_MANAGER_HOST_ACTIVATION_H
 #define RUNTIME_MANAGER_HOST_ACTIVATION_H
 
+#include <sys/types.h>
+
 #include <QtCore/QString>
 
 namespace RuntimeManager::host {
@@ -10,8 +12,9 @@ namespace RuntimeManager::host {
 constexpr int kActivationSocket = 3;
 
 struct Activation {
-  int socket = -1;  // the listening socket of this task; -1 when the process is no task with one
-  QString name;     // the task's name; that of the program when nobody gave one
+  int socket = -1;     // the listening socket of this task; -1 when the process is no task with one
+  pid_t starter = -1;  // the process that started this one
+  QString name;        // the task's name; that of the program when nobody gave one
 };
 
 // Reads the variables of socket activation on first use and removes them, so that no child of this

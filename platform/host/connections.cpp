@@ -2,11 +2,15 @@
 
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 
 #include <QtCore/QObject>
+#include <map>
+#include <mutex>
 #include <utility>
 
+#include "activation.h"
 #include "support.h"
 
 namespace RuntimeManager::host {
@@ -59,6 +63,28 @@ Error CheckPeer(int socket) {
               .arg(peer.pid)
               .arg(peer.uid)
               .arg(::geteuid())};
+}
+
+bool IsOfFirstProcess(int listening, int socket) {
+  static std::mutex mutex;
+  static std::map<ino_t, pid_t> first_processes;  // by the listening sockets
+  struct stat facts {};
+  ucred peer{};
+  socklen_t size = sizeof(peer);
+  if (::fstat(listening, &facts) != 0 ||
+      ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
+    return false;
+  }
+  const std::lock_guard lock(mutex);
+  const pid_t first = first_processes.try_emplace(facts.st_ino, peer.pid).first->second;
+  if (first != peer.pid) {
+    Warn(QString(
+             "the task '%1': a connection with process %2 is refused, because it serves process %3")
+             .arg(OwnTaskName())
+             .arg(peer.pid)
+             .arg(first));
+  }
+  return first == peer.pid;
 }
 
 struct Acceptor::State : std::enable_shared_from_this<State> {
@@ -169,6 +195,8 @@ Acceptor::Acceptor(QString what, int listening, std::function<void(UniqueFd)> on
 Acceptor::~Acceptor() { state_->Close(); }
 
 Error Acceptor::GetError() const { return state_->error; }
+
+int Acceptor::GetSocket() const { return state_->socket.Get(); }
 
 struct Dialer::State : std::enable_shared_from_this<State> {
   // Reports success only; whatever else there is to report, the next try does, from the event loop.

@@ -18,6 +18,10 @@ namespace RuntimeManager::host {
 // No error when the peer of a connected socket belongs to this process's user.
 Error CheckPeer(int socket);
 
+// Whether the peer is the process that was the first to connect to the listening socket. The first
+// call for a listening socket says which that is; a refused process is warned about. Any thread.
+bool IsOfFirstProcess(int listening, int socket);
+
 // Accepts connections of this user on a listening socket; those of other users are closed at once.
 // It goes on when the process is short of descriptors or memory: it waits and tries again. Belongs
 // to the thread that made it; it may be destroyed from inside its own callback.
@@ -32,6 +36,8 @@ class Acceptor {
 
   // Why it cannot accept at all; no error when it can.
   Error GetError() const;
+  // Its own descriptor of the listening socket.
+  int GetSocket() const;
 
  private:
   struct State;

@@ -11,6 +11,7 @@
 #include <QtCore/QStringList>
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -29,6 +30,8 @@ constexpr int kBacklog = 64;
 
 const QString kFolderName = QStringLiteral("runtime-manager");
 const QString kSocketSuffix = QStringLiteral(".sock");
+// What the name of a socket begins with until its first connection is made.
+const QString kHidden = QStringLiteral(".");
 
 Error FolderError(const QString& path, const QString& why) {
   return {Error::kRuntimeFolder,
@@ -70,12 +73,13 @@ QByteArray StartTime(const QByteArray& pid) {
   return fields.value(kStartTimeAfterName);
 }
 
-// Whether `name` is a task's socket whose starter is no more, as far as this process can see: it
+// Whether `file` is a task's socket whose starter is no more, as far as this process can see: it
 // does not see those of another pid namespace.
-bool HasNoStarter(const QString& name) {
-  if (!name.endsWith(kSocketSuffix)) {
+bool HasNoStarter(const QString& file) {
+  if (!file.endsWith(kSocketSuffix)) {
     return false;
   }
+  const QString name = file.startsWith(kHidden) ? file.mid(kHidden.size()) : file;
   const QStringList parts = name.left(name.size() - kSocketSuffix.size()).split('-');
   if (parts.size() != 3) {
     return false;
@@ -246,6 +250,28 @@ UniqueFd SocketFolder::Listen(const QString& name, Error* error) const {
   }
   *error = SystemError(Error::kRuntimeFolder,
                        QString("cannot listen on the socket '%1'").arg(PathOf(name)), error_number);
+  return {};
+}
+
+UniqueFd SocketFolder::ListenConnected(const QString& name, UniqueFd* first, Error* error) const {
+  const QString hidden = kHidden + name;
+  UniqueFd socket = Listen(hidden, error);
+  if (!socket.IsValid()) {
+    return socket;
+  }
+  int error_number = 0;
+  *first = Connect(hidden, &error_number);
+  if (error_number == 0 && ::renameat(Descriptor(), hidden.toUtf8().constData(), Descriptor(),
+                                      name.toUtf8().constData()) != 0) {
+    error_number = errno;
+  }
+  if (error_number == 0) {
+    return socket;
+  }
+  Remove(hidden);
+  *error =
+      SystemError(Error::kRuntimeFolder,
+                  QString("cannot connect to the new socket '%1'").arg(PathOf(name)), error_number);
   return {};
 }
 

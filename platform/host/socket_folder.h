@@ -28,6 +28,9 @@ class SocketFolder {
   // A socket that listens on `name` in the folder, its file open to the user alone whatever the
   // umask. Invalid, with `error` set, when there is none. The file is the caller's to remove.
   UniqueFd Listen(const QString& name, Error* error) const;
+  // The same with a first connection, this process's own, which does not block: it is there before
+  // the socket can be found under its name.
+  UniqueFd ListenConnected(const QString& name, UniqueFd* first, Error* error) const;
   // Connects to the socket `name`; see ConnectSocket.
   UniqueFd Connect(const QString& name, int* error_number) const;
   // Whether a live process has the socket `name`, without a connection that it would notice: 0 when

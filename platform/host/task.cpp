@@ -95,12 +95,14 @@ UniqueFd Task::Private::MakeSocket(Error* error) {
     return {};
   }
   const QString file = host::UniqueSocketName();
-  UniqueFd socket = folder.Listen(file, error);
+  UniqueFd first;
+  UniqueFd socket = folder.ListenConnected(file, &first, error);
   if (!socket.IsValid()) {
     return socket;
   }
   socket_path = folder.PathOf(file);
   socket_file = SocketFile(socket_path);
+  TaskRegistry::Get().AddTask(socket_path, name, std::move(first));
   return socket;
 }
 
@@ -123,7 +125,7 @@ Error Task::Private::Start() {
   request.listen_socket = socket.Get();
   error = Spawn(request);
   if (error.isError()) {
-    socket_file.Remove();
+    ForgetSocket();
   }
   return error;
 }
@@ -136,9 +138,6 @@ Error Task::Private::Spawn(const host::SpawnRequest& request) {
   if (error_number != 0) {
     return host::SystemError(Error::kStartFailed,
                              QString("the task '%1' cannot be started").arg(name), error_number);
-  }
-  if (has_socket) {
-    TaskRegistry::Get().AddTask(socket_path, name);
   }
   return {};
 }
@@ -193,12 +192,13 @@ void Task::Private::OnNeverRan(const Error& error) {
   const QPointer<Task> alive(owner);
   const QString path = socket_path;
   state = State::kEnded;
-  ForgetSocket();
+  socket_file.Remove();
   CompleteStart(error);
   if (!alive.isNull()) {
     CompleteStops({});
   }
   TaskRegistry::Get().TellEnded(path, error);
+  TaskRegistry::Get().RemoveTask(path);
 }
 
 void Task::Private::OnRanAndEnded(const ChildEnd& end) {
@@ -220,7 +220,7 @@ void Task::Private::OnRanAndEnded(const ChildEnd& end) {
   if (!alive.isNull()) {
     const bool unasked = state != State::kStopping;
     state = State::kEnded;
-    ForgetSocket();
+    socket_file.Remove();
     if (unasked) {
       Q_EMIT owner->finished(why);
     }
@@ -228,7 +228,10 @@ void Task::Private::OnRanAndEnded(const ChildEnd& end) {
   if (!alive.isNull()) {
     CompleteStops({});
   }
+  // Until here, messaging that is made in one of the callbacks takes the first connection, and gets
+  // what the task has sent.
   TaskRegistry::Get().TellEnded(path, why);
+  TaskRegistry::Get().RemoveTask(path);
 }
 
 Task::Task(const QString& name, QObject* parent)

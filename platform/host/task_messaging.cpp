@@ -12,6 +12,7 @@
 #include "line_channel.h"
 #include "process_exit.h"
 #include "socket_folder.h"
+#include "starter_watch.h"
 #include "support.h"
 #include "task_registry.h"
 
@@ -95,6 +96,11 @@ void TaskMessaging::Private::OpenPath(const QString& path) {
   last_words_.setSingleShot(true);
   QObject::connect(&last_words_, &QTimer::timeout, &last_words_, [this] { Report(loss_); });
   TaskRegistry::Get().Watch(path, weak_from_this(), &last_words_);
+  UniqueFd first = TaskRegistry::Get().TakeConnection(path);
+  if (first.IsValid()) {
+    channel_->Attach(std::move(first));
+    return;
+  }
   dialer_ = std::make_unique<Dialer>(
       path, [path](int* error_number) { return host::ConnectSocket(path, error_number); },
       [this](UniqueFd socket, const Error& error, int /*error_number*/) {
@@ -106,6 +112,7 @@ void TaskMessaging::Private::OpenDescriptor(int descriptor) {
   const QString title = QString("the task '%1'").arg(host::OwnTaskName());
   MakeChannel(host::OwnTaskName(), "the starter of " + title);
   channel_->FlushAtExit(kPatienceOfTasks);
+  host::EndWithStarter();
   Error error(Error::kNotATask,
               title +
                   " has no task socket to serve messages on: this process was not started as "
@@ -121,13 +128,10 @@ void TaskMessaging::Private::OpenDescriptor(int descriptor) {
   }
 }
 
-// A copy of the process leaves the original's registry alone.
 void TaskMessaging::Private::StopWatching() {
   closed_ = true;
   last_words_.stop();
-  if (!host::IsForkedCopy()) {
-    TaskRegistry::Get().Unwatch(&last_words_);
-  }
+  TaskRegistry::Get().Unwatch(&last_words_);
 }
 
 void TaskMessaging::Private::Close() {
@@ -146,10 +150,11 @@ void TaskMessaging::Private::OnDialed(UniqueFd socket, const Error& error) {
 }
 
 void TaskMessaging::Private::OnConnection(UniqueFd socket) {
-  // One connection in a life: the socket of any other closes here.
-  if (std::exchange(has_peer_, true)) {
+  // One connection in a life, of the process that was the first: any other closes here.
+  if (has_peer_ || !host::IsOfFirstProcess(acceptor_->GetSocket(), socket.Get())) {
     return;
   }
+  has_peer_ = true;
   channel_->Attach(std::move(socket));
 }
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "process_exit.h"
 #include "support.h"
 
 namespace RuntimeManager::host {
@@ -14,25 +15,35 @@ TaskRegistry& TaskRegistry::Get() {
   return *registry;
 }
 
-void TaskRegistry::AddTask(const QString& path, const QString& name) {
+void TaskRegistry::AddTask(const QString& path, const QString& name, UniqueFd first) {
   const std::lock_guard lock(mutex_);
-  names_[path] = name;
+  tasks_[path] = {name, std::move(first)};
 }
 
+// A forked copy leaves the list as it is: closing its own descriptor is the copy's exit's business.
 void TaskRegistry::RemoveTask(const QString& path) {
+  if (IsForkedCopy()) {
+    return;
+  }
   const std::lock_guard lock(mutex_);
-  names_.erase(path);
+  tasks_.erase(path);
+}
+
+UniqueFd TaskRegistry::TakeConnection(const QString& path) {
+  const std::lock_guard lock(mutex_);
+  const auto found = tasks_.find(path);
+  return found == tasks_.end() ? UniqueFd() : std::move(found->second.first);
 }
 
 bool TaskRegistry::HasTask(const QString& path) const {
   const std::lock_guard lock(mutex_);
-  return names_.count(path) != 0;
+  return tasks_.count(path) != 0;
 }
 
 QString TaskRegistry::NameOf(const QString& path) const {
   const std::lock_guard lock(mutex_);
-  const auto found = names_.find(path);
-  return found == names_.end() ? path : found->second;
+  const auto found = tasks_.find(path);
+  return found == tasks_.end() ? path : found->second.name;
 }
 
 void TaskRegistry::Watch(const QString& path, std::weak_ptr<TaskWatcher> watcher,
@@ -42,6 +53,9 @@ void TaskRegistry::Watch(const QString& path, std::weak_ptr<TaskWatcher> watcher
 }
 
 void TaskRegistry::Unwatch(const QObject* context) {
+  if (IsForkedCopy()) {
+    return;
+  }
   const std::lock_guard lock(mutex_);
   const auto is_of_context = [context](const Entry& entry) { return entry.context == context; };
   watchers_.erase(std::remove_if(watchers_.begin(), watchers_.end(), is_of_context),

@@ -11,6 +11,8 @@
 #include <mutex>
 #include <vector>
 
+#include "unique_fd.h"
+
 namespace RuntimeManager::host {
 
 // A connection to a task, which the end of the task concerns.
@@ -28,8 +30,12 @@ class TaskRegistry {
  public:
   static TaskRegistry& Get();
 
-  void AddTask(const QString& path, const QString& name);
+  // `first` is the starter's own connection to the task. It waits for TakeConnection(), and closes
+  // with RemoveTask().
+  void AddTask(const QString& path, const QString& name, UniqueFd first);
   void RemoveTask(const QString& path);
+  // The first connection to the task; invalid when it was taken, and for a task of another process.
+  UniqueFd TakeConnection(const QString& path);
   bool HasTask(const QString& path) const;
   // The task's name; the path itself for a task of another process.
   QString NameOf(const QString& path) const;
@@ -44,6 +50,10 @@ class TaskRegistry {
   void TellEnded(const QString& path, const Error& why);
 
  private:
+  struct Task {
+    QString name;
+    UniqueFd first;
+  };
   struct Entry {
     QString path;
     std::weak_ptr<TaskWatcher> watcher;
@@ -52,7 +62,7 @@ class TaskRegistry {
   std::vector<std::weak_ptr<TaskWatcher>> WatchersOfThisThread(const QString& path) const;
 
   mutable std::mutex mutex_;
-  std::map<QString, QString> names_;
+  std::map<QString, Task> tasks_;
   std::vector<Entry> watchers_;
 };
 

@@ -11,22 +11,18 @@
 #include <QtCore/QCoreApplication>
 #include <QtCore/QFile>
 #include <QtCore/QTimer>
-#include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <memory>
 #include <utility>
 
 #include "crowd.h"
+#include "helper_ends.h"
 
 namespace {
 
+using helper::Say;
 using namespace RuntimeManager;  // NOLINT(google-build-using-namespace)
-
-void Say(const QString& text) {
-  std::printf("%s\n", qPrintable(text));
-  std::fflush(stdout);
-}
 
 void Note(const QString& file, const QString& text) {
   QFile out(qEnvironmentVariable("WORLD") + '/' + file);
@@ -45,18 +41,23 @@ int Echo() {
 }
 
 // Answers the first message with 5 MiB, and is gone: by exit(), or without a word.
-int FloodAndExit(bool at_once) {
+// Unasked, it does so when it has run for a moment.
+int FloodAndExit(const QString& how) {
   auto* messaging = new TaskMessaging(RuntimeDispatcher::instance()->localServerSocket());
-  QObject::connect(messaging, &TaskMessaging::messageReceived, messaging, [messaging, at_once] {
+  const auto flood = [messaging, how] {
     for (int i = 0; i < 5; ++i) {
       messaging->sendData(QByteArray(1 << 20, static_cast<char>('a' + i)));
     }
-    if (at_once) {
+    if (how == "at-once") {
       Note("flooded", "");
       ::_exit(0);
     }
     std::exit(0);
-  });
+  };
+  QObject::connect(messaging, &TaskMessaging::messageReceived, messaging, flood);
+  if (how == "unasked") {
+    QTimer::singleShot(100, messaging, flood);
+  }
   return QCoreApplication::exec();
 }
 
@@ -270,8 +271,20 @@ int main(int count, char** arguments) {
   if (verb == "leave") {
     return AnswerAndLeave(words.value(2), words.value(3));
   }
+  if (verb == "intrude") {
+    return helper::Intrude();
+  }
+  if (verb == "many") {
+    return helper::StartMany(words.value(2), words.value(3).toInt(), words.value(4));
+  }
+  if (verb == "stubborn") {
+    return helper::IgnoreTheEnd();
+  }
+  if (verb == "fork") {
+    return helper::ForkWhileSending(words.value(2), words.value(3));
+  }
   if (verb == "flood") {
-    return FloodAndExit(words.value(2) == "at-once");
+    return FloodAndExit(words.value(2));
   }
   if (verb == "start") {
     return StartTask(words.value(2), words.value(3), words.value(4));

@@ -8,7 +8,10 @@
 
 #include <QtCore/QDir>
 #include <QtCore/QFile>
+#include <QtCore/QThread>
 #include <algorithm>
+#include <atomic>
+#include <memory>
 #include <vector>
 
 #include "kit.h"
@@ -70,16 +73,143 @@ TEST_F(TaskSocket, LiesInTheRuntimeFolderWhateverTheUmask) {
   }
 }
 
-TEST_F(TaskSocket, TakesConnectionsFromTheMomentOfTheStart) {
-  AddPythonTask("late", "time.sleep(0.3)\nc, _ = server.accept()\nc.sendall(c.recv(99).upper())");
-  Task task("late");
+TEST_F(TaskSocket, HasTheStartersConnectionFirst) {
+  AddPythonTask("two",
+                "time.sleep(0.3)\na, _ = server.accept()\nb, _ = server.accept()\n"
+                "a.sendall(b'{\"n\":1}\\n')\nb.sendall(b'second\\n')\nb.recv(1)");
+  Task task("two");
   task.withIpcSocket(true);
   task.start({});
-  const int socket = ConnectTo(task.socketPath());
-  ASSERT_GE(socket, 0);
-  ASSERT_EQ(::write(socket, "early\n", 6), 6);
-  EXPECT_EQ(ReadLineFrom(socket), "EARLY");
-  ::close(socket);
+  const int other = ConnectTo(task.socketPath());
+  ASSERT_GE(other, 0);
+  TaskMessaging messaging(task.socketPath());
+  Inbox inbox(&messaging);
+  ASSERT_TRUE(inbox.WaitFor(1));
+  EXPECT_EQ(inbox.messages[0]["n"], 1);
+  EXPECT_EQ(ReadLineFrom(other), "second");
+  ::close(other);
+}
+
+// Another process of the user connects in the moment when the file appears.
+TEST_F(TaskSocket, ServesItsStarterAndNobodyElse) {
+  AddHelperTask("echo");
+  for (int round = 0; round < 10; ++round) {
+    const Process intruder(HELPER, {"intrude"});
+    ASSERT_EQ(intruder.ReadLine(), "ready");
+    Task task("echo");
+    task.withIpcSocket(true);
+    task.start({});
+    TaskMessaging messaging(task.socketPath());
+    Inbox inbox(&messaging);
+    ASSERT_EQ(intruder.ReadLine(), "connected");
+    messaging.sendMessage(Data("mine"));
+    ASSERT_TRUE(inbox.WaitFor(1));
+    EXPECT_EQ(inbox.messages[0], Data("mine"));
+    EXPECT_EQ(intruder.ReadLine(), "closed");
+    EXPECT_FALSE(inbox.disconnects.Arrived());
+  }
+}
+
+TEST_F(TaskSocket, IsNotServedToAnotherProcessWhenItsStarterHasHungUp) {
+  AddHelperTask("again");
+  Task task("again");
+  task.withIpcSocket(true);
+  task.withArguments({"again"});
+  ExpectStarts(task);
+  auto messaging = std::make_unique<TaskMessaging>(task.socketPath());
+  auto inbox = std::make_unique<Inbox>(messaging.get());
+  ASSERT_TRUE(inbox->WaitFor(1));
+  messaging.reset();
+  RunFor(300);
+  const Process intruder(HELPER, {"intrude"});
+  EXPECT_EQ(intruder.ReadLine(), "ready");
+  EXPECT_EQ(intruder.ReadLine(), "connected");
+  EXPECT_EQ(intruder.ReadLine(), "closed");
+  messaging = std::make_unique<TaskMessaging>(task.socketPath());
+  inbox = std::make_unique<Inbox>(messaging.get());
+  ASSERT_TRUE(inbox->WaitFor(1));
+  EXPECT_EQ(inbox->messages[0], Data("welcome"));
+}
+
+TEST_F(TaskSocket, ServesOneMessagingAtATime) {
+  AddHelperTask("echo");
+  Task task("echo");
+  task.withIpcSocket(true);
+  ExpectStarts(task);
+  TaskMessaging first(task.socketPath());
+  TaskMessaging second(task.socketPath());
+  Inbox first_inbox(&first);
+  Inbox second_inbox(&second);
+  second.sendMessage(Data("lost"));
+  EXPECT_EQ(second_inbox.disconnects.Wait().code(), Error::kConnectionLost);
+  first.sendMessage(Data("heard"));
+  ASSERT_TRUE(first_inbox.WaitFor(1));
+  EXPECT_EQ(first_inbox.messages[0], Data("heard"));
+}
+
+TEST_F(TaskSocket, KeepsWhatADeadTaskHasSentForMessagingThatIsMadeInACompletion) {
+  AddPythonTask("leaves", "c, _ = server.accept()\nc.sendall(b'{\"n\":1}\\n{\"n\":2}\\n')");
+  for (const bool in_finished : {false, true}) {
+    Task task("leaves");
+    task.withIpcSocket(true);
+    std::unique_ptr<TaskMessaging> messaging;
+    std::unique_ptr<Inbox> inbox;
+    const auto talk = [&task, &messaging, &inbox] {
+      messaging = std::make_unique<TaskMessaging>(task.socketPath());
+      inbox = std::make_unique<Inbox>(messaging.get());
+    };
+    if (in_finished) {
+      QObject::connect(&task, &Task::finished, talk);
+      task.start({});
+    } else {
+      task.start([talk](const Error&) { talk(); });
+      // The task is dead before the event loop runs.
+      ::usleep(500000);
+    }
+    ASSERT_TRUE(RunUntil([&inbox] { return inbox != nullptr && inbox->disconnects.Arrived(); }));
+    EXPECT_EQ(inbox->messages.size(), 2U);
+    EXPECT_EQ(inbox->disconnects.errors[0].code(), Error::kTaskExited);
+  }
+}
+
+TEST_F(TaskSocket, MayBeTakenByMessagingOfAnotherThread) {
+  AddHelperTask("echo");
+  Task task("echo");
+  task.withIpcSocket(true);
+  ExpectStarts(task);
+  std::atomic<bool> has_answer{false};
+  QThread thread;
+  QObject in_thread;
+  in_thread.moveToThread(&thread);
+  TaskMessaging* messaging = nullptr;
+  QObject::connect(&thread, &QThread::started, &in_thread, [&] {
+    messaging = new TaskMessaging(task.socketPath());
+    QObject::connect(messaging, &TaskMessaging::messageReceived, messaging, [&] {
+      delete messaging;
+      has_answer = true;
+    });
+    messaging->sendMessage(Data("from a thread"));
+  });
+  thread.start();
+  EXPECT_TRUE(RunUntil([&has_answer] { return has_answer.load(); }));
+  thread.quit();
+  thread.wait();
+}
+
+// It goes with the Task, and nobody waits for anybody.
+TEST_F(TaskSocket, LeavesAConnectionThatNobodyTakesUnread) {
+  AddPythonTask("talks",
+                "c, _ = server.accept()\nc.sendall(b'{\"n\":1}\\n')\n"
+                "end = c.recv(1)\nopen(os.environ['WORLD'] + '/end', 'w').write('end\\n')");
+  auto task = std::make_unique<Task>("talks");
+  task->withIpcSocket(true);
+  ExpectStarts(*task);
+  RunFor(300);
+  EXPECT_FALSE(QFile::exists(PathOf("end")));
+  Outcomes finished;
+  QObject::connect(task.get(), &Task::finished, finished.Recorder());
+  task.reset();
+  EXPECT_FALSE(finished.Arrived());
 }
 
 TEST_F(TaskSocket, GoesWithItsTask) {

@@ -1,0 +1,76 @@
+// What becomes of tasks when the process that started them ends, or is copied.
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <QtCore/QDir>
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QFile>
+
+#include "kit.h"
+
+namespace kit {
+namespace {
+
+class StartersEnd : public PlatformTest {
+ protected:
+  // Needs a second to end.
+  static constexpr char kSlow[] =
+      "trap 'sleep 1; touch $WORLD/ended.$$; exit 0' TERM; touch $WORLD/ready.$$\n"
+      "while :; do sleep 0.05; done";
+
+  // How long a starter of four slow tasks takes to leave.
+  qint64 TimeToLeave(const char* how) {
+    for (const QString& name : QDir(PathOf("")).entryList({"ready.*", "ended.*"})) {
+      QFile::remove(PathOf(name));
+    }
+    Process starter(HELPER, {"many", "slow", "4", how});
+    EXPECT_EQ(starter.ReadLine(), "started");
+    EXPECT_EQ(starter.ReadLine(), "leaves");
+    QElapsedTimer timer;
+    timer.start();
+    EXPECT_EQ(starter.Wait(), 0);
+    return timer.elapsed();
+  }
+  int CountEnded() { return QDir(PathOf("")).entryList({"ended.*"}).size(); }
+};
+
+// One second for all, and not one for each; nobody stopped them.
+TEST_F(StartersEnd, EndsAllItsTasksAtOnce) {
+  AddShellTask("slow", kSlow);
+  for (const char* how : {"exit", "kept", "destroyed"}) {
+    const qint64 time = TimeToLeave(how);
+    EXPECT_GE(time, 900) << how;
+    EXPECT_LT(time, 3000) << how;
+    EXPECT_EQ(CountEnded(), 4) << how;
+  }
+}
+
+TEST_F(StartersEnd, IsFollowedByATaskThatIgnoresSigterm) {
+  AddShellTask("task", QByteArray("exec ") + HELPER + " stubborn");
+  Process starter(HELPER, {"start", "task"});
+  EXPECT_THAT(starter.ReadLine(), testing::StartsWith("started "));
+  ASSERT_TRUE(WaitForFile(PathOf("pid"), "\n"));
+  const auto pid = static_cast<pid_t>(ReadFile(PathOf("pid")).trimmed().toInt());
+  QElapsedTimer timer;
+  timer.start();
+  starter.Kill();
+  starter.Wait();
+  EXPECT_FALSE(IsGone(pid));
+  EXPECT_TRUE(RunUntil([pid] { return IsGone(pid); }));
+  EXPECT_GE(timer.elapsed(), 2500);
+  for (const QString& name : SocketFiles()) {
+    QFile::remove(RuntimeFolder() + '/' + name);
+  }
+}
+
+TEST_F(StartersEnd, OfACopyOfItDoesNothingToTheTask) {
+  AddHelperTask("echo");
+  for (const char* how : {"exit", "return"}) {
+    Process starter(HELPER, {"fork", "echo", how});
+    EXPECT_EQ(starter.ReadLine(), "copies 1 whole 1 lost 0 file 1 ") << how;
+    EXPECT_EQ(starter.Wait(), 0) << how;
+  }
+}
+
+}  // namespace
+}  // namespace kit

@@ -1,0 +1,168 @@
+#include "helper_ends.h"
+
+#include <RuntimeManager/RuntimeDispatcher.h>
+#include <RuntimeManager/Task.h>
+#include <RuntimeManager/TaskMessaging.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QDir>
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QTimer>
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "crowd.h"
+
+namespace helper {
+namespace {
+
+using namespace RuntimeManager;  // NOLINT(google-build-using-namespace)
+
+int Connect(const QString& path) {
+  const QByteArray bytes = path.toUtf8();
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::copy(bytes.begin(), bytes.end(), address.sun_path);
+  const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+    return socket;
+  }
+  ::close(socket);
+  return -1;
+}
+
+// Waits for a copy of this process; whether it ended by itself, with status 0.
+bool EndsWell(pid_t copy) {
+  QElapsedTimer timer;
+  timer.start();
+  int status = -1;
+  while (::waitpid(copy, &status, WNOHANG) == 0) {
+    if (timer.elapsed() > 20000) {
+      ::kill(copy, SIGKILL);
+      ::waitpid(copy, nullptr, 0);
+      return false;
+    }
+    QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+  }
+  return status == 0;
+}
+
+template <typename Done>
+bool RunUntil(const Done& done) {
+  QElapsedTimer timer;
+  timer.start();
+  while (!done() && timer.elapsed() < 60000) {
+    QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+  }
+  return done();
+}
+
+}  // namespace
+
+void Say(const QString& text) {
+  std::printf("%s\n", qPrintable(text));
+  std::fflush(stdout);
+}
+
+int Intrude() {
+  const QDir folder(qEnvironmentVariable("XDG_RUNTIME_DIR") + "/runtime-manager");
+  Say("ready");
+  int socket = -1;
+  while (socket < 0) {
+    for (const QString& name : folder.entryList({"*.sock"}, QDir::AllEntries | QDir::System)) {
+      socket = Connect(folder.filePath(name));
+    }
+  }
+  Say("connected");
+  char byte = 0;
+  Say(::recv(socket, &byte, 1, 0) <= 0 ? "closed" : "served");
+  return 0;
+}
+
+int StartMany(const QString& name, int count, const QString& how) {
+  std::vector<std::unique_ptr<Task>> tasks;
+  int running = 0;
+  for (int i = 0; i < count; ++i) {
+    tasks.push_back(std::make_unique<Task>(name));
+    tasks.back()->start([&running, count](const Error& error) {
+      if (!error.isError() && ++running == count) {
+        QCoreApplication::quit();
+      }
+    });
+  }
+  QCoreApplication::exec();
+  Say("started");
+  // Until the shells have set their traps.
+  const QDir world(qEnvironmentVariable("WORLD"));
+  RunUntil([&world, count] { return world.entryList({"ready.*"}).size() >= count; });
+  Say("leaves");
+  if (how == "exit") {
+    std::exit(0);
+  }
+  if (how == "kept") {
+    static const auto kept = std::move(tasks);
+  }
+  return 0;
+}
+
+int IgnoreTheEnd() {
+  std::signal(SIGTERM, SIG_IGN);
+  TaskMessaging messaging(RuntimeDispatcher::instance()->localServerSocket());
+  QFile pid(qEnvironmentVariable("WORLD") + "/pid");
+  if (pid.open(QIODevice::WriteOnly)) {
+    pid.write(QByteArray::number(::getpid()) + '\n');
+    pid.close();
+  }
+  return QCoreApplication::exec();
+}
+
+int ForkWhileSending(const QString& name, const QString& how) {
+  constexpr int kCopies = 10;
+  constexpr int kTexts = 3000;
+  static Task task(name);
+  task.withIpcSocket(true);
+  bool runs = false;
+  task.start([&runs](const Error& error) { runs = !error.isError(); });
+  RunUntil([&runs] { return runs; });
+  static TaskMessaging messaging(task.socketPath());
+  // One that is no static object.
+  const auto unused = std::make_unique<Task>(name);
+  kit::Tally tally;
+  tally.Watch(&messaging);
+  bool is_lost = false;
+  QObject::connect(&task, &Task::finished, [&is_lost] { is_lost = true; });
+  // Not destroyed in a copy, which does not have its threads.
+  auto* crowd = new kit::Crowd(&messaging, kTexts);
+  bool copies_end_well = true;
+  for (int i = 0; i < kCopies; ++i) {
+    const pid_t copy = ::fork();
+    if (copy == 0 && how == "exit") {
+      std::exit(0);
+    }
+    if (copy == 0) {
+      return 0;
+    }
+    copies_end_well = EndsWell(copy) && copies_end_well;
+  }
+  const bool is_whole = RunUntil([&tally, &is_lost] { return tally.IsWhole(kTexts) || is_lost; });
+  delete crowd;
+  const bool has_file = QFile::exists(task.socketPath());
+  Say(QString("copies %1 whole %2 lost %3 file %4 %5")
+          .arg(copies_end_well)
+          .arg(is_whole)
+          .arg(is_lost)
+          .arg(has_file)
+          .arg(QString::fromUtf8(tally.Faults())));
+  return 0;
+}
+
+}  // namespace helper

@@ -1,0 +1,24 @@
+// Processes that connect uninvited, end, fork, or do not want to end.
+#ifndef RUNTIME_MANAGER_TESTS_HELPER_ENDS_H
+#define RUNTIME_MANAGER_TESTS_HELPER_ENDS_H
+
+#include <QtCore/QString>
+
+namespace helper {
+
+void Say(const QString& text);
+
+// Connects to the socket of a task as soon as it is there, and tells what becomes of it.
+int Intrude();
+// Starts `count` tasks that nobody stops, and leaves when all run: by exit(), by a return from
+// main(), or by a return while the tasks are objects of main().
+int StartMany(const QString& name, int count, const QString& how);
+// A task that ignores SIGTERM.
+int IgnoreTheEnd();
+// Makes copies of itself, which end by exit() or by a return from main(), while eight threads send
+// to a task that sends everything back; tells whether the task has remained unharmed.
+int ForkWhileSending(const QString& task, const QString& how);
+
+}  // namespace helper
+
+#endif  // RUNTIME_MANAGER_TESTS_HELPER_ENDS_H
