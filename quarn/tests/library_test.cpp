@@ -159,6 +159,21 @@ TEST(Library, LetsNoControlCharacterOfAPathOrASymbolsNameOut) {
                                  ": undefined symbol: a\\nb"));
 }
 
+TEST(Library, TakesNoTextForTheShorterOneBeforeANulInside) {
+  using std::string_literals::operator""s;
+  EXPECT_THAT(LogOfFailedLoad(QUARN_SAMPLE_LIBRARY "\0.so"s),
+              IsLogLine("error", "Couldn't load library \"\"" QUARN_SAMPLE_LIBRARY
+                                 "\\x00.so\"\": the path holds a NUL"));
+  const auto library = Library::Create(QUARN_SAMPLE_LIBRARY);
+  ASSERT_NE(library, nullptr);
+  EXPECT_NE(library->ResolveImpl("SampleTableLoad"), nullptr);
+  void* found = nullptr;
+  EXPECT_THAT(
+      StdoutOf([&] { found = library->ResolveImpl("SampleTableLoad\0x"s); }),
+      IsLogLine("error", "Could not load SampleTableLoad\\x00x symbol: the name holds a NUL"));
+  EXPECT_EQ(found, nullptr);
+}
+
 TEST(Library, LoadsFromAPathWithAQuoteMarkAndABackslash) {
   const TemporaryFolder folder;
   const fs::path path = folder.GetPath() / "a\"b\\c.so";

@@ -25,11 +25,11 @@ class TARV_EXPORT Library {
   Library& operator=(const Library&) = delete;
 
   // Loads the shared object at `path`, resolving all its symbols now and keeping them to itself.
-  // Empty, after a log line with the loader's text, when that fails.
+  // Empty, after a log line with the loader's text, when that fails, or for a path with a NUL inside.
   static std::shared_ptr<Library> Create(const std::filesystem::path& path);
 
   // The address of a symbol, valid while this object lives; null, after a log line, when the
-  // library has none of this name.
+  // library has none of this name, as for a name with a NUL inside.
   void* ResolveImpl(std::string_view name) const;
 
   // The same as a pointer to a function of type `Function`.
