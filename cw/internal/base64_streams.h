@@ -71,7 +71,7 @@ class Base64StreamReader final : public ByteStreamReader {
 
   // The next bytes, at least one and at most `length`, and moves past them. Valid until the next
   // read.
-  Piece TakeSome(std::size_t length);
+  Piece TakeUpTo(std::size_t length);
 
   // To be called at the end. Reads all that is left, for nothing but what is wrong with it; gives up
   // when something is left of a message with an empty list, which must have been padded.

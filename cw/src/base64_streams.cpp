@@ -32,7 +32,7 @@ void Base64StreamReader::ReadAlignment(std::uint8_t alignment) {
   }
 }
 
-Base64StreamReader::Piece Base64StreamReader::TakeSome(std::size_t length) {
+Base64StreamReader::Piece Base64StreamReader::TakeUpTo(std::size_t length) {
   if (begin_ == end_) {
     Fill(1);
   }
@@ -45,7 +45,7 @@ void Base64StreamReader::CheckRest() {
     throw GiveUp();
   }
   while (BytesLeft() != 0) {
-    TakeSome(BytesLeft());
+    TakeUpTo(BytesLeft());
   }
 }
 

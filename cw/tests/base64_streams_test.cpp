@@ -1,5 +1,6 @@
 // The streams over a text, beside those over its bytes.
 #include <cw/internal/base64_streams.h>
+#include <cw/internal/map_entries.h>
 #include <cw/standard_codec.h>
 #include <gtest/gtest.h>
 
@@ -29,10 +30,10 @@ std::string TextOf(const EncodableValue& value) {
 
 // The value under "v" of the map that a text holds; none when the reader gives up.
 std::optional<EncodableValue> ReadWanted(const std::string& text) {
-  WantedEntry wanted{"v", std::nullopt};
+  internal::WantedEntry wanted{"v", std::nullopt};
   try {
     Base64StreamReader stream(text);
-    ReadMapEntries(&wanted, 1, &stream);
+    internal::ReadMapEntries(&wanted, 1, &stream);
     stream.CheckRest();
   } catch (const Base64StreamReader::GiveUp&) {
     return std::nullopt;

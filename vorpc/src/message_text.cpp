@@ -1,7 +1,7 @@
 // How a message is read from its text.
 #include <cw/internal/base64_streams.h>
+#include <cw/internal/map_entries.h>
 #include <cw/internal/whole_message.h>
-#include <cw/standard_codec.h>
 #include <quarn/internal/base64.h>
 #include <vorpc/internal/message_text.h>
 
@@ -22,10 +22,10 @@ class MemberReader {
   // False when what comes next in the stream is no map.
   template <class Stream>
   bool Read(Stream* stream) {
-    for (cw::WantedEntry& entry : entries_) {
+    for (cw::internal::WantedEntry& entry : entries_) {
       entry.value.reset();
     }
-    return cw::ReadMapEntries(entries_.data(), entries_.size(), stream);
+    return cw::internal::ReadMapEntries(entries_.data(), entries_.size(), stream);
   }
 
   details::Members GetMembers() { return {Get(0), Get(1), Get(2), Get(3), Get(4), Get(5)}; }
@@ -36,12 +36,12 @@ class MemberReader {
     return value ? &*value : nullptr;
   }
 
-  std::array<cw::WantedEntry, 6> entries_{{{"error", std::nullopt},
-                                           {"id", std::nullopt},
-                                           {"jsonrpc", std::nullopt},
-                                           {"method", std::nullopt},
-                                           {"params", std::nullopt},
-                                           {"result", std::nullopt}}};
+  std::array<cw::internal::WantedEntry, 6> entries_{{{"error", std::nullopt},
+                                                     {"id", std::nullopt},
+                                                     {"jsonrpc", std::nullopt},
+                                                     {"method", std::nullopt},
+                                                     {"params", std::nullopt},
+                                                     {"result", std::nullopt}}};
 };
 
 // As Message::FromEncodable of the value that the bytes hold.

@@ -8,13 +8,10 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <string_view>
 #include <vector>
 
 namespace cw {
-
-class Base64StreamReader;
 
 // The first byte of every encoded value. 15 to 127 are reserved for the format; derived serializers
 // use 128 and above for types of their own.
@@ -100,19 +97,6 @@ class TARV_EXPORT MapWriter {
   ByteStreamWriter* stream_;
   NestingScope scope_;
 };
-
-// An entry that is wanted of a map: the value under this text, once it is read. Not the empty text,
-// which stands for every other key.
-struct WantedEntry {
-  std::string_view key;
-  std::optional<EncodableValue> value;
-};
-
-// Reads the value that comes next as the standard serializer does, and keeps of a map only the
-// first values of `count` wanted entries, without making an EncodableMap; reports, counts and
-// throws the same. False when the value is no map. Inside the library only.
-bool ReadMapEntries(WantedEntry* wanted, std::size_t count, ByteBufferStreamReader* stream);
-bool ReadMapEntries(WantedEntry* wanted, std::size_t count, Base64StreamReader* stream);
 
 }  // namespace cw
 
