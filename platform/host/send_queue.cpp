@@ -1,23 +1,20 @@
 #include "send_queue.h"
 
-#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <new>
-#include <optional>
+#include <string_view>
 #include <utility>
 
 #include "process_exit.h"
-#include "support.h"
+#include "socket_writes.h"
 #include "trace.h"
 
 namespace RuntimeManager::host {
 namespace {
-
-using std::chrono::milliseconds;
 
 // What one turn writes of the queue at most, so that a thread that puts a line in does not write
 // those of all others without an end.
@@ -31,53 +28,8 @@ constexpr int kBatch = 4 << 10;
 constexpr int kTailRoom = kBatch + static_cast<int>(kSmall);
 // Nothing that is held begins to wait for another handler after that time.
 constexpr std::chrono::microseconds kHoldTime{200};
-// Borrowed lines longer than this wait for a slow reader, for as long as copying them would take: a
-// millisecond for each mebibyte, and two at most without progress.
-constexpr std::size_t kWorthWaiting = std::size_t{256} << 10U;
-constexpr milliseconds kCopyTime{1};
-constexpr milliseconds kReaderPatience{2};
 // How often it is asked whether another thread has stopped writing.
-constexpr milliseconds kWriterPatience{1};
-
-ssize_t SendParts(int socket, iovec* parts, std::size_t count) {
-  msghdr message{};
-  message.msg_iov = parts;
-  message.msg_iovlen = count;
-  return RetryOnEintr(
-      [socket, &message] { return ::sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT); });
-}
-
-// Whether the peer makes room before the time is over.
-bool WaitForRoom(int socket, SendQueue::Clock::time_point until) {
-  const auto left = std::chrono::ceil<milliseconds>(until - SendQueue::Clock::now()).count();
-  pollfd writable{socket, POLLOUT, 0};
-  return left > 0 && ::poll(&writable, 1, static_cast<int>(left)) == 1 &&
-         writable.revents == POLLOUT;
-}
-
-// Sends what the socket takes, and waits for a reader that is reading while there is much left. An
-// error is for the next try, which meets it again.
-void SendPatiently(int socket, OutLine* line) {
-  std::optional<SendQueue::Clock::time_point> until;
-  while (line->Size() > 0) {
-    auto parts = line->Gather();
-    const ssize_t sent = SendParts(socket, parts.data(), parts.size());
-    if (sent > 0) {
-      line->Skip(static_cast<std::size_t>(sent));
-      continue;
-    }
-    if (errno != EAGAIN || !line->IsBorrowed() || line->Size() < kWorthWaiting) {
-      return;
-    }
-    const auto now = SendQueue::Clock::now();
-    if (!until) {
-      until = now + kCopyTime * (line->Size() >> 20U);
-    }
-    if (!WaitForRoom(socket, std::min(*until, now + kReaderPatience))) {
-      return;
-    }
-  }
-}
+constexpr std::chrono::milliseconds kWriterPatience{1};
 
 }  // namespace
 

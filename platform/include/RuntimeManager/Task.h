@@ -19,6 +19,9 @@ namespace RuntimeManager {
 // A task also hears SIGTERM when the thread that called start() ends: start tasks on a thread that
 // lives as long as they shall.
 //
+// When the application leaves, by exit() too, all its tasks are told at once, and one deadline of 3
+// seconds holds for all. A forked copy of the process does nothing to them.
+//
 // Destroying a Task whose process still runs asks the process to end (SIGTERM, then SIGKILL) and
 // forgets it: no completion is called and nothing is emitted any more. A Task may be destroyed from
 // inside any of its own completions and signals.
@@ -53,8 +56,9 @@ class RUNTIME_MANAGER_EXPORT Task : public QObject {
   // Kill shortens the wait. kWrongState for a task that was never started.
   void stop(StopFlags flags, Completion completion);
 
-  // The full path of the task's socket: from a start() with a socket on, empty before. The process
-  // can be connected to and written to from then on, even before it reads its first byte.
+  // The full path of the task's socket: from a start() with a socket on, empty before. The first
+  // TaskMessaging of the path takes the starter's connection, which is there already: messages can
+  // be sent before the process reads its first byte.
   QString socketPath() const;
 
  Q_SIGNALS:

@@ -21,10 +21,12 @@ class RUNTIME_MANAGER_EXPORT TaskMessaging : public QObject {
   Q_OBJECT
 
  public:
-  // The starter's end: connects to the socket of a task (Task::socketPath()).
+  // The starter's end: the connection that the Task of that path (Task::socketPath()) has made, for
+  // the first object; a new connection for any later one, and for tasks of other processes.
   explicit TaskMessaging(const QString& socket_path, QObject* parent = nullptr);
   // The task's end: waits on a listening socket (RuntimeDispatcher::localServerSocket()) for the
-  // starter, and serves that one connection; further ones are closed at once. The descriptor stays
+  // starter, and serves that one connection; further ones are closed at once, and so are those of
+  // any process but the first that has ever connected to the socket. The descriptor stays
   // the caller's: another object can serve on it when this one is gone.
   explicit TaskMessaging(int descriptor, QObject* parent = nullptr);
   ~TaskMessaging() override;
