@@ -49,6 +49,11 @@ foreach(target ${targets_with_headers})
   if(type STREQUAL "STATIC_LIBRARY" AND "tarv::tarv" IN_LIST links)
     install(FILES $<TARGET_FILE:${target}> DESTINATION "${TARV_LIBRARY_FOLDER}"
       RENAME "libtarv_${target}.a" COMPONENT dev)
+    # What strips the installed programs leaves files alone.
+    install(CODE "if(CMAKE_INSTALL_DO_STRIP)
+      execute_process(COMMAND \"${CMAKE_STRIP}\" --strip-debug
+        \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${TARV_LIBRARY_FOLDER}/libtarv_${target}.a\")
+    endif()" COMPONENT dev)
     string(APPEND layers "
 find_dependency(Qt5 5.15 COMPONENTS Core)
 if(NOT TARGET tarv::${target})
@@ -83,7 +88,17 @@ if(TARGET runtimemanager)
 endif()
 
 set(documents "${CMAKE_INSTALL_DATADIR}/doc")
-install(FILES README.md CHANGELOG.md DESTINATION "${documents}/tarv-doc" COMPONENT doc)
+install(FILES README.md DESTINATION "${documents}/tarv-doc" COMPONENT doc)
 install(DIRECTORY docs DESTINATION "${documents}/tarv-doc" COMPONENT doc FILES_MATCHING PATTERN "*.md")
+# tarv-new, and the project that it makes.
+set(TARV_NEW_VERSION "${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}")
+set(template_folder "${CMAKE_INSTALL_FULL_DATADIR}/tarv/template")
+cmake_path(RELATIVE_PATH template_folder BASE_DIRECTORY "${CMAKE_INSTALL_FULL_BINDIR}"
+  OUTPUT_VARIABLE TARV_TEMPLATE_FROM_TOOL)
+configure_file(cmake/tarv-new.in "${made}/tarv-new" @ONLY)
+install(PROGRAMS "${made}/tarv-new" TYPE BIN COMPONENT dev)
+install(DIRECTORY template/ DESTINATION "${CMAKE_INSTALL_DATADIR}/tarv/template" COMPONENT dev
+  USE_SOURCE_PERMISSIONS)
+
 configure_file(cmake/uninstall.cmake.in "${made}/uninstall.cmake" @ONLY)
 include(TarvPackages)

@@ -3,7 +3,7 @@
 # the tests compare it with what the programs need.
 set(CPACK_PACKAGE_NAME tarv)
 set(CPACK_PACKAGE_VENDOR "the tarv authors")
-set(CPACK_PACKAGE_CONTACT "the tarv authors <tarv@localhost>")
+set(CPACK_PACKAGE_CONTACT "the tarv authors <authors@tarv.dev.invalid>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "background tasks for plug-ins, by JSON-RPC")
 set(CPACK_PACKAGE_DIRECTORY "${PROJECT_BINARY_DIR}/packages")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
@@ -18,27 +18,23 @@ set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(libraries "libc6 (>= 2.36), libgcc-s1 (>= 3.0), libqt5core5a (>= 5.15.1), libstdc++6 (>= 12)")
 set(same "= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}")
-set(about " tarv lets a Flutter plug-in on a small Linux platform do work in background task\n processes, and speak JSON-RPC 2.0 with them.\n .\n")
+set(about "tarv lets a Flutter plug-in on a small Linux platform do work in background\ntask processes, and speak JSON-RPC 2.0 with them.\n.\n")
 
-# tarv_package(COMPONENT NAME SECTION DEPENDS SUMMARY TEXT)
-macro(tarv_package component name section depends summary text)
+# tarv_package(COMPONENT NAME SECTION DEPENDS TEXT): the first line is the same for all.
+macro(tarv_package component name section depends text)
   string(TOUPPER "${component}" upper)
   set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${name})
   set(CPACK_DEBIAN_${upper}_PACKAGE_SECTION ${section})
   set(CPACK_DEBIAN_${upper}_PACKAGE_DEPENDS "${depends}")
-  set(CPACK_DEBIAN_${upper}_DESCRIPTION "${summary}\n${about} ${text}")
+  set(CPACK_DEBIAN_${upper}_DESCRIPTION "${about}${text}")
 endmacro()
 tarv_package(runtime tarv libs "${libraries}, tarv-host (${same}) | tarv-platform"
-  "background tasks for plug-ins, by JSON-RPC"
-  "This package holds the library. It is found by the programs that are linked with it.")
+  "This package holds the library.")
 tarv_package(dev tarv-dev libdevel "tarv (${same}), qtbase5-dev (>= 5.15.1)"
-  "background tasks for plug-ins, by JSON-RPC (development files)"
   "This package holds the headers, and what CMake and pkg-config need.")
 tarv_package(host tarv-host libs "${libraries}"
-  "background tasks for plug-ins, by JSON-RPC (workstation)"
-  "This package holds the runtime manager and the embedder of a workstation, with\n their headers.")
+  "This package holds the runtime manager and the embedder of a workstation, with\ntheir headers.")
 tarv_package(doc tarv-doc doc ""
-  "background tasks for plug-ins, by JSON-RPC (documentation)"
   "This package holds the documentation.")
 set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_HOST_PACKAGE_SUGGESTS "tarv-dev")
@@ -78,4 +74,10 @@ foreach(component ${CPACK_COMPONENTS_ALL})
       COMPONENT ${component})
   endif()
 endforeach()
+execute_process(COMMAND gzip -9nc "${PROJECT_SOURCE_DIR}/CHANGELOG.md"
+  OUTPUT_FILE "${made}/changelog.gz" COMMAND_ERROR_IS_FATAL ANY)
+execute_process(COMMAND gzip -9nc "${PROJECT_SOURCE_DIR}/docs/tarv-new.1"
+  OUTPUT_FILE "${made}/tarv-new.1.gz" COMMAND_ERROR_IS_FATAL ANY)
+install(FILES "${made}/tarv-new.1.gz" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT dev)
+install(FILES "${made}/changelog.gz" DESTINATION "${documents}/tarv-doc" COMPONENT doc)
 include(CPack)

@@ -6,6 +6,7 @@
 #   cmake STANDARD PREFIX         a project of CMake alone, as C++STANDARD
 #   pkgconfig STANDARD PREFIX     programs built with pkg-config alone
 #   c PREFIX                      a C11 project, with CMake and with pkg-config
+#   new PREFIX                    the project that tarv-new makes, built and tested
 set -euo pipefail
 here=$(dirname "$(readlink -f "$0")")
 # Nothing may come from the surroundings.
@@ -88,6 +89,18 @@ with_c() {
   expect_version c/by_pkgconfig
 }
 
+with_template() {
+  prefix=$1
+  rm -rf new
+  "$prefix/bin/tarv-new" adder new/adder
+  ! "$prefix/bin/tarv-new" adder new/adder || fail "tarv-new overwrites"
+  ! "$prefix/bin/tarv-new" 'my app' new/other || fail "tarv-new takes a name that C++ does not"
+  ! grep -rnE '%VERSION%|my_app|MY_APP' new/adder || fail "this is left in the template"
+  cmake -S new/adder -B new/build -G Ninja -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_FLAGS=-Werror
+  cmake --build new/build
+  ctest --test-dir new/build --output-on-failure --no-tests=error
+}
+
 command=$1
 shift
 case $command in
@@ -95,5 +108,6 @@ case $command in
   cmake) with_cmake "$@" ;;
   pkgconfig) with_pkgconfig "$@" ;;
   c) with_c "$@" ;;
+  new) with_template "$@" ;;
   *) fail "there is no command $command" ;;
 esac

@@ -45,7 +45,7 @@ check_dependencies() {
 for package in "${packages[@]}"; do check_dependencies "$package"; done
 
 cd "$work"
-for use in "cmake 20" "pkgconfig 17" c; do
+for use in "cmake 20" "pkgconfig 17" c new; do
   # shellcheck disable=SC2086
   "$here/../outside/outside.sh" $use "$work/root/usr" > log 2>&1 ||
     { cat log >&2; fail "the unpacked packages cannot be built upon: $use"; }
