@@ -37,8 +37,8 @@ QString FromUtf8(std::string_view text) {
     text.remove_prefix(kMark.size());
     ++marks;
   }
-  return QString(marks, QChar(QChar::ByteOrderMark)) +
-         QString::fromUtf8(text.data(), static_cast<int>(text.size()));
+  const QString rest = QString::fromUtf8(text.data(), static_cast<int>(text.size()));
+  return marks == 0 ? rest : QString(marks, QChar(QChar::ByteOrderMark)) + rest;
 }
 
 bool TextToJson(std::string_view text, QString& out) {
