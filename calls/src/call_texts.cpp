@@ -67,8 +67,7 @@ std::string AdviceFor(std::int32_t code) {
 
 Loss LossOf(const std::optional<Message::Error>& error, bool connecting) {
   if (!error) {
-    return {CallReason::kConnectionLost, 0,
-            "the connection was closed: has its manager been destroyed?"};
+    return {CallReason::kConnectionLost, 0, "the connection was closed by this application"};
   }
   CallReason reason = ReasonOfCode(error->code);
   if (reason == CallReason::kAnswered) {
@@ -115,8 +114,8 @@ CallError CallNames::TimedOut(Duration timeout, bool sent) const {
   return {CallReason::kTimedOut,
           Subject() + (sent ? " was not answered within " : " was not sent within ") +
               TextOf(timeout) +
-              (sent ? ": is its handler busy, or does it keep its request? CallOptions().Timeout() "
-                      "gives it longer"
+              (sent ? ": is its handler busy, does it keep its request, or has this application "
+                      "destroyed its manager? CallOptions().Timeout() gives it longer"
                     : ": the task has not connected; does it call server->Run()?")};
 }
 

@@ -254,7 +254,7 @@ TEST_F(CallerTest, TellsThatTheConnectionWasClosed) {
   const Ending<void> ending(caller_->Call(kPing));
   link_.client->Disconnect(std::nullopt);
   EXPECT_EQ(ending.GetReason(), CallReason::kConnectionLost);
-  EXPECT_THAT(ending.GetText(), HasSubstr("has its manager been destroyed?"));
+  EXPECT_THAT(ending.GetText(), HasSubstr("the connection was closed by this application"));
 }
 
 TEST_F(CallerTest, TellsThatATaskCouldNotStart) {
