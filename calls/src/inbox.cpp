@@ -4,12 +4,11 @@
 
 namespace tarv::details {
 
-bool Inbox::State::Add(Loop::Function& function, bool& first) {
+bool Inbox::State::Add(Loop::Function& function) {
   const std::lock_guard lock(mutex_);
   if (closed_) {
     return false;
   }
-  first = functions_.empty();
   functions_.push_back(std::move(function));
   return true;
 }
@@ -19,13 +18,13 @@ bool Inbox::State::IsEmpty() const {
   return functions_.empty();
 }
 
-// One at a time, so that a function that drains, too, meets the rest.
-void Inbox::State::Drain() {
+bool Inbox::State::RunFirst() {
   Loop::Function function;
-  while (TakeFirst(function)) {
-    function();
-    function = nullptr;
+  if (!TakeFirst(function)) {
+    return false;
   }
+  function();
+  return true;
 }
 
 bool Inbox::State::TakeFirst(Loop::Function& function) {
@@ -44,17 +43,17 @@ bool Inbox::State::Close() {
   return closed_;
 }
 
+// One turn of the loop for each: an event loop that runs inside one function meets the next.
 void Inbox::Add(Loop::Function function) {
-  bool first = false;
-  if (!state_->Add(function, first)) {
+  if (!state_->Add(function)) {
     loop_->Post(std::move(function));
-  } else if (first) {
-    loop_->Post([weak = std::weak_ptr<State>(state_)] {
-      if (const auto state = weak.lock()) {
-        state->Drain();
-      }
-    });
+    return;
   }
+  loop_->Post([weak = std::weak_ptr<State>(state_)] {
+    if (const auto state = weak.lock()) {
+      state->RunFirst();
+    }
+  });
 }
 
 }  // namespace tarv::details

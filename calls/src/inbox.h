@@ -19,7 +19,10 @@ class Inbox {
   // After Close, the loop alone runs the function, or destroys it.
   void Add(Loop::Function function);
   bool IsEmpty() const { return state_->IsEmpty(); }
-  void Drain() { state_->Drain(); }
+  void Drain() {
+    while (state_->RunFirst()) {
+    }
+  }
   // False when there is something to drain first.
   bool Close() { return state_->Close(); }
 
@@ -27,9 +30,10 @@ class Inbox {
   class State {
    public:
     // False when closed: the function is still there.
-    bool Add(Loop::Function& function, bool& first);
+    bool Add(Loop::Function& function);
     bool IsEmpty() const;
-    void Drain();
+    // False when there is none.
+    bool RunFirst();
     bool Close();
 
    private:

@@ -4,9 +4,7 @@
 #include <QEvent>
 #include <QObject>
 #include <QThread>
-#include <QTimerEvent>
 #include <algorithm>
-#include <deque>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -27,25 +25,15 @@ bool IsLater(const Wake& a, const Wake& b) {
   return a.time != b.time ? a.time > b.time : a.number > b.number;
 }
 
-// Functions and wakes of one thread. Any thread adds, the thread takes.
+// The wakes of one thread. Any thread adds, the thread takes.
 class Agenda {
  public:
-  // True when nothing had been posted: the thread must be told.
-  bool Post(Loop::Function&& function) {
-    const std::lock_guard lock(mutex_);
-    posted_.push_back(std::move(function));
-    return posted_.size() == 1;
-  }
   // True when the thread must set its timer anew.
   bool Add(Loop::Time time, Loop::Function&& function) {
     const std::lock_guard lock(mutex_);
     wakes_.push_back({time, ++number_, std::move(function)});
     std::push_heap(wakes_.begin(), wakes_.end(), IsLater);
     return wakes_.front().number == number_;
-  }
-  std::deque<Loop::Function> TakePosted() {
-    const std::lock_guard lock(mutex_);
-    return std::exchange(posted_, {});
   }
   // An empty function when none is due.
   Loop::Function TakeDue(Loop::Time now) {
@@ -69,57 +57,35 @@ class Agenda {
 
  private:
   mutable std::mutex mutex_;
-  std::deque<Loop::Function> posted_;
   std::vector<Wake> wakes_;
   std::uint64_t number_ = 0;
 };
 
-// Stands in the thread for the agenda: gets its events and has its one timer.
+// Brings a function to the thread. Qt keeps such events in order, and destroys them with their
+// receiver.
+class FunctionEvent final : public QEvent {
+ public:
+  explicit FunctionEvent(Loop::Function function)
+      : QEvent(GetType()), function_(std::move(function)) {}
+
+  static QEvent::Type GetType() {
+    static const int kType = QEvent::registerEventType();
+    return static_cast<QEvent::Type>(kType);
+  }
+  void Run() const { function_(); }
+
+ private:
+  const Loop::Function function_;
+};
+
+// Stands in the thread for the loop: gets its events and has its one timer. Takes one function at a
+// time, so that an event loop inside one runs the next.
 class Clerk final : public QObject {
  public:
   explicit Clerk(std::weak_ptr<Agenda> agenda) : agenda_(std::move(agenda)) {}
 
-  static QEvent::Type RunPosted() {
-    static const int kType = QEvent::registerEventType();
-    return static_cast<QEvent::Type>(kType);
-  }
-  static QEvent::Type SetTimer() {
-    static const int kType = QEvent::registerEventType();
-    return static_cast<QEvent::Type>(kType);
-  }
-
- protected:
-  bool event(QEvent* event) override {
+  void SetTimer() {
     const auto agenda = agenda_.lock();
-    if (event->type() == RunPosted()) {
-      RunAll(agenda);
-    } else if (event->type() == SetTimer()) {
-      StartTimer(agenda);
-    } else if (event->type() == QEvent::Timer) {
-      RunDue(agenda);
-      StartTimer(agenda);
-    } else {
-      return QObject::event(event);
-    }
-    return true;
-  }
-
- private:
-  static void RunAll(const std::shared_ptr<Agenda>& agenda) {
-    if (agenda) {
-      for (Loop::Function& function : agenda->TakePosted()) {
-        // Destroyed as soon as it has run: it may hold the last reference to something.
-        std::exchange(function, {})();
-      }
-    }
-  }
-  static void RunDue(const std::shared_ptr<Agenda>& agenda) {
-    const auto now = Loop::Clock::now();
-    while (Loop::Function function = agenda ? agenda->TakeDue(now) : Loop::Function()) {
-      function();
-    }
-  }
-  void StartTimer(const std::shared_ptr<Agenda>& agenda) {
     if (timer_ != 0) {
       killTimer(std::exchange(timer_, 0));
     }
@@ -127,20 +93,50 @@ class Clerk final : public QObject {
     if (agenda && agenda->FindEarliest(earliest)) {
       // Rounded up: a timer that fires too early would only be set again.
       const auto wait = std::chrono::ceil<std::chrono::milliseconds>(earliest - Loop::Clock::now());
-      const auto longest = std::chrono::milliseconds(std::chrono::hours(1));
-      timer_ =
-          startTimer(std::clamp(wait, std::chrono::milliseconds(0), longest), Qt::PreciseTimer);
+      timer_ = startTimer(std::clamp(wait, kNow, kLongest), Qt::PreciseTimer);
+    }
+  }
+  bool IsRunning() const { return running_ > 0; }
+
+ protected:
+  bool event(QEvent* event) override {
+    const bool is_function = event->type() == FunctionEvent::GetType();
+    if (!is_function && event->type() != QEvent::Timer) {
+      return QObject::event(event);
+    }
+    ++running_;
+    if (!is_function) {
+      RunDue();
+    } else if (!agenda_.expired()) {
+      static_cast<const FunctionEvent*>(event)->Run();
+    }
+    --running_;
+    return true;
+  }
+
+ private:
+  static constexpr std::chrono::milliseconds kNow{0};
+  static constexpr std::chrono::milliseconds kLongest = std::chrono::hours(1);
+
+  void RunDue() {
+    const auto agenda = agenda_.lock();
+    const Loop::Function function = agenda ? agenda->TakeDue(Loop::Clock::now()) : Loop::Function();
+    SetTimer();
+    if (function) {
+      function();
     }
   }
 
   const std::weak_ptr<Agenda> agenda_;
   int timer_ = 0;
+  int running_ = 0;
 };
 
 class QtLoop final : public Loop {
  public:
   ~QtLoop() override {
-    if (IsCurrent()) {
+    agenda_.reset();
+    if (IsCurrent() && !clerk_->IsRunning()) {
       delete clerk_;
     } else {
       clerk_->deleteLater();
@@ -149,19 +145,17 @@ class QtLoop final : public Loop {
 
   bool IsCurrent() const override { return QThread::currentThread() == clerk_->thread(); }
   void Post(Function function) override {
-    if (agenda_->Post(std::move(function))) {
-      QCoreApplication::postEvent(clerk_, new QEvent(Clerk::RunPosted()));
-    }
+    QCoreApplication::postEvent(clerk_, new FunctionEvent(std::move(function)));
   }
   Time Now() const override { return Clock::now(); }
   void WakeAt(Time time, Function function) override {
     if (agenda_->Add(time, std::move(function))) {
-      QCoreApplication::postEvent(clerk_, new QEvent(Clerk::SetTimer()));
+      Post([clerk = clerk_] { clerk->SetTimer(); });
     }
   }
 
  private:
-  const std::shared_ptr<Agenda> agenda_ = std::make_shared<Agenda>();
+  std::shared_ptr<Agenda> agenda_ = std::make_shared<Agenda>();
   Clerk* const clerk_ = new Clerk(agenda_);
 };
 
