@@ -1,31 +1,30 @@
 // Starts the task "minimal" and has it add two numbers.
 #include <cw/plugin_registrar.h>
+#include <tarv/calls/caller.h>
 #include <tarv/manager_wrapper.h>
 #include <veltra/host/run.h>
 
 #include <QCoreApplication>
 #include <iostream>
 
+#include "add.h"
+
 struct Application : cw::Plugin {
   explicit Application(cw::PluginRegistrar* registrar)
       : manager(tarv::ManagerWrapper::Create(registrar)),
-        client(manager ? manager->CreateIpcClient("minimal") : nullptr) {
-    if (!client) {
-      std::exit(EXIT_FAILURE);  // the log has said why
-    }
-    client->SendRequest("add", std::vector<std::int32_t>{20, 22}, [](const auto& response) {
-      if (response.IsError()) {
-        std::cerr << *response.GetError() << '\n';
+        caller(manager ? manager->CreateIpcClient("minimal") : nullptr,
+               tarv::CallerOptions().TaskName("minimal")) {
+    caller.Call(kAdd, {20, 22}).Then([](const tarv::Outcome<std::int32_t>& sum) {
+      if (sum) {
+        std::cout << "20 + 22 = " << *sum << '\n';
+      } else {
+        std::cerr << sum.GetError().what() << '\n';
       }
-      if (response.HasResult()) {
-        std::cout << "20 + 22 = " << *response.GetResult() << '\n';
-      }
-      QCoreApplication::exit(response.IsError());
+      QCoreApplication::exit(sum ? EXIT_SUCCESS : EXIT_FAILURE);
     });
-    client->Run();
   }
   std::unique_ptr<tarv::ManagerWrapper> manager;
-  std::shared_ptr<vorpc::IClient> client;
+  tarv::Caller caller;
 };
 
 void RegisterApplication(FlutterVeltraPluginContext* context) {

@@ -1,27 +1,23 @@
 // The task "minimal": adds two numbers.
 #include <cw/plugin_registrar.h>
+#include <tarv/calls/service.h>
 #include <tarv/manager_wrapper.h>
 #include <veltra/host/run.h>
+
+#include "add.h"
 
 struct Task : cw::Plugin {
   explicit Task(cw::PluginRegistrar* registrar)
       : manager(tarv::ManagerWrapper::Create(registrar)),
-        server(manager ? manager->CreateRpcServer() : nullptr) {
-    if (!server) {
+        service(tarv::Service::For(manager ? manager->CreateRpcServer() : nullptr)) {
+    if (!service) {
       std::exit(EXIT_FAILURE);  // the log has said why
     }
-    server->OnRequest("add", [](const auto&, const cw::EncodableValue& params, auto reply) {
-      const auto* numbers = std::get_if<std::vector<std::int32_t>>(&params);
-      if (!numbers || numbers->size() != 2) {
-        reply->SendError(-32602, "not two integers", {});
-        return;
-      }
-      reply->SendResult((*numbers)[0] + (*numbers)[1]);
-    });
-    server->Run();
+    service->On(kAdd, [](Numbers numbers) { return numbers.a + numbers.b; });
+    service->Run();
   }
   std::unique_ptr<tarv::ManagerWrapper> manager;
-  std::shared_ptr<vorpc::IServer> server;
+  std::shared_ptr<tarv::Service> service;
 };
 
 void RegisterTask(FlutterVeltraPluginContext* context) {

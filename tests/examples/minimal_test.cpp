@@ -29,7 +29,7 @@ TEST(Minimal, WithoutItsTaskSaysWhereItLooked) {
   std::filesystem::create_directory_symlink(BIN_FOLDER "/../lib", folder.GetPath() / "lib");
   Program program({(bin / "minimal").string()});
   EXPECT_EQ(program.Wait(), 1);
-  EXPECT_THAT(program.GetError(), HasSubstr("-32603"));
+  EXPECT_THAT(program.GetError(), HasSubstr("'add' of the task 'minimal' was not sent: "));
   EXPECT_THAT(program.GetError(), HasSubstr((bin / "tasks").string()));
 }
 

@@ -29,7 +29,7 @@ struct CallOptions {
 struct CallerOptions {
   // From the first call until the task has answered the handshake.
   Duration connect_timeout = std::chrono::seconds(10);
-  // What errors call the task: its name.
+  // The task's name, for the texts of errors. A client does not tell it.
   std::string task_name;
 
   CallerOptions ConnectTimeout(Duration value) const {

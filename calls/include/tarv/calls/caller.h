@@ -1,6 +1,7 @@
 // tarv::Caller: calls the methods of a task, each with a deadline.
 //
-//   tarv::Caller caller(manager->CreateIpcClient("counting"));
+//   tarv::Caller caller(manager->CreateIpcClient("counting"),
+//                       tarv::CallerOptions().TaskName("counting"));
 //   caller.Call(kCount, {{"a b"}}).Then([](tarv::Outcome<Totals> totals) { ... });
 #ifndef TARV_CALLS_CALLER_H
 #define TARV_CALLS_CALLER_H
@@ -59,6 +60,8 @@ class Caller {
   explicit Caller(std::shared_ptr<vorpc::IClient> client,
                   std::shared_ptr<Loop> loop = Loop::OfThisThread(),
                   const CallerOptions& options = {});
+  Caller(std::shared_ptr<vorpc::IClient> client, const CallerOptions& options)
+      : Caller(std::move(client), Loop::OfThisThread(), options) {}
   // Ends the open calls, and any that their callbacks begin meanwhile, with kReleased before it
   // returns.
   ~Caller();
