@@ -90,12 +90,16 @@ class TARV_EXPORT FaultReports {
  public:
   FaultReports() = default;
   // Writes the lines that are still held.
-  ~FaultReports() { Write(); }
+  ~FaultReports() {
+    if (!held_.empty()) {
+      Write();
+    }
+  }
   FaultReports(const FaultReports&) = delete;
   FaultReports& operator=(const FaultReports&) = delete;
 
-  void AddInvalidRead();
-  void AddUnknownType(std::uint8_t type);
+  [[gnu::cold]] void AddInvalidRead();
+  [[gnu::cold]] void AddUnknownType(std::uint8_t type);
   bool IsEmpty() const { return faults_ == 0; }
 
   // Holds the lines that come from here on, until they are dropped or this object dies.
