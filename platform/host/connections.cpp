@@ -202,6 +202,7 @@ struct Dialer::State : std::enable_shared_from_this<State> {
   // Reports success only; whatever else there is to report, the next try does, from the event loop.
   void TryAtOnce();
   void Try();
+  Error Failure(int error_number) const;
   void Finish(UniqueFd socket, const Error& error, int error_number);
 
   QString what;
@@ -245,10 +246,18 @@ void Dialer::State::Try() {
     retry.start(kDialRetryMs);
     return;
   }
-  Finish(
-      {},
-      SystemError(Error::kConnectFailed, QString("cannot connect to '%1'").arg(what), error_number),
-      error_number);
+  Finish({}, Failure(error_number), error_number);
+}
+
+Error Dialer::State::Failure(int error_number) const {
+  const Error error =
+      SystemError(Error::kConnectFailed, QString("cannot connect to '%1'").arg(what), error_number);
+  if (error_number != EAGAIN) {
+    return error;
+  }
+  return {error.code(), error.message() + QString("; its queue has been full for %1 s, so its "
+                                                  "process does not accept connections")
+                                              .arg(kDialLimitMs / 1000)};
 }
 
 void Dialer::State::Finish(UniqueFd socket, const Error& error, int error_number) {

@@ -409,7 +409,8 @@ void PlatformTest::TearDown() {
 }
 
 QStringList PlatformTest::SocketFiles() const {
-  return QDir(RuntimeFolder()).entryList({"*.sock"}, QDir::AllEntries | QDir::System);
+  return QDir(RuntimeFolder())
+      .entryList({"*.sock"}, QDir::AllEntries | QDir::System | QDir::Hidden);
 }
 
 void PlatformTest::AddTask(const QString& name, const QByteArray& content) {

@@ -340,6 +340,22 @@ TEST_F(TaskSocket, IsLeftAloneByAProcessOfAnotherPidNamespace) {
   ::close(listening);
 }
 
+TEST_F(TaskSocket, ThatIsFullIsSaidToHaveBeenTriedForFiveSeconds) {
+  const int listening = ListenOn(PathOf("busy"));
+  const std::vector<int> waiting = FillQueue(PathOf("busy"));
+  TaskMessaging messaging(PathOf("busy"));
+  Inbox inbox(&messaging);
+  const Error error = inbox.disconnects.Wait();
+  EXPECT_EQ(error.code(), Error::kConnectFailed);
+  EXPECT_THAT(error.message().toStdString(),
+              testing::EndsWith("busy': Resource temporarily unavailable; its queue has been full "
+                                "for 5 s, so its process does not accept connections"));
+  for (const int socket : waiting) {
+    ::close(socket);
+  }
+  ::close(listening);
+}
+
 TEST_F(TaskSocket, IsSweptWhenACrashLeftItBehindAndNoOther) {
   ASSERT_EQ(::mkdir(RuntimeFolder().toUtf8().constData(), 0700), 0);
   const auto start_time = [](const QByteArray& pid) {
@@ -348,8 +364,10 @@ TEST_F(TaskSocket, IsSweptWhenACrashLeftItBehindAndNoOther) {
   };
   const QByteArray parent = QByteArray::number(::getppid());
   const QString live = parent + '-' + start_time(parent) + "-1.sock";
-  const QStringList kept = {live, "notes.sock", "1-2-3.txt", "a-b-c.sock", "4194305-1.sock"};
-  const QStringList swept = {"4194305-77-1.sock", parent + "-1-1.sock"};
+  const QStringList kept = {
+      live,       "notes.sock",         "1-2-3.txt", "a-b-c.sock", "4194305-1.sock",
+      '.' + live, "..4194305-77-1.sock"};
+  const QStringList swept = {"4194305-77-1.sock", parent + "-1-1.sock", ".4194305-77-1.sock"};
   for (const QString& name : kept + swept) {
     QFile file(RuntimeFolder() + '/' + name);
     ASSERT_TRUE(file.open(QIODevice::WriteOnly)) << name.toStdString();
