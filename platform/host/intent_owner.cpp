@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "line_channel.h"
+#include "process_exit.h"
 #include "support.h"
 #include "uri_opener.h"
 
@@ -173,7 +174,10 @@ Error CheckParameters(const QString& name, const QJsonObject& parameters) {
 std::unique_ptr<IntentOwner> IntentOwner::Register(const QString& name,
                                                    RuntimeDispatcher::IntentHandler handler,
                                                    Error* error) {
-  *error = CheckName("an intent", name, kMaxIntentName);
+  *error = CheckOriginal();
+  if (!error->isError()) {
+    *error = CheckName("an intent", name, kMaxIntentName);
+  }
   if (error->isError()) {
     return nullptr;
   }

@@ -10,6 +10,7 @@
 #include "connections.h"
 #include "intent_owner.h"
 #include "line_channel.h"
+#include "process_exit.h"
 #include "socket_folder.h"
 #include "support.h"
 #include "uri_opener.h"
@@ -26,6 +27,14 @@ constexpr int kShownOfOwnersText = 1000;
 std::chrono::seconds Timeout() {
   return std::chrono::seconds(
       NumberFrom("RUNTIME_MANAGER_INTENT_TIMEOUT", "seconds", kDefaultTimeout, kLongestTimeout));
+}
+
+Error CheckInvocation(const QString& name, const QJsonObject& second) {
+  Error refusal = CheckOriginal();
+  if (!refusal.isError()) {
+    refusal = CheckName("an intent", name, kMaxIntentName);
+  }
+  return refusal.isError() ? refusal : CheckParameters(name, second);
 }
 
 // "process 12 ('player')"
@@ -196,10 +205,7 @@ IntentsInvoker::~IntentsInvoker() = default;
 
 void IntentsInvoker::invoke(const QString& name, const QJsonObject& first,
                             const QJsonObject& second) {
-  Error refusal = host::CheckName("an intent", name, host::kMaxIntentName);
-  if (!refusal.isError()) {
-    refusal = host::CheckParameters(name, second);
-  }
+  const Error refusal = host::CheckInvocation(name, second);
   if (refusal.isError()) {
     host::Post(this, [this, refusal] { Q_EMIT replyReceived({}, refusal); });
     return;

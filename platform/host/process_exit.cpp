@@ -12,10 +12,28 @@
 
 namespace RuntimeManager::host {
 
-bool IsForkedCopy() {
+namespace {
+
+pid_t Original() {
   // The first call comes with the first object of the host.
   static const pid_t original = ::getpid();
-  return ::getpid() != original;
+  return original;
+}
+
+}  // namespace
+
+bool IsForkedCopy() { return ::getpid() != Original(); }
+
+Error CheckOriginal() {
+  if (!IsForkedCopy()) {
+    return {};
+  }
+  return {
+      Error::kWrongState,
+      QString("process %1 is a forked copy of process %2, to which the runtime manager belongs: "
+              "use it there, fork before its first use, or run a program by exec")
+          .arg(::getpid())
+          .arg(Original())};
 }
 
 ProcessExit& ProcessExit::Get() {

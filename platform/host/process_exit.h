@@ -2,6 +2,8 @@
 #ifndef RUNTIME_MANAGER_HOST_PROCESS_EXIT_H
 #define RUNTIME_MANAGER_HOST_PROCESS_EXIT_H
 
+#include <RuntimeManager/Error.h>
+
 #include <QtCore/QByteArray>
 #include <chrono>
 #include <memory>
@@ -18,6 +20,8 @@ class SendQueue;
 // of what it inherits: that is the original's to send, to signal and to remove. It takes no lock
 // either, because a thread that the copy does not have may hold it.
 bool IsForkedCopy();
+// Why this process can begin nothing with the host: it is a copy. No error in the original.
+Error CheckOriginal();
 
 // One per process; any thread. When the process ends by exit() or a return from main(), it
 //   1. sends what has not left yet,

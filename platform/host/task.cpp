@@ -6,6 +6,7 @@
 
 #include "child_process.h"
 #include "exec_failure.h"
+#include "process_exit.h"
 #include "socket_folder.h"
 #include "support.h"
 #include "task_finder.h"
@@ -107,7 +108,10 @@ UniqueFd Task::Private::MakeSocket(Error* error) {
 }
 
 Error Task::Private::Start() {
-  Error error;
+  Error error = host::CheckOriginal();
+  if (error.isError()) {
+    return error;
+  }
   host::SpawnRequest request;
   program = host::FindTask(name, &error).toUtf8();
   request.program = program;

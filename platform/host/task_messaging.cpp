@@ -43,6 +43,7 @@ class TaskMessaging::Private : public host::TaskWatcher,
  public:
   explicit Private(TaskMessaging* owner) : owner_(owner) {}
 
+  bool IsRefused(const QString& peer);
   void OpenPath(const QString& path);
   void OpenDescriptor(int descriptor);
   void Close();
@@ -88,7 +89,20 @@ bool TaskMessaging::Private::HearsData() const {
   return owner_->isSignalConnected(kSignal);
 }
 
+// In a copy of the process, that is, where nothing of the host's may be touched.
+bool TaskMessaging::Private::IsRefused(const QString& peer) {
+  const Error refusal = host::CheckOriginal();
+  if (refusal.isError()) {
+    MakeChannel(peer, peer);
+    channel_->EndSoon(refusal);
+  }
+  return refusal.isError();
+}
+
 void TaskMessaging::Private::OpenPath(const QString& path) {
+  if (IsRefused(path)) {
+    return;
+  }
   path_ = path;
   const QString task = TaskRegistry::Get().NameOf(path);
   MakeChannel(task, QString("task '%1'").arg(task));
@@ -110,6 +124,9 @@ void TaskMessaging::Private::OpenPath(const QString& path) {
 
 void TaskMessaging::Private::OpenDescriptor(int descriptor) {
   const QString title = QString("the task '%1'").arg(host::OwnTaskName());
+  if (IsRefused(title)) {
+    return;
+  }
   MakeChannel(host::OwnTaskName(), "the starter of " + title);
   channel_->FlushAtExit(kPatienceOfTasks);
   host::EndWithStarter();

@@ -5,12 +5,14 @@
 #include <RuntimeManager/RuntimeDispatcher.h>
 #include <RuntimeManager/Task.h>
 #include <RuntimeManager/TaskMessaging.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QFile>
 #include <QtCore/QTimer>
+#include <csignal>
 #include <cstdlib>
 #include <functional>
 #include <memory>
@@ -18,6 +20,7 @@
 
 #include "crowd.h"
 #include "helper_ends.h"
+#include "helper_intents.h"
 
 namespace {
 
@@ -93,6 +96,20 @@ int SendAndGetFromThreads() {
   return QCoreApplication::exec();
 }
 
+[[noreturn]] void End(const QString& how) {
+  if (how == "_exit") {
+    ::_exit(0);
+  }
+  if (how == "abort") {
+    ::prctl(PR_SET_DUMPABLE, 0);  // no core file
+    std::abort();
+  }
+  if (how == "signal") {
+    ::raise(SIGKILL);
+  }
+  std::exit(0);
+}
+
 // A starter's end that answers the first message and leaves at the second, in one way or another.
 int AnswerAndLeave(const QString& path, const QString& how) {
   auto* messaging = new TaskMessaging(path);
@@ -102,8 +119,8 @@ int AnswerAndLeave(const QString& path, const QString& how) {
       messaging->sendData("first");
       return;
     }
-    if (how == "exit") {
-      std::exit(0);
+    if (how != "fork") {
+      End(how);
     }
     const pid_t copy = ::fork();
     if (copy == 0) {
@@ -205,27 +222,6 @@ int StartTaskAndOutliveApplication(const QString& name,
   return result;
 }
 
-int OwnIntent(const QString& name, const QString& how) {
-  RuntimeDispatcher::instance()->registerIntent(
-      name, [how](const QJsonObject& parameters, const RuntimeDispatcher::Reply& reply) {
-        if (how == "die") {
-          ::_exit(1);
-        }
-        if (how == "quit") {
-          QCoreApplication::quit();
-        }
-        static RuntimeDispatcher::Reply kept;
-        if (how == "keep" && !kept) {
-          kept = reply;
-          QTimer::singleShot(1500, [] { kept({{"late", true}}); });
-          return;
-        }
-        reply({{"parameters", parameters}, {"pid", ::getpid()}});
-      });
-  Say("ready");
-  return QCoreApplication::exec();
-}
-
 // Sends one message to a task, as an object or as a text. With the answer it hangs up, which ends
 // the task, and that ends this process.
 int Talk(const QString& name, bool as_text) {
@@ -293,7 +289,7 @@ int main(int count, char** arguments) {
     return StartTaskAndOutliveApplication(words.value(2), std::move(application));
   }
   if (verb == "own") {
-    return OwnIntent(words.value(2), words.value(3));
+    return helper::OwnIntent(words.value(2), words.value(3));
   }
   if (verb == "talk") {
     return Talk(words.value(2), words.value(3) == "text");

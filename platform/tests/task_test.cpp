@@ -215,6 +215,17 @@ TEST_F(TaskTest, RefusesArgumentsThatNoProgramCanGet) {
   EXPECT_THAT(Text(long_started.Wait()), HasSubstr("too long"));
 }
 
+TEST_F(TaskTest, DoesNotStartInAForkedCopyOfTheProcess) {
+  AddShellTask("task", "exec sleep 60");
+  Task original("task");
+  ExpectStarts(original);
+  const auto is_refused = [this] {
+    const Error error = StartError("task");
+    return error.code() == Error::kWrongState && error.message().contains("forked copy");
+  };
+  EXPECT_EXIT(::_exit(is_refused() ? 0 : 1), testing::ExitedWithCode(0), "");
+}
+
 TEST_F(TaskTest, StartsOnce) {
   AddShellTask("task", "exec sleep 60");
   Task task("task");

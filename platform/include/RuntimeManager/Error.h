@@ -20,7 +20,7 @@ class Error {
     kTaskNotFound = 2,       // no executable of that name in the folders of tasks
     kRuntimeFolder = 3,      // the folder of the sockets cannot be made, or is not safe to use
     kStartFailed = 4,        // the program could not be started
-    kWrongState = 5,         // the operation does not fit: started twice, stopped before a start
+    kWrongState = 5,         // it does not fit: started twice, stopped unstarted, in a forked copy
     kStopFailed = 6,         // the process cannot be signalled
     kConnectFailed = 8,      // nobody listens on the socket, or it cannot be reached
     kPeerRefused = 10,       // the peer belongs to another user
