@@ -1,5 +1,6 @@
 // The application: has its task add the numbers on the command line, and prints the sum.
 #include <cw/plugin_registrar.h>
+#include <tarv/calls/caller.h>
 #include <tarv/manager_wrapper.h>
 #include <veltra/host/run.h>
 
@@ -19,19 +20,17 @@ class Application : public cw::Plugin {
  public:
   explicit Application(cw::PluginRegistrar* registrar)
       : manager_(tarv::ManagerWrapper::Create(registrar)),
-        client_(manager_ ? manager_->CreateIpcClient(my_app::kTask) : nullptr) {
-    if (!client_) {
-      std::exit(EXIT_FAILURE);  // the log has said why
-    }
-    client_->SendRequest(my_app::kAdd, Numbers(*registrar), [](const auto& response) {
-      if (response.IsError()) {
-        std::cerr << *response.GetError() << '\n';
-      } else {
-        std::cout << "the sum is " << *response.GetResult() << '\n';
-      }
-      QCoreApplication::exit(response.IsError() ? EXIT_FAILURE : EXIT_SUCCESS);
-    });
-    client_->Run();
+        caller_(manager_ ? manager_->CreateIpcClient(my_app::kTask) : nullptr,
+                tarv::CallerOptions().TaskName(my_app::kTask)) {
+    caller_.Call(my_app::kAdd, Numbers(*registrar))
+        .Then([](const tarv::Outcome<std::int32_t>& sum) {
+          if (sum) {
+            std::cout << "the sum is " << *sum << '\n';
+          } else {
+            std::cerr << sum.GetError().what() << '\n';
+          }
+          QCoreApplication::exit(sum ? EXIT_SUCCESS : EXIT_FAILURE);
+        });
   }
 
  private:
@@ -44,7 +43,7 @@ class Application : public cw::Plugin {
   }
 
   std::unique_ptr<tarv::ManagerWrapper> manager_;
-  std::shared_ptr<vorpc::IClient> client_;
+  tarv::Caller caller_;
 };
 
 void Register(FlutterVeltraPluginContext* context) {

@@ -1,5 +1,6 @@
 // The task: a process of its own, which answers the application's requests.
 #include <cw/plugin_registrar.h>
+#include <tarv/calls/service.h>
 #include <tarv/manager_wrapper.h>
 #include <veltra/host/run.h>
 
@@ -17,24 +18,22 @@ class Task : public cw::Plugin {
  public:
   explicit Task(cw::PluginRegistrar* registrar)
       : manager_(tarv::ManagerWrapper::Create(registrar)),
-        server_(manager_ ? manager_->CreateRpcServer() : nullptr) {
-    if (!server_) {
+        service_(tarv::Service::For(manager_ ? manager_->CreateRpcServer() : nullptr)) {
+    if (!service_) {
       std::exit(EXIT_FAILURE);  // the log has said why
     }
-    server_->OnRequest(my_app::kAdd, [](const auto&, const cw::EncodableValue& params, auto reply) {
-      const auto* numbers = std::get_if<std::vector<std::int32_t>>(&params);
-      if (!numbers || numbers->empty()) {
-        reply->SendError(-32602, "expected numbers to add", {});
-        return;
+    service_->On(my_app::kAdd, [](const std::vector<std::int32_t>& numbers) {
+      if (numbers.empty()) {
+        throw tarv::RequestError(tarv::kInvalidParams, "expected numbers to add");
       }
-      reply->SendResult(std::accumulate(numbers->begin(), numbers->end(), std::int32_t{0}));
+      return std::accumulate(numbers.begin(), numbers.end(), std::int32_t{0});
     });
-    server_->Run();
+    service_->Run();
   }
 
  private:
   std::unique_ptr<tarv::ManagerWrapper> manager_;
-  std::shared_ptr<vorpc::IServer> server_;
+  std::shared_ptr<tarv::Service> service_;
 };
 
 void Register(FlutterVeltraPluginContext* context) {
