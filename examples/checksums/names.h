@@ -2,7 +2,11 @@
 #ifndef CHECKSUMS_NAMES_H
 #define CHECKSUMS_NAMES_H
 
+#include <tarv/calls/method.h>
+#include <tarv/calls/value.h>
+
 #include <cstdint>
+#include <vector>
 
 namespace checksums {
 
@@ -21,15 +25,17 @@ inline constexpr char kTaskLost[] = "task-lost";
 inline constexpr char kCancelled[] = "cancelled";
 inline constexpr char kBusy[] = "busy";
 
-// Between the application's plug-in and the task's.
-//
-//   request "hash" {"file": i, "path": bytes}  the hash as bytes; or an error: kCannotRead, with
-//                                              the data {"errno": n}, or kDropped
-//   notification "progress" from the task      {"file": i, "bytes": n}
-//   notification "cancel" to the task          answers all that is open with kDropped
+// Between the application's plug-in and the task's: the path of a file gives its SHA-256, both as
+// bytes. A file that cannot be read is the error kCannotRead with the data {"errno": n}.
+using Bytes = std::vector<std::uint8_t>;
+struct Step {
+  std::int64_t bytes = 0;  // hashed so far
+};
+TARV_VALUE(Step, bytes)
+
 inline constexpr char kTaskName[] = "checksums";
+inline constexpr tarv::Method<Bytes(Bytes), Step> kHash{"hash", "the SHA-256 of a file"};
 inline constexpr std::int32_t kCannotRead = 1;
-inline constexpr std::int32_t kDropped = 2;
 
 }  // namespace checksums
 

@@ -4,6 +4,7 @@
 #include <cw/method_channel.h>
 #include <cw/plugin.h>
 #include <cw/plugin_registrar.h>
+#include <tarv/calls/caller.h>
 #include <tarv/manager_wrapper.h>
 
 #include <memory>
@@ -16,18 +17,17 @@
 namespace checksums {
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
 using Result = std::unique_ptr<cw::MethodResult<>>;
 using Events = std::unique_ptr<cw::EventSink<>>;
-using OptionalError = std::optional<vorpc::Message::Error>;
 
 // Enough that the task never waits for work, few enough that a cancel leaves little behind.
-constexpr std::size_t kRequestsInFlight = 64;
+constexpr std::size_t kCallsInFlight = 64;
 
 // One call of "hash": a task that lives as long as it, and the files that are still to do.
 class Job : public std::enable_shared_from_this<Job> {
  public:
   using Emit = std::function<void(const cw::EncodableValue& event)>;
+  using HashCall = tarv::Call<Bytes, Step>;
 
   Job(cw::EncodableList paths, Result result, Emit emit)
       : paths_(std::move(paths)), result_(std::move(result)), emit_(std::move(emit)) {}
@@ -35,106 +35,79 @@ class Job : public std::enable_shared_from_this<Job> {
   bool IsDone() const { return !result_; }
 
   void Start(std::shared_ptr<vorpc::IClient> client) {
-    if (!client) {
-      Fail(kNotStarted, "libtarv.so refuses to start a task");
-      return;
-    }
-    client_ = std::move(client);
-    client_->OnConnected(IfAlive<OptionalError>(&Job::OnConnected));
-    client_->OnDisconnected(IfAlive<OptionalError>(&Job::OnDisconnected));
-    client_->OnNotify("progress", IfAlive<vorpc::Message::Notification>(&Job::OnProgress));
-    client_->Run();
-    RequestMore();
+    caller_.emplace(std::move(client), tarv::CallerOptions().TaskName(kTaskName));
+    CallMore();
   }
 
   // Answers the call, if that is still to do, and lets the task go.
-  void Abandon() {
+  void Cancel(const std::string& why) {
     if (!IsDone()) {
-      Fail(kCancelled, "The application ends.");
-    }
-  }
-
-  // Ends with the task's next answer, whatever it is: what the task had done before it heard of the
-  // cancel is of no use any more.
-  void Cancel() {
-    cancelled_ = true;
-    if (client_) {
-      client_->SendNotify("cancel", {});
+      Fail(kCancelled, why);
     }
   }
 
  private:
-  // A callback that does nothing once the job is gone or done.
-  template <class Argument>
-  std::function<void(const Argument&)> IfAlive(void (Job::*method)(const Argument&)) {
-    return [weak = weak_from_this(), method](const Argument& argument) {
-      const auto self = weak.lock();
-      if (self && !self->IsDone()) {
-        (self.get()->*method)(argument);
-      }
-    };
-  }
-
-  void OnConnected(const OptionalError& error) {
-    if (error) {
-      Fail(kNotStarted, error->message);
-    }
-  }
-
-  void OnDisconnected(const OptionalError& error) {
-    Fail(kTaskLost, error ? error->message : "its channel was closed");
-  }
-
-  void OnProgress(const vorpc::Message::Notification& progress) { emit_(progress.params); }
-
-  void RequestMore() {
+  void CallMore() {
     if (finished_ == paths_.size()) {
       Finish()->Success();
       return;
     }
-    while (requested_ < paths_.size() && requested_ - finished_ < kRequestsInFlight) {
-      Request(static_cast<std::int32_t>(requested_++));
+    while (called_ < paths_.size() && called_ - finished_ < kCallsInFlight) {
+      Hash(static_cast<std::int32_t>(called_++));
     }
   }
 
-  void Request(std::int32_t file) {
-    client_->SendRequest(
-        "hash", cw::EncodableMap{{"file", file}, {"path", paths_[static_cast<std::size_t>(file)]}},
-        [weak = weak_from_this(), file](const vorpc::Message::Response& response) {
-          const auto self = weak.lock();
-          if (self && !self->IsDone()) {
-            self->OnResponse(file, response);
-          }
-        });
+  // A file takes as long as it takes: its call ends with the task, or when the user cancels.
+  void Hash(std::int32_t file) {
+    const auto* const path = std::get_if<Bytes>(&paths_[static_cast<std::size_t>(file)]);
+    const auto call = caller_->Call(kHash, path != nullptr ? *path : Bytes(),
+                                    tarv::CallOptions().Timeout(tarv::kForever));
+    call.OnProgress([this, file](Step step) {
+      emit_(cw::EncodableMap{{"file", file}, {"bytes", step.bytes}});
+    });
+    call.Then([weak = weak_from_this(), file](tarv::Outcome<Bytes> outcome) {
+      const auto self = weak.lock();
+      if (self && !self->IsDone()) {
+        self->OnEnd(file, std::move(outcome));
+      }
+    });
   }
 
-  void OnResponse(std::int32_t file, const vorpc::Message::Response& response) {
-    if (cancelled_) {
-      Fail(kCancelled, "The work was cancelled.");
+  void OnEnd(std::int32_t file, tarv::Outcome<Bytes> outcome) {
+    if (outcome) {
+      emit_(cw::EncodableMap{{"file", file}, {"sha256", *std::move(outcome)}});
+    } else if (outcome.GetError().GetReason() == tarv::CallReason::kAnswered) {
+      emit_(cw::EncodableMap{{"file", file}, {"error", outcome.GetError().GetMessage()}});
+    } else {
+      FailWith(outcome.GetError());
       return;
     }
-    const auto* const error = response.GetError();
-    emit_(error != nullptr ? cw::EncodableMap{{"file", file}, {"error", error->message}}
-                           : cw::EncodableMap{{"file", file}, {"sha256", *response.GetResult()}});
     ++finished_;
-    RequestMore();
+    CallMore();
+  }
+
+  void FailWith(const tarv::CallError& error) {
+    using tarv::CallReason;
+    const bool started = error.GetReason() != CallReason::kNotStarted &&
+                         error.GetReason() != CallReason::kNeverConnected;
+    Fail(started ? kTaskLost : kNotStarted, error.what());
   }
 
   void Fail(const std::string& code, const std::string& message) { Finish()->Error(code, message); }
 
-  // Lets the task go; the last answer is then up to the caller.
+  // Lets the task go, and with it the open calls; the last answer is then up to the caller.
   Result Finish() {
-    client_.reset();
-    return std::move(result_);
+    Result result = std::move(result_);
+    caller_.reset();
+    return result;
   }
 
   const cw::EncodableList paths_;
   Result result_;  // empty once the call is answered
   const Emit emit_;
-  std::shared_ptr<vorpc::IClient> client_;
-  std::size_t requested_ = 0;
+  std::optional<tarv::Caller> caller_;
+  std::size_t called_ = 0;
   std::size_t finished_ = 0;
-  bool cancelled_ = false;
 };
 
 class ApplicationPlugin : public cw::Plugin {
@@ -161,7 +134,7 @@ class ApplicationPlugin : public cw::Plugin {
     calls_.SetMethodCallHandler(nullptr);
     events_.SetStreamHandler(nullptr);
     if (job_) {
-      job_->Abandon();
+      job_->Cancel("The application ends.");
     }
   }
 
@@ -171,7 +144,7 @@ class ApplicationPlugin : public cw::Plugin {
       Hash(*call.GetArguments()->AsList(), std::move(result));
     } else if (call.GetMethodName() == "cancel") {
       if (job_) {
-        job_->Cancel();
+        job_->Cancel("The work was cancelled.");
       }
       result->Success();
     } else {

@@ -2,13 +2,16 @@
 
 #include <cw/plugin.h>
 #include <cw/plugin_registrar.h>
+#include <tarv/calls/service.h>
+#include <tarv/calls/workers.h>
 #include <tarv/manager_wrapper.h>
 
+#include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <iostream>
 #include <memory>
-#include <utility>
+#include <string>
+#include <system_error>
 
 #include "../names.h"
 #include "hasher.h"
@@ -16,55 +19,49 @@
 namespace checksums {
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
+using Clock = std::chrono::steady_clock;
+
+// What an eye can follow.
+constexpr std::chrono::milliseconds kStepInterval{100};
+
+// On one of the workers. A request that the application has cancelled ends at the next slice.
+Bytes Hash(const Bytes& path, const tarv::Running<Step>& running) {
+  auto reported = Clock::now();
+  try {
+    return HashFile(std::string(path.begin(), path.end()), [&](std::int64_t bytes) {
+      if (Clock::now() - reported >= kStepInterval) {
+        reported = Clock::now();
+        running.Progress({bytes});
+      }
+      return !running.IsCancelled();
+    });
+  } catch (const std::system_error& error) {
+    throw tarv::RequestError(kCannotRead, error.code().message(),
+                             cw::EncodableMap{{"errno", error.code().value()}});
+  }
+}
 
 class TaskPlugin : public cw::Plugin {
  public:
   explicit TaskPlugin(cw::PluginRegistrar* registrar)
       : manager_(tarv::ManagerWrapper::Create(registrar)),
-        server_(manager_ ? manager_->CreateRpcServer() : nullptr) {}
+        service_(tarv::Service::For(manager_ ? manager_->CreateRpcServer() : nullptr)) {}
 
   // False when the library cannot be used.
   bool Serve() {
-    if (!server_) {
+    if (!service_) {
       return false;
     }
-    server_->OnRequest(
-        "hash", [this](const std::string&, const cw::EncodableValue& params,
-                       std::unique_ptr<vorpc::IReply>&& reply) { Hash(params, std::move(reply)); });
-    server_->OnNotify("cancel", [this](const auto&) { hasher_.DropAll(); });
-    server_->Run();
+    service_->On(kHash, workers_, Hash);
+    service_->Run();
     return true;
   }
 
  private:
-  void Hash(const cw::EncodableValue& params, std::unique_ptr<vorpc::IReply> unique_reply) {
-    const auto* const path = params.Find<Bytes>("path");
-    const auto* const file = params.Find("file");
-    if (path == nullptr || file == nullptr) {
-      unique_reply->SendError(kCannotRead, "A request names its file and its path.", {});
-      return;
-    }
-    const std::shared_ptr<vorpc::IReply> reply = std::move(unique_reply);
-    hasher_.Add(
-        {std::string(path->begin(), path->end()),
-         [this, number = *file](std::uint64_t bytes) { SendProgress(number, bytes); },
-         [reply](Bytes sha256) { reply->SendResult(std::move(sha256)); },
-         [reply](int error) {
-           reply->SendError(kCannotRead, std::strerror(error), cw::EncodableMap{{"errno", error}});
-         },
-         [reply] { reply->SendError(kDropped, "The work was cancelled.", {}); }});
-  }
-
-  void SendProgress(const cw::EncodableValue& file, std::uint64_t bytes) const {
-    server_->SendNotify(
-        "progress", cw::EncodableMap{{"file", file}, {"bytes", static_cast<std::int64_t>(bytes)}});
-  }
-
   // Objects go before the manager that made them.
   std::unique_ptr<tarv::ManagerWrapper> manager_;
-  std::shared_ptr<vorpc::IServer> server_;
-  Hasher hasher_;
+  std::shared_ptr<tarv::Service> service_;
+  tarv::Workers workers_{1};  // files come from one disk, one after another
 };
 
 }  // namespace
