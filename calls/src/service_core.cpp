@@ -2,6 +2,7 @@
 
 #include <cw/codec_limits.h>
 #include <tarv/calls/resuming.h>
+#include <tarv/version.h>
 
 #include <stdexcept>
 #include <utility>

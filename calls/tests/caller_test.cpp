@@ -538,6 +538,53 @@ TEST_F(CallerTest, RunsCallbacksOfOtherThreadsCallsOnItsLoop) {
   EXPECT_EQ(ran_on, std::this_thread::get_id());
 }
 
+// What somebody else's client may be: it has no ids to tell.
+class PlainClient final : public vorpc::IClient {
+ public:
+  explicit PlainClient(std::shared_ptr<vorpc::IClient> client) : client_(std::move(client)) {}
+
+  bool IsConnected() const override { return client_->IsConnected(); }
+  bool HasConnectionFailed() const override { return client_->HasConnectionFailed(); }
+  void Run() override { client_->Run(); }
+  void OnConnected(
+      std::function<void(const std::optional<vorpc::Message::Error>&)>&& callback) override {
+    client_->OnConnected(std::move(callback));
+  }
+  void OnDisconnected(
+      std::function<void(const std::optional<vorpc::Message::Error>&)>&& callback) override {
+    client_->OnDisconnected(std::move(callback));
+  }
+  void SendRequest(std::string_view method, const cw::EncodableValue& params,
+                   std::function<void(const vorpc::Message::Response&)>&& callback) override {
+    client_->SendRequest(method, params, std::move(callback));
+  }
+  void SendNotify(std::string_view method, const cw::EncodableValue& params) override {
+    client_->SendNotify(method, params);
+  }
+  void OnNotify(std::string_view method,
+                std::function<void(const vorpc::Message::Notification&)>&& callback) override {
+    client_->OnNotify(method, std::move(callback));
+  }
+
+ private:
+  const std::shared_ptr<vorpc::IClient> client_;
+};
+
+TEST_F(CallerTest, EndsItsCallsAlsoWithAClientThatTellsNoIds) {
+  caller_ = std::make_unique<tarv::Caller>(std::make_shared<PlainClient>(link_.client), link_.loop);
+  link_.server->Run();
+  const Ending<std::int32_t> good(caller_->Call(kNext));
+  const Ending<void> late(caller_->Call(kPing, CallOptions().Timeout(1s)));
+  link_.Pump();
+  replies_.at(0)->SendResult(1);
+  link_.loop->Advance(1s);
+  replies_.at(1)->SendResult({});
+  link_.Pump();
+  EXPECT_EQ(*good.Get(), 1);
+  EXPECT_EQ(late.GetReason(), CallReason::kTimedOut);
+  EXPECT_EQ(late.Count(), 1U);
+}
+
 using CallerDeathTest = CallerTest;
 
 TEST_F(CallerDeathTest, StopsAtASecondConsumer) {
