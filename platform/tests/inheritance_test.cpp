@@ -78,7 +78,7 @@ TEST_F(TaskInherits, TheInterruptsOfItsProgramsTerminal) {
   ASSERT_NE(group, ::getpgrp());
   ASSERT_EQ(::kill(-group, SIGINT), 0);
   EXPECT_TRUE(WaitForFile(PathOf("end"), "interrupted"));
-  program.Wait();
+  EXPECT_EQ(program.Wait(), SIGINT) << "the group is the program's own";
   for (const QString& left : SocketFiles()) {
     QFile::remove(RuntimeFolder() + '/' + left);
   }

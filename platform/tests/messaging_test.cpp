@@ -293,7 +293,7 @@ TEST_F(Messaging, AreReadToTheEndWhenTheTaskStopsReading) {
   TaskMessaging messaging(task->socketPath());
   Inbox inbox(&messaging);
   // Without a turn of the event loop in between: the failed write comes before the messages.
-  while (ReadFile(PathOf("sent")).isEmpty()) {
+  for (int i = 0; i < 60000 && ReadFile(PathOf("sent")).isEmpty(); ++i) {
     ::usleep(1000);
   }
   messaging.sendMessage(Data("anybody there?"));
@@ -720,13 +720,14 @@ TEST_F(ServerEnd, SendsTheAnswersToABatchInTheirOrderWhateverTheyAre) {
   std::vector<QByteArray> lines;
   std::atomic<bool> is_read{false};
   std::thread reader([&lines, &is_read, peer] {
-    for (int i = 0; i < 6 * kMessages; ++i) {
+    do {
       lines.push_back(ReadLineFrom(peer));
-    }
+    } while (lines.size() < 6 * kMessages && !lines.back().isEmpty());
     is_read = true;
   });
   EXPECT_TRUE(RunUntil([&is_read] { return is_read.load(); }));
   reader.join();
+  ASSERT_EQ(lines.size(), 6U * kMessages);
   const QByteArray small = R"({"data":"small"})";
   for (std::size_t i = 0; i < lines.size(); i += 6) {
     EXPECT_EQ(lines[i], small);

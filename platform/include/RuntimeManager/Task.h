@@ -20,7 +20,8 @@ namespace RuntimeManager {
 // lives as long as they shall.
 //
 // When the application leaves, by exit() too, all its tasks are told at once, and one deadline of 3
-// seconds holds for all. A forked copy of the process does nothing to them.
+// seconds holds for all. A forked copy of the process does nothing to them; what it begins itself,
+// with any class of the runtime manager, is refused (kWrongState).
 //
 // Destroying a Task whose process still runs asks the process to end (SIGTERM, then SIGKILL) and
 // forgets it: no completion is called and nothing is emitted any more. A Task may be destroyed from
