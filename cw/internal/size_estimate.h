@@ -1,4 +1,4 @@
-// How large a value will be when it is encoded.
+// Estimates how large a value will be when it is encoded.
 #ifndef CW_INTERNAL_SIZE_ESTIMATE_H
 #define CW_INTERNAL_SIZE_ESTIMATE_H
 
@@ -9,7 +9,7 @@
 namespace cw {
 
 // The bytes to reserve for the value's encoding, which spares what takes them from growing in
-// steps. Judges long lists and maps by a few of their items, and looks at few values in all.
+// steps. Looks at few values: items of long lists and maps count as what they take in memory.
 std::size_t EstimateEncodedSize(const EncodableValue& value);
 
 }  // namespace cw
