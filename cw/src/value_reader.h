@@ -1,4 +1,4 @@
-// How values are read.
+// Reads values from the streams of a message.
 #ifndef CW_SRC_VALUE_READER_H
 #define CW_SRC_VALUE_READER_H
 
@@ -89,7 +89,7 @@ T ReadNumber(Stream* stream) {
 }
 
 template <class Stream>
-std::size_t ReadSizeFrom(Stream* stream) {
+inline std::size_t ReadSizeFrom(Stream* stream) {
   const std::uint8_t first = stream->ReadByte();
   if (first == kSizeIs16Bit) {
     return ReadNumber<std::uint16_t>(stream);
@@ -140,7 +140,7 @@ inline EncodableValue ReadChars(std::size_t length, Base64StreamReader* stream) 
 }
 
 template <class Stream>
-EncodableValue ReadText(Stream* stream) {
+inline EncodableValue ReadText(Stream* stream) {
   const std::size_t length = ReadSizeFrom(stream);
   ClaimBlock(length, 1, stream);
   return ReadChars(length, stream);
@@ -238,7 +238,7 @@ struct NextItem {
 };
 
 template <class Source>
-EncodableValue ReadList(Source source) {
+inline EncodableValue ReadList(Source source) {
   const std::size_t size = ReadSizeFrom(source.stream);
   AnnouncedItems items(size, kListItemMinSize, source.stream);
   EncodableValue value{EncodableList()};
@@ -251,7 +251,7 @@ EncodableValue ReadList(Source source) {
 }
 
 template <class Source>
-EncodableValue ReadMap(Source source) {
+inline EncodableValue ReadMap(Source source) {
   const std::size_t size = ReadSizeFrom(source.stream);
   AnnouncedItems entries(size, kMapEntryMinSize, source.stream);
   EncodableValue value{EncodableMap()};

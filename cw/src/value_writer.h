@@ -1,4 +1,4 @@
-// How values are written.
+// Writes values to the sinks of a message.
 #ifndef CW_SRC_VALUE_WRITER_H
 #define CW_SRC_VALUE_WRITER_H
 
@@ -56,7 +56,7 @@ void WriteHeader(TypeByte type, std::size_t size, Sink& sink) {
 }
 
 template <class Sink>
-void WriteText(std::string_view text, Sink& sink) {
+inline void WriteText(std::string_view text, Sink& sink) {
   if (sink.PutShortText(text)) {
     return;
   }

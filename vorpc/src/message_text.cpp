@@ -62,16 +62,21 @@ Message FromBytes(const std::uint8_t* data, std::size_t size) {
   return details::MakeMessage(reader.GetMembers());
 }
 
-// Texts above are decoded as they are read: their bytes as a whole would be a second large block
-// of memory, and its pages cost more than what they hold.
-constexpr std::size_t kLongText = 65536;
+// Texts up to here are decoded on the stack, which spares an allocation. Longer ones are decoded as
+// they are read: their bytes as a whole would be a second large block of memory, and its pages cost
+// more than what they hold.
+constexpr std::size_t kLongestOnStack = 65536;
 
-Message FromWholeBytes(std::string_view text) {
-  const auto bytes = quarn::base64::DecodeToBytes(text.data(), text.size());
-  return bytes ? FromBytes(bytes->data(), bytes->size()) : details::MakeUnreadable();
+Message FromShortText(std::string_view text) {
+  alignas(std::uint64_t) std::array<std::uint8_t, kLongestOnStack / 4 * 3> bytes;
+  const auto size = quarn::base64::DecodedSize(text.data(), text.size());
+  if (!size || !quarn::base64::Decode(text.data(), text.size(), bytes.data())) {
+    return details::MakeUnreadable();
+  }
+  return FromBytes(bytes.data(), *size);
 }
 
-// The same without the bytes as a whole. None, with nothing reported, for a text with any fault.
+// Without the bytes as a whole. None, with nothing reported, for a text with any fault.
 std::optional<Message> FromFlawlessText(std::string_view text) {
   if (!quarn::base64::DecodedSize(text.data(), text.size())) {
     return std::nullopt;
@@ -89,9 +94,16 @@ std::optional<Message> FromFlawlessText(std::string_view text) {
   return details::MakeMessage(reader.GetMembers());
 }
 
+Message FromLongText(std::string_view text) {
+  if (auto message = FromFlawlessText(text)) {
+    return *std::move(message);
+  }
+  const auto bytes = quarn::base64::DecodeToBytes(text.data(), text.size());
+  return bytes ? FromBytes(bytes->data(), bytes->size()) : details::MakeUnreadable();
+}
+
 Message FromText(std::string_view text) {
-  auto message = text.size() > kLongText ? FromFlawlessText(text) : std::nullopt;
-  return message ? *std::move(message) : FromWholeBytes(text);
+  return text.size() > kLongestOnStack ? FromLongText(text) : FromShortText(text);
 }
 
 }  // namespace
