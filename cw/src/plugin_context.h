@@ -1,4 +1,4 @@
-// How the wrappers get at what a plug-in context offers.
+// Reads the fields and loads the tables that a plug-in context offers.
 #ifndef CW_SRC_PLUGIN_CONTEXT_H
 #define CW_SRC_PLUGIN_CONTEXT_H
 

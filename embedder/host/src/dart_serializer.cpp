@@ -13,7 +13,7 @@ bool IsEmptyListOf(const cw::EncodableValue& value) {
   return list != nullptr && list->empty();
 }
 
-// What the items of an empty list would be aligned to; 0 for other values.
+// The alignment of the items of an empty typed list; 0 for other values.
 std::uint8_t AlignmentOfEmptyList(const cw::EncodableValue& value) {
   if (IsEmptyListOf<std::int32_t>(value) || IsEmptyListOf<float>(value)) {
     return 4;

@@ -80,7 +80,7 @@ void EngineState::SetRegistrarDestroyedCallback(FlutterVeltraRegistrarDestroyedC
 void EngineState::End() {
   // Replies first, while the plug-ins that wait for them are there.
   Get<Messenger>().End();
-  // What a dying plug-in does may make a registrar anew, which is told, too.
+  // A plug-in that dies may make a new registrar, which is told, too.
   while (!on_destroyed_.empty()) {
     for (const auto callback : std::exchange(on_destroyed_, {})) {
       callback(GetRef());

@@ -90,7 +90,7 @@ void PlatformThread::End() {
   if (receiver == nullptr) {
     return;
   }
-  // What the tasks own is destroyed here, with no lock held: it may call back.
+  // The tasks are destroyed here, with no lock held: what they own may call back.
   QCoreApplication::removePostedEvents(receiver);
   const auto delayed = std::exchange(delayed_, {});
   if (running_ == 0) {

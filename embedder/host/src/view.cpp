@@ -10,7 +10,7 @@
 namespace veltra::host {
 namespace {
 
-// What the lock of a plug-in's holds on to.
+// The engine and the resources that a plug-in's lock keeps alive.
 struct LockData {
   _FlutterVeltraEngine* engine;
   std::shared_ptr<const void> resources;  // for what is read after the engine's end
