@@ -1,7 +1,8 @@
 #include "assert.h"
 
+#include <cw/diagnostics.h>
+
 #include <cstdlib>
-#include <iostream>
 #include <string>
 
 namespace cw::internal {
@@ -12,7 +13,7 @@ void FailAssertion(std::string_view condition, std::string_view location,
   std::string line(location);
   line.append(": Assertion \"").append(condition).append("\" failed: ");
   line.append(explanation).append("\n");
-  std::cerr << line << std::flush;
+  WriteDiagnostic(line);
   std::abort();
 }
 // GCOVR_EXCL_STOP

@@ -1,9 +1,9 @@
 #include <cw/binary_messenger.h>
+#include <cw/diagnostics.h>
 #include <quarn/library_api.h>
 #include <quarn/sized_struct.h>
 #include <quarn/slot.h>
 
-#include <iostream>
 #include <utility>
 
 #include "c_text.h"
@@ -29,7 +29,8 @@ class Responder {
 
   void Send(const std::uint8_t* data, std::size_t size) {
     if (std::exchange(answered_, true)) {
-      std::cerr << "Error: Response can be set only once. Ignoring duplicate response.\n";
+      internal::WriteDiagnostic(
+          "Error: Response can be set only once. Ignoring duplicate response.\n");
       return;
     }
     _FlutterVeltraResponse* const response = std::exchange(response_, nullptr);

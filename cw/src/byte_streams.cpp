@@ -1,6 +1,6 @@
 #include <cw/byte_streams.h>
+#include <cw/diagnostics.h>
 
-#include <iostream>
 #include <stdexcept>
 #include <string>
 
@@ -51,7 +51,7 @@ void FaultReports::Add(const std::string& line) {
 
 void FaultReports::Write() {
   if (!held_.empty()) {
-    std::cerr << held_;
+    WriteDiagnostic(held_);
     held_.clear();
   }
 }

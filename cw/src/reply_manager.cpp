@@ -1,6 +1,6 @@
+#include <cw/diagnostics.h>
 #include <cw/reply_manager.h>
 
-#include <iostream>
 #include <utility>
 
 #include "assert.h"
@@ -15,14 +15,15 @@ ReplyManager::ReplyManager(BinaryReply reply_handler) : reply_handler_(std::move
 
 ReplyManager::~ReplyManager() {
   if (reply_handler_) {
-    std::cerr << "Warning: Failed to respond to a message. This is a memory leak.\n";
+    WriteDiagnostic("Warning: Failed to respond to a message. This is a memory leak.\n");
   }
 }
 
 void ReplyManager::SendResponseData(const std::vector<std::uint8_t>* data) {
   if (!reply_handler_) {
-    std::cerr << "Error: Only one of Success, Error, or NotImplemented can be called,"
-                 " and it can be called exactly once. Ignoring duplicate result.\n";
+    WriteDiagnostic(
+        "Error: Only one of Success, Error, or NotImplemented can be called,"
+        " and it can be called exactly once. Ignoring duplicate result.\n");
     return;
   }
   // Taken out first: the function may come back here, throw, or destroy this object.

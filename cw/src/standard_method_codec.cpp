@@ -1,7 +1,7 @@
+#include <cw/diagnostics.h>
 #include <cw/internal/whole_message.h>
 #include <cw/method_codec.h>
 
-#include <iostream>
 #include <utility>
 
 #include "codec_registry.h"
@@ -100,7 +100,7 @@ std::unique_ptr<MethodCall<EncodableValue>> StandardMethodCodec::DecodeMethodCal
       [this](ByteBufferStreamReader* stream) { return ReadCall(*serializer_, stream); });
   auto* const text = std::get_if<std::string>(&name);
   if (text == nullptr) {
-    std::cerr << "Invalid method call; method name is not a string.\n";
+    internal::WriteDiagnostic("Invalid method call; method name is not a string.\n");
     return nullptr;
   }
   return std::make_unique<MethodCall<EncodableValue>>(std::move(*text), std::move(arguments));

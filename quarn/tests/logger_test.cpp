@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "fixtures/foreign_plugin.h"
+#include "support/broken_pipe.h"
 #include "support/capture.h"
 #include "support/log_line.h"
 
@@ -34,6 +35,7 @@ namespace {
 
 using quarn::logger::details::LogLevel;
 using quarn::logger::details::Printer;
+using tarv::test::BrokenPipe;
 using tarv::test::CaptureStdout;
 using tarv::test::IsLogLine;
 using tarv::test::Redirection;
@@ -341,26 +343,9 @@ bool IsPending(int signal) {
   return sigismember(&pending, signal) == 1;
 }
 
-// Makes standard output a pipe that nobody reads.
-class BrokenPipe {
- public:
-  BrokenPipe() {
-    std::array<int, 2> ends{};
-    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
-      throw std::runtime_error("cannot make a pipe");
-    }
-    close(ends[0]);
-    redirection_ = std::make_unique<Redirection>(STDOUT_FILENO, ends[1]);
-    close(ends[1]);
-  }
-
- private:
-  std::unique_ptr<Redirection> redirection_;
-};
-
 TEST(Logger, OutlivesAPipeThatNobodyReads) {
   signal(SIGPIPE, SIG_DFL);
-  const BrokenPipe pipe;
+  const BrokenPipe pipe(STDOUT_FILENO);
   PrintLine(LogLevel::Error, " file.cpp:1 ", "lost");
   PrintLine(LogLevel::Error, " file.cpp:1 ", std::string(100'000, 'x'));
   EXPECT_FALSE(IsBlocked(SIGPIPE));
@@ -368,7 +353,7 @@ TEST(Logger, OutlivesAPipeThatNobodyReads) {
 }
 
 TEST(Logger, LeavesTheSignalsOfABrokenPipeAsTheThreadHasThem) {
-  const BrokenPipe pipe;
+  const BrokenPipe pipe(STDOUT_FILENO);
   sigset_t set;
   sigemptyset(&set);
   sigaddset(&set, SIGPIPE);

@@ -14,6 +14,7 @@
 #define CW_EVENT_CHANNEL_H
 
 #include <cw/binary_messenger.h>
+#include <cw/diagnostics.h>
 #include <cw/encodable_value.h>
 #include <cw/method_call.h>
 #include <cw/method_channel.h>
@@ -24,7 +25,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <iostream>
 #include <memory>
 #include <string>
 #include <utility>
@@ -191,8 +191,7 @@ class TARV_EXPORT StreamEndpoint {
   void OnMessage(const std::uint8_t* message, std::size_t size, const BinaryReply& reply) {
     const auto call = DecodeCall(*codec_, message, size);
     if (!call) {
-      std::cerr << "Error: a message on the channel \"" << quarn::Escaped{channel_}
-                << "\" is no method call.\n";
+      ReportNoMethodCall(channel_);
       reply(nullptr, 0);
     } else if (call->GetMethodName() == "listen") {
       Answer(Listen(call->GetArguments()), reply);

@@ -8,19 +8,18 @@
 #define CW_METHOD_CHANNEL_H
 
 #include <cw/binary_messenger.h>
+#include <cw/diagnostics.h>
 #include <cw/encodable_value.h>
 #include <cw/method_call.h>
 #include <cw/method_codec.h>
 #include <cw/method_result.h>
 #include <cw/reply_manager.h>
 #include <quarn/buffer.h>
-#include <quarn/escaped.h>
 #include <quarn/export.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <iostream>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -184,8 +183,7 @@ class TARV_EXPORT MethodChannel {
                    const std::uint8_t* message, std::size_t size, BinaryReply reply) {
           const auto call = internal::DecodeCall(*codec, message, size);
           if (!call) {
-            std::cerr << "Error: a message on the channel \"" << quarn::Escaped{name}
-                      << "\" is no method call.\n";
+            internal::ReportNoMethodCall(name);
             reply(nullptr, 0);
             return;
           }
