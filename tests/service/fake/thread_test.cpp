@@ -8,13 +8,13 @@
 #include <QEventLoop>
 #include <QThread>
 #include <QTimer>
-#include <atomic>
 #include <chrono>
 #include <future>
 #include <thread>
 #include <vector>
 
 #include "fake_platform.h"
+#include "kit/flood.h"
 
 namespace tarv::test {
 namespace {
@@ -109,24 +109,15 @@ class Sending : public FakePlatform {
 
 constexpr auto kPatience = std::chrono::seconds(60);
 
+constexpr char kAllRefused[] = "refused 8, done 0, otherwise 0";
+
 TEST_F(Sending, ByManyThreadsWhileTheClientIsReleasedEndsInARefusal) {
   Start().complete_start({});
-  std::atomic<int> sent{0};
-  std::vector<std::future<void>> threads;
-  for (int i = 0; i < 8; ++i) {
-    threads.push_back(std::async(std::launch::async, [this, &sent] {
-      while (table_.SendMessage(client_, "hello") == QUARN_RESULT_SUCCESS) {
-        ++sent;
-      }
-    }));
-  }
-  while (sent < 1000) {
-    std::this_thread::yield();
-  }
+  Flood flood;
+  flood.Start([this] { return table_.SendMessage(client_, "hello"); });
+  flood.WaitUntilItFlows();
   table_.Release(client_);
-  for (auto& thread : threads) {
-    EXPECT_EQ(thread.wait_for(kPatience), std::future_status::ready);
-  }
+  EXPECT_EQ(flood.Join(), kAllRefused);
   Task::GetAll().at(0)->complete_stop({});
   RunDeferredDeletes();
   EXPECT_EQ(log_.back(), "released");
@@ -135,22 +126,11 @@ TEST_F(Sending, ByManyThreadsWhileTheClientIsReleasedEndsInARefusal) {
 TEST_F(Sending, ByManyThreadsWhileTheServerEndsEndsInARefusal) {
   _TARVRpcServerRef* const server = root_.GetRpcServer(manager_);
   server_table_.Run(server, nullptr);
-  std::atomic<int> sent{0};
-  std::vector<std::future<void>> threads;
-  for (int i = 0; i < 8; ++i) {
-    threads.push_back(std::async(std::launch::async, [this, &sent, server] {
-      while (server_table_.SendMessage(server, "hello") == QUARN_RESULT_SUCCESS) {
-        ++sent;
-      }
-    }));
-  }
-  while (sent < 1000) {
-    std::this_thread::yield();
-  }
+  Flood flood;
+  flood.Start([this, server] { return server_table_.SendMessage(server, "hello"); });
+  flood.WaitUntilItFlows();
   root_.Release(manager_);
-  for (auto& thread : threads) {
-    EXPECT_EQ(thread.wait_for(kPatience), std::future_status::ready);
-  }
+  EXPECT_EQ(flood.Join(), kAllRefused);
 }
 
 // A send that has begun on another thread, and goes on when Finish() says so.
