@@ -1,5 +1,5 @@
-# Compiles the service against an installed runtime manager whose classes are larger than the bundled
-# ones: nothing of the bundled one may be compiled against.
+# Builds libtarv.so for an installed runtime manager whose classes are larger than the bundled ones,
+# and runs a program with it: nothing of the bundled one may be compiled against.
 #   PACKAGE: cmake (without the members that a platform may lack) or pkgconfig (with them)
 function(run)
   execute_process(COMMAND ${ARGN} RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
@@ -10,8 +10,9 @@ function(run)
 endfunction()
 
 set(prefix "${BINARY}/prefix")
-set(common -G "Unix Makefiles" "-DCMAKE_CXX_COMPILER=${COMPILER}"
-  "-DCMAKE_CXX_COMPILER_LAUNCHER=${LAUNCHER}")
+# The flags of the tests' own build: a compiler cache knows most of the library then.
+set(common -G Ninja "-DCMAKE_CXX_COMPILER=${COMPILER}" "-DCMAKE_CXX_COMPILER_LAUNCHER=${LAUNCHER}"
+  "-DCMAKE_BUILD_TYPE=${BUILD_TYPE}" "-DCMAKE_CXX_FLAGS_DEBUG=${DEBUG_FLAGS}")
 file(REMOVE_RECURSE "${BINARY}")
 if(PACKAGE STREQUAL "cmake")
   set(optional OFF)
@@ -26,34 +27,36 @@ run("${CMAKE_COMMAND}" -S "${SOURCE}/stub" -B "${BINARY}/stub" ${common} "-DSTUB
 run("${CMAKE_COMMAND}" --build "${BINARY}/stub")
 run("${CMAKE_COMMAND}" -S "${PROJECT}" -B "${BINARY}/tarv" ${common} -DTARV_RUNTIME_MANAGER=system
   -DTARV_BUILD_TESTS=OFF -DTARV_WERROR=ON "-DCMAKE_PREFIX_PATH=${prefix}")
-# Only the service: the rest knows nothing of the runtime manager.
-run(make -C "${BINARY}/tarv" -j2 tarv_service/fast)
+run("${CMAKE_COMMAND}" --build "${BINARY}/tarv" --target tarv)
 
-# The names of the files that each object was compiled from.
-file(GLOB dependencies "${BINARY}/tarv/src/CMakeFiles/tarv_service.dir/*.d")
-set(found FALSE)
-foreach(file ${dependencies})
-  file(READ "${file}" text)
-  if(text MATCHES "${PROJECT}/platform/[^ \n]*")
-    message(FATAL_ERROR "${file}: compiled against the bundled ${CMAKE_MATCH_0}")
-  endif()
-  if(text MATCHES "${prefix}/include/RuntimeManager/Task.h")
-    set(found TRUE)
-  endif()
-endforeach()
-if(NOT found)
+# The names of the files that the objects were compiled from.
+run("${CMAKE_COMMAND}" --build "${BINARY}/tarv" -- -t deps)
+if(output MATCHES "${PROJECT}/platform/[^ \n]*")
+  message(FATAL_ERROR "something is compiled against the bundled ${CMAKE_MATCH_0}")
+endif()
+if(NOT output MATCHES "/prefix/include/RuntimeManager/Task.h")
   message(FATAL_ERROR "nothing is compiled against the package in ${prefix}")
 endif()
 
 # What is optional is used where it is there: the symbols that the service asks for.
-execute_process(COMMAND nm -C "${BINARY}/tarv/lib/libtarv_service.a" OUTPUT_VARIABLE symbols)
+run(nm -C "${BINARY}/tarv/lib/libtarv.so")
 foreach(member TaskMessaging::sendData TaskMessaging::dataReceived TaskMessaging::disconnected
         Task::finished)
   set(there OFF)
-  if(symbols MATCHES "U RuntimeManager::${member}")
+  if(output MATCHES "U RuntimeManager::${member}")
     set(there ON)
   endif()
   if(NOT there STREQUAL optional)
     message(FATAL_ERROR "the service uses ${member}: ${there}; it is in the package: ${optional}")
   endif()
 endforeach()
+
+# Whoever made an object too small finds it out at the latest when that object ends.
+run("${CMAKE_COMMAND}" -S "${SOURCE}/user" -B "${BINARY}/user" ${common} "-DTARV=${PROJECT}"
+  "-DTARV_BUILD=${BINARY}/tarv")
+run("${CMAKE_COMMAND}" --build "${BINARY}/user")
+run("${BINARY}/user/user")
+set(expected "opened: yes\nthe starter says hello\nstarted with 0\nthe task says hello\nreleased\n")
+if(NOT output STREQUAL expected)
+  message(FATAL_ERROR "the program says:\n${output}instead of:\n${expected}")
+endif()
