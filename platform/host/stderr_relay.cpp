@@ -211,7 +211,7 @@ QString StderrRelay::LastLines() const {
   for (int line = 0; line < kTailLines && start >= 0; ++line) {
     start = start == 0 ? -1 : text.lastIndexOf('\n', start - 1);
   }
-  return EscapedTail(text.mid(start + 1), kTailBytes);
+  return EscapedTail(text.mid(start + 1).replace('\n', " | "), kTailBytes);
 }
 
 }  // namespace RuntimeManager::host

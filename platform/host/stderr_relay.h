@@ -41,8 +41,8 @@ class StderrRelay {
   void FinishNow(int limit_ms);
   // Whether the relay holds something that is still to be forwarded.
   bool HasPending() const { return !pending_.isEmpty(); }
-  // The last lines, escaped, so in one line, without the last one's end; empty when the task wrote
-  // nothing.
+  // The last lines in one: escaped, with " | " between them, and without the last one's end; empty
+  // when the task wrote nothing.
   QString LastLines() const;
 
  private:

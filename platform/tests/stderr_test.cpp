@@ -58,7 +58,7 @@ TEST_F(TaskStderr, IsQuotedInOneLineWithoutControlCharacters) {
   AddShellTask("task", "printf '\\033[2Jfirst\\nsecond \\377\\r\\n' >&2; exit 1");
   const StderrPipe pipe;
   EXPECT_THAT(RunToItsEnd("task"),
-              testing::EndsWith("; its last words: \\x1b[2Jfirst\\nsecond \\xff\\x0d"));
+              testing::EndsWith("; its last words: \\x1b[2Jfirst | second \\xff\\x0d"));
 }
 
 TEST_F(TaskStderr, IsQuotedWithItsEndWhenItIsLong) {

@@ -216,7 +216,7 @@ TEST_F(Checksums, SayInOneLineHowATaskEndedThatHadMuchToSay) {
   EXPECT_THAT(program.GetError(), StartsWith("one\r\ntwo\r\n"));
   EXPECT_THAT(program.GetError(),
               HasSubstr("checksums: the task ended before its work was done: "));
-  EXPECT_THAT(program.GetError(), EndsWith(" one two\r\n"));
+  EXPECT_THAT(program.GetError(), EndsWith("; its last words: one | two\r\n"));
   EXPECT_EQ(CountLines(program.GetError()), 3);
 }
 
