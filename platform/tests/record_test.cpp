@@ -1,4 +1,6 @@
 // The file of the record: which may be used, and what is said about one that may not.
+#include <RuntimeManager/Task.h>
+#include <RuntimeManager/TaskMessaging.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
@@ -86,6 +88,24 @@ TEST_F(RecordFile, ThatCannotBeOpenedIsSaidOnceByEachProcess) {
                         "be used: No such file or directory"),
             2)
       << words.toStdString();
+}
+
+// The task gets a message, sends what no socket holds, and is gone; nobody reads.
+TEST_F(RecordFile, SaysNothingOfMessagesThatAreLostInTheQueue) {
+  const ScopedVariable trace("RUNTIME_MANAGER_TRACE", PathOf("trace").toUtf8());
+  AddHelperTask("flood");
+  Task task("flood");
+  task.withIpcSocket(true);
+  task.withArguments({"flood", "at-once"});
+  ExpectStarts(task);
+  TaskMessaging messaging(task.socketPath());
+  messaging.sendMessage(Data("go"));
+  for (int i = 0; i < 20000 && !QFile::exists(PathOf("flooded")); ++i) {
+    ::usleep(1000);
+  }
+  const QByteArray record = ReadFile(PathOf("trace"));
+  EXPECT_EQ(record.count(R"("direction":"receive","envelope":{"data":"go"}})"), 1);
+  EXPECT_EQ(record.count(R"({"data":"aaa)"), 0);
 }
 
 TEST_F(RecordFile, IsNoPipe) {

@@ -167,11 +167,15 @@ TEST_F(HeldAnswer, IsTakenAlongByWhatAnotherThreadSends) {
 TEST_F(HeldAnswer, LeavesBeforeAnEventLoopThatAHandlerRuns) {
   TaskMessaging messaging(listening_);
   const int peer = Connect();
+  bool has_third = false;
   bool has_come = false;
-  const auto second = [&has_come, peer] {
-    has_come = RunUntil([peer] { return HasCome(peer, 0); }, 20000);
+  const auto second = [&has_third] { RunUntil([&has_third] { return has_third; }); };
+  // The loop delivers this one, and would send what is held only afterwards.
+  const auto third = [&has_third, &has_come, peer] {
+    has_third = true;
+    has_come = HasCome(peer, 0);
   };
-  EXPECT_TRUE(Run(&messaging, peer, second, [] {}));
+  EXPECT_TRUE(Run(&messaging, peer, second, third));
   EXPECT_TRUE(has_come);
   ::close(peer);
 }
