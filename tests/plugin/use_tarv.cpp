@@ -8,7 +8,6 @@
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
-#include <vector>
 
 #include "check.h"
 
@@ -19,7 +18,8 @@ constexpr qint64 kPatience = 60'000;  // ms
 
 std::int32_t Add(vorpc::IClient& client) {
   std::int32_t sum = 0;
-  client.SendRequest("add", std::vector<std::int32_t>{20, 22}, [&sum](const auto& response) {
+  const cw::EncodableMap numbers{{"a", 20}, {"b", 22}};
+  client.SendRequest("add", numbers, [&sum](const auto& response) {
     sum = response.HasResult() ? std::get<std::int32_t>(*response.GetResult()) : -1;
   });
   client.Run();
