@@ -175,7 +175,7 @@ class details::KeptTaskCore final : public Supervisor,
   Loop::Time not_before_;
 };
 
-KeptTask::KeptTask(Factory factory, std::string name, const KeepPolicy& policy,
+KeptTask::KeptTask(Factory factory, const std::string& name, const KeepPolicy& policy,
                    std::shared_ptr<Loop> loop)
     : calls_(std::make_shared<details::CallerCore>(std::move(loop), OptionsFor(name, policy))),
       core_(std::make_shared<details::KeptTaskCore>(std::move(factory), policy, calls_)) {

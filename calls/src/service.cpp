@@ -22,7 +22,7 @@ Registry& GetRegistry() {
 
 }  // namespace
 
-std::shared_ptr<Service> Service::For(std::shared_ptr<vorpc::IServer> server,
+std::shared_ptr<Service> Service::For(const std::shared_ptr<vorpc::IServer>& server,
                                       std::shared_ptr<Loop> loop) {
   if (!server) {
     return nullptr;

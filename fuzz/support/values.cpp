@@ -36,8 +36,11 @@ cw::EncodableMap MakeMap(Script& script, int depth) {
   return map;
 }
 
-// Whether comparing the value with itself fails somewhere.
-bool HasNan(const cw::EncodableValue& value) { return !(value == value); }
+// A NaN, and what holds one, does not equal its copy.
+bool HasNan(const cw::EncodableValue& value) {
+  const cw::EncodableValue copy = value;
+  return !(copy == value);
+}
 
 bool HasUnorderedKeyIn(const cw::EncodableMap& map) {
   for (const auto& [key, item] : map) {

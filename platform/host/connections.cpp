@@ -250,7 +250,7 @@ void Dialer::State::Try() {
 }
 
 Error Dialer::State::Failure(int error_number) const {
-  const Error error =
+  Error error =
       SystemError(Error::kConnectFailed, QString("cannot connect to '%1'").arg(what), error_number);
   if (error_number != EAGAIN) {
     return error;

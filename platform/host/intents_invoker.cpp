@@ -21,7 +21,7 @@ namespace {
 
 // An owner that has not answered by then has forgotten the reply, most likely.
 constexpr std::size_t kDefaultTimeout = 30;
-constexpr std::size_t kLongestTimeout = 24 * 60 * 60;
+constexpr std::size_t kLongestTimeout = std::size_t{24} * 60 * 60;
 constexpr int kShownOfOwnersText = 1000;
 
 std::chrono::seconds Timeout() {

@@ -117,9 +117,10 @@ void CloseUnused() {
     CloseByLimit();
     return;
   }
-  while (CloseListed(folder) > 0) {
-    continue;
-  }
+  int closed = 0;
+  do {
+    closed = CloseListed(folder);
+  } while (closed > 0);
   ::close(folder);
 }
 

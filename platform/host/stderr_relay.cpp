@@ -186,8 +186,9 @@ void StderrRelay::FinishNow(int limit_ms) {
 
 void StderrRelay::TakeRest() {
   resume_.stop();
-  for (int i = 0; i < kChunksAtTheEnd && ReadChunk(); ++i) {
-    continue;
+  int left = kChunksAtTheEnd;
+  while (left > 0 && ReadChunk()) {
+    --left;
   }
   Close();
   Forward();

@@ -12,7 +12,7 @@ Message::ID Client::StartRequest(std::string_view method, const cw::EncodableVal
                                  ResponseCallback&& callback) {
   const auto self = KeepAlive();
   const std::uint64_t number = NextRequestNumber();
-  const Message::ID id = CreateRequestId(number);
+  Message::ID id = CreateRequestId(number);
   OptionalError end;
   quarn::details::AttemptAll(
       [&] {

@@ -61,7 +61,7 @@ class KeptTask {
   using Factory = std::function<std::shared_ptr<vorpc::IClient>()>;
   using NotificationHandler = std::function<void(const vorpc::Message::Notification&)>;
 
-  KeptTask(Factory factory, std::string name, const KeepPolicy& policy = {},
+  KeptTask(Factory factory, const std::string& name, const KeepPolicy& policy = {},
            std::shared_ptr<Loop> loop = Loop::OfThisThread());
   // The manager must outlive it.
   KeptTask(const ManagerWrapper& manager, const std::string& name, const KeepPolicy& policy = {},

@@ -156,7 +156,7 @@ class Service {
 
  public:
   // The service of this server, the same while anybody holds it. The loop is that of the first.
-  static std::shared_ptr<Service> For(std::shared_ptr<vorpc::IServer> server,
+  static std::shared_ptr<Service> For(const std::shared_ptr<vorpc::IServer>& server,
                                       std::shared_ptr<Loop> loop = Loop::OfThisThread());
   Service(const std::shared_ptr<vorpc::IServer>& server, std::shared_ptr<Loop> loop, PrivateTag);
   // Withdraws the methods, and destroys the coroutines that have not ended, whose requests are
