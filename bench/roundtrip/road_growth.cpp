@@ -31,11 +31,12 @@ void GrowTasks() {
   const std::string kase = "a request, one in flight, beside idle tasks";
   const auto manager = MakeManager();
   std::vector<std::unique_ptr<Road>> roads;
-  for (const std::size_t count : {1U, 8U, 64U}) {
+  for (const std::size_t count : {1U, 8U, 64U, 500U}) {
     while (roads.size() < count) {
       roads.push_back(std::make_unique<Road>(*manager));
     }
     MeasureSmall(*roads.front(), kase, std::to_string(count) + " tasks");
+    MeasureSmall(*roads.back(), kase, std::to_string(count) + " tasks, the newest asked");
   }
 }
 

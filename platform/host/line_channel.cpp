@@ -58,11 +58,10 @@ void LineChannel::Attach(UniqueFd socket) {
     return;
   }
   socket_ = socket.Get();
-  readable_ = std::make_unique<QSocketNotifier>(socket_, QSocketNotifier::Read);
+  readable_ = std::make_unique<QuietNotifier>(
+      socket_, [this] { OnReadable(); }, QuietNotifier::Use::kOften);
   writable_ = std::make_unique<QSocketNotifier>(socket_, QSocketNotifier::Write);
   writable_->setEnabled(false);
-  QObject::connect(readable_.get(), &QSocketNotifier::activated, &context_,
-                   [this] { OnReadable(); });
   QObject::connect(writable_.get(), &QSocketNotifier::activated, &context_,
                    [this] { OnWritable(); });
   queue_->Attach(std::move(socket));
@@ -168,7 +167,7 @@ void LineChannel::OnWritable() {
 void LineChannel::Close() {
   ended_ = is_ending_ = true;
   if (readable_ != nullptr) {
-    readable_->setEnabled(false);
+    readable_->SetEnabled(false);
     writable_->setEnabled(false);
   }
   queue_->Close();

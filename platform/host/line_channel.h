@@ -18,6 +18,7 @@
 
 #include "line_buffer.h"
 #include "message_limits.h"
+#include "quiet_notifier.h"
 #include "send_queue.h"
 #include "unique_fd.h"
 
@@ -90,7 +91,7 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   QObject context_;
   const std::shared_ptr<SendQueue> queue_;  // owns the socket
   int socket_ = -1;
-  std::unique_ptr<QSocketNotifier> readable_;
+  std::unique_ptr<QuietNotifier> readable_;
   std::unique_ptr<QSocketNotifier> writable_;
   LineBuffer input_;
   int line_warnings_ = 0;

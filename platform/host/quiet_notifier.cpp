@@ -25,10 +25,17 @@ class QuietNotifier::Hub {
   // False when the system has no room for another one.
   bool Add(int descriptor, QuietNotifier* notifier);
   void Remove(int descriptor);
+  // Those of often used descriptors that have a place of their own in the event loop.
+  bool TakePlace() { return places_ < kPlaces && ++places_ > 0; }
+  void GivePlaceBack() { --places_; }
 
  private:
   void OnReadable();
 
+  // So few cost an event loop next to nothing; one more system call for each message does.
+  static constexpr int kPlaces = 16;
+
+  int places_ = 0;
   UniqueFd epoll_;
   std::unique_ptr<QSocketNotifier> readable_;
   std::unordered_map<int, QuietNotifier*> notifiers_;  // by their descriptors
@@ -90,12 +97,28 @@ void QuietNotifier::Hub::OnReadable() {
   on_readable();
 }
 
-QuietNotifier::QuietNotifier(int descriptor, std::function<void()> on_readable)
+QuietNotifier::QuietNotifier(int descriptor, std::function<void()> on_readable, Use use)
     : descriptor_(descriptor), on_readable_(std::move(on_readable)), hub_(Hub::Get()) {
+  if (use == Use::kOften && hub_->TakePlace()) {
+    has_place_ = enabled_ = true;
+    MakeOwn();
+    return;
+  }
   SetEnabled(true);
 }
 
-QuietNotifier::~QuietNotifier() { SetEnabled(false); }
+QuietNotifier::~QuietNotifier() {
+  SetEnabled(false);
+  if (has_place_) {
+    hub_->GivePlaceBack();
+  }
+}
+
+void QuietNotifier::MakeOwn() {
+  own_ = std::make_unique<QSocketNotifier>(descriptor_, QSocketNotifier::Read);
+  QObject::connect(own_.get(), &QSocketNotifier::activated, own_.get(),
+                   [on_readable = on_readable_] { on_readable(); });
+}
 
 void QuietNotifier::SetEnabled(bool enabled) {
   if (enabled == enabled_) {
@@ -110,12 +133,9 @@ void QuietNotifier::SetEnabled(bool enabled) {
     hub_->Remove(descriptor_);
     return;
   }
-  if (hub_->Add(descriptor_, this)) {
-    return;
+  if (!hub_->Add(descriptor_, this)) {
+    MakeOwn();
   }
-  own_ = std::make_unique<QSocketNotifier>(descriptor_, QSocketNotifier::Read);
-  QObject::connect(own_.get(), &QSocketNotifier::activated, own_.get(),
-                   [on_readable = on_readable_] { on_readable(); });
 }
 
 }  // namespace RuntimeManager::host

@@ -15,7 +15,8 @@ namespace RuntimeManager::host {
 // is closed.
 class QuietNotifier {
  public:
-  QuietNotifier(int descriptor, std::function<void()> on_readable);
+  enum class Use { kSeldom, kOften };
+  QuietNotifier(int descriptor, std::function<void()> on_readable, Use use = Use::kSeldom);
   ~QuietNotifier();
   QuietNotifier(const QuietNotifier&) = delete;
   QuietNotifier& operator=(const QuietNotifier&) = delete;
@@ -25,11 +26,14 @@ class QuietNotifier {
  private:
   class Hub;
 
+  void MakeOwn();
+
   const int descriptor_;
   const std::function<void()> on_readable_;
   std::shared_ptr<Hub> hub_;              // of the thread
   std::unique_ptr<QSocketNotifier> own_;  // where the hub cannot take the descriptor
   bool enabled_ = false;
+  bool has_place_ = false;
 };
 
 }  // namespace RuntimeManager::host
