@@ -43,10 +43,10 @@ void EndWithStarter() {
     return;
   }
   static_cast<void>(IsForkedCopy());
-  // Goes with the process.
-  auto* const timer = new QTimer;
+  // Goes with the process, which keeps hold of it for tools that look for leaks.
+  static auto* const timer = new QTimer;
   QObject::connect(timer, &QTimer::timeout, timer,
-                   [timer, starter = GetActivation().starter] { Look(timer, starter); });
+                   [starter = GetActivation().starter] { Look(timer, starter); });
   timer->start(kLookMs);
 }
 
