@@ -13,9 +13,10 @@ namespace RuntimeManager {
 // Any thread.
 class Journal {
  public:
+  // Lives until the process has ended: what ends last is written down, too.
   static Journal& Get() {
-    static Journal journal;
-    return journal;
+    static auto* const journal = new Journal;
+    return *journal;
   }
 
   void Write(const QString& line) {
