@@ -36,11 +36,10 @@ cw::EncodableMap MakeMap(Script& script, int depth) {
   return map;
 }
 
-// A NaN, and what holds one, does not equal its copy.
-bool HasNan(const cw::EncodableValue& value) {
-  const cw::EncodableValue copy = value;
-  return !(copy == value);
-}
+bool AreEqual(const cw::EncodableValue& a, const cw::EncodableValue& b) { return a == b; }
+
+// A NaN, and what holds one, does not equal itself.
+bool HasNan(const cw::EncodableValue& value) { return !AreEqual(value, value); }
 
 bool HasUnorderedKeyIn(const cw::EncodableMap& map) {
   for (const auto& [key, item] : map) {
