@@ -39,6 +39,7 @@ class Task::Private {
   void OnRunning();
   void OnEnded(const ChildEnd& end);
   void OnNeverRan(const Error& error);
+  Error WhyEnded(const ChildEnd& end) const;
   void OnRanAndEnded(const ChildEnd& end);
   void CompleteStart(const Error& error);
   void CompleteStops(const Error& error);
@@ -205,15 +206,18 @@ void Task::Private::OnNeverRan(const Error& error) {
   TaskRegistry::Get().RemoveTask(path);
 }
 
-void Task::Private::OnRanAndEnded(const ChildEnd& end) {
-  const QPointer<Task> alive(owner);
-  const QString path = socket_path;
+Error Task::Private::WhyEnded(const ChildEnd& end) const {
   QString text = Title() + ' ' + end.how;
   if (!end.last_lines.isEmpty()) {
     text += "; its last words: " + end.last_lines;
   }
-  const Error why(end.killed ? Error::kTaskKilled : Error::kTaskExited, text);
+  return {end.killed ? Error::kTaskKilled : Error::kTaskExited, text};
+}
 
+void Task::Private::OnRanAndEnded(const ChildEnd& end) {
+  const QPointer<Task> alive(owner);
+  const QString path = socket_path;
+  const Error why = WhyEnded(end);
   if (start_completion) {
     OnRunning();
   }
