@@ -3,6 +3,8 @@
 
 #include <cmath>
 #include <limits>
+#include <type_traits>
+#include <variant>
 
 namespace tarv::details {
 
@@ -20,38 +22,35 @@ bool ReadAsFloat(double number, float& to) {
   return fits;
 }
 
-// Reads each element of the list, whatever its kind, as if it stood alone.
+// Reads each element of the list as if it stood alone.
+template <class T, class List, class Read>
+bool ReadEach(const List& list, std::vector<T>& to, Misfit& misfit, Read read) {
+  to.assign(list.size(), T());
+  for (std::size_t i = 0; i < list.size(); ++i) {
+    if (!read(cw::EncodableValue(list[i]), to[i])) {
+      return misfit.AtIndex(i);
+    }
+  }
+  return true;
+}
+
+// Of what a value may hold, the lists of every kind and nothing else are vectors.
+template <class Held>
+inline constexpr bool kIsList = false;
+template <class Element>
+inline constexpr bool kIsList<std::vector<Element>> = true;
+
 template <class T, class Read>
 bool ReadElements(const cw::EncodableValue& from, std::vector<T>& to, Misfit& misfit, Read read) {
-  const auto read_all = [&](const auto& list) {
-    to.assign(list.size(), T());
-    for (std::size_t i = 0; i < list.size(); ++i) {
-      if (!read(cw::EncodableValue(list[i]), to[i])) {
-        return misfit.AtIndex(i);
-      }
-    }
-    return true;
-  };
-  // Every kind of list, and nothing else.
-  if (const auto* const list = from.AsList()) {
-    return read_all(*list);
-  }
-  if (const auto* const bytes = std::get_if<std::vector<std::uint8_t>>(&from)) {
-    return read_all(*bytes);
-  }
-  if (const auto* const narrow = std::get_if<std::vector<std::int32_t>>(&from)) {
-    return read_all(*narrow);
-  }
-  if (const auto* const wide = std::get_if<std::vector<std::int64_t>>(&from)) {
-    return read_all(*wide);
-  }
-  if (const auto* const doubles = std::get_if<std::vector<double>>(&from)) {
-    return read_all(*doubles);
-  }
-  if (const auto* const floats = std::get_if<std::vector<float>>(&from)) {
-    return read_all(*floats);
-  }
-  return misfit.Expected("a list of numbers", from);
+  return std::visit(
+      [&](const auto& held) {
+        if constexpr (kIsList<std::decay_t<decltype(held)>>) {
+          return ReadEach(held, to, misfit, read);
+        } else {
+          return misfit.Expected("a list of numbers", from);
+        }
+      },
+      from);
 }
 
 }  // namespace
