@@ -27,9 +27,9 @@
  *     application or task uses the library: entries are called there, and callbacks run there,
  *     synchronously. [any] may be called from any thread, also while the object ends on its own.
  *  8. Exceptions. No entry throws but for exhausted memory, a null message to the server's
- *     SendMessage, and what a callback that it runs throws. What the Release callback of a client's
- *     or server's slots throws becomes an error line of the log; the release callbacks of the other
- *     slots must not throw, for that would end the process.
+ *     SendMessage, and what a callback that it runs throws. An exception of the Release callback of
+ *     a client's or server's slots becomes an error line of the log; the release callbacks of the
+ *     other slots must not throw, for that would end the process.
  */
 #ifndef TARV_TARV_CAPI_H
 #define TARV_TARV_CAPI_H

@@ -18,7 +18,7 @@
 
 namespace cw {
 
-// What an application may be granted. The numbers are fixed.
+// The permissions that an application may have. The numbers are fixed.
 enum class Permission : std::int32_t {
   Audio = 1,
   AuthService = 2,
@@ -55,7 +55,7 @@ enum class Permission : std::int32_t {
 // The permission's name ("Camera"); empty for a value that is none of the above.
 TARV_EXPORT std::string_view PermissionToStringView(Permission permission);
 
-// What is known about the application; the values of FlutterVeltraInfoType.
+// The facts about the application that can be asked for; the values of FlutterVeltraInfoType.
 enum class InfoType : std::int32_t {
   Id = FLUTTER_VELTRA_INFO_ID,
   Name = FLUTTER_VELTRA_INFO_NAME,

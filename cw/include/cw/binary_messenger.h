@@ -73,7 +73,7 @@ class TARV_EXPORT BinaryMessenger {
  private:
   // Shared with a running call, which may replace the handler.
   using StoredHandler = std::shared_ptr<const BinaryMessageHandler>;
-  // What the embedder is given a pointer to.
+  // The embedder is given a pointer to it.
   struct Slot {
     const BinaryMessenger* messenger = nullptr;
     StoredHandler handler;

@@ -1,4 +1,4 @@
-// What serializers write to and read from, and the streams over buffers.
+// The streams that serializers write to and read from, and those over buffers.
 #ifndef CW_BYTE_STREAMS_H
 #define CW_BYTE_STREAMS_H
 
@@ -19,9 +19,9 @@ namespace internal {
 [[noreturn]] TARV_EXPORT void ThrowTooDeep(const char* action);
 [[noreturn]] TARV_EXPORT void ThrowTooManyMadeUp();
 
-// What reading one message has used up of the bounds in codec_limits.h: one budget for the whole
-// message, whatever the nesting. Every operation throws std::length_error when a bound is passed.
-// All is inline, because it is done for every value.
+// Counts how much of the bounds in codec_limits.h reading one message has used up: one budget for
+// the whole message, whatever the nesting. Every operation throws std::length_error when a bound is
+// passed. All is inline, because it is done for every value.
 class DecodeBudget {
  public:
   // One value more, or less, is being read inside others.
@@ -84,7 +84,7 @@ class DecodeBudget {
   std::size_t made_up_ = 0;
 };
 
-// What reading one message writes to standard error: a line for each fault, up to
+// Reports the faults of one message that is read: a line on standard error for each, up to
 // kMaxReportedFaults, then one that says that there are more.
 class TARV_EXPORT FaultReports {
  public:
@@ -192,8 +192,8 @@ class TARV_EXPORT ByteStreamReader {
   virtual void ReadBytes(std::uint8_t* out, std::size_t length) = 0;
   // Moves on to the next multiple of `alignment`, counted from the start of the message.
   virtual void ReadAlignment(std::uint8_t alignment) = 0;
-  // How many bytes are left for certain. What a stream does not vouch for counts as made up, so
-  // with this default at most kMaxMadeUpItems items can be read: override it for larger messages.
+  // How many bytes are left for certain. Bytes beyond those count as made up, so with this default
+  // at most kMaxMadeUpItems items can be read: override it for larger messages.
   virtual std::size_t BytesLeft() const { return 0; }
   // Called in place of ReadAlignment behind the size of an empty list of items wider than a byte.
   // The format pads such a list as any other, but peers that leave the padding out are common (the

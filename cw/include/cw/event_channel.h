@@ -69,8 +69,8 @@ struct TARV_EXPORT StreamHandlerError {
   std::unique_ptr<T> details;  // empty for none
 };
 
-// What a plug-in does when Dart begins and ends to listen. Owned by the messenger; destroyed when
-// it is replaced or removed, or the engine ends.
+// Called when Dart begins and ends to listen. Owned by the messenger; destroyed when it is replaced
+// or removed, or the engine ends.
 template <class T = EncodableValue>
 class TARV_EXPORT StreamHandler {
  public:
@@ -175,7 +175,7 @@ class TARV_EXPORT PipeEventSink final : public EventSink<T> {
   std::shared_ptr<EventPipe<T>> pipe_;
 };
 
-// What the messenger keeps for an event channel: the handler, and the stream while there is one.
+// The messenger's end of an event channel: the handler, and the stream while there is one.
 template <class T>
 class TARV_EXPORT StreamEndpoint {
  public:

@@ -101,7 +101,7 @@ std::unique_ptr<MethodCall<T>> DecodeCall(const MethodCodec<T>& codec, const std
   }
 }
 
-// Whether the bytes were an outcome; if so, `result` has been told. What it throws passes through.
+// Whether the bytes were an outcome; if so, `result` has been told. Its exception passes through.
 template <class T>
 bool DecodeOutcome(const MethodCodec<T>& codec, const std::uint8_t* response, std::size_t size,
                    MethodResult<T>* result) {
@@ -131,8 +131,8 @@ void DeliverOutcome(const std::string& channel, const MethodCodec<T>& codec,
 
 }  // namespace internal
 
-// What a handler is given: the call, which lives during the handler only, and the result object,
-// which it may keep and tell the outcome at any later time, once.
+// A handler gets the call, which lives during the handler only, and the result object, which it may
+// keep and tell the outcome at any later time, once.
 template <class T = EncodableValue>
 using MethodCallHandler =
     std::function<void(const MethodCall<T>& call, std::unique_ptr<MethodResult<T>> result)>;

@@ -71,8 +71,8 @@ class TARV_EXPORT ViewWrapper {
 
   _FlutterVeltraEngine* GetRef() const { return engine_; }
 
-  // What the view is drawn with, as the graphics library's own types; null where the embedder does
-  // not draw by it. Owned by the embedder.
+  // The handles that the view is drawn with, as the graphics library's own types; null where the
+  // embedder does not draw by it. Owned by the embedder.
   void* GetEglConfig() const;
   void* GetEglDisplay() const;
   void* GetNativeDisplay() const;

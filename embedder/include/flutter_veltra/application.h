@@ -5,7 +5,7 @@
 
 #include <flutter_veltra/base.h>
 
-/* What GetApplicationInfo can be asked for. */
+/* The facts that GetApplicationInfo can be asked for. */
 typedef enum FlutterVeltraInfoType {
   FLUTTER_VELTRA_INFO_ID = 1,           /* the application's identifier: "org.example.notes" */
   FLUTTER_VELTRA_INFO_NAME = 2,         /* the name that people see */

@@ -1,5 +1,5 @@
 /*
- * What every header of the embedder's C interface shares: conventions, handles, slots, layout
+ * The base of all headers of the embedder's C interface: conventions, handles, slots, layout
  * checks.
  *
  * A plug-in is given a FlutterVeltraPluginContext (plugin_context.h). Its entries load the

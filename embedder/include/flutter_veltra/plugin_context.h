@@ -1,4 +1,4 @@
-/* What an embedder hands to a plug-in's registration function. Conventions: base.h. */
+/* The structure that an embedder hands to a plug-in when it registers it. Conventions: base.h. */
 #ifndef FLUTTER_VELTRA_PLUGIN_CONTEXT_H
 #define FLUTTER_VELTRA_PLUGIN_CONTEXT_H
 

@@ -28,7 +28,7 @@ typedef struct FlutterVeltraOpenGLFrame {
   void* release_data;
 } FlutterVeltraOpenGLFrame;
 
-/* What RegisterTexture takes. Exactly one of the two frame callbacks is set: it is asked for a
+/* The argument of RegisterTexture. Exactly one of its frame callbacks is set: it is asked for a
    frame of about `width` by `height` pixels, fills the structure (which comes zeroed, with its
    size) and returns true, or returns false when there is no frame. They are called one at a time,
    but from whatever thread draws. `release` frees user_data once the texture is unregistered. */

@@ -12,7 +12,7 @@ namespace RuntimeManager {
 class Error {
  public:
   // The codes of the platform's own errors. Another implementation may use others; 0 alone is
-  // fixed: it means success everywhere. What ends a connection to a task that had begun has a code
+  // fixed: it means success everywhere. An error that ends a connection that had begun has a code
   // in the range that JSON-RPC leaves to servers, so that it can be passed on in an answer.
   enum Code : int {
     kNoError = 0,
@@ -42,7 +42,7 @@ class Error {
   // True for every code but 0.
   bool isError() const { return code_ != kNoError; }
   int code() const { return code_; }
-  // What failed, on which object, why, and what to do about it; empty when there is no error.
+  // Says what failed, on which object, why, and what to do about it; empty without an error.
   QString message() const { return message_; }
 
  private:

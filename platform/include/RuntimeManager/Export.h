@@ -3,7 +3,7 @@
 
 #include <QtCore/qglobal.h>
 
-// What users of the runtime-manager client library link against.
+// Marks what the runtime-manager client library shows to programs that link it.
 #define RUNTIME_MANAGER_EXPORT Q_DECL_EXPORT
 
 #endif  // RUNTIME_MANAGER_EXPORT_H

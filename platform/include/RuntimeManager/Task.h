@@ -44,7 +44,7 @@ class RUNTIME_MANAGER_EXPORT Task : public QObject {
 
   // Whether start() makes a socket for messages; it does not unless asked. Before start().
   void withIpcSocket(bool enabled);
-  // What follows the program's name on its command line. Before start().
+  // The arguments behind the program's name on its command line. Before start().
   void withArguments(const QStringList& arguments);
 
   // Starts the process. `completion` gets no error once the program runs, else why it does not. A
@@ -64,10 +64,10 @@ class RUNTIME_MANAGER_EXPORT Task : public QObject {
 
  Q_SIGNALS:
   // A task that had started has ended, and nobody asked it to. Emitted once at most; every message
-  // that had left the task has been delivered by then. What still waited in the task's memory,
-  // because the socket was full, is sent when the task ends by exit() or returns from main(),
-  // within two seconds; a task that is killed takes it along. `error` says how it ended and what it
-  // last wrote to its standard error.
+  // that had left the task has been delivered by then. Messages that still waited in the task's
+  // memory, because the socket was full, are sent when the task ends by exit() or returns from
+  // main(), within two seconds; a task that is killed takes them along. `error` says how it ended
+  // and what it last wrote to its standard error.
   void finished(const RuntimeManager::Error& error);
 
  private:

@@ -39,8 +39,8 @@ class RUNTIME_MANAGER_EXPORT TaskMessaging : public QObject {
   // Small messages that handlers send while messages of the same read wait for theirs leave
   // together: with the last of them, when they are 4 KiB, before an event loop that a handler runs,
   // and before the next handler begins once they have waited for 200 microseconds. So a finished
-  // answer waits for one running handler at most. What another thread sends leaves at once, and
-  // takes along what waits.
+  // answer waits for one running handler at most. A message of another thread leaves at once, and
+  // takes along those that wait.
   void sendMessage(const QJsonObject& message);
   // Sends the message {"data": text}, where `text` is UTF-8, without the cost of the object, as
   // sendMessage() does; but a peer that is reading a large text is waited for as long as copying it

@@ -12,7 +12,7 @@
 
 namespace quarn {
 
-// Arguments travel by value. What a target throws reaches the caller.
+// Arguments travel by value. An exception of the target reaches the caller.
 template <class... Args>
 class IListener {
  public:

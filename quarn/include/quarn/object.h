@@ -43,7 +43,7 @@ class TARV_EXPORT CounterClient {
   static std::uint64_t GenerateId();
 };
 
-// What every object has whatever its type: a dispatcher that can be dropped while others use it.
+// The part that objects of all types share: a dispatcher that can be dropped while others use it.
 class TARV_EXPORT ObjectImpl : public CounterClient {
  public:
   explicit ObjectImpl(const std::shared_ptr<IDispatcher>& dispatcher) : dispatcher_(dispatcher) {}
@@ -120,8 +120,8 @@ class Object : public details::ObjectImpl, public std::enable_shared_from_this<T
   std::uint64_t GetId() const { return id_; }
 
  protected:
-  // Builds and registers an object. What its constructor or the allocation throws passes through,
-  // and nothing stays registered.
+  // Builds and registers an object. An exception of its constructor or of the allocation passes
+  // through, and nothing stays registered.
   template <class... Args>
   static std::shared_ptr<T> Create(Args&&... args) {
     auto object = std::make_shared<T>(std::forward<Args>(args)...);

@@ -16,7 +16,7 @@
 
 namespace quarn {
 
-// What subscribers see of a run-once signal; its owner emits it through OwnedRunOnceSignal. Every
+// The subscribers' view of a run-once signal; its owner emits it through OwnedRunOnceSignal. Every
 // listener hears the one outcome exactly once, however late it subscribes. Any thread; listeners
 // run outside the lock.
 template <class... Args>

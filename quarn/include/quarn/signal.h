@@ -16,7 +16,7 @@
 
 namespace quarn {
 
-// What subscribers see of a signal; its owner emits it through OwnedSignal. Any thread. Listeners
+// The subscribers' view of a signal; its owner emits it through OwnedSignal. Any thread. Listeners
 // run outside the lock and may subscribe, unsubscribe, emit or destroy the signal from inside their
 // call.
 template <class... Args>
@@ -112,7 +112,7 @@ class Signal : public details::CounterClient {
 
   // Shared with the emissions that are under way.
   const std::shared_ptr<Order> order_ = std::make_shared<Order>();
-  // What keeps the listeners alive, by subscription.
+  // Keeps the listeners of Subscribe alive, by the ids of their subscriptions.
   std::unordered_map<std::uint64_t, std::shared_ptr<Listener>> owned_;
 };
 

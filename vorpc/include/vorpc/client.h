@@ -13,12 +13,13 @@
 
 namespace vorpc {
 
-// What users of a connection call; <vorpc/requests.h> has more of requests. Any thread; callbacks run on the thread that brings the news,
-// with no lock of the client held but the one that keeps messages in order: while a message is
-// being delivered, other threads that send or receive wait, and the thread itself delivers at once.
+// The users' view of a connection; <vorpc/requests.h> has more of requests. Any thread; callbacks
+// run on the thread that brings the news, with no lock of the client held but the one that keeps
+// messages in order: while a message is being delivered, other threads that send or receive wait,
+// and the thread itself delivers at once.
 //
 // A callback may call anything here, and may let go of the client: once the last reference is gone
-// no further callback begins. What a callback throws reaches the caller that brought the news.
+// no further callback begins. An exception of a callback reaches the caller that brought the news.
 class TARV_EXPORT IClient {
  public:
   virtual ~IClient();
@@ -52,7 +53,7 @@ class TARV_EXPORT IClient {
                         std::function<void(const Message::Notification&)>&& callback) = 0;
 };
 
-// What the owner of the transport calls besides. Any thread.
+// The view of the transport's owner, who tells what happens on it. Any thread.
 class TARV_EXPORT IOwnedClient : public IClient {
  public:
   ~IOwnedClient() override;

@@ -135,7 +135,7 @@ class TARV_EXPORT Message {
   static constexpr std::int32_t kUnknownMethod = -32601;
   static constexpr std::int32_t kInternalError = -32603;
 
-  // What a message holds. A type's number is its position here.
+  // The content of a message. A type's number is its position here.
   using Content = std::variant<std::monostate, Request, Response, Notification, Error>;
 
   // The empty message.

@@ -1,4 +1,4 @@
-// What a layer above vorpc::IClient needs of its requests: their ids, and an end to waiting.
+// A client's requests as a layer above needs them: with their ids, and with an end to waiting.
 //
 //   if (auto* const requests = dynamic_cast<vorpc::IRequests*>(client.get())) {
 //     const vorpc::Message::ID id = requests->StartRequest("add", params, on_response);

@@ -29,12 +29,12 @@ class TARV_EXPORT IReply {
   virtual Message::ID GetRequestId() const;
 };
 
-// What users of a connection call. Any thread; callbacks run on the thread that brings the news,
+// The users' view of a connection. Any thread; callbacks run on the thread that brings the news,
 // with no lock of the server held but the one that keeps messages in order: while a message is
 // being delivered, other threads that send or receive wait, and the thread itself delivers at once.
 //
 // A callback may call anything here, and may let go of the server: once the last reference is gone
-// no further callback begins. What a callback throws reaches the caller that brought the news.
+// no further callback begins. An exception of a callback reaches the caller that brought the news.
 class TARV_EXPORT IServer {
  public:
   using RequestHandler =
@@ -62,7 +62,7 @@ class TARV_EXPORT IServer {
   virtual void Run() = 0;
 };
 
-// What the owner of the transport calls besides. Any thread.
+// The view of the transport's owner, who tells what happens on it. Any thread.
 class TARV_EXPORT IOwnedServer : public IServer {
  public:
   ~IOwnedServer() override;

@@ -38,7 +38,7 @@ class TARV_EXPORT ManagerWrapper {
 
   ManagerWrapper(const std::shared_ptr<quarn::IDispatcher>& dispatcher, std::unique_ptr<Api> api,
                  _TARVManagerRef* manager, PrivateTag);
-  // Ends the service. What callbacks throw that learn of it becomes an error line.
+  // Ends the service. An exception of a callback that learns of it becomes an error line.
   ~ManagerWrapper();
   ManagerWrapper(const ManagerWrapper&) = delete;
   ManagerWrapper& operator=(const ManagerWrapper&) = delete;

@@ -1,4 +1,4 @@
-// What the compiler wants to know of Async and of waiting for a call. Read coroutine.h first.
+// Async and waiting for a call, as the compiler asks for them. Read coroutine.h first.
 #ifndef TARV_CALLS_ASYNC_STATE_H
 #define TARV_CALLS_ASYNC_STATE_H
 
@@ -21,7 +21,7 @@ class Async;
 
 namespace details {
 
-// What every promise has, whatever it promises.
+// The part that promises of all types share.
 struct AsyncPromiseBase {
   // Resumes who waits, or tells who keeps the coroutine; either may destroy it.
   struct FinalAwaiter {

@@ -14,7 +14,7 @@
 
 namespace tarv {
 
-// What Call::AsOutcome gives to co_await.
+// Call::AsOutcome gives it to co_await.
 template <class Result>
 struct OutcomeOf {
   std::shared_ptr<details::TypedCallState<Result>> state;
@@ -33,7 +33,7 @@ class Call {
   explicit Call(std::shared_ptr<State> state) : state_(std::move(state)) {}
 
   // Calls `consumer` once with the Outcome<Result>, on the loop's thread, never inside this
-  // operation: also when the call has ended already. What it throws is logged.
+  // operation: also when the call has ended already. An exception of it is logged.
   template <class Consumer>
   void Then(Consumer consumer) const {
     state_->Consume([consumer = std::move(consumer)](details::CallState& state) mutable {

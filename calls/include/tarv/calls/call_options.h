@@ -15,7 +15,7 @@ inline constexpr Duration kForever = Duration::max();
 
 // For one call. CallOptions().Timeout(5s), or in C++20 {.timeout = 5s}.
 struct CallOptions {
-  // From the call to its end, connecting included. What is not positive times out at once.
+  // From the call to its end, connecting included. A call without a positive time ends at once.
   Duration timeout = std::chrono::seconds(30);
 
   CallOptions Timeout(Duration value) const {

@@ -1,4 +1,4 @@
-// What a Call and its Caller share. Read call.h first.
+// The state that a Call and its Caller share. Read call.h first.
 #ifndef TARV_CALLS_CALL_STATE_H
 #define TARV_CALLS_CALL_STATE_H
 
@@ -69,7 +69,7 @@ class CallState : public std::enable_shared_from_this<CallState> {
   enum class Phase { kNew, kKept, kSent, kEnded };
 
   void HandleProgress(const cw::EncodableValue& value);
-  // Hands the outcome over. What the consumer throws is logged.
+  // Hands the outcome over. An exception of the consumer is logged.
   void Finish();
   void ClaimConsumer();
 

@@ -49,7 +49,7 @@ std::shared_ptr<TypedCallState<Result>> StartCall(const std::shared_ptr<CallerCo
 // what it does happens on the loop's. No callback runs inside Call, or inside a Call's operations.
 //
 // Calls are kept until the task has connected and are then sent in order; one that ends before that
-// is never sent. What times out or is cancelled is told to the task with the notification
+// is never sent. The task hears of one that times out or is cancelled by the notification
 // "$/cancelRequest", and its late answer is dropped. When the connection ends every open call ends
 // with the reason, and so does each later one: start the task again with a new client and Caller,
 // or use a KeptTask.
@@ -84,7 +84,7 @@ class Caller {
         details::StartCall<Result>(core_, method.name, !std::is_void_v<Progress>, options));
   }
 
-  // What has happened so far, by method. Any thread.
+  // Counts and times of the calls so far, by method. Any thread.
   Metrics GetMetrics() const;
 
  private:

@@ -11,7 +11,7 @@ namespace tarv {
 // One thread that runs what it is given, a function at a time. Derive from it to drive the layer
 // from another event loop than Qt's, or from a test with a clock of its own.
 //
-// What a function throws is the loop's to handle; the layer itself gives it none that throws.
+// Exceptions of a function are the loop's to handle; the layer itself gives it none that throws.
 class Loop {
  public:
   using Clock = std::chrono::steady_clock;

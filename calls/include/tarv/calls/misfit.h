@@ -19,9 +19,9 @@ class ValueError : public std::runtime_error {
 
 namespace details {
 
-// Collects where a conversion stopped, and why. What finds the problem reports it, and each level
-// above puts its step in front of the path, so that a conversion that succeeds builds no text.
-// Every operation but the last two returns false, for `return misfit.Expected(...)`.
+// Collects where a conversion stopped, and why. Whoever finds the problem reports it, and each
+// level above puts its step in front of the path, so that a conversion that succeeds builds no
+// text. Every operation but the last two returns false, for `return misfit.Expected(...)`.
 class Misfit {
  public:
   bool Report(std::string problem);

@@ -16,7 +16,7 @@ namespace tarv {
 template <class T>
 class Outcome {
  public:
-  // What there is instead of a value of type void.
+  // std::monostate stands for a value of type void.
   using Value = std::conditional_t<std::is_void_v<T>, std::monostate, T>;
 
   Outcome(Value value) : content_(std::in_place_index<0>, std::move(value)) {}

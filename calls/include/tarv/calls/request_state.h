@@ -1,4 +1,4 @@
-// What a Request and its Service share. Read request.h first.
+// The state that a Request and its Service share. Read request.h first.
 #ifndef TARV_CALLS_REQUEST_STATE_H
 #define TARV_CALLS_REQUEST_STATE_H
 

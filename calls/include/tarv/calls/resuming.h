@@ -1,4 +1,4 @@
-// What the sources of the layer do for coroutines. Read coroutine.h instead.
+// The part of coroutines that the sources of the layer do. Read coroutine.h instead.
 #ifndef TARV_CALLS_RESUMING_H
 #define TARV_CALLS_RESUMING_H
 

@@ -27,11 +27,11 @@ namespace details {
 class ServiceCore;
 
 using RequestPtr = std::shared_ptr<RequestState>;
-// Answers the request, or has it answered. What it throws becomes the answer.
+// Answers the request, or has it answered. Its exception becomes the answer.
 using Handler = std::function<void(const cw::EncodableValue& params, const RequestPtr& request)>;
 
 // Runs the work of a request on a worker's thread, unless it was cancelled while it was queued.
-// What it throws becomes the answer.
+// Its exception becomes the answer.
 void RunWorker(const RequestPtr& request, const std::function<void()>& work);
 
 // Keeps what a handler began until the function that this returns is called, or the service ends.
@@ -52,7 +52,7 @@ MethodDescription Describe(const Method& method) {
           ShapeOrNull<Result>(), ShapeOrNull<Step>()};
 }
 
-// What a handler gets in front of its request: the parameter, if the method has one.
+// A handler gets them in front of its request: the parameter, if the method has one.
 template <class Parameter>
 struct Arguments {
   Parameter value{};
@@ -110,7 +110,7 @@ Handler MakeHandler(Callee callee) {
     } else if constexpr (std::is_void_v<decltype(arguments.Call(callee, RequestType(request)))>) {
       arguments.Call(callee, RequestType(request));
     } else {
-      // What coroutine.h adds, for handlers that are coroutines.
+      // The handler is a coroutine; coroutine.h declares this.
       TarvAnswerLater(arguments.Call(callee, RequestType(request)), RequestType(request), request);
     }
   };
@@ -198,7 +198,7 @@ class Service {
   // The server's Run: the handlers are in place.
   void Run();
 
-  // What has happened so far, by method. Any thread.
+  // Counts and times of the calls so far, by method. Any thread.
   Metrics GetMetrics() const;
   Description GetDescription() const;
 

@@ -93,7 +93,7 @@ T FromEncodable(const cw::EncodableValue& value, std::string_view root = "value"
   return result;
 }
 
-// What values of the type T look like, as tools show it: a text for a simple kind ("bool", "int32",
+// The shape of values of the type T, as tools show it: a text for a simple kind ("bool", "int32",
 // "uint64", "double", "text", "bytes", "any"), otherwise one of the maps
 //   {"list": shape}   {"map": shape}   {"optional": shape}   {"enum": name, "names": [text]}
 //   {"struct": name, "members": [{"name": text, "shape": shape}]}

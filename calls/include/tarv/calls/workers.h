@@ -28,7 +28,7 @@ class Workers {
   Workers(const Workers&) = delete;
   Workers& operator=(const Workers&) = delete;
 
-  // Runs the job on one of the threads; jobs begin in order. What it throws is logged.
+  // Runs the job on one of the threads; jobs begin in order. Its exception is logged.
   void Post(Job job) { GetPost()(std::move(job)); }
 
   // Post, for those who may outlive the object: a job is then destroyed at once.
@@ -41,7 +41,8 @@ class Workers {
   std::shared_ptr<Pool> pool_;
 };
 
-// What a handler on Workers gets of its request: all but the answer, which is what it returns.
+// A request as a handler on Workers sees it: without the answer, which is the value that it
+// returns.
 template <class Step = void>
 class Running {
  public:

@@ -30,7 +30,7 @@ class VELTRA_HOST_EXPORT Application {
   Application(const EngineOptions& options, std::shared_ptr<PlatformThread> thread);
 
   void SetPermission(const std::string& name, bool granted);
-  // What a plug-in asked to exit with.
+  // The code with which a plug-in asked to exit; empty while none did.
   std::optional<int> GetExitCode() const { return exit_code_; }
   // The main window that a plug-in opened.
   const std::optional<Window>& GetMainWindow() const { return main_window_; }

@@ -45,7 +45,7 @@ class VELTRA_HOST_EXPORT Engine {
   // the default make it one of an older embedder. Owned by the engine, and good for its life.
   FlutterVeltraPluginContext* MakeContext(std::size_t size = sizeof(FlutterVeltraPluginContext));
 
-  // What the engine's handle in the contexts is.
+  // The engine's handle, as the contexts carry it.
   _FlutterVeltraEngine* GetRef() const;
 
   Application& GetApplication();

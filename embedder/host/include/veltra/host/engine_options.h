@@ -28,10 +28,10 @@ struct EngineOptions {
   std::set<std::string> permissions;
   // The folder of the application's libraries. Empty: "../lib" seen from the running executable.
   std::filesystem::path library_path;
-  // What Dart's entry point is called with.
+  // The arguments of Dart's entry point.
   std::vector<std::string> entry_point_args;
 
-  // What replaces the workstation's own answers, by FlutterVeltraDirectoryType and
+  // These replace the workstation's own answers, by FlutterVeltraDirectoryType and
   // FlutterVeltraInfoType.
   std::map<std::int32_t, std::filesystem::path> directories;
   std::map<std::int32_t, std::string> application_info;

@@ -1,7 +1,7 @@
 #ifndef VELTRA_HOST_EXPORT_H
 #define VELTRA_HOST_EXPORT_H
 
-// What users of libveltra_host.so link against.
+// Marks what libveltra_host.so shows to programs that link it.
 #define VELTRA_HOST_EXPORT __attribute__((visibility("default")))
 
 #endif  // VELTRA_HOST_EXPORT_H

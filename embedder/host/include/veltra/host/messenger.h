@@ -22,7 +22,7 @@ class EngineState;
 
 using Bytes = std::vector<std::uint8_t>;
 
-// What came of a method call.
+// How a method call ended.
 struct MethodOutcome {
   enum class Kind {
     Success,
@@ -38,7 +38,7 @@ struct MethodOutcome {
   cw::EncodableValue details;
 };
 
-// What to do with the events of a channel; empty functions are not called.
+// Called with the events of a channel; empty functions are not called.
 struct EventHandlers {
   std::function<void(const cw::EncodableValue& event)> on_event;
   std::function<void(const std::string& code, const std::string& message,
@@ -48,7 +48,8 @@ struct EventHandlers {
 };
 
 // Everything is delivered by the event loop, in order, and never from within the call that sends
-// it. What is on its way when the engine ends is dropped. Belongs to the platform thread.
+// it. Messages that are on their way when the engine ends are dropped. Belongs to the platform
+// thread.
 class VELTRA_HOST_EXPORT Messenger {
  public:
   using Reply = std::function<void(const Bytes& reply)>;

@@ -20,8 +20,8 @@ namespace veltra::host {
 
 class EngineState;
 
-// What the view claims to be drawn with. A workstation's view is not drawn, so all are null unless
-// a test says otherwise; nothing here follows the pointers.
+// The graphics handles that the view claims to be drawn with. A workstation's view is not drawn, so
+// all are null unless a test says otherwise; nothing here follows the pointers.
 struct EglHandles {
   void* config = nullptr;
   void* display = nullptr;
@@ -50,7 +50,7 @@ class VELTRA_HOST_EXPORT View {
   void SetTheme(const cw::Theme& theme);
   void SetWindowPayload(const cw::EncodableValue& payload);
 
-  // What plug-ins did.
+  // How often plug-ins activated the window, and the popup windows that they opened.
   std::size_t CountActivations() const { return activations_; }
   const std::vector<Window>& GetPopupWindows() const { return popups_; }
   // The payload that the window was closed with; empty while it is open.
@@ -105,7 +105,7 @@ class VELTRA_HOST_EXPORT View {
   void Clear();
 
  private:
-  // What GetTheme and GetWindowPayload hand out; never changes, only gives way to another one.
+  // GetTheme and GetWindowPayload hand it out; it never changes, only gives way to another one.
   struct Resources {
     cw::Theme theme;
     std::vector<std::uint8_t> payload;
