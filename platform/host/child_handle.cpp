@@ -8,20 +8,17 @@
 #include "support.h"
 
 namespace RuntimeManager::host {
-namespace {
 
-int OpenPidfd(pid_t pid) {
+UniqueFd OpenProcess(pid_t pid) {
 #ifdef SYS_pidfd_open
-  return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0U));
+  return UniqueFd(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0U)));
 #else
   static_cast<void>(pid);
-  return -1;
+  return UniqueFd();
 #endif
 }
 
-}  // namespace
-
-ChildHandle::ChildHandle(pid_t pid) : pid_(pid), descriptor_(OpenPidfd(pid)) {}
+ChildHandle::ChildHandle(pid_t pid) : pid_(pid), descriptor_(OpenProcess(pid)) {}
 
 int ChildHandle::GetDescriptor() const {
   const std::lock_guard lock(mutex_);

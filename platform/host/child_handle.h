@@ -13,6 +13,10 @@
 
 namespace RuntimeManager::host {
 
+// Readable when the process has ended. Invalid when there is no such process, or on a system without
+// such descriptors.
+UniqueFd OpenProcess(pid_t pid);
+
 // Signals a child, and reaps it. Any thread: at the exit of the process, the thread that leaves ends
 // the children of all.
 class ChildHandle {

@@ -16,17 +16,13 @@
 namespace RuntimeManager::host {
 namespace {
 
-// What one turn of the event loop reads, and how long it runs handlers, at most: a flood on one
-// connection leaves time for timers and other connections.
+// What one turn of the event loop reads at most.
 constexpr std::size_t kBytesPerTurn = std::size_t{1} << 20U;
-constexpr std::chrono::milliseconds kTurn{10};
 // What a drain reads at most. A socket holds far less; only a peer that goes on writing gets here.
 constexpr std::size_t kBytesPerDrain = std::size_t{64} << 20U;
 // A peer that speaks another protocol shall not fill the log.
 constexpr int kMaxLineWarnings = 10;
 constexpr int kShownOfLine = 80;
-
-constexpr auto kNoLimit = std::chrono::steady_clock::time_point::max();
 
 }  // namespace
 
@@ -186,20 +182,20 @@ void LineChannel::End(const Error& error) {
 
 void LineChannel::Drain() {
   const auto self = shared_from_this();
-  Read(kBytesPerDrain, kNoLimit, true);
+  Read(kBytesPerDrain, Turn::WithoutEnd(), true);
 }
 
 void LineChannel::OnReadable() {
   const auto self = shared_from_this();
   // The other half of the turn does it.
   if (!is_over_time_) {
-    Read(kBytesPerTurn, Clock::now() + kTurn, false);
+    Read(kBytesPerTurn, Turn::Short(), false);
   }
 }
 
-void LineChannel::Read(std::size_t budget, Clock::time_point until, bool to_the_end) {
+void LineChannel::Read(std::size_t budget, Turn turn, bool to_the_end) {
   // Those that were there when a handler began to run an event loop, or when a turn was over.
-  bool goes_on = DeliverLines(until);
+  bool goes_on = DeliverLines(&turn);
   while (goes_on && !ended_ && readable_ != nullptr && budget > 0) {
     const LineBuffer::Room room = input_.MakeRoom();
     const ssize_t size = room.data == nullptr ? -ENOMEM : ReadSome(room);
@@ -211,7 +207,11 @@ void LineChannel::Read(std::size_t budget, Clock::time_point until, bool to_the_
     input_.Commit(count);
     budget -= std::min(budget, count);
     // A short read has emptied the socket, most likely; if not, the notifier tells.
-    goes_on = DeliverLines(until) && (count == room.size || to_the_end);
+    const bool may_go_on = count == room.size || to_the_end;
+    if (may_go_on) {
+      turn.Begin();
+    }
+    goes_on = DeliverLines(&turn) && may_go_on;
   }
 }
 
@@ -235,17 +235,20 @@ void LineChannel::OnReadError(int error_number) {
 }
 
 // False when the time is over; the rest then follows in the next turn of the event loop.
-bool LineChannel::DeliverLines(Clock::time_point until) {
+bool LineChannel::DeliverLines(Turn* turn) {
   // What handlers further out have held, when this is an event loop that a handler runs.
   queue_->Uncork();
   const CorkScope scope(queue_.get());
   LineBuffer::Line line;
   // The line is done with before a handler runs, which may run an event loop and read on.
   while (!ended_ && input_.TakeLine(&line)) {
-    PrepareForTheNext();
+    PrepareForTheNext(turn);
     DeliverLine(line);
-    const auto now = Clock::now();
-    if (now >= until) {
+    if (!turn->HasBegun()) {
+      continue;
+    }
+    const auto now = Turn::Clock::now();
+    if (turn->IsOver(now)) {
       StopForThisTurn();
       return false;
     }
@@ -257,10 +260,11 @@ bool LineChannel::DeliverLines(Clock::time_point until) {
 
 // Answers wait for those to the lines that have come with theirs. An event loop that a handler runs
 // gets these lines, too, although no byte more may come to wake it.
-void LineChannel::PrepareForTheNext() {
+void LineChannel::PrepareForTheNext(Turn* turn) {
   const bool more = input_.HoldsMore();
   queue_->Cork(more);
   if (more) {
+    turn->Begin();
     DeliverRestSoon();
   }
 }
@@ -292,12 +296,12 @@ void LineChannel::DeliverRestSoon() {
 void LineChannel::OnRest() {
   const auto self = shared_from_this();
   rest_is_due_ = false;
-  const auto until = Clock::now() + kTurn;
   if (std::exchange(is_over_time_, false)) {
-    Read(kBytesPerTurn, until, false);
-  } else {
-    DeliverLines(until);
+    Read(kBytesPerTurn, Turn::Short(), false);
+    return;
   }
+  auto turn = Turn::Short();
+  DeliverLines(&turn);
 }
 
 void LineChannel::DeliverLine(const LineBuffer::Line& line) {

@@ -20,6 +20,7 @@
 #include "message_limits.h"
 #include "quiet_notifier.h"
 #include "send_queue.h"
+#include "turn.h"
 #include "unique_fd.h"
 
 namespace RuntimeManager::host {
@@ -60,7 +61,6 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   void FlushAtExit(std::chrono::milliseconds patience);
 
  private:
-  using Clock = std::chrono::steady_clock;
   class CorkScope;
 
   void Put(OutLine line);
@@ -69,11 +69,11 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   void OnReadable();
   void OnWritable();
   bool IsInItsThread() const;
-  void Read(std::size_t budget, Clock::time_point until, bool to_the_end);
+  void Read(std::size_t budget, Turn turn, bool to_the_end);
   ssize_t ReadSome(const LineBuffer::Room& room) const;
   void OnReadError(int error_number);
-  bool DeliverLines(Clock::time_point until);
-  void PrepareForTheNext();
+  bool DeliverLines(Turn* turn);
+  void PrepareForTheNext(Turn* turn);
   void StopForThisTurn();
   void EndIfOverlong();
   void DeliverRestSoon();
