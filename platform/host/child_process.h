@@ -55,6 +55,8 @@ class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
   pid_t GetPid() const { return handle_.GetPid(); }
   // Whether the calling thread is the one that this object belongs to.
   bool IsInItsThread() const { return thread_ == std::this_thread::get_id(); }
+  // An error number when it cannot be signalled; 0 also when it has ended already.
+  int Signal(int signal) { return handle_.Signal(signal); }
   // Asks the process to end, and makes it end if it does not within the grace period, or at once
   // with `kill`. An error number when it cannot be signalled; 0 also when it has ended already.
   int Terminate(bool kill);

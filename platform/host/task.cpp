@@ -6,6 +6,7 @@
 
 #include "child_process.h"
 #include "exec_failure.h"
+#include "fault_relay.h"
 #include "process_exit.h"
 #include "socket_folder.h"
 #include "support.h"
@@ -16,6 +17,7 @@ namespace RuntimeManager {
 
 using host::ChildEnd;
 using host::ChildProcess;
+using host::FaultRelay;
 using host::SocketFile;
 using host::SocketFolder;
 using host::TaskRegistry;
@@ -41,6 +43,7 @@ class Task::Private {
   void OnNeverRan(const Error& error);
   Error WhyEnded(const ChildEnd& end) const;
   void OnRanAndEnded(const ChildEnd& end);
+  void DrainSocket();
   void CompleteStart(const Error& error);
   void CompleteStops(const Error& error);
   void CompleteLater(Completion completion, const Error& error) const;
@@ -54,6 +57,7 @@ class Task::Private {
   QByteArray program;  // its path
   QString socket_path;
   SocketFile socket_file;
+  std::shared_ptr<FaultRelay> faults;  // null when there are none
   std::shared_ptr<ChildProcess> process;
   State state = State::kIdle;
   Completion start_completion;
@@ -102,6 +106,14 @@ UniqueFd Task::Private::MakeSocket(Error* error) {
   if (!socket.IsValid()) {
     return socket;
   }
+  const int error_number = faults == nullptr ? 0 : faults->Interpose(&first);
+  if (error_number != 0) {
+    folder.Remove(file);
+    *error = host::SystemError(Error::kStartFailed,
+                               QString("the faults of the task '%1' cannot be made").arg(name),
+                               error_number);
+    return {};
+  }
   socket_path = folder.PathOf(file);
   socket_file = SocketFile(socket_path);
   TaskRegistry::Get().AddTask(socket_path, name, std::move(first));
@@ -116,6 +128,9 @@ Error Task::Private::Start() {
   host::SpawnRequest request;
   program = host::FindTask(name, &error).toUtf8();
   request.program = program;
+  if (!error.isError()) {
+    faults = FaultRelay::ForStart(name, &error);
+  }
   if (!error.isError()) {
     error = MakeArguments(&request);
   }
@@ -143,6 +158,13 @@ Error Task::Private::Spawn(const host::SpawnRequest& request) {
   if (error_number != 0) {
     return host::SystemError(Error::kStartFailed,
                              QString("the task '%1' cannot be started").arg(name), error_number);
+  }
+  if (faults != nullptr) {
+    faults->SetSignal([weak = std::weak_ptr(process)](int signal) {
+      if (const auto running = weak.lock()) {
+        running->Signal(signal);
+      }
+    });
   }
   return {};
 }
@@ -214,6 +236,17 @@ Error Task::Private::WhyEnded(const ChildEnd& end) const {
   return {end.killed ? Error::kTaskKilled : Error::kTaskExited, text};
 }
 
+// Handlers may destroy the Task meanwhile.
+void Task::Private::DrainSocket() {
+  const auto relay = faults;
+  const QString path = socket_path;
+  bool has_more = true;
+  while (std::exchange(has_more, false)) {
+    has_more = relay != nullptr && relay->DrainTask();
+    TaskRegistry::Get().DrainTask(path);
+  }
+}
+
 void Task::Private::OnRanAndEnded(const ChildEnd& end) {
   const QPointer<Task> alive(owner);
   const QString path = socket_path;
@@ -223,7 +256,7 @@ void Task::Private::OnRanAndEnded(const ChildEnd& end) {
   }
   // Whatever the task sent before it ended comes before the news of its end.
   if (!alive.isNull() && has_socket) {
-    TaskRegistry::Get().DrainTask(path);
+    DrainSocket();
   }
   if (!alive.isNull()) {
     const bool unasked = state != State::kStopping;

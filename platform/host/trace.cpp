@@ -75,13 +75,18 @@ int OpenTrace() {
   return file.Release();
 }
 
-QByteArray Head(const QString& task, Direction direction, long long time) {
-  QByteArray quoted = QJsonDocument(QJsonObject{{"task", task}}).toJson(QJsonDocument::Compact);
-  quoted = quoted.mid(1, quoted.size() - 2);
+// "name":"text", with the text escaped.
+QByteArray Member(const char* name, const QString& text) {
+  const QByteArray object = QJsonDocument(QJsonObject{{name, text}}).toJson(QJsonDocument::Compact);
+  return object.mid(1, object.size() - 2);
+}
+
+// The line up to the value of its last member.
+QByteArray Head(const QString& task, Direction direction, long long time, const char* last) {
   return "{\"time\":" + QByteArray::number(time) + ",\"pid\":" + QByteArray::number(::getpid()) +
-         ',' + quoted +
-         ",\"direction\":" + (direction == Direction::kSend ? "\"send\"" : "\"receive\"") +
-         ",\"envelope\":";
+         ',' + Member("task", task) +
+         ",\"direction\":" + (direction == Direction::kSend ? "\"send\"" : "\"receive\"") + ',' +
+         last;
 }
 
 void WarnOnce(const QString& why) {
@@ -136,7 +141,14 @@ long long RecordTime() {
 void Trace(const QString& task, Direction direction, std::initializer_list<std::string_view> json,
            long long time) {
   if (IsRecorded()) {
-    Write(RecordFile(), Head(task, direction, time == 0 ? RecordTime() : time), json);
+    Write(RecordFile(), Head(task, direction, time == 0 ? RecordTime() : time, "\"envelope\":"),
+          json);
+  }
+}
+
+void TraceFault(const QString& task, Direction direction, const QString& fault) {
+  if (IsRecorded()) {
+    Write(RecordFile(), Head(task, direction, RecordTime(), Member("fault", fault)), {});
   }
 }
 

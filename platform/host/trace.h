@@ -20,6 +20,10 @@ long long RecordTime();
 void Trace(const QString& task, Direction direction, std::initializer_list<std::string_view> json,
            long long time = 0);
 
+// Appends a line that says which fault struck a message on this way, or the task: `fault` in place of
+// the message.
+void TraceFault(const QString& task, Direction direction, const QString& fault);
+
 }  // namespace RuntimeManager::host
 
 #endif  // RUNTIME_MANAGER_HOST_TRACE_H
