@@ -14,6 +14,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::SizeIs;
 
 class IntentManagerWrapper : public Wrapper {
  protected:
@@ -41,6 +42,17 @@ TEST_F(IntentManagerWrapper, OfATableOfSizeEightNamesOpenUriAndDropsTheCallbackU
   EXPECT_THAT(StdoutOf([&] { intents->OpenUri("a:1", [alive](bool) { ADD_FAILURE(); }); }),
               IsMissing("OpenUri"));
   EXPECT_EQ(alive.use_count(), 1);
+}
+
+TEST_F(IntentManagerWrapper, OfEachSizeOfATableThatCoversOpenUriAsks) {
+  // Up to this library's, and a newer one's.
+  for (const std::uint64_t size : {16U, 23U, 24U, 64U}) {
+    SCOPED_TRACE(size);
+    fake_->intents_size = size;
+    const auto intents = CreateIntents();
+    EXPECT_EQ(StdoutOf([&] { intents->OpenUri("a:1", [](bool) {}); }), "");
+    EXPECT_THAT(fake_->calls, SizeIs(1));
+  }
 }
 
 TEST_F(IntentManagerWrapper, EachOpenUriHasASlotOfItsOwnCalledAndReleasedOnce) {

@@ -7,6 +7,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "wrapper_fixture.h"
@@ -92,16 +93,21 @@ TEST_F(RpcClientWrapper, ChecksItsEntriesInOrderAndNamesTheFirstThatIsMissing) {
   EXPECT_THAT(output(), IsMissing("Release"));
 }
 
-TEST_F(RpcClientWrapper, OfATableOfSize24NamesSendMessage) {
-  fake_->client_size = 24;
-  EXPECT_THAT(OutputOfFailure([] { return CreateManager()->CreateIpcClient("worker"); }),
-              IsMissing("SendMessage"));
-}
-
-TEST_F(RpcClientWrapper, OfATableOfSize32NamesRelease) {
-  fake_->client_size = 32;
-  EXPECT_THAT(OutputOfFailure([] { return CreateManager()->CreateIpcClient("worker"); }),
-              IsMissing("Release"));
+TEST_F(RpcClientWrapper, OfEachSizeOfATableNamesTheFirstEntryThatIsBeyondIt) {
+  // The last two are of this library and of a newer one.
+  const std::vector<std::pair<std::uint64_t, std::string>> cases = {{8, "SendMessage"},
+                                                                    {16, "SendMessage"},
+                                                                    {24, "SendMessage"},
+                                                                    {31, "SendMessage"},
+                                                                    {32, "Release"},
+                                                                    {39, "Release"},
+                                                                    {40, ""},
+                                                                    {80, ""}};
+  for (const auto& [size, missing] : cases) {
+    SCOPED_TRACE(size);
+    fake_->client_size = size;
+    ExpectMissing(missing, [] { return CreateManager()->CreateIpcClient("worker"); });
+  }
 }
 
 TEST_F(RpcClientWrapper, StartsTheTaskWithTheFolderOfTheLibraryAndItsOwnSlots) {

@@ -6,6 +6,8 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "wrapper_fixture.h"
 
@@ -65,10 +67,16 @@ TEST_F(RpcServerWrapper, ChecksItsEntriesInOrderAndNamesTheFirstThatIsMissing) {
   EXPECT_THAT(output(), IsMissing("UnlockResources"));
 }
 
-TEST_F(RpcServerWrapper, OfATableOfSize24NamesSendMessage) {
-  fake_->server_size = 24;
-  EXPECT_THAT(OutputOfFailure([] { return CreateManager()->CreateRpcServer(); }),
-              IsMissing("SendMessage"));
+TEST_F(RpcServerWrapper, OfEachSizeOfATableNamesTheFirstEntryThatIsBeyondIt) {
+  // The last two are of this library and of a newer one.
+  const std::vector<std::pair<std::uint64_t, std::string>> cases = {
+      {8, "Run"}, {15, "Run"}, {16, "SendMessage"}, {24, "SendMessage"}, {31, "SendMessage"},
+      {32, ""},   {64, ""}};
+  for (const auto& [size, missing] : cases) {
+    SCOPED_TRACE(size);
+    fake_->server_size = size;
+    ExpectMissing(missing, [] { return CreateManager()->CreateRpcServer(); });
+  }
 }
 
 TEST_F(RpcServerWrapper, RunHandsItsSlotsToTheService) {

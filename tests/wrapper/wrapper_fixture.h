@@ -70,6 +70,19 @@ class Wrapper : public testing::Test {
     return StdoutOf([&action] { EXPECT_FALSE(action()); });
   }
 
+  // `create` returns something, without a word, unless an entry is missing, which its line names.
+  template <class Create>
+  static void ExpectMissing(const std::string& entry, const Create& create) {
+    bool created = false;
+    const std::string output = StdoutOf([&] { created = create() != nullptr; });
+    EXPECT_EQ(created, entry.empty());
+    if (entry.empty()) {
+      EXPECT_EQ(output, "");
+    } else {
+      EXPECT_THAT(output, IsMissing(entry));
+    }
+  }
+
   // The message of a call such as "Send(13, 'text')".
   static vorpc::Message SentMessage(const std::string& call) {
     const auto begin = call.find('\'') + 1;

@@ -84,12 +84,6 @@ class FakeIntents : public testing::Test {
     return uris;
   }
 
-  // Counts for callbacks that are given no user data.
-  static int& Calls() {
-    static int calls = 0;
-    return calls;
-  }
-
   static void Reply(const Error& error = {}) { Q_EMIT Invoker().replyReceived({}, error); }
 
   // Registers an intent whose callback is `callback`.
@@ -289,25 +283,58 @@ TEST_F(FakeIntents, RegistrationsSlotIsReleasedWhenThePlatformDropsIt) {
   EXPECT_THAT(log_, ElementsAre("released"));
 }
 
-TEST_F(FakeIntents, FieldsBeyondTheSizeOfASlotAreNotCalled) {
+// What is called of a slot, by the size that it states: 'c' the callback, 'r' the release; in
+// capitals with the user data.
+struct CalledAtSize {
+  std::size_t size;
+  const char* called;
+};
+
+// The last one belongs to a caller that knows more fields than the library.
+constexpr CalledAtSize kSlotSizes[] = {{0, ""},    {15, ""},   {16, "c"},  {23, "c"},
+                                       {24, "cr"}, {31, "cr"}, {32, "CR"}, {64, "CR"}};
+
+std::string& Called() {
+  static std::string called;
+  return called;
+}
+
+template <char letter>
+void Note(const void* user_data) {
+  Called() += user_data == nullptr ? letter : static_cast<char>(letter - 'a' + 'A');
+}
+
+TEST_F(FakeIntents, UrisFieldsThatTheSizeCoversAreCalledAndNoOthers) {
   TARVOpenUriSlot slot{};
-  slot.callback = [](void* user_data, bool) {
-    EXPECT_EQ(user_data, nullptr);
-    ++Calls();
-  };
-  slot.release = [](void* user_data) {
-    EXPECT_EQ(user_data, nullptr);
-    Calls() += 10;
-  };
+  slot.callback = [](void* user_data, bool) { Note<'c'>(user_data); };
+  slot.release = [](void* user_data) { Note<'r'>(user_data); };
   slot.user_data = this;
-  // No field, the callback, and the release with it.
-  for (const auto& [size, calls] : {std::pair{15U, 0}, {16U, 1}, {23U, 1}, {24U, 11}, {31U, 11}}) {
-    SCOPED_TRACE(size);
-    Calls() = 0;
-    slot.size = size;
+  for (const CalledAtSize& row : kSlotSizes) {
+    SCOPED_TRACE(row.size);
+    Called().clear();
+    slot.size = row.size;
     ASSERT_EQ(table_.OpenUri(intents_, "a:1", &slot), QUARN_RESULT_SUCCESS);
     Reply();
-    EXPECT_EQ(Calls(), calls);
+    EXPECT_EQ(Called(), row.called);
+  }
+}
+
+TEST_F(FakeIntents, RegistrationsFieldsThatTheSizeCoversAreCalledAndNoOthers) {
+  TARVRegisterIntentSlot slot{};
+  slot.callback = [](void* user_data, TARVReplyIntentSlot* reply) {
+    Note<'c'>(user_data);
+    reply->release(reply->user_data);
+  };
+  slot.release = [](void* user_data) { Note<'r'>(user_data); };
+  slot.user_data = this;
+  for (const CalledAtSize& row : kSlotSizes) {
+    SCOPED_TRACE(row.size);
+    Called().clear();
+    slot.size = row.size;
+    ASSERT_EQ(table_.RegisterIntent(intents_, "weigh", &slot), QUARN_RESULT_SUCCESS);
+    Invoke();
+    RuntimeDispatcher::instance()->handlers.clear();
+    EXPECT_EQ(Called(), row.called);
   }
 }
 

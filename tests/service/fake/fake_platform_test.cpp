@@ -189,10 +189,10 @@ struct CalledAtSize {
   const char* called;
 };
 
-TEST_F(FakePlatform, ClientsFieldsThatAShorterSizeCoversAreCalledAndNoOthers) {
-  const std::vector<CalledAtSize> cases = {{0, ""},      {15, ""},     {16, "s"},
-                                           {24, "sd"},   {31, "sd"},   {32, "smd"},
-                                           {40, "smdr"}, {47, "smdr"}, {48, "SMDR"}};
+TEST_F(FakePlatform, ClientsFieldsThatTheSizeCoversAreCalledAndNoOthers) {
+  const std::vector<CalledAtSize> cases = {{0, ""},      {15, ""},    {16, "s"},    {24, "sd"},
+                                           {31, "sd"},   {32, "smd"}, {40, "smdr"}, {47, "smdr"},
+                                           {48, "SMDR"}, {80, "SMDR"}};
   for (const CalledAtSize& row : cases) {
     SCOPED_TRACE(row.size);
     Called().clear();
@@ -213,9 +213,10 @@ TEST_F(FakePlatform, ClientsFieldsThatAShorterSizeCoversAreCalledAndNoOthers) {
   }
 }
 
-TEST_F(FakePlatform, ServersFieldsThatAShorterSizeCoversAreCalledAndNoOthers) {
-  const std::vector<CalledAtSize> cases = {{0, ""},    {15, ""},    {16, "s"},   {24, "sm"},
-                                           {31, "sm"}, {32, "smr"}, {39, "smr"}, {40, "SMR"}};
+TEST_F(FakePlatform, ServersFieldsThatTheSizeCoversAreCalledAndNoOthers) {
+  const std::vector<CalledAtSize> cases = {{0, ""},     {15, ""},    {16, "s"},
+                                           {24, "sm"},  {31, "sm"},  {32, "smr"},
+                                           {39, "smr"}, {40, "SMR"}, {80, "SMR"}};
   for (const CalledAtSize& row : cases) {
     SCOPED_TRACE(row.size);
     Called().clear();
