@@ -1,0 +1,6 @@
+cmake_minimum_required(VERSION 3.25)
+project(battery LANGUAGES CXX)
+find_package(tarv 0.2 CONFIG REQUIRED)
+find_package(Qt5 5.15 REQUIRED COMPONENTS Core)
+add_library(battery_plugin STATIC task.cpp)
+add_executable(battery_demo application.cpp)
