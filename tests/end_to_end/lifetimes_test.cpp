@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <quarn/dispatcher.h>
 #include <signal.h>
+#include <tarv/task_client.h>
 
 #include <fstream>
 #include <string>
@@ -15,6 +16,7 @@ namespace tarv::test {
 namespace {
 
 using testing::HasSubstr;
+using testing::IsEmpty;
 using testing::Not;
 
 constexpr std::chrono::milliseconds kAWhile(50);
@@ -189,6 +191,62 @@ TEST_F(Lifetimes, OfOneManagerEndTheServiceForAllAndTheirClientsStayWhole) {
   connection->Send("echo");
   RunEvents(kAWhile);
   EXPECT_TRUE(connection->record->responses.empty());
+}
+
+class ManagersEnd : public Lifetimes {
+ protected:
+  // Notes whose end the client hears of.
+  void Hear(const std::shared_ptr<vorpc::IClient>& client) {
+    dynamic_cast<ITaskClient&>(*client).OnManagerEnded(
+        [this](EndedManager manager) { heard_.push_back(manager); });
+  }
+
+  std::vector<EndedManager> heard_;
+};
+
+TEST_F(ManagersEnd, IsToldToTheClientsOfAll) {
+  auto other = NewManager();
+  const auto first = manager_wrapper_->CreateIpcClient("worker");
+  const auto second = other->CreateIpcClient("worker");
+  EXPECT_EQ(dynamic_cast<ITaskClient&>(*first).GetTaskName(), "worker");
+  Hear(first);
+  Hear(second);
+  other.reset();
+  EXPECT_THAT(heard_, testing::ElementsAre(EndedManager::kAnother, EndedManager::kOwn));
+  Hear(first);  // late, and at once
+  EXPECT_EQ(heard_.size(), 3U);
+  manager_wrapper_.reset();
+  EXPECT_EQ(heard_.size(), 3U) << "a second end";
+}
+
+TEST_F(ManagersEnd, IsNotToldToClientsThatCameAfterIt) {
+  NewManager().reset();
+  Hear(manager_wrapper_->CreateIpcClient("worker"));  // let go at once
+  const auto kept = manager_wrapper_->CreateIpcClient("worker");
+  Hear(kept);
+  EXPECT_THAT(heard_, IsEmpty());
+  manager_wrapper_.reset();
+  EXPECT_THAT(heard_, testing::ElementsAre(EndedManager::kOwn));
+}
+
+TEST_F(ManagersEnd, MayLetGoOfItsClientsAndMayThrow) {
+  auto first = manager_wrapper_->CreateIpcClient("worker");
+  auto second = manager_wrapper_->CreateIpcClient("worker");
+  auto third = manager_wrapper_->CreateIpcClient("worker");
+  dynamic_cast<ITaskClient&>(*first).OnManagerEnded([&first, &second](EndedManager) {
+    first.reset();
+    second.reset();
+  });
+  Hear(first);
+  Hear(second);
+  dynamic_cast<ITaskClient&>(*third).OnManagerEnded(
+      [](EndedManager) { throw std::runtime_error("not now"); });
+  const auto fourth = manager_wrapper_->CreateIpcClient("worker");
+  Hear(fourth);
+  testing::internal::CaptureStdout();
+  manager_wrapper_.reset();
+  EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("threw: not now"));
+  EXPECT_THAT(heard_, testing::ElementsAre(EndedManager::kOwn));
 }
 
 TEST_F(Lifetimes, OfAnIntentManagerMayEndInsideItsCallback) {

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <utility>
 
+#include "made_clients.h"
+
 namespace tarv {
 namespace {
 
@@ -40,10 +42,11 @@ void LogThrow(std::string_view what) {
                     << ". Nothing can hear of it there: catch it in the callback.";
 }
 
-// Callbacks that learn of the end run inside the release, and a destructor lets nothing through.
-void ReleaseAndLog(decltype(TARVProcTable::Release) release, _TARVManagerRef* manager) {
+// Callbacks that learn of the end run inside the destructor, which lets nothing through.
+template <class Step>
+void RunAndLog(const Step& step) {
   try {
-    release(manager);
+    step();
   } catch (const std::exception& error) {
     LogThrow(error.what());
   } catch (...) {
@@ -60,7 +63,12 @@ ManagerWrapper::ManagerWrapper(const std::shared_ptr<quarn::IDispatcher>& dispat
 ManagerWrapper::~ManagerWrapper() {
   // Tested for null alone: a table that states a small size may still hold this entry.
   if (api_ && manager_ != nullptr && api_->GetTable().Release != nullptr) {
-    ReleaseAndLog(api_->GetTable().Release, manager_);
+    const auto clients = details::MadeClients::Get().TakeClientsOf(manager_);
+    RunAndLog([this] { api_->GetTable().Release(manager_); });
+    for (const auto& [ref, maker] : clients) {
+      const auto ended = maker.manager == this ? EndedManager::kOwn : EndedManager::kAnother;
+      RunAndLog([ref = ref, ended] { RpcClient::TellManagerEnded(ref, ended); });
+    }
   }
   api_.reset();
 }
@@ -117,7 +125,12 @@ std::shared_ptr<vorpc::IClient> ManagerWrapper::CreateIpcClient(const std::strin
   }
   const std::shared_ptr<RpcClient::Api> api =
       RpcClient::Api::Create(api_->GetLibrary(), load_table);
-  return RpcClient::Create(dispatcher_, name, api, client);
+  const auto made = RpcClient::Create(dispatcher_, name, api, client);
+  if (made) {
+    details::MadeClients::Get().Add(static_cast<const RpcClient&>(*made).GetRef(),
+                                    {this, manager_});
+  }
+  return made;
 }
 
 std::shared_ptr<vorpc::IServer> ManagerWrapper::CreateRpcServer() const {

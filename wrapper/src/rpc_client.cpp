@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "c_text.h"
+#include "made_clients.h"
 #include "rpc_end.h"
 
 template class quarn::Object<tarv::RpcClient, _RpcClientWrapperRef*>;
@@ -41,7 +42,10 @@ RpcClient::RpcClient(const std::shared_ptr<quarn::IDispatcher>& dispatcher,
       owned_(vorpc::IOwnedClient::Create(details::MakeSender(api, client, &FindSend))),
       requests_(dynamic_cast<vorpc::IRequests*>(owned_.get())) {}
 
+ITaskClient::~ITaskClient() = default;
+
 RpcClient::~RpcClient() {
+  details::MadeClients::Get().Remove(GetRef());
   api_->GetTable().Release(client_);
   owned_.reset();
   api_.reset();
@@ -54,11 +58,14 @@ std::shared_ptr<vorpc::IClient> RpcClient::Create(
     return nullptr;
   }
   const auto self = Object::Create(dispatcher, api, client, PrivateTag());
+  self->name_ = name;
   if (!self->owned_ || self->StartTask(name) != QUARN_RESULT_SUCCESS) {
     return nullptr;
   }
-  return vorpc::HandToUser<vorpc::IClient>(self,
-                                           [](RpcClient& wrapper) { wrapper.owned_->Abandon(); });
+  return vorpc::HandToUser<vorpc::IClient>(self, [](RpcClient& wrapper) {
+    wrapper.let_go_ = true;
+    wrapper.owned_->Abandon();
+  });
 }
 
 QuarnResult RpcClient::StartTask(const std::string& name) {
@@ -116,6 +123,21 @@ void RpcClient::HandleOnDisconnect(void* user_data, int code, const char* messag
 
 void RpcClient::UnlockResources(std::size_t chunk) const {
   quarn::CallEntry(QUARN_FIND_ENTRY(api_->GetTable(), UnlockResources), client_, chunk);
+}
+
+void RpcClient::OnManagerEnded(std::function<void(EndedManager)>&& callback) {
+  manager_ended_.Subscribe(std::make_shared<quarn::CppStyleListener<EndedManager>>(
+      [this, callback = std::move(callback)](EndedManager manager) {
+        if (callback && !let_go_) {
+          callback(manager);
+        }
+      }));
+}
+
+void RpcClient::TellManagerEnded(_RpcClientWrapperRef* client, EndedManager manager) {
+  if (const auto self = FromRef(client)) {
+    self->manager_ended_.Emit(manager);
+  }
 }
 
 bool RpcClient::IsConnected() const { return owned_->IsConnected(); }

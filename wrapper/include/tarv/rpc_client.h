@@ -5,10 +5,13 @@
 #include <quarn/export.h>
 #include <quarn/library_api.h>
 #include <quarn/object.h>
+#include <quarn/run_once_signal.h>
 #include <tarv/tarv_capi.h>
+#include <tarv/task_client.h>
 #include <vorpc/client.h>
 #include <vorpc/requests.h>
 
+#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -28,12 +31,13 @@ extern template class TARV_EXPORT quarn::Object<tarv::RpcClient, _RpcClientWrapp
 namespace tarv {
 
 // Joins the service's client, which moves texts, with a vorpc client, which gives them meaning.
-// Made by ManagerWrapper::CreateIpcClient. Its last owner ends the task. See vorpc::IClient and vorpc::IRequests for the
-// operations; callbacks run on the thread whose event loop started the task, and may let go of the
-// client.
+// Made by ManagerWrapper::CreateIpcClient. Its last owner ends the task. See vorpc::IClient,
+// vorpc::IRequests and ITaskClient for the operations; callbacks run on the thread whose event loop
+// started the task, and may let go of the client.
 class TARV_EXPORT RpcClient final : public quarn::Object<RpcClient, _RpcClientWrapperRef*>,
                                     public vorpc::IClient,
-                                    public vorpc::IRequests {
+                                    public vorpc::IRequests,
+                                    public ITaskClient {
   struct PrivateTag {
     explicit PrivateTag() = default;
   };
@@ -67,6 +71,11 @@ class TARV_EXPORT RpcClient final : public quarn::Object<RpcClient, _RpcClientWr
   void SendNotify(std::string_view method, const cw::EncodableValue& params) override;
   void OnNotify(std::string_view method,
                 std::function<void(const vorpc::Message::Notification&)>&& callback) override;
+  const std::string& GetTaskName() const override { return name_; }
+  void OnManagerEnded(std::function<void(EndedManager)>&& callback) override;
+
+  // What a ManagerWrapper's end calls.
+  static void TellManagerEnded(_RpcClientWrapperRef* client, EndedManager manager);
 
  private:
   static void HandleOnStarted(void* user_data, int code, const char* message, std::size_t chunk);
@@ -80,6 +89,9 @@ class TARV_EXPORT RpcClient final : public quarn::Object<RpcClient, _RpcClientWr
   _TARVRpcClientRef* client_;
   std::shared_ptr<vorpc::IOwnedClient> owned_;
   vorpc::IRequests* requests_;  // the same object
+  std::string name_;            // of the task
+  quarn::OwnedRunOnceSignal<EndedManager> manager_ended_;
+  std::atomic<bool> let_go_{false};  // by its user
 };
 
 }  // namespace tarv
