@@ -1,6 +1,7 @@
 #include "call_texts.h"
 
-#include <algorithm>
+#include <map>
+#include <string_view>
 #include <utility>
 
 namespace tarv::details {
@@ -18,6 +19,9 @@ constexpr std::int32_t kQueueFull = -32005;
 
 // What a client gives to its callbacks when the transport has no error of its own.
 constexpr std::string_view kNoReason = "Unknown runtime error";
+
+// What an error shows of the methods under way. There may be thousands.
+constexpr std::size_t kShownMethods = 5;
 
 // kAnswered for a code that says nothing of the connection.
 CallReason ReasonOfCode(std::int32_t code) {
@@ -83,10 +87,38 @@ Loss LossOfMissingClient() {
           "there is no client: the manager refused to make one, and the log says why"};
 }
 
+Loss LossOfManager(EndedManager manager) {
+  return {
+      CallReason::kReleased, 0,
+      manager == EndedManager::kOwn
+          ? "the ManagerWrapper that made its client was destroyed, and ended the task: keep it "
+            "until the calls have ended, and destroy it after Caller and client"
+          : "another ManagerWrapper of this process was destroyed, which ends the tasks of all: "
+            "keep every one of them as long as any task is called",
+      manager == EndedManager::kOwn};
+}
+
 Loss LossOfSilentTask(const std::string& task, Duration waited) {
   return {CallReason::kNeverConnected, 0,
           TextOfTask(task) + " runs but has not answered the handshake for " + TextOf(waited) +
               ": does it call server->Run()?"};
+}
+
+std::string TextOfMethods(const std::vector<std::string>& methods) {
+  std::map<std::string_view, std::size_t> counts;
+  for (const std::string& method : methods) {
+    ++counts[method];
+  }
+  std::vector<std::string> texts;
+  for (const auto& [method, count] : counts) {
+    if (texts.size() == kShownMethods) {
+      texts.emplace_back("...");
+      break;
+    }
+    texts.push_back("'" + std::string(method) + "'" +
+                    (count > 1 ? " (" + std::to_string(count) + ")" : ""));
+  }
+  return Join(texts);
 }
 
 std::string TextOf(Duration duration) {
@@ -114,8 +146,8 @@ CallError CallNames::TimedOut(Duration timeout, bool sent) const {
   return {CallReason::kTimedOut,
           Subject() + (sent ? " was not answered within " : " was not sent within ") +
               TextOf(timeout) +
-              (sent ? ": is its handler busy, does it keep its request, or has this application "
-                      "destroyed its manager? CallOptions().Timeout() gives it longer"
+              (sent ? ": is its handler busy, or does it keep its request? "
+                      "CallOptions().Timeout() gives it longer"
                     : ": the task has not connected; does it call server->Run()?")};
 }
 

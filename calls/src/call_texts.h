@@ -4,6 +4,7 @@
 
 #include <tarv/calls/call_error.h>
 #include <tarv/calls/call_options.h>
+#include <tarv/task_client.h>
 #include <vorpc/message.h>
 
 #include <cstddef>
@@ -18,13 +19,17 @@ struct Loss {
   CallReason reason;
   std::int32_t code;
   std::string text;
+  bool is_final = false;  // the manager is gone that would start the task again
 };
 
 // What a client's error means, while connecting or after. None: the connection was closed.
 Loss LossOf(const std::optional<vorpc::Message::Error>& error, bool connecting);
 Loss LossOfMissingClient();
+Loss LossOfManager(EndedManager manager);
 Loss LossOfSilentTask(const std::string& task, Duration waited);
 
+// The methods of the calls that were under way when a task was lost: "'count' (2), 'ping'".
+std::string TextOfMethods(const std::vector<std::string>& methods);
 // "30 s", "250 ms".
 std::string TextOf(Duration duration);
 // "the task 'words'", or "the task" when its name is unknown.

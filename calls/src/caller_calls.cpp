@@ -61,7 +61,7 @@ void CallerCore::SendOrKeep(const StatePtr& state) {
     return;
   }
   if (IsOverdue()) {
-    loss_ = LossOfSilentTask(options_.task_name, loop_->Now() - *first_call_);
+    loss_ = LossOfSilentTask(task_name_, loop_->Now() - *first_call_);
     End(state, LossFor(*state));
     return;
   }

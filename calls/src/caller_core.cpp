@@ -14,7 +14,10 @@ using vorpc::Message;
 }  // namespace
 
 CallerCore::CallerCore(std::shared_ptr<Loop> loop, CallerOptions options)
-    : loop_(std::move(loop)), options_(std::move(options)), inbox_(loop_) {}
+    : loop_(std::move(loop)),
+      options_(std::move(options)),
+      task_name_(options_.task_name),
+      inbox_(loop_) {}
 
 template <class Argument>
 std::function<void(const Argument&)> CallerCore::Listen(
@@ -50,7 +53,28 @@ void CallerCore::Attach(std::shared_ptr<vorpc::IClient> client) {
   client_->OnConnected(Listen<OptionalError>(&CallerCore::OnConnected));
   client_->OnDisconnected(Listen<OptionalError>(&CallerCore::OnDisconnected));
   client_->OnNotify("$/progress", Listen<Message::Notification>(&CallerCore::OnProgress));
+  ListenToManager();
   client_->Run();
+}
+
+// Not at once: in the middle of a manager's end, what a consumer uses may have gone before it.
+void CallerCore::ListenToManager() {
+  auto* const task = dynamic_cast<ITaskClient*>(client_.get());
+  if (task == nullptr) {
+    return;
+  }
+  if (task_name_.empty() && !supervised_) {
+    task_name_ = task->GetTaskName();
+  }
+  task->OnManagerEnded([weak = weak_from_this(), number = client_number_](EndedManager manager) {
+    if (const auto core = weak.lock()) {
+      core->inbox_.Add([core, number, manager] {
+        if (core->client_number_ == number) {
+          core->HandleLoss(LossOfManager(manager));
+        }
+      });
+    }
+  });
 }
 
 void CallerCore::Detach() {
@@ -112,16 +136,34 @@ void CallerCore::OnDisconnected(const OptionalError& error) { HandleLoss(LossOf(
 // A supervisor may have another client ready by the time that the calls of this one end.
 void CallerCore::HandleLoss(const Loss& loss) {
   const auto self = shared_from_this();
-  loss_ = loss;
   const auto lost = CollectOpen();
+  loss_ = WithMethods(loss, lost);
+  const Loss told = loss_;
   Detach();
   link_ = supervised_ ? Link::kNone : Link::kLost;
   if (const auto supervisor = supervisor_.lock()) {
-    supervisor->OnLost(loss);
+    supervisor->OnLost(told);
   }
   for (const StatePtr& state : lost) {
-    End(state, NamesOf(*state).Lost(loss, state->phase_ == CallState::Phase::kSent));
+    const bool sent = state->phase_ == CallState::Phase::kSent;
+    // A call that was alone under way names its method anyhow.
+    End(state, NamesOf(*state).Lost(sent && lost.size() == 1 ? loss : told, sent));
   }
+}
+
+// One of the methods under way may be what the task died of.
+Loss CallerCore::WithMethods(const Loss& loss, const std::vector<StatePtr>& lost) const {
+  std::vector<std::string> methods;
+  for (const StatePtr& state : lost) {
+    if (state->phase_ == CallState::Phase::kSent) {
+      methods.push_back(state->GetMethod());
+    }
+  }
+  Loss told = loss;
+  if (!methods.empty() && loss.reason != CallReason::kReleased) {
+    told.text += "; under way: " + TextOfMethods(methods);
+  }
+  return told;
 }
 
 void CallerCore::OnProgress(const Message::Notification& progress) {
@@ -190,7 +232,7 @@ void CallerCore::OnWake() {
     Expire(StatePtr(open_.begin()->second));
   }
   if (!open_.empty() && IsOverdue()) {
-    loss_ = LossOfSilentTask(options_.task_name, loop_->Now() - *first_call_);
+    loss_ = LossOfSilentTask(task_name_, loop_->Now() - *first_call_);
     if (supervised_) {
       HandleLoss(Loss(loss_));
     } else {
@@ -241,7 +283,7 @@ void CallerCore::SetTimer() {
 }
 
 CallNames CallerCore::NamesOf(const CallState& state) const {
-  return {state.GetMethod(), options_.task_name};
+  return {state.GetMethod(), task_name_};
 }
 
 CallError CallerCore::LossFor(const CallState& state) const {

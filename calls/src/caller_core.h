@@ -5,6 +5,7 @@
 #include <tarv/calls/call_options.h>
 #include <tarv/calls/call_state.h>
 #include <tarv/calls/loop.h>
+#include <tarv/task_client.h>
 #include <vorpc/client.h>
 #include <vorpc/requests.h>
 
@@ -59,7 +60,7 @@ class CallerCore : public std::enable_shared_from_this<CallerCore> {
   void Cancel(const std::shared_ptr<CallState>& state);
   void DeliverLater(const std::shared_ptr<CallState>& state);
   const std::shared_ptr<Loop>& GetLoop() const { return loop_; }
-  const std::string& GetTaskName() const { return options_.task_name; }
+  const std::string& GetTaskName() const { return task_name_; }
   Meter& GetMeter() { return meter_; }
 
  private:
@@ -93,6 +94,7 @@ class CallerCore : public std::enable_shared_from_this<CallerCore> {
   // A function for the client that runs `handler` here, while that client is the current one.
   template <class Argument>
   std::function<void(const Argument&)> Listen(void (CallerCore::*handler)(const Argument&));
+  void ListenToManager();
 
   void Admit(const StatePtr& state);
   void SendOrKeep(const StatePtr& state);
@@ -105,6 +107,7 @@ class CallerCore : public std::enable_shared_from_this<CallerCore> {
   void OnConnected(const std::optional<vorpc::Message::Error>& error);
   void OnDisconnected(const std::optional<vorpc::Message::Error>& error);
   void HandleLoss(const Loss& loss);
+  Loss WithMethods(const Loss& loss, const std::vector<StatePtr>& lost) const;
   void OnProgress(const vorpc::Message::Notification& progress);
   void OnResponse(const StatePtr& state, const vorpc::Message::Response& response);
   void OnError(const StatePtr& state, const vorpc::Message::Error& error);
@@ -126,6 +129,7 @@ class CallerCore : public std::enable_shared_from_this<CallerCore> {
 
   const std::shared_ptr<Loop> loop_;
   const CallerOptions options_;
+  std::string task_name_;  // set before any other thread knows the core
   Meter meter_;
   Inbox inbox_;
   std::weak_ptr<Supervisor> supervisor_;

@@ -27,15 +27,19 @@ class details::KeptTaskCore final : public Supervisor,
  public:
   using State = TaskStatus::State;
 
-  KeptTaskCore(KeptTask::Factory factory, const KeepPolicy& policy,
+  KeptTaskCore(KeptTask::Factory factory, bool of_manager, const KeepPolicy& policy,
                std::shared_ptr<CallerCore> calls)
-      : factory_(std::move(factory)), policy_(policy), calls_(std::move(calls)) {}
+      : factory_(std::move(factory)),
+        of_manager_(of_manager),
+        policy_(policy),
+        calls_(std::move(calls)) {}
 
   void OnClientWanted() override {
     Post([](KeptTaskCore& core) { core.Consider(); });
   }
   void OnConnected() override { Change({State::kConnected, std::nullopt}); }
   void OnLost(const Loss& loss) override {
+    is_over_ = is_over_ || (of_manager_ && loss.is_final);
     deaths_.push_back(calls_->GetLoop()->Now());
     last_ = loss;
     not_before_ = deaths_.back() + Pause();
@@ -72,7 +76,7 @@ class details::KeptTaskCore final : public Supervisor,
     if (status_.state != State::kStopped && status_.state != State::kEnded) {
       return;
     }
-    if (last_ && policy_.restart == Restart::kNever) {
+    if (last_ && (policy_.restart == Restart::kNever || is_over_)) {
       calls_->FailKept(*last_);
     } else if (IsCrashLoop()) {
       GiveUp(LossOfCrashLoop());
@@ -164,6 +168,7 @@ class details::KeptTaskCore final : public Supervisor,
   }
 
   const KeptTask::Factory factory_;
+  const bool of_manager_;  // whose end is the task's, for good
   const KeepPolicy policy_;
   const std::shared_ptr<CallerCore> calls_;
   std::shared_ptr<vorpc::IClient> client_;
@@ -173,18 +178,24 @@ class details::KeptTaskCore final : public Supervisor,
   std::deque<Loop::Time> deaths_;  // within the window
   std::optional<Loss> last_;
   Loop::Time not_before_;
+  bool is_over_ = false;
 };
 
-KeptTask::KeptTask(Factory factory, const std::string& name, const KeepPolicy& policy,
-                   std::shared_ptr<Loop> loop)
+KeptTask::KeptTask(Factory factory, bool of_manager, const std::string& name,
+                   const KeepPolicy& policy, std::shared_ptr<Loop> loop)
     : calls_(std::make_shared<details::CallerCore>(std::move(loop), OptionsFor(name, policy))),
-      core_(std::make_shared<details::KeptTaskCore>(std::move(factory), policy, calls_)) {
+      core_(
+          std::make_shared<details::KeptTaskCore>(std::move(factory), of_manager, policy, calls_)) {
   calls_->SetSupervisor(core_);
 }
 
+KeptTask::KeptTask(Factory factory, const std::string& name, const KeepPolicy& policy,
+                   std::shared_ptr<Loop> loop)
+    : KeptTask(std::move(factory), false, name, policy, std::move(loop)) {}
+
 KeptTask::KeptTask(const ManagerWrapper& manager, const std::string& name, const KeepPolicy& policy,
                    std::shared_ptr<Loop> loop)
-    : KeptTask(FactoryOf(manager, name), name, policy, std::move(loop)) {}
+    : KeptTask(FactoryOf(manager, name), true, name, policy, std::move(loop)) {}
 
 KeptTask::~KeptTask() {
   calls_->Close();

@@ -24,7 +24,7 @@ enum class CallReason {
   kTooLarge,        // a message was above the platform's bound, which ends the connection
   kBadArguments,    // a parameter that no message holds; nothing was sent
   kBadAnswer,       // the result is not of the method's type
-  kReleased,        // the Caller was destroyed
+  kReleased,        // the Caller was destroyed, or a ManagerWrapper under it
   kCrashLoop,       // the task died so often that KeptTask starts it no more
   kWouldBlock,      // Call::Wait on the thread of its loop; the call itself goes on
 };

@@ -29,7 +29,8 @@ struct CallOptions {
 struct CallerOptions {
   // From the first call until the task has answered the handshake.
   Duration connect_timeout = std::chrono::seconds(10);
-  // The task's name, for the texts of errors. A client does not tell it.
+  // The task's name in the texts of errors. Empty: what the client tells, which those of a
+  // ManagerWrapper do (ITaskClient); another's calls are then of "the task".
   std::string task_name;
 
   CallerOptions ConnectTimeout(Duration value) const {
