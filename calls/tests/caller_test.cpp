@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <tarv/calls/caller.h>
+#include <tarv/calls/service.h>
 
 #include <future>
 #include <limits>
@@ -245,7 +246,8 @@ TEST_F(CallerTest, TellsHowATaskWasLost) {
     EXPECT_EQ(after.Count(), 0U) << "a callback inside Call";
     link.Pump();
     EXPECT_EQ(after.GetReason(), reason);
-    EXPECT_EQ(after.GetText(), "'ping' of the task 'words' was not sent: it broke");
+    EXPECT_EQ(after.GetText(),
+              "'ping' of the task 'words' was not sent: it broke; under way: 'say'");
   }
 }
 
@@ -339,14 +341,11 @@ TEST_F(CallerTest, PassesStepsUntilTheEnd) {
   link_.Pump();
   const std::string id = replies_.at(0)->GetRequestId().value;
   const auto report = [&](int done) {
-    link_.server->SendNotify(
-        "$/progress",
-        cw::EncodableMap{{"token", id}, {"value", cw::EncodableMap{{"done", done}, {"of", 3}}}});
+    link_.SendStep(id, cw::EncodableMap{{"done", done}, {"of", 3}});
   };
   report(1);
   report(2);
-  link_.server->SendNotify("$/progress",
-                           cw::EncodableMap{{"token", "another"}, {"value", cw::EncodableMap()}});
+  link_.SendStep("another", cw::EncodableMap());
   replies_.at(0)->SendResult(cw::EncodableMap{{"total", 3}, {"each", cw::EncodableList()}});
   report(3);
   link_.Pump();
@@ -359,9 +358,7 @@ TEST_F(CallerTest, LogsAStepOfAnotherType) {
   const auto call = caller_->Call(kCount, {});
   call.OnProgress([](Step) {});
   link_.Pump();
-  link_.server->SendNotify("$/progress",
-                           cw::EncodableMap{{"token", replies_.at(0)->GetRequestId().value},
-                                            {"value", cw::EncodableMap{{"done", 1}}}});
+  link_.SendStep(replies_.at(0)->GetRequestId().value, cw::EncodableMap{{"done", 1}});
   testing::internal::CaptureStdout();
   link_.Pump();
   EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("progress.of: missing"));
@@ -448,9 +445,7 @@ TEST_F(CallerTest, MayEndInsideAStep) {
   const Ending<Totals> ending(call);
   call.OnProgress([this](Step) { caller_.reset(); });
   link_.Pump();
-  link_.server->SendNotify("$/progress",
-                           cw::EncodableMap{{"token", replies_.at(0)->GetRequestId().value},
-                                            {"value", cw::EncodableMap{{"done", 1}, {"of", 3}}}});
+  link_.SendStep(replies_.at(0)->GetRequestId().value, cw::EncodableMap{{"done", 1}, {"of", 3}});
   link_.Pump();
   EXPECT_EQ(ending.GetReason(), CallReason::kReleased);
 }

@@ -2,8 +2,7 @@
 #include <gtest/gtest.h>
 #include <tarv/calls/coroutine.h>
 
-#include "link.h"
-#include "values.h"
+#include "fixture.h"
 
 namespace {
 
@@ -33,21 +32,14 @@ class Witness {
   std::shared_ptr<int> life_ = std::make_shared<int>();
 };
 
-class CoroutineTest : public testing::Test {
+class CoroutineTest : public tarv::test::CallsTest {
  protected:
-  CoroutineTest()
-      : service_(tarv::Service::For(link_.server, link_.loop)),
-        caller_(std::make_unique<tarv::Caller>(link_.client, link_.loop)) {
+  CoroutineTest() {
     service_->On(kNext, [this] { return ++next_; });
-    service_->On(kPing, [this](const Request<void>& request) { open_.push_back(request); });
     service_->On(kSay, [](const std::string& text) { throw tarv::RequestError(9, text); });
-    service_->Run();
+    KeepPings();
   }
 
-  Link link_;
-  std::shared_ptr<tarv::Service> service_;
-  std::unique_ptr<tarv::Caller> caller_;
-  std::vector<Request<void>> open_;
   int next_ = 0;
 };
 

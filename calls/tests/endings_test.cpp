@@ -4,270 +4,203 @@
 #include <gtest/gtest.h>
 #include <tarv/calls/caller.h>
 #include <tarv/calls/kept_task.h>
+#include <tarv/task_client.h>
 
-#include <filesystem>
+#include <algorithm>
 #include <fstream>
 #include <optional>
+#include <regex>
+#include <set>
 
 #include "end_to_end/application.h"
 #include "mistakes.h"
+#include "scenarios.h"
 
 namespace tarv::test {
 namespace {
 
-using testing::AllOf;
 using testing::HasSubstr;
-using testing::MatchesRegex;
 using namespace std::chrono_literals;
 
-// Longer than any loaded machine needs; and enough for what never comes.
-constexpr auto kLong = 60s;
-constexpr auto kShort = 1s;
-
-class Endings : public EndToEndTest {
+// Tasks in processes of their own.
+class Endings : public EndToEndTest, public World {
  protected:
-  void Begin(const std::string& mistake, Duration connect_timeout = kLong) {
+  std::shared_ptr<Loop> GetLoop() override { return loop_; }
+  std::shared_ptr<vorpc::IClient> Start(const std::string& task,
+                                        const std::string& mistake) override {
     const ScopedVariable variable("MISTAKE", mistake);
-    BeginTask("misbehaving", connect_timeout);
+    return manager_wrapper_->CreateIpcClient(task);
   }
-  void BeginTask(const std::string& task, Duration connect_timeout = kLong) {
-    caller_.emplace(manager_wrapper_->CreateIpcClient(task), Loop::OfThisThread(),
-                    CallerOptions().TaskName(task).ConnectTimeout(connect_timeout));
+  bool RunUntil(const std::function<bool()>& condition) override { return WaitUntil(condition); }
+  void LimitMessages(std::size_t most) override {
+    most_message_.emplace("RUNTIME_MANAGER_MAX_MESSAGE", std::to_string(most));
   }
-  void BeginConnected() {
-    Begin("");
-    const auto outcome = End(caller_->Call(mistakes::kPing, CallOptions().Timeout(kLong)));
-    ASSERT_TRUE(outcome) << outcome.GetError().what();
+  void LimitQueue(std::size_t most) override {
+    most_queue_.emplace("RUNTIME_MANAGER_MAX_QUEUE", std::to_string(most));
   }
+  void EndManager() override { manager_wrapper_.reset(); }
 
   template <class Result, class Step>
   static Outcome<Result> End(const Call<Result, Step>& call) {
     const auto ended = std::make_shared<std::optional<Outcome<Result>>>();
     call.Then([ended](Outcome<Result> outcome) { ended->emplace(std::move(outcome)); });
     if (!WaitUntil([&ended] { return ended->has_value(); })) {
-      return CallError(CallReason::kWouldBlock, "the test waits for ever");
+      throw std::runtime_error("the call never ends");
     }
     return std::move(**ended);
   }
-  template <class Result, class Step>
-  static void Expect(const Call<Result, Step>& call, CallReason reason,
-                     const testing::Matcher<std::string>& text) {
-    const Outcome<Result> outcome = End(call);
-    ASSERT_FALSE(outcome);
-    EXPECT_EQ(NameOf(outcome.GetError().GetReason()), NameOf(reason));
-    EXPECT_THAT(std::string(outcome.GetError().what()), text);
-  }
-  Call<void> Ping(Duration timeout = kLong) {
-    return caller_->Call(mistakes::kPing, CallOptions().Timeout(timeout));
-  }
-  Call<void> Do(const char* mistake, Duration timeout = kLong) {
-    return caller_->Call(mistakes::kDo, mistake, CallOptions().Timeout(timeout));
-  }
 
-  std::optional<Caller> caller_;
+ private:
+  const std::shared_ptr<Loop> loop_ = Loop::OfThisThread();
+  std::optional<ScopedVariable> most_message_;
+  std::optional<ScopedVariable> most_queue_;
 };
 
-TEST_F(Endings, OfATaskThatDoesNotExist) {
-  BeginTask("nobody");
-  Expect(Ping(), CallReason::kNotStarted,
-         AllOf(HasSubstr("'ping' of the task 'nobody' was not sent: "), HasSubstr("nobody")));
-}
+class EndingsOfTheTable : public Endings, public testing::WithParamInterface<Scenario> {};
 
-TEST_F(Endings, OfATaskThatIsNotExecutable) {
+TEST_P(EndingsOfTheTable, Are) {
   std::ofstream(Sign("plain")) << "no program\n";
-  const ScopedVariable path("RUNTIME_MANAGER_TASK_PATH", folder_.GetPath().string());
-  BeginTask("plain");
-  Expect(Ping(), CallReason::kNotStarted, HasSubstr("plain"));
+  const ScopedVariable path("RUNTIME_MANAGER_TASK_PATH",
+                            folder_.GetPath().string() + ":" + TaskFolder());
+  EXPECT_EQ(Compare(GetParam(), GetParam().play(*this)), "");
 }
 
-TEST_F(Endings, OfATaskThatExitsAtItsStart) {
-  Begin("exits at start");
-  Expect(Ping(), CallReason::kTaskExited,
-         AllOf(HasSubstr("'ping' of the task 'misbehaving' was not sent: "), HasSubstr("status 3"),
-               HasSubstr("there is no disk")));
+INSTANTIATE_TEST_SUITE_P(Each, EndingsOfTheTable, testing::ValuesIn(AllScenarios()),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+// ---- The table itself
+
+struct Row {
+  std::string what;
+  std::string how;
+};
+
+std::vector<Row> RowsOfTheGuide() {
+  std::ifstream guide(DOCS_FOLDER "/calls.md");
+  const std::regex row(R"(\| (.*) \| (.*) \| .* \|)");
+  std::vector<Row> rows;
+  std::string line;
+  while (std::getline(guide, line) && line.rfind("## Threads", 0) != 0) {
+    std::smatch cells;
+    if (std::regex_match(line, cells, row) && cells[2].str().find("`k") == 0) {
+      rows.push_back({cells[1], cells[2]});
+    }
+  }
+  return rows;
 }
 
-TEST_F(Endings, OfATaskThatDiesAtItsStart) {
-  Begin("dies at start");
-  Expect(Ping(), CallReason::kTaskKilled, HasSubstr("KILL"));
+TEST(TableOfEndings, HasAScenarioForEachReasonOfEachRow) {
+  const std::regex reason_name("`(k[A-Z][A-Za-z]+)`");
+  for (const Row& row : RowsOfTheGuide()) {
+    std::set<std::string> promised;
+    for (std::sregex_iterator name(row.how.begin(), row.how.end(), reason_name), end; name != end;
+         ++name) {
+      promised.insert((*name)[1]);
+    }
+    std::set<std::string> played;
+    for (const Scenario& scenario : AllScenarios()) {
+      if (scenario.row == row.what) {
+        played.emplace(NameOf(scenario.reason));
+      }
+    }
+    EXPECT_EQ(played, promised) << row.what;
+  }
 }
 
-TEST_F(Endings, OfATaskThatExitsDuringTheHandshake) {
-  Begin("exits during the handshake");
-  Expect(Ping(), CallReason::kTaskExited, HasSubstr("status 3"));
+TEST(TableOfEndings, HasARowForEachScenario) {
+  const std::vector<Row> rows = RowsOfTheGuide();
+  for (const Scenario& scenario : AllScenarios()) {
+    EXPECT_TRUE(std::any_of(rows.begin(), rows.end(),
+                            [&scenario](const Row& row) { return row.what == scenario.row; }))
+        << scenario.name << ": " << scenario.row;
+  }
 }
 
-TEST_F(Endings, OfATaskThatNeverAccepts) {
-  Begin("never accepts", kShort);
-  Expect(Ping(), CallReason::kNeverConnected, HasSubstr("does it call server->Run()?"));
-}
+// ---- What a row does not show
 
-TEST_F(Endings, OfATaskThatNeverAnswersTheHandshake) {
-  Begin("never answers the handshake", kShort);
-  Expect(Ping(), CallReason::kNeverConnected, HasSubstr("does it call server->Run()?"));
-}
-
-TEST_F(Endings, OfATaskThatForgetsRun) {
-  Begin("forgets Run", kShort);
-  Expect(Ping(), CallReason::kNeverConnected,
-         HasSubstr("the task 'misbehaving' runs but has not answered the handshake for 1"));
-}
-
-TEST_F(Endings, OfATaskThatSendsGarbage) {
-  Begin("sends garbage", kShort);
-  Expect(Ping(), CallReason::kNeverConnected, HasSubstr("has not answered the handshake"));
-}
-
-TEST_F(Endings, OfAnImpatientCallToATaskThatDoesNotConnect) {
-  Begin("forgets Run");
-  Expect(Ping(kShort), CallReason::kTimedOut, HasSubstr("the task has not connected"));
-}
-
-TEST_F(Endings, OfARequestThatATaskKeeps) {
-  BeginConnected();
-  Expect(caller_->Call(mistakes::kKeep, CallOptions().Timeout(kShort)), CallReason::kTimedOut,
-         HasSubstr("is its handler busy, does it keep its request"));
-}
-
-TEST_F(Endings, OfAReplyThatAPlainHandlerDrops) {
-  BeginConnected();
-  Expect(caller_->Call(mistakes::kForget, CallOptions().Timeout(kShort)), CallReason::kTimedOut,
-         HasSubstr("was not answered within 1 s"));
-}
-
-TEST_F(Endings, OfARequestThatAHandlerDrops) {
-  BeginConnected();
-  Expect(caller_->Call(mistakes::kDrop), CallReason::kAnswered,
-         HasSubstr("error -32603: The request 'drop' was dropped by its handler, unanswered."));
-}
-
-TEST_F(Endings, OfAHandlerThatThrows) {
-  BeginConnected();
-  Expect(Do("throw"), CallReason::kAnswered, HasSubstr("error -32603: the handler is tired"));
-}
-
-TEST_F(Endings, OfAHandlerThatBlocksItsTask) {
-  BeginConnected();
-  Expect(Do("block", kShort), CallReason::kTimedOut, HasSubstr("is its handler busy"));
-}
-
-TEST_F(Endings, OfATaskThatIsStopped) {
-  BeginConnected();
-  Expect(Do("stop", kShort), CallReason::kTimedOut, HasSubstr("was not answered within 1 s"));
-}
-
-TEST_F(Endings, OfAMethodThatTheTaskDoesNotKnow) {
-  BeginConnected();
-  Expect(caller_->Call(mistakes::kUnknown), CallReason::kAnswered,
-         HasSubstr("'unknown' of the task 'misbehaving' is unknown to it: it answers do, drop, "
-                   "echo, fill, ping"));
-}
-
-TEST_F(Endings, OfParametersOfAnotherType) {
-  BeginConnected();
-  Expect(caller_->Call(mistakes::kEchoOfNumbers, 5), CallReason::kAnswered,
-         HasSubstr("error -32602: params: expected a text, got int32 5"));
-}
-
-TEST_F(Endings, OfAResultOfAnotherType) {
-  BeginConnected();
-  Expect(caller_->Call(mistakes::kWrongType), CallReason::kBadAnswer,
-         HasSubstr("result: expected a text, got int32 5"));
-}
-
-TEST_F(Endings, OfATaskThatExits) {
-  BeginConnected();
-  Expect(Do("exit"), CallReason::kTaskExited,
-         AllOf(HasSubstr("'do' of the task 'misbehaving' was sent and has no answer: "),
-               HasSubstr("status 3"), HasSubstr("I give up")));
-}
-
-TEST_F(Endings, OfATaskThatCrashes) {
-  BeginConnected();
-  Expect(Do("crash"), CallReason::kTaskKilled,
-         AllOf(HasSubstr("SEGV"), HasSubstr("a wild pointer")));
-}
-
-TEST_F(Endings, OfACallAfterTheEnd) {
-  BeginConnected();
-  EXPECT_FALSE(End(Do("exit")));
-  Expect(Ping(), CallReason::kTaskExited,
-         HasSubstr("'ping' of the task 'misbehaving' was not sent"));
-}
-
-TEST_F(Endings, OfATaskThatHangsUp) {
-  BeginConnected();
-  Expect(Do("hang up"), CallReason::kConnectionLost, HasSubstr("has no answer: "));
-}
-
-// The bound of a message for this process, or for the task alone.
-constexpr const char* kBound = "RUNTIME_MANAGER_MAX_MESSAGE";
-
-TEST_F(Endings, OfAnAnswerThatIsTooLarge) {
-  const ScopedVariable limit(kBound, "100000");
-  Begin("has no bound");
-  Expect(caller_->Call(mistakes::kFill, 1000000, CallOptions().Timeout(kLong)),
-         CallReason::kTooLarge, HasSubstr("'fill' of the task 'misbehaving' was sent"));
-}
-
-TEST_F(Endings, OfAnAnswerThatIsTooLargeForTheTask) {
-  const ScopedVariable limit(kBound, "100000");
-  BeginConnected();
-  Expect(caller_->Call(mistakes::kFill, 1000000), CallReason::kConnectionLost,
-         HasSubstr("'fill' of the task 'misbehaving' was sent"));
-}
-
-TEST_F(Endings, OfParametersThatAreTooLarge) {
-  const ScopedVariable limit(kBound, "100000");
-  BeginConnected();
-  Expect(caller_->Call(mistakes::kEcho, std::string(1000000, 'x')), CallReason::kTooLarge,
-         HasSubstr("'echo' of the task 'misbehaving' was sent"));
-}
-
-TEST_F(Endings, OfACallWhoseManagerIsDestroyedFirst) {
-  BeginConnected();
-  const auto call = Do("block", kShort);
-  manager_wrapper_.reset();
-  Expect(call, CallReason::kTimedOut, HasSubstr("has this application destroyed its manager?"));
-}
-
-TEST_F(Endings, OfACallWhoseCallerIsDestroyed) {
-  BeginConnected();
-  const auto call = caller_->Call(mistakes::kKeep);
-  caller_.reset();
-  Expect(call, CallReason::kReleased, HasSubstr("when its Caller was destroyed"));
-}
-
-TEST_F(Endings, OfACallThatIsCancelled) {
-  BeginConnected();
-  const auto call = caller_->Call(mistakes::kKeep);
-  call.Cancel();
-  Expect(call, CallReason::kCancelled, HasSubstr("was cancelled by Call::Cancel"));
-}
-
-TEST_F(Endings, OfAGoodCall) {
-  BeginConnected();
-  const auto outcome = End(caller_->Call(mistakes::kEcho, "good"));
+TEST_F(Endings, AreNotTheEndOfAGoodCall) {
+  Caller caller(Start("misbehaving", ""));
+  const auto outcome = End(caller.Call(mistakes::kEcho, "good"));
   ASSERT_TRUE(outcome);
   EXPECT_EQ(*outcome, "good");
 }
 
-TEST_F(Endings, OfATaskThatCrashesAgainAndAgain) {
-  const ScopedVariable variable("MISTAKE", "exits at start");
-  KeepPolicy policy;
-  policy.first_pause = 1ms;
-  KeptTask task(*manager_wrapper_, "misbehaving", policy);
-  for (int i = 0; i < 5; ++i) {
-    Expect(task.Call(mistakes::kPing), CallReason::kTaskExited, HasSubstr("status 3"));
-  }
-  Expect(task.Call(mistakes::kPing), CallReason::kCrashLoop,
-         AllOf(HasSubstr("has died 5 times within 180 s"), HasSubstr("there is no disk")));
+TEST_F(Endings, NameTheTaskOfTheirClient) {
+  Caller caller(Start("misbehaving", ""));
+  EXPECT_THAT(End(caller.Call(mistakes::kDrop)).GetError().what(),
+              HasSubstr("'drop' of the task 'misbehaving' answered"));
+  Caller renamed(Start("misbehaving", ""), CallerOptions().TaskName("another"));
+  EXPECT_THAT(End(renamed.Call(mistakes::kDrop)).GetError().what(),
+              HasSubstr("'drop' of the task 'another' answered"));
+}
+
+TEST_F(Endings, ComeAfterTheEndOfAManagerAndNotInsideIt) {
+  Caller caller(Start("misbehaving", ""));
+  ASSERT_TRUE(End(caller.Call(mistakes::kPing)));
+  bool ended = false;
+  caller.Call(mistakes::kKeep).Then([&ended](const Outcome<void>&) { ended = true; });
+  EndManager();
+  EXPECT_FALSE(ended);
+  EXPECT_TRUE(WaitUntil([&ended] { return ended; }));
+  EXPECT_THAT(End(caller.Call(mistakes::kPing)).GetError().what(),
+              HasSubstr("'ping' of the task 'misbehaving' was not sent: the ManagerWrapper that "
+                        "made its client was destroyed"));
+}
+
+TEST_F(Endings, TellOfTheManagerToACallThatTheCallersEndFinds) {
+  auto caller = std::make_unique<Caller>(Start("misbehaving", ""));
+  std::string text;
+  caller->Call(mistakes::kKeep).Then([&text](const Outcome<void>& outcome) {
+    text = outcome.GetError().what();
+  });
+  EndManager();
+  caller.reset();
+  EXPECT_THAT(text, HasSubstr("the ManagerWrapper that made its client was destroyed"));
+}
+
+TEST_F(Endings, OfAnotherManagerAreTold) {
+  auto other = ManagerWrapper::Create(quarn::IDispatcher::CreateEmpty(), LibraryFolder());
+  Caller caller(Start("misbehaving", ""));
+  ASSERT_TRUE(End(caller.Call(mistakes::kPing)));
+  const auto call = caller.Call(mistakes::kKeep);
+  other.reset();
+  const auto outcome = End(call);
+  EXPECT_EQ(outcome.GetError().GetReason(), CallReason::kReleased);
+  EXPECT_THAT(outcome.GetError().what(),
+              HasSubstr("another ManagerWrapper of this process was destroyed, which ends the "
+                        "tasks of all"));
 }
 
 TEST_F(Endings, AreNotTheEndOfAKeptTask) {
   KeptTask task(*manager_wrapper_, "misbehaving");
-  Expect(task.Call(mistakes::kDo, "crash"), CallReason::kTaskKilled, HasSubstr("SEGV"));
+  const auto outcome = End(task.Call(mistakes::kDo, "crash"));
+  EXPECT_EQ(outcome.GetError().GetReason(), CallReason::kTaskKilled);
+  EXPECT_THAT(task.GetStatus().why->what(), HasSubstr("a wild pointer; under way: 'do'"));
   EXPECT_TRUE(End(task.Call(mistakes::kPing)));
+}
+
+TEST_F(Endings, OfAnotherManagerAreDeathsOfAKeptTask) {
+  auto other = ManagerWrapper::Create(quarn::IDispatcher::CreateEmpty(), LibraryFolder());
+  KeptTask task(*manager_wrapper_, "misbehaving");
+  ASSERT_TRUE(End(task.Call(mistakes::kPing)));
+  other.reset();
+  EXPECT_TRUE(WaitUntil([&task] { return task.GetStatus().state == TaskStatus::State::kEnded; }));
+  EXPECT_EQ(task.GetStatus().why->GetReason(), CallReason::kReleased);
+  EXPECT_TRUE(End(task.Call(mistakes::kPing)));
+}
+
+TEST_F(Endings, OfItsManagerAreTheEndOfAKeptTask) {
+  KeptTask task(*manager_wrapper_, "misbehaving");
+  ASSERT_TRUE(End(task.Call(mistakes::kPing)));
+  const auto open = task.Call(mistakes::kKeep);
+  EndManager();
+  EXPECT_EQ(End(open).GetError().GetReason(), CallReason::kReleased);
+  for (int i = 0; i < 2; ++i) {
+    const auto outcome = End(task.Call(mistakes::kPing));
+    EXPECT_EQ(outcome.GetError().GetReason(), CallReason::kReleased);
+    EXPECT_THAT(outcome.GetError().what(), HasSubstr("'ping' of the task 'misbehaving' was not "
+                                                     "sent: the ManagerWrapper that made"));
+  }
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 
 #include <tarv/calls/caller.h>
 #include <tarv/calls/loop.h>
-#include <tarv/calls/service.h>
 #include <vorpc/client.h>
 #include <vorpc/server.h>
 
@@ -81,26 +80,49 @@ class TestLoop final : public Loop {
   std::size_t most_wakes_ = 0;
 };
 
-// Both ends; what one sends reaches the other at the next Pump, as text.
-class Link {
+// Both ends; what one sends reaches the other in a later turn of the loop, as text.
+template <class LoopType>
+class LinkOn {
+  using Messages = std::vector<vorpc::Message>;
+
+  // What an operation needs that outlives the link.
+  struct Wire {
+    template <class End>
+    void Carry(vorpc::Message&& message, const std::weak_ptr<End>& to) const {
+      if (const auto running = loop.lock()) {
+        running->Post([text = message.ToBase64(), to] {
+          if (const auto end = to.lock()) {
+            end->Receive(vorpc::Message::FromBase64(text));
+          }
+        });
+      }
+    }
+
+    std::weak_ptr<LoopType> loop;
+    std::weak_ptr<vorpc::IOwnedClient> client;
+    std::weak_ptr<vorpc::IOwnedServer> server;
+    Messages sent;
+    Messages answered;
+  };
+
+  const std::shared_ptr<Wire> wire_ = std::make_shared<Wire>();
+
  public:
-  explicit Link(std::shared_ptr<TestLoop> its_loop = std::make_shared<TestLoop>())
-      : loop(std::move(its_loop)) {
-    client = vorpc::IOwnedClient::Create([this](vorpc::Message&& message) {
-      sent.push_back(message);
-      Carry(std::move(message), [this](vorpc::Message&& got) { server->Receive(std::move(got)); });
+  explicit LinkOn(std::shared_ptr<LoopType> its_loop) : loop(std::move(its_loop)) {
+    client = vorpc::IOwnedClient::Create([wire = wire_](vorpc::Message&& message) {
+      wire->sent.push_back(message);
+      wire->Carry(std::move(message), wire->server);
     });
-    server = vorpc::IOwnedServer::Create([this](vorpc::Message&& message) {
-      answered.push_back(message);
-      Carry(std::move(message), [this](vorpc::Message&& got) {
-        if (const auto reached = weak_client.lock()) {
-          reached->Receive(std::move(got));
-        }
-      });
+    server = vorpc::IOwnedServer::Create([wire = wire_](vorpc::Message&& message) {
+      wire->answered.push_back(message);
+      wire->Carry(std::move(message), wire->client);
     });
-    weak_client = client;
+    wire_->loop = loop;
+    wire_->client = weak_client = client;
+    wire_->server = server;
     client->SetStarted();
   }
+  LinkOn() : LinkOn(std::make_shared<LoopType>()) {}
 
   void Pump() const { loop->Pump(); }
 
@@ -112,24 +134,21 @@ class Link {
           return message.IsRequest(method) || (note != nullptr && note->method == method);
         }));
   }
+  // Reports a step to the call whose request has this id, as a task's handler does.
+  void SendStep(const std::string& id, cw::EncodableValue value) const {
+    server->SendNotify("$/progress", cw::EncodableMap{{"token", id}, {"value", std::move(value)}});
+  }
 
-  const std::shared_ptr<TestLoop> loop;
-  std::shared_ptr<vorpc::IOwnedClient> client;  // a test may let it go
+  const Messages& sent = wire_->sent;          // by the client
+  const Messages& answered = wire_->answered;  // by the server
+  // A test may let these go.
+  std::shared_ptr<LoopType> loop;
+  std::shared_ptr<vorpc::IOwnedClient> client;
   std::weak_ptr<vorpc::IOwnedClient> weak_client;
   std::shared_ptr<vorpc::IOwnedServer> server;
-  std::vector<vorpc::Message> sent;      // by the client
-  std::vector<vorpc::Message> answered;  // by the server
-  std::function<bool(const vorpc::Message&)> drop;
-
- private:
-  void Carry(vorpc::Message&& message, std::function<void(vorpc::Message&&)> to) {
-    if (drop && drop(message)) {
-      return;
-    }
-    loop->Post(
-        [text = message.ToBase64(), to = std::move(to)] { to(vorpc::Message::FromBase64(text)); });
-  }
 };
+
+using Link = LinkOn<TestLoop>;
 
 // Keeps what a call ends with.
 template <class Result>

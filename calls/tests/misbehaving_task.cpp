@@ -1,4 +1,5 @@
-// The task "misbehaving": makes the mistake that the variable MISTAKE names.
+// The task "misbehaving": makes the mistake that the variable MISTAKE names, and those that it is
+// asked for.
 #include <quarn/dispatcher.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -7,6 +8,8 @@
 #include <unistd.h>
 
 #include <QCoreApplication>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <cstdlib>
 #include <iostream>
 #include <string>
@@ -16,7 +19,6 @@
 namespace {
 
 constexpr int kSocket = 3;  // where a task finds its listening socket
-constexpr int kExitStatus = 3;
 
 [[noreturn]] void SleepForEver() {
   for (;;) {
@@ -26,95 +28,88 @@ constexpr int kExitStatus = 3;
 
 int Accept() { return accept(kSocket, nullptr, nullptr); }
 
-void ReadSome(int descriptor) {
-  char buffer[4096];
-  [[maybe_unused]] const auto size = read(descriptor, buffer, sizeof(buffer));
+// Empty at the end.
+std::string ReadLine(int descriptor) {
+  std::string line;
+  char next = 0;
+  while (read(descriptor, &next, 1) == 1) {
+    if (next == '\n') {
+      return line;
+    }
+    line += next;
+  }
+  return {};
 }
 
 void Say(int descriptor, const std::string& text) {
   [[maybe_unused]] const auto size = write(descriptor, text.data(), text.size());
 }
 
+[[noreturn]] void Exit(int status, const std::string& last_words) {
+  std::cerr << last_words << '\n' << std::flush;
+  std::_Exit(status);
+}
+
+// Answers every request with an error, as no server of this library does.
+[[noreturn]] void RefuseAll() {
+  const int connection = Accept();
+  for (std::string line = ReadLine(connection); !line.empty(); line = ReadLine(connection)) {
+    const QString text =
+        QJsonDocument::fromJson(QByteArray::fromStdString(line)).object()["data"].toString();
+    const auto request = vorpc::Message::FromBase64(text.toStdString());
+    const auto refusal = vorpc::Message::CreateError(request.GetRequest()->id, 42, "not today", {});
+    Say(connection, R"({"data":")" + refusal.ToBase64() + "\"}\n");
+  }
+  SleepForEver();
+}
+
 // Mistakes that are made before there is a server. Returns when `mistake` is none of them.
 void MisbehaveEarly(const std::string& mistake) {
-  if (mistake == "has no bound") {
+  if (mistake == mistakes::kHasNoBound) {
     setenv("RUNTIME_MANAGER_MAX_MESSAGE", "100000000", 1);
-  }
-  if (mistake == "exits at start") {
-    std::cerr << "there is no disk\n" << std::flush;
-    std::_Exit(kExitStatus);
-  }
-  if (mistake == "dies at start") {
+  } else if (mistake == mistakes::kExitsAtStart) {
+    Exit(mistakes::kExitStatus, "there is no disk");
+  } else if (mistake == mistakes::kDiesAtStart) {
     raise(SIGKILL);
-  }
-  if (mistake == "never accepts") {
+  } else if (mistake == mistakes::kNeverAccepts) {
     SleepForEver();
-  }
-  if (mistake == "never answers the handshake") {
-    ReadSome(Accept());
+  } else if (mistake == mistakes::kNeverAnswers) {
+    ReadLine(Accept());
     SleepForEver();
-  }
-  if (mistake == "exits during the handshake") {
-    ReadSome(Accept());
-    std::_Exit(kExitStatus);
-  }
-  if (mistake == "sends garbage") {
-    const int connection = Accept();
-    Say(connection,
-        "}{ no JSON\n{\"data\":\"no Base64!\"}\n{\"data\":\"\"}\n{\"data\":\"AAAA\"}\n");
+  } else if (mistake == mistakes::kExitsInHandshake) {
+    ReadLine(Accept());
+    std::_Exit(mistakes::kExitStatus);
+  } else if (mistake == mistakes::kSendsGarbage) {
+    Say(Accept(), "}{ no JSON\n{\"data\":\"no Base64!\"}\n{\"data\":\"\"}\n{\"data\":\"AAAA\"}\n");
     SleepForEver();
+  } else if (mistake == mistakes::kRefuses) {
+    RefuseAll();
   }
 }
 
-// Keeps what was asked without an answer.
-std::vector<std::unique_ptr<vorpc::IReply>>& Kept() {
-  static std::vector<std::unique_ptr<vorpc::IReply>> kept;
-  return kept;
-}
+class RealDeeds final : public mistakes::Deeds {
+ public:
+  explicit RealDeeds(std::unique_ptr<tarv::ManagerWrapper>& manager) : manager_(manager) {}
 
-void MisbehaveNow(const std::string& mistake) {
-  if (mistake == "exit") {
-    std::cerr << "I give up\n" << std::flush;
-    std::_Exit(kExitStatus);
-  }
-  if (mistake == "crash") {
-    std::cerr << "a wild pointer\n" << std::flush;
+  void Exit(int status, const std::string& last_words) override { ::Exit(status, last_words); }
+  void Crash(const std::string& last_words) override {
+    std::cerr << last_words << '\n' << std::flush;
     signal(SIGSEGV, SIG_DFL);
     raise(SIGSEGV);
   }
-  if (mistake == "block") {
-    SleepForEver();
-  }
-  if (mistake == "stop") {
-    raise(SIGSTOP);
-  }
-  if (mistake == "hang up") {
-    for (int descriptor = kSocket; descriptor < 64; ++descriptor) {
+  void Block() override { SleepForEver(); }
+  void Stop() override { raise(SIGSTOP); }
+  void HangUp() override {
+    constexpr int kMostDescriptors = 64;
+    for (int descriptor = kSocket; descriptor < kMostDescriptors; ++descriptor) {
       shutdown(descriptor, SHUT_RDWR);
     }
   }
-  if (mistake == "throw") {
-    throw std::runtime_error("the handler is tired");
-  }
-}
+  void EndManager() override { manager_.reset(); }
 
-void Serve(tarv::Service& service, vorpc::IServer& server) {
-  service.On(mistakes::kPing, [] {});
-  service.On(mistakes::kEcho, [](std::string text) { return text; });
-  service.On(mistakes::kDo, [](const std::string& mistake) { MisbehaveNow(mistake); });
-  service.On(mistakes::kDrop, [](const tarv::Request<void>&) {});
-  service.On(mistakes::kFill,
-             [](std::int32_t size) { return std::string(static_cast<std::size_t>(size), 'x'); });
-  // Beneath the layer, as tasks without it are.
-  server.OnRequest(
-      "keep", [](const std::string&, const cw::EncodableValue&,
-                 std::unique_ptr<vorpc::IReply>&& reply) { Kept().push_back(std::move(reply)); });
-  server.OnRequest("forget", [](const std::string&, const cw::EncodableValue&,
-                                std::unique_ptr<vorpc::IReply>&& reply) { reply.reset(); });
-  server.OnRequest("wrong type",
-                   [](const std::string&, const cw::EncodableValue&,
-                      std::unique_ptr<vorpc::IReply>&& reply) { reply->SendResult(5); });
-}
+ private:
+  std::unique_ptr<tarv::ManagerWrapper>& manager_;
+};
 
 }  // namespace
 
@@ -123,12 +118,12 @@ int main(int argc, char** argv) {
   const std::string mistake = variable != nullptr ? variable : "";
   MisbehaveEarly(mistake);
   const QCoreApplication application(argc, argv);
-  const auto manager =
+  auto manager =
       tarv::ManagerWrapper::Create(quarn::IDispatcher::CreateEmpty(), std::string(argv[2]));
   const auto server = manager->CreateRpcServer();
   const auto service = tarv::Service::For(server);
-  Serve(*service, *server);
-  if (mistake != "forgets Run") {
+  mistakes::Serve(*service, *server, std::make_shared<RealDeeds>(manager));
+  if (mistake != mistakes::kForgetsRun) {
     service->Run();
   }
   return QCoreApplication::exec();

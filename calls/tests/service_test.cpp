@@ -1,12 +1,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <tarv/calls/caller.h>
-#include <tarv/calls/service.h>
 
 #include <atomic>
 
-#include "link.h"
-#include "values.h"
+#include "fixture.h"
 
 namespace {
 
@@ -20,35 +17,11 @@ using counting::Totals;
 using tarv::CallReason;
 using tarv::Request;
 using tarv::test::Ending;
-using tarv::test::Link;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using namespace std::chrono_literals;
 
-class ServiceTest : public testing::Test {
- protected:
-  ServiceTest()
-      : service_(tarv::Service::For(link_.server, link_.loop)), caller_(link_.client, link_.loop) {
-    service_->Run();
-    link_.Pump();
-  }
-
-  // Until the condition holds; the test's limit ends it otherwise.
-  void PumpUntil(const std::function<bool()>& condition) const {
-    while (!condition()) {
-      link_.Pump();
-      std::this_thread::yield();
-    }
-  }
-  template <class Result>
-  void PumpUntilEnd(const Ending<Result>& ending) const {
-    PumpUntil([&ending] { return ending.Count() > 0; });
-  }
-
-  Link link_;
-  std::shared_ptr<tarv::Service> service_;
-  tarv::Caller caller_;
-};
+using ServiceTest = tarv::test::CallsTest;
 
 TEST_F(ServiceTest, AnswersWithWhatAHandlerReturns) {
   service_->On(kCount, [](const Texts& texts) -> Totals {
@@ -58,10 +31,10 @@ TEST_F(ServiceTest, AnswersWithWhatAHandlerReturns) {
   std::string said;
   service_->On(kSay, [&said](const std::string& text) { said = text; });
   service_->On(kPing, [] {});
-  const Ending<Totals> count(caller_.Call(kCount, {{"a", "b"}}));
-  const Ending<std::int32_t> next(caller_.Call(kNext));
-  const Ending<void> say(caller_.Call(kSay, "hello"));
-  const Ending<void> ping(caller_.Call(kPing));
+  const Ending<Totals> count(caller_->Call(kCount, {{"a", "b"}}));
+  const Ending<std::int32_t> next(caller_->Call(kNext));
+  const Ending<void> say(caller_->Call(kSay, "hello"));
+  const Ending<void> ping(caller_->Call(kPing));
   link_.Pump();
   EXPECT_EQ(count.Get()->total, 2);
   EXPECT_EQ(*next.Get(), 7);
@@ -74,7 +47,7 @@ TEST_F(ServiceTest, AnswersWrongParametersWithTheirPlace) {
   service_->On(kCount, [](const Texts&) { return Totals(); });
   static constexpr tarv::Method<Totals(cw::EncodableValue)> kAnyCount{"count"};
   const Ending<Totals> ending(
-      caller_.Call(kAnyCount, cw::EncodableMap{{"texts", cw::EncodableList{"a", 5}}}));
+      caller_->Call(kAnyCount, cw::EncodableMap{{"texts", cw::EncodableList{"a", 5}}}));
   link_.Pump();
   EXPECT_EQ(ending.Get().GetError().GetCode(), -32602);
   EXPECT_EQ(ending.Get().GetError().GetMessage(), "params.texts[1]: expected a text, got int32 5");
@@ -86,9 +59,9 @@ TEST_F(ServiceTest, AnswersWithWhatAHandlerThrows) {
     throw tarv::RequestError(1, "not found", cw::EncodableMap{{"errno", 2}});
   });
   service_->On(kNext, []() -> std::int32_t { throw 1; });
-  const Ending<void> ping(caller_.Call(kPing));
-  const Ending<void> say(caller_.Call(kSay, ""));
-  const Ending<std::int32_t> next(caller_.Call(kNext));
+  const Ending<void> ping(caller_->Call(kPing));
+  const Ending<void> say(caller_->Call(kSay, ""));
+  const Ending<std::int32_t> next(caller_->Call(kNext));
   link_.Pump();
   EXPECT_EQ(ping.Get().GetError().GetCode(), -32603);
   EXPECT_EQ(ping.Get().GetError().GetMessage(), "no luck");
@@ -102,7 +75,7 @@ TEST_F(ServiceTest, LetsAHandlerAnswerLater) {
   service_->On(kCount, [&open](const Texts&, const Request<Totals, Step>& request) {
     open.push_back(request);
   });
-  const Ending<Totals> ending(caller_.Call(kCount, {}));
+  const Ending<Totals> ending(caller_->Call(kCount, {}));
   link_.Pump();
   EXPECT_EQ(ending.Count(), 0U);
   open.at(0).Answer({3, {}});
@@ -117,7 +90,7 @@ TEST_F(ServiceTest, PassesStepsBeforeTheAnswerAndNoneAfter) {
     request.Answer({});
     request.Progress({3, 3});
   });
-  const auto call = caller_.Call(kCount, {});
+  const auto call = caller_->Call(kCount, {});
   std::vector<int> steps;
   call.OnProgress([&steps](Step step) { steps.push_back(step.done); });
   link_.Pump();
@@ -129,7 +102,7 @@ TEST_F(ServiceTest, PassesStepsBeforeTheAnswerAndNoneAfter) {
 
 TEST_F(ServiceTest, AnswersForAHandlerThatDropsItsRequest) {
   service_->On(kPing, [](const Request<void>&) {});
-  const Ending<void> ending(caller_.Call(kPing));
+  const Ending<void> ending(caller_->Call(kPing));
   link_.Pump();
   EXPECT_EQ(ending.Get().GetError().GetCode(), -32603);
   EXPECT_EQ(ending.Get().GetError().GetMessage(),
@@ -143,7 +116,7 @@ TEST_F(ServiceTest, TellsAHandlerOfACancellation) {
     open.push_back(request);
     request.OnCancel([&told] { ++told; });
   });
-  const auto call = caller_.Call(kPing);
+  const auto call = caller_->Call(kPing);
   link_.Pump();
   EXPECT_FALSE(open.at(0).IsCancelled());
   call.Cancel();
@@ -163,7 +136,7 @@ TEST_F(ServiceTest, LogsASecondAnswer) {
     request.Answer();
     request.Fail(1, "no");
   });
-  const Ending<void> ending(caller_.Call(kPing));
+  const Ending<void> ending(caller_->Call(kPing));
   testing::internal::CaptureStdout();
   link_.Pump();
   EXPECT_THAT(
@@ -175,7 +148,7 @@ TEST_F(ServiceTest, LogsASecondAnswer) {
 TEST_F(ServiceTest, AnswersAResultThatNoMessageHolds) {
   static constexpr tarv::Method<std::uint64_t()> kHuge{"huge"};
   service_->On(kHuge, [] { return ~std::uint64_t{0}; });
-  const Ending<std::uint64_t> ending(caller_.Call(kHuge));
+  const Ending<std::uint64_t> ending(caller_->Call(kHuge));
   link_.Pump();
   EXPECT_EQ(ending.Get().GetError().GetCode(), -32603);
   EXPECT_THAT(ending.Get().GetError().GetMessage(), HasSubstr("result: 18446744073709551615"));
@@ -199,8 +172,8 @@ TEST_F(ServiceTest, LivesBesidePlainHandlers) {
                           [](const std::string&, const cw::EncodableValue&,
                              std::unique_ptr<vorpc::IReply>&& reply) { reply->SendResult(2); });
   static constexpr tarv::Method<std::int32_t()> kPlain{"plain"};
-  const Ending<std::int32_t> ending(caller_.Call(kPlain));
-  const Ending<tarv::Description> description(caller_.Call(tarv::kDescribe));
+  const Ending<std::int32_t> ending(caller_->Call(kPlain));
+  const Ending<tarv::Description> description(caller_->Call(tarv::kDescribe));
   link_.Pump();
   EXPECT_EQ(*ending.Get(), 2);
   ASSERT_EQ(description.Get()->methods.size(), 1U);
@@ -210,7 +183,7 @@ TEST_F(ServiceTest, LivesBesidePlainHandlers) {
 TEST_F(ServiceTest, DescribesItself) {
   service_->On(kCount, [](const Texts&) { return Totals(); });
   service_->On(kPing, [] {});
-  const Ending<tarv::Description> ending(caller_.Call(tarv::kDescribe));
+  const Ending<tarv::Description> ending(caller_->Call(tarv::kDescribe));
   link_.Pump();
   const tarv::Description& description = *ending.Get();
   ASSERT_EQ(description.methods.size(), 2U);
@@ -230,10 +203,10 @@ TEST_F(ServiceTest, TellsItsMetrics) {
       throw std::runtime_error("empty");
     }
   });
-  const Ending<void> good(caller_.Call(kSay, "abc"));
-  const Ending<void> bad(caller_.Call(kSay, ""));
+  const Ending<void> good(caller_->Call(kSay, "abc"));
+  const Ending<void> bad(caller_->Call(kSay, ""));
   link_.Pump();
-  const Ending<tarv::Metrics> ending(caller_.Call(tarv::kMetrics));
+  const Ending<tarv::Metrics> ending(caller_->Call(tarv::kMetrics));
   link_.Pump();
   ASSERT_EQ(ending.Get()->methods.size(), 1U) << "the layer's own requests are not counted";
   const tarv::MethodMetrics metrics = ending.Get()->methods.at("say");
@@ -246,27 +219,26 @@ TEST_F(ServiceTest, TellsItsMetrics) {
 }
 
 TEST_F(ServiceTest, WithdrawsItsMethodsAtItsEnd) {
-  std::vector<Request<void>> open;
-  service_->On(kPing, [&open](const Request<void>& request) { open.push_back(request); });
-  const Ending<void> early(caller_.Call(kPing));
+  KeepPings();
+  const Ending<void> early(caller_->Call(kPing));
   link_.Pump();
   service_.reset();
-  const Ending<void> late(caller_.Call(kPing));
+  const Ending<void> late(caller_->Call(kPing));
   link_.Pump();
   EXPECT_EQ(late.Get().GetError().GetCode(), -32601);
-  open.at(0).Answer();
+  open_.at(0).Answer();
   link_.Pump();
   EXPECT_TRUE(early.Get().HasValue());
 }
 
 TEST_F(ServiceTest, MayEndInsideItsHandlerAndComeBack) {
   service_->On(kPing, [this] { service_.reset(); });
-  const Ending<void> ending(caller_.Call(kPing));
+  const Ending<void> ending(caller_->Call(kPing));
   link_.Pump();
   EXPECT_TRUE(ending.Get().HasValue());
   service_ = tarv::Service::For(link_.server, link_.loop);
   service_->On(kNext, [] { return 3; });
-  const Ending<std::int32_t> next(caller_.Call(kNext));
+  const Ending<std::int32_t> next(caller_->Call(kNext));
   link_.Pump();
   EXPECT_EQ(*next.Get(), 3);
 }
@@ -281,12 +253,12 @@ TEST_F(ServiceTest, AnswersFromWorkers) {
   });
   service_->On(kNext, workers, [] { return 7; });
   service_->On(kPing, workers, [] { throw std::runtime_error("tired"); });
-  const auto call = caller_.Call(kCount, {{"a"}});
+  const auto call = caller_->Call(kCount, {{"a"}});
   std::vector<int> steps;
   call.OnProgress([&steps](Step step) { steps.push_back(step.done); });
   const Ending<Totals> count(call);
-  const Ending<std::int32_t> next(caller_.Call(kNext));
-  const Ending<void> ping(caller_.Call(kPing));
+  const Ending<std::int32_t> next(caller_->Call(kNext));
+  const Ending<void> ping(caller_->Call(kPing));
   PumpUntilEnd(count);
   PumpUntilEnd(next);
   PumpUntilEnd(ping);
@@ -308,7 +280,7 @@ TEST_F(ServiceTest, RunsAsManyAtATimeAsThereAreWorkers) {
   });
   std::vector<Ending<void>> endings;
   for (int i = 0; i < 4; ++i) {
-    endings.emplace_back(caller_.Call(kPing));
+    endings.emplace_back(caller_->Call(kPing));
   }
   PumpUntil([&inside] { return inside == 3; });
   go = true;
@@ -332,14 +304,14 @@ TEST_F(ServiceTest, LetsAWorkerSeeThatItWasCancelled) {
   });
   std::atomic<int> runs{0};
   service_->On(kPing, workers, [&runs] { ++runs; });
-  const auto call = caller_.Call(kCount, {});
-  const auto queued = caller_.Call(kPing);
+  const auto call = caller_->Call(kCount, {});
+  const auto queued = caller_->Call(kPing);
   PumpUntil([&begun] { return begun.load(); });
   queued.Cancel();
   link_.Pump();
   call.Cancel();
   PumpUntil([&seen] { return seen.load(); });
-  const Ending<void> last(caller_.Call(kPing));
+  const Ending<void> last(caller_->Call(kPing));
   PumpUntilEnd(last);
   EXPECT_EQ(runs, 1) << "a request that was cancelled in the queue ran";
 }
@@ -354,14 +326,14 @@ TEST_F(ServiceTest, AnswersWhatItsWorkersLeaveUndoneAsDropped) {
     }
     return Totals{1, {}};
   });
-  const Ending<Totals> running(caller_.Call(kCount, {}));
-  const Ending<Totals> queued(caller_.Call(kCount, {}));
+  const Ending<Totals> running(caller_->Call(kCount, {}));
+  const Ending<Totals> queued(caller_->Call(kCount, {}));
   PumpUntil([&begun] { return begun.load(); });
   workers.reset();
   link_.Pump();
   EXPECT_EQ(running.Get()->total, 1);
   EXPECT_THAT(queued.Get().GetError().GetMessage(), HasSubstr("was dropped by its handler"));
-  const Ending<Totals> late(caller_.Call(kCount, {}));
+  const Ending<Totals> late(caller_->Call(kCount, {}));
   link_.Pump();
   EXPECT_THAT(late.Get().GetError().GetMessage(), HasSubstr("was dropped by its handler"));
 }
@@ -369,7 +341,7 @@ TEST_F(ServiceTest, AnswersWhatItsWorkersLeaveUndoneAsDropped) {
 TEST_F(ServiceTest, MayLoseItsWorkersInsideTheirHandler) {
   auto workers = std::make_unique<tarv::Workers>(2);
   service_->On(kPing, *workers, [&workers] { workers.reset(); });
-  const Ending<void> ending(caller_.Call(kPing));
+  const Ending<void> ending(caller_->Call(kPing));
   PumpUntilEnd(ending);
   EXPECT_TRUE(ending.Get().HasValue());
 }

@@ -1,8 +1,6 @@
 // Many calls at a time, ended in every way.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <tarv/calls/caller.h>
-#include <tarv/calls/service.h>
 
 #include <algorithm>
 #include <atomic>
@@ -11,9 +9,8 @@
 #include <string>
 #include <thread>
 
-#include "link.h"
+#include "fixture.h"
 #include "support/seed.h"
-#include "values.h"
 
 namespace {
 
@@ -22,7 +19,6 @@ using tarv::CallOptions;
 using tarv::NameOf;
 using tarv::Outcome;
 using tarv::Request;
-using tarv::test::Link;
 using namespace std::chrono_literals;
 
 constexpr int kCalls = 10000;
@@ -39,27 +35,22 @@ struct Ends {
   std::map<std::string, std::uint64_t> reasons;
 };
 
-class Storm : public testing::Test {
+class Storm : public tarv::test::CallsTest {
  protected:
   Storm() {
-    service_->On(kNext, [this](const Request<std::int32_t>& request) { open_.push_back(request); });
-    service_->Run();
-    link_.Pump();
+    service_->On(kNext, [this](const Request<std::int32_t>& request) { kept_.push_back(request); });
   }
 
   void Call(std::size_t number) {
     const bool late = number % kShare == 1;
-    const auto call = caller_.Call(kNext, CallOptions().Timeout(late ? 1s : 30s));
+    const auto call = caller_->Call(kNext, CallOptions().Timeout(late ? 1s : 30s));
     call.Then([this, number](const Outcome<std::int32_t>& outcome) { ends_.Add(number, outcome); });
     if (number % kShare == 2) {
       cancelled_.push_back(call);
     }
   }
 
-  Link link_;
-  std::shared_ptr<tarv::Service> service_ = tarv::Service::For(link_.server, link_.loop);
-  tarv::Caller caller_{link_.client, link_.loop};
-  std::vector<Request<std::int32_t>> open_;
+  std::vector<Request<std::int32_t>> kept_;
   std::vector<tarv::Call<std::int32_t>> cancelled_;
   Ends ends_;
 };
@@ -72,27 +63,27 @@ TEST_F(Storm, EndsEveryCallOnceAndCountsThemAll) {
     Call(i);
   }
   link_.Pump();
-  ASSERT_EQ(open_.size(), std::size_t{kCalls});
-  std::shuffle(open_.begin(), open_.end(), random);
+  ASSERT_EQ(kept_.size(), std::size_t{kCalls});
+  std::shuffle(kept_.begin(), kept_.end(), random);
   // Half of the answers are on their way when a second is over, and the deadlines with it.
-  for (std::size_t i = 0; i < open_.size(); ++i) {
-    open_[i].Answer(1);
+  for (std::size_t i = 0; i < kept_.size(); ++i) {
+    kept_[i].Answer(1);
     if (i % kShare == 0 && !cancelled_.empty()) {
       cancelled_.back().Cancel();
       cancelled_.pop_back();
     }
-    if (i == open_.size() / 2) {
+    if (i == kept_.size() / 2) {
       link_.loop->Advance(1s);
     }
   }
-  open_.clear();
+  kept_.clear();
   link_.Pump();
   EXPECT_EQ(std::count(ends_.times.begin(), ends_.times.end(), 1), kCalls);
   EXPECT_GT(ends_.reasons["kCancelled"], 0U);
   EXPECT_GT(ends_.reasons["kTimedOut"], 0U);
   EXPECT_EQ(ends_.reasons["kValue"] + ends_.reasons["kCancelled"] + ends_.reasons["kTimedOut"],
             std::uint64_t{kCalls});
-  const tarv::MethodMetrics metrics = caller_.GetMetrics().methods.at("next");
+  const tarv::MethodMetrics metrics = caller_->GetMetrics().methods.at("next");
   EXPECT_EQ(metrics.calls, std::uint64_t{kCalls});
   EXPECT_EQ(metrics.most_in_flight, std::uint64_t{kCalls});
   EXPECT_EQ(metrics.in_flight, 0U);
@@ -112,7 +103,7 @@ TEST_F(Storm, EndsTheCallsOfManyThreads) {
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([&] {
       for (int j = 0; j < kEach; ++j) {
-        const auto call = caller_.Call(kNext);
+        const auto call = caller_->Call(kNext);
         if (j % 10 == 0) {
           call.Cancel();
         }
@@ -131,7 +122,7 @@ TEST_F(Storm, EndsTheCallsOfManyThreads) {
   }
   link_.Pump();
   EXPECT_EQ(ended, kThreads * kEach);
-  EXPECT_EQ(caller_.GetMetrics().methods.at("next").in_flight, 0U);
+  EXPECT_EQ(caller_->GetMetrics().methods.at("next").in_flight, 0U);
 }
 
 }  // namespace
