@@ -171,13 +171,15 @@ Error CheckParameters(const QString& name, const QJsonObject& parameters) {
   return name == intent::kOpenUri ? CheckUri(parameters.value(intent::kUri).toString()) : Error();
 }
 
+Error CheckIntent(const QString& name) {
+  Error refusal = CheckOriginal();
+  return refusal.isError() ? refusal : CheckName("an intent", name, kMaxIntentName);
+}
+
 std::unique_ptr<IntentOwner> IntentOwner::Register(const QString& name,
                                                    RuntimeDispatcher::IntentHandler handler,
                                                    Error* error) {
-  *error = CheckOriginal();
-  if (!error->isError()) {
-    *error = CheckName("an intent", name, kMaxIntentName);
-  }
+  *error = CheckIntent(name);
   if (error->isError()) {
     return nullptr;
   }

@@ -26,6 +26,9 @@ inline const QString kOpenUri = QStringLiteral("OpenURI");
 inline const QString kUri = QStringLiteral("uri");
 }  // namespace intent
 
+// No error when `name` can be an intent's, and this process may use intents at all.
+Error CheckIntent(const QString& name);
+
 // No error when an owner of the intent `name` may get `parameters`, its second object.
 Error CheckParameters(const QString& name, const QJsonObject& parameters);
 

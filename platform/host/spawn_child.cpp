@@ -68,32 +68,39 @@ int ReadNumber(const char* text) {
   return number;
 }
 
-// Closes what one listing of /proc/self/fd shows; returns how many there were.
+// An entry of a folder as the kernel lists it.
+struct Entry {
+  std::uint64_t inode;
+  std::int64_t offset;
+  std::uint16_t size;
+  std::uint8_t type;
+  char name[1];
+};
+
+// Closes what one piece of the listing of `folder`, /proc/self/fd, shows; returns how many there were.
+int CloseEntries(int folder, const char* entries, long size) {
+  int closed = 0;
+  for (long at = 0; at < size;) {
+    const auto* entry = reinterpret_cast<const Entry*>(entries + at);
+    const int descriptor = ReadNumber(entries + at + offsetof(Entry, name));
+    if (descriptor >= kFirstUnused && descriptor != folder && ::close(descriptor) == 0) {
+      ++closed;
+    }
+    at += entry->size;
+  }
+  return closed;
+}
+
+// The same for one listing from its beginning to its end.
 int CloseListed(int folder) {
-  struct Entry {
-    std::uint64_t inode;
-    std::int64_t offset;
-    std::uint16_t size;
-    std::uint8_t type;
-    char name[1];
-  };
   alignas(Entry) std::array<char, 2048> buffer{};
   int closed = 0;
+  long size = 0;
   ::lseek(folder, 0, SEEK_SET);
-  for (;;) {
-    const long size = ::syscall(SYS_getdents64, folder, buffer.data(), buffer.size());
-    if (size <= 0) {
-      return closed;
-    }
-    for (long at = 0; at < size;) {
-      const auto* entry = reinterpret_cast<const Entry*>(buffer.data() + at);
-      const int descriptor = ReadNumber(buffer.data() + at + offsetof(Entry, name));
-      if (descriptor >= kFirstUnused && descriptor != folder && ::close(descriptor) == 0) {
-        ++closed;
-      }
-      at += entry->size;
-    }
+  while ((size = ::syscall(SYS_getdents64, folder, buffer.data(), buffer.size())) > 0) {
+    closed += CloseEntries(folder, buffer.data(), size);
   }
+  return closed;
 }
 
 void CloseByLimit() {

@@ -50,6 +50,15 @@ QStringList TaskFolders() {
   return folders;
 }
 
+Error NotFound(const QString& name, const QStringList& folders, const QStringList& obstacles) {
+  const QString found =
+      obstacles.isEmpty() ? QString("there is no such executable") : obstacles.join("; ");
+  return {Error::kTaskNotFound,
+          QString("the task '%1' cannot be started: %2; looked in: %3 (RUNTIME_MANAGER_TASK_PATH "
+                  "adds folders)")
+              .arg(name, found, folders.join(", "))};
+}
+
 }  // namespace
 
 QString FindTask(const QString& name, Error* error) {
@@ -70,12 +79,7 @@ QString FindTask(const QString& name, Error* error) {
       obstacles << obstacle;
     }
   }
-  const QString looked =
-      QString("looked in: %1 (RUNTIME_MANAGER_TASK_PATH adds folders)").arg(folders.join(", "));
-  const QString found =
-      obstacles.isEmpty() ? QString("there is no such executable") : obstacles.join("; ");
-  *error = {Error::kTaskNotFound,
-            QString("the task '%1' cannot be started: %2; %3").arg(name, found, looked)};
+  *error = NotFound(name, folders, obstacles);
   return {};
 }
 
