@@ -2,11 +2,13 @@
 
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <QtCore/QFileInfo>
 #include <cstdlib>
 
+#include "socket_name.h"
 #include "support.h"
 
 namespace RuntimeManager::host {
@@ -22,11 +24,24 @@ bool IsListeningSocket(int descriptor) {
          listening != 0;
 }
 
+// Variables that were meant for another process, a parent's for instance, say nothing to this one.
+bool IsActivated() {
+  return Variable("LISTEN_PID") == QByteArray::number(::getpid()) &&
+         Variable("LISTEN_FDS").toInt() >= 1;
+}
+
+// The file that the socket was bound to.
+QString BoundName(int socket) {
+  sockaddr_un address{};
+  socklen_t size = sizeof(address) - 1;
+  if (::getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+    return {};
+  }
+  return QString::fromUtf8(address.sun_path).section('/', -1);
+}
+
 int TakeSocket() {
-  // Variables that were meant for another process, a parent's for instance, say nothing to this
-  // one.
-  const bool is_ours = Variable("LISTEN_PID") == QByteArray::number(::getpid());
-  if (!is_ours || Variable("LISTEN_FDS").toInt() < 1) {
+  if (!IsActivated()) {
     return -1;
   }
   if (!IsListeningSocket(kActivationSocket)) {
@@ -42,7 +57,6 @@ int TakeSocket() {
 Activation Take() {
   Activation activation;
   activation.socket = TakeSocket();
-  activation.starter = ::getppid();
   const QString given = QString::fromUtf8(Variable("LISTEN_FDNAMES")).section(':', 0, 0);
   const bool has_name = activation.socket >= 0 && !given.isEmpty();
   activation.name =
@@ -58,6 +72,11 @@ Activation Take() {
 const Activation& GetActivation() {
   static const Activation activation = Take();
   return activation;
+}
+
+bool IsTaskOfRuntimeManager() {
+  return IsActivated() && IsListeningSocket(kActivationSocket) &&
+         IsSocketName(BoundName(kActivationSocket));
 }
 
 }  // namespace RuntimeManager::host

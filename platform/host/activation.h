@@ -2,8 +2,6 @@
 #ifndef RUNTIME_MANAGER_HOST_ACTIVATION_H
 #define RUNTIME_MANAGER_HOST_ACTIVATION_H
 
-#include <sys/types.h>
-
 #include <QtCore/QString>
 
 namespace RuntimeManager::host {
@@ -12,14 +10,17 @@ namespace RuntimeManager::host {
 constexpr int kActivationSocket = 3;
 
 struct Activation {
-  int socket = -1;     // the listening socket of this task; -1 when the process is no task with one
-  pid_t starter = -1;  // the process that started this one
-  QString name;        // the task's name; that of the program when nobody gave one
+  int socket = -1;  // the listening socket of this task; -1 when the process is no task with one
+  QString name;     // the task's name; that of the program when nobody gave one
 };
 
 // Reads the variables of socket activation on first use and removes them, so that no child of this
 // process takes them for its own. Any thread.
 const Activation& GetActivation();
+
+// Whether a runtime manager has started this process as a task with a socket. Only looks, and only
+// until GetActivation() was called.
+bool IsTaskOfRuntimeManager();
 
 inline QString OwnTaskName() { return GetActivation().name; }
 

@@ -76,7 +76,8 @@ void ChildProcess::Watch() {
 
 int ChildProcess::Terminate(bool kill) {
   const int error_number = kill ? handle_.Signal(SIGKILL) : handle_.AskToEnd();
-  if (error_number == 0 && !end_told_ && !grace_.isActive()) {
+  // Without an event loop, whoever waits for the end keeps the time.
+  if (error_number == 0 && !end_told_ && !grace_.isActive() && HasEventLoop()) {
     grace_.start(kGraceMs);
   }
   return error_number;

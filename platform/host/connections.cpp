@@ -48,6 +48,11 @@ bool SetNonBlocking(int descriptor) {
 
 }  // namespace
 
+QString ProcessText(pid_t process) {
+  return process == 0 ? QStringLiteral("a process of another pid namespace")
+                      : QString("process %1").arg(process);
+}
+
 Error CheckPeer(int socket) {
   ucred peer{};
   socklen_t size = sizeof(peer);
@@ -58,9 +63,9 @@ Error CheckPeer(int socket) {
     return {};
   }
   return {Error::kPeerRefused,
-          QString("a connection with process %1 is refused: it belongs to the user with id %2, and "
-                  "only user %3 may talk to this process")
-              .arg(peer.pid)
+          QString("a connection with %1 is refused: it belongs to the user with id %2, and only "
+                  "user %3 may talk to this process")
+              .arg(ProcessText(peer.pid))
               .arg(peer.uid)
               .arg(::geteuid())};
 }
@@ -76,15 +81,14 @@ bool IsOfFirstProcess(int listening, int socket) {
     return false;
   }
   const std::lock_guard lock(mutex);
-  const pid_t first = first_processes.try_emplace(facts.st_ino, peer.pid).first->second;
-  if (first != peer.pid) {
-    Warn(QString(
-             "the task '%1': a connection with process %2 is refused, because it serves process %3")
-             .arg(OwnTaskName())
-             .arg(peer.pid)
-             .arg(first));
+  const auto [first, is_first] = first_processes.try_emplace(facts.st_ino, peer.pid);
+  // Processes that cannot be seen here all have the number 0: none can prove that it is the first.
+  if (is_first || (first->second == peer.pid && peer.pid != 0)) {
+    return true;
   }
-  return first == peer.pid;
+  Warn(QString("the task '%1': a connection with %2 is refused, because it serves %3")
+           .arg(OwnTaskName(), ProcessText(peer.pid), ProcessText(first->second)));
+  return false;
 }
 
 struct Acceptor::State : std::enable_shared_from_this<State> {

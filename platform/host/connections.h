@@ -3,6 +3,7 @@
 #define RUNTIME_MANAGER_HOST_CONNECTIONS_H
 
 #include <RuntimeManager/Error.h>
+#include <sys/types.h>
 
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QSocketNotifier>
@@ -18,8 +19,13 @@ namespace RuntimeManager::host {
 // No error when the peer of a connected socket belongs to this process's user.
 Error CheckPeer(int socket);
 
+// "process 12", as SO_PEERCRED numbers it: 0 is a process that cannot be seen from here.
+QString ProcessText(pid_t process);
+
 // Whether the peer is the process that was the first to connect to the listening socket. The first
-// call for a listening socket says which that is; a refused process is warned about. Any thread.
+// call for a listening socket says which that is; a refused process is warned about. One that cannot
+// be seen from here, because its pid namespace is another, is let in as the first, but no second
+// time. Any thread.
 bool IsOfFirstProcess(int listening, int socket);
 
 // Accepts connections of this user on a listening socket; those of other users are closed at once.

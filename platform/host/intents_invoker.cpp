@@ -10,7 +10,6 @@
 #include "connections.h"
 #include "intent_owner.h"
 #include "line_channel.h"
-#include "process_exit.h"
 #include "socket_folder.h"
 #include "support.h"
 #include "uri_opener.h"
@@ -30,10 +29,7 @@ std::chrono::seconds Timeout() {
 }
 
 Error CheckInvocation(const QString& name, const QJsonObject& second) {
-  Error refusal = CheckOriginal();
-  if (!refusal.isError()) {
-    refusal = CheckName("an intent", name, kMaxIntentName);
-  }
+  const Error refusal = CheckIntent(name);
   return refusal.isError() ? refusal : CheckParameters(name, second);
 }
 
@@ -41,12 +37,12 @@ Error CheckInvocation(const QString& name, const QJsonObject& second) {
 QString PeerText(int socket) {
   ucred peer{};
   socklen_t size = sizeof(peer);
-  if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
-    return QStringLiteral("a process that cannot be told");
+  if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 || peer.pid == 0) {
+    return ProcessText(0);
   }
   QFile name(QString("/proc/%1/comm").arg(peer.pid));
   const QByteArray comm = name.open(QIODevice::ReadOnly) ? name.readAll().trimmed() : "gone";
-  return QString("process %1 ('%2')").arg(peer.pid).arg(Escaped(comm));
+  return QString("%1 ('%2')").arg(ProcessText(peer.pid), Escaped(comm));
 }
 
 // One invocation, from the connection to the reply. It stays alive while it reports its end.

@@ -10,13 +10,14 @@
 #include <QtCore/QFile>
 #include <QtCore/QStringList>
 #include <algorithm>
-#include <atomic>
 #include <cstdio>
+#include <ctime>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <vector>
 
+#include "socket_name.h"
 #include "support.h"
 
 namespace RuntimeManager::host {
@@ -29,13 +30,22 @@ constexpr mode_t kOthersMask = 0077;
 constexpr int kBacklog = 64;
 
 const QString kFolderName = QStringLiteral("runtime-manager");
-const QString kSocketSuffix = QStringLiteral(".sock");
-// What the name of a socket begins with until its first connection is made.
-const QString kHidden = QStringLiteral(".");
+// Much longer than a socket stays hidden, however busy the machine is.
+constexpr std::time_t kHiddenSeconds = 60;
 
 Error FolderError(const QString& path, const QString& why) {
   return {Error::kRuntimeFolder,
           QString("the folder of the runtime manager's sockets, '%1', %2").arg(path, why)};
+}
+
+// Whether the folder is there now.
+bool MakeFolder(int parent, const QByteArray& name) {
+  if (::mkdirat(parent, name.constData(), kFolderMode) != 0) {
+    return errno == EEXIST;
+  }
+  // The umask may have taken rights that the user needs.
+  ::fchmodat(parent, name.constData(), kFolderMode, 0);
+  return true;
 }
 
 Error CheckFolder(int folder, const QString& path) {
@@ -57,44 +67,6 @@ Error CheckFolder(int folder, const QString& path) {
   return {};
 }
 
-// When the process started, in clock ticks since the machine did; empty when there is no such
-// process. With the process id it names one process of a machine's run.
-QByteArray StartTime(const QByteArray& pid) {
-  // The entry of the first thread; an emulator makes up the process's own.
-  QFile stat(QString::fromLatin1("/proc/" + pid + "/task/" + pid + "/stat"));
-  if (!stat.open(QIODevice::ReadOnly)) {
-    return {};
-  }
-  const QByteArray text = stat.readAll();
-  // The second field is the program's name in parentheses, which may hold anything. The start time
-  // is field 22, and the first field after the name is 3.
-  constexpr int kStartTimeAfterName = 22 - 3;
-  const QList<QByteArray> fields = text.mid(text.lastIndexOf(')') + 2).split(' ');
-  return fields.value(kStartTimeAfterName);
-}
-
-// Whether `file` is a task's socket whose starter is no more, as far as this process can see: it
-// does not see those of another pid namespace.
-bool HasNoStarter(const QString& file) {
-  if (!file.endsWith(kSocketSuffix)) {
-    return false;
-  }
-  const QString name = file.startsWith(kHidden) ? file.mid(kHidden.size()) : file;
-  const QStringList parts = name.left(name.size() - kSocketSuffix.size()).split('-');
-  if (parts.size() != 3) {
-    return false;
-  }
-  const auto is_number = [](const QString& part) {
-    return !part.isEmpty() && std::all_of(part.begin(), part.end(), [](QChar digit) {
-      return digit >= QLatin1Char('0') && digit <= QLatin1Char('9');
-    });
-  };
-  if (!std::all_of(parts.begin(), parts.end(), is_number)) {
-    return false;
-  }
-  return StartTime(parts[0].toLatin1()) != parts[1].toLatin1();
-}
-
 QString TemporaryFolder() {
   const QString chosen = QString::fromUtf8(Variable("TMPDIR"));
   return chosen.startsWith('/') ? chosen : QStringLiteral("/tmp");
@@ -103,6 +75,20 @@ QString TemporaryFolder() {
 struct CloseDirectory {
   void operator()(DIR* directory) const { ::closedir(directory); }
 };
+
+// Whether `file` may be a socket that its maker has not bound or renamed yet: one that refuses a
+// connection in that moment is not dead.
+bool IsBeingMade(const SocketFolder& folder, const QString& file) {
+  struct stat facts {};
+  return IsHiddenSocketName(file) &&
+         ::fstatat(folder.Descriptor(), file.toUtf8().constData(), &facts, AT_SYMLINK_NOFOLLOW) ==
+             0 &&
+         std::time(nullptr) - facts.st_mtime < kHiddenSeconds;
+}
+
+bool IsDead(const SocketFolder& folder, const QString& file) {
+  return HasNoStarter(file) && !IsBeingMade(folder, file) && folder.Probe(file) == ECONNREFUSED;
+}
 
 void Sweep(const SocketFolder& folder) {
   // A descriptor of its own: the position in the folder is part of what a duplicate shares.
@@ -119,7 +105,7 @@ void Sweep(const SocketFolder& folder) {
   // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is this call's own
   while (const dirent* entry = ::readdir(directory.get())) {
     const QString name = QString::fromUtf8(entry->d_name);
-    if (HasNoStarter(name) && folder.Probe(name) == ECONNREFUSED) {
+    if (IsDead(folder, name)) {
       dead.push_back(name);
     }
   }
@@ -174,14 +160,9 @@ SocketFolder SocketFolder::OpenIn(int parent, const QString& parent_path, const 
                                   Error* error) {
   const QString path = QDir::cleanPath(parent_path + '/' + name);
   const QByteArray entry = name.toUtf8();
-  const bool made = ::mkdirat(parent, entry.constData(), kFolderMode) == 0;
-  if (!made && errno != EEXIST) {
+  if (!MakeFolder(parent, entry)) {
     *error = FolderError(path, "cannot be made: " + ErrnoText(errno));
     return {};
-  }
-  // The umask may have taken rights that the user needs.
-  if (made) {
-    ::fchmodat(parent, entry.constData(), kFolderMode, 0);
   }
   UniqueFd folder(
       ::openat(parent, entry.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -254,7 +235,7 @@ UniqueFd SocketFolder::Listen(const QString& name, Error* error) const {
 }
 
 UniqueFd SocketFolder::ListenConnected(const QString& name, UniqueFd* first, Error* error) const {
-  const QString hidden = kHidden + name;
+  const QString hidden = HiddenSocketName(name);
   UniqueFd socket = Listen(hidden, error);
   if (!socket.IsValid()) {
     return socket;
@@ -297,13 +278,6 @@ int SocketFolder::Probe(const QString& name) const {
 
 void SocketFolder::Remove(const QString& name) const {
   ::unlinkat(Descriptor(), name.toUtf8().constData(), 0);
-}
-
-QString UniqueSocketName() {
-  static std::atomic<unsigned> counter{0};
-  const QByteArray pid = QByteArray::number(::getpid());
-  return QString::fromLatin1(pid + '-' + StartTime(pid) + '-') + QString::number(++counter) +
-         kSocketSuffix;
 }
 
 UniqueFd ConnectSocket(const QString& path, int* error_number) {

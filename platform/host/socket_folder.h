@@ -50,9 +50,6 @@ class SocketFolder {
   QString path_;
 };
 
-// A name for a socket file that no other process uses, now or later.
-QString UniqueSocketName();
-
 // Connects without blocking to the socket at `path`, however long that is. Invalid, with the error
 // number stored, when it cannot; EAGAIN means that the listener's queue is full for now.
 UniqueFd ConnectSocket(const QString& path, int* error_number);

@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <QtCore/QFile>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -151,6 +152,11 @@ pid_t ForkChild(const ChildPlan& plan, int* error_number) {
 }
 
 }  // namespace
+
+bool IsSeenByChildren() {
+  return QFile::symLinkTarget("/proc/self/ns/pid") ==
+         QFile::symLinkTarget("/proc/self/ns/pid_for_children");
+}
 
 int Spawn(const SpawnRequest& request, Spawned* spawned) {
   ChildFiles files;

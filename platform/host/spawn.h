@@ -28,6 +28,10 @@ struct Spawned {
   UniqueFd stderr_pipe;  // does not block; invalid unless captured
 };
 
+// Whether children of this process see it: they do not once it has called unshare() for a pid
+// namespace of theirs.
+bool IsSeenByChildren();
+
 // Starts the program with /dev/null for input, the starter's standard output, no other descriptor,
 // no blocked signal and every disposition the default. Returns an error number, 0 for none.
 int Spawn(const SpawnRequest& request, Spawned* spawned);

@@ -1,10 +1,13 @@
-#include "starter_watch.h"
-
+// Ends a task whose starter is no more.
+//
+// A task hears SIGTERM when its starter dies. One that ignores it, or blocks it, ends itself three
+// seconds later, as soon as the event loop of its application turns: nobody is left to stop it. It
+// takes nothing but this library to be loaded.
 #include <unistd.h>
 
+#include <QtCore/QCoreApplication>
 #include <QtCore/QSocketNotifier>
 #include <QtCore/QTimer>
-#include <atomic>
 #include <csignal>
 #include <memory>
 
@@ -23,6 +26,11 @@ constexpr int kLookMs = 500;
 // As a shell has it for a process that SIGTERM has ended.
 constexpr int kStatus = 128 + SIGTERM;
 
+// When the library was loaded. A starter that died before ended the task with it: no line of the
+// task's own had run, to ignore the signal.
+const pid_t starter = ::getppid();
+const pid_t self = ::getpid();
+
 void Leave() {
   Warn(QString("the task '%1' ends: its starter ended %2 seconds ago")
            .arg(OwnTaskName())
@@ -30,59 +38,68 @@ void Leave() {
   ProcessExit::Get().LeaveNow(kStatus);
 }
 
-// Another process inherits the children of one that dies.
-bool HasStarter() { return ::getppid() == GetActivation().starter || IsForkedCopy(); }
+// Another process inherits the children of one that dies. A forked copy is no task.
+bool HasStarter() { return ::getppid() == starter || ::getpid() != self; }
 
-// Both live as long as the process, which keeps hold of them for tools that look for leaks.
-struct Watch {
-  UniqueFd starter;
-  std::unique_ptr<QSocketNotifier> ended;
-  QTimer timer;
+// Goes with the application object whose event loop it needs.
+class Watch : public QObject {
+ public:
+  explicit Watch(QObject* application);
+
+ private:
+  void WaitForItsEnd();
+  void LookFromTimeToTime();
+  void LeaveSoon() { QTimer::singleShot(kGraceMs, this, &Leave); }
+
+  const UniqueFd starter_ = OpenProcess(starter);
+  std::unique_ptr<QSocketNotifier> ended_;
+  QTimer timer_;
 };
 
-void LeaveSoon(Watch* watch) {
-  watch->timer.stop();
-  QTimer::singleShot(kGraceMs, &watch->timer, &Leave);
-}
-
-void LookFromTimeToTime(Watch* watch) {
-  QObject::connect(&watch->timer, &QTimer::timeout, &watch->timer, [watch] {
-    if (!HasStarter()) {
-      LeaveSoon(watch);
-    }
-  });
-  watch->timer.start(kLookMs);
+Watch::Watch(QObject* application) : QObject(application) {
+  // A number that belongs to the starter now did so when it was used.
+  if (!HasStarter()) {
+    LeaveSoon();
+  } else if (starter_.IsValid()) {
+    WaitForItsEnd();
+  } else {
+    LookFromTimeToTime();
+  }
 }
 
 // The descriptor costs each turn of the event loop less than a timer does, and wakes nobody.
-void WaitForItsEnd(Watch* watch) {
-  watch->ended = std::make_unique<QSocketNotifier>(watch->starter.Get(), QSocketNotifier::Read);
-  QObject::connect(watch->ended.get(), &QSocketNotifier::activated, &watch->timer, [watch] {
-    watch->ended->setEnabled(false);
-    if (!IsForkedCopy()) {
-      LeaveSoon(watch);
+void Watch::WaitForItsEnd() {
+  ended_ = std::make_unique<QSocketNotifier>(starter_.Get(), QSocketNotifier::Read);
+  connect(ended_.get(), &QSocketNotifier::activated, this, [this] {
+    ended_->setEnabled(false);
+    if (::getpid() == self) {
+      LeaveSoon();
     }
   });
 }
 
-}  // namespace
-
-void EndWithStarter() {
-  static std::atomic<bool> is_watched{false};
-  if (GetActivation().socket < 0 || is_watched.exchange(true)) {
-    return;
-  }
-  static_cast<void>(IsForkedCopy());
-  static auto* const watch = new Watch;
-  watch->starter = OpenProcess(GetActivation().starter);
-  // A number that belongs to the starter now did so when it was used.
-  if (!HasStarter()) {
-    LeaveSoon(watch);
-  } else if (watch->starter.IsValid()) {
-    WaitForItsEnd(watch);
-  } else {
-    LookFromTimeToTime(watch);
-  }
+void Watch::LookFromTimeToTime() {
+  connect(&timer_, &QTimer::timeout, this, [this] {
+    if (!HasStarter()) {
+      timer_.stop();
+      LeaveSoon();
+    }
+  });
+  timer_.start(kLookMs);
 }
 
+// With every application object of the process, or at once if there is one.
+void WatchStarter() {
+  QCoreApplication* const application = QCoreApplication::instance();
+  Post(application, [application] { new Watch(application); });
+}
+
+void WatchStarterOfTask() {
+  if (IsTaskOfRuntimeManager()) {
+    qAddPreRoutine(&WatchStarter);
+  }
+}
+Q_CONSTRUCTOR_FUNCTION(WatchStarterOfTask)
+
+}  // namespace
 }  // namespace RuntimeManager::host

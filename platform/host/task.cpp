@@ -9,6 +9,7 @@
 #include "fault_relay.h"
 #include "process_exit.h"
 #include "socket_folder.h"
+#include "socket_name.h"
 #include "support.h"
 #include "task_finder.h"
 #include "task_registry.h"
@@ -33,6 +34,8 @@ class Task::Private {
   Private& operator=(const Private&) = delete;
 
   Error Start();
+  Error CheckProcess() const;
+  Error MakeRequest(host::SpawnRequest* request);
   Error MakeArguments(host::SpawnRequest* request) const;
   UniqueFd MakeSocket(Error* error);
   Error Spawn(const host::SpawnRequest& request);
@@ -44,6 +47,7 @@ class Task::Private {
   Error WhyEnded(const ChildEnd& end) const;
   void OnRanAndEnded(const ChildEnd& end);
   void DrainSocket();
+  void TellFinished(const Error& why);
   void CompleteStart(const Error& error);
   void CompleteStops(const Error& error);
   void CompleteLater(Completion completion, const Error& error) const;
@@ -120,20 +124,36 @@ UniqueFd Task::Private::MakeSocket(Error* error) {
   return socket;
 }
 
-Error Task::Private::Start() {
-  Error error = host::CheckOriginal();
+// Whether this process can start tasks at all.
+Error Task::Private::CheckProcess() const {
+  const Error refusal = host::CheckOriginal();
+  if (refusal.isError() || host::IsSeenByChildren()) {
+    return refusal;
+  }
+  return {Error::kWrongState,
+          QString("the task '%1' cannot be started: this process has called unshare() for another "
+                  "pid namespace, in which its tasks would not see it; fork first")
+              .arg(name)};
+}
+
+// All but the socket.
+Error Task::Private::MakeRequest(host::SpawnRequest* request) {
+  Error error = CheckProcess();
   if (error.isError()) {
     return error;
   }
-  host::SpawnRequest request;
   program = host::FindTask(name, &error).toUtf8();
-  request.program = program;
+  request->program = program;
+  request->task_name = name.toUtf8();
   if (!error.isError()) {
     faults = FaultRelay::ForStart(name, &error);
   }
-  if (!error.isError()) {
-    error = MakeArguments(&request);
-  }
+  return error.isError() ? error : MakeArguments(request);
+}
+
+Error Task::Private::Start() {
+  host::SpawnRequest request;
+  Error error = MakeRequest(&request);
   if (error.isError()) {
     return error;
   }
@@ -141,7 +161,6 @@ Error Task::Private::Start() {
   if (error.isError()) {
     return error;
   }
-  request.task_name = name.toUtf8();
   request.listen_socket = socket.Get();
   error = Spawn(request);
   if (error.isError()) {
@@ -247,6 +266,15 @@ void Task::Private::DrainSocket() {
   }
 }
 
+void Task::Private::TellFinished(const Error& why) {
+  const bool unasked = state != State::kStopping;
+  state = State::kEnded;
+  socket_file.Remove();
+  if (unasked) {
+    Q_EMIT owner->finished(why);
+  }
+}
+
 void Task::Private::OnRanAndEnded(const ChildEnd& end) {
   const QPointer<Task> alive(owner);
   const QString path = socket_path;
@@ -259,12 +287,7 @@ void Task::Private::OnRanAndEnded(const ChildEnd& end) {
     DrainSocket();
   }
   if (!alive.isNull()) {
-    const bool unasked = state != State::kStopping;
-    state = State::kEnded;
-    socket_file.Remove();
-    if (unasked) {
-      Q_EMIT owner->finished(why);
-    }
+    TellFinished(why);
   }
   if (!alive.isNull()) {
     CompleteStops({});

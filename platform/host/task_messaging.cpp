@@ -12,7 +12,6 @@
 #include "line_channel.h"
 #include "process_exit.h"
 #include "socket_folder.h"
-#include "starter_watch.h"
 #include "support.h"
 #include "task_registry.h"
 
@@ -129,7 +128,6 @@ void TaskMessaging::Private::OpenDescriptor(int descriptor) {
   }
   MakeChannel(host::OwnTaskName(), "the starter of " + title);
   channel_->FlushAtExit(kPatienceOfTasks);
-  host::EndWithStarter();
   Error error(Error::kNotATask,
               title +
                   " has no task socket to serve messages on: this process was not started as "

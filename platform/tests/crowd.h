@@ -14,14 +14,19 @@
 namespace kit {
 
 constexpr int kCrowd = 8;
-constexpr int kTextsOfEach = 6250;
 
-// The text number `number` of a thread: most are short, some are long, and some hold what JSON
-// escapes.
-inline QByteArray TextOf(int thread, int number) {
+// What each thread sends. Most texts are short, some are long.
+struct Share {
+  int texts = 6250;
+  int long_every = 50;
+  int long_size = 20000;
+};
+
+// The text number `number` of a thread; some hold what JSON escapes.
+inline QByteArray TextOf(int thread, int number, const Share& share) {
   QByteArray text = QByteArray::number(thread) + ':' + QByteArray::number(number) + ':';
-  if (number % 50 == 0) {
-    text += QByteArray(20000, 'x');
+  if (number % share.long_every == 0) {
+    text += QByteArray(share.long_size, static_cast<char>('a' + thread));
   }
   return number % 7 == 0 ? text + '"' : text;
 }
@@ -29,11 +34,11 @@ inline QByteArray TextOf(int thread, int number) {
 // Sends from eight threads at once, by both functions. To be joined before the messaging goes.
 class Crowd {
  public:
-  explicit Crowd(RuntimeManager::TaskMessaging* messaging, int texts_of_each = kTextsOfEach) {
+  explicit Crowd(RuntimeManager::TaskMessaging* messaging, const Share& share = {}) {
     for (int thread = 0; thread < kCrowd; ++thread) {
-      threads_.emplace_back([this, messaging, thread, texts_of_each] {
-        for (int number = 0; number < texts_of_each && !stops_; ++number) {
-          Send(messaging, TextOf(thread, number), number % 3 == 0);
+      threads_.emplace_back([this, messaging, thread, share] {
+        for (int number = 0; number < share.texts && !stops_; ++number) {
+          Send(messaging, TextOf(thread, number, share), number % 3 == 0);
         }
         ++done_;
       });
@@ -73,6 +78,7 @@ class Crowd {
 // What has arrived of a crowd.
 class Tally {
  public:
+  explicit Tally(const Share& share = {}) : share_(share) {}
   // Listens to a messaging on its thread.
   void Watch(RuntimeManager::TaskMessaging* messaging) {
     using RuntimeManager::TaskMessaging;
@@ -89,18 +95,19 @@ class Tally {
       return;
     }
     int& next = next_[static_cast<std::size_t>(thread)];
-    if (text != TextOf(thread, next)) {
+    if (text != TextOf(thread, next, share_)) {
       faults_ += "in place of number " + QByteArray::number(next) + ": " + text.left(80) + '\n';
     }
     ++next;
     ++count_;
   }
-  bool IsWhole(int texts_of_each = kTextsOfEach) const { return count_ == kCrowd * texts_of_each; }
+  bool IsWhole() const { return count_ == kCrowd * share_.texts; }
   int Count() const { return count_; }
   // Empty when every thread's texts came unharmed and in their order.
   QByteArray Faults() const { return faults_.left(2000); }
 
  private:
+  const Share share_;
   std::array<int, kCrowd> next_{};
   int count_ = 0;
   QByteArray faults_;

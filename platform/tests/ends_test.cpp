@@ -5,6 +5,7 @@
 #include <QtCore/QDir>
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QFile>
+#include <csignal>
 
 #include "kit.h"
 
@@ -31,6 +32,12 @@ class StartersEnd : public PlatformTest {
     EXPECT_EQ(starter.Wait(), 0);
     return timer.elapsed();
   }
+  pid_t PidOfTheStubborn() {
+    EXPECT_TRUE(WaitForFile(PathOf("pid"), "\n"));
+    const auto pid = static_cast<pid_t>(ReadFile(PathOf("pid")).trimmed().toInt());
+    QFile::remove(PathOf("pid"));
+    return pid;
+  }
   int CountEnded() { return QDir(PathOf("")).entryList({"ended.*"}).size(); }
 };
 
@@ -45,22 +52,54 @@ TEST_F(StartersEnd, EndsAllItsTasksAtOnce) {
   }
 }
 
-TEST_F(StartersEnd, IsFollowedByATaskThatIgnoresSigterm) {
-  AddShellTask("task", QByteArray("exec ") + HELPER + " stubborn");
-  Process starter(HELPER, {"start", "task"});
-  EXPECT_THAT(starter.ReadLine(), testing::StartsWith("started "));
-  ASSERT_TRUE(WaitForFile(PathOf("pid"), "\n"));
-  const auto pid = static_cast<pid_t>(ReadFile(PathOf("pid")).trimmed().toInt());
-  QElapsedTimer timer;
-  timer.start();
-  starter.Kill();
-  starter.Wait();
-  EXPECT_FALSE(IsGone(pid));
-  EXPECT_TRUE(RunUntil([pid] { return IsGone(pid); }));
-  EXPECT_GE(timer.elapsed(), 2500);
-  for (const QString& name : SocketFiles()) {
-    QFile::remove(RuntimeFolder() + '/' + name);
+TEST_F(StartersEnd, LeavesNoWordOfItsOwn) {
+  AddShellTask("slow", kSlow);
+  for (const char* how : {"exit", "kept", "destroyed"}) {
+    StderrPipe words;
+    TimeToLeave(how);
+    EXPECT_EQ(words.ReadToEnd().toStdString(), "") << how;
   }
+}
+
+// It takes no more than the library: it may serve its socket, or not have come to that.
+TEST_F(StartersEnd, IsFollowedByATaskThatIgnoresSigterm) {
+  for (const char* how : {"serving", "idle"}) {
+    AddShellTask(how, QByteArray("exec ") + HELPER + " stubborn " + how);
+    Process starter(HELPER, {"start", how});
+    EXPECT_THAT(starter.ReadLine(), testing::StartsWith("started "));
+    const pid_t pid = PidOfTheStubborn();
+    QElapsedTimer timer;
+    timer.start();
+    starter.Kill();
+    starter.Wait();
+    EXPECT_FALSE(IsGone(pid)) << how;
+    EXPECT_TRUE(RunUntil([pid] { return IsGone(pid); })) << how;
+    EXPECT_GE(timer.elapsed(), 2500) << how;
+    for (const QString& name : SocketFiles()) {
+      QFile::remove(RuntimeFolder() + '/' + name);
+    }
+  }
+}
+
+// What a person or a service manager has started with a socket has no starter to follow.
+TEST_F(StartersEnd, IsNotFollowedByAProcessThatIsNoTask) {
+  QFile script(PathOf("activate"));
+  ASSERT_TRUE(script.open(QIODevice::WriteOnly));
+  script.write(
+      "import os, socket\n"
+      "server = socket.socket(socket.AF_UNIX)\n"
+      "server.bind(os.environ['WORLD'] + '/server')\n"
+      "server.listen()\n"
+      "if os.fork() == 0:\n"
+      "  os.dup2(server.fileno(), 3)\n"
+      "  os.environ.update(LISTEN_PID=str(os.getpid()), LISTEN_FDS='1')\n"
+      "  os.execv('" HELPER "', ['helper', 'stubborn', 'serving'])\n");
+  script.close();
+  EXPECT_EQ(Process(PYTHON, {"-S", script.fileName()}).Wait(), 0);
+  const pid_t pid = PidOfTheStubborn();
+  RunFor(4500);
+  EXPECT_FALSE(IsGone(pid));
+  ::kill(pid, SIGKILL);
 }
 
 TEST_F(StartersEnd, OfACopyOfItDoesNothingToTheTask) {

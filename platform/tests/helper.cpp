@@ -274,7 +274,10 @@ int main(int count, char** arguments) {
     return helper::StartMany(words.value(2), words.value(3).toInt(), words.value(4));
   }
   if (verb == "stubborn") {
-    return helper::IgnoreTheEnd();
+    return helper::IgnoreTheEnd(words.value(2));
+  }
+  if (verb == "end-while-writing") {
+    return helper::EndWhileWriting(words.value(2).toInt());
   }
   if (verb == "fork") {
     return helper::ForkWhileSending(words.value(2), words.value(3));

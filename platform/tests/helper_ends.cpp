@@ -13,10 +13,12 @@
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QTimer>
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -114,9 +116,12 @@ int StartMany(const QString& name, int count, const QString& how) {
   return 0;
 }
 
-int IgnoreTheEnd() {
+int IgnoreTheEnd(const QString& how) {
   std::signal(SIGTERM, SIG_IGN);
-  TaskMessaging messaging(RuntimeDispatcher::instance()->localServerSocket());
+  std::unique_ptr<TaskMessaging> messaging;
+  if (how == "serving") {
+    messaging = std::make_unique<TaskMessaging>(RuntimeDispatcher::instance()->localServerSocket());
+  }
   QFile pid(qEnvironmentVariable("WORLD") + "/pid");
   if (pid.open(QIODevice::WriteOnly)) {
     pid.write(QByteArray::number(::getpid()) + '\n');
@@ -125,9 +130,31 @@ int IgnoreTheEnd() {
   return QCoreApplication::exec();
 }
 
+int EndWhileWriting(int listening) {
+  auto* const messaging = new TaskMessaging(listening);
+  const auto end = [messaging] {
+    constexpr std::chrono::milliseconds kUntilExitWaits(300);
+    std::this_thread::sleep_for(kUntilExitWaits);
+    messaging->sendData(QByteArray(300'000, 'x'));
+    QFile ended(qEnvironmentVariable("WORLD") + "/ended");
+    if (ended.open(QIODevice::WriteOnly)) {
+      ended.write("\n");
+    }
+  };
+  QObject::connect(messaging, &TaskMessaging::messageReceived, messaging, [messaging, end] {
+    for (int i = 0; i < 20; ++i) {
+      messaging->sendData(QByteArray(100'000, static_cast<char>('a' + i)));
+    }
+    std::thread(end).detach();
+    std::exit(0);
+  });
+  return QCoreApplication::exec();
+}
+
 int ForkWhileSending(const QString& name, const QString& how) {
   constexpr int kCopies = 10;
-  constexpr int kTexts = 3000;
+  kit::Share share;
+  share.texts = 3000;
   static Task task(name);
   task.withIpcSocket(true);
   bool runs = false;
@@ -136,12 +163,12 @@ int ForkWhileSending(const QString& name, const QString& how) {
   static TaskMessaging messaging(task.socketPath());
   // One that is no static object.
   const auto unused = std::make_unique<Task>(name);
-  kit::Tally tally;
+  kit::Tally tally(share);
   tally.Watch(&messaging);
   bool is_lost = false;
   QObject::connect(&task, &Task::finished, [&is_lost] { is_lost = true; });
   // Not destroyed in a copy, which does not have its threads.
-  auto* crowd = new kit::Crowd(&messaging, kTexts);
+  auto* crowd = new kit::Crowd(&messaging, share);
   bool copies_end_well = true;
   for (int i = 0; i < kCopies; ++i) {
     const pid_t copy = ::fork();
@@ -153,7 +180,7 @@ int ForkWhileSending(const QString& name, const QString& how) {
     }
     copies_end_well = EndsWell(copy) && copies_end_well;
   }
-  const bool is_whole = RunUntil([&tally, &is_lost] { return tally.IsWhole(kTexts) || is_lost; });
+  const bool is_whole = RunUntil([&tally, &is_lost] { return tally.IsWhole() || is_lost; });
   delete crowd;
   const bool has_file = QFile::exists(task.socketPath());
   Say(QString("copies %1 whole %2 lost %3 file %4 %5")

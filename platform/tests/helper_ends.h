@@ -13,8 +13,11 @@ int Intrude();
 // Starts `count` tasks that nobody stops, and leaves when all run: by exit(), by a return from
 // main(), or by a return while the tasks are objects of main().
 int StartMany(const QString& name, int count, const QString& how);
-// A task that ignores SIGTERM.
-int IgnoreTheEnd();
+// A task that ignores SIGTERM, and serves its socket or has nothing but an event loop.
+int IgnoreTheEnd(const QString& how);
+// Serves `listening`. At the first message it sends 2 MB and leaves by exit(), while another of its
+// threads ends the connection; the file "ended" tells of that.
+int EndWhileWriting(int listening);
 // Makes copies of itself, which end by exit() or by a return from main(), while eight threads send
 // to a task that sends everything back; tells whether the task has remained unharmed.
 int ForkWhileSending(const QString& task, const QString& how);

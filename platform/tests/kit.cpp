@@ -83,6 +83,12 @@ sockaddr_un Address(const QString& path) {
 
 }  // namespace
 
+bool RunUntil(const std::function<bool()>& done) {
+  const bool is_done = RunUntil(done, kLimitSeconds * 1000);
+  EXPECT_TRUE(is_done) << "what the test waits for has not come in " << kLimitSeconds << " s";
+  return is_done;
+}
+
 bool RunUntil(const std::function<bool()>& done, int limit_ms) {
   QElapsedTimer timer;
   timer.start();

@@ -28,8 +28,10 @@ using RuntimeManager::Error;
 using RuntimeManager::Task;
 using RuntimeManager::TaskMessaging;
 
-// Runs the event loop until `done` says so; false when that takes too long.
-bool RunUntil(const std::function<bool()>& done, int limit_ms = 60000);
+// Runs the event loop until `done` says so. False, and the test fails, when that takes too long.
+bool RunUntil(const std::function<bool()>& done);
+// The same with a limit of its own, after which the test goes on.
+bool RunUntil(const std::function<bool()>& done, int limit_ms);
 // Runs the event loop for a while, for things that must not happen.
 void RunFor(int ms);
 

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 #include <QtCore/QThread>
 #include <algorithm>
 #include <atomic>
+#include <ctime>
 #include <memory>
 #include <vector>
 
@@ -129,6 +131,52 @@ TEST_F(TaskSocket, IsNotServedToAnotherProcessWhenItsStarterHasHungUp) {
   inbox = std::make_unique<Inbox>(messaging.get());
   ASSERT_TRUE(inbox->WaitFor(1));
   EXPECT_EQ(inbox->messages[0], Data("welcome"));
+}
+
+// A task that runs in a pid namespace does not see its starter: the first connection is the
+// starter's, but of a later one nobody can tell.
+TEST_F(TaskSocket, IsServedOnceToAStarterThatTheTaskDoesNotSee) {
+  const QStringList apart = {"--pid", "--fork", "--kill-child"};
+  if (Process("/usr/bin/unshare", apart + QStringList{"true"}).Wait() != 0) {
+    GTEST_SKIP() << "only root can make a pid namespace";
+  }
+  AddShellTask("apart",
+               "LISTEN_PID=1 exec /usr/bin/unshare --pid --fork --kill-child " HELPER " again");
+  StderrPipe words;
+  Task task("apart");
+  task.withIpcSocket(true);
+  ExpectStarts(task);
+  auto first = std::make_unique<TaskMessaging>(task.socketPath());
+  {
+    Inbox inbox(first.get());
+    ASSERT_TRUE(inbox.WaitFor(1));
+    EXPECT_EQ(inbox.messages[0], Data("welcome"));
+  }
+  first.reset();
+  RunFor(300);
+  TaskMessaging second(task.socketPath());
+  Inbox inbox(&second);
+  EXPECT_EQ(inbox.disconnects.Wait().code(), Error::kConnectionLost);
+  EXPECT_TRUE(inbox.messages.empty());
+  QByteArray all;
+  EXPECT_TRUE(RunUntil([&all, &words] {
+    return (all += words.Read(4096))
+        .contains(
+            "the task 'apart': a connection with a process of another pid namespace is "
+            "refused, because it serves a process of another pid namespace");
+  }));
+}
+
+TEST_F(TaskSocket, IsNotMadeByAProcessThatItsChildrenDoNotSee) {
+  if (Process("/usr/bin/unshare", {"--pid", "true"}).Wait() != 0) {
+    GTEST_SKIP() << "only root can make a pid namespace";
+  }
+  Process starter("/usr/bin/unshare", {"--pid", HELPER, "start", "task", "exit"});
+  EXPECT_EQ(
+      starter.ReadLine(),
+      "error the task 'task' cannot be started: this process has called unshare() for another "
+      "pid namespace, in which its tasks would not see it; fork first");
+  EXPECT_EQ(starter.Wait(), 0);
 }
 
 TEST_F(TaskSocket, ServesOneMessagingAtATime) {
@@ -368,14 +416,23 @@ TEST_F(TaskSocket, IsSweptWhenACrashLeftItBehindAndNoOther) {
   };
   const QByteArray parent = QByteArray::number(::getppid());
   const QString live = parent + '-' + start_time(parent) + "-1.sock";
-  const QStringList kept = {
-      live,       "notes.sock",         "1-2-3.txt", "a-b-c.sock", "4194305-1.sock",
-      '.' + live, "..4194305-77-1.sock"};
-  const QStringList swept = {"4194305-77-1.sock", parent + "-1-1.sock", ".4194305-77-1.sock"};
+  const QString hidden = ".4194305-77-1.sock";
+  const QString just_hidden = ".4194305-77-2.sock";
+  // Nobody can connect to it, but that is no refusal.
+  const QString no_socket = "4194305-77-3.sock";
+  const QStringList kept = {live,         "notes.sock",          "1-2-3.txt",
+                            "a-b-c.sock", "4194305-1.sock",      '.' + live,
+                            just_hidden,  "..4194305-77-1.sock", no_socket};
+  const QStringList swept = {"4194305-77-1.sock", parent + "-1-1.sock", hidden};
+  ASSERT_TRUE(QFile::link("nowhere", RuntimeFolder() + '/' + no_socket));
   for (const QString& name : kept + swept) {
     QFile file(RuntimeFolder() + '/' + name);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly)) << name.toStdString();
+    ASSERT_TRUE(name == no_socket || file.open(QIODevice::WriteOnly)) << name.toStdString();
   }
+  // A socket is hidden for a moment only, before it listens.
+  const timeval old{::time(nullptr) - 61, 0};
+  const timeval times[] = {old, old};
+  ASSERT_EQ(::utimes((RuntimeFolder() + '/' + hidden).toUtf8().constData(), times), 0);
   EXPECT_FALSE(StartError().isError());
   for (const QString& name : swept) {
     EXPECT_FALSE(QFile::exists(RuntimeFolder() + '/' + name)) << name.toStdString();

@@ -10,7 +10,9 @@
 #include <QtCore/QJsonDocument>
 #include <QtCore/QTimer>
 #include <atomic>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "crowd.h"
 #include "kit.h"
@@ -19,6 +21,49 @@ namespace kit {
 namespace {
 
 using AnyThread = ServerEnd;
+
+// More than any of these tests lets through, and little enough to wait in memory.
+constexpr Share kFlood{40'000, 50, 20'000};
+
+// Reads what a crowd sends, on a thread of its own, `piece` bytes at a time.
+class CrowdReader {
+ public:
+  CrowdReader(int peer, const Share& share, std::size_t piece)
+      : peer_(peer), tally_(share), thread_([this, piece] { Read(piece); }) {}
+  ~CrowdReader() { Finish(); }
+  CrowdReader(const CrowdReader&) = delete;
+  CrowdReader& operator=(const CrowdReader&) = delete;
+
+  bool IsDone() const { return done_; }
+  // How many messages came, and what was wrong with them. Ends the connection.
+  std::string Finish() {
+    if (thread_.joinable()) {
+      ::shutdown(peer_, SHUT_RDWR);
+      thread_.join();
+    }
+    return (QByteArray::number(tally_.Count()) + ' ' + tally_.Faults()).toStdString();
+  }
+
+ private:
+  void Read(std::size_t piece) {
+    std::vector<char> bytes(piece);
+    QByteArray line;
+    ssize_t size = 0;
+    while (!tally_.IsWhole() && (size = ::recv(peer_, bytes.data(), piece, 0)) > 0) {
+      line.append(bytes.data(), static_cast<int>(size));
+      for (int end = line.indexOf('\n'); end >= 0; end = line.indexOf('\n')) {
+        tally_.Add(QJsonDocument::fromJson(line.left(end)).object()["data"].toString().toUtf8());
+        line.remove(0, end + 1);
+      }
+    }
+    done_ = true;
+  }
+
+  const int peer_;
+  Tally tally_;
+  std::atomic<bool> done_{false};
+  std::thread thread_;
+};
 
 TEST_F(AnyThread, MaySendBothWaysAtOnce) {
   AddHelperTask("crowd");
@@ -42,29 +87,52 @@ TEST_F(AnyThread, MaySendBothWaysAtOnce) {
 }
 
 TEST_F(AnyThread, LosesNothingToASlowReader) {
-  constexpr int kTexts = 500;
+  Share share;
+  share.texts = 500;
   TaskMessaging messaging(listening_);
   const int peer = Connect();
-  Tally tally;
-  std::atomic<bool> is_read{false};
-  std::thread reader([&tally, &is_read, peer] {
-    QByteArray line(1, '\n');
-    while (!tally.IsWhole(kTexts) && !line.isEmpty()) {
-      line.clear();
-      char byte = 0;
-      while (::recv(peer, &byte, 1, 0) == 1 && byte != '\n') {
-        line += byte;
-      }
-      tally.Add(QJsonDocument::fromJson(line).object()["data"].toString().toUtf8());
-    }
-    is_read = true;
-  });
-  Crowd crowd(&messaging, kTexts);
-  EXPECT_TRUE(RunUntil([&is_read] { return is_read.load(); }));
+  CrowdReader reader(peer, share, 16);
+  Crowd crowd(&messaging, share);
+  EXPECT_TRUE(RunUntil([&reader] { return reader.IsDone(); }));
   crowd.Join();
-  reader.join();
-  EXPECT_TRUE(tally.IsWhole(kTexts)) << tally.Count();
-  EXPECT_EQ(tally.Faults().toStdString(), "");
+  EXPECT_EQ(reader.Finish(), "4000 ");
+  ::close(peer);
+}
+
+// Each takes more than one system call, between which another thread must not write.
+TEST_F(AnyThread, TearsNoLongMessage) {
+  const Share share{30, 1, 300'000};
+  TaskMessaging messaging(listening_);
+  const int peer = Connect();
+  CrowdReader reader(peer, share, 1 << 16);
+  Crowd crowd(&messaging, share);
+  EXPECT_TRUE(RunUntil([&reader] { return reader.IsDone(); }));
+  crowd.Join();
+  EXPECT_EQ(reader.Finish(), "240 ");
+  ::close(peer);
+}
+
+// The helper has more to send than the socket holds, and leaves by exit(), which waits for the
+// peer. Meanwhile a message over the bound ends the connection from another thread. What the helper
+// frees is overwritten.
+TEST_F(AnyThread, MayEndTheConnectionWhileAnotherWrites) {
+  const ScopedVariable bound("RUNTIME_MANAGER_MAX_MESSAGE", "200000");
+  const ScopedVariable scribble("MALLOC_PERTURB_", "85");
+  const ScopedVariable keep("MALLOC_TRIM_THRESHOLD_", "1000000000");
+  ::fcntl(listening_, F_SETFD, 0);
+  Process helper(HELPER, {"end-while-writing", QString::number(listening_)});
+  ::fcntl(listening_, F_SETFD, FD_CLOEXEC);
+  const int peer = Connect();
+  SendLine(peer, "{}");
+  ASSERT_TRUE(WaitForFile(PathOf("ended"), "\n"));
+  const QByteArray all = ReadToEnd(peer);
+  QByteArray sent;
+  for (int i = 0; i < 20; ++i) {
+    sent += "{\"data\":\"" + QByteArray(100'000, static_cast<char>('a' + i)) + "\"}\n";
+  }
+  EXPECT_GT(all.size(), 100'000);
+  EXPECT_TRUE(sent.startsWith(all)) << "what was freed has been sent";
+  EXPECT_EQ(helper.Wait(), 0);
   ::close(peer);
 }
 
@@ -78,7 +146,7 @@ TEST_F(AnyThread, GoesOnSendingWhenTheTaskIsKilled) {
     ExpectStarts(task);
     TaskMessaging messaging(task.socketPath());
     Inbox inbox(&messaging);
-    Crowd crowd(&messaging, 1 << 20);
+    Crowd crowd(&messaging, kFlood);
     EXPECT_EQ(inbox.disconnects.Wait().code(), Error::kTaskKilled);
     crowd.Stop();
     RunFor(20);
@@ -91,7 +159,7 @@ TEST_F(AnyThread, KeepsToTheBoundOfTheQueue) {
   TaskMessaging messaging(listening_);
   Inbox inbox(&messaging);
   const int peer = Connect();
-  Crowd crowd(&messaging, 1 << 20);
+  Crowd crowd(&messaging, kFlood);
   EXPECT_EQ(inbox.disconnects.Wait().code(), Error::kQueueFull);
   crowd.Stop();
   ::close(peer);

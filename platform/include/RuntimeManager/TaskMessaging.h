@@ -27,7 +27,8 @@ class RUNTIME_MANAGER_EXPORT TaskMessaging : public QObject {
   // The task's end: waits on a listening socket (RuntimeDispatcher::localServerSocket()) for the
   // starter, and serves that one connection; further ones are closed at once, and so are those of
   // any process but the first that has ever connected to the socket. The descriptor stays
-  // the caller's: another object can serve on it when this one is gone.
+  // the caller's: another object can serve on it when this one is gone, unless the starter is in
+  // another pid namespace, where nobody can tell it from others.
   explicit TaskMessaging(int descriptor, QObject* parent = nullptr);
   ~TaskMessaging() override;
 
