@@ -6,7 +6,6 @@
 #include <array>
 #include <cerrno>
 #include <new>
-#include <string_view>
 #include <utility>
 
 #include "process_exit.h"
@@ -181,8 +180,8 @@ SendQueue::News SendQueue::Write(Lock& lock, Clock::time_point patience) {
   const Turn turn(this);
   std::size_t budget = kBytesPerTurn;
   while (!IsEmpty() && budget > 0) {
-    const long long time = IsRecorded() ? RecordTime() : 0;
-    const ssize_t size = WriteSome(lock, patience);
+    long long time = 0;
+    const ssize_t size = WriteSome(lock, patience, &time);
     if (is_stopped_) {
       return News::kNone;
     }
@@ -196,11 +195,9 @@ SendQueue::News SendQueue::Write(Lock& lock, Clock::time_point patience) {
   return waits_for_room_ ? News::kFull : News::kNone;
 }
 
-// One system call without the lock: only its writer takes from the front of the queue.
-ssize_t SendQueue::WriteSome(Lock& lock, Clock::time_point patience) {
-  CloseTail();
-  std::array<iovec, kPartsPerWrite> parts{};
-  const std::size_t count = std::min(queue_.size(), parts.size());
+// The front of the queue, as far as it is not sent; how many parts that are.
+std::size_t SendQueue::Gather(iovec* parts, std::size_t most) const {
+  const std::size_t count = std::min(queue_.size(), most);
   std::size_t skip = front_sent_;
   for (std::size_t i = 0; i < count; ++i) {
     const QByteArray& buffer = queue_[i];
@@ -208,11 +205,24 @@ ssize_t SendQueue::WriteSome(Lock& lock, Clock::time_point patience) {
                 static_cast<std::size_t>(buffer.size()) - skip};
     skip = 0;
   }
+  return count;
+}
+
+// Sends without the lock: only the writer takes from the front of the queue. `time` is, for the
+// record, that before the system call.
+ssize_t SendQueue::WriteSome(Lock& lock, Clock::time_point patience, long long* time) {
+  CloseTail();
+  std::array<iovec, kPartsPerWrite> parts{};
+  const std::size_t count = Gather(parts.data(), parts.size());
   const int socket = socket_.Get();
+  const auto send = [time, socket, &parts, count] {
+    *time = IsRecorded() ? RecordTime() : 0;
+    return SendParts(socket, parts.data(), count);
+  };
   lock.unlock();
-  ssize_t size = SendParts(socket, parts.data(), count);
+  ssize_t size = send();
   if (size < 0 && errno == EAGAIN && WaitForRoom(socket, patience)) {
-    size = SendParts(socket, parts.data(), count);
+    size = send();
   }
   const int error_number = errno;
   lock.lock();
@@ -235,27 +245,13 @@ void SendQueue::DropWritten(std::size_t size, long long time) {
     const QByteArray& front = queue_.front();
     const auto whole = static_cast<std::size_t>(front.size());
     const std::size_t here = std::min(size, whole - front_sent_);
-    Record(front, front_sent_, front_sent_ + here, time);
+    TraceLinesSent(task_, {front.constData(), whole}, front_sent_, front_sent_ + here, time);
     front_sent_ += here;
     size -= here;
     if (front_sent_ == whole) {
       queue_.pop_front();
       front_sent_ = 0;
     }
-  }
-}
-
-// The lines that end in this range of a buffer, which begins with a line.
-void SendQueue::Record(const QByteArray& buffer, std::size_t from, std::size_t to,
-                       long long time) const {
-  if (!IsRecorded()) {
-    return;
-  }
-  const std::string_view bytes(buffer.constData(), static_cast<std::size_t>(buffer.size()));
-  for (std::size_t end = bytes.find('\n', from); end < to; end = bytes.find('\n', end + 1)) {
-    const std::size_t before = end == 0 ? std::string_view::npos : bytes.rfind('\n', end - 1);
-    const std::size_t begin = before == std::string_view::npos ? 0 : before + 1;
-    Trace(task_, Direction::kSend, {bytes.substr(begin, end - begin)}, time);
   }
 }
 

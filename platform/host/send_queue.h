@@ -2,6 +2,9 @@
 #ifndef RUNTIME_MANAGER_HOST_SEND_QUEUE_H
 #define RUNTIME_MANAGER_HOST_SEND_QUEUE_H
 
+#include <sys/types.h>
+#include <sys/uio.h>
+
 #include <QtCore/QByteArray>
 #include <QtCore/QString>
 #include <chrono>
@@ -82,10 +85,10 @@ class SendQueue {
   News Write(Lock& lock, Clock::time_point patience = {});
   void WriteAndTell(Lock& lock);
   void Tell(Lock& lock, News news);
-  ssize_t WriteSome(Lock& lock, Clock::time_point patience);
+  std::size_t Gather(iovec* parts, std::size_t most) const;
+  ssize_t WriteSome(Lock& lock, Clock::time_point patience, long long* time);
   News Judge(int error_number);
   void DropWritten(std::size_t size, long long time);
-  void Record(const QByteArray& buffer, std::size_t from, std::size_t to, long long time) const;
   void Drop();
 
   const QString task_;

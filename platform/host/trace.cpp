@@ -152,4 +152,16 @@ void TraceFault(const QString& task, Direction direction, const QString& fault) 
   }
 }
 
+void TraceLinesSent(const QString& task, std::string_view bytes, std::size_t from, std::size_t to,
+                    long long time) {
+  if (!IsRecorded()) {
+    return;
+  }
+  for (std::size_t end = bytes.find('\n', from); end < to; end = bytes.find('\n', end + 1)) {
+    const std::size_t before = end == 0 ? std::string_view::npos : bytes.rfind('\n', end - 1);
+    const std::size_t begin = before == std::string_view::npos ? 0 : before + 1;
+    Trace(task, Direction::kSend, {bytes.substr(begin, end - begin)}, time);
+  }
+}
+
 }  // namespace RuntimeManager::host

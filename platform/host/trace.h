@@ -3,6 +3,7 @@
 #define RUNTIME_MANAGER_HOST_TRACE_H
 
 #include <QtCore/QString>
+#include <cstddef>
 #include <initializer_list>
 #include <string_view>
 
@@ -19,6 +20,9 @@ long long RecordTime();
 // there is no record.
 void Trace(const QString& task, Direction direction, std::initializer_list<std::string_view> json,
            long long time = 0);
+// The same for the lines that end between `from` and `to` in bytes that begin with a line.
+void TraceLinesSent(const QString& task, std::string_view bytes, std::size_t from, std::size_t to,
+                    long long time);
 
 // Appends a line that says which fault struck a message on this way, or the task: `fault` in place of
 // the message.
