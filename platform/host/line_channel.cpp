@@ -311,16 +311,19 @@ void LineChannel::DeliverLine(const LineBuffer::Line& line) {
   }
   const std::optional<QJsonObject> object = DecodeLine(line.text.data(), line.text.size());
   if (!object) {
-    WarnAboutLine(line.text);
+    WarnAboutLine(line.text, "is dropped: it is not a JSON object");
     return;
   }
   Trace(task_, Direction::kReceive, {line.text});
+  if (!object->value(QLatin1String("data")).isString() && WantsData()) {
+    WarnAboutLine(line.text, "holds no message: it has no text \"data\"");
+  }
   callbacks_.on_object(*object);
 }
 
 void LineChannel::DeliverData(std::string_view text) {
   Trace(task_, Direction::kReceive, {kDataHead, text, kDataTail});
-  if (!callbacks_.wants_data || !callbacks_.wants_data()) {
+  if (!WantsData()) {
     callbacks_.on_object({{QStringLiteral("data"),
                            QString::fromLatin1(text.data(), static_cast<int>(text.size()))}});
     return;
@@ -329,18 +332,16 @@ void LineChannel::DeliverData(std::string_view text) {
   callbacks_.on_data(data);
 }
 
-void LineChannel::WarnAboutLine(std::string_view line) {
+void LineChannel::WarnAboutLine(std::string_view line, const char* what) {
   if (++line_warnings_ > kMaxLineWarnings) {
     return;
   }
   const int shown = static_cast<int>(std::min<std::size_t>(line.size(), kShownOfLine));
-  Warn(QString("a line of %1 bytes from %2 is dropped: it is not a JSON "
-               "object; it begins with: %3%4")
+  Warn(QString("a line of %1 bytes from %2 %3; it begins with: %4%5")
            .arg(line.size())
-           .arg(peer_, Escaped(QByteArray::fromRawData(line.data(), shown)),
-                line_warnings_ == kMaxLineWarnings
-                    ? " (further lines are dropped without a warning)"
-                    : ""));
+           .arg(peer_, what, Escaped(QByteArray::fromRawData(line.data(), shown)),
+                line_warnings_ == kMaxLineWarnings ? " (there is no warning of further lines)"
+                                                   : ""));
 }
 
 }  // namespace RuntimeManager::host

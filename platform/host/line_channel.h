@@ -80,7 +80,8 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   void OnRest();
   void DeliverLine(const LineBuffer::Line& line);
   void DeliverData(std::string_view text);
-  void WarnAboutLine(std::string_view line);
+  bool WantsData() const { return callbacks_.wants_data && callbacks_.wants_data(); }
+  void WarnAboutLine(std::string_view line, const char* what);
   void EndTooLong();
   void End(const Error& error);
 

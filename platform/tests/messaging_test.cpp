@@ -156,6 +156,29 @@ TEST_F(Messaging, OfATaskComeBeforeTheNewsOfItsEnd) {
   }
 }
 
+// Handlers that take longer than a turn of the event loop may.
+TEST_F(Messaging, OfATaskThatHasEndedAreDeliveredInOneGo) {
+  constexpr std::size_t kMessages = 200;
+  AddPythonTask("leaves",
+                "c, _ = server.accept()\nc.recv(10)\nc.sendall(b'{}\\n' * 200)\nos._exit(0)");
+  const auto task = Started("leaves");
+  TaskMessaging messaging(task->socketPath());
+  std::size_t messages = 0;
+  std::size_t messages_before = 0;
+  QObject::connect(&messaging, &TaskMessaging::messageReceived, [&messages] {
+    ++messages;
+    ::usleep(1000);
+  });
+  Outcomes finished;
+  QObject::connect(task.get(), &Task::finished, [&](const Error& error) {
+    messages_before = messages;
+    finished.errors.push_back(error);
+  });
+  messaging.sendMessage(Data("go"));
+  finished.Wait();
+  EXPECT_EQ(messages_before, kMessages);
+}
+
 // More than a socket holds, and little enough for a loaded machine to take in the two seconds.
 TEST_F(Messaging, OfATaskThatExitsAtOnceArriveWhole) {
   AddHelperTask("flood");
@@ -387,6 +410,31 @@ TEST_F(ServerEnd, DeliversLinesAndDropsThoseThatAreNoObjectsWithOneWarningEach) 
   EXPECT_EQ(warnings.Count("nonsense"), 1);
   ::close(peer);
   EXPECT_EQ(inbox.disconnects.Wait().code(), Error::kConnectionLost);
+}
+
+// The ends of the service take texts, and nothing else.
+TEST_F(ServerEnd, WarnsOfAMessageWithoutATextWhenTextsAreTaken) {
+  TaskMessaging messaging(listening_);
+  Inbox inbox(&messaging);
+  const int peer = Connect();
+  const WarningCatcher warnings;
+  SendLine(peer, R"({"n":1})");
+  ASSERT_TRUE(inbox.WaitFor(1));
+  EXPECT_EQ(warnings.Count("holds no message"), 0) << "nobody asked for texts";
+  QStringList texts;
+  QObject::connect(&messaging, &TaskMessaging::dataReceived,
+                   [&texts](const QByteArray& text) { texts << text; });
+  SendLine(peer, R"({"data":5,"esc":"\u001b"})");
+  SendLine(peer, "{}");
+  SendLine(peer, R"({"data":"\""})");
+  SendLine(peer, R"({"data":"text"})");
+  ASSERT_TRUE(RunUntil([&texts] { return !texts.isEmpty(); }));
+  EXPECT_EQ(inbox.messages.size(), 4U) << "they are delivered all the same";
+  EXPECT_EQ(warnings.Count("holds no message"), 2);
+  EXPECT_EQ(warnings.Count("a line of 25 bytes from the starter of the task 'platform_tests' holds "
+                           "no message: it has no text \"data\"; it begins with: {\"data\":5,"),
+            1);
+  ::close(peer);
 }
 
 TEST_F(ServerEnd, TakesLinesInPieces) {
