@@ -86,19 +86,23 @@ TEST_F(StartersEnd, IsNotFollowedByAProcessThatIsNoTask) {
   QFile script(PathOf("activate"));
   ASSERT_TRUE(script.open(QIODevice::WriteOnly));
   script.write(
-      "import os, socket\n"
+      "import os, socket, time\n"
       "server = socket.socket(socket.AF_UNIX)\n"
       "server.bind(os.environ['WORLD'] + '/server')\n"
       "server.listen()\n"
       "if os.fork() == 0:\n"
       "  os.dup2(server.fileno(), 3)\n"
+      "  os.set_inheritable(3, True)\n"
       "  os.environ.update(LISTEN_PID=str(os.getpid()), LISTEN_FDS='1')\n"
-      "  os.execv('" HELPER "', ['helper', 'stubborn', 'serving'])\n");
+      "  os.execv('" HELPER
+      "', ['helper', 'stubborn', 'serving'])\n"
+      "while not os.path.exists(os.environ['WORLD'] + '/pid'): time.sleep(0.01)\n");
   script.close();
   EXPECT_EQ(Process(PYTHON, {"-S", script.fileName()}).Wait(), 0);
   const pid_t pid = PidOfTheStubborn();
   RunFor(4500);
-  EXPECT_FALSE(IsGone(pid));
+  // A dead process that nobody has reaped yet has none.
+  EXPECT_NE(ReadFile(QString("/proc/%1/cmdline").arg(pid)), "");
   ::kill(pid, SIGKILL);
 }
 
