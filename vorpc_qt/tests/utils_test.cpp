@@ -144,6 +144,26 @@ TEST(EncodableMapToJsonObject, KeepsKeysApartThatDifferInAByteOrderMark) {
   EXPECT_EQ(back, map);
 }
 
+TEST(EncodableMapToJsonObject, WarnsOfKeysThatBecomeOneAsTheyAreNoUtf8) {
+  const EncodableMap map{{"\xFE", 1}, {"\xFF", 2}, {"a", 3}};
+  QJsonObject object;
+  const std::string log = StdoutOf([&] { EXPECT_TRUE(EncodableMapToJsonObject(map, object)); });
+  EXPECT_EQ(object, (QJsonObject{{QString(QChar(QChar::ReplacementCharacter)), 2}, {"a", 3}}));
+  EXPECT_THAT(log,
+              IsLogLine("warn",
+                        "Two keys that are not valid text became the one key \"\xEF\xBF\xBD\": "
+                        "one of their values is lost. Use keys in valid UTF-8."));
+}
+
+TEST(JsonObjectToEncodableMap, WarnsOfKeysThatBecomeOneAsTheyAreLoneSurrogates) {
+  const QJsonObject object{
+      {QString(QChar(0xD800)), 1}, {QString(QChar(0xD801)), 2}, {QString("a"), 3}};
+  EncodableMap map;
+  const std::string log = StdoutOf([&] { EXPECT_TRUE(JsonObjectToEncodableMap(object, map)); });
+  EXPECT_EQ(map.size(), 2U);
+  EXPECT_THAT(log, HasSubstr("Two keys that are not valid text became the one key"));
+}
+
 TEST(EncodableToJson, TurnsBytesIntoBase64) {
   EXPECT_EQ(ToJson(std::vector<std::uint8_t>{1, 2, 255, 0}), QJsonValue("AQL/AA=="));
   EXPECT_EQ(ToJson(std::vector<std::uint8_t>{}), QJsonValue(""));

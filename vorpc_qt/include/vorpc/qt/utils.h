@@ -6,7 +6,8 @@
 //
 // Free functions without state, on any thread. A failure gives false and an empty output, after
 // error lines that say why; nothing throws but running out of memory. Values and JSON that nest
-// deeper than cw::kMaxNesting fail.
+// deeper than cw::kMaxNesting fail. Bytes that are no UTF-8 become U+FFFD; when keys become equal
+// by that, one of their values stays and a warning tells of the loss.
 #ifndef VORPC_QT_UTILS_H
 #define VORPC_QT_UTILS_H
 
