@@ -8,7 +8,6 @@
 
 namespace cw::internal {
 
-// GCOVR_EXCL_BR_START: comparing types has a branch for names that none of these types has.
 // The stream as one that is known, if that is what it is and the serializer has no overrides.
 template <class Known, class Stream>
 Known* AsKnown(const StandardCodecSerializer* serializer, Stream* stream) {
@@ -16,7 +15,6 @@ Known* AsKnown(const StandardCodecSerializer* serializer, Stream* stream) {
       serializer == &StandardCodecSerializer::GetInstance() && typeid(*stream) == typeid(Known);
   return known ? static_cast<Known*>(stream) : nullptr;
 }
-// GCOVR_EXCL_BR_STOP
 
 }  // namespace cw::internal
 

@@ -8,9 +8,7 @@ namespace cw {
 const StandardMessageCodec& StandardMessageCodec::GetInstance(
     const StandardCodecSerializer* serializer) {
   // Never destroyed: other objects may still encode while the process exits.
-  // GCOVR_EXCL_BR_START: no test can arrange which of two threads makes it.
   static auto* const registry = new internal::CodecRegistry<StandardMessageCodec>;
-  // GCOVR_EXCL_BR_STOP
   return registry->Get(serializer, [](const StandardCodecSerializer* key) {
     return std::unique_ptr<const StandardMessageCodec>(new StandardMessageCodec(key));
   });

@@ -85,9 +85,7 @@ NameAndArguments ReadCall(const StandardCodecSerializer& serializer,
 const StandardMethodCodec& StandardMethodCodec::GetInstance(
     const StandardCodecSerializer* serializer) {
   // Never destroyed: other objects may still encode while the process exits.
-  // GCOVR_EXCL_BR_START: no test can arrange which of two threads makes it.
   static auto* const registry = new internal::CodecRegistry<StandardMethodCodec>;
-  // GCOVR_EXCL_BR_STOP
   return registry->Get(serializer, [](const StandardCodecSerializer* key) {
     return std::unique_ptr<const StandardMethodCodec>(new StandardMethodCodec(key));
   });

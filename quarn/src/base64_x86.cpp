@@ -100,8 +100,8 @@ QUARN_SSSE3 inline __m128i ForeignByHighHalf() {
                        0x10, 0x10, 0x10);
 }
 
-// What takes a character back to its number, by its high half; by one less for '/', whose high half
-// it shares with '+'.
+// The offsets that take characters back to their numbers, by their high half; by one less for '/',
+// whose high half it shares with '+'.
 QUARN_SSSE3 inline __m128i DecodeOffsets() {
   return _mm_setr_epi8(0, 63 - '/', 62 - '+', 52 - '0', -'A', -'A', 26 - 'a', 26 - 'a', 0, 0, 0, 0,
                        0, 0, 0, 0);
@@ -133,9 +133,7 @@ QUARN_SSSE3 inline bool Decode16(__m128i text, __m128i* bytes) {
 
 QUARN_SSSE3 inline void Store12(__m128i bytes, std::uint8_t* out) {
   _mm_storel_epi64(reinterpret_cast<__m128i*>(out), bytes);
-  // GCOVR_EXCL_BR_START: without optimisation, the shift asks whether it is too wide.
   const int last = _mm_cvtsi128_si32(_mm_srli_si128(bytes, 8));
-  // GCOVR_EXCL_BR_STOP
   std::memcpy(out + 8, &last, sizeof(last));
 }
 

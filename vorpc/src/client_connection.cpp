@@ -81,13 +81,11 @@ void Client::AttemptConnect() {
   }
   // A second guard: the handler of a refusal does not come back here after the last attempt, so
   // nothing outside can bring the counter this far.
-  // GCOVR_EXCL_START
   if (connect_attempts_.fetch_add(1) >= kMaxConnectAttempts) {
     QUARN_LOG_ERROR() << "The maximum number of requests for the Connect event has been exceeded.";
     FailHandshake(Message::Error(Message::kInternalError, "Cannot connect to server."));
     return;
   }
-  // GCOVR_EXCL_STOP
   SendRequest(kConnectMethod, {}, [weak = weak_from_this()](const Message::Response& response) {
     if (const auto client = weak.lock()) {
       client->HandleConnectResponse(response);

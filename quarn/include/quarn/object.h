@@ -11,10 +11,10 @@
 //     static std::shared_ptr<Clock> Create() { return Object::Create(PrivateTag()); }
 //   };
 //
-// Each type has one registry. Of a type that several libraries use, one library makes it: the header
-// says `extern template class TARV_EXPORT quarn::Object<Clock, ClockRef*>;` before the class, and one
-// source of that library `template class quarn::Object<Clock, ClockRef*>;`. Without these, each
-// library would look into an empty registry of its own.
+// Each type has one registry. Of a type that several libraries use, one library makes it: the
+// header says `extern template class TARV_EXPORT quarn::Object<Clock, ClockRef*>;` before the
+// class, and one source of that library `template class quarn::Object<Clock, ClockRef*>;`. Without
+// these, each library would look into an empty registry of its own.
 #ifndef QUARN_OBJECT_H
 #define QUARN_OBJECT_H
 
@@ -68,7 +68,6 @@ class TARV_EXPORT ObjectImpl : public CounterClient {
 template <class T, class Ref>
 class ObjectRegistry {
  public:
-  // GCOVR_EXCL_BR_START: what locks and memory throw, which gcovr does not recognise in templates.
   void Add(std::uint64_t id, const std::weak_ptr<T>& object) {
     const std::unique_lock lock(mutex_);
     objects_.emplace(id, object);
@@ -78,18 +77,15 @@ class ObjectRegistry {
     const std::unique_lock lock(mutex_);
     objects_.erase(id);
   }
-  // GCOVR_EXCL_BR_STOP
 
   std::shared_ptr<T> Find(Ref ref) const {
-    // GCOVR_EXCL_BR_START: as above.
     const std::shared_lock lock(mutex_);
     const auto found = objects_.find(reinterpret_cast<std::uint64_t>(ref));
-    // GCOVR_EXCL_BR_STOP
     return found == objects_.end() ? nullptr : found->second.lock();
   }
 
   void Clear() {
-    const std::unique_lock lock(mutex_);  // GCOVR_EXCL_BR_LINE: as above.
+    const std::unique_lock lock(mutex_);
     std::unordered_map<std::uint64_t, std::weak_ptr<T>>().swap(objects_);
   }
 
@@ -109,7 +105,7 @@ class Object : public details::ObjectImpl, public std::enable_shared_from_this<T
 
  public:
   explicit Object(const std::shared_ptr<IDispatcher>& dispatcher)
-      : ObjectImpl(dispatcher), id_(GenerateId()) {}  // GCOVR_EXCL_BR_LINE: an exception, too.
+      : ObjectImpl(dispatcher), id_(GenerateId()) {}
   ~Object() override { Unregister(); }
 
   // The live object with this handle, or an empty pointer. Any thread.
@@ -125,7 +121,7 @@ class Object : public details::ObjectImpl, public std::enable_shared_from_this<T
   template <class... Args>
   static std::shared_ptr<T> Create(Args&&... args) {
     auto object = std::make_shared<T>(std::forward<Args>(args)...);
-    GetRegistry().Add(object->GetId(), object);  // GCOVR_EXCL_BR_LINE: an exception, too.
+    GetRegistry().Add(object->GetId(), object);
     return object;
   }
 
@@ -150,10 +146,8 @@ class Object : public details::ObjectImpl, public std::enable_shared_from_this<T
 template <class T, class Ref>
 typename Object<T, Ref>::Registry& Object<T, Ref>::GetRegistry() {
   alignas(Registry) static unsigned char storage[sizeof(Registry)];
-  // GCOVR_EXCL_BR_START: no test can arrange which of two threads makes them.
   static Registry* const registry = new (storage) Registry;
   static const ClearAtExit kClearAtExit{*registry};
-  // GCOVR_EXCL_BR_STOP
   return *registry;
 }
 
