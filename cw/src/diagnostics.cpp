@@ -8,9 +8,11 @@
 namespace cw::internal {
 
 void WriteDiagnostic(std::string_view lines) {
-  const quarn::logger::details::PipeSignalBlock block;
+  quarn::logger::details::PipeSignalBlock block;
   std::ostream stream(std::cerr.rdbuf());
-  stream << lines << std::flush;
+  if (stream << lines << std::flush) {
+    block.SetAllWritten();
+  }
 }
 
 void ReportNoMethodCall(std::string_view channel) {

@@ -64,17 +64,19 @@ bool IsPipeSignalPending() {
 
 }  // namespace
 
-PipeSignalBlock::PipeSignalBlock() : was_pending_(IsPipeSignalPending()) {
+PipeSignalBlock::PipeSignalBlock() {
   const sigset_t set = PipeSignal();
   sigset_t before;
   pthread_sigmask(SIG_BLOCK, &set, &before);
   was_blocked_ = sigismember(&before, SIGPIPE) == 1;
+  // A signal can only have been waiting where it was blocked.
+  was_pending_ = was_blocked_ && IsPipeSignalPending();
 }
 
 PipeSignalBlock::~PipeSignalBlock() {
   const SavedErrno saved_errno;
   const sigset_t set = PipeSignal();
-  if (!was_pending_) {
+  if (!all_written_ && !was_pending_) {
     constexpr timespec kNoWait{};
     sigtimedwait(&set, nullptr, &kNoWait);
   }
@@ -103,6 +105,9 @@ Printer::Printer(LogLevel level, std::string_view location) : stream_(nullptr), 
 Printer::~Printer() {
   const SavedErrno saved_errno;
   stream_ << '\n' << std::flush;
+  if (stream_) {
+    pipe_signal_block_.SetAllWritten();
+  }
   if (level_ == LogLevel::Fatal) {
     std::abort();
   }

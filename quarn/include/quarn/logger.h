@@ -27,9 +27,13 @@ class TARV_EXPORT PipeSignalBlock {
   PipeSignalBlock(const PipeSignalBlock&) = delete;
   PipeSignalBlock& operator=(const PipeSignalBlock&) = delete;
 
+  // No write has failed, so that no signal can have arrived: spares the system call that looks.
+  void SetAllWritten() { all_written_ = true; }
+
  private:
   bool was_blocked_ = false;
   bool was_pending_ = false;
+  bool all_written_ = false;
 };
 
 // One log line: begun by the constructor, ended by the destructor. Any thread; a printer takes no
@@ -67,8 +71,8 @@ class TARV_EXPORT Printer {
 // The place of the call, as the log shows it: " src/manager.cpp:42 ".
 #define QUARN_LOCATION " " __FILE__ ":" QUARN_DETAILS_TO_STRING(__LINE__) " "
 
-// The place of a call in a header that programs compile from wherever they have installed it. `path`
-// is the header's, from the root of this repository.
+// The place of a call in a header that programs compile from wherever they have installed it.
+// `path` is the header's, from the root of this repository.
 #define QUARN_LOCATION_IN(path) " " path ":" QUARN_DETAILS_TO_STRING(__LINE__) " "
 
 #define QUARN_DETAILS_LOG_AT(level, location)                                              \
