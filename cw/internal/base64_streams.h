@@ -63,7 +63,7 @@ class Base64StreamReader final : public ByteStreamReader {
   // The next `length` bytes, up to kLongestTaken, and moves past them. Valid until the next read.
   const std::uint8_t* TakeBytes(std::size_t length) {
     if (length > end_ - begin_) {
-      Fill(length);
+      DecodeMore(length);
     }
     begin_ += length;
     return window_.data() + (begin_ - length);
@@ -73,13 +73,13 @@ class Base64StreamReader final : public ByteStreamReader {
   // read.
   Piece TakeUpTo(std::size_t length);
 
-  // To be called at the end. Reads all that is left, for nothing but what is wrong with it; gives up
-  // when something is left of a message with an empty list, which must have been padded.
+  // To be called at the end. Reads all that is left, for nothing but what is wrong with it; gives
+  // up when something is left of a message with an empty list, which must have been padded.
   void CheckRest();
 
  private:
-  // Decodes more into the window, so that it holds at least `wanted` bytes.
-  void Fill(std::size_t wanted);
+  // Decodes into the window, so that it holds at least `wanted` bytes.
+  void DecodeMore(std::size_t wanted);
 
   quarn::Base64Decoder decoder_;
   std::size_t size_;

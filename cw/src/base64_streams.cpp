@@ -34,7 +34,7 @@ void Base64StreamReader::ReadAlignment(std::uint8_t alignment) {
 
 Base64StreamReader::Piece Base64StreamReader::TakeUpTo(std::size_t length) {
   if (begin_ == end_) {
-    Fill(1);
+    DecodeMore(1);
   }
   const std::size_t count = std::min(length, end_ - begin_);
   return {TakeBytes(count), count};
@@ -49,7 +49,7 @@ void Base64StreamReader::CheckRest() {
   }
 }
 
-void Base64StreamReader::Fill(std::size_t wanted) {
+void Base64StreamReader::DecodeMore(std::size_t wanted) {
   if (wanted > BytesLeft()) {
     throw GiveUp();
   }

@@ -262,6 +262,25 @@ inline EncodableValue ReadMap(Source source) {
   return value;
 }
 
+// The commonest kinds stand in ReadPayloadFrom; these are the rest.
+template <class Stream>
+EncodableValue ReadTypedListOf(std::uint8_t type, Stream* stream) {
+  switch (static_cast<TypeByte>(type)) {
+    case TypeByte::ByteList:
+      return EncodableValue(ReadTypedList<std::uint8_t>(stream));
+    case TypeByte::Int32List:
+      return EncodableValue(ReadTypedList<std::int32_t>(stream));
+    case TypeByte::Int64List:
+      return EncodableValue(ReadTypedList<std::int64_t>(stream));
+    case TypeByte::DoubleList:
+      return EncodableValue(ReadTypedList<double>(stream));
+    case TypeByte::FloatList:
+      return EncodableValue(ReadTypedList<float>(stream));
+    default:
+      return ReportUnknownType(type, stream);
+  }
+}
+
 template <class Source>
 EncodableValue ReadPayloadFrom(std::uint8_t type, Source source) {
   switch (static_cast<TypeByte>(type)) {
@@ -280,22 +299,13 @@ EncodableValue ReadPayloadFrom(std::uint8_t type, Source source) {
     case TypeByte::LargeInt:
     case TypeByte::String:
       return ReadText(source.stream);
-    case TypeByte::ByteList:
-      return EncodableValue(ReadTypedList<std::uint8_t>(source.stream));
-    case TypeByte::Int32List:
-      return EncodableValue(ReadTypedList<std::int32_t>(source.stream));
-    case TypeByte::Int64List:
-      return EncodableValue(ReadTypedList<std::int64_t>(source.stream));
-    case TypeByte::DoubleList:
-      return EncodableValue(ReadTypedList<double>(source.stream));
     case TypeByte::List:
       return ReadList(source);
     case TypeByte::Map:
       return ReadMap(source);
-    case TypeByte::FloatList:
-      return EncodableValue(ReadTypedList<float>(source.stream));
+    default:
+      return ReadTypedListOf(type, source.stream);
   }
-  return ReportUnknownType(type, source.stream);
 }
 
 // Where values are read from: through the virtual operations of any serializer and any stream.
