@@ -1,4 +1,5 @@
-// Any bytes and any text, by every coder that this processor has: all give what the definition gives.
+// Any bytes and any text, by every coder that this processor has: all give what the definition
+// gives.
 #include <quarn/buffer.h>
 
 #include <string>

@@ -1,5 +1,5 @@
-// A script of operations on the message pump, handlers' own among them: what was handed in comes out
-// once, in order, and nothing comes out of the queue before it may flow.
+// A script of operations on the message pump, handlers' own among them: what was handed in comes
+// out once, in order, and nothing comes out of the queue before it may flow.
 #include "receiver.h"
 
 #include <vorpc/message.h>

@@ -1,4 +1,4 @@
-// What coroutines need of the library, which is C++17: no coroutine in here.
+// Coroutines need this of the library, which is C++17: no coroutine in here.
 #include <quarn/logger.h>
 #include <tarv/calls/resuming.h>
 

@@ -17,7 +17,7 @@ constexpr std::int32_t kLost = -32003;
 constexpr std::int32_t kTooLong = -32004;
 constexpr std::int32_t kQueueFull = -32005;
 
-// What a client gives to its callbacks when the transport has no error of its own.
+// A client gives this to its callbacks when the transport has no error of its own.
 constexpr std::string_view kNoReason = "Unknown runtime error";
 
 // What an error shows of the methods under way. There may be thousands.
@@ -55,7 +55,7 @@ std::string Join(const std::vector<std::string>& names) {
   return text;
 }
 
-// What to do about an error that a task answered with.
+// Says what to do about an error that a task answered with.
 std::string AdviceFor(std::int32_t code) {
   switch (code) {
     case kInvalidParams:

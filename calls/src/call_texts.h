@@ -22,7 +22,7 @@ struct Loss {
   bool is_final = false;  // the manager is gone that would start the task again
 };
 
-// What a client's error means, while connecting or after. None: the connection was closed.
+// The meaning of a client's error, while connecting or after. None: the connection was closed.
 Loss LossOf(const std::optional<vorpc::Message::Error>& error, bool connecting);
 Loss LossOfMissingClient();
 Loss LossOfManager(EndedManager manager);

@@ -1,4 +1,4 @@
-// What users ask of a core, and what goes to the client.
+// The calls that users ask of a core, on their way to the client.
 #include <exception>
 
 #include "caller_core.h"

@@ -24,7 +24,7 @@
 
 namespace tarv::details {
 
-// Who gives a core its clients, one after another. Called on the loop's thread.
+// Gives a core its clients, one after another. Called on the loop's thread.
 class Supervisor {
  public:
   virtual ~Supervisor() = default;
@@ -81,7 +81,7 @@ class CallerCore : public std::enable_shared_from_this<CallerCore> {
     CallerCore& core_;
   };
 
-  // What a client brings comes on any thread, and perhaps in the middle of a send.
+  // News of a client come on any thread, and perhaps in the middle of a send.
   bool CanRunNow() const { return loop_->IsCurrent() && busy_ == 0 && inbox_.IsEmpty(); }
   template <class Function>
   void Route(Function function) {

@@ -1,4 +1,4 @@
-// What a message holds, as the types of C++ want it.
+// Reads the types of C++ from messages.
 #include <tarv/calls/conversion.h>
 
 #include <cmath>
@@ -34,7 +34,7 @@ bool ReadEach(const List& list, std::vector<T>& to, Misfit& misfit, Read read) {
   return true;
 }
 
-// Of what a value may hold, the lists of every kind and nothing else are vectors.
+// Of the kinds of values, lists are the vectors, and nothing else is.
 template <class Held>
 inline constexpr bool kIsList = false;
 template <class Element>

@@ -32,7 +32,7 @@ void CheckName(const std::string& name) {
 ServiceCore::ServiceCore(std::shared_ptr<vorpc::IServer> server, std::shared_ptr<Loop> loop)
     : server_(std::move(server)), loop_(std::move(loop)) {}
 
-// What every task answers, without counting it.
+// Answers a method that every task has, without counting it.
 template <class Get>
 void ServiceCore::AnswerAlways(std::string_view method, Get get) {
   const auto entry = std::make_shared<Entry>();

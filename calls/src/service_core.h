@@ -24,7 +24,7 @@ inline void RunOn(const std::shared_ptr<Loop>& loop, Loop::Function function) {
   }
 }
 
-// What it takes to answer a request. Gone once it is answered.
+// All that is needed to answer a request. Gone once it is answered.
 struct OpenRequest {
   std::shared_ptr<Loop> loop;
   std::string method;

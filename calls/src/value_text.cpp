@@ -8,7 +8,7 @@ namespace tarv::details {
 
 namespace {
 
-// What an error shows of a text. The whole may be megabytes.
+// An error shows so much of a text: the whole may be megabytes.
 constexpr std::size_t kShownText = 40;
 
 template <class T>

@@ -1,4 +1,4 @@
-// What goes into a message, and what of it cannot.
+// Writes the types of C++ into messages, and says what cannot be written.
 #include <cw/codec_limits.h>
 #include <tarv/calls/conversion.h>
 

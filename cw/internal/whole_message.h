@@ -34,8 +34,8 @@ class UnpaddedReading {
   ByteBufferStreamReader stream_;
 };
 
-// What `read` makes of the message, taking no empty list for padded. Empty, with nothing reported,
-// when it comes out so badly that the lists must have been padded.
+// The value that `read` makes of the message, taking no empty list for padded. Empty, with nothing
+// reported, when it comes out so badly that the lists must have been padded.
 template <class Read>
 auto ReadUnpadded(const std::uint8_t* data, std::size_t size, const Read& read)
     -> std::optional<decltype(read(std::declval<ByteBufferStreamReader*>()))> {
@@ -54,11 +54,11 @@ auto ReadUnpadded(const std::uint8_t* data, std::size_t size, const Read& read)
   return std::nullopt;
 }
 
-// What `read` makes of the message. The format pads an empty list of items wider than a byte, and
-// so do peers in Dart; this library's serializer does not, and nothing in the bytes tells which is
-// the case. So the message is read as this library writes it; if that does not come out even, and
-// it has such a list, once more as the format says. `read` takes a ByteBufferStreamReader* and
-// begins anew each time. Only its last reading reports faults.
+// The value that `read` makes of the message. The format pads an empty list of items wider than a
+// byte, and so do peers in Dart; this library's serializer does not, and nothing in the bytes tells
+// which is the case. So the message is read as this library writes it; if that does not come out
+// even, and it has such a list, once more as the format says. `read` takes a
+// ByteBufferStreamReader* and begins anew each time. Only its last reading reports faults.
 template <class Read>
 auto ReadWholeMessage(const std::uint8_t* data, std::size_t size, const Read& read) {
   if (auto message = ReadUnpadded(data, size, read)) {

@@ -22,8 +22,8 @@ std::size_t EstimateItem(const EncodableMap::value_type& entry, std::size_t dept
   return Estimate(entry.first, depth) + Estimate(entry.second, depth);
 }
 
-// Long containers are not looked into, nor is what lies deep: of each item is expected what it takes
-// in memory, which holds most items, and what is not needed of it is never touched.
+// Long containers are not looked into, nor is what lies deep: of each item is expected what it
+// takes in memory, which holds most items, and what is not needed of it is never touched.
 template <class Container>
 std::size_t EstimateItems(const Container& items, std::size_t depth) {
   if (items.size() > kLongestWalked || depth == kDeepestWalked) {

@@ -11,8 +11,8 @@
 
 namespace cw::internal {
 
-// Copies up to 16 bytes in two pieces of a fixed length each, which may overlap. Texts of this length
-// are the commonest, and this spares them the call of memcpy.
+// Copies up to 16 bytes in two pieces of a fixed length each, which may overlap. Texts of this
+// length are the commonest, and this spares them the call of memcpy.
 template <class Word>
 void CopyByWords(std::uint8_t* out, const std::uint8_t* data, std::size_t length) {
   Word first;

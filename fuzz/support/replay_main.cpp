@@ -1,5 +1,5 @@
-// Runs a fuzz target over the inputs that were kept: every file that is named, and every file of the
-// folders that are named. Stands in for the fuzzing engine where the compiler has none.
+// Runs a fuzz target over the inputs that were kept: every file that is named, and every file of
+// the folders that are named. Stands in for the fuzzing engine where the compiler has none.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>

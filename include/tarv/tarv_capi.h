@@ -128,9 +128,9 @@ typedef struct TARVRpcClientProcTable {
   /* Gives a message's chunk back; its text must not be read any more. Nothing for chunk 0 or an
      unknown client. [service] */
   void (*UnlockResources)(_TARVRpcClientRef* client, size_t chunk);
-  /* Sends a message to the task; delivery is not confirmed. Messages of one thread keep their order.
-     Returns 0, or 3 for an unknown client, a null message, one of 1 GiB or more, or a client whose
-     channel is not open, as in its OnDisconnect. [any] */
+  /* Sends a message to the task; delivery is not confirmed. Messages of one thread keep their
+     order. Returns 0, or 3 for an unknown client, a null message, one of 1 GiB or more, or a client
+     whose channel is not open, as in its OnDisconnect. [any] */
   QuarnResult (*SendMessage)(_TARVRpcClientRef* client, const char* message);
   /* Ends the client: the handle stops working at once; a running task gets OnDisconnect(0, "", 0),
      is stopped, and then the client goes and its Release slot runs. A client that is not running

@@ -78,7 +78,8 @@ int AnswerAndExit() {
   return QCoreApplication::exec();
 }
 
-// Sends from many threads while it gets what the starter's many threads send, and tells what it got.
+// Sends from many threads while it gets what the starter's many threads send, and tells what it
+// got.
 int SendAndGetFromThreads() {
   TaskMessaging messaging(RuntimeDispatcher::instance()->localServerSocket());
   kit::Tally tally;

@@ -26,8 +26,8 @@ class Attempts {
   void Finish() const;
 
  private:
-  // The first exception waits until Finish. Only one can travel on: each later one becomes a line of
-  // the log.
+  // The first exception waits until Finish. Only one can travel on: each later one becomes a line
+  // of the log.
   void KeepCurrentException() noexcept;
 
   std::exception_ptr first_;

@@ -1,4 +1,4 @@
-// What of a text from outside may be shown as it is, and the escapes of the rest.
+// Tells which bytes of a text from outside may be shown as they are, and how the others are shown.
 #ifndef QUARN_INTERNAL_UTF8_H
 #define QUARN_INTERNAL_UTF8_H
 

@@ -1,7 +1,7 @@
 // Base64 by the vector unit of AArch64, which every such CPU has.
 //
-// Its loads spread groups of three or four bytes over as many registers, its stores put them together
-// again, and its table look-up covers the whole alphabet at once.
+// Its loads spread groups of three or four bytes over as many registers, its stores put them
+// together again, and its table look-up covers the whole alphabet at once.
 #include "base64_coders.h"
 
 #if defined(__aarch64__)

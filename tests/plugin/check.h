@@ -1,5 +1,5 @@
-// What the parts of the plug-in share: each uses the public classes of one library, and throws at the
-// first operation that does not do what its header says.
+// What the parts of the plug-in share: each uses the public classes of one library, and throws at
+// the first operation that does not do what its header says.
 #ifndef TESTS_PLUGIN_CHECK_H
 #define TESTS_PLUGIN_CHECK_H
 

@@ -13,7 +13,8 @@ using testing::IsEmpty;
 
 class ChannelLoss : public ServiceTest {
  protected:
-  // The client is told once, with the platform's code and a reason; its task is stopped, and its slots are released.
+  // The client is told once, with the platform's code and a reason; its task is stopped, and its
+  // slots are released.
   static void ExpectTheEnd(Client& client, int code, const std::string& reason) {
     ASSERT_TRUE(client.WaitFor(Event::kReleased));
     EXPECT_EQ(client.Count(Event::kDisconnect), 1U);

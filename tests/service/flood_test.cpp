@@ -40,7 +40,8 @@ class Flooding : public ServiceTest {
     kill(Children().front(), SIGKILL);
   }
 
-  // The client was told `disconnects` times, and its slots were released once, after everything else.
+  // The client was told `disconnects` times, and its slots were released once, after everything
+  // else.
   static void ExpectTheEnd(Client& client, int code) {
     ASSERT_TRUE(client.WaitFor(Event::kReleased));
     EXPECT_EQ(client.Count(Event::kDisconnect), 1U);

@@ -1,4 +1,4 @@
-// What goes out and what comes in; client_connection.cpp has the connection's beginning and end.
+// Messages out and messages in; client_connection.cpp has the connection's beginning and end.
 #include <quarn/logger.h>
 #include <vorpc/internal/hand_to_user.h>
 

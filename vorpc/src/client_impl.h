@@ -54,13 +54,13 @@ class Client final : public IOwnedClient,
   void Receive(Message&& message) override;
   void Disconnect(OptionalError error) override;
   void SetStarted() override;
-  // What is running holds on to the object until it is done.
+  // Operations that are running hold on to the object until they are done.
   void Abandon() override;
 
  private:
   enum class State : std::int32_t { Created = 0, Connecting = 1, Connected = 2, Ended = 3 };
 
-  // What is to be known until the handshake ends.
+  // The facts that matter until the handshake ends.
   struct ConnectRecord {
     OptionalError close_error;
     bool closed = false;
@@ -100,7 +100,7 @@ class Client final : public IOwnedClient,
   OutcomeSignal disconnected_;
   std::mutex mutex_;  // guards what follows
   PendingRequests pending_requests_;
-  // What the end has answered every request with; none before the end.
+  // The error with which the end has answered every request; none before the end.
   OptionalError end_error_;
   std::unique_ptr<ConnectRecord> connect_record_ = std::make_unique<ConnectRecord>();
 };

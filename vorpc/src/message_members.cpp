@@ -113,7 +113,7 @@ Message ResultFromMembers(const Members& members) {
   return Message::CreateResponse(std::move(*id), std::move(*members.result));
 }
 
-// What is wrong with the "code" member of an error, or nothing.
+// Says what is wrong with the "code" member of an error; empty when nothing is.
 std::string_view FindCodeFault(const cw::EncodableValue* code) {
   if (code == nullptr) {
     return "The Error object does not have a required code field.";
@@ -129,7 +129,7 @@ std::string_view FindCodeFault(const cw::EncodableValue* code) {
   return {};
 }
 
-// What is wrong with the "message" member of an error, or nothing.
+// Says what is wrong with the "message" member of an error; empty when nothing is.
 std::string_view FindTextFault(const cw::EncodableValue* text) {
   if (text == nullptr) {
     return "The Error object does not have a required messsage field.";

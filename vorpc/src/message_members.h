@@ -11,7 +11,7 @@ namespace vorpc::details {
 
 constexpr std::string_view kVersion = "2.0";
 
-// What a message may be made of. Null where a member is missing.
+// The members that a message may be made of. Null where one is missing.
 struct Members {
   cw::EncodableValue* error;
   cw::EncodableValue* id;
@@ -25,7 +25,7 @@ struct Members {
 // as Message::FromEncodable says.
 Message MakeMessage(const Members& members);
 
-// What stands for a message of which not even the members can be told.
+// The error that stands for a message of which not even the members can be told.
 Message MakeUnreadable();
 
 }  // namespace vorpc::details

@@ -146,7 +146,7 @@ class Guard {
 
   Receiver& GetReceiver() { return receiver_; }
   void Put(Message&& message, bool immediate) { pending_.Emplace(std::move(message), immediate); }
-  // What is to be delivered, or null.
+  // The message that is to be delivered, or null.
   Pending* GetPending() {
     return std::uncaught_exceptions() > exceptions_ ? nullptr : pending_.Get();
   }

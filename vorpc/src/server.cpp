@@ -124,7 +124,7 @@ void Server::OnConnected(std::function<void(const OptionalError&)>&& callback) {
 }
 
 void Server::OnRequest(std::string_view method, RequestHandler handler) {
-  // Ends as what is not kept, which dies after the lock is released.
+  // After the swap this holds the replaced handler; it is destroyed after unlocking.
   SharedHandler shared =
       handler ? std::make_shared<const RequestHandler>(std::move(handler)) : nullptr;
   const std::unique_lock lock(handler_mutex_);

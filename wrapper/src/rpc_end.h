@@ -1,5 +1,5 @@
-// What the client's and the server's wrapper share: each joins an end of JSON-RPC, which gives
-// texts their meaning, with an end of the service, which moves them.
+// The part that the client's and the server's wrapper share: each joins an end of JSON-RPC, which
+// gives texts their meaning, with an end of the service, which moves them.
 #ifndef WRAPPER_SRC_RPC_END_H
 #define WRAPPER_SRC_RPC_END_H
 
@@ -22,9 +22,9 @@ std::shared_ptr<Wrapper> Resolve(void* user_data) {
   return Wrapper::FromRef(static_cast<Ref>(user_data));
 }
 
-// What sends the messages of a JSON-RPC end through the service's `handle`, by the entry that
-// `find_entry` gives for a table, unless it gives null. The table may be gone by then, since a
-// reply or a running callback outlives the wrapper: what is sent then is dropped.
+// A function that sends the messages of a JSON-RPC end through the service's `handle`, by the entry
+// that `find_entry` gives for a table, unless it gives null. The table may be gone by then, since a
+// reply or a running callback outlives the wrapper: the message is then dropped.
 template <class Api, class Handle, class FindEntry>
 std::function<void(vorpc::Message&&)> MakeSender(const std::shared_ptr<Api>& table, Handle* handle,
                                                  FindEntry find_entry) {

@@ -44,7 +44,8 @@ class TARV_EXPORT BinaryMessenger {
 
   _FlutterVeltraEngine* GetRef() const { return engine_; }
 
-  // A channel's name must not have a NUL inside: each operation then does nothing, after a log line.
+  // A channel's name must not have a NUL inside: each operation then does nothing, after a log
+  // line.
 
   // Sends the bytes, which are copied. `reply`, unless it is empty, is called once, later, with
   // Dart's answer (null and 0 when nobody answers); it is destroyed uncalled when the message could

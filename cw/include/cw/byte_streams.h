@@ -209,8 +209,9 @@ class TARV_EXPORT ByteStreamReader {
   internal::FaultReports reports_;
 };
 
-// Reads a range of bytes. Each read past the end yields zeros and writes one line to standard error,
-// "Invalid read in StandardCodecByteStreamReader", up to the kMaxReportedFaults of a message.
+// Reads a range of bytes. Each read past the end yields zeros and writes one line to standard
+// error, "Invalid read in StandardCodecByteStreamReader", up to the kMaxReportedFaults of a
+// message.
 class TARV_EXPORT ByteBufferStreamReader final : public ByteStreamReader {
  public:
   // The bytes stay the caller's and must outlive the reader. A null `data` is an empty range.

@@ -26,8 +26,8 @@ inline constexpr std::size_t kDecodeOverheadPerByte = 64;
 inline constexpr std::size_t kDecodeFixedMemory = std::size_t{4} << 20;
 
 // Lines that reading one message writes to standard error, before one that says that there were
-// more. A damaged message has a few faults; a hostile one has a fault a byte, and each line is sixty
-// times as long.
+// more. A damaged message has a few faults; a hostile one has a fault a byte, and each line is
+// sixty times as long.
 inline constexpr std::size_t kMaxReportedFaults = 100;
 
 }  // namespace cw

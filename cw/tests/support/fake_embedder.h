@@ -1,5 +1,5 @@
-// An embedder of a few lines that writes down everything that it is given, for what a real one never
-// does.
+// An embedder of a few lines that writes down everything that it is given, for what a real one
+// never does.
 #ifndef CW_TESTS_SUPPORT_FAKE_EMBEDDER_H
 #define CW_TESTS_SUPPORT_FAKE_EMBEDDER_H
 

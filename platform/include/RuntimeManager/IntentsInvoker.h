@@ -25,8 +25,8 @@ class RUNTIME_MANAGER_EXPORT IntentsInvoker : public QObject {
   // replyReceived(). Several may be under way; their replies come as the owners answer. An owner
   // that has not answered after RUNTIME_MANAGER_INTENT_TIMEOUT seconds (30 unless told) is an
   // error; a later reply is dropped. The intent "OpenURI" is always there: without an owner, the
-  // member "uri" of `second` is handed to the program that opens URIs. Unless it is a valid absolute
-  // URI it reaches neither the owner nor the program, and is an error.
+  // member "uri" of `second` is handed to the program that opens URIs. Unless it is a valid
+  // absolute URI it reaches neither the owner nor the program, and is an error.
   void invoke(const QString& name, const QJsonObject& first, const QJsonObject& second);
 
  Q_SIGNALS:

@@ -25,7 +25,8 @@ class TARV_EXPORT Library {
   Library& operator=(const Library&) = delete;
 
   // Loads the shared object at `path`, resolving all its symbols now and keeping them to itself.
-  // Empty, after a log line with the loader's text, when that fails, or for a path with a NUL inside.
+  // Empty, after a log line with the loader's text, when that fails, or for a path with a NUL
+  // inside.
   static std::shared_ptr<Library> Create(const std::filesystem::path& path);
 
   // The address of a symbol, valid while this object lives; null, after a log line, when the

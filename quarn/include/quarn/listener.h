@@ -26,8 +26,8 @@ class IListener {
 };
 
 // A listener around a std::function; an empty one is called as if it did nothing. Any thread: the
-// function runs outside the lock, and of several concurrent InvokeOnce exactly one reaches it. It is
-// called where it lies, so that one with state keeps its state from call to call.
+// function runs outside the lock, and of several concurrent InvokeOnce exactly one reaches it. It
+// is called where it lies, so that one with state keeps its state from call to call.
 template <class... Args>
 class CppStyleListener : public IListener<Args...> {
  public:

@@ -22,7 +22,7 @@ class Probe final : public cw::Plugin {
       : library_(std::filesystem::canonical(registrar->GetLibraryPath() / "libtarv.so")),
         manager_(tarv::ManagerWrapper::Create(registrar)),
         client_(manager_->CreateIpcClient("worker")) {
-    Judge("application", tarv::test::ExamineLibrary(registrar->GetLibraryPath()));
+    Count("application", tarv::test::ExamineLibrary(registrar->GetLibraryPath()));
     client_->OnConnected([](const auto& error) {
       if (error) {
         std::cout << *error << std::endl;
@@ -30,14 +30,14 @@ class Probe final : public cw::Plugin {
       }
     });
     client_->SendRequest("examine library", {}, [this](const vorpc::Message::Response& response) {
-      Judge("task", response.HasResult() ? *response.GetResult() : cw::EncodableValue());
+      Count("task", response.HasResult() ? *response.GetResult() : cw::EncodableValue());
       QCoreApplication::exit(good_ == 2 ? EXIT_SUCCESS : EXIT_FAILURE);
     });
     client_->Run();
   }
 
  private:
-  void Judge(const char* where, const cw::EncodableValue& found) {
+  void Count(const char* where, const cw::EncodableValue& found) {
     std::cout << where << ": " << found << std::endl;
     good_ += found.AsMap() != nullptr && tarv::test::IsOneInstance(found, library_.string());
   }

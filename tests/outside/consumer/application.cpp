@@ -1,5 +1,5 @@
-// Has the task "sum" add two numbers, and says how many copies of libtarv.so are mapped: the program
-// is linked with one, and its plug-in opens one in the application's lib folder.
+// Has the task "sum" add two numbers, and says how many copies of libtarv.so are mapped: the
+// program is linked with one, and its plug-in opens one in the application's lib folder.
 #include <cw/plugin_registrar.h>
 #include <tarv/manager_wrapper.h>
 #include <tarv/version.h>

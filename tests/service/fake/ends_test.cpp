@@ -26,7 +26,8 @@ using testing::ElementsAre;
 
 // ---- Of one object
 
-// Whether the service still has a channel: it lets all listeners go, this one too, when it does not.
+// Whether the service still has a channel: it lets all listeners go, this one too, when it does
+// not.
 class Ear {
  public:
   explicit Ear(TaskMessaging& channel) : channel_(channel) {

@@ -400,8 +400,8 @@ TEST_F(FakeIntents, ArgumentsAreCheckedBeforeTheHandle) {
   EXPECT_THAT(results, Each(QUARN_RESULT_INVALID_ARGUMENT));
 }
 
-// A lock that is held while the invoker is called would be waited for: the other thread's request is
-// not queued by the time that invoke() gives up waiting for it.
+// A lock that is held while the invoker is called would be waited for: the other thread's request
+// is not queued by the time that invoke() gives up waiting for it.
 TEST_F(FakeIntents, AnotherThreadMayAskWhileTheInvokerIsCalled) {
   for (const bool first : {true, false}) {
     SCOPED_TRACE(first ? "the first request" : "the request that follows a reply");

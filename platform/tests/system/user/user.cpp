@@ -1,5 +1,5 @@
-// Makes an object of each of the runtime manager's classes through the C interface, uses it and ends
-// it. Says on standard output what it has heard.
+// Makes an object of each of the runtime manager's classes through the C interface, uses it and
+// ends it. Says on standard output what it has heard.
 
 #include <tarv/tarv_capi.h>
 
