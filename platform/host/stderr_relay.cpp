@@ -59,12 +59,31 @@ ssize_t WriteChunk(int descriptor, const QByteArray& bytes) {
   return written < 0 ? -errno : written;
 }
 
+// The file of the user's that gets a copy of what tasks write; invalid when none is wanted, and,
+// after a warning, when it cannot be used.
+UniqueFd OpenCopy() {
+  const QByteArray path = Variable("RUNTIME_MANAGER_STDERR");
+  if (path.isEmpty()) {
+    return {};
+  }
+  constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY |
+                         O_NONBLOCK;  // a pipe without a reader is no file
+  UniqueFd file(::open(path.constData(), kFlags, 0600));
+  if (!file.IsValid()) {
+    Warn(QString("the standard error of a task is not copied: RUNTIME_MANAGER_STDERR '%1' cannot "
+                 "be opened: %2")
+             .arg(QString::fromUtf8(path), ErrnoText(errno)));
+  }
+  return file;
+}
+
 }  // namespace
 
 StderrRelay::StderrRelay(UniqueFd pipe) : pipe_(std::move(pipe)) {
   if (!pipe_.IsValid()) {
     return;
   }
+  copy_ = OpenCopy();
   readable_ = std::make_unique<QuietNotifier>(pipe_.Get(), [this] { OnEvent(); });
   resume_.setSingleShot(true);
   QObject::connect(&resume_, &QTimer::timeout, &resume_, [this] { OnEvent(); });
@@ -112,6 +131,7 @@ bool StderrRelay::ReadChunk() {
   }
   const QByteArray bytes(chunk.data(), static_cast<int>(size));
   Remember(bytes);
+  Copy(bytes);
   if (forwards_) {
     pending_ += bytes;
   }
@@ -122,6 +142,22 @@ void StderrRelay::Remember(const QByteArray& chunk) {
   tail_ += chunk;
   if (tail_.size() > 2 * kTailBytes) {
     tail_ = tail_.right(kTailBytes);
+  }
+}
+
+// A file that takes no more gets no more.
+void StderrRelay::Copy(const QByteArray& chunk) {
+  if (!copy_.IsValid()) {
+    return;
+  }
+  const SigpipeGuard guard;
+  const auto size = static_cast<std::size_t>(chunk.size());
+  const ssize_t written =
+      RetryOnEintr([&] { return ::write(copy_.Get(), chunk.constData(), size); });
+  if (written != chunk.size()) {
+    Warn("the copy of a task's standard error in RUNTIME_MANAGER_STDERR ends here: " +
+         (written < 0 ? ErrnoText(errno) : QStringLiteral("a line was cut short")));
+    copy_.Reset();
   }
 }
 
@@ -156,6 +192,7 @@ void StderrRelay::SetReading(bool enabled) {
 void StderrRelay::Close() {
   SetReading(false);
   pipe_.Reset();
+  copy_.Reset();
 }
 
 void StderrRelay::Finish(std::function<void()> on_forwarded) {

@@ -50,6 +50,7 @@ class StderrRelay {
   // False when there is nothing more to read now.
   bool ReadChunk();
   void Remember(const QByteArray& chunk);
+  void Copy(const QByteArray& chunk);
   void Forward();
   void TakeRest();
   void KeepBacklog();
@@ -57,6 +58,7 @@ class StderrRelay {
   void Close();
 
   UniqueFd pipe_;
+  UniqueFd copy_;  // the file that RUNTIME_MANAGER_STDERR names; none without it
   std::unique_ptr<QuietNotifier> readable_;  // none without a pipe
   QTimer resume_;
   QByteArray pending_;  // read, not yet forwarded

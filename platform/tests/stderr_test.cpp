@@ -54,6 +54,27 @@ TEST_F(TaskStderr, IsForwarded) {
   EXPECT_EQ(pipe.ReadToEnd(), "first\nsecond\n");
 }
 
+TEST_F(TaskStderr, IsCopiedToAFileThatIsTheUsersAlone) {
+  AddShellTask("task", "echo first >&2; echo second >&2; exit 1");
+  const ScopedVariable copy("RUNTIME_MANAGER_STDERR", PathOf("copy").toUtf8());
+  StderrPipe pipe;
+  RunToItsEnd("task");
+  RunToItsEnd("task");
+  EXPECT_EQ(pipe.ReadToEnd(), "first\nsecond\nfirst\nsecond\n");
+  EXPECT_EQ(ReadFile(PathOf("copy")), "first\nsecond\nfirst\nsecond\n");
+  EXPECT_EQ(QFile::permissions(PathOf("copy")) & (QFile::ReadGroup | QFile::ReadOther), 0);
+}
+
+TEST_F(TaskStderr, IsForwardedAllTheSameWhereItCannotBeCopied) {
+  AddShellTask("task", "echo first >&2; exit 1");
+  const ScopedVariable copy("RUNTIME_MANAGER_STDERR", PathOf("no/such/folder").toUtf8());
+  const WarningCatcher warnings;
+  StderrPipe pipe;
+  RunToItsEnd("task");
+  EXPECT_THAT(pipe.ReadToEnd().toStdString(), HasSubstr("first\n"));
+  EXPECT_EQ(warnings.Count("is not copied: RUNTIME_MANAGER_STDERR"), 1);
+}
+
 TEST_F(TaskStderr, IsQuotedInOneLineWithoutControlCharacters) {
   AddShellTask("task", "printf '\\033[2Jfirst\\nsecond \\377\\r\\n' >&2; exit 1");
   const StderrPipe pipe;

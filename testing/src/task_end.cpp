@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <cstring>
+#include <regex>
 
 namespace tarv::testing::details {
 
@@ -12,5 +13,15 @@ std::string TextOfSignal(int signal) {
 }
 
 std::string TextOfStatus(int status) { return "exited with status " + std::to_string(status); }
+
+std::optional<TaskExit> ExitIn(const std::string& text) {
+  static const std::regex kExit("(exited with status|was killed by signal) ([0-9]+)");
+  std::smatch found;
+  if (!std::regex_search(text, found, kExit)) {
+    return std::nullopt;
+  }
+  const int number = std::stoi(found[2]);
+  return found[1].str() == "exited with status" ? TaskExit{number, {}} : TaskExit{{}, number};
+}
 
 }  // namespace tarv::testing::details

@@ -2,6 +2,9 @@
 #ifndef TARV_TESTING_SRC_TASK_END_H
 #define TARV_TESTING_SRC_TASK_END_H
 
+#include <tarv/testing/real_task.h>
+
+#include <optional>
 #include <string>
 
 namespace tarv::testing::details {
@@ -10,6 +13,9 @@ namespace tarv::testing::details {
 std::string TextOfSignal(int signal);
 // "exited with status 3"
 std::string TextOfStatus(int status);
+
+// What such a text says.
+std::optional<TaskExit> ExitIn(const std::string& text);
 
 }  // namespace tarv::testing::details
 

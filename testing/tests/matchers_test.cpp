@@ -23,20 +23,16 @@ using word_count::kWait;
 using word_count::Totals;
 using namespace std::chrono_literals;
 
-// What EXPECT_THAT would say.
+// What EXPECT_THAT says.
 template <class Subject, class Wanted>
 std::string FailureOf(const Subject& subject, const Wanted& wanted) {
-  const ::testing::Matcher<const Subject&> matcher =
-      ::testing::SafeMatcherCast<const Subject&>(wanted);
-  ::testing::StringMatchResultListener listener;
-  if (matcher.MatchAndExplain(subject, &listener)) {
-    return "it fits";
+  ::testing::TestPartResultArray failures;
+  {
+    const ::testing::ScopedFakeTestPartResultReporter reporter(
+        ::testing::ScopedFakeTestPartResultReporter::INTERCEPT_ONLY_CURRENT_THREAD, &failures);
+    EXPECT_THAT(subject, wanted);
   }
-  std::ostringstream text;
-  text << "Expected: ";
-  matcher.DescribeTo(&text);
-  text << "\nActual: " << ::testing::PrintToString(subject) << listener.str();
-  return text.str();
+  return failures.size() == 1 ? failures.GetTestPartResult(0).message() : "it fits";
 }
 
 class Matchers : public ::testing::Test {
@@ -52,7 +48,7 @@ class Matchers : public ::testing::Test {
 };
 
 constexpr const char* kTranscript =
-    "\nTranscript:\n"
+    ", in this conversation:\n"
     "-> connect\n"
     "<- connected\n"
     "-> request 1 'count' {\"texts\": [\"a b\"]}\n"
@@ -63,8 +59,8 @@ TEST_F(Matchers, AnswersShowsBothValues) {
   const auto call = CallCount();
   EXPECT_THAT(call, Answers(Totals{2, {2}}));
   EXPECT_EQ(FailureOf(call, Answers(Totals{3, {3}})),
-            std::string("Expected: answers {\"each\": int32[3], \"total\": 3L}\n"
-                        "Actual: the call of 'count', which ended with {\"each\": int32[2], "
+            std::string("Value of: subject\nExpected: answers {\"each\": int32[3], \"total\": 3L}\n"
+                        "  Actual: the call of 'count', which ended with {\"each\": int32[2], "
                         "\"total\": 2L}") +
                 kTranscript);
 }
@@ -72,12 +68,12 @@ TEST_F(Matchers, AnswersShowsBothValues) {
 TEST_F(Matchers, AnswersTakesAMatcherOfTheValue) {
   const auto call = CallCount();
   EXPECT_THAT(call, Answers(Field("total", &Totals::total, Gt(1))));
-  EXPECT_EQ(
-      FailureOf(call, Answers(Field("total", &Totals::total, Gt(2)))),
-      std::string("Expected: answers with a value that is an object whose field `total` is > 2\n"
-                  "Actual: the call of 'count', which ended with {\"each\": int32[2], "
-                  "\"total\": 2L}whose field `total` is 2 (of type long)") +
-          kTranscript);
+  EXPECT_EQ(FailureOf(call, Answers(Field("total", &Totals::total, Gt(2)))),
+            std::string("Value of: subject\nExpected: answers with a value that is an object whose "
+                        "field `total` is > 2\n"
+                        "  Actual: the call of 'count', which ended with {\"each\": int32[2], "
+                        "\"total\": 2L}, whose field `total` is 2 (of type long)") +
+                kTranscript);
 }
 
 TEST_F(Matchers, AnswersShowsAnErrorInPlaceOfTheValue) {
@@ -86,42 +82,48 @@ TEST_F(Matchers, AnswersShowsAnErrorInPlaceOfTheValue) {
   link.KillTask(SIGKILL);
   link.Pump();
   const std::string end =
-      "Actual: the call of 'wait', which ended with kTaskKilled -32002: 'wait' of the task "
+      "  Actual: the call of 'wait', which ended with kTaskKilled -32002: 'wait' of the task "
       "'counting' was sent and has no answer: the task 'counting' (process 1) was killed by signal "
-      "9 (SIGKILL) after 0 ms\n"
-      "Transcript:\n"
+      "9 (SIGKILL) after 0 ms, in this conversation:\n"
       "-> connect\n"
       "<- connected\n"
       "-> request 1 'wait'\n"
       "-- the task was killed by signal 9 (SIGKILL)\n";
-  EXPECT_EQ(FailureOf(call, Answers()), "Expected: answers\n" + end);
+  EXPECT_EQ(FailureOf(call, Answers()), "Value of: subject\nExpected: answers\n" + end);
   EXPECT_EQ(FailureOf(call, TimedOut()),
-            "Expected: ends with kTimedOut and a text that is anything\n" + end);
+            "Value of: subject\nExpected: ends with kTimedOut and a text that is anything\n" + end);
   EXPECT_EQ(FailureOf(call, TaskKilled(HasSubstr("SIGSEGV"))),
-            "Expected: ends with kTaskKilled and a text that has substring \"SIGSEGV\"\n" + end);
-  EXPECT_EQ(FailureOf(call, IsError(-32002)),
-            "Expected: ends with kAnswered -32002 and a text that is anything\n" + end);
-  EXPECT_EQ(FailureOf(call, Cancelled()),
-            "Expected: ends with kCancelled and a text that is anything\n" + end);
-  EXPECT_EQ(FailureOf(call, TaskExited()),
-            "Expected: ends with kTaskExited and a text that is anything\n" + end);
-  EXPECT_EQ(FailureOf(call, ConnectionLost()),
-            "Expected: ends with kConnectionLost and a text that is anything\n" + end);
-  EXPECT_EQ(FailureOf(call, IsOpen()), "Expected: has not ended\n" + end);
+            "Value of: subject\nExpected: ends with kTaskKilled and a text that has substring "
+            "\"SIGSEGV\"\n" +
+                end);
+  EXPECT_EQ(
+      FailureOf(call, IsError(-32002)),
+      "Value of: subject\nExpected: ends with kAnswered -32002 and a text that is anything\n" +
+          end);
+  EXPECT_EQ(
+      FailureOf(call, Cancelled()),
+      "Value of: subject\nExpected: ends with kCancelled and a text that is anything\n" + end);
+  EXPECT_EQ(
+      FailureOf(call, TaskExited()),
+      "Value of: subject\nExpected: ends with kTaskExited and a text that is anything\n" + end);
+  EXPECT_EQ(
+      FailureOf(call, ConnectionLost()),
+      "Value of: subject\nExpected: ends with kConnectionLost and a text that is anything\n" + end);
+  EXPECT_EQ(FailureOf(call, IsOpen()), "Value of: subject\nExpected: has not ended\n" + end);
   EXPECT_EQ(FailureOf(call, EndsFor(tarv::CallReason::kReleased)),
-            "Expected: ends with kReleased and a text that is anything\n" + end);
+            "Value of: subject\nExpected: ends with kReleased and a text that is anything\n" + end);
 }
 
 TEST_F(Matchers, AllShowAnOpenCall) {
   const auto call = link.Call(kWait);
   link.Pump();
   const std::string end =
-      "\nActual: the call of 'wait', which has not ended\n"
-      "Transcript:\n-> connect\n<- connected\n-> request 1 'wait'\n";
+      "\n  Actual: the call of 'wait', which has not ended, in this conversation:\n-> connect\n<- "
+      "connected\n-> request 1 'wait'\n";
   EXPECT_THAT(call, IsOpen());
   EXPECT_EQ(FailureOf(call, TimedOut()),
-            "Expected: ends with kTimedOut and a text that is anything" + end);
-  EXPECT_EQ(FailureOf(call, Answers()), "Expected: answers" + end);
+            "Value of: subject\nExpected: ends with kTimedOut and a text that is anything" + end);
+  EXPECT_EQ(FailureOf(call, Answers()), "Value of: subject\nExpected: answers" + end);
 }
 
 TEST_F(Matchers, IsErrorLooksAtCodeAndText) {
@@ -130,9 +132,10 @@ TEST_F(Matchers, IsErrorLooksAtCodeAndText) {
   EXPECT_THAT(call, IsError(-32602));
   EXPECT_THAT(call, IsError(-32602, HasSubstr("params: expected")));
   EXPECT_THAT(FailureOf(call, IsError(-32603)),
-              ::testing::StartsWith("Expected: ends with kAnswered -32603 and a text that is "
-                                    "anything\nActual: the call of 'count', which ended with "
-                                    "kAnswered -32602: 'count' of the task 'counting' "));
+              ::testing::StartsWith(
+                  "Value of: subject\nExpected: ends with kAnswered -32603 and a text that is "
+                  "anything\n  Actual: the call of 'count', which ended with "
+                  "kAnswered -32602: 'count' of the task 'counting' "));
   EXPECT_THAT(FailureOf(call, IsError(-32602, "else")),
               HasSubstr("and a text that is equal to \"else\""));
 }
@@ -155,15 +158,18 @@ TEST_F(Matchers, TellWhatTheyAreTheContraryOf) {
 TEST_F(Matchers, TakeOutcomesToo) {
   const tarv::Outcome<std::int32_t> five(5);
   EXPECT_THAT(five, Answers(5));
-  EXPECT_EQ(FailureOf(five, Answers(6)), "Expected: answers 6\nActual: 5");
+  EXPECT_EQ(FailureOf(five, Answers(6)),
+            "Value of: subject\nExpected: answers 6\n  Actual: 5 (of type tarv::Outcome<int>)");
   const tarv::Outcome<void> error(tarv::CallError(tarv::CallReason::kTimedOut, "too late"));
   EXPECT_THAT(error, TimedOut("too late"));
-  EXPECT_EQ(FailureOf(error, Answers()), "Expected: answers\nActual: kTimedOut: too late");
+  EXPECT_EQ(FailureOf(error, Answers()),
+            "Value of: subject\nExpected: answers\n  Actual: kTimedOut: too late (of type "
+            "tarv::Outcome<void>)");
   const tarv::Outcome<void> nothing{std::monostate()};
   EXPECT_THAT(nothing, Answers());
   EXPECT_EQ(FailureOf(nothing, TimedOut()),
-            "Expected: ends with kTimedOut and a text that is anything\n"
-            "Actual: no value, and no error");
+            "Value of: subject\nExpected: ends with kTimedOut and a text that is anything\n"
+            "  Actual: no value, and no error (of type tarv::Outcome<void>)");
 }
 
 TEST_F(Matchers, FailTheTestAsGoogleTestDoes) {

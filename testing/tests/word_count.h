@@ -30,6 +30,9 @@ TARV_VALUE(Step, done, of)
 
 inline constexpr tarv::Method<Totals(Texts), Step> kCount{"count", "counts the words of each text"};
 inline constexpr tarv::Method<void()> kWait{"wait", "never answers"};
+// For the real task alone.
+inline constexpr tarv::Method<void(std::int32_t)> kExit{"exit", "ends with this status"};
+inline constexpr tarv::Method<void(std::string)> kComplain{"complain", "to standard error"};
 
 inline Totals Count(const Texts& texts) {
   Totals totals{};

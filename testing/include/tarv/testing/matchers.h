@@ -68,7 +68,7 @@ template <class Result, class Step>
 bool TellTranscript(const ObservedCall<Result, Step>& call, bool matches,
                     ::testing::MatchResultListener* listener) {
   if (!matches) {
-    *listener << "\nTranscript:\n" << call.GetTranscript();
+    *listener << "in this conversation:\n" << call.GetTranscript();
   }
   return matches;
 }
@@ -154,7 +154,10 @@ class AnswerMatcher final : public ::testing::MatcherInterface<const Subject&> {
     if constexpr (kIsValue) {
       return ToEncodable<Result>(value) == comparison_;
     } else {
-      return comparison_.MatchAndExplain(value, listener);
+      ::testing::StringMatchResultListener why;
+      const bool fits = comparison_.MatchAndExplain(value, &why);
+      *listener << why.str() << (why.str().empty() || fits ? "" : ", ");
+      return fits;
     }
   }
   void Describe(const char* verb, std::ostream* stream) const {
