@@ -61,7 +61,9 @@ std::string AdviceFor(std::int32_t code) {
     case kInvalidParams:
       return ": are application and task built from the same contract?";
     case Message::kUnknownMethod:
-      return ": is a handler registered, and is this the task's latest build?";
+      return ": is a handler registered, does its Service still live, and is this the task's "
+             "latest "
+             "build?";
     default:
       return "";
   }

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <tarv/calls/caller.h>
 #include <tarv/calls/service.h>
+#include <unistd.h>
 
 #include <future>
 #include <limits>
@@ -534,7 +535,7 @@ TEST_F(CallerTest, RunsCallbacksOfOtherThreadsCallsOnItsLoop) {
 }
 
 // What somebody else's client may be: it has no ids to tell.
-class PlainClient final : public vorpc::IClient {
+class PlainClient : public vorpc::IClient {
  public:
   explicit PlainClient(std::shared_ptr<vorpc::IClient> client) : client_(std::move(client)) {}
 
@@ -580,14 +581,119 @@ TEST_F(CallerTest, EndsItsCallsAlsoWithAClientThatTellsNoIds) {
   EXPECT_EQ(late.Count(), 1U);
 }
 
-using CallerDeathTest = CallerTest;
+// Answers each request before the operation that sends it returns.
+class HastyClient final : public PlainClient {
+ public:
+  using PlainClient::PlainClient;
+  void SendRequest(std::string_view /*method*/, const cw::EncodableValue& /*params*/,
+                   std::function<void(const vorpc::Message::Response&)>&& callback) override {
+    callback(vorpc::Message::Response(vorpc::Message::ID("1"), cw::EncodableValue(1)));
+  }
+};
+
+TEST_F(CallerTest, RunsNoCallbackInsideCallThoughTheAnswerComesThere) {
+  caller_ = std::make_unique<tarv::Caller>(std::make_shared<HastyClient>(link_.client), link_.loop);
+  link_.server->Run();
+  link_.Pump();
+  const auto call = caller_->Call(kNext);
+  bool ended = false;
+  call.Then([&ended](const Outcome<std::int32_t>& outcome) { ended = *outcome == 1; });
+  EXPECT_FALSE(ended);
+  link_.Pump();
+  EXPECT_TRUE(ended);
+}
+
+class ThrowingClient final : public PlainClient {
+ public:
+  using PlainClient::PlainClient;
+  void SendRequest(std::string_view /*method*/, const cw::EncodableValue& /*params*/,
+                   std::function<void(const vorpc::Message::Response&)>&& /*callback*/) override {
+    throw std::runtime_error("no memory");
+  }
+};
+
+TEST_F(CallerTest, EndsACallThatItsClientThrowsAt) {
+  caller_ =
+      std::make_unique<tarv::Caller>(std::make_shared<ThrowingClient>(link_.client), link_.loop);
+  link_.server->Run();
+  link_.Pump();
+  const Ending<std::int32_t> ending(caller_->Call(kNext));
+  link_.Pump();
+  EXPECT_EQ(ending.GetReason(), CallReason::kBadArguments);
+  EXPECT_EQ(ending.GetText(), "'next' of the task could not be sent: no memory");
+}
+
+TEST_F(CallerTest, WaitsForEverForTheHandshakeOnlyWhenAsked) {
+  caller_ = std::make_unique<tarv::Caller>(link_.client, link_.loop,
+                                           Named().ConnectTimeout(tarv::kForever));
+  const Ending<void> ending(caller_->Call(kPing, CallOptions().Timeout(tarv::kForever)));
+  link_.loop->Advance(24h * 365);
+  EXPECT_EQ(ending.Count(), 0U);
+}
+
+TEST_F(CallerTest, NamesTheMethodsUnderWayWhenATaskIsLost) {
+  Connect();
+  std::vector<Ending<void>> endings;
+  for (const char* const text : {"a", "b"}) {
+    endings.emplace_back(caller_->Call(kSay, text));
+  }
+  const Ending<void> ping(caller_->Call(kPing));
+  link_.client->Disconnect(vorpc::Message::Error(-32002, "it crashed"));
+  EXPECT_EQ(ping.GetText(),
+            "'ping' of the task 'words' was sent and has no answer: it crashed; under way: 'ping', "
+            "'say' (2)");
+}
+
+TEST_F(CallerTest, NamesNoMoreThanAFewMethodsUnderWay) {
+  Connect();
+  static const std::string kNames = "abcdefg";
+  std::vector<Ending<void>> endings;
+  for (std::size_t i = 0; i < kNames.size(); ++i) {
+    const tarv::Method<void()> method{std::string_view(kNames).substr(i, 1)};
+    link_.server->OnRequest(method.name, [this](const std::string&, const cw::EncodableValue&,
+                                                std::unique_ptr<vorpc::IReply>&& reply) {
+      replies_.push_back(std::move(reply));
+    });
+    endings.emplace_back(caller_->Call(method));
+  }
+  link_.client->Disconnect(vorpc::Message::Error(-32002, "it crashed"));
+  EXPECT_THAT(endings.front().GetText(), HasSubstr("under way: 'a', 'b', 'c', 'd', 'e', ..."));
+}
+
+// What the process logs goes to its standard output; the test reads standard error.
+void LogToStandardError() { dup2(STDERR_FILENO, STDOUT_FILENO); }
+
+class CallerDeathTest : public CallerTest {
+ protected:
+  CallerDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
 
 TEST_F(CallerDeathTest, StopsAtASecondConsumer) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
   Connect();
   const auto call = caller_->Call(kPing);
   call.Then([](const Outcome<void>&) {});
-  EXPECT_DEATH(call.Then([](const Outcome<void>&) {}), "");
+  EXPECT_DEATH(
+      {
+        LogToStandardError();
+        call.Then([](const Outcome<void>&) {});
+      },
+      "The call of 'ping' has a second consumer. One of Then, Wait and co_await, once");
+  EXPECT_DEATH(
+      {
+        LogToStandardError();
+        std::thread([&call] { call.Wait(); }).join();
+      },
+      "The call of 'ping' has a second consumer");
+}
+
+TEST_F(CallerDeathTest, StopsAtAnEndOnAnotherThread) {
+  Connect();
+  EXPECT_DEATH(
+      {
+        LogToStandardError();
+        std::thread([this] { caller_.reset(); }).join();
+      },
+      "A tarv::Caller of the task 'words' is destroyed on another thread than its loop's");
 }
 
 TEST_F(CallerTest, CountsWhatHappens) {

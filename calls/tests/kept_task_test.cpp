@@ -218,6 +218,25 @@ TEST_F(KeptTaskTest, CarriesNotificationHandlersOver) {
   EXPECT_THAT(heard, ElementsAre("early", "late"));
 }
 
+TEST_F(KeptTaskTest, HearsNothingOfAnEarlierClient) {
+  Make();
+  answers_ = false;
+  const Ending<void> silent(task_->Call(kPing));
+  loop_->Pump();
+  const auto earlier = links_.back()->weak_client.lock();  // somebody else holds it
+  loop_->Advance(10s);
+  answers_ = true;
+  EXPECT_EQ(Ask(), 2);
+  const Ending<void> open(task_->Call(kPing));
+  loop_->Pump();
+  links_.front()->server->Run();
+  loop_->Pump();
+  earlier->Disconnect(vorpc::Message::Error(-32002, "too late"));
+  loop_->Pump();
+  EXPECT_EQ(open.Count(), 0U);
+  EXPECT_EQ(Ask(), 2);
+}
+
 TEST_F(KeptTaskTest, ReleasesItsCallsAtItsEnd) {
   Make();
   const Ending<void> open(task_->Call(kPing));

@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -103,6 +104,7 @@ class LinkOn {
     std::weak_ptr<vorpc::IOwnedServer> server;
     Messages sent;
     Messages answered;
+    std::set<std::thread::id> answerers;
   };
 
   const std::shared_ptr<Wire> wire_ = std::make_shared<Wire>();
@@ -115,6 +117,7 @@ class LinkOn {
     });
     server = vorpc::IOwnedServer::Create([wire = wire_](vorpc::Message&& message) {
       wire->answered.push_back(message);
+      wire->answerers.insert(std::this_thread::get_id());
       wire->Carry(std::move(message), wire->client);
     });
     wire_->loop = loop;
@@ -139,8 +142,9 @@ class LinkOn {
     server->SendNotify("$/progress", cw::EncodableMap{{"token", id}, {"value", std::move(value)}});
   }
 
-  const Messages& sent = wire_->sent;          // by the client
-  const Messages& answered = wire_->answered;  // by the server
+  const Messages& sent = wire_->sent;                             // by the client
+  const Messages& answered = wire_->answered;                     // by the server
+  const std::set<std::thread::id>& answerers = wire_->answerers;  // the threads that sent these
   // A test may let these go.
   std::shared_ptr<LoopType> loop;
   std::shared_ptr<vorpc::IOwnedClient> client;

@@ -266,6 +266,7 @@ TEST_F(ServiceTest, AnswersFromWorkers) {
   EXPECT_THAT(steps, ElementsAre(1));
   EXPECT_EQ(*next.Get(), 7);
   EXPECT_EQ(ping.Get().GetError().GetMessage(), "tired");
+  EXPECT_THAT(link_.answerers, ElementsAre(here)) << "a worker has touched the server";
 }
 
 TEST_F(ServiceTest, RunsAsManyAtATimeAsThereAreWorkers) {

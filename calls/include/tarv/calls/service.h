@@ -91,6 +91,16 @@ void AnswerReturned(const RequestPtr& request, Arguments<Parameter>& arguments, 
   }
 }
 
+// Whether a handler that returns a Returned is answered for by what somebody adds: coroutine.h does,
+// for Async.
+template <class Returned, class RequestType, class = void>
+inline constexpr bool kIsAnsweredLater = false;
+template <class Returned, class RequestType>
+inline constexpr bool kIsAnsweredLater<
+    Returned, RequestType,
+    std::void_t<decltype(TarvAnswerLater(std::declval<Returned>(), std::declval<RequestType>(),
+                                         std::declval<const RequestPtr&>()))>> = true;
+
 template <class Result, class Parameter, class Step, class Callee>
 Handler MakeHandler(Callee callee) {
   using RequestType = Request<Result, Step>;
@@ -120,6 +130,10 @@ template <class Result, class Parameter, class Step, class Callee>
 Handler MakeWorkerHandler(Workers& workers, Callee callee) {
   using Args = Arguments<Parameter>;
   constexpr bool kAlone = Args::template kFits<Callee>;
+  static_assert(
+      kAlone || Args::template kFits<Callee, Running<Step>>,
+      "tarv: a handler on Workers takes the method's parameter, if it has one, and perhaps "
+      "a const tarv::Running<Progress>&, and returns the method's result");
   return [post = workers.GetPost(), ending = workers.GetEndingFlag(),
           shared = std::make_shared<Callee>(std::move(callee))](const cw::EncodableValue& params,
                                                                 const RequestPtr& request) {
@@ -155,7 +169,8 @@ class Service {
   };
 
  public:
-  // The service of this server, the same while anybody holds it. The loop is that of the first.
+  // The service of this server, the same while anybody holds it: keep it as long as the task shall
+  // answer. Null without a server. The loop is that of the first.
   static std::shared_ptr<Service> For(const std::shared_ptr<vorpc::IServer>& server,
                                       std::shared_ptr<Loop> loop = Loop::OfThisThread());
   Service(const std::shared_ptr<vorpc::IServer>& server, std::shared_ptr<Loop> loop, PrivateTag);
