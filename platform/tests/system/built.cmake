@@ -1,6 +1,7 @@
 # Builds libtarv.so for an installed runtime manager whose classes are larger than the bundled ones,
 # and runs a program with it: nothing of the bundled one may be compiled against.
 #   PACKAGE: cmake (without the members that a platform may lack) or pkgconfig (with them)
+#   LIBRARY: the build folder of libtarv.so, which both share: most of it knows no runtime manager
 function(run)
   execute_process(COMMAND ${ARGN} RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
   if(NOT result EQUAL 0)
@@ -25,12 +26,12 @@ endif()
 run("${CMAKE_COMMAND}" -S "${SOURCE}/stub" -B "${BINARY}/stub" ${common} "-DSTUB_PREFIX=${prefix}"
   -DSTUB_OPTIONAL_MEMBERS=${optional} -DAS_PACKAGE=${PACKAGE})
 run("${CMAKE_COMMAND}" --build "${BINARY}/stub")
-run("${CMAKE_COMMAND}" -S "${PROJECT}" -B "${BINARY}/tarv" ${common} -DTARV_RUNTIME_MANAGER=system
+run("${CMAKE_COMMAND}" --fresh -S "${PROJECT}" -B "${LIBRARY}" ${common} -DTARV_RUNTIME_MANAGER=system
   -DTARV_BUILD_TESTS=OFF -DTARV_WERROR=ON "-DCMAKE_PREFIX_PATH=${prefix}")
-run("${CMAKE_COMMAND}" --build "${BINARY}/tarv" --target tarv)
+run("${CMAKE_COMMAND}" --build "${LIBRARY}" --target tarv)
 
 # The names of the files that the objects were compiled from.
-run("${CMAKE_COMMAND}" --build "${BINARY}/tarv" -- -t deps)
+run("${CMAKE_COMMAND}" --build "${LIBRARY}" -- -t deps)
 if(output MATCHES "${PROJECT}/platform/[^ \n]*")
   message(FATAL_ERROR "something is compiled against the bundled ${CMAKE_MATCH_0}")
 endif()
@@ -39,7 +40,7 @@ if(NOT output MATCHES "/prefix/include/RuntimeManager/Task.h")
 endif()
 
 # What is optional is used where it is there: the symbols that the service asks for.
-run(nm -C "${BINARY}/tarv/lib/libtarv.so")
+run(nm -C "${LIBRARY}/lib/libtarv.so")
 foreach(member TaskMessaging::sendData TaskMessaging::dataReceived TaskMessaging::disconnected
         Task::finished)
   set(there OFF)
@@ -53,7 +54,7 @@ endforeach()
 
 # Whoever made an object too small finds it out at the latest when that object ends.
 run("${CMAKE_COMMAND}" -S "${SOURCE}/user" -B "${BINARY}/user" ${common} "-DTARV=${PROJECT}"
-  "-DTARV_BUILD=${BINARY}/tarv")
+  "-DTARV_BUILD=${LIBRARY}")
 run("${CMAKE_COMMAND}" --build "${BINARY}/user")
 run("${BINARY}/user/user")
 set(expected "opened: yes\nthe starter says hello\nstarted with 0\nthe task says hello\nreleased\n")
