@@ -193,7 +193,8 @@ class Checker:
             self.fail(blocks[0].place, f"{' '.join(command)}\n{done.stdout}{done.stderr}")
 
     CHECKS = {"cpp": check_cpp, "c": check_c, "json": check_json, "python": check_python, "sh": check_shell,
-              "console": check_console, "cmake": check_cmake, "bytes": leave_to_wire_formats_test, "message": leave_to_wire_formats_test}
+              "console": check_console, "cmake": check_cmake, "bytes": leave_to_wire_formats_test,
+              "message": leave_to_wire_formats_test}
 
 
 def unit_of_cpp(blocks, preamble):
