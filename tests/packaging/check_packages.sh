@@ -54,10 +54,15 @@ for package in "${packages[@]}"; do check_dependencies "$package"; done
 
 cd "$work"
 for use in "cmake 20" "pkgconfig 17" c new; do
+  begin=$SECONDS
   # shellcheck disable=SC2086
   "$here/../outside/outside.sh" $use "$work/root/usr" > log 2>&1 ||
     { cat log >&2; fail "the unpacked packages cannot be built upon: $use"; }
 done
+# From the packages to a task of one's own: the last of them is the template.
+took=$((SECONDS - begin))
+echo "check_packages.sh: a new project was made, built and tested in $took s"
+[ "$took" -le 180 ] || fail "it may take 180 s: what do the headers include that they need not?"
 
 # Installed by dpkg into a root of their own, and removed.
 own="$work/own"
