@@ -1,4 +1,5 @@
 // Coroutines need this of the library, which is C++17: no coroutine in here.
+#include <quarn/escaped.h>
 #include <quarn/logger.h>
 #include <tarv/calls/resuming.h>
 
@@ -20,7 +21,8 @@ void LogLostException(const std::exception_ptr& exception) {
   try {
     std::rethrow_exception(exception);
   } catch (const std::exception& error) {
-    QUARN_LOG_ERROR() << "An exception left a coroutine that nobody awaits: " << error.what();
+    QUARN_LOG_ERROR() << "An exception left a coroutine that nobody awaits: "
+                      << quarn::Escaped{error.what()};
   } catch (...) {
     QUARN_LOG_ERROR() << "An exception of unknown type left a coroutine that nobody awaits.";
   }

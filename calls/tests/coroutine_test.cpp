@@ -148,6 +148,22 @@ TEST_F(CoroutineTest, LogsAnExceptionThatNobodyTakes) {
               HasSubstr("An exception left a coroutine that nobody awaits"));
 }
 
+TEST_F(CoroutineTest, LogsNoControlCharacterOfAnExceptionThatNobodyTakes) {
+  const auto run = [](tarv::Caller& caller) -> Async<> {
+    try {
+      co_await caller.Call(kSay, "lost");
+    } catch (const tarv::CallError&) {
+      throw std::runtime_error("two\nlines");
+    }
+  };
+  testing::internal::CaptureStdout();
+  {
+    const Async<> dropped = run(*caller_);
+    link_.Pump();
+  }
+  EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("nobody awaits: two\\nlines\n"));
+}
+
 // A task whose handler asks another one.
 class CoroutineHandlerTest : public CoroutineTest {
  protected:
