@@ -70,13 +70,13 @@ PipeSignalBlock::PipeSignalBlock() {
   pthread_sigmask(SIG_BLOCK, &set, &before);
   was_blocked_ = sigismember(&before, SIGPIPE) == 1;
   // A signal can only have been waiting where it was blocked.
-  was_pending_ = was_blocked_ && IsPipeSignalPending();
+  takes_back_ = !was_blocked_ || !IsPipeSignalPending();
 }
 
 PipeSignalBlock::~PipeSignalBlock() {
   const SavedErrno saved_errno;
   const sigset_t set = PipeSignal();
-  if (!all_written_ && !was_pending_) {
+  if (takes_back_) {
     constexpr timespec kNoWait{};
     sigtimedwait(&set, nullptr, &kNoWait);
   }

@@ -28,12 +28,11 @@ class TARV_EXPORT PipeSignalBlock {
   PipeSignalBlock& operator=(const PipeSignalBlock&) = delete;
 
   // No write has failed, so that no signal can have arrived: spares the system call that looks.
-  void SetAllWritten() { all_written_ = true; }
+  void SetAllWritten() { takes_back_ = false; }
 
  private:
   bool was_blocked_ = false;
-  bool was_pending_ = false;
-  bool all_written_ = false;
+  bool takes_back_ = true;  // what has arrived by the end
 };
 
 // One log line: begun by the constructor, ended by the destructor. Any thread; a printer takes no
