@@ -179,6 +179,15 @@ void FaultLane::MoveDue(Clock::time_point now) {
   }
 }
 
+// Nobody reads any more, and nobody shall believe it.
+void FaultLane::DropAll() {
+  has_ended_ = true;
+  out_.clear();
+  held_.clear();
+  held_size_ = 0;
+  ::shutdown(from_, SHUT_RD);
+}
+
 void FaultLane::Write() {
   MoveDue(Clock::now());
   const ssize_t size = out_.isEmpty() ? 0 : RetryOnEintr([this] {
@@ -186,12 +195,7 @@ void FaultLane::Write() {
                   MSG_DONTWAIT | MSG_NOSIGNAL);
   });
   if (size < 0 && errno != EAGAIN) {
-    // Nobody reads any more, and nobody shall believe it.
-    has_ended_ = true;
-    out_.clear();
-    held_.clear();
-    held_size_ = 0;
-    ::shutdown(from_, SHUT_RD);
+    DropAll();
   }
   const auto lines = size > 0 ? out_.left(static_cast<int>(size)).count('\n') : 0;
   out_.remove(0, static_cast<int>(std::max<ssize_t>(size, 0)));

@@ -59,6 +59,7 @@ class FaultLane {
   void Record(const QString& fault) const;
   void MoveDue(Clock::time_point now);
   void Write();
+  void DropAll();
   void CloseIfDone();
   bool IsFull() const;
 

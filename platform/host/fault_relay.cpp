@@ -65,6 +65,22 @@ FaultRules RulesFor(const QString& task, FaultRules all) {
   return rules;
 }
 
+// Those of the environment that concern the task.
+FaultRules ReadRules(const QString& task, Error* error) {
+  const QByteArray text = Variable("RUNTIME_MANAGER_FAULTS");
+  if (text.isEmpty()) {
+    return {};
+  }
+  QString wrong;
+  auto all = ParseFaults(text, &wrong);
+  if (!all) {
+    *error = {Error::kInvalidArgument,
+              QString("the task '%1' cannot be started: %2").arg(task, wrong)};
+    return {};
+  }
+  return RulesFor(task, std::move(*all));
+}
+
 // The rule that refuses this start, or null.
 const FaultRule* FindRefusal(const FaultRules& rules, quint64 seed) {
   std::mt19937_64 random(seed);
@@ -79,18 +95,7 @@ const FaultRule* FindRefusal(const FaultRules& rules, quint64 seed) {
 }  // namespace
 
 std::shared_ptr<FaultRelay> FaultRelay::ForStart(const QString& task, Error* error) {
-  const QByteArray text = Variable("RUNTIME_MANAGER_FAULTS");
-  if (text.isEmpty()) {
-    return nullptr;
-  }
-  QString wrong;
-  auto all = ParseFaults(text, &wrong);
-  if (!all) {
-    *error = {Error::kInvalidArgument,
-              QString("the task '%1' cannot be started: %2").arg(task, wrong)};
-    return nullptr;
-  }
-  FaultRules rules = RulesFor(task, std::move(*all));
+  FaultRules rules = ReadRules(task, error);
   if (rules.rules.empty()) {
     return nullptr;
   }

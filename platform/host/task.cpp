@@ -7,12 +7,11 @@
 #include "child_process.h"
 #include "exec_failure.h"
 #include "fault_relay.h"
-#include "process_exit.h"
 #include "socket_folder.h"
 #include "socket_name.h"
 #include "support.h"
-#include "task_finder.h"
 #include "task_registry.h"
+#include "task_request.h"
 
 namespace RuntimeManager {
 
@@ -34,9 +33,7 @@ class Task::Private {
   Private& operator=(const Private&) = delete;
 
   Error Start();
-  Error CheckProcess() const;
-  Error MakeRequest(host::SpawnRequest* request);
-  Error MakeArguments(host::SpawnRequest* request) const;
+  Error AddFaults(UniqueFd* connection) const;
   UniqueFd MakeSocket(Error* error);
   Error Spawn(const host::SpawnRequest& request);
   void ForgetSocket();
@@ -84,16 +81,13 @@ QString Task::Private::Title() const {
   return QString("the task '%1' (process %2)").arg(name).arg(process->GetPid());
 }
 
-Error Task::Private::MakeArguments(host::SpawnRequest* request) const {
-  for (const QString& argument : arguments) {
-    if (argument.contains(QChar(0))) {
-      return {
-          Error::kInvalidArgument,
-          QString("the task '%1' cannot be started: an argument holds a NUL character").arg(name)};
-    }
-    request->arguments.push_back(argument.toUtf8());
-  }
-  return {};
+Error Task::Private::AddFaults(UniqueFd* connection) const {
+  const int error_number = faults == nullptr ? 0 : faults->Interpose(connection);
+  return error_number == 0
+             ? Error()
+             : host::SystemError(Error::kStartFailed,
+                                 QString("the faults of the task '%1' cannot be made").arg(name),
+                                 error_number);
 }
 
 UniqueFd Task::Private::MakeSocket(Error* error) {
@@ -110,12 +104,9 @@ UniqueFd Task::Private::MakeSocket(Error* error) {
   if (!socket.IsValid()) {
     return socket;
   }
-  const int error_number = faults == nullptr ? 0 : faults->Interpose(&first);
-  if (error_number != 0) {
+  *error = AddFaults(&first);
+  if (error->isError()) {
     folder.Remove(file);
-    *error = host::SystemError(Error::kStartFailed,
-                               QString("the faults of the task '%1' cannot be made").arg(name),
-                               error_number);
     return {};
   }
   socket_path = folder.PathOf(file);
@@ -124,39 +115,16 @@ UniqueFd Task::Private::MakeSocket(Error* error) {
   return socket;
 }
 
-// Whether this process can start tasks at all.
-Error Task::Private::CheckProcess() const {
-  const Error refusal = host::CheckOriginal();
-  if (refusal.isError() || host::IsSeenByChildren()) {
-    return refusal;
-  }
-  return {Error::kWrongState,
-          QString("the task '%1' cannot be started: this process has called unshare() for another "
-                  "pid namespace, in which its tasks would not see it; fork first")
-              .arg(name)};
-}
-
-// All but the socket.
-Error Task::Private::MakeRequest(host::SpawnRequest* request) {
-  Error error = CheckProcess();
-  if (error.isError()) {
-    return error;
-  }
-  program = host::FindTask(name, &error).toUtf8();
-  request->program = program;
-  request->task_name = name.toUtf8();
+Error Task::Private::Start() {
+  host::SpawnRequest request;
+  Error error = host::MakeTaskRequest(name, arguments, &request);
   if (!error.isError()) {
     faults = FaultRelay::ForStart(name, &error);
   }
-  return error.isError() ? error : MakeArguments(request);
-}
-
-Error Task::Private::Start() {
-  host::SpawnRequest request;
-  Error error = MakeRequest(&request);
   if (error.isError()) {
     return error;
   }
+  program = request.program;
   const UniqueFd socket = MakeSocket(&error);
   if (error.isError()) {
     return error;

@@ -52,6 +52,24 @@ TEST_F(StartersEnd, EndsAllItsTasksAtOnce) {
   }
 }
 
+// The task hears its starter's last message before SIGTERM, and its socket's file is there for so
+// long.
+TEST_F(StartersEnd, SendsWhatWaitsThenEndsItsTasksThenRemovesTheirFiles) {
+  AddPythonTask("task",
+                "signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGTERM})\n"
+                "file = os.path.basename(server.getsockname())[1:]\n"
+                "path = os.environ['XDG_RUNTIME_DIR'] + '/runtime-manager/' + file\n"
+                "c, _ = server.accept()\n"
+                "c.sendall(b'{\"data\":\"1\"}\\n{\"data\":\"2\"}\\n{\"data\":\"3\"}\\n')\n"
+                "got = c.recv(100).decode()\n"
+                "signal.sigwait({signal.SIGTERM})\n"
+                "end = open(os.environ['WORLD'] + '/end', 'w')\n"
+                "end.write(got + str(os.path.exists(path)))");
+  Process starter(HELPER, {"leave", "task", "exit"});
+  EXPECT_EQ(starter.Wait(), 0);
+  EXPECT_EQ(ReadFile(PathOf("end")), "{\"data\":\"first\"}\nTrue");
+}
+
 TEST_F(StartersEnd, LeavesNoWordOfItsOwn) {
   AddShellTask("slow", kSlow);
   for (const char* how : {"exit", "kept", "destroyed"}) {

@@ -111,9 +111,20 @@ int SendAndGetFromThreads() {
   std::exit(0);
 }
 
+// The socket at a path, or of a task that is started.
+QString SocketOf(const QString& path_or_name) {
+  if (path_or_name.contains('/')) {
+    return path_or_name;
+  }
+  auto* const task = new Task(path_or_name);
+  task->withIpcSocket(true);
+  task->start({});
+  return task->socketPath();
+}
+
 // A starter's end that answers the first message and leaves at the second, in one way or another.
-int AnswerAndLeave(const QString& path, const QString& how) {
-  auto* messaging = new TaskMessaging(path);
+int AnswerAndLeave(const QString& peer, const QString& how) {
+  auto* messaging = new TaskMessaging(SocketOf(peer));
   static int messages = 0;
   QObject::connect(messaging, &TaskMessaging::dataReceived, messaging, [messaging, how] {
     if (++messages == 1) {
