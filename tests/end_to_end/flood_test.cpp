@@ -24,6 +24,8 @@ using testing::SizeIs;
 using vorpc::Message;
 
 constexpr std::chrono::milliseconds kPause(200);
+// Under the thread sanitizer, on a machine that has much else to do.
+constexpr std::chrono::minutes kLongPatience(8);
 
 // Requests, answers and notifications, of each so many.
 int Messages() {
@@ -112,7 +114,8 @@ TEST_F(Crowded, ConversationLosesNothingAndKeepsTheOrderOfEachThread) {
   // Nobody reads here either.
   std::this_thread::sleep_for(kPause);
   const int all = of_each * kThreads;
-  EXPECT_TRUE(WaitUntil([&] { return answers.Count() == all && notifications.Count() == all; }))
+  EXPECT_TRUE(WaitUntil([&] { return answers.Count() == all && notifications.Count() == all; },
+                        kLongPatience))
       << answers.Count() << " answers and " << notifications.Count() << " notifications of " << all;
   threads.Join();
   EXPECT_EQ(wrong, 0);
