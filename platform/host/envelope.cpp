@@ -7,23 +7,16 @@
 #include <limits>
 #include <string_view>
 
+#include "plain_text.h"
+
 namespace RuntimeManager::host {
 namespace {
 
 // No number takes more in compact JSON: a sign, 17 digits, a point and an exponent.
 constexpr std::size_t kLongestNumber = 25;
 
-// A character that stands for itself, in one byte, within a JSON string. Without a branch, and in
-// the width of the text, so that compilers make vector code of a loop over it.
 template <typename Unit>
-constexpr bool IsPlain(Unit code) {
-  constexpr Unit kFirst = 0x20;
-  constexpr Unit kCount = 0x7f - kFirst;
-  return (static_cast<Unit>(code - kFirst) < kCount) & (code != Unit{'"'}) & (code != Unit{'\\'});
-}
-
-template <typename Unit>
-bool IsPlain(const Unit* text, std::size_t size) {
+bool AreAllPlain(const Unit* text, std::size_t size) {
   Unit strange = 0;
   for (std::size_t i = 0; i < size; ++i) {
     strange |= static_cast<Unit>(!IsPlain(text[i]));
@@ -45,7 +38,7 @@ std::optional<QByteArray> EncodePlainData(const QJsonObject& object, std::size_t
   if (kDataHead.size() + size + kDataTail.size() > max_size) {
     return std::nullopt;
   }
-  if (!IsPlain(text.utf16(), size)) {
+  if (!AreAllPlain(text.utf16(), size)) {
     return std::nullopt;
   }
   QByteArray line(static_cast<int>(kDataHead.size() + size + kDataTail.size() + 1),
@@ -132,19 +125,6 @@ bool MayFit(const QJsonObject& object, std::size_t max_size) {
 }
 
 }  // namespace
-
-std::size_t PlainPrefix(std::string_view text) {
-  constexpr std::size_t kBlock = 64;
-  const auto* const bytes = reinterpret_cast<const unsigned char*>(text.data());
-  std::size_t size = 0;
-  while (text.size() - size >= kBlock && IsPlain(bytes + size, kBlock)) {
-    size += kBlock;
-  }
-  while (size < text.size() && IsPlain(bytes[size])) {
-    ++size;
-  }
-  return size;
-}
 
 std::optional<QByteArray> EncodeLine(const QJsonObject& object, std::size_t max_size) {
   if (auto line = EncodePlainData(object, max_size)) {

@@ -10,15 +10,11 @@
 
 namespace RuntimeManager::host {
 
-// Nearly every message is {"data":"text"} with a text of plain characters: those that stand for
-// themselves, in one byte, within a JSON string. Such a message is written and read as its text.
+// Nearly every message is {"data":"text"} with a text of plain characters (plain_text.h). Such a
+// message is written and read as its text.
 constexpr std::string_view kDataHead = R"({"data":")";
 constexpr std::string_view kDataTail = R"("})";
 constexpr std::string_view kDataEnd = "\"}\n";  // with the line's end
-
-// How many plain characters there are at the front of the text.
-std::size_t PlainPrefix(std::string_view text);
-inline bool IsPlainText(std::string_view text) { return PlainPrefix(text) == text.size(); }
 
 // The compact JSON of `object`, with the line's end. Nothing when the text without it would be over
 // `max_size` bytes; that is found out before any memory is taken for it.

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
-#include <utility>
 
 #include "envelope.h"
 
@@ -14,7 +13,7 @@ namespace {
 
 // About what a socket holds: one read empties it.
 constexpr std::size_t kFirstCapacity = std::size_t{256} << 10U;
-// What an idle connection keeps after a large line; a line of that size is worth to be detached.
+// What an idle connection keeps after a long line that was no data line.
 constexpr std::size_t kKeptCapacity = std::size_t{1} << 20U;
 
 }  // namespace
@@ -32,31 +31,61 @@ bool LineBuffer::Reserve(std::size_t capacity) {
   return true;
 }
 
-// A line that is large is expected to be as large as the last such line: the room for it, which
-// takes no memory before it is filled, is then made once instead of by doubling.
-std::size_t LineBuffer::NextCapacity() const {
-  if (capacity_ < kFirstCapacity) {
-    return kFirstCapacity;
-  }
-  return std::max(2 * capacity_, last_large_ + kFirstCapacity);
-}
-
-LineBuffer::Room LineBuffer::MakeRoom() {
+void LineBuffer::MoveToFront() {
   if (begin_ > 0) {
     std::memmove(data_.data(), data_.data() + begin_, end_ - begin_);
     end_ -= begin_;
     searched_ -= begin_;
     begin_ = 0;
   }
-  const std::size_t most = max_line_ + 1;
-  if (end_ == 0 && capacity_ > kKeptCapacity) {
-    data_ = QByteArray();
-    capacity_ = 0;
+}
+
+LineBuffer::Room LineBuffer::MakeRoom() {
+  MoveToFront();
+  if (IsFullOfDataLine()) {
+    BeginLarge();
   }
-  if (end_ == capacity_ && !Reserve(std::min(most, NextCapacity()))) {
+  if (large_.IsBegun()) {
+    return MakeLargeRoom();
+  }
+  const std::size_t capacity = std::max(2 * capacity_, kFirstCapacity);
+  if (end_ == capacity_ && !Reserve(std::min(max_line_ + 1, capacity))) {
     return {};
   }
   return {data_.data() + end_, capacity_ - end_};
+}
+
+bool LineBuffer::IsFullOfDataLine() const {
+  return end_ == capacity_ && capacity_ >= kFirstCapacity && !is_other_ &&
+         searched_ >= kDataHead.size();
+}
+
+// When memory is short for it, the line goes on here, or ends the connection.
+void LineBuffer::BeginLarge() {
+  if (large_.Begin(Rest(kDataHead.size()))) {
+    BeginLine(0);
+    end_ = 0;
+  }
+}
+
+// Not more at once than fits here, should it be the lines behind this one.
+LineBuffer::Room LineBuffer::MakeLargeRoom() {
+  const std::size_t size = large_.MakeRoom(kFirstCapacity, max_line_ + 1 - kDataHead.size());
+  return size == 0 ? Room() : Room{large_.End(), size};
+}
+
+void LineBuffer::Commit(std::size_t size) {
+  if (large_.IsBegun()) {
+    large_.Commit(size);
+  } else {
+    end_ += size;
+  }
+}
+
+bool LineBuffer::IsOverlong() const {
+  const std::size_t size =
+      large_.IsBegun() ? kDataHead.size() + large_.Bytes().size() : end_ - begin_;
+  return size > max_line_;
 }
 
 void LineBuffer::BeginLine(std::size_t at) {
@@ -64,10 +93,47 @@ void LineBuffer::BeginLine(std::size_t at) {
   is_other_ = false;
 }
 
-bool LineBuffer::TakeLine(Line* line) { return is_other_ ? TakeOther(line) : TakeData(line); }
+bool LineBuffer::TakeLine(Line* line) {
+  if (large_.IsBegun()) {
+    return TakeLarge(line);
+  }
+  if (begin_ == end_ && capacity_ > kKeptCapacity) {
+    data_ = QByteArray();
+    capacity_ = end_ = 0;
+    BeginLine(0);
+  }
+  return is_other_ ? TakeOther(line) : TakeData(line);
+}
 
-// Looks for the end of a data line: the one search finds it, and that the text is plain.
-LineBuffer::Found LineBuffer::FindDataEnd() {
+bool LineBuffer::TakeLarge(Line* line) {
+  const Found found = large_.Search();
+  if (found == Found::kNothingYet) {
+    return false;
+  }
+  large_.Finish();
+  if (found == Found::kOther) {
+    Refill(kDataHead, large_.Bytes());
+    is_other_ = true;
+    return TakeOther(line);
+  }
+  Refill({}, large_.Bytes().substr(large_.Text().size() + kDataEnd.size()));
+  *line = {true, large_.Text()};
+  return true;
+}
+
+// What came with, or as, a large line is what the buffer holds now.
+void LineBuffer::Refill(std::string_view head, std::string_view rest) {
+  const std::size_t size = head.size() + rest.size();
+  if (size > capacity_ && !Reserve(size)) {
+    throw std::bad_alloc();
+  }
+  std::copy(head.begin(), head.end(), data_.data());
+  std::copy(rest.begin(), rest.end(), data_.data() + head.size());
+  BeginLine(0);
+  end_ = size;
+}
+
+Found LineBuffer::FindEnd() {
   const std::string_view head = Rest(begin_).substr(0, kDataHead.size());
   if (head != kDataHead.substr(0, head.size())) {
     return Found::kOther;
@@ -75,17 +141,15 @@ LineBuffer::Found LineBuffer::FindDataEnd() {
   if (head.size() < kDataHead.size()) {
     return Found::kNothingYet;
   }
-  searched_ = std::max(searched_, begin_ + kDataHead.size());
-  searched_ += PlainPrefix(Rest(searched_));
-  const std::string_view tail = Rest(searched_).substr(0, kDataEnd.size());
-  if (tail != kDataEnd.substr(0, tail.size())) {
-    return Found::kOther;
-  }
-  return tail.size() == kDataEnd.size() ? Found::kLine : Found::kNothingYet;
+  const std::size_t text = begin_ + kDataHead.size();
+  std::size_t searched = std::max(searched_, text) - text;
+  const Found found = FindDataEnd(Rest(text), &searched);
+  searched_ = text + searched;
+  return found;
 }
 
 bool LineBuffer::TakeData(Line* line) {
-  const Found found = FindDataEnd();
+  const Found found = FindEnd();
   if (found == Found::kOther) {
     is_other_ = true;
     return TakeOther(line);
@@ -111,18 +175,13 @@ bool LineBuffer::TakeOther(Line* line) {
 }
 
 QByteArray LineBuffer::Detach(std::string_view text) {
-  const int size = static_cast<int>(text.size());
-  if (text.size() < kKeptCapacity) {
-    return {text.data(), size};
+  if (large_.Holds(text)) {
+    return large_.Share();
   }
-  last_large_ = text.size();
-  QByteArray rest(data_.constData() + begin_, static_cast<int>(end_ - begin_));
-  QByteArray detached = std::exchange(data_, std::move(rest));
-  BeginLine(0);
-  end_ = capacity_ = static_cast<std::size_t>(data_.size());
-  std::memmove(detached.data(), text.data(), text.size());
-  detached.resize(size);
-  return detached;
+  if (text.size() >= LargeLine::kLarge) {
+    return large_.ShareCopy(text);
+  }
+  return {text.data(), static_cast<int>(text.size())};
 }
 
 }  // namespace RuntimeManager::host

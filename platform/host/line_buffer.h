@@ -6,10 +6,13 @@
 #include <cstddef>
 #include <string_view>
 
+#include "large_line.h"
+
 namespace RuntimeManager::host {
 
 // Holds at most one byte more than the longest line. Every byte is searched once, and moved at most
-// once for each time that the buffer is filled. Belongs to one thread.
+// once for each time that the buffer is filled. A data line that does not fit into one read goes on
+// in memory of its own. Belongs to one thread.
 class LineBuffer {
  public:
   struct Line {
@@ -27,28 +30,31 @@ class LineBuffer {
   // out.
   Room MakeRoom();
   // `size` bytes of the room have been filled.
-  void Commit(std::size_t size) { end_ += size; }
+  void Commit(std::size_t size);
 
   // Takes the next whole line out of the buffer. False when there is none.
   bool TakeLine(Line* line);
   // Whether there are bytes behind the line that was taken last.
   bool HoldsMore() const { return end_ > begin_; }
-  // Makes the text that was taken last an array of its own. A large one takes the buffer's memory
-  // along, instead of a second one of its size. Invalidates every line that was handed out.
+  // Makes the text that was taken last an array that stays. A large one shares its memory with the
+  // buffer, which uses it again once the array is gone.
   QByteArray Detach(std::string_view text);
   // Whether the line that has begun is too long already.
-  bool IsOverlong() const { return end_ - begin_ > max_line_; }
+  bool IsOverlong() const;
 
  private:
-  enum class Found { kLine, kOther, kNothingYet };
-
   bool Reserve(std::size_t capacity);
-  std::size_t NextCapacity() const;
+  void MoveToFront();
+  bool IsFullOfDataLine() const;
+  void BeginLarge();
+  Room MakeLargeRoom();
   std::string_view Rest(std::size_t from) const { return {data_.constData() + from, end_ - from}; }
-  Found FindDataEnd();
+  Found FindEnd();
+  bool TakeLarge(Line* line);
   bool TakeData(Line* line);
   bool TakeOther(Line* line);
   void BeginLine(std::size_t at);
+  void Refill(std::string_view head, std::string_view rest);
 
   std::size_t max_line_;
   QByteArray data_;  // never shared
@@ -56,8 +62,8 @@ class LineBuffer {
   std::size_t begin_ = 0;
   std::size_t searched_ = 0;
   std::size_t end_ = 0;
-  bool is_other_ = false;       // it is no data line
-  std::size_t last_large_ = 0;  // bytes of the last part that took the memory along
+  bool is_other_ = false;  // it is no data line
+  LargeLine large_;        // nothing else is here while a line has begun there
 };
 
 }  // namespace RuntimeManager::host

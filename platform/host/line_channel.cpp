@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "envelope.h"
+#include "plain_text.h"
 #include "process_exit.h"
 #include "support.h"
 #include "trace.h"
