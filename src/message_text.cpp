@@ -1,10 +1,12 @@
 #include "message_text.h"
 
+#include <quarn/internal/text_room.h>
 #include <quarn/logger.h>
 
 #include <QJsonValue>
 #include <QString>
 
+#include "kept_memory.h"
 #include "optional_members.h"
 
 namespace tarv::details {
@@ -37,6 +39,9 @@ bool SendText(RuntimeManager::TaskMessaging& messaging, std::string_view text) {
     return false;
   }
   Send(messaging, text.data(), static_cast<int>(text.size()));
+  if (text.size() >= quarn::TextRoom::kLarge) {
+    GiveBackWhenIdle(&messaging);
+  }
   return true;
 }
 

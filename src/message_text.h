@@ -3,14 +3,15 @@
 #define TARV_SRC_MESSAGE_TEXT_H
 
 #include <RuntimeManager/TaskMessaging.h>
-#include <quarn/resources_cache.h>
+#include <quarn/internal/known_length.h>
 
 #include <QByteArray>
 #include <QJsonObject>
 #include <cstddef>
-#include <cstdint>
 #include <optional>
 #include <string_view>
+
+#include "received_texts.h"
 
 namespace tarv::details {
 
@@ -21,23 +22,26 @@ bool SendText(RuntimeManager::TaskMessaging& messaging, std::string_view text);
 // The text, in UTF-8, that a received object carries; nothing when it carries none.
 std::optional<QByteArray> TextOf(const QJsonObject& object);
 
-// A text of that many bytes or more is not kept twice.
-constexpr int kLargeText = 64 << 10;
-
-// Hands a text in UTF-8, in a chunk of its own, to `listener`. A large original is given up first:
-// only one of the two is in memory while the message is dealt with.
+// Hands a text in UTF-8, without a NUL, to `listener`, in a chunk of its own. A large one is taken.
 template <class Listener>
-void DeliverText(QByteArray& text, quarn::ResourcesCache& cache, const Listener* listener) {
+void DeliverText(QByteArray& text, ReceivedTexts& texts, const Listener* listener) {
   if (listener == nullptr) {
     return;
   }
-  const std::uint64_t chunk = cache.CreateChunk();
-  const char* const cached =
-      cache.AppendStr(chunk, {text.constData(), static_cast<std::size_t>(text.size())});
-  if (text.size() >= kLargeText) {
-    text.clear();
+  const auto size = static_cast<std::size_t>(text.size());
+  const ReceivedTexts::Text kept = texts.Keep(text);
+  const quarn::KnownLength known(quarn::TextWay::kIn, {kept.message, size});
+  listener->OnMessage(kept.message, kept.chunk);
+}
+
+// The same for the text of a JSON object, in which a NUL may stand: there it ends for C.
+template <class Listener>
+void DeliverTextOf(const QJsonObject& object, ReceivedTexts& texts, const Listener* listener) {
+  auto text = TextOf(object);
+  if (text && listener != nullptr) {
+    const ReceivedTexts::Text kept = texts.Keep(*text);
+    listener->OnMessage(kept.message, kept.chunk);
   }
-  listener->OnMessage(cached, chunk);
 }
 
 }  // namespace tarv::details

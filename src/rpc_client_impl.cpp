@@ -184,13 +184,11 @@ void RpcClientImpl::OpenMessaging() {
 }
 
 void RpcClientImpl::OnMessageReceived(const QJsonObject& object) {
-  if (auto text = details::TextOf(object)) {
-    OnTextReceived(*text);
-  }
+  details::DeliverTextOf(object, texts_, listener_.get());
 }
 
 void RpcClientImpl::OnTextReceived(QByteArray& text) {
-  details::DeliverText(text, cache_, listener_.get());
+  details::DeliverText(text, texts_, listener_.get());
 }
 
 QuarnResult RpcClientImpl::HandleSendMessage(_TARVRpcClientRef* client, const char* message) {
@@ -198,7 +196,8 @@ QuarnResult RpcClientImpl::HandleSendMessage(_TARVRpcClientRef* client, const ch
   if (!messaging || message == nullptr) {
     return QUARN_RESULT_REFUSED;
   }
-  return details::SendText(*messaging, message) ? QUARN_RESULT_SUCCESS : QUARN_RESULT_REFUSED;
+  const std::string_view text = quarn::FindView(quarn::TextWay::kOut, message);
+  return details::SendText(*messaging, text) ? QUARN_RESULT_SUCCESS : QUARN_RESULT_REFUSED;
 }
 
 void RpcClientImpl::RpcUnlockResourcesImpl(_TARVRpcClientRef* client, std::size_t chunk) {
@@ -206,7 +205,7 @@ void RpcClientImpl::RpcUnlockResourcesImpl(_TARVRpcClientRef* client, std::size_
     return;
   }
   if (const auto self = FromRef(client)) {
-    self->cache_.RemoveChunk(chunk);
+    self->texts_.Remove(chunk);
   }
 }
 
@@ -236,11 +235,7 @@ void RpcClientImpl::OnLost(const RuntimeManager::Error& error) {
 
 // The end of a task is told even when there is no memory left for its reason.
 RpcClientImpl::CachedText RpcClientImpl::Cache(const QString& text) {
-  return details::EmptyIfThrows([this, &text] {
-    const std::string bytes = text.toStdString();
-    const std::uint64_t chunk = cache_.CreateChunk();
-    return CachedText{cache_.AppendStr(chunk, bytes), chunk};
-  });
+  return details::EmptyIfThrows([this, &text] { return texts_.Copy(text.toStdString()); });
 }
 
 // Nothing can be sent any more when OnDisconnect says so.

@@ -5,7 +5,6 @@
 #include <RuntimeManager/Task.h>
 #include <quarn/listener.h>
 #include <quarn/object.h>
-#include <quarn/resources_cache.h>
 #include <tarv/tarv_capi.h>
 
 #include <QByteArray>
@@ -19,6 +18,7 @@
 
 #include "channel.h"
 #include "platform_object.h"
+#include "received_texts.h"
 
 namespace tarv {
 
@@ -90,11 +90,7 @@ class RpcClientImpl final : public quarn::Object<RpcClientImpl, _TARVRpcClientRe
     kStartFailed = 4,
   };
 
-  // A text as the callbacks take it.
-  struct CachedText {
-    const char* message = "";
-    std::uint64_t chunk = 0;
-  };
+  using CachedText = details::ReceivedTexts::Text;
 
   bool Transit(std::uint32_t from, State to) { return state_.compare_exchange_strong(from, to); }
 
@@ -114,7 +110,7 @@ class RpcClientImpl final : public quarn::Object<RpcClientImpl, _TARVRpcClientRe
   void CleanupTask();
   std::shared_ptr<StopListener> TakeStopListener();
 
-  quarn::ResourcesCache cache_;
+  details::ReceivedTexts texts_;
   details::PlatformPtr<RuntimeManager::Task> task_;
   Channel channel_;
   std::shared_ptr<RpcClientListener> listener_;

@@ -3,7 +3,6 @@
 #include <RuntimeManager/RuntimeDispatcher.h>
 #include <quarn/logger.h>
 #include <quarn/sized_struct.h>
-#include <quarn/strings.h>
 
 #include <string_view>
 #include <utility>
@@ -80,13 +79,11 @@ void RpcServerImpl::Run(TARVRpcServerSlots* slots) {
 }
 
 void RpcServerImpl::OnMessageReceived(const QJsonObject& object) {
-  if (auto text = details::TextOf(object)) {
-    OnTextReceived(*text);
-  }
+  details::DeliverTextOf(object, texts_, listener_.get());
 }
 
 void RpcServerImpl::OnTextReceived(QByteArray& text) {
-  details::DeliverText(text, cache_, listener_.get());
+  details::DeliverText(text, texts_, listener_.get());
 }
 
 void RpcServerImpl::HandleUnlockResources(_TARVRpcServerRef* server, std::size_t chunk) {
@@ -94,7 +91,7 @@ void RpcServerImpl::HandleUnlockResources(_TARVRpcServerRef* server, std::size_t
     return;
   }
   if (const auto self = FromRef(server)) {
-    self->cache_.RemoveChunk(chunk);
+    self->texts_.Remove(chunk);
   }
 }
 
@@ -103,7 +100,7 @@ QuarnResult RpcServerImpl::HandleSendMessage(_TARVRpcServerRef* server, const ch
   if (!messaging) {
     return QUARN_RESULT_REFUSED;
   }
-  const std::string_view text = quarn::strings::ViewOf(message);
+  const std::string_view text = quarn::FindView(quarn::TextWay::kOut, message);
   return details::SendText(*messaging, text) ? QUARN_RESULT_SUCCESS : QUARN_RESULT_REFUSED;
 }
 

@@ -3,7 +3,6 @@
 #define TARV_SRC_RPC_SERVER_IMPL_H
 
 #include <quarn/object.h>
-#include <quarn/resources_cache.h>
 #include <tarv/tarv_capi.h>
 
 #include <QByteArray>
@@ -11,6 +10,7 @@
 #include <memory>
 
 #include "channel.h"
+#include "received_texts.h"
 
 namespace tarv {
 
@@ -68,7 +68,7 @@ class RpcServerImpl final : public quarn::Object<RpcServerImpl, _TARVRpcServerRe
   void OnMessageReceived(const QJsonObject& object);
   void OnTextReceived(QByteArray& text);
 
-  quarn::ResourcesCache cache_;
+  details::ReceivedTexts texts_;
   std::shared_ptr<RpcServerListener> listener_;
   Channel channel_;  // open while the server runs
 };

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace quarn {
 
@@ -23,6 +24,8 @@ class Base64Encoder {
   // Bytes so far.
   std::size_t GetSize() const { return encoded_ + length_; }
 
+  // The text goes into this text's memory, as far as it reaches. Called first.
+  void UseRoom(std::string&& room) { text_ = std::move(room); }
   // About `size` bytes will come in all.
   void Expect(std::size_t size);
 

@@ -2,8 +2,9 @@
 #include <cw/internal/base64_streams.h>
 #include <cw/internal/size_estimate.h>
 #include <cw/standard_codec.h>
+#include <quarn/internal/text_room.h>
 #include <quarn/logger.h>
-#include <vorpc/message.h>
+#include <vorpc/internal/outgoing_text.h>
 
 #include <utility>
 
@@ -169,17 +170,32 @@ cw::EncodableValue EncodeTree(const Content& content) {
   return map.Take();
 }
 
-std::string EncodeText(std::monostate /*empty*/) {
+// Whose memory the text of a large message takes.
+enum class Room { kNew, kKept };
+
+std::string EncodeText(std::monostate /*empty*/, Room /*room*/) {
   return cw::EncodableValue().Serialize().ToBase64();
 }
 
 template <class Content>
-std::string EncodeText(const Content& content) {
+std::string EncodeText(const Content& content, Room room) {
   cw::Base64StreamWriter stream;
-  stream.GetEncoder().Expect(EstimateSize(content));
+  const std::size_t size = EstimateSize(content);
+  if (room == Room::kKept && size >= quarn::TextRoom::kLarge) {
+    stream.GetEncoder().UseRoom(quarn::TextRoom::Get().Take());
+  }
+  stream.GetEncoder().Expect(size);
   StreamMap map(CountMembers(content), &stream);
   AddMembers(map, content);
   return stream.GetEncoder().Finish();
+}
+
+std::string EncodeContent(const Message::Content& content, Room room) {
+  return std::visit(
+      [room](const auto& kind) {
+        return IsEncodable(kind) ? EncodeText(kind, room) : EncodeText(std::monostate(), room);
+      },
+      content);
 }
 
 }  // namespace
@@ -194,12 +210,11 @@ cw::EncodableValue Message::ToEncodable() const {
       content_);
 }
 
-std::string Message::ToBase64() const {
-  return std::visit(
-      [](const auto& content) {
-        return IsEncodable(content) ? EncodeText(content) : EncodeText(std::monostate());
-      },
-      content_);
-}
+std::string Message::ToBase64() const { return EncodeContent(content_, Room::kNew); }
+
+OutgoingText::OutgoingText(const Message& message)
+    : text_(EncodeContent(message.content_, Room::kKept)) {}
+
+OutgoingText::~OutgoingText() { quarn::TextRoom::Get().Give(std::move(text_)); }
 
 }  // namespace vorpc

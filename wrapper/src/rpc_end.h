@@ -3,8 +3,9 @@
 #ifndef WRAPPER_SRC_RPC_END_H
 #define WRAPPER_SRC_RPC_END_H
 
-#include <quarn/strings.h>
+#include <quarn/internal/known_length.h>
 #include <vorpc/internal/message_text.h>
+#include <vorpc/internal/outgoing_text.h>
 #include <vorpc/message.h>
 
 #include <functional>
@@ -35,8 +36,9 @@ std::function<void(vorpc::Message&&)> MakeSender(const std::shared_ptr<Api>& tab
       return;
     }
     // Of a large payload only one form at a time shall be in memory.
-    const std::string text = std::exchange(message, {}).ToBase64();
-    if (!text.empty()) {
+    const vorpc::OutgoingText outgoing(std::exchange(message, {}));
+    if (const std::string& text = outgoing.Get(); !text.empty()) {
+      const quarn::KnownLength known(quarn::TextWay::kOut, text);
       send(handle, text.c_str());
     }
   };
@@ -46,7 +48,7 @@ std::function<void(vorpc::Message&&)> MakeSender(const std::shared_ptr<Api>& tab
 // std::logic_error for null.
 template <class End>
 void Deliver(const char* message, End& end) {
-  if (const std::string_view text = quarn::strings::ViewOf(message); !text.empty()) {
+  if (const std::string_view text = quarn::FindView(quarn::TextWay::kIn, message); !text.empty()) {
     end.Receive(vorpc::MessageFromText(text));
   }
 }

@@ -22,6 +22,8 @@
 
 namespace vorpc {
 
+class OutgoingText;
+
 // A request, a response, a notification, an error of its own, or nothing. A plain value: copy and
 // move it freely; a moved-from message keeps its type. Like a standard container, one message is
 // not for several threads at once.
@@ -179,6 +181,8 @@ class TARV_EXPORT Message {
   static Message FromBase64(const std::string& text);
 
  private:
+  friend class OutgoingText;
+
   friend bool operator==(const Message& a, const Message& b) { return a.content_ == b.content_; }
   friend bool operator!=(const Message& a, const Message& b) { return !(a == b); }
 

@@ -1,0 +1,65 @@
+#include "kept_memory.h"
+
+#include <quarn/internal/text_room.h>
+
+#include <QMetaObject>
+#include <QTimer>
+#include <atomic>
+#include <chrono>
+#include <memory>
+
+namespace tarv::details {
+namespace {
+
+using quarn::TextRoom;
+
+std::atomic<bool> is_watched{false};
+
+// Held by the event that looks next. When that never comes, because its object or its event loop
+// goes, what is kept goes with it.
+class Watch {
+ public:
+  Watch() = default;
+  ~Watch() {
+    if (is_on_) {
+      TextRoom::Get().GiveBack();
+      is_watched = false;
+    }
+  }
+  Watch(const Watch&) = delete;
+  Watch& operator=(const Watch&) = delete;
+
+  void End() {
+    is_on_ = false;
+    is_watched = false;
+  }
+
+ private:
+  bool is_on_ = true;
+};
+
+void Look(QObject* context, const std::shared_ptr<Watch>& watch) {
+  if (const auto left = TextRoom::Get().GiveBackIdle()) {
+    QTimer::singleShot(std::chrono::ceil<std::chrono::milliseconds>(*left), context,
+                       [context, watch] { Look(context, watch); });
+    return;
+  }
+  watch->End();
+  // A thread that has begun to send in between took the watch for one that goes on.
+  if (TextRoom::Get().GiveBackIdle()) {
+    GiveBackWhenIdle(context);
+  }
+}
+
+}  // namespace
+
+void GiveBackWhenIdle(QObject* context) {
+  if (is_watched.exchange(true)) {
+    return;
+  }
+  QMetaObject::invokeMethod(
+      context, [context, watch = std::make_shared<Watch>()] { Look(context, watch); },
+      Qt::QueuedConnection);
+}
+
+}  // namespace tarv::details
