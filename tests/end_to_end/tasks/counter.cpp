@@ -1,4 +1,4 @@
-// The task "counter": echoes, and tells how many memory allocations its process has made.
+// The task "counter": echoes, and tells what its process has taken of memory.
 
 #include <cw/plugin.h>
 #include <cw/plugin_registrar.h>
@@ -8,8 +8,10 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "end_to_end/allocations.h"
+#include "end_to_end/memory_figures.h"
 
 namespace {
 
@@ -21,15 +23,28 @@ class Counter final : public cw::Plugin {
       : manager_(tarv::ManagerWrapper::Create(registrar)), server_(manager_->CreateRpcServer()) {
     server_->OnRequest("echo", [](const std::string& /*method*/, const cw::EncodableValue& params,
                                   Reply&& reply) { reply->SendResult(params); });
+    Tell("count allocations", &tarv::test::CountAllocations);
+    Tell("count faults", &tarv::test::CountFaults);
+    Tell("count held", &tarv::test::CountHeld);
+    Tell("peak memory", &tarv::test::PeakMemory);
+    // By a list of the values' size and the number of rounds.
     server_->OnRequest(
-        "count allocations",
-        [](const std::string& /*method*/, const cw::EncodableValue& /*params*/, Reply&& reply) {
-          reply->SendResult(std::int64_t(tarv::test::CountAllocations()));
+        "count faults of values",
+        [](const std::string& /*method*/, const cw::EncodableValue& params, Reply&& reply) {
+          const auto& numbers = std::get<std::vector<std::int64_t>>(params);
+          reply->SendResult(std::int64_t(tarv::test::CountFaultsOfValues(
+              static_cast<std::size_t>(numbers.at(0)), static_cast<std::size_t>(numbers.at(1)))));
         });
     server_->Run();
   }
 
  private:
+  void Tell(const std::string& what, std::size_t (*count)()) const {
+    server_->OnRequest(what,
+                       [count](const std::string& /*method*/, const cw::EncodableValue& /*params*/,
+                               Reply&& reply) { reply->SendResult(std::int64_t(count())); });
+  }
+
   std::unique_ptr<tarv::ManagerWrapper> manager_;
   std::shared_ptr<vorpc::IServer> server_;
 };

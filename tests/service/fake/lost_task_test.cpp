@@ -152,6 +152,75 @@ TEST_F(Shortcut, KeepsALargeTextOnceAndASmallOneAsItWas) {
   EXPECT_EQ(log_.back().size(), std::string("message ").size() + (64 << 10));
 }
 
+struct HandedOut {
+  const char* text = nullptr;
+  std::size_t chunk = 0;
+};
+
+// A server that keeps the last text locked.
+class LargeShortcut : public Shortcut {
+ protected:
+  LargeShortcut() {
+    TARVRpcServerSlots slots{};
+    slots.size = sizeof(slots);
+    slots.OnMessage = [](void* user_data, const char* text, std::size_t chunk) {
+      *static_cast<HandedOut*>(user_data) = {text, chunk};
+    };
+    slots.user_data = &last_;
+    server_table_.Run(server_, &slots);
+  }
+
+  HandedOut last_;
+  _TARVRpcServerRef* const server_ = root_.GetRpcServer(manager_);
+};
+
+TEST_F(LargeShortcut, HandsOutATextWhereItLiesUntilItIsUnlocked) {
+  QByteArray text(64 << 10, 'x');
+  const QByteArray platform = text;  // as the platform may keep it, to use its memory again
+  Q_EMIT Channel().dataReceived(text);
+  EXPECT_EQ(last_.text, platform.constData());
+  EXPECT_FALSE(platform.isDetached());
+  server_table_.UnlockResources(server_, last_.chunk);
+  EXPECT_TRUE(platform.isDetached());
+}
+
+TEST_F(LargeShortcut, KeepsSeveralTextsApart) {
+  QByteArray first(64 << 10, 'x');
+  QByteArray second(64 << 10, 'y');
+  const QByteArray platform = first;
+  Q_EMIT Channel().dataReceived(first);
+  const HandedOut kept = last_;
+  Q_EMIT Channel().dataReceived(second);
+  server_table_.UnlockResources(server_, last_.chunk);
+  EXPECT_FALSE(platform.isDetached());
+  EXPECT_EQ(std::string(kept.text), std::string(64 << 10, 'x'));
+  server_table_.UnlockResources(server_, kept.chunk);
+  EXPECT_TRUE(platform.isDetached());
+}
+
+// Raw data may lack its end, and go at any time.
+TEST_F(LargeShortcut, CopiesATextOfRawData) {
+  std::string memory((64 << 10) + 1, 'x');
+  QByteArray text = QByteArray::fromRawData(memory.data(), 64 << 10);
+  Q_EMIT Channel().dataReceived(text);
+  EXPECT_NE(last_.text, memory.data());
+  memory.assign(memory.size(), 'y');
+  EXPECT_EQ(std::string_view(last_.text).size(), std::size_t{64} << 10);
+  EXPECT_EQ(last_.text[0], 'x');
+  server_table_.UnlockResources(server_, last_.chunk);
+}
+
+// A caller may send from where a text lay that was handed to it.
+TEST_F(LargeShortcut, SendsEachTextUpToItsOwnEnd) {
+  QByteArray text(64 << 10, 'x');
+  QByteArray platform = text;
+  Q_EMIT Channel().dataReceived(text);
+  server_table_.UnlockResources(server_, last_.chunk);
+  platform[5] = '\0';
+  server_table_.SendMessage(server_, platform.constData());
+  EXPECT_THAT(Channel().sent_texts, ElementsAre("xxxxx"));
+}
+
 TEST_F(Shortcut, IsNotHeardAfterRelease) {
   Start().complete_start({});
   table_.Release(client_);
