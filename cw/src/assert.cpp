@@ -1,6 +1,6 @@
 #include "assert.h"
 
-#include <cw/diagnostics.h>
+#include <cw/internal/diagnostics.h>
 
 #include <cstdlib>
 #include <string>

@@ -1,5 +1,5 @@
 #include <cw/binary_messenger.h>
-#include <cw/diagnostics.h>
+#include <cw/internal/diagnostics.h>
 #include <quarn/library_api.h>
 #include <quarn/sized_struct.h>
 #include <quarn/slot.h>

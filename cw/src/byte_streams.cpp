@@ -1,5 +1,5 @@
 #include <cw/byte_streams.h>
-#include <cw/diagnostics.h>
+#include <cw/internal/diagnostics.h>
 
 #include <stdexcept>
 #include <string>

@@ -1,4 +1,5 @@
 #include <cw/diagnostics.h>
+#include <cw/internal/diagnostics.h>
 #include <quarn/escaped.h>
 #include <quarn/logger.h>
 

@@ -1,4 +1,4 @@
-#include <cw/diagnostics.h>
+#include <cw/internal/diagnostics.h>
 #include <cw/reply_manager.h>
 
 #include <utility>

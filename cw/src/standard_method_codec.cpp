@@ -1,4 +1,4 @@
-#include <cw/diagnostics.h>
+#include <cw/internal/diagnostics.h>
 #include <cw/internal/whole_message.h>
 #include <cw/method_codec.h>
 

@@ -1,6 +1,7 @@
 // Lines on standard error when nobody reads them, or when std::cerr is told to throw.
 
 #include <cw/diagnostics.h>
+#include <cw/internal/diagnostics.h>
 #include <cw/reply_manager.h>
 #include <cw/standard_message_codec.h>
 #include <gtest/gtest.h>
