@@ -57,12 +57,12 @@ void CallerCore::SendOrKeep(const StatePtr& state) {
     return;
   }
   if (link_ == Link::kLost) {
-    End(state, LossFor(*state));
+    End(state, LossFor(*state, loss_));
     return;
   }
   if (IsOverdue()) {
     loss_ = LossOfSilentTask(task_name_, loop_->Now() - *first_call_);
-    End(state, LossFor(*state));
+    End(state, LossFor(*state, loss_));
     return;
   }
   state->phase_ = CallState::Phase::kKept;

@@ -125,7 +125,7 @@ void CallerCore::OnConnected(const OptionalError& error) {
     supervisor->OnConnected();
   }
   for (const StatePtr& state : CollectOpen()) {
-    if (state->phase_ == CallState::Phase::kKept && link_ == Link::kConnected) {
+    if (state->phase_ == CallState::Phase::kKept) {
       Send(state);
     }
   }
@@ -145,9 +145,9 @@ void CallerCore::HandleLoss(const Loss& loss) {
     supervisor->OnLost(told);
   }
   for (const StatePtr& state : lost) {
-    const bool sent = state->phase_ == CallState::Phase::kSent;
-    // A call that was alone under way names its method anyhow.
-    End(state, NamesOf(*state).Lost(sent && lost.size() == 1 ? loss : told, sent));
+    // One that was alone under way names its method anyhow.
+    const bool is_alone = lost.size() == 1 && state->phase_ == CallState::Phase::kSent;
+    End(state, LossFor(*state, is_alone ? loss : told));
   }
 }
 
@@ -199,8 +199,7 @@ void CallerCore::OnError(const StatePtr& state, const Message::Error& error) {
   if (client_ && client_->HasConnectionFailed()) {
     // The connection's end answers what was under way; the calls learn it as that.
     OnDisconnected(error);
-  } else if (error.code == Message::kUnknownMethod && requests_ != nullptr &&
-             state->GetMethod().rfind("$/", 0) != 0) {
+  } else if (error.code == Message::kUnknownMethod && state->GetMethod().rfind("$/", 0) != 0) {
     AskForNames(state, error);
   } else {
     End(state, NamesOf(*state).Answered(error));
@@ -219,14 +218,11 @@ void CallerCore::AskForNames(const StatePtr& state, const Message::Error& error)
 
 void CallerCore::OnNames(const StatePtr& state, const Message::Error& error,
                          const Message::Response& response) {
-  if (state->phase_ == CallState::Phase::kSent) {
-    End(state, NamesOf(*state).Unknown(error, MethodNamesIn(response)));
-  }
+  End(state, NamesOf(*state).Unknown(error, MethodNamesIn(response)));
 }
 
 void CallerCore::OnWake() {
   const auto self = shared_from_this();
-  timer_.reset();
   const Loop::Time now = loop_->Now();
   while (!open_.empty() && open_.begin()->first.first <= now) {
     Expire(StatePtr(open_.begin()->second));
@@ -263,20 +259,20 @@ Loop::Time CallerCore::ConnectDeadline() const {
              : *first_call_ + options_.connect_timeout;
 }
 
-// One wake is enough: the earliest. Whoever is early finds nothing to do.
+// Whoever is early finds nothing to do, so a wake that comes before the earliest deadline serves.
 void CallerCore::SetTimer() {
   if (open_.empty()) {
     return;
   }
   const Loop::Time earliest =
       std::min(open_.begin()->first.first, IsOverdue() ? Loop::Time::max() : ConnectDeadline());
-  if (earliest == Loop::Time::max() || (timer_ && *timer_ <= earliest)) {
+  if (earliest == Loop::Time::max() || (!wakes_.empty() && *wakes_.begin() <= earliest)) {
     return;
   }
-  timer_ = earliest;
+  wakes_.insert(earliest);
   loop_->WakeAt(earliest, [weak = weak_from_this(), earliest] {
-    const auto core = weak.lock();
-    if (core && core->timer_ == earliest) {
+    if (const auto core = weak.lock()) {
+      core->wakes_.erase(earliest);
       core->OnWake();
     }
   });
@@ -286,11 +282,13 @@ CallNames CallerCore::NamesOf(const CallState& state) const {
   return {state.GetMethod(), task_name_};
 }
 
-CallError CallerCore::LossFor(const CallState& state) const {
+// A call that has its error, but not yet the names that go with it, ends with that.
+CallError CallerCore::LossFor(const CallState& state, const Loss& loss) const {
   return state.error_ ? *state.error_
-                      : NamesOf(state).Lost(loss_, state.phase_ == CallState::Phase::kSent);
+                      : NamesOf(state).Lost(loss, state.phase_ == CallState::Phase::kSent);
 }
 
+// Of several ends of one call the first counts.
 void CallerCore::End(const StatePtr& state, std::optional<CallError> error) {
   if (state->phase_ == CallState::Phase::kEnded) {
     return;
@@ -313,7 +311,7 @@ void CallerCore::End(const StatePtr& state, std::optional<CallError> error) {
 
 void CallerCore::EndAllLost() {
   for (const StatePtr& state : CollectOpen()) {
-    End(state, LossFor(*state));
+    End(state, LossFor(*state, loss_));
   }
 }
 

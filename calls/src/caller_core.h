@@ -13,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -122,7 +123,7 @@ class CallerCore : public std::enable_shared_from_this<CallerCore> {
   Loop::Time ConnectDeadline() const;
 
   CallNames NamesOf(const CallState& state) const;
-  CallError LossFor(const CallState& state) const;
+  CallError LossFor(const CallState& state, const Loss& loss) const;
   void End(const StatePtr& state, std::optional<CallError> error);
   void EndAllLost();
   std::vector<StatePtr> CollectOpen() const;
@@ -145,7 +146,7 @@ class CallerCore : public std::enable_shared_from_this<CallerCore> {
   std::uint64_t calls_ = 0;
   std::map<OpenKey, StatePtr> open_;
   std::unordered_map<std::string, std::weak_ptr<CallState>> progress_;  // by request id
-  std::optional<Loop::Time> timer_;
+  std::set<Loop::Time> wakes_;                                          // that are to come
 };
 
 }  // namespace tarv::details

@@ -97,8 +97,7 @@ class details::KeptTaskCore final : public Supervisor,
   void WaitForPause() {
     Change({State::kWaiting, ErrorOf(*last_)});
     calls_->GetLoop()->WakeAt(not_before_, [weak = weak_from_this()] {
-      const auto core = weak.lock();
-      if (core && core->status_.state == State::kWaiting) {
+      if (const auto core = weak.lock()) {
         core->StartTask();
       }
     });

@@ -1,8 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <tarv/calls/caller.h>
+#include <tarv/calls/description.h>
 #include <tarv/calls/service.h>
 #include <unistd.h>
+#include <vorpc/requests.h>
 
 #include <future>
 #include <limits>
@@ -139,7 +141,23 @@ TEST_F(CallerTest, EndsACallWithoutAnAnswerAfterItsTime) {
   EXPECT_EQ(ending.GetReason(), CallReason::kTimedOut);
   EXPECT_THAT(ending.GetText(),
               HasSubstr("'ping' of the task 'words' was not answered within 30 s"));
-  EXPECT_THAT(cancelled_, ElementsAre(replies_.at(0)->GetRequestId().value));
+  const vorpc::Message::ID id = replies_.at(0)->GetRequestId();
+  EXPECT_THAT(cancelled_, ElementsAre(id.value));
+  EXPECT_FALSE(std::dynamic_pointer_cast<vorpc::IRequests>(link_.client)->ForgetRequest(id))
+      << "the client still waits for the answer";
+}
+
+TEST_F(CallerTest, EndsCallsOneAfterAnotherAtTheirTimes) {
+  Connect();
+  const Ending<void> third(caller_->Call(kPing, CallOptions().Timeout(3s)));
+  const Ending<void> first(caller_->Call(kPing, CallOptions().Timeout(1s)));
+  const Ending<void> second(caller_->Call(kPing, CallOptions().Timeout(2s)));
+  link_.loop->Advance(1s);
+  EXPECT_EQ(first.Count() + second.Count() + third.Count(), 1U);
+  link_.loop->Advance(1s);
+  EXPECT_EQ(second.Count(), 1U);
+  link_.loop->Advance(1s);
+  EXPECT_EQ(third.Count(), 1U);
 }
 
 TEST_F(CallerTest, DropsALateAnswerWithoutALine) {
@@ -178,6 +196,19 @@ TEST_F(CallerTest, HasOneTimer) {
     link_.Pump();
   }
   EXPECT_EQ(link_.loop->GetMostWakes(), 1U);
+}
+
+TEST_F(CallerTest, DoesNotGatherTimersWhileShortCallsEndBeforeALongOne) {
+  Connect();
+  const Ending<void> patient(caller_->Call(kPing, CallOptions().Timeout(1h)));
+  for (int i = 0; i < 100; ++i) {
+    const Ending<void> ending(caller_->Call(kPing, CallOptions().Timeout(1s)));
+    link_.loop->Advance(1s);
+    EXPECT_EQ(ending.GetReason(), CallReason::kTimedOut);
+  }
+  EXPECT_EQ(link_.loop->GetMostWakes(), 2U);
+  link_.loop->Advance(1h);
+  EXPECT_EQ(patient.GetReason(), CallReason::kTimedOut);
 }
 
 TEST_F(CallerTest, CancelsOnTheWireAndEndsTheCall) {
@@ -260,6 +291,22 @@ TEST_F(CallerTest, TellsThatTheConnectionWasClosed) {
   EXPECT_THAT(ending.GetText(), HasSubstr("the connection was closed by this application"));
 }
 
+TEST_F(CallerTest, TellsThatTheConnectionWasClosedBeforeItStood) {
+  Make();
+  const Ending<void> ending(caller_->Call(kPing));
+  link_.Pump();
+  link_.client->Disconnect(std::nullopt);
+  link_.Pump();
+  EXPECT_EQ(ending.GetReason(), CallReason::kConnectionLost);
+}
+
+TEST_F(CallerTest, TellsATimeThatIsNoWholeSecond) {
+  Connect();
+  const Ending<void> ending(caller_->Call(kPing, CallOptions().Timeout(1500ms)));
+  link_.loop->Advance(1500ms);
+  EXPECT_THAT(ending.GetText(), HasSubstr("was not answered within 1500 ms"));
+}
+
 TEST_F(CallerTest, TellsThatATaskCouldNotStart) {
   Make();
   const Ending<void> ending(caller_->Call(kPing));
@@ -333,6 +380,28 @@ TEST_F(CallerTest, LogsWhatAConsumerThrows) {
       HasSubstr("An exception left the consumer of 'ping', which must not throw: oh\\nno\n"));
 }
 
+TEST_F(CallerTest, LogsWhatAConsumerThrowsThatIsNoException) {
+  Connect();
+  caller_->Call(kPing).Then([](const Outcome<void>&) { throw 1; });
+  link_.Pump();
+  replies_.at(0)->SendResult({});
+  testing::internal::CaptureStdout();
+  link_.Pump();
+  EXPECT_THAT(testing::internal::GetCapturedStdout(),
+              HasSubstr("An exception of unknown type left the consumer of 'ping'"));
+}
+
+TEST_F(CallerTest, LetsAProgressHandlerGoAtTheEnd) {
+  Connect();
+  const auto call = caller_->Call(kCount, {});
+  const auto witness = std::make_shared<int>();
+  call.OnProgress([witness](Step) {});
+  EXPECT_EQ(witness.use_count(), 2);
+  call.Cancel();
+  link_.Pump();
+  EXPECT_EQ(witness.use_count(), 1);
+}
+
 TEST_F(CallerTest, PassesStepsUntilTheEnd) {
   Connect();
   const auto call = caller_->Call(kCount, {});
@@ -352,6 +421,20 @@ TEST_F(CallerTest, PassesStepsUntilTheEnd) {
   link_.Pump();
   EXPECT_THAT(steps, ElementsAre(1, 2));
   EXPECT_TRUE(ending.Get().HasValue());
+}
+
+TEST_F(CallerTest, IgnoresAStepWithoutAValueOrAToken) {
+  Connect();
+  const auto call = caller_->Call(kCount, {});
+  int steps = 0;
+  call.OnProgress([&steps](Step) { ++steps; });
+  link_.Pump();
+  const std::string id = replies_.at(0)->GetRequestId().value;
+  link_.server->SendNotify("$/progress", cw::EncodableMap{{"token", id}});
+  link_.server->SendNotify("$/progress", cw::EncodableMap{{"value", 1}});
+  link_.server->SendNotify("$/progress", {});
+  link_.Pump();
+  EXPECT_EQ(steps, 0);
 }
 
 TEST_F(CallerTest, LogsAStepOfAnotherType) {
@@ -377,6 +460,29 @@ TEST_F(CallerTest, NamesTheMethodsThatThereAreWhenOneIsUnknown) {
   EXPECT_EQ(ending.Get().GetError().GetCode(), -32601);
   EXPECT_EQ(ending.GetText(),
             "'cont' of the task 'words' is unknown to it: it answers count, next");
+}
+
+TEST_F(CallerTest, EndsWithTheErrorOfAnUnknownMethodThoughTheTaskDiesBeforeTheNames) {
+  Connect();
+  static constexpr tarv::Method<void()> kCont{"cont"};
+  link_.server->OnRequest("$/describe", [this](const std::string&, const cw::EncodableValue&,
+                                               std::unique_ptr<vorpc::IReply>&& reply) {
+    replies_.push_back(std::move(reply));
+  });
+  const Ending<void> ending(caller_->Call(kCont));
+  link_.Pump();
+  EXPECT_EQ(ending.Count(), 0U);
+  link_.client->Disconnect(vorpc::Message::Error(-32002, "it crashed"));
+  EXPECT_EQ(ending.GetReason(), CallReason::kAnswered);
+  EXPECT_EQ(ending.Get().GetError().GetCode(), -32601);
+}
+
+TEST_F(CallerTest, DoesNotAskForTheNamesTwice) {
+  Connect();
+  const Ending<tarv::Description> ending(caller_->Call(tarv::kDescribe));
+  link_.Pump();
+  EXPECT_EQ(ending.Get().GetError().GetCode(), -32601);
+  EXPECT_EQ(link_.CountSent("$/describe"), 1U);
 }
 
 TEST_F(CallerTest, TellsThatAMethodIsUnknownToATaskWithoutTheLayer) {
@@ -498,6 +604,17 @@ TEST_F(CallerTest, WaitsOnAnotherThread) {
   EXPECT_EQ(*waiting.get(), 5);
 }
 
+TEST_F(CallerTest, GivesTheOutcomeOfACallThatHasEndedToAWait) {
+  Connect();
+  const auto call = caller_->Call(kNext);
+  link_.Pump();
+  replies_.at(0)->SendResult(5);
+  link_.Pump();
+  auto waiting = std::async(std::launch::async, [&call] { return call.Wait(); });
+  ASSERT_EQ(waiting.wait_for(1min), std::future_status::ready);
+  EXPECT_EQ(*waiting.get(), 5);
+}
+
 TEST_F(CallerTest, EndsAWaitWithItself) {
   Connect();
   auto waiting = std::async(std::launch::async, [this] { return caller_->Call(kNext).Wait(); });
@@ -530,8 +647,31 @@ TEST_F(CallerTest, RunsCallbacksOfOtherThreadsCallsOnItsLoop) {
     call.Cancel();
   }).join();
   EXPECT_EQ(ran_on, std::thread::id());
+  EXPECT_EQ(link_.CountSent("ping"), 0U) << "sent on a thread that is not the loop's";
   link_.Pump();
   EXPECT_EQ(ran_on, std::this_thread::get_id());
+}
+
+TEST_F(CallerTest, HearsOnItsLoopWhatComesOnAnotherThread) {
+  Connect();
+  const auto call = caller_->Call(kCount, {});
+  std::vector<std::thread::id> heard_on;
+  call.OnProgress([&heard_on](Step) { heard_on.push_back(std::this_thread::get_id()); });
+  call.Then(
+      [&heard_on](const Outcome<Totals>&) { heard_on.push_back(std::this_thread::get_id()); });
+  link_.Pump();
+  const vorpc::Message::ID id = replies_.at(0)->GetRequestId();
+  std::thread([this, &id] {
+    link_.client->Receive(vorpc::Message::CreateNotification(
+        "$/progress", cw::EncodableMap{{"token", id.value},
+                                       {"value", cw::EncodableMap{{"done", 1}, {"of", 3}}}}));
+    link_.client->Receive(vorpc::Message::CreateResponse(
+        id, cw::EncodableMap{{"total", 3}, {"each", cw::EncodableList()}}));
+  }).join();
+  EXPECT_TRUE(heard_on.empty());
+  link_.Pump();
+  const auto here = std::this_thread::get_id();
+  EXPECT_THAT(heard_on, ElementsAre(here, here));
 }
 
 // What somebody else's client may be: it has no ids to tell.
@@ -579,6 +719,33 @@ TEST_F(CallerTest, EndsItsCallsAlsoWithAClientThatTellsNoIds) {
   EXPECT_EQ(*good.Get(), 1);
   EXPECT_EQ(late.GetReason(), CallReason::kTimedOut);
   EXPECT_EQ(late.Count(), 1U);
+  EXPECT_EQ(caller_->GetMetrics().methods.at("ping").bytes_received, 0U) << "a late answer counts";
+}
+
+// Answers what it is sent with the connection's end, which it tells in no other way.
+class DeadClient final : public PlainClient {
+ public:
+  using PlainClient::PlainClient;
+  bool HasConnectionFailed() const override { return failed_; }
+  void SendRequest(std::string_view /*method*/, const cw::EncodableValue& /*params*/,
+                   std::function<void(const vorpc::Message::Response&)>&& callback) override {
+    failed_ = true;
+    callback(vorpc::Message::Response(vorpc::Message::ID("1"),
+                                      vorpc::Message::Error(-32002, "it crashed")));
+  }
+
+ private:
+  bool failed_ = false;
+};
+
+TEST_F(CallerTest, LearnsOfTheConnectionsEndFromAnAnswer) {
+  caller_ = std::make_unique<tarv::Caller>(std::make_shared<DeadClient>(link_.client), link_.loop);
+  link_.server->Run();
+  link_.Pump();
+  const Ending<void> ending(caller_->Call(kPing));
+  link_.Pump();
+  EXPECT_EQ(ending.GetReason(), CallReason::kTaskKilled);
+  EXPECT_EQ(ending.GetText(), "'ping' of the task was sent and has no answer: it crashed");
 }
 
 // Answers each request before the operation that sends it returns.

@@ -19,6 +19,8 @@
 namespace tarv::test {
 namespace {
 
+using testing::AllOf;
+using testing::EndsWith;
 using testing::HasSubstr;
 using namespace std::chrono_literals;
 
@@ -143,8 +145,9 @@ TEST_F(Endings, ComeAfterTheEndOfAManagerAndNotInsideIt) {
   EXPECT_FALSE(ended);
   EXPECT_TRUE(WaitUntil([&ended] { return ended; }));
   EXPECT_THAT(End(caller.Call(mistakes::kPing)).GetError().what(),
-              HasSubstr("'ping' of the task 'misbehaving' was not sent: the ManagerWrapper that "
-                        "made its client was destroyed"));
+              AllOf(HasSubstr("'ping' of the task 'misbehaving' was not sent: the ManagerWrapper "
+                              "that made its client was destroyed"),
+                    EndsWith("destroy it after Caller and client")));
 }
 
 TEST_F(Endings, TellOfTheManagerToACallThatTheCallersEndFinds) {

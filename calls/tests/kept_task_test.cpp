@@ -82,6 +82,36 @@ TEST_F(KeptTaskTest, StartsAtTheFirstCall) {
   EXPECT_THAT(states_, ElementsAre(State::kStarting, State::kConnected));
 }
 
+TEST_F(KeptTaskTest, StartsOnceForManyCalls) {
+  Make();
+  std::vector<Ending<std::int32_t>> endings;
+  for (int i = 0; i < 3; ++i) {
+    endings.emplace_back(task_->Call(kNext));
+  }
+  loop_->Pump();
+  EXPECT_EQ(links_.size(), 1U);
+  for (const auto& ending : endings) {
+    EXPECT_EQ(*ending.Get(), 1);
+  }
+}
+
+TEST_F(KeptTaskTest, WaitsNoLongerThanTheLongestPause) {
+  KeepPolicy policy;
+  policy.restart = Restart::kAtOnce;
+  policy.first_pause = 4s;
+  policy.longest_pause = 10s;
+  Make(policy);
+  EXPECT_EQ(Ask(), 1);
+  for (const auto pause : {4s, 8s, 10s}) {
+    const std::size_t starts = links_.size();
+    Die();
+    loop_->Advance(pause - 1ms);
+    EXPECT_EQ(links_.size(), starts);
+    loop_->Advance(1ms);
+    EXPECT_EQ(links_.size(), starts + 1);
+  }
+}
+
 TEST_F(KeptTaskTest, DoesNotRunItsFactoryInsideCall) {
   Make();
   const auto call = task_->Call(kNext);
@@ -175,6 +205,11 @@ TEST_F(KeptTaskTest, GivesUpOnACrashLoopUntilTheWindowHasMovedOn) {
   EXPECT_EQ(ending.GetText(),
             "'ping' of the task 'words' was not sent: the task 'words' has died 5 times within "
             "180 s and is not started again for now; its last words: killed by SIGSEGV");
+  const auto changes = states_.size();
+  const Ending<void> again(task_->Call(kPing));
+  loop_->Pump();
+  EXPECT_EQ(again.GetReason(), CallReason::kCrashLoop);
+  EXPECT_EQ(states_.size(), changes) << "told again of what has not changed";
   loop_->Advance(3min);
   EXPECT_EQ(Ask(), 6);
 }

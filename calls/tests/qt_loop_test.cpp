@@ -75,6 +75,15 @@ TEST_F(QtLoop, WakesInTheOrderOfTimesAndNotBefore) {
   EXPECT_GE(woken - begin, 30ms);
 }
 
+TEST_F(QtLoop, WakesInTheOrderOfSettingAtOneTime) {
+  const auto time = loop_->Now() + 5ms;
+  for (int i = 0; i < 5; ++i) {
+    loop_->WakeAt(time, [this, i] { order_.push_back(i); });
+  }
+  RunUntil([this] { return order_.size() == 5; });
+  EXPECT_THAT(order_, ElementsAre(0, 1, 2, 3, 4));
+}
+
 TEST_F(QtLoop, WakesAfterAnotherWakeThatWasSetFromAThread) {
   loop_->WakeAt(loop_->Now() + 1h, [] {});
   std::thread other([this] { loop_->WakeAt(loop_->Now() + 5ms, [this] { order_.push_back(1); }); });

@@ -129,6 +129,39 @@ TEST_F(ServiceTest, TellsAHandlerOfACancellation) {
   EXPECT_EQ(told, 11);
   open.clear();
   EXPECT_EQ(link_.answered.back().GetResponse()->GetError()->code, -32800);
+  EXPECT_THAT(service_->GetMetrics().methods.at("ping").ends,
+              ElementsAre(testing::Pair("kCancelled", 1U)));
+}
+
+TEST_F(ServiceTest, CancelsNothingThatHasItsAnswer) {
+  KeepPings();
+  const auto call = caller_->Call(kPing);
+  link_.Pump();
+  const auto witness = std::make_shared<int>();
+  open_.at(0).OnCancel([witness] { ADD_FAILURE() << "cancelled after the answer"; });
+  open_.at(0).Answer();
+  EXPECT_EQ(witness.use_count(), 1) << "the callback is kept";
+  open_.at(0).OnCancel([witness] {});
+  EXPECT_EQ(witness.use_count(), 1) << "a callback is kept that never runs";
+  const std::string id = link_.sent.back().GetRequest()->id.value;
+  link_.client->SendNotify("$/cancelRequest", cw::EncodableMap{{"id", id}});
+  link_.Pump();
+  EXPECT_FALSE(open_.at(0).IsCancelled());
+}
+
+TEST_F(ServiceTest, ReportsNoStepAfterACancellation) {
+  std::vector<Request<Totals, Step>> open;
+  service_->On(kCount, [&open](const Texts&, const Request<Totals, Step>& request) {
+    open.push_back(request);
+  });
+  const auto call = caller_->Call(kCount, {});
+  link_.Pump();
+  call.Cancel();
+  link_.Pump();
+  const auto messages = link_.answered.size();
+  open.at(0).Progress({1, 2});
+  link_.Pump();
+  EXPECT_EQ(link_.answered.size(), messages);
 }
 
 TEST_F(ServiceTest, LogsASecondAnswer) {
@@ -291,6 +324,25 @@ TEST_F(ServiceTest, RunsAsManyAtATimeAsThereAreWorkers) {
   EXPECT_EQ(inside, 4);
 }
 
+TEST_F(ServiceTest, HandlesOnItsLoopWhatComesOnAnotherThread) {
+  std::vector<std::thread::id> handled_on;
+  service_->On(kPing, [&](const Request<void>& request) {
+    handled_on.push_back(std::this_thread::get_id());
+    request.OnCancel([&] { handled_on.push_back(std::this_thread::get_id()); });
+    open_.push_back(request);
+  });
+  std::thread([this] {
+    const vorpc::Message::ID id("x1");
+    link_.server->Receive(vorpc::Message::CreateRequest(id, "ping", {}));
+    link_.server->Receive(
+        vorpc::Message::CreateNotification("$/cancelRequest", cw::EncodableMap{{"id", "x1"}}));
+  }).join();
+  EXPECT_TRUE(handled_on.empty());
+  link_.Pump();
+  const auto here = std::this_thread::get_id();
+  EXPECT_THAT(handled_on, ElementsAre(here, here));
+}
+
 TEST_F(ServiceTest, LetsAWorkerSeeThatItWasCancelled) {
   tarv::Workers workers(1);
   std::atomic<bool> begun{false};
@@ -337,6 +389,29 @@ TEST_F(ServiceTest, AnswersWhatItsWorkersLeaveUndoneAsDropped) {
   const Ending<Totals> late(caller_->Call(kCount, {}));
   link_.Pump();
   EXPECT_THAT(late.Get().GetError().GetMessage(), HasSubstr("was dropped by its handler"));
+}
+
+TEST_F(ServiceTest, HasAtLeastOneWorker) {
+  tarv::Workers workers(0);
+  service_->On(kNext, workers, [] { return 7; });
+  const Ending<std::int32_t> ending(caller_->Call(kNext));
+  PumpUntilEnd(ending);
+  EXPECT_EQ(*ending.Get(), 7);
+}
+
+TEST_F(ServiceTest, DropsJobsThatComeWhileItsWorkersEnd) {
+  auto workers = std::make_unique<tarv::Workers>(1);
+  std::atomic<long> holders{0};
+  service_->On(kPing, *workers, [&workers, &holders] {
+    const auto post = workers->GetPost();
+    workers.reset();
+    const auto witness = std::make_shared<int>();
+    post([witness] { ADD_FAILURE() << "a job ran after the end"; });
+    holders = witness.use_count();
+  });
+  const Ending<void> ending(caller_->Call(kPing));
+  PumpUntilEnd(ending);
+  EXPECT_EQ(holders, 1) << "the job is kept";
 }
 
 TEST_F(ServiceTest, MayLoseItsWorkersInsideTheirHandler) {
