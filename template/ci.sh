@@ -6,7 +6,7 @@ cd "$(dirname "$(readlink -f "$0")")"
 
 if ! dpkg-query -W tarv-dev tarv-host > /dev/null 2>&1; then
   apt-get update
-  apt-get install -y --no-install-recommends g++ cmake make ./packages/tarv*.deb
+  apt-get install -y --no-install-recommends g++ cmake libgmock-dev make ./packages/tarv*.deb
 fi
 cmake -S . -B build/ci
 cmake --build build/ci

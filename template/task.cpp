@@ -1,39 +1,30 @@
 // The task: a process of its own, which answers the application's requests.
 #include <cw/plugin_registrar.h>
-#include <tarv/calls/service.h>
 #include <tarv/manager_wrapper.h>
 #include <veltra/host/run.h>
 
-#include <cstdint>
 #include <cstdlib>
 #include <memory>
-#include <numeric>
-#include <vector>
+#include <optional>
 
-#include "names.h"
+#include "adder.h"
 
 namespace {
 
 class Task : public cw::Plugin {
  public:
   explicit Task(cw::PluginRegistrar* registrar)
-      : manager_(tarv::ManagerWrapper::Create(registrar)),
-        service_(tarv::Service::For(manager_ ? manager_->CreateRpcServer() : nullptr)) {
-    if (!service_) {
+      : manager_(tarv::ManagerWrapper::Create(registrar)) {
+    const auto server = manager_ ? manager_->CreateRpcServer() : nullptr;
+    if (!server) {
       std::exit(EXIT_FAILURE);  // the log has said why
     }
-    service_->On(my_app::kAdd, [](const std::vector<std::int32_t>& numbers) {
-      if (numbers.empty()) {
-        throw tarv::RequestError(tarv::kInvalidParams, "expected numbers to add");
-      }
-      return std::accumulate(numbers.begin(), numbers.end(), std::int32_t{0});
-    });
-    service_->Run();
+    adder_.emplace(server);
   }
 
  private:
   std::unique_ptr<tarv::ManagerWrapper> manager_;
-  std::shared_ptr<tarv::Service> service_;
+  std::optional<my_app::Adder> adder_;
 };
 
 void Register(FlutterVeltraPluginContext* context) {

@@ -2,6 +2,7 @@
 #ifndef TARV_TESTING_SRC_LINK_H
 #define TARV_TESTING_SRC_LINK_H
 
+#include <tarv/testing/loopback.h>
 #include <tarv/testing/manual_loop.h>
 #include <tarv/testing/transcript.h>
 #include <vorpc/client.h>
@@ -10,10 +11,14 @@
 #include <array>
 #include <cstddef>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
+
+#include "link_client.h"
 
 namespace tarv::testing::details {
 
@@ -37,7 +42,9 @@ struct Fault {
 // thread, the rest from the loop's.
 class Link : public std::enable_shared_from_this<Link> {
  public:
-  Link(std::shared_ptr<ManualLoop> loop, std::string task_name, std::size_t max_message);
+  using MessageHandler = std::function<void(const vorpc::Message&)>;
+
+  Link(std::shared_ptr<ManualLoop> loop, const LoopbackOptions& options);
 
   // Makes both ends.
   void Open();
@@ -45,7 +52,7 @@ class Link : public std::enable_shared_from_this<Link> {
   void Close();
 
   const std::shared_ptr<ManualLoop>& GetLoop() const { return loop_; }
-  const std::shared_ptr<vorpc::IOwnedClient>& GetClient() const { return client_; }
+  const std::shared_ptr<LinkClient>& GetClient() const { return users_client_; }
   const std::shared_ptr<vorpc::IOwnedServer>& GetServer() const { return server_; }
   const std::shared_ptr<Transcript>& GetTranscript() const { return transcript_; }
 
@@ -54,6 +61,12 @@ class Link : public std::enable_shared_from_this<Link> {
 
   // The task has ended so; `how` goes on from its name: "was killed by ...".
   void EndTask(int code, const std::string& how, const std::string& last_words);
+  // A stopped task neither reads nor sends: what its handlers send is sent when it goes on.
+  void SetStopped(bool is_stopped);
+  // Messages to the task go to `handler` from now on.
+  void PlayTask(MessageHandler handler) { play_ = std::move(handler); }
+  void Send(Way way, const vorpc::Message& message);
+
   // The connection ends, after what has been sent; `note` is the transcript's line.
   void End(vorpc::Message::Error error, const std::string& note);
 
@@ -69,9 +82,11 @@ class Link : public std::enable_shared_from_this<Link> {
     Loop::Time last_due;
   };
 
-  void Send(Way way, const vorpc::Message& message);
   void Put(Way way, Parcel&& parcel, Duration delay);
-  bool IsTooLong(Way way, std::size_t size);
+  bool FitsBounds(Way way, std::size_t size);
+  bool BreaksQueue(Way way, std::size_t size) const;
+  void EndLocked(vorpc::Message::Error error, const std::string& note);
+  void Hand(Way way, const vorpc::Message& message) const;
   std::optional<Fault> TakeFault(Way way);
   std::optional<Parcel> TakeDue(Way way);
   void Deliver(Way way);
@@ -80,15 +95,19 @@ class Link : public std::enable_shared_from_this<Link> {
 
   const std::shared_ptr<ManualLoop> loop_;
   const std::shared_ptr<Transcript> transcript_ = std::make_shared<Transcript>();
-  const std::string task_name_;
-  const std::size_t max_message_;
+  const LoopbackOptions options_;
   const Loop::Time started_;
   std::shared_ptr<vorpc::IOwnedClient> client_;
+  std::shared_ptr<LinkClient> users_client_;
   std::shared_ptr<vorpc::IOwnedServer> server_;
+  MessageHandler play_;
 
   mutable std::mutex mutex_;  // guards what follows
   std::array<Lane, 2> lanes_;
   std::deque<std::shared_ptr<Fault>> faults_;
+  std::vector<vorpc::Message> unsent_;  // by a stopped task
+  std::size_t waiting_ = 0;             // bytes on their way to the task
+  bool is_stopped_ = false;
   bool has_ended_ = false;
 };
 

@@ -3,6 +3,7 @@
 #include <QtCore/QAbstractEventDispatcher>
 #include <QtCore/QCoreApplication>
 #include <QtCore/QEvent>
+#include <csignal>
 #include <utility>
 
 #include "link.h"
@@ -33,6 +34,13 @@ bool RunQtEvents() {
 
 }  // namespace
 
+void PumpWithQt(ManualLoop& loop) {
+  loop.Pump();
+  for (int round = 0; (RunQtEvents() || loop.HasWork()) && round < kMostRounds; ++round) {
+    loop.Pump();
+  }
+}
+
 NextMessage& NextMessage::Delay(Duration duration) {
   fault_->delay = duration;
   return *this;
@@ -59,9 +67,7 @@ NextMessage& NextMessage::Duplicate() {
 }
 
 Loopback::Loopback(const LoopbackOptions& options, std::shared_ptr<ManualLoop> loop)
-    : options_(options),
-      link_(std::make_shared<details::Link>(std::move(loop), options.task_name,
-                                            options.max_message)) {
+    : options_(options), link_(std::make_shared<details::Link>(std::move(loop), options)) {
   link_->Open();
 }
 
@@ -78,13 +84,7 @@ std::shared_ptr<Loop> Loopback::GetLoop() { return link_->GetLoop(); }
 
 ManualLoop& Loopback::GetManualLoop() const { return *link_->GetLoop(); }
 
-void Loopback::Pump() {
-  ManualLoop& loop = GetManualLoop();
-  loop.Pump();
-  for (int round = 0; (RunQtEvents() || loop.HasWork()) && round < kMostRounds; ++round) {
-    loop.Pump();
-  }
-}
+void Loopback::Pump() { PumpWithQt(GetManualLoop()); }
 
 void Loopback::Advance(Duration duration) {
   Pump();
@@ -101,6 +101,10 @@ std::size_t Loopback::CountUnusedFaults() const { return link_->CountUnusedFault
 void Loopback::KillTask(int signal) { KillTask(signal, {}); }
 
 void Loopback::KillTask(int signal, const std::string& last_words) {
+  if (signal == SIGSTOP || signal == SIGCONT) {
+    link_->SetStopped(signal == SIGSTOP);
+    return;
+  }
   link_->EndTask(kKilled, details::TextOfSignal(signal), last_words);
 }
 
@@ -118,6 +122,20 @@ void Loopback::HangUp() {
                                                         "' closed the connection, or has ended"),
              "the task closed the connection");
 }
+
+void Loopback::EndManager() {
+  link_->End(vorpc::Message::Error(kConnectionLost, "the manager was destroyed"),
+             "the application has destroyed its manager");
+  if (const auto client = link_->GetClient()) {
+    client->EndManager();
+  }
+}
+
+void Loopback::PlayTask(std::function<void(const vorpc::Message&)> on_message) {
+  link_->PlayTask(std::move(on_message));
+}
+
+void Loopback::SendAsTask(const vorpc::Message& message) { link_->Send(Way::kFromTask, message); }
 
 std::string Loopback::GetTranscript() const { return link_->GetTranscript()->GetText(); }
 

@@ -88,10 +88,12 @@ class OneAtATime {
 };
 
 // All that lives as long as the task, in the order in which it has to be there.
-class Session {
+class Session : public std::enable_shared_from_this<Session> {
  public:
   Session(const std::filesystem::path& program, const RealTaskOptions& options);
 
+  // Starts the task; the client and the process are then its.
+  void Start();
   // Whether the process has ended; keeps how. Once it is reaped, what was seen before holds.
   bool LookAtProcess();
   std::vector<std::string> FindLeftovers() const;
@@ -120,6 +122,7 @@ class Session {
   const std::string name_;
   const std::filesystem::path record_ = FindRecord();
   const std::size_t record_begin_ = SizeOf(record_);
+  int starts_ = 0;
   std::set<int> children_before_;
   std::map<int, std::string> descriptors_before_;
 };
@@ -137,10 +140,16 @@ Session::Session(const std::filesystem::path& program, const RealTaskOptions& op
   RunEvents();  // the event loop opens descriptors of its own
   descriptors_before_ = OpenDescriptors();
   children_before_ = Children();
-  client = manager->CreateIpcClient(program.filename().string());
+}
+
+void Session::Start() {
+  const std::set<int> children = Children();
+  process = 0;
+  exit.reset();
+  client = manager->CreateIpcClient(name_);
   HearOfTheEnd();
   for (const int child : Children()) {
-    process = children_before_.count(child) == 0 ? child : process;
+    process = children.count(child) == 0 ? child : process;
   }
 }
 
@@ -149,10 +158,12 @@ void Session::HearOfTheEnd() {
   if (!client) {
     return;
   }
-  // They do not outlive this object: it holds the client, which it lets go of first.
-  const auto hear = [this](const std::optional<vorpc::Message::Error>& error) {
-    if (error && !exit) {
-      exit = ExitIn(error->message);
+  // Others may hold the client longer.
+  const auto hear = [weak = weak_from_this(),
+                     start = ++starts_](const std::optional<vorpc::Message::Error>& error) {
+    const auto self = weak.lock();
+    if (self && error && !self->exit && self->starts_ == start) {
+      self->exit = ExitIn(error->message);
     }
   };
   client->OnConnected(hear);
@@ -206,7 +217,9 @@ std::vector<std::string> Session::FindLeftovers() const {
 RealTask::RealTask(const std::filesystem::path& program, const RealTaskOptions& options)
     : options_(options),
       name_(program.filename().string()),
-      session_(std::make_shared<details::Session>(program, options)) {}
+      session_(std::make_shared<details::Session>(program, options)) {
+  session_->Start();
+}
 
 RealTask::~RealTask() {
   if (session_->is_finished) {
@@ -218,6 +231,11 @@ RealTask::~RealTask() {
 }
 
 std::shared_ptr<vorpc::IClient> RealTask::GetClient() { return session_->client; }
+
+std::shared_ptr<vorpc::IClient> RealTask::StartAgain() {
+  session_->Start();
+  return session_->client;
+}
 
 std::shared_ptr<Loop> RealTask::GetLoop() { return Loop::OfThisThread(); }
 
@@ -258,6 +276,8 @@ void RealTask::KillTask(int signal) {
     ::kill(session_->process, signal);
   }
 }
+
+void RealTask::EndManager() { session_->manager.reset(); }
 
 std::optional<TaskExit> RealTask::WaitForExit() {
   if (!session_->is_finished) {

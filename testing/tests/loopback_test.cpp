@@ -143,6 +143,68 @@ TEST_F(LoopbackTest, SaysThatWhatADeadTaskSendsIsLost) {
   EXPECT_THAT(link.GetTranscript(), HasSubstr("<- result 2 5 (lost: the connection has ended)\n"));
 }
 
+TEST_F(LoopbackTest, StopsTheTaskAndLetsItGoOn) {
+  Connect();
+  link.GetServer()->OnRequest("stop", [this](const std::string&, const cw::EncodableValue&,
+                                             std::unique_ptr<vorpc::IReply>&& reply) {
+    link.KillTask(SIGSTOP);
+    reply->SendResult(1);
+  });
+  const auto stopped = link.Call("stop");
+  const auto behind = link.Call(kCount, {});
+  link.Advance(5s);
+  EXPECT_THAT(stopped, IsOpen());
+  EXPECT_THAT(behind, IsOpen());
+  link.KillTask(SIGCONT);
+  link.Pump();
+  EXPECT_THAT(stopped, Answers());
+  EXPECT_THAT(behind, Answers());
+  EXPECT_THAT(link.GetTranscript(), HasSubstr("-- the task is stopped\n"
+                                              "-- 5.0 s later\n"
+                                              "-- the task goes on\n"
+                                              "<- result 2 1\n"));
+}
+
+TEST_F(LoopbackTest, EndsTheConnectionWhenTooMuchWaits) {
+  Loopback small(LoopbackOptions().TaskName("counting").MaxQueue(5000));
+  const word_count::WordCount its_task(small.GetServer(), small.GetLoop());
+  small.KillTask(SIGSTOP);
+  const auto first = small.Call(kCount, {});
+  small.GetClient()->SendNotify("before it has connected", {});
+  small.KillTask(SIGCONT);
+  small.Pump();
+  small.KillTask(SIGSTOP);
+  const auto call = small.Call(kCount, {{std::string(3000, 'x')}});
+  const auto last = small.Call(kCount, {{std::string(3000, 'x')}});
+  small.Pump();
+  EXPECT_THAT(first, Answers());
+  EXPECT_THAT(call, ConnectionLost(HasSubstr("task 'counting' does not read: more than the 5000 "
+                                             "bytes that RUNTIME_MANAGER_MAX_QUEUE sets")));
+}
+
+TEST_F(LoopbackTest, EndsAsTheManagerDoes) {
+  Connect();
+  const auto call = link.Call(kWait);
+  link.Pump();
+  link.EndManager();
+  link.Pump();
+  EXPECT_THAT(call, EndsFor(tarv::CallReason::kReleased, HasSubstr("ManagerWrapper")));
+}
+
+TEST_F(LoopbackTest, LetsATestPlayTheTask) {
+  Loopback played;
+  std::vector<std::string> heard;
+  played.PlayTask([&](const vorpc::Message& message) {
+    heard.push_back(message.GetRequest()->method);
+    played.SendAsTask(vorpc::Message::CreateError(message.GetRequest()->id, 42, "not today", {}));
+  });
+  const auto call = played.Call(kWait);
+  played.Pump();
+  EXPECT_THAT(call, EndsFor(tarv::CallReason::kNeverConnected, HasSubstr("not today")));
+  EXPECT_THAT(heard, ::testing::Each("vorpc.connected"));
+  EXPECT_FALSE(heard.empty());
+}
+
 TEST_F(LoopbackTest, HangsUp) {
   Connect();
   const auto call = link.Call(kWait);

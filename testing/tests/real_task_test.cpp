@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest-spi.h>
+#include <tarv/calls/kept_task.h>
 #include <tarv/testing/matchers.h>
 #include <tarv/testing/real_task.h>
 #include <unistd.h>
@@ -10,6 +11,8 @@
 #include <cstdlib>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "word_count.h"
 
@@ -121,6 +124,29 @@ TEST(RealTask, TellsWhyItDidNotStart) {
   EXPECT_THAT(call, EndsFor(tarv::CallReason::kNotStarted, HasSubstr("nobody")));
   task.KillTask(SIGKILL);
   EXPECT_FALSE(task.WaitForExit());
+  EXPECT_THAT(task.Finish(), IsEmpty());
+}
+
+TEST(RealTask, StandsBehindAKeptTask) {
+  RealTask task(kWordCount, kPatient);
+  bool is_first = true;
+  {
+    tarv::KeptTask kept(
+        [&] { return std::exchange(is_first, false) ? task.GetClient() : task.StartAgain(); },
+        "word_count");
+    std::vector<std::string> ends;
+    const auto end_of = [&ends](const auto& outcome) {
+      ends.emplace_back(outcome ? "value" : tarv::NameOf(outcome.GetError().GetReason()));
+    };
+    kept.Call(kExit, 3, kLong).Then(end_of);
+    EXPECT_TRUE(task.WaitUntil([&ends] { return ends.size() == 1; }));
+    const int process = task.GetProcess();
+    EXPECT_EQ(task.WaitForExit()->status, 3);
+    kept.Call(kCount, {}, kLong).Then(end_of);
+    EXPECT_TRUE(task.WaitUntil([&ends] { return ends.size() == 2; }));
+    EXPECT_THAT(ends, ElementsAre("kTaskExited", "value"));
+    EXPECT_NE(task.GetProcess(), process);
+  }
   EXPECT_THAT(task.Finish(), IsEmpty());
 }
 

@@ -16,6 +16,7 @@
 #include <vorpc/server.h>
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -32,8 +33,11 @@ struct LoopbackOptions {
   std::string task_name = "task";
   // From the first call until the task has answered the handshake.
   Duration connect_timeout = std::chrono::seconds(10);
-  // The bound of a message in bytes, as it travels; one above it ends the connection.
+  // Bounds in bytes, as messages travel: of one message, on the application's side and on the
+  // task's, and of what waits for a task that does not read. What is above ends the connection.
   std::size_t max_message = std::size_t{256} << 20U;
+  std::size_t task_max_message = std::size_t{256} << 20U;
+  std::size_t max_queue = std::size_t{512} << 20U;
 
   LoopbackOptions TaskName(std::string value) const {
     LoopbackOptions changed = *this;
@@ -45,9 +49,20 @@ struct LoopbackOptions {
     changed.connect_timeout = value;
     return changed;
   }
+  // Of both sides.
   LoopbackOptions MaxMessage(std::size_t value) const {
     LoopbackOptions changed = *this;
-    changed.max_message = value;
+    changed.max_message = changed.task_max_message = value;
+    return changed;
+  }
+  LoopbackOptions TaskMaxMessage(std::size_t value) const {
+    LoopbackOptions changed = *this;
+    changed.task_max_message = value;
+    return changed;
+  }
+  LoopbackOptions MaxQueue(std::size_t value) const {
+    LoopbackOptions changed = *this;
+    changed.max_queue = value;
     return changed;
   }
 };
@@ -71,6 +86,10 @@ class NextMessage {
  private:
   std::shared_ptr<details::Fault> fault_;
 };
+
+// Pumps a loop and, where there is a QCoreApplication, Qt's events, until neither has anything left to
+// do at this time. For several Loopbacks on one loop.
+void PumpWithQt(ManualLoop& loop);
 
 // The client and the server are the ones that plug-ins and tasks get; only the socket between them is
 // played: what one sends reaches the other as text, at the next Pump, in order. Belongs to the
@@ -105,7 +124,8 @@ class Loopback final : public World {
 
   // The task ends: what it had sent arrives, then the application hears of the end as it would of a
   // real task's. `last_words` are the end of what it wrote to standard error. Nothing that the
-  // task's end does afterwards has an effect. A second end is none.
+  // task's end does afterwards has an effect. A second end is none. SIGSTOP does not end the task:
+  // it neither reads nor sends until SIGCONT.
   void KillTask(int signal) override;
   void KillTask(int signal, const std::string& last_words);
   void ExitTask(int status, const std::string& last_words = {});
@@ -113,6 +133,13 @@ class Loopback final : public World {
   void RefuseToStart(const std::string& why);
   // The task closes the connection, and runs on.
   void HangUp();
+  // What the end of the application's ManagerWrapper does.
+  void EndManager();
+
+  // Plays the task by hand, instead of the server: `on_message` gets what the application sends,
+  // and SendAsTask sends in the task's name. For a task that no server of this library would be.
+  void PlayTask(std::function<void(const vorpc::Message&)> on_message);
+  void SendAsTask(const vorpc::Message& message);
 
   std::string GetTranscript() const override;
   // Begins a new transcript; requests are still numbered on.

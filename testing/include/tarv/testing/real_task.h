@@ -78,6 +78,9 @@ class RealTask final : public World {
 
   std::shared_ptr<vorpc::IClient> GetClient() override;
   std::shared_ptr<Loop> GetLoop() override;
+  // Starts the task once more, in a process of its own, and returns its client, which takes the
+  // place of the earlier one; null as ManagerWrapper::CreateIpcClient. For a KeptTask's factory.
+  std::shared_ptr<vorpc::IClient> StartAgain();
 
   // Runs events until every call that was made through Call has ended, or patience has.
   void Pump() override;
@@ -91,6 +94,8 @@ class RealTask final : public World {
   // Any signal. One that ends the task is heard of with the next Pump. Does nothing when there is no
   // process any more.
   void KillTask(int signal) override;
+  // Destroys the ManagerWrapper of the application, which ends the task.
+  void EndManager();
   // Waits for the end of the process. Nothing while it runs after patience has ended.
   std::optional<TaskExit> WaitForExit();
   // What the task has written to standard error by now. (On the workstation.)
