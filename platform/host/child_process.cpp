@@ -12,6 +12,7 @@
 
 #include "process_exit.h"
 #include "support.h"
+#include "trace.h"
 
 namespace RuntimeManager::host {
 namespace {
@@ -43,16 +44,17 @@ int ChildProcess::Start(const SpawnRequest& request, Callbacks callbacks,
   if (error_number != 0) {
     return error_number;
   }
-  child->reset(
-      new ChildProcess(std::move(spawned), request.dies_with_starter, std::move(callbacks)));
+  child->reset(new ChildProcess(std::move(spawned), request, std::move(callbacks)));
+  (*child)->RecordStart(request);
   ProcessExit::Get().AddChild(*child);
   (*child)->Watch();
   return 0;
 }
 
-ChildProcess::ChildProcess(Spawned spawned, bool ends_with_starter, Callbacks callbacks)
+ChildProcess::ChildProcess(Spawned spawned, const SpawnRequest& request, Callbacks callbacks)
     : handle_(spawned.pid),
-      ends_with_starter_(ends_with_starter),
+      ends_with_starter_(request.dies_with_starter),
+      task_(QString::fromUtf8(request.task_name)),
       callbacks_(std::move(callbacks)),
       exec_status_(std::move(spawned.exec_status)),
       stderr_(std::move(spawned.stderr_pipe)) {
@@ -111,7 +113,11 @@ void ChildProcess::OnMaybeEnded() {
     return;
   }
   end_told_ = true;
-  DescribeEnd();
+  const std::optional<siginfo_t> info = handle_.GetEnd();
+  end_.succeeded = info && info->si_code == CLD_EXITED && info->si_status == 0;
+  end_.killed = info && info->si_code != CLD_EXITED;
+  end_.how = HowItEnded();
+  RecordEnd();
   StopWatching();
   if (exec_status_.IsValid()) {
     OnExecStatus();
@@ -146,12 +152,27 @@ void ChildProcess::FinishStderr() {
   }
 }
 
-void ChildProcess::DescribeEnd() {
+QString ChildProcess::HowItEnded() const {
   const std::optional<siginfo_t> info = handle_.GetEnd();
-  end_.succeeded = info && info->si_code == CLD_EXITED && info->si_status == 0;
-  end_.killed = info && info->si_code != CLD_EXITED;
-  end_.how = info ? Describe(*info) : QString("ended, and the application took its exit status,");
-  end_.how += " after " + DurationText(since_start_.elapsed());
+  return (info ? Describe(*info)
+               : QStringLiteral("ended, and the application took its exit status,")) +
+         " after " + DurationText(since_start_.elapsed());
+}
+
+void ChildProcess::RecordStart(const SpawnRequest& request) const {
+  if (!task_.isEmpty()) {
+    TraceEvent(task_, "start",
+               {{"process", GetPid()},
+                {"program", QString::fromUtf8(request.program)},
+                {"starter", QString::fromLocal8Bit(program_invocation_short_name)}});
+  }
+}
+
+// Whoever reaps it first does this, on whatever thread.
+void ChildProcess::RecordEnd() {
+  if (!task_.isEmpty() && !end_recorded_.exchange(true)) {
+    TraceEvent(task_, "end", {{"process", GetPid()}, {"reason", HowItEnded()}});
+  }
 }
 
 void ChildProcess::Abandon() {
@@ -244,7 +265,13 @@ void ChildProcess::Ending::Wait(int limit_ms) {
 }
 
 void ChildProcess::Ending::ForgetReaped() {
-  const auto is_reaped = [](ChildProcess* child) { return child->handle_.Reap(); };
+  const auto is_reaped = [](ChildProcess* child) {
+    const bool reaped = child->handle_.Reap();
+    if (reaped) {
+      child->RecordEnd();
+    }
+    return reaped;
+  };
   left_.erase(std::remove_if(left_.begin(), left_.end(), is_reaped), left_.end());
 }
 

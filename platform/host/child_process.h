@@ -8,6 +8,7 @@
 #include <QtCore/QObject>
 #include <QtCore/QString>
 #include <QtCore/QTimer>
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -69,7 +70,7 @@ class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
  private:
   class Ending;
 
-  ChildProcess(Spawned spawned, bool ends_with_starter, Callbacks callbacks);
+  ChildProcess(Spawned spawned, const SpawnRequest& request, Callbacks callbacks);
   void Watch();
   void WatchEventLoop();
   void OnEventLoopGone();
@@ -77,10 +78,13 @@ class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
   void OnMaybeEnded();
   void StopWatching();
   void FinishStderr();
-  void DescribeEnd();
+  QString HowItEnded() const;
+  void RecordStart(const SpawnRequest& request) const;
+  void RecordEnd();
 
   ChildHandle handle_;
   const bool ends_with_starter_;
+  const QString task_;  // empty for a program that is no task
   const std::thread::id thread_ = std::this_thread::get_id();
   Callbacks callbacks_;
   UniqueFd exec_status_;
@@ -94,6 +98,7 @@ class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
   ChildEnd end_;
   bool running_told_ = false;
   bool end_told_ = false;
+  std::atomic<bool> end_recorded_{false};
 };
 
 }  // namespace RuntimeManager::host

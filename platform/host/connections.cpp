@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <QtCore/QObject>
 #include <map>
@@ -68,6 +69,14 @@ Error CheckPeer(int socket) {
               .arg(ProcessText(peer.pid))
               .arg(peer.uid)
               .arg(::geteuid())};
+}
+
+QJsonObject ConnectionFacts(int socket) {
+  ucred peer{};
+  socklen_t size = sizeof(peer);
+  const bool known = ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 &&
+                     peer.pid != ::getpid() && peer.pid > 0;
+  return known ? QJsonObject{{"process", peer.pid}} : QJsonObject();
 }
 
 bool IsOfFirstProcess(int listening, int socket) {

@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <QtCore/QElapsedTimer>
+#include <QtCore/QJsonObject>
 #include <QtCore/QSocketNotifier>
 #include <QtCore/QString>
 #include <QtCore/QTimer>
@@ -27,6 +28,10 @@ QString ProcessText(pid_t process);
 // be seen from here, because its pid namespace is another, is let in as the first, but no second
 // time. Any thread.
 bool IsOfFirstProcess(int listening, int socket);
+
+// For the record: the other process of a connection, where the system tells. The connection that a
+// starter makes to a socket of its own tells only the starter.
+QJsonObject ConnectionFacts(int socket);
 
 // Accepts connections of this user on a listening socket; those of other users are closed at once.
 // It goes on when the process is short of descriptors or memory: it waits and tries again. Belongs

@@ -12,6 +12,7 @@
 
 #include "connections.h"
 #include "socket_folder.h"
+#include "support.h"
 
 namespace RuntimeManager::host {
 
@@ -28,6 +29,10 @@ inline const QString kUri = QStringLiteral("uri");
 
 // No error when `name` can be an intent's, and this process may use intents at all.
 Error CheckIntent(const QString& name);
+
+// An owner that has not answered by then has forgotten the reply, most likely.
+constexpr NumberRule kIntentTimeoutRule{"RUNTIME_MANAGER_INTENT_TIMEOUT", "seconds", 30,
+                                        std::size_t{24} * 60 * 60};
 
 // No error when an owner of the intent `name` may get `parameters`, its second object.
 Error CheckParameters(const QString& name, const QJsonObject& parameters);

@@ -18,15 +18,9 @@ namespace RuntimeManager {
 namespace host {
 namespace {
 
-// An owner that has not answered by then has forgotten the reply, most likely.
-constexpr std::size_t kDefaultTimeout = 30;
-constexpr std::size_t kLongestTimeout = std::size_t{24} * 60 * 60;
 constexpr int kShownOfOwnersText = 1000;
 
-std::chrono::seconds Timeout() {
-  return std::chrono::seconds(
-      NumberFrom("RUNTIME_MANAGER_INTENT_TIMEOUT", "seconds", kDefaultTimeout, kLongestTimeout));
-}
+std::chrono::seconds Timeout() { return std::chrono::seconds(NumberFrom(kIntentTimeoutRule)); }
 
 Error CheckInvocation(const QString& name, const QJsonObject& second) {
   const Error refusal = CheckIntent(name);

@@ -8,6 +8,7 @@
 #include <optional>
 #include <utility>
 
+#include "connections.h"
 #include "envelope.h"
 #include "plain_text.h"
 #include "process_exit.h"
@@ -55,6 +56,7 @@ void LineChannel::Attach(UniqueFd socket) {
     return;
   }
   socket_ = socket.Get();
+  TraceEvent(task_, "connection", ConnectionFacts(socket_));
   readable_ = std::make_unique<QuietNotifier>(
       socket_, [this] { OnReadable(); }, QuietNotifier::Use::kOften);
   writable_ = std::make_unique<QSocketNotifier>(socket_, QSocketNotifier::Write);

@@ -4,6 +4,8 @@
 
 #include <cstddef>
 
+#include "support.h"
+
 namespace RuntimeManager::host {
 
 constexpr std::size_t kMiB = std::size_t{1} << 20U;
@@ -17,6 +19,11 @@ constexpr std::size_t kLargestMaxMessage = 512 * kMiB;
 constexpr std::size_t kDefaultMaxQueue = 512 * kMiB;
 // A queue holds many buffers; only its sum is bounded, so that it cannot overflow.
 constexpr std::size_t kLargestMaxQueue = std::size_t{1} << 40U;
+
+constexpr NumberRule kMaxMessageRule{"RUNTIME_MANAGER_MAX_MESSAGE", "bytes", kDefaultMaxMessage,
+                                     kLargestMaxMessage};
+constexpr NumberRule kMaxQueueRule{"RUNTIME_MANAGER_MAX_QUEUE", "bytes", kDefaultMaxQueue,
+                                   kLargestMaxQueue};
 
 struct Limits {
   std::size_t max_message = kDefaultMaxMessage;  // RUNTIME_MANAGER_MAX_MESSAGE

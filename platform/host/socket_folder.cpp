@@ -8,9 +8,7 @@
 
 #include <QtCore/QDir>
 #include <QtCore/QFile>
-#include <QtCore/QStringList>
 #include <algorithm>
-#include <cstdio>
 #include <ctime>
 #include <memory>
 #include <mutex>
@@ -91,28 +89,33 @@ bool IsDead(const SocketFolder& folder, const QString& file) {
 }
 
 void Sweep(const SocketFolder& folder) {
-  // A descriptor of its own: the position in the folder is part of what a duplicate shares.
-  UniqueFd own(::openat(folder.Descriptor(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  const std::unique_ptr<DIR, CloseDirectory> directory(own.IsValid() ? ::fdopendir(own.Get())
-                                                                     : nullptr);
-  if (directory == nullptr) {
+  const auto names = folder.ListNames();
+  if (!names) {
     Warn(QString("cannot look for left-behind sockets in '%1': %2")
              .arg(folder.PathOf("."), ErrnoText(errno)));
     return;
   }
-  own.Release();
-  std::vector<QString> dead;
-  // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is this call's own
-  while (const dirent* entry = ::readdir(directory.get())) {
-    const QString name = QString::fromUtf8(entry->d_name);
+  for (const QString& name : *names) {
     if (IsDead(folder, name)) {
-      dead.push_back(name);
+      folder.Remove(name);
     }
   }
-  for (const QString& name : dead) {
-    folder.Remove(name);
-  }
 }
+
+// Where the folder of the tasks lies.
+struct Place {
+  Place()
+      : runtime(QString::fromUtf8(Variable("XDG_RUNTIME_DIR"))),
+        // A relative path would mean another folder in every process.
+        is_set(runtime.startsWith('/')),
+        parent(is_set ? runtime : TemporaryFolder()),
+        name(is_set ? kFolderName : kFolderName + '-' + QString::number(::geteuid())) {}
+
+  const QString runtime;
+  const bool is_set;
+  const QString parent;
+  const QString name;
+};
 
 bool IsFirstUse(const QString& path) {
   static std::mutex mutex;
@@ -180,20 +183,18 @@ SocketFolder SocketFolder::OpenIn(int parent, const QString& parent_path, const 
 }
 
 SocketFolder SocketFolder::OpenTasks(Error* error) {
-  const QString runtime = QString::fromUtf8(Variable("XDG_RUNTIME_DIR"));
-  // A relative path would mean another folder in every process.
-  const bool is_set = runtime.startsWith('/');
-  const QString parent_path = is_set ? runtime : TemporaryFolder();
-  const QString name = is_set ? kFolderName : kFolderName + '-' + QString::number(::geteuid());
-  const UniqueFd parent(::open(parent_path.toUtf8().constData(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  const Place place;
+  const UniqueFd parent(
+      ::open(place.parent.toUtf8().constData(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!parent.IsValid()) {
-    const QString why = QString("cannot be made, because '%1' (%2) cannot be opened: %3")
-                            .arg(parent_path, is_set ? "XDG_RUNTIME_DIR" : "the temporary folder",
-                                 ErrnoText(errno));
-    *error = FolderError(parent_path + '/' + name, why);
+    const QString why =
+        QString("cannot be made, because '%1' (%2) cannot be opened: %3")
+            .arg(place.parent, place.is_set ? "XDG_RUNTIME_DIR" : "the temporary folder",
+                 ErrnoText(errno));
+    *error = FolderError(place.parent + '/' + place.name, why);
     return {};
   }
-  SocketFolder folder = OpenIn(parent.Get(), parent_path, name, error);
+  SocketFolder folder = OpenIn(parent.Get(), place.parent, place.name, error);
   if (folder.IsValid() && IsFirstUse(folder.path_)) {
     Sweep(folder);
   }
@@ -206,6 +207,39 @@ SocketFolder SocketFolder::OpenIntents(Error* error) {
     return {};
   }
   return OpenIn(tasks.Descriptor(), tasks.path_, QStringLiteral("intents"), error);
+}
+
+QString SocketFolder::TasksPath() {
+  const Place place;
+  return QDir::cleanPath(place.parent + '/' + place.name);
+}
+
+SocketFolder SocketFolder::Look(const QString& path) {
+  UniqueFd folder(
+      ::open(path.toUtf8().constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  return {std::move(folder), path};
+}
+
+Error SocketFolder::Check() const { return CheckFolder(Descriptor(), path_); }
+
+std::optional<std::vector<QString>> SocketFolder::ListNames() const {
+  // A descriptor of its own: the position in the folder is part of what a duplicate shares.
+  UniqueFd own(::openat(Descriptor(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const std::unique_ptr<DIR, CloseDirectory> directory(own.IsValid() ? ::fdopendir(own.Get())
+                                                                     : nullptr);
+  if (directory == nullptr) {
+    return std::nullopt;
+  }
+  own.Release();
+  std::vector<QString> names;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is this call's own
+  while (const dirent* entry = ::readdir(directory.get())) {
+    QString name = QString::fromUtf8(entry->d_name);
+    if (name != "." && name != "..") {
+      names.push_back(std::move(name));
+    }
+  }
+  return names;
 }
 
 UniqueFd SocketFolder::Listen(const QString& name, Error* error) const {

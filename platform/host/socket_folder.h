@@ -5,6 +5,8 @@
 #include <RuntimeManager/Error.h>
 
 #include <QtCore/QString>
+#include <optional>
+#include <vector>
 
 #include "socket_file.h"
 #include "unique_fd.h"
@@ -20,6 +22,11 @@ class SocketFolder {
   static SocketFolder OpenTasks(Error* error);
   // intents/ in the folder of the tasks.
   static SocketFolder OpenIntents(Error* error);
+  // The folder at `path` as it is: nothing is made, removed or checked. Invalid, with errno set, when
+  // it cannot be opened.
+  static SocketFolder Look(const QString& path);
+  // The path of the folder of the tasks, whether it is there or not.
+  static QString TasksPath();
 
   bool IsValid() const { return folder_.IsValid(); }
   int Descriptor() const { return folder_.Get(); }
@@ -38,6 +45,10 @@ class SocketFolder {
   // error number when that cannot be told.
   int Probe(const QString& name) const;
   void Remove(const QString& name) const;
+  // What there is in the folder, but "." and ".."; none, with errno set, when it cannot be read.
+  std::optional<std::vector<QString>> ListNames() const;
+  // No error when the folder is the user's and closed to others.
+  Error Check() const;
 
  private:
   SocketFolder() = default;

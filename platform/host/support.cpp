@@ -199,21 +199,29 @@ QByteArray Variable(const char* name) {
   return value == nullptr ? QByteArray() : QByteArray(value);
 }
 
-std::size_t NumberFrom(const char* name, const char* unit, std::size_t by_default,
-                       std::size_t largest) {
-  const QByteArray text = Variable(name);
+std::optional<std::size_t> NumberOf(const QByteArray& text, std::size_t largest) {
   bool is_number = false;
   const qulonglong value = text.toULongLong(&is_number, 10);
-  if (is_number && value >= 1 && value <= largest) {
-    return value;
+  return is_number && value >= 1 && value <= largest ? std::optional<std::size_t>(value)
+                                                     : std::nullopt;
+}
+
+QString WhyNoNumber(const NumberRule& rule, const QByteArray& text) {
+  return QString("%1 is '%2': it must be a number of %3 from 1 to %4; the default of %5 holds")
+      .arg(rule.variable, EscapedHead(text, kShownOfValue), rule.unit)
+      .arg(rule.largest)
+      .arg(rule.by_default);
+}
+
+std::size_t NumberFrom(const NumberRule& rule) {
+  const QByteArray text = Variable(rule.variable);
+  if (const auto number = NumberOf(text, rule.largest)) {
+    return *number;
   }
-  if (!text.isEmpty() && IsFirstTime(name + ('=' + text))) {
-    Warn(QString("%1 is '%2': it must be a number of %3 from 1 to %4; the default of %5 holds")
-             .arg(name, EscapedHead(text, kShownOfValue), unit)
-             .arg(largest)
-             .arg(by_default));
+  if (!text.isEmpty() && IsFirstTime(rule.variable + ('=' + text))) {
+    Warn(WhyNoNumber(rule, text));
   }
-  return by_default;
+  return rule.by_default;
 }
 
 void Post(QObject* context, std::function<void()> call) {

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <functional>
+#include <optional>
 
 namespace RuntimeManager::host {
 
@@ -48,10 +49,19 @@ Error CheckName(const QString& kind, const QString& name, int longest);
 // The value of an environment variable; empty when it is unset.
 QByteArray Variable(const char* name);
 
-// The whole number that a variable sets, from 1 to `largest`; `by_default` when it is unset. So it is
-// for any other value, after one warning in the life of the process; `unit` says what is counted.
-std::size_t NumberFrom(const char* name, const char* unit, std::size_t by_default,
-                       std::size_t largest);
+// A whole number from 1 to `largest` that a variable may set; `unit` says what is counted.
+struct NumberRule {
+  const char* variable;
+  const char* unit;
+  std::size_t by_default;
+  std::size_t largest;
+};
+// What the variable sets; the default when it is unset, and for any other value, after one warning
+// in the life of the process.
+std::size_t NumberFrom(const NumberRule& rule);
+// The number in a variable's text; none when it breaks the rule.
+std::optional<std::size_t> NumberOf(const QByteArray& text, std::size_t largest);
+QString WhyNoNumber(const NumberRule& rule, const QByteArray& text);
 
 // Calls a function that reports failure as -1 again as long as a signal interrupts it.
 template <typename Call>

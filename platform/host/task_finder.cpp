@@ -13,7 +13,30 @@
 namespace RuntimeManager::host {
 namespace {
 
-// Says what is wrong with the file at `path`; empty when it is a program, or when there is no file.
+QStringList FoldersOf(const char* variable) {
+  return QString::fromUtf8(Variable(variable)).split(':', Qt::SkipEmptyParts);
+}
+
+// Where tasks are installed, from the place of this library, so that what is installed can be moved.
+// An application's folder may hold a link to the library.
+QString InstalledTasks() {
+  Dl_info library{};
+  ::dladdr(reinterpret_cast<const void*>(&FindTask), &library);
+  const QString folder = QFileInfo(QFile::decodeName(library.dli_fname)).canonicalPath();
+  return QDir::cleanPath(folder + "/" TARV_TASKS_FROM_LIBRARY);
+}
+
+Error NotFound(const QString& name, const QStringList& folders, const QStringList& obstacles) {
+  const QString found =
+      obstacles.isEmpty() ? QString("there is no such executable") : obstacles.join("; ");
+  return {Error::kTaskNotFound,
+          QString("the task '%1' cannot be started: %2; looked in: %3 (RUNTIME_MANAGER_TASK_PATH "
+                  "adds folders)")
+              .arg(name, found, folders.join(", "))};
+}
+
+}  // namespace
+
 QString WhyNotProgram(const QString& path, bool* exists) {
   struct stat facts {};
   const QByteArray name = path.toUtf8();
@@ -30,36 +53,12 @@ QString WhyNotProgram(const QString& path, bool* exists) {
   return QString("'%1' is not executable: run chmod +x on it").arg(path);
 }
 
-QStringList FoldersOf(const char* variable) {
-  return QString::fromUtf8(Variable(variable)).split(':', Qt::SkipEmptyParts);
-}
-
-// Where tasks are installed, from the place of this library, so that what is installed can be moved.
-// An application's folder may hold a link to the library.
-QString InstalledTasks() {
-  Dl_info library{};
-  ::dladdr(reinterpret_cast<const void*>(&FindTask), &library);
-  const QString folder = QFileInfo(QFile::decodeName(library.dli_fname)).canonicalPath();
-  return QDir::cleanPath(folder + "/" TARV_TASKS_FROM_LIBRARY);
-}
-
 QStringList TaskFolders() {
   QStringList folders = FoldersOf("RUNTIME_MANAGER_TASK_PATH");
   const QString executable = QFileInfo("/proc/self/exe").symLinkTarget();
   folders << QFileInfo(executable).path() + "/tasks" << InstalledTasks();
   return folders;
 }
-
-Error NotFound(const QString& name, const QStringList& folders, const QStringList& obstacles) {
-  const QString found =
-      obstacles.isEmpty() ? QString("there is no such executable") : obstacles.join("; ");
-  return {Error::kTaskNotFound,
-          QString("the task '%1' cannot be started: %2; looked in: %3 (RUNTIME_MANAGER_TASK_PATH "
-                  "adds folders)")
-              .arg(name, found, folders.join(", "))};
-}
-
-}  // namespace
 
 QString FindTask(const QString& name, Error* error) {
   *error = CheckName("a task", name, kMaxTaskName);

@@ -75,16 +75,25 @@ int OpenTrace() {
   return file.Release();
 }
 
-// "name":"text", with the text escaped.
-QByteArray Member(const char* name, const QString& text) {
-  const QByteArray object = QJsonDocument(QJsonObject{{name, text}}).toJson(QJsonDocument::Compact);
-  return object.mid(1, object.size() - 2);
+QByteArray Compact(const QJsonObject& object) {
+  return QJsonDocument(object).toJson(QJsonDocument::Compact);
+}
+
+// Without the braces.
+QByteArray Members(const QJsonObject& object) {
+  const QByteArray text = Compact(object);
+  return text.mid(1, text.size() - 2);
+}
+
+QByteArray Head(const QString& task, long long time) {
+  return "{\"time\":" + QByteArray::number(time) + ",\"pid\":" + QByteArray::number(::getpid()) +
+         ',' + Members({{"task", task}});
 }
 
 // The line up to the value of its last member.
-QByteArray Head(const QString& task, Direction direction, long long time, const char* last) {
-  return "{\"time\":" + QByteArray::number(time) + ",\"pid\":" + QByteArray::number(::getpid()) +
-         ',' + Member("task", task) +
+QByteArray MessageHead(const QString& task, Direction direction, long long time,
+                       const QByteArray& last) {
+  return Head(task, time) +
          ",\"direction\":" + (direction == Direction::kSend ? "\"send\"" : "\"receive\"") + ',' +
          last;
 }
@@ -141,14 +150,15 @@ long long RecordTime() {
 void Trace(const QString& task, Direction direction, std::initializer_list<std::string_view> json,
            long long time) {
   if (IsRecorded()) {
-    Write(RecordFile(), Head(task, direction, time == 0 ? RecordTime() : time, "\"envelope\":"),
-          json);
+    Write(RecordFile(),
+          MessageHead(task, direction, time == 0 ? RecordTime() : time, "\"envelope\":"), json);
   }
 }
 
 void TraceFault(const QString& task, Direction direction, const QString& fault) {
   if (IsRecorded()) {
-    Write(RecordFile(), Head(task, direction, RecordTime(), Member("fault", fault)), {});
+    Write(RecordFile(), MessageHead(task, direction, RecordTime(), Members({{"fault", fault}})),
+          {});
   }
 }
 
@@ -162,6 +172,14 @@ void TraceLinesSent(const QString& task, std::string_view bytes, std::size_t fro
     const std::size_t begin = before == std::string_view::npos ? 0 : before + 1;
     Trace(task, Direction::kSend, {bytes.substr(begin, end - begin)}, time);
   }
+}
+
+void TraceEvent(const QString& task, const char* event, const QJsonObject& more) {
+  if (!IsRecorded()) {
+    return;
+  }
+  const QByteArray head = Head(task, RecordTime()) + ",\"event\":\"" + event + '"';
+  Write(RecordFile(), more.isEmpty() ? head : head + ',' + Members(more), {});
 }
 
 }  // namespace RuntimeManager::host

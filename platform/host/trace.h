@@ -2,6 +2,7 @@
 #ifndef RUNTIME_MANAGER_HOST_TRACE_H
 #define RUNTIME_MANAGER_HOST_TRACE_H
 
+#include <QtCore/QJsonObject>
 #include <QtCore/QString>
 #include <cstddef>
 #include <initializer_list>
@@ -23,6 +24,10 @@ void Trace(const QString& task, Direction direction, std::initializer_list<std::
 // The same for the lines that end between `from` and `to` in bytes that begin with a line.
 void TraceLinesSent(const QString& task, std::string_view bytes, std::size_t from, std::size_t to,
                     long long time);
+
+// Appends a line for something that has happened to the task: "start", "end" or "connection". The
+// members of `more` say what about it. Does nothing when there is no record.
+void TraceEvent(const QString& task, const char* event, const QJsonObject& more);
 
 // Appends a line that says which fault struck a message on this way, or the task: `fault` in place of
 // the message.

@@ -103,8 +103,13 @@ TEST_F(ProcessTest, IgnoresAnActivationThatWasMeantForAnother) {
 
 // The record of one envelope that a starter sent to the task "echo", and its way back.
 void ExpectRecordOfEcho(const QByteArray& trace, const QJsonObject& envelope) {
-  QList<QByteArray> lines = trace.split('\n');
-  EXPECT_EQ(lines.takeLast(), "");
+  QList<QByteArray> lines;
+  for (const QByteArray& line : trace.split('\n')) {
+    if (line.contains("\"direction\":")) {
+      lines << line;
+    }
+  }
+  EXPECT_TRUE(trace.endsWith('\n'));
   ASSERT_EQ(lines.size(), 4);
   // Two processes write it: the lines are in their order by the time.
   std::map<qint64, QJsonObject> records;
@@ -135,6 +140,50 @@ TEST_F(ProcessTest, RecordsEveryEnvelopeOfBothProcesses) {
   Process starter(HELPER, {"talk", "echo"});
   EXPECT_EQ(starter.Wait(), 0);
   ExpectRecordOfEcho(ReadFile(PathOf("trace")), Data("hello \"you\""));
+}
+
+// The lines of the record that tell of events, in their order by the time.
+std::vector<QJsonObject> EventsOf(const QByteArray& trace) {
+  std::map<qint64, QJsonObject> events;
+  for (const QByteArray& line : trace.split('\n')) {
+    const QJsonObject record = QJsonDocument::fromJson(line).object();
+    if (record.contains("event")) {
+      events[static_cast<qint64>(record["time"].toDouble())] = record;
+    }
+  }
+  std::vector<QJsonObject> ordered;
+  for (const auto& [time, event] : events) {
+    ordered.push_back(event);
+  }
+  return ordered;
+}
+
+// The starter's connection is made before the task's process, and taken when it talks.
+TEST_F(ProcessTest, RecordsTheStartTheConnectionsAndTheEndOfATask) {
+  const ScopedVariable trace("RUNTIME_MANAGER_TRACE", PathOf("trace").toUtf8());
+  AddHelperTask("echo");
+  Process starter(HELPER, {"talk", "echo"});
+  EXPECT_EQ(starter.Wait(), 0);
+  const auto events = EventsOf(ReadFile(PathOf("trace")));
+  ASSERT_EQ(events.size(), 4U);
+  EXPECT_EQ(events[0]["event"], "start");
+  EXPECT_EQ(events[0]["starter"], "platform_helper");
+  EXPECT_EQ(events[0]["program"], PathOf("tasks/echo"));
+  int of_task = 0;
+  for (const QJsonObject& connection : {events[1], events[2]}) {
+    EXPECT_EQ(connection["event"], "connection");
+    if (connection["pid"] == events[0]["process"]) {
+      ++of_task;
+      EXPECT_EQ(connection["process"], events[0]["pid"]);
+    }
+  }
+  EXPECT_EQ(of_task, 1);
+  EXPECT_EQ(events[3]["event"], "end");
+  EXPECT_EQ(events[3]["process"], events[0]["process"]);
+  EXPECT_NE(events[3]["reason"].toString(), "");
+  for (const QJsonObject& event : events) {
+    EXPECT_EQ(event["task"], "echo");
+  }
 }
 
 TEST_F(ProcessTest, RecordsATextAsTheEnvelopeThatItIs) {
