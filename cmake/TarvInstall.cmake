@@ -1,6 +1,6 @@
 # What is installed, by component: runtime (the library), dev (headers, CMake and pkg-config files, the
 # layers above the library), host (the workstation's embedder and runtime manager, with their
-# headers), doc. The headers are those of the header file sets, so a new library is taken in by
+# headers), tools (tarvctl), doc. The headers are those of the header file sets, so a new library is taken in by
 # having one; a static library that links tarv::tarv is a layer.
 include(CMakePackageConfigHelpers)
 include(TarvHeaders)
@@ -100,6 +100,18 @@ configure_file(cmake/tarv-new.in "${made}/tarv-new" @ONLY)
 install(PROGRAMS "${made}/tarv-new" TYPE BIN COMPONENT dev)
 install(DIRECTORY template/ DESTINATION "${CMAKE_INSTALL_DATADIR}/tarv/template" COMPONENT dev
   USE_SOURCE_PERMISSIONS)
+
+if(TARGET tarvctl)
+  # It runs on the libraries' own folder, and is there wherever they are.
+  file(RELATIVE_PATH libraries_from_bin "${CMAKE_INSTALL_FULL_BINDIR}"
+    "${CMAKE_INSTALL_FULL_LIBDIR}/tarv")
+  set_target_properties(tarvctl PROPERTIES INSTALL_RPATH "$ORIGIN/${libraries_from_bin}")
+  install(TARGETS tarvctl RUNTIME COMPONENT tools)
+  install(FILES "${TARVCTL_GENERATED}/tarvctl.bash" RENAME tarvctl COMPONENT tools
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions")
+  install(DIRECTORY "${TARVCTL_GENERATED}/man/" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1"
+    COMPONENT tools)
+endif()
 
 configure_file(cmake/uninstall.cmake.in "${made}/uninstall.cmake" @ONLY)
 include(TarvPackages)

@@ -10,6 +10,9 @@ set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_GENERATOR DEB TGZ)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_ALL runtime dev host doc)
+if(TARGET tarvctl)
+  list(APPEND CPACK_COMPONENTS_ALL tools)
+endif()
 set(CPACK_ARCHIVE_COMPONENT_INSTALL OFF)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -34,6 +37,9 @@ tarv_package(dev tarv-dev libdevel "tarv (${same}), qtbase5-dev (>= 5.15.1)"
   "This package holds the headers, and what CMake and pkg-config need.")
 tarv_package(host tarv-host libs "${libraries}"
   "This package holds the runtime manager and the embedder of a workstation, with\ntheir headers.")
+tarv_package(tools tarv-tools devel
+  "${libraries}, libedit2 (>= 3.1), tarv (${same}), tarv-host (${same})"
+  "This package holds tarvctl, which talks to tasks by hand, and shows records of\nwhat was said.")
 tarv_package(doc tarv-doc doc ""
   "This package holds the documentation.")
 set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)

@@ -139,6 +139,7 @@ QuarnResult RpcClientImpl::HandleStartTask(_TARVRpcClientRef* client, const char
 
 void RpcClientImpl::StartTask(const std::string& task_name, const std::string& libs_path) {
   task_.reset(new RuntimeManager::Task(QString::fromStdString(task_name), nullptr));
+  message_log_ = details::MessageLog::Create(task_name);
   task_->withIpcSocket(true);
   task_->withArguments({QStringLiteral("--libs-path"), QString::fromStdString(libs_path)});
   details::ConnectFinished(task_.get(), [client = GetRef()](const RuntimeManager::Error& error) {
@@ -188,6 +189,9 @@ void RpcClientImpl::OnMessageReceived(const QJsonObject& object) {
 }
 
 void RpcClientImpl::OnTextReceived(QByteArray& text) {
+  if (message_log_ != nullptr) {
+    message_log_->OnReceived({text.constData(), static_cast<std::size_t>(text.size())});
+  }
   details::DeliverText(text, texts_, listener_.get());
 }
 
@@ -197,6 +201,11 @@ QuarnResult RpcClientImpl::HandleSendMessage(_TARVRpcClientRef* client, const ch
     return QUARN_RESULT_REFUSED;
   }
   const std::string_view text = quarn::FindView(quarn::TextWay::kOut, message);
+  if (details::MessageLog::IsOn()) {
+    if (const auto self = FromRef(client)) {
+      self->message_log_->OnSent(text);
+    }
+  }
   return details::SendText(*messaging, text) ? QUARN_RESULT_SUCCESS : QUARN_RESULT_REFUSED;
 }
 

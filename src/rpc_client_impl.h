@@ -17,6 +17,7 @@
 #include <string>
 
 #include "channel.h"
+#include "message_log.h"
 #include "platform_object.h"
 #include "received_texts.h"
 
@@ -114,6 +115,7 @@ class RpcClientImpl final : public quarn::Object<RpcClientImpl, _TARVRpcClientRe
   details::PlatformPtr<RuntimeManager::Task> task_;
   Channel channel_;
   std::shared_ptr<RpcClientListener> listener_;
+  std::unique_ptr<details::MessageLog> message_log_;  // null unless it is asked for
   std::atomic<std::uint32_t> state_{kIdle};
   std::mutex stop_mutex_;  // guards stop_listener_, which is taken out exactly once
   std::shared_ptr<StopListener> stop_listener_;

@@ -40,14 +40,14 @@ check_dependencies() {
   mkdir -p "$work/one"
   dpkg-deb -x "$package" "$work/one"
   while IFS= read -r file; do
-    for needed in $(readelf -d "$file" | sed -n 's/.*(NEEDED).*\[\(.*\)\].*/\1/p'); do
+    for needed in $(readelf -d "$file" 2>/dev/null | sed -n 's/.*(NEEDED).*\[\(.*\)\].*/\1/p'); do
       [ -z "$(find "$work/root" -name "$needed")" ] || continue
       # A cross compiler's packages have files of the same name.
       owners=$(dpkg -S "*/$needed" | grep -v '^diversion' | cut -d: -f1 | sort -u)
       names_one "$depends" "$owners" ||
         fail "$(basename "$package") needs $needed of one of" $owners ", and says: $depends"
     done
-  done < <(find "$work/one" -name '*.so')
+  done < <(find "$work/one" -name '*.so' -o -path '*/usr/bin/*' -type f)
   rm -rf "$work/one"
 }
 for package in "${packages[@]}"; do check_dependencies "$package"; done
@@ -71,6 +71,6 @@ touch "$own/var/lib/dpkg/"{status,available}
 our_dpkg() { dpkg --root="$own" --force-depends --force-not-root --log=/dev/null "$@" > log 2>&1 || { cat log >&2; fail "dpkg $*"; }; }
 our_dpkg --install "${packages[@]}"
 [ -n "$(find "$own/usr" -name libtarv.so)" ] || fail "dpkg installed no library"
-our_dpkg --purge tarv tarv-dev tarv-host tarv-doc
+our_dpkg --purge tarv-tools tarv tarv-dev tarv-host tarv-doc
 [ -z "$(find "$own" -path "$own/var" -prune -o \( -type f -o -type l \) -print)" ] ||
   fail "this is left after the packages are removed: $(find "$own/usr" | head)"

@@ -140,6 +140,24 @@ void DefineTrace(CLI::App& app, Request& request) {
       ->type_name("PATH");
 }
 
+void DefineReplay(CLI::App& app, Request& request) {
+  app.add_option("FILE", request.file, "record that RUNTIME_MANAGER_TRACE has written")->required();
+  app.add_option("--task", request.task, "task to play it against, or exec:PATH")
+      ->type_name("TASK")
+      ->required();
+  app.add_option("--only", request.only_task, "the record's task, where it has several")
+      ->type_name("NAME");
+  app.add_flag("--rate", request.rate, "keep the recorded pauses");
+  AddTimeout(app, request);
+  AddTyped(app, request);
+}
+
+void DefineShell(CLI::App& app, Request& request) {
+  AddTask(app, request);
+  AddTimeout(app, request);
+  AddTyped(app, request);
+}
+
 }  // namespace
 
 const std::vector<Verb>& AllVerbs() {
@@ -189,6 +207,16 @@ const std::vector<Verb>& AllVerbs() {
        "request's method and the time that it took, what was never answered, and how tasks ended; "
        "then the sums by method.",
        &DefineTrace, &RunTrace},
+      {"replay", "play a record against a task, and compare the answers",
+       "Sends the task what the application of the record has sent, and no request before the "
+       "answers have come that had come before it. Shows where an answer differs, and exits with 1 "
+       "then. Ids and times are not compared.",
+       &DefineReplay, &RunReplay},
+      {"shell", "talk with a task, line by line",
+       "Starts the task and calls what is typed: METHOD PARAMS. Several calls may be on their way. "
+       "Tab completes the names of methods; the lines are remembered. On its own, this verb reads "
+       "standard input. Type help for the rest.",
+       &DefineShell, &RunShell},
   };
   return kVerbs;
 }

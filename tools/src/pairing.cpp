@@ -58,7 +58,20 @@ std::string Pairing::NameOf(std::int64_t pid) const {
 
 std::string Pairing::PeerOf(const RecordLine& line) const {
   const auto found = peers_.find({line.task, line.pid});
-  return found == peers_.end() ? line.task : NameOf(found->second);
+  if (found != peers_.end()) {
+    return NameOf(found->second);
+  }
+  return NameOf(line.pid) == line.task ? "application" : line.task;
+}
+
+// Where the line of the start is missing, because the starter keeps no record: whoever answers is
+// the task.
+void Pairing::LearnFrom(const RecordLine& line, const vorpc::Message& message) {
+  const bool is_sent = line.kind == RecordLine::Kind::kSend;
+  if ((!is_sent && message.GetRequest() != nullptr) ||
+      (is_sent && message.GetResponse() != nullptr)) {
+    names_.emplace(line.pid, line.task);
+  }
 }
 
 void Pairing::AddMessage(const RecordLine& line) {
@@ -66,16 +79,17 @@ void Pairing::AddMessage(const RecordLine& line) {
   item.time = line.time - begin_;
   item.task = line.task;
   item.bytes = line.data.empty() ? line.envelope.size() : line.data.size();
-  item.from = NameOf(line.pid);
-  item.to = PeerOf(line);
-  if (line.kind == RecordLine::Kind::kReceive) {
-    std::swap(item.from, item.to);
-  }
   if (line.data.empty()) {
     item.text = line.envelope;
   } else {
     item.message = vorpc::Message::FromBase64(line.data);
+    LearnFrom(line, item.message);
     FillMessage(item);
+  }
+  item.from = NameOf(line.pid);
+  item.to = PeerOf(line);
+  if (line.kind == RecordLine::Kind::kReceive) {
+    std::swap(item.from, item.to);
   }
   handle_(std::move(item));
 }
@@ -104,7 +118,6 @@ void Pairing::FillResponse(Item& item) {
   auto& open = open_[item.task];
   const auto found = open.find(item.id);
   if (found == open.end()) {
-    item.is_answer_late = true;
     return;
   }
   item.method = found->second.method;
@@ -125,6 +138,9 @@ void Pairing::AddEvent(const RecordLine& line) {
     item.text = "process " + std::to_string(line.process);
   } else if (line.kind == RecordLine::Kind::kEnd) {
     item.kind = Kind::kEnd;
+    item.text = line.reason;
+  } else if (line.kind == RecordLine::Kind::kFault) {
+    item.kind = Kind::kFault;
     item.text = line.reason;
   } else {
     item.kind = Kind::kConnection;

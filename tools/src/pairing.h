@@ -19,7 +19,7 @@ namespace tarvctl {
 
 // One message, or one event in the life of a task.
 struct Item {
-  enum class Kind { kRequest, kResponse, kNotification, kOther, kStart, kEnd, kConnection };
+  enum class Kind { kRequest, kResponse, kNotification, kOther, kStart, kEnd, kConnection, kFault };
 
   Kind kind = Kind::kOther;
   std::int64_t time = 0;  // nanoseconds since the record began
@@ -31,7 +31,6 @@ struct Item {
   std::int64_t latency = -1;  // nanoseconds; -1 but for an answer whose request is known
   std::size_t bytes = 0;      // of the message's text
   bool is_error = false;
-  bool is_answer_late = false;  // an answer without a known request
   vorpc::Message message;
   std::string text;  // of an event, or of a message of another kind
 };
@@ -68,6 +67,7 @@ class Pairing {
   bool IsSecondLine(const RecordLine& line);
   void FillMessage(Item& item);
   void FillResponse(Item& item);
+  void LearnFrom(const RecordLine& line, const vorpc::Message& message);
   std::string NameOf(std::int64_t pid) const;
   std::string PeerOf(const RecordLine& line) const;
 

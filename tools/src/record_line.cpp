@@ -63,6 +63,9 @@ bool ScanMessage(std::string_view text, RecordLine& line) {
 }
 
 std::optional<Kind> KindOf(const QJsonObject& object) {
+  if (object.contains("fault")) {
+    return Kind::kFault;
+  }
   static const std::array<std::pair<const char*, Kind>, 5> kNames{
       {{"send", Kind::kSend},
        {"receive", Kind::kReceive},
@@ -104,7 +107,7 @@ std::optional<RecordLine> ParseAny(std::string_view text) {
   line.task = TextAt(object, "task");
   line.process = IntegerAt(object, "process");
   line.starter = TextAt(object, "starter");
-  line.reason = TextAt(object, "reason");
+  line.reason = TextAt(object, *kind == Kind::kFault ? "fault" : "reason");
   const QJsonObject envelope = object.value("envelope").toObject();
   line.data = TextAt(envelope, "data");
   if (line.data.empty() && line.IsMessage()) {

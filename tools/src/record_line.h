@@ -10,7 +10,7 @@
 namespace tarvctl {
 
 struct RecordLine {
-  enum class Kind { kSend, kReceive, kStart, kEnd, kConnection };
+  enum class Kind { kSend, kReceive, kStart, kEnd, kConnection, kFault };
 
   std::int64_t time = 0;  // nanoseconds of the machine's clock
   std::int64_t pid = 0;   // who wrote the line
@@ -20,7 +20,7 @@ struct RecordLine {
   std::string envelope;      // such a message, as JSON
   std::int64_t process = 0;  // the other one of an event, 0 when it is not told
   std::string starter;       // of kStart: the name of the starter's program
-  std::string reason;        // of kEnd
+  std::string reason;        // of kEnd and kFault
 
   bool IsMessage() const { return kind == Kind::kSend || kind == Kind::kReceive; }
 };

@@ -46,6 +46,8 @@ const char* NameOf(Item::Kind kind) {
       return "end";
     case Item::Kind::kConnection:
       return "connection";
+    case Item::Kind::kFault:
+      return "fault";
     default:
       return "other";
   }

@@ -39,6 +39,8 @@ int NumberOf(Item::Kind kind) {
       return kFirstEvent + 1;
     case Item::Kind::kConnection:
       return kFirstEvent + 2;
+    case Item::Kind::kFault:
+      return kFirstEvent + 3;
     default:
       return static_cast<int>(kind);
   }

@@ -80,6 +80,9 @@ std::string TextWriter::Line(const Item& item) const {
       return output_.Paint(Colour::kYellow, item.task + ' ' + item.text);
     case Item::Kind::kConnection:
       return item.from + " is connected with " + item.to;
+    case Item::Kind::kFault:
+      return output_.Paint(Colour::kRed, "fault between " + item.from + " and " + item.to + ": ") +
+             item.text;
     default:
       return way + (item.text.empty() ? Payload(item) : item.text);
   }

@@ -56,6 +56,7 @@ def record():
         both(106, 20, 10, answer("id1_3", error={"code": 4711, "message": "no luck"})),
         both(106.5, 20, 10, {"jsonrpc": "2.0", "method": "tick", "params": {"n": 1}}),
         both(107, 10, 20, request("id1_4", "sleep")),
+        '{"time":107500000,"pid":10,"task":"wordcount","direction":"send","fault":"drop"}\n',
         event(108, 10, "end", process=20, reason="exited with status 7 after 8 ms"),
     ])
 
@@ -72,14 +73,15 @@ SHOWN = """\
     0.006000 wordcount → app  id1_3 fail 0.500 ms error {"code": 4711, "message": "no luck"}
     0.006500 wordcount → app  tick({"n": 1})
     0.007000 app → wordcount  id1_4 sleep(null)
+    0.007500 fault between app and wordcount: drop
     0.008000 wordcount exited with status 7 after 8 ms
 never answered: id1_4 sleep of wordcount, sent at 0.007000
 task                 method                       count  errors unanswered   median ms     99 % ms        bytes
-wordcount            count                            1       0          0       2.000       2.000          216
-wordcount            fail                             1       1          0       0.500       0.500          176
-wordcount            sleep                            1       0          1       0.000       0.000           68
-wordcount            tick                             1       0          0       0.000       0.000           84
-wordcount            vorpc.connected                  1       0          0       0.500       0.500          148
+wordcount            count                            1       0          0       2.000       2.000          156
+wordcount            fail                             1       1          0       0.500       0.500          144
+wordcount            sleep                            1       0          1       0.000       0.000           56
+wordcount            tick                             1       0          0       0.000       0.000           64
+wordcount            vorpc.connected                  1       0          0       0.500       0.500          120
 """
 
 

@@ -2,7 +2,9 @@
 import json
 import os
 import pty
+import select
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
@@ -74,14 +76,25 @@ class Case(unittest.TestCase):
     def json_of(self, *words, **more):
         return json.loads(self.expect(0, words, **more).stdout)
 
-    def run_on_terminal(self, *words, typed=b"", **environment):
-        """What a terminal shows that is all three standard streams; and the exit status."""
+    def run_on_terminal(self, *words, typed=(), **environment):
+        """What a terminal shows that is all three standard streams; and the exit status. `typed` has
+        pairs: what to wait for, and what to type then."""
+        steps, begin = list(typed), 0
         child, master = pty.fork()
         if child == 0:
-            os.execve(TARVCTL, [TARVCTL, *words], {**self.environment, **environment})
-        os.write(master, typed)
+            try:
+                os.execve(TARVCTL, [TARVCTL, *words], {**self.environment, **environment})
+            finally:
+                os._exit(127)  # a copy of the tests shall not go on
         shown = b""
         while True:
+            if steps and steps[0][0] in shown[begin:]:
+                begin = len(shown)
+                os.write(master, steps.pop(0)[1])
+            if not select.select([master], [], [], LIMIT)[0]:
+                os.kill(child, signal.SIGKILL)
+                os.waitpid(child, 0)
+                self.fail(f"waited for {steps[:1]} in vain; the terminal shows {shown}")
             try:
                 block = os.read(master, 65536)
             except OSError:

@@ -150,6 +150,25 @@ class Call(Case):
         self.assertNotIn("tarvctl:", done.stderr)
 
 
+class MessageLog(Case):
+    def test_tells_each_message_on_a_line(self):
+        done = self.expect(0, ["call", "wordcount", "count", HELLO], TARV_LOG_MESSAGES="1")
+        lines = [line for line in done.stderr.splitlines() if " → " in line]
+        for line, pattern in zip(lines, (
+                r"^0\.000 tarvctl → wordcount id\d+_1 vorpc.connected\(null\)$",
+                r"^\d\.\d{3} wordcount → tarvctl id\d+_1 vorpc.connected \d+\.\d ms null$",
+                r"^\d\.\d{3} tarvctl → wordcount id\d+_2 count\(\{\"texts\": \[\"a b\", \"c\"\]\}\)$",
+                r"wordcount → tarvctl \$/progress\(", r"wordcount → tarvctl \$/progress\(",
+                r"wordcount → tarvctl id\d+_2 count \d+\.\d ms \{.*\"total\": 3L\}$")):
+            self.assertRegex(line, pattern)
+        self.assertEqual(len(lines), 6)
+
+    def test_says_nothing_unless_asked(self):
+        for value in ("", "0"):
+            done = self.expect(0, ["call", "wordcount", "echo", "1"], TARV_LOG_MESSAGES=value)
+            self.assertEqual(done.stderr, "")
+
+
 class Notify(Case):
     def test_ends_when_the_task_has_got_it(self):
         self.expect(0, ["notify", "wordcount", "remember"], "", REMEMBERED=self.path("remembered"))

@@ -3,7 +3,7 @@
 const TIME = 0, KIND = 1, FROM = 2, TO = 3, ID = 4, METHOD = 5, LATENCY = 6, FLAGS = 7, TASK = 8, PAYLOAD = 9;
 const ERROR = 1, UNANSWERED = 2;
 const REQUEST = 0, RESPONSE = 1, NOTIFICATION = 2;
-const KINDS = ['request', 'response', 'notification', 'message', 'start', 'end', 'connection'];
+const KINDS = ['request', 'response', 'notification', 'message', 'start', 'end', 'connection', 'fault'];
 const HEAD = 34;       // pixels of the lanes' names
 const AXIS = 90;       // pixels of the times
 const LONGEST_BAR = 1e7;  // pixels; browsers scroll no further than a few tens of millions
@@ -152,6 +152,13 @@ function labelOf(number) {
   return row[METHOD] + took + ' ' + row[PAYLOAD].slice(0, 60);
 }
 
+// As much of the text as fits, and three dots for the rest.
+function clipped(text, width) {
+  if (pen.measureText(text).width <= width) { return text; }
+  const fits = Math.floor(text.length * width / pen.measureText(text).width);
+  return text.slice(0, Math.max(0, fits - 2)) + '\u2026';
+}
+
 function drawLanes(colour) {
   pen.fillStyle = colour.panel;
   pen.fillRect(0, 0, view.clientWidth, HEAD);
@@ -188,7 +195,7 @@ function drawArrow(number, y, colour, withLabel) {
   pen.fill();
   if (withLabel) {
     pen.textAlign = 'center';
-    pen.fillText(labelOf(number), (from + to) / 2, y - 8, Math.abs(to - from) - 16);
+    pen.fillText(clipped(labelOf(number), Math.abs(to - from) - 16), (from + to) / 2, y - 8);
   }
 }
 
