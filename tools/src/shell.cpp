@@ -165,6 +165,7 @@ class Shell {
   };
 
   void AskForMethods();
+  void OnDescribed(const AnyOutcome& outcome);
   std::vector<std::string> Words() const;
   void OnInput();
   void OnTypedLine();
@@ -188,6 +189,7 @@ class Shell {
   std::vector<std::string> methods_;
   std::vector<Open> open_;
   unsigned last_number_ = 0;
+  bool is_described_ = false;  // what the task can be asked is known, or that it does not tell
   bool is_over_ = false;
   int status_ = kDone;
   std::string unfinished_;  // a line that has not come whole
@@ -218,14 +220,20 @@ void Shell::AskForMethods() {
   session_.GetCaller()
       .Call(AnyMethod{kDescribe}, {},
             tarv::CallOptions().Timeout(ParseDuration(request_.timeout, "--timeout")))
-      .Then([this](const AnyOutcome& outcome) {
-        if (outcome) {
-          methods_ = MethodNames(*outcome);
-        } else if (outcome.GetError().GetReason() != tarv::CallReason::kAnswered) {
-          Say(outcome.GetError().what());
-          QCoreApplication::exit(StatusOf(outcome.GetError()));
-        }
-      });
+      .Then([this](const AnyOutcome& outcome) { OnDescribed(outcome); });
+}
+
+void Shell::OnDescribed(const AnyOutcome& outcome) {
+  if (!outcome && outcome.GetError().GetReason() != tarv::CallReason::kAnswered) {
+    Say(outcome.GetError().what());
+    QCoreApplication::exit(StatusOf(outcome.GetError()));
+    return;
+  }
+  if (outcome) {
+    methods_ = MethodNames(*outcome);
+  }
+  is_described_ = true;
+  EndWhenIdle();
 }
 
 std::vector<std::string> Shell::Words() const {
@@ -381,7 +389,7 @@ void Shell::Say(const std::string& text) {
 }
 
 void Shell::EndWhenIdle() {
-  if (is_over_ && open_.empty()) {
+  if (is_over_ && is_described_ && open_.empty()) {
     QCoreApplication::exit(status_);
   }
 }
