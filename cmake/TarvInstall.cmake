@@ -90,7 +90,7 @@ endif()
 set(documents "${CMAKE_INSTALL_DATADIR}/doc")
 install(FILES README.md DESTINATION "${documents}/tarv-doc" COMPONENT doc)
 install(DIRECTORY docs DESTINATION "${documents}/tarv-doc" COMPONENT doc
-  FILES_MATCHING PATTERN "*.md" PATTERN "*.svg")
+  FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "*.png")
 # tarv-new, and the project that it makes.
 set(TARV_NEW_VERSION "${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}")
 set(template_folder "${CMAKE_INSTALL_FULL_DATADIR}/tarv/template")

@@ -185,6 +185,9 @@ void RpcClientImpl::OpenMessaging() {
 }
 
 void RpcClientImpl::OnMessageReceived(const QJsonObject& object) {
+  if (message_log_ != nullptr) {
+    message_log_->OnReceived(details::TextOf(object).value_or(QByteArray()).toStdString());
+  }
   details::DeliverTextOf(object, texts_, listener_.get());
 }
 

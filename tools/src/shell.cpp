@@ -1,5 +1,4 @@
 // shell: a conversation with one task, line by line.
-#include <histedit.h>
 #include <unistd.h>
 
 #include <QtCore/QCoreApplication>
@@ -8,8 +7,6 @@
 #include <QtCore/QStandardPaths>
 #include <algorithm>
 #include <array>
-#include <cstdio>
-#include <functional>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -20,125 +17,20 @@
 #include "exit_status.h"
 #include "interrupt.h"
 #include "json.h"
+#include "line_editor.h"
 #include "shapes.h"
 #include "verbs.h"
 
 namespace tarvctl {
 namespace {
 
-constexpr int kHistoryLines = 1000;
 constexpr char kDescribe[] = "$/describe";
-constexpr char kPrompt[] = "> ";
 constexpr char kHelp[] =
     "METHOD [PARAMS]         call; the answer comes when it comes, others may be on their way\n"
     "notify METHOD [PARAMS]  send a notification\n"
     "cancel [NUMBER]         cancel that call, or all\n"
     "methods                 what the task can be asked\n"
     "exit                    or Ctrl-D";
-
-struct EndEditLine {
-  void operator()(EditLine* editor) const { el_end(editor); }
-};
-struct EndHistory {
-  void operator()(History* history) const { history_end(history); }
-};
-
-// The line editor, in the middle of an event loop: it takes what is typed, character by character.
-class Editor {
- public:
-  Editor(std::function<std::vector<std::string>()> words, const std::string& history_file);
-  ~Editor() { Remember(); }
-  Editor(const Editor&) = delete;
-  Editor& operator=(const Editor&) = delete;
-
-  enum class State { kMore, kLine, kEnd };
-  // Takes what was typed; `line` is complete with kLine.
-  State Take(std::string* line);
-  // Prints between the lines that are being edited.
-  void Refresh() { el_set(editor_.get(), EL_REFRESH); }
-
- private:
-  static unsigned char Complete(EditLine* editor, int character);
-  void Remember();
-
-  const std::function<std::vector<std::string>()> words_;
-  const std::string history_file_;
-  std::unique_ptr<History, EndHistory> history_;
-  std::unique_ptr<EditLine, EndEditLine> editor_;
-};
-
-char* Prompt(EditLine* /*editor*/) {
-  static std::string prompt = kPrompt;
-  return prompt.data();
-}
-
-Editor::Editor(std::function<std::vector<std::string>()> words, const std::string& history_file)
-    : words_(std::move(words)),
-      history_file_(history_file),
-      history_(history_init()),
-      editor_(el_init("tarvctl", stdin, stderr, stderr)) {
-  HistEvent event{};
-  history(history_.get(), &event, H_SETSIZE, kHistoryLines);
-  history(history_.get(), &event, H_SETUNIQUE, 1);
-  history(history_.get(), &event, H_LOAD, history_file_.c_str());
-  el_set(editor_.get(), EL_CLIENTDATA, this);
-  el_set(editor_.get(), EL_PROMPT, &Prompt);
-  el_set(editor_.get(), EL_EDITOR, "emacs");
-  el_set(editor_.get(), EL_HIST, &history, history_.get());
-  el_set(editor_.get(), EL_ADDFN, "complete", "completes a method's name", &Complete);
-  el_set(editor_.get(), EL_BIND, "^I", "complete", nullptr);
-  el_set(editor_.get(), EL_UNBUFFERED, 1);
-}
-
-void Editor::Remember() {
-  HistEvent event{};
-  history(history_.get(), &event, H_SAVE, history_file_.c_str());
-  el_set(editor_.get(), EL_UNBUFFERED, 0);
-}
-
-Editor::State Editor::Take(std::string* line) {
-  int count = 0;
-  const char* const text = el_gets(editor_.get(), &count);
-  if (text == nullptr || count <= 0) {
-    return State::kEnd;
-  }
-  if (text[count - 1] == '\x04') {
-    return count == 1 ? State::kEnd : State::kMore;
-  }
-  if (text[count - 1] != '\n' && text[count - 1] != '\r') {
-    return State::kMore;
-  }
-  line->assign(text, static_cast<std::size_t>(count) - 1);
-  if (line->find_first_not_of(' ') != std::string::npos) {
-    HistEvent event{};
-    history(history_.get(), &event, H_ENTER, line->c_str());
-  }
-  el_set(editor_.get(), EL_UNBUFFERED, 0);
-  el_set(editor_.get(), EL_UNBUFFERED, 1);
-  return State::kLine;
-}
-
-// Completes the word before the cursor as far as all that fit agree.
-unsigned char Editor::Complete(EditLine* editor, int /*character*/) {
-  Editor* self = nullptr;
-  el_get(editor, EL_CLIENTDATA, &self);
-  const LineInfo* const info = el_line(editor);
-  const std::string before(info->buffer, info->cursor);
-  const std::string begun = before.substr(before.find_last_of(' ') + 1);
-  std::string common;
-  bool is_first = true;
-  for (const std::string& word : self->words_()) {
-    if (word.compare(0, begun.size(), begun) == 0) {
-      const auto end = std::mismatch(common.begin(), common.end(), word.begin(), word.end()).first;
-      common = std::exchange(is_first, false) ? word : std::string(common.begin(), end);
-    }
-  }
-  if (common.size() <= begun.size()) {
-    return CC_ERROR;
-  }
-  el_insertstr(editor, common.substr(begun.size()).c_str());
-  return CC_REFRESH;
-}
 
 std::string HistoryFile() {
   const QString folder = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
