@@ -67,9 +67,11 @@ bool LargeLine::Reserve(std::size_t capacity) {
 // made once instead of by doubling.
 bool LargeLine::Begin(std::string_view text) {
   LetGoIfShared();
-  if (!Reserve(std::max(2 * text.size(), last_size_ + kSlack))) {
+  const bool is_measured = last_size_ > text.size();
+  if (!Reserve(is_measured ? last_size_ + kSlack : 2 * text.size())) {
     return false;
   }
+  has_grown_ = !is_measured;
   std::memcpy(bytes_.data(), text.data(), text.size());
   size_ = text.size();
   searched_ = 0;

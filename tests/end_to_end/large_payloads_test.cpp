@@ -78,6 +78,11 @@ class LargePayloads : public EndToEndTest {
   }
 };
 
+TEST_F(LargePayloads, OfAQuarterOfAMebibyteTakeFewPagesBesideThoseOfTheirValues) {
+  const auto connection = StartConnected("counter");
+  EXPECT_LE(CountFaultsOfTheRoad(*connection, kMiB / 4), 64U);
+}
+
 TEST_F(LargePayloads, OfAMebibyteTakeFewPagesBesideThoseOfTheirValues) {
   const auto connection = StartConnected("counter");
   EXPECT_LE(CountFaultsOfTheRoad(*connection, kMiB), 64U);
