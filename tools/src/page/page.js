@@ -1,4 +1,11 @@
 'use strict';
+// What the self-test has to say; every error of the page is among it.
+const failures = [];
+if (location.hash === '#selftest') {
+  window.addEventListener('error', (event) => failures.push('error: ' + event.message));
+  console.error = (...words) => failures.push('console: ' + words.join(' '));
+}
+
 // What a row of the record is, by position.
 const TIME = 0, KIND = 1, FROM = 2, TO = 3, ID = 4, METHOD = 5, LATENCY = 6, FLAGS = 7, TASK = 8, PAYLOAD = 9;
 const ERROR = 1, UNANSWERED = 2;
