@@ -44,6 +44,8 @@ tarv_package(doc tarv-doc doc ""
   "This package holds the documentation.")
 set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_HOST_PACKAGE_SUGGESTS "tarv-dev")
+# For the matchers of tarv::testing, and for the tests of a project that tarv-new makes.
+set(CPACK_DEBIAN_DEV_PACKAGE_SUGGESTS "libgmock-dev")
 if(CMAKE_SYSTEM_PROCESSOR STREQUAL "aarch64")
   set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE arm64)
   # The workstation's part is for workstations.
