@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""check_pages.py ROOT PAGE...: every link of the pages leads somewhere, and every test that they name is there.
+"""check_pages.py ROOT PAGE...: every link of the pages leads somewhere, every test that they name is there, and
+docs/index.md leads to each page of its folder.
 
 A link to a file is relative to its page; one with a # wants a heading of that name. A test is named in
 backticks, as `Suite.Test`, the way ctest lists it.
@@ -53,6 +54,16 @@ def missing_tests(page, tests):
                 yield f"{page.path}:{number}: there is no test {name}"
 
 
+def pages_that_nothing_leads_to(root, paths):
+    """docs/index.md is where readers begin: it links every page beside it."""
+    index = root / "docs/index.md"
+    linked = {(index.parent / target.partition("#")[0]).resolve()
+              for _, target in markdown.read_page(index, "docs/index.md").links()}
+    for path in paths:
+        if path.parent == index.parent and path != index and path not in linked:
+            yield f"docs/index.md: it does not link {path.name}"
+
+
 def main():
     root = pathlib.Path(sys.argv[1]).resolve()
     paths = [pathlib.Path(path).resolve() for path in sys.argv[2:]]
@@ -62,6 +73,7 @@ def main():
         page = markdown.read_page(path, os.path.relpath(path, root))
         failures += broken_links(page, path, lambda other: markdown.read_page(other, str(other)).anchors())
         failures += missing_tests(page, tests)
+    failures += pages_that_nothing_leads_to(root, paths)
     for failure in failures:
         print(failure, file=sys.stderr)
     return 1 if failures else 0
