@@ -1,3 +1,4 @@
+#include <cw/standard_message_codec.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <tarv/calls/caller.h>
@@ -881,8 +882,40 @@ TEST_F(CallerTest, CountsWhatHappens) {
   EXPECT_EQ(metrics.most_in_flight, 2U);
   EXPECT_NEAR(static_cast<double>(metrics.median_ns), 10e6, 0.7e6);
   EXPECT_NEAR(static_cast<double>(metrics.p99_ns), 1e9, 0.07e9);
+  EXPECT_GE(metrics.median_ns, 10'000'000U);
+  EXPECT_GE(metrics.p99_ns, 1'000'000'000U);
   EXPECT_EQ(metrics.bytes_sent, 7U + 5U + 7U);
   EXPECT_EQ(metrics.bytes_received, 4U);
+}
+
+TEST_F(CallerTest, TellsTheTimeThatNearlyAllStayedWithin) {
+  Connect();
+  for (int i = 0; i < 100; ++i) {
+    const Ending<void> ending(caller_->Call(kPing));
+    link_.loop->Advance(i < 98 ? 10ms : 1s);
+    replies_.back()->SendResult({});
+    link_.Pump();
+  }
+  const tarv::MethodMetrics metrics = caller_->GetMetrics().methods.at("ping");
+  EXPECT_LT(metrics.median_ns, 11'000'000U);
+  EXPECT_GE(metrics.p99_ns, 1'000'000'000U);
+}
+
+TEST_F(CallerTest, CountsBytesAsTheCodecWritesThem) {
+  Connect();
+  static constexpr tarv::Method<void(cw::EncodableValue)> kPut{"say"};
+  const auto& codec = cw::StandardMessageCodec::GetInstance();
+  std::size_t expected = 0;
+  for (const std::size_t size : {std::size_t{0}, std::size_t{253}, std::size_t{254},
+                                 std::size_t{65535}, std::size_t{65536}}) {
+    const cw::EncodableValue value(
+        cw::EncodableMap{{std::string(size, 'k'), cw::EncodableList{std::string(size, 'v'), true}},
+                         {"n", cw::EncodableValue()}});
+    expected += codec.EncodeMessage(value).GetSize();
+    caller_->Call(kPut, value);
+  }
+  link_.Pump();
+  EXPECT_EQ(caller_->GetMetrics().methods.at("say").bytes_sent, expected);
 }
 
 }  // namespace

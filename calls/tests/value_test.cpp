@@ -205,7 +205,10 @@ TEST(ValueError, TellsWhatWasExpectedAndWhatCame) {
 }
 
 TEST(ValueError, ClipsWhatCame) {
-  EXPECT_LT(ReadingError<bool>(std::string(1 << 20, 'x')).size(), 200U);
+  const std::string error = ReadingError<bool>(std::string(1 << 20, 'x'));
+  EXPECT_LT(error.size(), 200U);
+  EXPECT_EQ(error.substr(error.size() - 5), "x\"...");
+  EXPECT_EQ(ReadingError<bool>("short").back(), '"');
 }
 
 TEST(ValueError, RefusesWhatNoMessageHolds) {
@@ -216,6 +219,9 @@ TEST(ValueError, RefusesWhatNoMessageHolds) {
   EXPECT_EQ(WritingError(Color::kUnnamed), "params: 2 is no value that TARV_ENUM(Color) names");
   EXPECT_EQ(WritingError(EncodableValue(EncodableList{cw::CustomEncodableValue(1)})),
             "params[0]: a custom value cannot travel in a message");
+  EXPECT_EQ(
+      WritingError(EncodableValue(EncodableMap{{EncodableList{cw::CustomEncodableValue(1)}, 5}})),
+      "params[\"...\"][0]: a custom value cannot travel in a message");
 }
 
 TEST(ValueError, RefusesWhatNestsTooDeepForTheCodec) {
@@ -231,12 +237,38 @@ TEST(ValueError, RefusesWhatNestsTooDeepForTheCodec) {
   EXPECT_THAT(WritingError(any), testing::HasSubstr("nests deeper than a message may"));
 }
 
-TEST(Value, DeepestThatIsNotRefusedTravels) {
+EncodableValue Nest(int levels) {
   EncodableValue any;
-  for (int i = 0; i < 509; ++i) {
+  for (int i = 0; i < levels; ++i) {
     any = EncodableList{std::move(any)};
   }
-  EXPECT_EQ(WritingError(any), "it fits");
+  return any;
+}
+
+TEST(ValueError, RefusesOneLevelMoreThanAMessageMayHave) {
+  EXPECT_EQ(WritingError(Nest(509)), "it fits");
+  EXPECT_THAT(WritingError(Nest(510)), testing::HasSubstr("nests deeper than a message may (509"));
+}
+
+TEST(Value, MayHaveAnyNumberOfPartsSideBySide) {
+  constexpr std::size_t kMany = 1000;  // more than there may be levels
+  const std::vector<std::string> texts{"a"};
+  EXPECT_EQ(WritingError(std::vector<std::vector<std::string>>(kMany, texts)), "it fits");
+  EXPECT_EQ(WritingError(std::vector<std::map<std::string, bool>>(kMany, {{"a", true}})),
+            "it fits");
+  EXPECT_EQ(WritingError(std::vector<Texts>(kMany, {texts})), "it fits");
+  EXPECT_EQ(WritingError(EncodableValue(EncodableList(kMany, EncodableList{1}))), "it fits");
+}
+
+TEST(Value, ReplacesWhatItsMembersHoldFromTheStart) {
+  const auto read = FromEncodable<zoo::Furnished>(
+      EncodableMap{{"counts", EncodableMap{{"b", 2}}}, {"texts", EncodableList()}});
+  EXPECT_THAT(read.counts, ElementsAre(testing::Pair("b", 2)));
+  EXPECT_TRUE(read.texts.empty());
+}
+
+TEST(Value, DeepestThatIsNotRefusedTravels) {
+  const EncodableValue any = Nest(509);
   EXPECT_NO_THROW(EncodableValue(EncodableMap{{"e", EncodableMap{{"d", EncodableMap{{"v", any}}}}}})
                       .Serialize());
 }

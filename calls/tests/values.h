@@ -78,6 +78,12 @@ TARV_VALUE(Everything, flag, tiny, small, medium, large, single, precise, text, 
            words, longs, floats, doubles, flags, counts, colors, note, holes, color, nothing, node,
            any)
 
+struct Furnished {
+  std::map<std::string, std::int32_t> counts{{"a", 1}};
+  std::vector<std::string> texts{"a"};
+};
+TARV_VALUE(Furnished, counts, texts)
+
 struct Wide {
   int a1 = 0, a2 = 0, a3 = 0, a4 = 0, a5 = 0, a6 = 0, a7 = 0, a8 = 0, a9 = 0, a10 = 0, a11 = 0,
       a12 = 0, a13 = 0, a14 = 0, a15 = 0, a16 = 0, a17 = 0, a18 = 0, a19 = 0, a20 = 0, a21 = 0,
