@@ -33,7 +33,7 @@ const std::vector<PlainSearch>& GetPlainSearches();
 std::size_t PlainPrefixBy(const PlainSearch& search, std::string_view text);
 
 // The same by the fastest search. It reads every large text that comes or goes: vector units that
-// the compiler may not count on do that in a quarter of the time.
+// the compiler may not count on do that in an eighth of the time.
 std::size_t PlainPrefix(std::string_view text);
 inline bool IsPlainText(std::string_view text) { return PlainPrefix(text) == text.size(); }
 
