@@ -30,7 +30,9 @@ const volatile char* MakeMark() {
   if (page == MAP_FAILED) {
     return nullptr;
   }
-  if (::madvise(page, size, MADV_WIPEONFORK) != 0) {
+  // An emulator may accept any advice, and follow none.
+  constexpr int kNoAdvice = -1;
+  if (::madvise(page, size, kNoAdvice) == 0 || ::madvise(page, size, MADV_WIPEONFORK) != 0) {
     ::munmap(page, size);
     return nullptr;
   }

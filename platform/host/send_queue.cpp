@@ -182,13 +182,13 @@ SendQueue::News SendQueue::Write(Lock& lock, Clock::time_point patience) {
   while (!IsEmpty() && budget > 0) {
     long long time = 0;
     const ssize_t size = WriteSome(lock, patience, &time);
+    if (size < 0) {
+      return is_stopped_ ? News::kNone : Judge(errno);
+    }
+    DropWritten(static_cast<std::size_t>(size), time);
     if (is_stopped_) {
       return News::kNone;
     }
-    if (size < 0) {
-      return Judge(errno);
-    }
-    DropWritten(static_cast<std::size_t>(size), time);
     budget -= std::min(budget, static_cast<std::size_t>(size));
   }
   waits_for_room_ = !IsEmpty();

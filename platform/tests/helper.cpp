@@ -288,8 +288,8 @@ int main(int count, char** arguments) {
   if (verb == "stubborn") {
     return helper::IgnoreTheEnd(words.value(2));
   }
-  if (verb == "end-while-writing") {
-    return helper::EndWhileWriting(words.value(2).toInt());
+  if (verb == "leave-while-writing") {
+    return helper::LeaveWhileWriting(words.value(2).toInt(), words.value(3) == "end");
   }
   if (verb == "fork") {
     return helper::ForkWhileSending(words.value(2), words.value(3));

@@ -130,7 +130,7 @@ int IgnoreTheEnd(const QString& how) {
   return QCoreApplication::exec();
 }
 
-int EndWhileWriting(int listening) {
+int LeaveWhileWriting(int listening, bool also_ends) {
   auto* const messaging = new TaskMessaging(listening);
   const auto end = [messaging] {
     constexpr std::chrono::milliseconds kUntilExitWaits(300);
@@ -141,13 +141,16 @@ int EndWhileWriting(int listening) {
       ended.write("\n");
     }
   };
-  QObject::connect(messaging, &TaskMessaging::messageReceived, messaging, [messaging, end] {
-    for (int i = 0; i < 20; ++i) {
-      messaging->sendData(QByteArray(100'000, static_cast<char>('a' + i)));
-    }
-    std::thread(end).detach();
-    std::exit(0);
-  });
+  QObject::connect(messaging, &TaskMessaging::messageReceived, messaging,
+                   [messaging, end, also_ends] {
+                     for (int i = 0; i < 20; ++i) {
+                       messaging->sendData(QByteArray(100'000, static_cast<char>('a' + i)));
+                     }
+                     if (also_ends) {
+                       std::thread(end).detach();
+                     }
+                     std::exit(0);
+                   });
   return QCoreApplication::exec();
 }
 

@@ -15,9 +15,9 @@ int Intrude();
 int StartMany(const QString& name, int count, const QString& how);
 // A task that ignores SIGTERM, and serves its socket or has nothing but an event loop.
 int IgnoreTheEnd(const QString& how);
-// Serves `listening`. At the first message it sends 2 MB and leaves by exit(), while another of its
-// threads ends the connection; the file "ended" tells of that.
-int EndWhileWriting(int listening);
+// Serves `listening`. At the first message it sends 20 messages of 100,013 bytes and leaves by
+// exit(). Another of its threads may end the connection meanwhile; the file "ended" tells of that.
+int LeaveWhileWriting(int listening, bool also_ends);
 // Makes copies of itself, which end by exit() or by a return from main(), while eight threads send
 // to a task that sends everything back; tells whether the task has remained unharmed.
 int ForkWhileSending(const QString& task, const QString& how);

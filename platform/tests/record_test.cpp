@@ -3,11 +3,17 @@
 #include <RuntimeManager/TaskMessaging.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <QtCore/QFile>
+#include <QtCore/QJsonDocument>
+#include <algorithm>
 #include <csignal>
+#include <ctime>
+#include <vector>
 
 #include "kit.h"
 
@@ -109,6 +115,62 @@ TEST_F(RecordFile, SaysNothingOfMessagesThatAreLostInTheQueue) {
   const QByteArray record = ReadFile(PathOf("trace"));
   EXPECT_EQ(record.count(R"("direction":"receive","envelope":{"data":"go"}})"), 1);
   EXPECT_EQ(record.count(R"({"data":"aaa)"), 0);
+}
+
+// A process that leaves while its peer does not read, and how its record and its messages compare.
+class RecordOfALeaver : public RecordFile {
+ protected:
+  static qint64 Now() {
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return qint64{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+  }
+  // What arrives of what the process sends, when it is read half a second late.
+  QByteArray Received(const QString& how) {
+    const ScopedVariable trace("RUNTIME_MANAGER_TRACE", PathOf("trace").toUtf8());
+    const ScopedVariable bound("RUNTIME_MANAGER_MAX_MESSAGE", "200000");
+    const int listening = ListenOn(PathOf("server"));
+    ::fcntl(listening, F_SETFD, 0);
+    Process process(HELPER, {"leave-while-writing", QString::number(listening), how});
+    ::close(listening);
+    const int peer = ConnectTo(PathOf("server"));
+    EXPECT_EQ(::send(peer, "{}\n", 3, 0), 3);
+    RunFor(500);
+    EXPECT_EQ(::ioctl(peer, FIONREAD, &held_), 0);
+    reading_since_ = Now();
+    const QByteArray all = ReadToEnd(peer);
+    ::close(peer);
+    EXPECT_EQ(process.Wait(), 0);
+    return all;
+  }
+  std::vector<qint64> TimesSent() const {
+    std::vector<qint64> times;
+    for (const QByteArray& line : ReadFile(PathOf("trace")).split('\n')) {
+      const QJsonObject record = QJsonDocument::fromJson(line).object();
+      if (record["direction"] == "send") {
+        times.push_back(static_cast<qint64>(record["time"].toDouble()));
+      }
+    }
+    return times;
+  }
+
+  int held_ = 0;  // bytes that the socket has taken before anybody reads
+  qint64 reading_since_ = 0;
+};
+
+TEST_F(RecordOfALeaver, HasTheTimesWhenTheSocketTookTheMessages) {
+  EXPECT_EQ(Received("wait").count('\n'), 20);
+  const std::vector<qint64> times = TimesSent();
+  ASSERT_EQ(times.size(), 20U);
+  const auto is_before = [this](qint64 time) { return time < reading_since_; };
+  EXPECT_EQ(std::count_if(times.begin(), times.end(), is_before), held_ / 100'013);
+}
+
+TEST_F(RecordOfALeaver, HasWhatWasSentWhileTheConnectionWasEnded) {
+  const auto whole = static_cast<std::size_t>(Received("end").count('\n'));
+  EXPECT_GT(whole, 0U);
+  EXPECT_LT(whole, 20U);
+  EXPECT_EQ(TimesSent().size(), whole);
 }
 
 TEST_F(RecordFile, IsNoPipe) {

@@ -120,7 +120,7 @@ TEST_F(AnyThread, MayEndTheConnectionWhileAnotherWrites) {
   const ScopedVariable scribble("MALLOC_PERTURB_", "85");
   const ScopedVariable keep("MALLOC_TRIM_THRESHOLD_", "1000000000");
   ::fcntl(listening_, F_SETFD, 0);
-  Process helper(HELPER, {"end-while-writing", QString::number(listening_)});
+  Process helper(HELPER, {"leave-while-writing", QString::number(listening_), "end"});
   ::fcntl(listening_, F_SETFD, FD_CLOEXEC);
   const int peer = Connect();
   SendLine(peer, "{}");
