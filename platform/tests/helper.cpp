@@ -5,6 +5,7 @@
 #include <RuntimeManager/RuntimeDispatcher.h>
 #include <RuntimeManager/Task.h>
 #include <RuntimeManager/TaskMessaging.h>
+#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -171,7 +172,7 @@ int Report() {
 }
 
 void Leave(Task* task, const QString& how) {
-  if (how == "exit") {
+  if (how == "exit" || how == "apart") {
     std::exit(0);
   }
   if (how == "quit") {
@@ -196,9 +197,14 @@ void WhenTold(const std::function<void()>& call) {
   timer->start(10);
 }
 
-// Starts a task and stays, or leaves as it is told to: at once, when the file `go` is there, or
+// Starts a task (once its children are in another pid namespace: "apart") and stays, or leaves as it
+// is told to: at once, when the file `go` is there, or
 // when the task has ended.
 int StartTask(const QString& name, const QString& how, const QString& when) {
+  if (how == "apart" && ::unshare(CLONE_NEWPID) != 0) {
+    Say("only root can");
+    return 0;
+  }
   static Task* const task = new Task(name);
   task->withIpcSocket(true);
   const auto leave = [how] { Leave(task, how); };

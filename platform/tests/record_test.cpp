@@ -125,7 +125,8 @@ class RecordOfALeaver : public RecordFile {
     ::clock_gettime(CLOCK_MONOTONIC, &now);
     return qint64{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
   }
-  // What arrives of what the process sends, when it is read half a second late.
+  // What arrives of what the process sends, when it is read half a second late, or once the
+  // connection was ended.
   QByteArray Received(const QString& how) {
     const ScopedVariable trace("RUNTIME_MANAGER_TRACE", PathOf("trace").toUtf8());
     const ScopedVariable bound("RUNTIME_MANAGER_MAX_MESSAGE", "200000");
@@ -135,7 +136,11 @@ class RecordOfALeaver : public RecordFile {
     ::close(listening);
     const int peer = ConnectTo(PathOf("server"));
     EXPECT_EQ(::send(peer, "{}\n", 3, 0), 3);
-    RunFor(500);
+    if (how == "end") {
+      EXPECT_TRUE(WaitForFile(PathOf("ended"), "\n"));
+    } else {
+      RunFor(500);
+    }
     EXPECT_EQ(::ioctl(peer, FIONREAD, &held_), 0);
     reading_since_ = Now();
     const QByteArray all = ReadToEnd(peer);

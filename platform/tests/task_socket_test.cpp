@@ -168,15 +168,16 @@ TEST_F(TaskSocket, IsServedOnceToAStarterThatTheTaskDoesNotSee) {
 }
 
 TEST_F(TaskSocket, IsNotMadeByAProcessThatItsChildrenDoNotSee) {
-  if (Process("/usr/bin/unshare", {"--pid", "true"}).Wait() != 0) {
+  Process starter(HELPER, {"start", "task", "apart"});
+  const std::string said = starter.ReadLine();
+  EXPECT_EQ(starter.Wait(), 0);
+  if (said == "only root can") {
     GTEST_SKIP() << "only root can make a pid namespace";
   }
-  Process starter("/usr/bin/unshare", {"--pid", HELPER, "start", "task", "exit"});
   EXPECT_EQ(
-      starter.ReadLine(),
+      said,
       "error the task 'task' cannot be started: this process has called unshare() for another "
       "pid namespace, in which its tasks would not see it; fork first");
-  EXPECT_EQ(starter.Wait(), 0);
 }
 
 TEST_F(TaskSocket, ServesOneMessagingAtATime) {
