@@ -98,15 +98,11 @@ TEST_F(RecordFile, ThatCannotBeOpenedIsSaidOnceByEachProcess) {
 
 // The task gets a message, sends what no socket holds, and is gone; nobody reads.
 TEST_F(RecordFile, SaysNothingOfMessagesThatAreLostInTheQueue) {
-  AddHelperTask("flood");
+  // The task's record alone: this process would keep the file open for good.
+  AddShellTask("flood", "RUNTIME_MANAGER_TRACE=$WORLD/trace exec " HELPER " flood at-once");
   Task task("flood");
   task.withIpcSocket(true);
-  task.withArguments({"flood", "at-once"});
-  {
-    // The task's record alone: this process would keep the file open for good.
-    const ScopedVariable trace("RUNTIME_MANAGER_TRACE", PathOf("trace").toUtf8());
-    ExpectStarts(task);
-  }
+  ExpectStarts(task);
   TaskMessaging messaging(task.socketPath());
   messaging.sendMessage(Data("go"));
   for (int i = 0; i < 20000 && !QFile::exists(PathOf("flooded")); ++i) {
