@@ -1,4 +1,6 @@
 """What is made of the definition of the commands: completion, man pages, help."""
+import gzip
+import os
 import re
 import shutil
 import subprocess
@@ -60,6 +62,16 @@ class Manual(Case):
                 self.assertIn(option, page, verb)
             self.assertIn(".SH \"EXIT STATUS\"", page)
             self.assertIn(f"tarvctl\\-{verb}", overview)
+
+    def test_is_installed_whole(self):
+        folder = os.environ.get("TARVCTL_GENERATED", "")
+        if not os.path.isdir(folder):
+            self.skipTest("a build with sanitizers makes none")
+        for verb in self.verbs():
+            with gzip.open(os.path.join(folder, "man", f"tarvctl-{verb}.1.gz"), "rt") as page:
+                self.assertEqual(page.read(), self.expect(0, ["man", verb]).stdout)
+        with open(os.path.join(folder, "tarvctl.bash"), encoding="utf-8") as completion:
+            self.assertEqual(completion.read(), self.expect(0, ["completion"]).stdout)
 
     def test_is_what_man_takes_without_a_warning(self):
         if not shutil.which("groff"):
