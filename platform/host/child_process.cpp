@@ -39,13 +39,15 @@ QString Describe(const siginfo_t& info) {
 
 int ChildProcess::Start(const SpawnRequest& request, Callbacks callbacks,
                         std::shared_ptr<ChildProcess>* child) {
+  // What the child does comes later in the record.
+  const long long time = IsRecorded() ? RecordTime() : 0;
   Spawned spawned;
   const int error_number = Spawn(request, &spawned);
   if (error_number != 0) {
     return error_number;
   }
   child->reset(new ChildProcess(std::move(spawned), request, std::move(callbacks)));
-  (*child)->RecordStart(request);
+  (*child)->RecordStart(request, time);
   ProcessExit::Get().AddChild(*child);
   (*child)->Watch();
   return 0;
@@ -159,12 +161,13 @@ QString ChildProcess::HowItEnded() const {
          " after " + DurationText(since_start_.elapsed());
 }
 
-void ChildProcess::RecordStart(const SpawnRequest& request) const {
+void ChildProcess::RecordStart(const SpawnRequest& request, long long time) const {
   if (!task_.isEmpty()) {
     TraceEvent(task_, "start",
                {{"process", GetPid()},
                 {"program", QString::fromUtf8(request.program)},
-                {"starter", QString::fromLocal8Bit(program_invocation_short_name)}});
+                {"starter", QString::fromLocal8Bit(program_invocation_short_name)}},
+               time);
   }
 }
 

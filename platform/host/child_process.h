@@ -79,7 +79,7 @@ class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
   void StopWatching();
   void FinishStderr();
   QString HowItEnded() const;
-  void RecordStart(const SpawnRequest& request) const;
+  void RecordStart(const SpawnRequest& request, long long time) const;
   void RecordEnd();
 
   ChildHandle handle_;

@@ -174,11 +174,12 @@ void TraceLinesSent(const QString& task, std::string_view bytes, std::size_t fro
   }
 }
 
-void TraceEvent(const QString& task, const char* event, const QJsonObject& more) {
+void TraceEvent(const QString& task, const char* event, const QJsonObject& more, long long time) {
   if (!IsRecorded()) {
     return;
   }
-  const QByteArray head = Head(task, RecordTime()) + ",\"event\":\"" + event + '"';
+  const QByteArray head =
+      Head(task, time == 0 ? RecordTime() : time) + ",\"event\":\"" + event + '"';
   Write(RecordFile(), more.isEmpty() ? head : head + ',' + Members(more), {});
 }
 

@@ -26,8 +26,9 @@ void TraceLinesSent(const QString& task, std::string_view bytes, std::size_t fro
                     long long time);
 
 // Appends a line for something that has happened to the task: "start", "end" or "connection". The
-// members of `more` say what about it. Does nothing when there is no record.
-void TraceEvent(const QString& task, const char* event, const QJsonObject& more);
+// members of `more` say what about it. The time is now unless it is given. Does nothing when there is no record.
+void TraceEvent(const QString& task, const char* event, const QJsonObject& more,
+                long long time = 0);
 
 // Appends a line that says which fault struck a message on this way, or the task: `fault` in place of
 // the message.

@@ -168,6 +168,8 @@ TEST_F(TaskSocket, IsServedOnceToAStarterThatTheTaskDoesNotSee) {
 }
 
 TEST_F(TaskSocket, IsNotMadeByAProcessThatItsChildrenDoNotSee) {
+  // Its leak checker would need a thread, which a process cannot start then.
+  const ScopedVariable asan("ASAN_OPTIONS", qgetenv("ASAN_OPTIONS") + ":detect_leaks=0");
   Process starter(HELPER, {"start", "task", "apart"});
   const std::string said = starter.ReadLine();
   EXPECT_EQ(starter.Wait(), 0);
