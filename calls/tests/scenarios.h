@@ -25,6 +25,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -63,6 +64,9 @@ struct Scenario {
 };
 
 const std::vector<Scenario>& AllScenarios();
+
+// For the names of tests, which shall stay from run to run.
+inline void PrintTo(const Scenario& scenario, std::ostream* stream) { *stream << scenario.name; }
 
 // Empty when the error is the one that the scenario must end with; otherwise what differs.
 std::string Compare(const Scenario& scenario, const CallError& error);

@@ -6,6 +6,7 @@
 #include <tarv/testing/real_task.h>
 
 #include <QCoreApplication>
+#include <QEventLoop>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
@@ -149,7 +150,12 @@ class InTwoProcesses : public tarv::test::World {
     return task_->GetClient();
   }
   bool RunUntil(const std::function<bool()>& condition) override {
-    return task_->WaitUntil(condition);
+    // A kept task starts in the event loop.
+    const auto until = std::chrono::steady_clock::now() + 60s;
+    while (!task_ && std::chrono::steady_clock::now() < until) {
+      QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+    }
+    return task_ && task_->WaitUntil(condition);
   }
   void LimitMessages(std::size_t most) override {
     limits_["RUNTIME_MANAGER_MAX_MESSAGE"] = std::to_string(most);

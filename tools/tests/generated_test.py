@@ -33,10 +33,10 @@ class Completion(Case):
         self.assertEqual(self.complete("tasks", "--n"), ["--names"])
 
     def test_offers_tasks_where_one_is_wanted(self):
-        self.assertEqual(self.complete("call", "wor"), ["wordcount"])
-        self.assertEqual(self.complete("call", "--timeout", "3", "wor"), ["wordcount"])
-        self.assertEqual(self.complete("call", "--typed", "wor"), ["wordcount"])
-        self.assertEqual(self.complete("call", "wordcount", "wor"), [])
+        self.assertEqual(self.complete("call", "wordc"), ["wordcount"])
+        self.assertEqual(self.complete("call", "--timeout", "3", "wordc"), ["wordcount"])
+        self.assertEqual(self.complete("call", "--typed", "wordc"), ["wordcount"])
+        self.assertEqual(self.complete("call", "wordcount", "wordc"), [])
 
     def test_offers_files_where_one_is_wanted(self):
         record = self.write("record", "")
