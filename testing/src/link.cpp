@@ -129,6 +129,22 @@ void Link::Send(Way way, const Message& message) {
 
 // With the lock held, as all until TakeDue. A message that does not fit ends the connection.
 bool Link::FitsBounds(Way way, std::size_t size) {
+  if (!FitsMessage(way, size)) {
+    return false;
+  }
+  if (!BreaksQueue(way, size)) {
+    return true;
+  }
+  EndLocked(
+      Message::Error(kQueueFull, "task '" + options_.task_name + "' does not read: more than the " +
+                                     std::to_string(options_.max_queue) +
+                                     " bytes that RUNTIME_MANAGER_MAX_QUEUE sets would "
+                                     "wait for it"),
+      "the connection ended: the task does not read");
+  return false;
+}
+
+bool Link::FitsMessage(Way way, std::size_t size) {
   const bool to_task = way == Way::kToTask;
   const std::string task = "task '" + options_.task_name + "'";
   const std::string bound = " over the bound of " + std::to_string(options_.max_message) +
@@ -143,14 +159,6 @@ bool Link::FitsBounds(Way way, std::size_t size) {
   if (size > options_.max_message) {
     EndLocked(Message::Error(kMessageTooLong, task + " sent a line" + bound),
               "the connection ended at a message that is too large");
-    return false;
-  }
-  if (BreaksQueue(way, size)) {
-    EndLocked(Message::Error(kQueueFull, task + " does not read: more than the " +
-                                             std::to_string(options_.max_queue) +
-                                             " bytes that RUNTIME_MANAGER_MAX_QUEUE sets would "
-                                             "wait for it"),
-              "the connection ended: the task does not read");
     return false;
   }
   return true;

@@ -84,6 +84,7 @@ class Link : public std::enable_shared_from_this<Link> {
 
   void Put(Way way, Parcel&& parcel, Duration delay);
   bool FitsBounds(Way way, std::size_t size);
+  bool FitsMessage(Way way, std::size_t size);
   bool BreaksQueue(Way way, std::size_t size) const;
   void EndLocked(vorpc::Message::Error error, const std::string& note);
   void Hand(Way way, const vorpc::Message& message) const;

@@ -70,6 +70,20 @@ Session::OnNotification TellNotifications(const Request& request, const Output& 
   };
 }
 
+namespace {
+
+// The task may still answer what was cancelled; that shall be seen.
+void StayForLateAnswer(Session& session) {
+  session.on_message = [](const vorpc::Message& message) {
+    if (message.GetResponse() != nullptr) {
+      QCoreApplication::quit();
+    }
+  };
+  QTimer::singleShot(kCancelGraceMs, [] { QCoreApplication::quit(); });
+}
+
+}  // namespace
+
 AnyOutcome CallAndWait(Session& session, const AnyMethod& method, cw::EncodableValue params,
                        const Request& request, const Output& output) {
   const auto call = session.GetCaller().Call(
@@ -83,16 +97,11 @@ AnyOutcome CallAndWait(Session& session, const AnyMethod& method, cw::EncodableV
   call.Then([&outcome, &session](AnyOutcome ended) {
     const bool cancelled = !ended && ended.GetError().GetReason() == tarv::CallReason::kCancelled;
     outcome.emplace(std::move(ended));
-    if (!cancelled) {
+    if (cancelled) {
+      StayForLateAnswer(session);
+    } else {
       QCoreApplication::quit();
-      return;
     }
-    session.on_message = [](const vorpc::Message& message) {
-      if (message.GetResponse() != nullptr) {
-        QCoreApplication::quit();
-      }
-    };
-    QTimer::singleShot(kCancelGraceMs, [] { QCoreApplication::quit(); });
   });
   QCoreApplication::exec();
   return *std::move(outcome);

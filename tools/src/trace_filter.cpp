@@ -32,19 +32,25 @@ void TraceFilter::Add(Item&& item) {
     waiting_.insert_or_assign(key, std::move(item));
     return;
   }
-  const bool is_end = item.kind == Item::Kind::kEnd && request_.errors;
   if (item.kind == Item::Kind::kResponse) {
-    const auto request = waiting_.extract(key);
-    if (!IsWantedAnswer(item)) {
-      return;
-    }
-    if (!request.empty()) {
-      handle_(request.mapped());
-    }
-    handle_(item);
-  } else if (is_end || (item.is_error && slower_ == 0)) {
+    AddAnswer(item, key);
+    return;
+  }
+  const bool is_end = item.kind == Item::Kind::kEnd && request_.errors;
+  if (is_end || (item.is_error && slower_ == 0)) {
     handle_(item);
   }
+}
+
+void TraceFilter::AddAnswer(const Item& item, const std::string& key) {
+  const auto request = waiting_.extract(key);
+  if (!IsWantedAnswer(item)) {
+    return;
+  }
+  if (!request.empty()) {
+    handle_(request.mapped());
+  }
+  handle_(item);
 }
 
 }  // namespace tarvctl

@@ -24,6 +24,7 @@ class TraceFilter {
  private:
   bool IsWanted(const Item& item) const;
   bool IsWantedAnswer(const Item& item) const;
+  void AddAnswer(const Item& item, const std::string& key);
 
   const Request& request_;
   const Handle handle_;

@@ -14,6 +14,7 @@
 #include <tarv/calls/workers.h>
 #include <vorpc/server.h>
 
+#include <atomic>
 #include <exception>
 #include <functional>
 #include <memory>
@@ -126,12 +127,24 @@ Handler MakeHandler(Callee callee) {
   };
 }
 
+// On a thread of the workers.
+template <class Result, class Step, class Args, class Callee>
+void AnswerByWorker(const RequestPtr& request, Args& arguments, Callee& callee,
+                    const std::shared_ptr<const std::atomic<bool>>& ending) {
+  RunWorker(request, [&] {
+    if constexpr (Args::template kFits<Callee>) {
+      AnswerReturned<Result>(request, arguments, callee);
+    } else {
+      AnswerReturned<Result>(request, arguments, callee, Running<Step>(request, ending));
+    }
+  });
+}
+
 template <class Result, class Parameter, class Step, class Callee>
 Handler MakeWorkerHandler(Workers& workers, Callee callee) {
   using Args = Arguments<Parameter>;
-  constexpr bool kAlone = Args::template kFits<Callee>;
   static_assert(
-      kAlone || Args::template kFits<Callee, Running<Step>>,
+      Args::template kFits<Callee> || Args::template kFits<Callee, Running<Step>>,
       "tarv: a handler on Workers takes the method's parameter, if it has one, and perhaps "
       "a const tarv::Running<Progress>&, and returns the method's result");
   return [post = workers.GetPost(), ending = workers.GetEndingFlag(),
@@ -144,13 +157,7 @@ Handler MakeWorkerHandler(Workers& workers, Callee callee) {
       return;
     }
     post([arguments = std::move(arguments), ending, shared, request]() mutable {
-      RunWorker(request, [&] {
-        if constexpr (kAlone) {
-          AnswerReturned<Result>(request, arguments, *shared);
-        } else {
-          AnswerReturned<Result>(request, arguments, *shared, Running<Step>(request, ending));
-        }
-      });
+      AnswerByWorker<Result, Step>(request, arguments, *shared, ending);
     });
   };
 }
