@@ -3,6 +3,7 @@
 #include <vorpc/server.h>
 
 #include <chrono>
+#include <functional>
 #include <future>
 #include <memory>
 #include <optional>
@@ -219,6 +220,23 @@ class DeferredReplyTest : public ServerTest {
     server_->Receive(Call("r", "later"));
   }
 
+  // On a thread of its own, while a notification is delivered on this one.
+  void AnswerWhileAnotherThreadDelivers(const std::function<void(IReply&)>& answer) {
+    std::thread other;
+    server_->OnNotify("tick", [&](const auto&) {
+      std::promise<void> started;
+      other = std::thread([&] {
+        started.set_value();
+        answer(*replies_.at(0));
+      });
+      started.get_future().wait();
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      EXPECT_EQ(recorder_.CountSent(), 1U) << "the answer has overtaken the notification";
+    });
+    server_->Receive(Message::CreateNotification("tick", {}));
+    other.join();
+  }
+
   std::vector<std::unique_ptr<IReply>> replies_;
 };
 
@@ -229,20 +247,13 @@ TEST_F(DeferredReplyTest, MayAnswerLaterAndFromAnotherThread) {
 }
 
 TEST_F(DeferredReplyTest, WaitsForItsTurnWhileAnotherThreadDelivers) {
-  std::thread other;
-  server_->OnNotify("tick", [&](const auto&) {
-    std::promise<void> started;
-    other = std::thread([&] {
-      started.set_value();
-      replies_.at(0)->SendResult(7);
-    });
-    started.get_future().wait();
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(recorder_.CountSent(), 1U) << "the answer has overtaken the notification";
-  });
-  server_->Receive(Message::CreateNotification("tick", {}));
-  other.join();
+  AnswerWhileAnotherThreadDelivers([](IReply& reply) { reply.SendResult(7); });
   EXPECT_EQ(recorder_.GetLast(), Message::CreateResponse(ID("r"), 7));
+}
+
+TEST_F(DeferredReplyTest, WaitsForItsTurnWithAnErrorToo) {
+  AnswerWhileAnotherThreadDelivers([](IReply& reply) { reply.SendError(-1, "no", {}); });
+  EXPECT_EQ(recorder_.GetLast(), Message::CreateError(ID("r"), -1, "no"));
 }
 
 TEST_F(DeferredReplyTest, SendsTwoResponsesWhenItIsUsedTwice) {
