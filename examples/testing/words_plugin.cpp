@@ -33,7 +33,7 @@ WordsPlugin::WordsPlugin(cw::PluginRegistrar* registrar, tarv::KeptTask::Factory
   });
 }
 
-void WordsPlugin::Add(const std::string& text, Result result) {
+void WordsPlugin::Add(const std::string& text, const Result& result) {
   const auto options =
       Has(Bug::kWaitsTooLong) ? tarv::CallOptions() : tarv::CallOptions().Timeout(5s);
   latest_ = result;

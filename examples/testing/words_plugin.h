@@ -23,7 +23,7 @@ class WordsPlugin : public cw::Plugin {
  private:
   using Result = std::shared_ptr<cw::MethodResult<>>;
 
-  void Add(const std::string& text, Result result);
+  void Add(const std::string& text, const Result& result);
 
   tarv::KeptTask task_;
   cw::MethodChannel<> channel_;

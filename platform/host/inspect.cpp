@@ -14,7 +14,7 @@
 #include "support.h"
 #include "task_finder.h"
 
-namespace RuntimeManager::Inspect {
+namespace RuntimeManager::inspect {
 namespace {
 
 using host::SocketFolder;
@@ -141,4 +141,4 @@ std::vector<Limit> limits() {
           LimitOf(host::kIntentTimeoutRule)};
 }
 
-}  // namespace RuntimeManager::Inspect
+}  // namespace RuntimeManager::inspect

@@ -8,7 +8,7 @@ namespace {
 
 // Whether this process can start tasks at all.
 Error CheckProcess(const QString& name) {
-  const Error refusal = CheckOriginal();
+  Error refusal = CheckOriginal();
   if (refusal.isError() || IsSeenByChildren()) {
     return refusal;
   }

@@ -13,11 +13,11 @@
 namespace kit {
 namespace {
 
-namespace Inspect = RuntimeManager::Inspect;
+namespace inspect = RuntimeManager::inspect;
 
 class InspectTest : public PlatformTest {};
 
-const Inspect::FoundTask* Find(const std::vector<Inspect::FoundTask>& tasks, const QString& name) {
+const inspect::FoundTask* Find(const std::vector<inspect::FoundTask>& tasks, const QString& name) {
   for (const auto& task : tasks) {
     if (task.name == name) {
       return &task;
@@ -29,7 +29,7 @@ const Inspect::FoundTask* Find(const std::vector<Inspect::FoundTask>& tasks, con
 TEST_F(InspectTest, ListsTheTasksThatCanBeStarted) {
   AddHelperTask("echo");
   AddShellTask("script", "exit 0\n");
-  const auto tasks = Inspect::tasks();
+  const auto tasks = inspect::tasks();
   for (const char* name : {"echo", "script"}) {
     const auto* const task = Find(tasks, name);
     ASSERT_NE(task, nullptr) << name;
@@ -43,22 +43,22 @@ TEST_F(InspectTest, SaysWhatIsWrongWithTheOthers) {
   QFile::link("/no/such/file", PathOf("tasks/dangling"));
   QFile plain(PathOf("tasks/plain"));
   ASSERT_TRUE(plain.open(QIODevice::WriteOnly));
-  const auto tasks = Inspect::tasks();
+  const auto tasks = inspect::tasks();
   EXPECT_TRUE(Find(tasks, "folder")->problem.contains("is not a regular file"));
   EXPECT_TRUE(Find(tasks, "dangling")->problem.contains("a link that leads nowhere"));
   EXPECT_TRUE(Find(tasks, "plain")->problem.contains("chmod +x"));
 }
 
 TEST_F(InspectTest, TellsTheRuntimeFolderWithoutMakingIt) {
-  EXPECT_FALSE(Inspect::runtimeFolder().exists);
-  EXPECT_EQ(Inspect::runtimeFolder().path, RuntimeFolder());
+  EXPECT_FALSE(inspect::runtimeFolder().exists);
+  EXPECT_EQ(inspect::runtimeFolder().path, RuntimeFolder());
   EXPECT_FALSE(QFile::exists(RuntimeFolder()));
   ASSERT_TRUE(QDir().mkpath(RuntimeFolder()));
   ASSERT_EQ(::chmod(RuntimeFolder().toUtf8().constData(), 0755), 0);
-  EXPECT_EQ(Inspect::runtimeFolder().mode, 0755U);
-  EXPECT_TRUE(Inspect::runtimeFolder().problem.contains("chmod 700"));
+  EXPECT_EQ(inspect::runtimeFolder().mode, 0755U);
+  EXPECT_TRUE(inspect::runtimeFolder().problem.contains("chmod 700"));
   ASSERT_EQ(::chmod(RuntimeFolder().toUtf8().constData(), 0700), 0);
-  EXPECT_EQ(Inspect::runtimeFolder().problem, "");
+  EXPECT_EQ(inspect::runtimeFolder().problem, "");
 }
 
 TEST_F(InspectTest, TellsSocketsOfTheLivingFromThoseOfTheDead) {
@@ -68,7 +68,7 @@ TEST_F(InspectTest, TellsSocketsOfTheLivingFromThoseOfTheDead) {
   ExpectStarts(task);
   const int socket = ListenOn(RuntimeFolder() + "/1-1-1.sock");
   ::close(socket);
-  const auto sockets = Inspect::taskSockets();
+  const auto sockets = inspect::taskSockets();
   ASSERT_EQ(sockets.size(), 2U);
   EXPECT_EQ(sockets[0].name, "1-1-1.sock");
   EXPECT_FALSE(sockets[0].live);
@@ -78,11 +78,11 @@ TEST_F(InspectTest, TellsSocketsOfTheLivingFromThoseOfTheDead) {
 }
 
 TEST_F(InspectTest, TellsWhichIntentsHaveALiveOwner) {
-  EXPECT_TRUE(Inspect::intents().empty());
+  EXPECT_TRUE(inspect::intents().empty());
   ASSERT_TRUE(QDir().mkpath(RuntimeFolder() + "/intents"));
   const int living = ListenOn(RuntimeFolder() + "/intents/living");
   ::close(ListenOn(RuntimeFolder() + "/intents/dead"));
-  const auto intents = Inspect::intents();
+  const auto intents = inspect::intents();
   ASSERT_EQ(intents.size(), 2U);
   EXPECT_EQ(intents[0].name, "dead");
   EXPECT_FALSE(intents[0].live);
@@ -94,7 +94,7 @@ TEST_F(InspectTest, TellsWhichIntentsHaveALiveOwner) {
 TEST_F(InspectTest, TellsLimitsAndWhatIsWrongWithThem) {
   const ScopedVariable good("RUNTIME_MANAGER_MAX_MESSAGE", "1000");
   const ScopedVariable bad("RUNTIME_MANAGER_MAX_QUEUE", "many");
-  const auto limits = Inspect::limits();
+  const auto limits = inspect::limits();
   ASSERT_EQ(limits.size(), 3U);
   EXPECT_EQ(limits[0].value, 1000U);
   EXPECT_EQ(limits[0].problem, "");

@@ -17,7 +17,7 @@
 namespace tarvctl {
 namespace {
 
-namespace Inspect = RuntimeManager::Inspect;
+namespace inspect = RuntimeManager::inspect;
 
 enum class Finding { kGood, kNotice, kBad };
 
@@ -44,7 +44,7 @@ class Report {
 };
 
 void CheckRuntimeFolder(Report& report) {
-  const auto folder = Inspect::runtimeFolder();
+  const auto folder = inspect::runtimeFolder();
   if (!folder.problem.isEmpty()) {
     report.Add(Finding::kBad, "runtime folder: " + folder.problem);
     return;
@@ -58,7 +58,7 @@ void CheckRuntimeFolder(Report& report) {
 void CheckSockets(Report& report) {
   int live = 0;
   QStringList stale;
-  for (const auto& socket : Inspect::taskSockets()) {
+  for (const auto& socket : inspect::taskSockets()) {
     live += socket.live ? 1 : 0;
     if (!socket.live) {
       stale << socket.name;
@@ -75,7 +75,7 @@ void CheckSockets(Report& report) {
 void CheckIntents(Report& report) {
   QStringList live;
   QStringList dead;
-  for (const auto& intent : Inspect::intents()) {
+  for (const auto& intent : inspect::intents()) {
     (intent.live ? live : dead) << intent.name;
   }
   report.Add(Finding::kGood,
@@ -87,7 +87,7 @@ void CheckIntents(Report& report) {
 }
 
 void CheckLimits(Report& report) {
-  for (const auto& limit : Inspect::limits()) {
+  for (const auto& limit : inspect::limits()) {
     if (!limit.problem.isEmpty()) {
       report.Add(Finding::kBad, "limit: " + limit.problem);
       continue;
@@ -107,12 +107,12 @@ void CheckLimits(Report& report) {
 }
 
 void CheckSearchPath(Report& report) {
-  for (const QString& folder : Inspect::taskFolders()) {
+  for (const QString& folder : inspect::taskFolders()) {
     const bool exists = QFileInfo(folder).isDir();
     report.Add(exists ? Finding::kGood : Finding::kNotice,
                QString("search path: '%1'%2").arg(folder, exists ? "" : " does not exist"));
   }
-  for (const auto& task : Inspect::tasks()) {
+  for (const auto& task : inspect::tasks()) {
     if (!task.problem.isEmpty()) {
       report.Add(Finding::kNotice,
                  QString("task '%1' in '%2': %3").arg(task.name, task.folder, task.problem));
@@ -145,13 +145,13 @@ void CheckLibrary(Report& report) {
 // The program that the task's name leads to; empty when there is none.
 QString ProgramOf(const std::string& name, Report& report) {
   const QString wanted = QString::fromStdString(name);
-  for (const auto& task : Inspect::tasks()) {
+  for (const auto& task : inspect::tasks()) {
     if (task.name == wanted && task.problem.isEmpty()) {
       report.Add(Finding::kGood, QString("program: '%1/%2'").arg(task.folder, task.name));
       return task.folder + '/' + task.name;
     }
   }
-  for (const auto& task : Inspect::tasks()) {
+  for (const auto& task : inspect::tasks()) {
     if (task.name == wanted) {
       report.Add(Finding::kBad,
                  QString("program: '%1/%2': %3").arg(task.folder, task.name, task.problem));
@@ -165,7 +165,7 @@ QString ProgramOf(const std::string& name, Report& report) {
 }
 
 void CheckInterpreter(const QString& program, Report& report) {
-  const QString interpreter = Inspect::interpreterOf(program);
+  const QString interpreter = inspect::interpreterOf(program);
   report.Add(Finding::kGood,
              "interpreter: " + (interpreter.isEmpty() ? QString("none, linked statically")
                                                       : '\'' + interpreter + '\''));

@@ -55,7 +55,7 @@ int Invoke(const QString& name, const QJsonObject& parameters, const Request& re
 
 int RunIntents(const Request& request, Output& output) {
   QJsonArray array;
-  for (const auto& intent : RuntimeManager::Inspect::intents()) {
+  for (const auto& intent : RuntimeManager::inspect::intents()) {
     array.append(QJsonObject{{"name", intent.name}, {"live", intent.live}});
     if (!request.json) {
       output.PrintLine(intent.name.toStdString() +

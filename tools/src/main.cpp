@@ -1,6 +1,7 @@
 // tarvctl: talks to tasks by hand, and shows what programs and tasks have said to each other.
 #include <QtCore/QCoreApplication>
 #include <algorithm>
+#include <cstdio>
 #include <exception>
 
 #include "commands.h"
@@ -68,4 +69,13 @@ int Main(int argc, char** argv) {
 }  // namespace
 }  // namespace tarvctl
 
-int main(int argc, char** argv) { return tarvctl::Main(argc, argv); }
+int main(int argc, char** argv) {
+  try {
+    return tarvctl::Main(argc, argv);
+  } catch (const std::exception& error) {
+    std::fputs("tarvctl: ", stderr);
+    std::fputs(error.what(), stderr);
+    std::fputs("\n", stderr);
+  }
+  return tarvctl::kNotConnected;
+}

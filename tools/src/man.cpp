@@ -79,9 +79,10 @@ std::string Synopsis(const CLI::App& verb) {
   std::string text = ".B tarvctl " + verb.get_name() + "\n[\\fIOPTION\\fR]...";
   for (const CLI::Option* const option : verb.get_options()) {
     if (option->get_positional()) {
-      const std::string name = "\\fI" + option->get_name(true) + "\\fR";
-      const std::string many = option->get_expected_max() > 1 ? "..." : "";
-      text += option->get_required() ? " " + name : " [" + name + many + "]";
+      const bool needed = option->get_required();
+      const bool many = !needed && option->get_expected_max() > 1;
+      text.append(needed ? " " : " [").append("\\fI" + option->get_name(true) + "\\fR");
+      text.append(many ? "..." : "").append(needed ? "" : "]");
     }
   }
   return text + '\n';

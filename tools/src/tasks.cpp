@@ -13,9 +13,9 @@
 namespace tarvctl {
 namespace {
 
-namespace Inspect = RuntimeManager::Inspect;
+namespace inspect = RuntimeManager::inspect;
 
-QJsonObject JsonOf(const Inspect::FoundTask& task) {
+QJsonObject JsonOf(const inspect::FoundTask& task) {
   QJsonObject object{{"name", task.name}, {"folder", task.folder}};
   if (!task.problem.isEmpty()) {
     object.insert("problem", task.problem);
@@ -23,7 +23,7 @@ QJsonObject JsonOf(const Inspect::FoundTask& task) {
   return object;
 }
 
-void PrintJson(const std::vector<Inspect::FoundTask>& tasks, Output& output) {
+void PrintJson(const std::vector<inspect::FoundTask>& tasks, Output& output) {
   QJsonArray array;
   for (const auto& task : tasks) {
     array.append(JsonOf(task));
@@ -31,7 +31,7 @@ void PrintJson(const std::vector<Inspect::FoundTask>& tasks, Output& output) {
   output.PrintLine(ToText(array, false));
 }
 
-void PrintNames(const std::vector<Inspect::FoundTask>& tasks, Output& output) {
+void PrintNames(const std::vector<inspect::FoundTask>& tasks, Output& output) {
   for (const auto& task : tasks) {
     if (task.problem.isEmpty()) {
       output.PrintLine(task.name.toStdString());
@@ -39,7 +39,7 @@ void PrintNames(const std::vector<Inspect::FoundTask>& tasks, Output& output) {
   }
 }
 
-void PrintTable(const std::vector<Inspect::FoundTask>& tasks, Output& output) {
+void PrintTable(const std::vector<inspect::FoundTask>& tasks, Output& output) {
   std::size_t widest = 0;
   for (const auto& task : tasks) {
     widest = std::max(widest, task.name.toStdString().size());
@@ -56,7 +56,7 @@ void PrintTable(const std::vector<Inspect::FoundTask>& tasks, Output& output) {
 }  // namespace
 
 int RunTasks(const Request& request, Output& output) {
-  const auto tasks = Inspect::tasks();
+  const auto tasks = inspect::tasks();
   if (request.names) {
     PrintNames(tasks, output);
   } else if (request.json) {
@@ -65,7 +65,7 @@ int RunTasks(const Request& request, Output& output) {
     PrintTable(tasks, output);
   }
   if (tasks.empty()) {
-    output.Tell("no tasks in: " + Inspect::taskFolders().join(", ").toStdString() +
+    output.Tell("no tasks in: " + inspect::taskFolders().join(", ").toStdString() +
                 " (RUNTIME_MANAGER_TASK_PATH adds folders)");
   }
   return kDone;

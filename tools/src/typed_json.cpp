@@ -156,7 +156,8 @@ EncodableValue ReadNumbers(const std::string& kind, const QJsonValue& json) {
     Refuse(kind, json);
   }
   std::vector<Number> list;
-  for (const QJsonValue& element : json.toArray()) {
+  const QJsonArray elements = json.toArray();
+  for (const QJsonValue element : elements) {
     if constexpr (std::is_integral_v<Number>) {
       list.push_back(ReadInt<Number>(kind, element));
     } else {
@@ -188,7 +189,8 @@ EncodableValue ReadMap(const QJsonValue& json) {
     return ReadObject(json.toObject());
   }
   EncodableMap map;
-  for (const QJsonValue& pair : json.toArray()) {
+  const QJsonArray pairs = json.toArray();
+  for (const QJsonValue pair : pairs) {
     if (pair.toArray().size() != 2) {
       Refuse("map", pair);
     }

@@ -125,7 +125,7 @@ std::shared_ptr<vorpc::IClient> ManagerWrapper::CreateIpcClient(const std::strin
   }
   const std::shared_ptr<RpcClient::Api> api =
       RpcClient::Api::Create(api_->GetLibrary(), load_table);
-  const auto made = RpcClient::Create(dispatcher_, name, api, client);
+  auto made = RpcClient::Create(dispatcher_, name, api, client);
   if (made) {
     details::MadeClients::Get().Add(static_cast<const RpcClient&>(*made).GetRef(),
                                     {this, manager_});

@@ -1,4 +1,4 @@
-// RuntimeManager::Inspect: what there is on this workstation, for tools that show it.
+// RuntimeManager::inspect: what there is on this workstation, for tools that show it.
 //
 // Nothing here starts, connects to, makes or removes anything, and nobody notices that he is looked
 // at. Everything is as it was at the moment of the call. Any thread.
@@ -13,7 +13,7 @@
 #include <QtCore/QStringList>
 #include <vector>
 
-namespace RuntimeManager::Inspect {
+namespace RuntimeManager::inspect {
 
 // A file in one of the folders of tasks.
 struct FoundTask {
@@ -59,6 +59,6 @@ struct Limit {
 };
 RUNTIME_MANAGER_EXPORT std::vector<Limit> limits();
 
-}  // namespace RuntimeManager::Inspect
+}  // namespace RuntimeManager::inspect
 
 #endif  // RUNTIME_MANAGER_INSPECT_H

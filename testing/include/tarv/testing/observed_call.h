@@ -27,10 +27,11 @@ class ObservedCall {
   using TellTranscript = std::function<std::string()>;
 
   // Consumes `call`.
-  ObservedCall(tarv::Call<Result, Progress> call, std::string method, TellTranscript tell)
+  ObservedCall(tarv::Call<Result, Progress> call, const std::string& method,
+               const TellTranscript& tell)
       : call_(std::move(call)), record_(std::make_shared<Record>()) {
-    record_->method = std::move(method);
-    record_->tell_transcript = std::move(tell);
+    record_->method = method;
+    record_->tell_transcript = tell;
     call_.Then([record = record_](Outcome<Result> outcome) {
       record->outcome.emplace(std::move(outcome));
     });
