@@ -52,6 +52,9 @@ TEST_F(IntentManagerWrapper, OfEachSizeOfATableThatCoversOpenUriAsks) {
     const auto intents = CreateIntents();
     EXPECT_EQ(StdoutOf([&] { intents->OpenUri("a:1", [](bool) {}); }), "");
     EXPECT_THAT(fake_->calls, SizeIs(1));
+    ASSERT_FALSE(fake_->uri_slots.empty());
+    const TARVOpenUriSlot& slot = fake_->uri_slots.back();
+    slot.release(slot.user_data);
   }
 }
 

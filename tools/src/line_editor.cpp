@@ -34,7 +34,8 @@ Editor::Editor(std::function<std::vector<std::string>()> words, const std::strin
   el_set(editor_.get(), EL_PROMPT, &Prompt);
   el_set(editor_.get(), EL_EDITOR, "emacs");
   el_set(editor_.get(), EL_HIST, &history, history_.get());
-  el_set(editor_.get(), EL_ADDFN, "complete", "completes a method's name", &Complete);
+  // Its other form keeps copies of the texts for ever.
+  el_wset(editor_.get(), EL_ADDFN, L"complete", L"completes a method's name", &Complete);
   el_set(editor_.get(), EL_BIND, "^I", "complete", nullptr);
   el_set(editor_.get(), EL_UNBUFFERED, 1);
 }
@@ -68,7 +69,7 @@ Editor::State Editor::Take(std::string* line) {
 }
 
 // Completes the word before the cursor as far as all that fit agree.
-unsigned char Editor::Complete(EditLine* editor, int /*character*/) {
+unsigned char Editor::Complete(EditLine* editor, std::wint_t /*character*/) {
   Editor* self = nullptr;
   el_get(editor, EL_CLIENTDATA, &self);
   const LineInfo* const info = el_line(editor);

@@ -4,6 +4,7 @@
 
 #include <histedit.h>
 
+#include <cwchar>
 #include <functional>
 #include <memory>
 #include <string>
@@ -33,7 +34,7 @@ class Editor {
     void operator()(History* history) const;
   };
 
-  static unsigned char Complete(EditLine* editor, int character);
+  static unsigned char Complete(EditLine* editor, std::wint_t character);
   void Remember();
 
   const std::function<std::vector<std::string>()> words_;
