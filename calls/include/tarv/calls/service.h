@@ -143,8 +143,9 @@ void AnswerByWorker(const RequestPtr& request, Args& arguments, Callee& callee,
 template <class Result, class Parameter, class Step, class Callee>
 Handler MakeWorkerHandler(Workers& workers, Callee callee) {
   using Args = Arguments<Parameter>;
+  constexpr bool kAlone = Args::template kFits<Callee>;
   static_assert(
-      Args::template kFits<Callee> || Args::template kFits<Callee, Running<Step>>,
+      kAlone || Args::template kFits<Callee, Running<Step>>,
       "tarv: a handler on Workers takes the method's parameter, if it has one, and perhaps "
       "a const tarv::Running<Progress>&, and returns the method's result");
   return [post = workers.GetPost(), ending = workers.GetEndingFlag(),
