@@ -106,7 +106,7 @@ void FaultLane::TakeLines() {
   searched_ = in_.size();
   if (!in_.isEmpty() && (has_ended_ || static_cast<std::size_t>(in_.size()) > max_message_)) {
     searched_ = 0;
-    Hold({std::max(Clock::now(), last_due_), std::exchange(in_, {})});
+    Hold({Clock::now(), std::exchange(in_, {})});
   }
 }
 
@@ -124,7 +124,6 @@ void FaultLane::TakeLine(QByteArray line) {
       Spoil(rule, line, held, copies);
     }
   }
-  held.due = last_due_ = std::max(held.due, last_due_);
   held.bytes = line + '\n';
   for (int i = 0; i < copies; ++i) {
     Hold(held);

@@ -69,10 +69,9 @@ class FaultLane {
   const std::size_t max_message_;
   std::mt19937_64 random_;
   quint64 bytes_per_tick_ = 0;  // 0: as fast as it goes
-  Clock::time_point last_due_;
-  QByteArray in_;          // a line whose end has not come
-  int searched_ = 0;       // bytes of it that hold no end
-  std::deque<Line> held_;  // in order
+  QByteArray in_;               // a line whose end has not come
+  int searched_ = 0;            // bytes of it that hold no end
+  std::deque<Line> held_;       // in order
   std::size_t held_size_ = 0;
   QByteArray out_;          // what the other socket has not taken
   bool has_ended_ = false;  // nothing more comes

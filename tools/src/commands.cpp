@@ -167,8 +167,7 @@ const std::vector<Verb>& AllVerbs() {
        &DefineTasks, &RunTasks},
       {"call", "call a method of a task, and print the result",
        "Starts the task, shakes hands, sends the request and prints its result as JSON. Progress "
-       "and "
-       "notifications are shown on standard error meanwhile. Ctrl-C cancels the request.",
+       "and notifications are shown on standard error meanwhile. Ctrl-C cancels the request.",
        &DefineCall, &RunCall},
       {"notify", "send a notification to a task",
        "Starts the task, sends the notification, and ends when the task has got it.", &DefineNotify,
@@ -187,8 +186,7 @@ const std::vector<Verb>& AllVerbs() {
        &DefineQuestion, &RunMetrics},
       {"decode", "bytes that travel, as JSON",
        "Takes a message's text form (Base64), a line of a record, or bytes of the standard codec "
-       "in "
-       "hex or Base64, and prints the value as JSON.",
+       "in hex or Base64, and prints the value as JSON.",
        &DefineDecode, &RunDecode},
       {"encode", "JSON as bytes that travel",
        "Prints the bytes of the standard codec for a JSON value, in Base64 unless told.",
@@ -203,8 +201,8 @@ const std::vector<Verb>& AllVerbs() {
        &DefineDoctor, &RunDoctor},
       {"trace", "a record of messages, decoded and summed up",
        "Shows what RUNTIME_MANAGER_TRACE=FILE has recorded: each message once, each answer with "
-       "its "
-       "request's method and the time that it took, what was never answered, and how tasks ended; "
+       "its request's method and the time that it took, what was never answered, and how tasks "
+       "ended; "
        "then the sums by method.",
        &DefineTrace, &RunTrace},
       {"replay", "play a record against a task, and compare the answers",
