@@ -15,7 +15,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-constexpr char kAllRefused[] = "refused 8, done 0, otherwise 0";
+constexpr char kAllRefused[] = "refused 8, gave up 0, otherwise 0";
 
 class Flooding : public ServiceTest {
  protected:

@@ -109,7 +109,7 @@ class Sending : public FakePlatform {
 
 constexpr auto kPatience = std::chrono::seconds(60);
 
-constexpr char kAllRefused[] = "refused 8, done 0, otherwise 0";
+constexpr char kAllRefused[] = "refused 8, gave up 0, otherwise 0";
 
 TEST_F(Sending, ByManyThreadsWhileTheClientIsReleasedEndsInARefusal) {
   Start().complete_start({});
