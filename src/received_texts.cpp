@@ -10,20 +10,33 @@ bool IsRawData(const QByteArray& text) { return text.capacity() == 0; }
 
 }  // namespace
 
-ReceivedTexts::Text ReceivedTexts::Copy(std::string_view text) {
+template <class Fill>
+ReceivedTexts::Text ReceivedTexts::InNewChunk(Fill&& fill) {
   const std::uint64_t chunk = cache_.CreateChunk();
-  return {cache_.AppendStr(chunk, text), chunk};
+  try {
+    return {fill(chunk), chunk};
+  } catch (...) {
+    cache_.RemoveChunk(chunk);
+    throw;
+  }
+}
+
+ReceivedTexts::Text ReceivedTexts::Copy(std::string_view text) {
+  return InNewChunk([&](std::uint64_t chunk) { return cache_.AppendStr(chunk, text); });
 }
 
 ReceivedTexts::Text ReceivedTexts::Keep(QByteArray& text) {
   if (text.size() < kLargeText || IsRawData(text)) {
     return Copy({text.constData(), static_cast<std::size_t>(text.size())});
   }
-  const std::uint64_t chunk = cache_.CreateChunk();
+  return InNewChunk([&](std::uint64_t chunk) { return KeepLarge(chunk, text); });
+}
+
+const char* ReceivedTexts::KeepLarge(std::uint64_t chunk, QByteArray& text) {
   const std::lock_guard lock(mutex_);
   const QByteArray& kept = large_.emplace_back(chunk, std::move(text)).second;
   large_count_ = large_.size();
-  return {kept.constData(), chunk};
+  return kept.constData();
 }
 
 void ReceivedTexts::Remove(std::uint64_t chunk) {

@@ -36,6 +36,10 @@ class ReceivedTexts {
   void Remove(std::uint64_t chunk);
 
  private:
+  // Makes a chunk and has `fill` put a text into it. The chunk goes again when that throws.
+  template <class Fill>
+  Text InNewChunk(Fill&& fill);
+  const char* KeepLarge(std::uint64_t chunk, QByteArray& text);
   QByteArray TakeLarge(std::uint64_t chunk);
 
   quarn::ResourcesCache cache_;  // every chunk is one of its, also a large text's
