@@ -91,7 +91,9 @@ with_c() {
 
 with_template() {
   prefix=$1
+  find_version
   rm -rf new
+  [ "$("$prefix/bin/tarv-new" --version)" = "tarv-new $version" ] || fail "tarv-new tells no version"
   "$prefix/bin/tarv-new" adder new/adder
   ! "$prefix/bin/tarv-new" adder new/adder || fail "tarv-new overwrites"
   ! "$prefix/bin/tarv-new" 'my app' new/other || fail "tarv-new takes a name that C++ does not"

@@ -96,7 +96,9 @@ std::string MakeCompletion(const CLI::App& app) {
          verbs +
          "'\n"
          "  if ((COMP_CWORD == 1)); then\n"
-         "    mapfile -t COMPREPLY < <(compgen -W \"$verbs --help\" -- \"$current\")\n"
+         "    mapfile -t COMPREPLY < <(compgen -W \"$verbs " +
+         LongNames(app) +
+         "\" -- \"$current\")\n"
          "    return\n"
          "  fi\n"
          "  case ${COMP_WORDS[1]} in\n" +

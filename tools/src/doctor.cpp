@@ -12,6 +12,7 @@
 
 #include "conversation.h"
 #include "exit_status.h"
+#include "loaded_library.h"
 #include "verbs.h"
 
 namespace tarvctl {
@@ -133,11 +134,15 @@ void CheckLibrary(Report& report) {
       Finding::kGood,
       QString("libtarv.so: version %1 in '%2'; tables of %3 (root), %4 (client), %5 (server) "
               "and %6 (intents) bytes")
-          .arg(TARV_VERSION, QString::fromStdString(LibraryFolder()))
+          .arg(QString::fromStdString(LibraryVersion()), QString::fromStdString(LibraryFolder()))
           .arg(root.size)
           .arg(client.size)
           .arg(server.size)
           .arg(intents.size));
+  if (LibraryVersion() != TARV_VERSION) {
+    report.Add(Finding::kNotice, "libtarv.so: this tarvctl is of version " TARV_VERSION
+                                 ": install tarv and tarv-tools of one version");
+  }
 }
 
 // ---- One task ----

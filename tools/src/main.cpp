@@ -53,6 +53,7 @@ int Main(int argc, char** argv) {
   Output output;
   Request request;
   CLI::App app("tarvctl talks to background tasks, and shows what was said");
+  app.set_version_flag("--version", "tarvctl " TARV_VERSION, "Print the version and exit");
   DefineCommands(app, request);
   DefineGenerators(app, request);
   try {

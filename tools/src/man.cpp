@@ -122,7 +122,7 @@ std::string PageOfAll(const CLI::App& app) {
     text += ".TP\n.B " + verb->get_name() + '\n' + Roff(verb->get_description()) + '\n';
     others += ".BR tarvctl\\-" + verb->get_name() + (verb == verbs.back() ? " (1)\n" : " (1),\n");
   }
-  return text + kExitStatus + kEnvironment + others;
+  return text + Arguments(app) + kExitStatus + kEnvironment + others;
 }
 
 }  // namespace

@@ -1,12 +1,12 @@
 #include "session.h"
 
-#include <dlfcn.h>
-
 #include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
 #include <string_view>
 #include <utility>
+
+#include "loaded_library.h"
 
 namespace tarvctl {
 namespace {
@@ -51,12 +51,6 @@ TaskName::TaskName(const std::string& text) : name_(text) {
   }
   const QByteArray before = qgetenv(kTaskPath);
   qputenv(kTaskPath, folder_->path().toUtf8() + (before.isEmpty() ? "" : ":" + before));
-}
-
-std::string LibraryFolder() {
-  Dl_info library{};
-  ::dladdr(reinterpret_cast<const void*>(&TARVProcTableLoad), &library);
-  return QFileInfo(QFile::decodeName(library.dli_fname)).absolutePath().toStdString();
 }
 
 Session::Session(const std::string& task, Duration timeout, OnNotification on_notification)

@@ -68,9 +68,6 @@ class Session {
   std::unique_ptr<tarv::Caller> caller_;
 };
 
-// The folder of the libtarv.so that this program runs with.
-std::string LibraryFolder();
-
 }  // namespace tarvctl
 
 #endif  // TARVCTL_SESSION_H

@@ -1,6 +1,7 @@
 """decode and encode, doctor, intents, invoke, open: what needs no conversation."""
 import base64
 import os
+import re
 import socket
 import threading
 
@@ -59,6 +60,24 @@ class Doctor(Case):
                      "ok    libraries: ",
                      "ok    handshake: the task answers "):
             self.assertIn(line, done.stdout)
+
+    def test_tells_the_version_of_the_library_that_it_runs_with(self):
+        said = self.expect(0, ["doctor"]).stdout
+        version = self.expect(0, ["--version"]).stdout.split()[-1]
+        self.assertIn("libtarv.so: version %s in '" % version, said)
+        self.assertNotIn("this tarvctl is of version", said)
+        library = re.search("libtarv.so: version .* in '(.*)';", said).group(1) + "/libtarv.so"
+        with open(library, "rb") as file:
+            code = file.read()
+        os.mkdir(self.path("other"))
+        for found, told in (("9.8.7", "9.8.7"), ('9.8"7', "unknown")):
+            note = b'"version":"%s"}'
+            other = code.replace(note % version.encode(), note % found.encode())
+            with open(self.path("other/libtarv.so"), "wb") as file:
+                file.write(other)
+            said = self.expect(0, ["doctor"], LD_LIBRARY_PATH=self.path("other")).stdout
+            self.assertIn("ok    libtarv.so: version %s in '%s'" % (told, self.path("other")), said)
+            self.assertIn("note  libtarv.so: this tarvctl is of version " + version, said)
 
     def test_tells_what_is_wrong_and_what_to_do(self):
         os.mkdir(self.path("run/runtime-manager"), 0o755)

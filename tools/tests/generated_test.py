@@ -43,6 +43,9 @@ class Completion(Case):
         self.assertEqual(self.complete("trace", record[:-2]), [record])
         self.assertEqual(self.complete("trace", "x", "--html", record[:-2]), [record])
 
+    def test_offers_the_options_that_need_no_verb(self):
+        self.assertEqual(self.complete("--"), ["--help", "--version"])
+
     def test_offers_nothing_after_an_option_that_wants_a_value_of_its_own(self):
         self.assertEqual(self.complete("call", "--timeout", "w"), [])
 
@@ -62,6 +65,7 @@ class Manual(Case):
                 self.assertIn(option, page, verb)
             self.assertIn(".SH \"EXIT STATUS\"", page)
             self.assertIn(f"tarvctl\\-{verb}", overview)
+        self.assertIn("\\-\\-version", overview)
 
     def test_is_installed_whole(self):
         folder = os.environ.get("TARVCTL_GENERATED", "")
