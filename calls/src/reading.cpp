@@ -150,19 +150,20 @@ bool ReadEnum(const cw::EncodableValue& from, const char* type, const EnumName* 
   return misfit.Expected(expected + ")", from);
 }
 
-const cw::EncodableList* ReadList(const cw::EncodableValue& from, Misfit& misfit) {
-  static const cw::EncodableList kEmpty;
-  const cw::EncodableList* list = from.AsList();
-  if (list == nullptr) {
-    // An empty list of numbers is as good as an empty list.
-    std::vector<double> numbers;
-    Misfit ignored;
-    list = ReadDoubles(from, numbers, ignored) && numbers.empty() ? &kEmpty : nullptr;
+const cw::EncodableList* ReadList(const cw::EncodableValue& from, cw::EncodableList& room,
+                                  Misfit& misfit) {
+  if (const auto* const list = from.AsList()) {
+    return list;
   }
-  if (list == nullptr) {
+  const auto take = [](const cw::EncodableValue& number, cw::EncodableValue& to) {
+    to = number;
+    return true;
+  };
+  if (!ReadElements(from, room, misfit, take)) {
     misfit.Expected("a list", from);
+    return nullptr;
   }
-  return list;
+  return &room;
 }
 
 const cw::EncodableMap* ReadMap(const cw::EncodableValue& from, bool text_keys, Misfit& misfit) {

@@ -149,6 +149,13 @@ TEST(Value, ReadsAnEmptyListOfAnyKindAsAnEmptyList) {
   }
 }
 
+TEST(Value, ReadsAListOfNumbersWhereAnyListWillDo) {
+  const EncodableValue numbers(std::vector<std::int32_t>{1, 2});
+  EXPECT_THAT(FromEncodable<std::vector<std::optional<int>>>(numbers), ElementsAre(1, 2));
+  EXPECT_THAT(FromEncodable<std::vector<EncodableValue>>(numbers),
+              ElementsAre(EncodableValue(1), EncodableValue(2)));
+}
+
 TEST(Value, ReadsIntegersOfEitherWidthThatFit) {
   EXPECT_EQ(FromEncodable<std::int32_t>(std::int64_t{5}), 5);
   EXPECT_EQ(FromEncodable<std::int64_t>(5), 5);
@@ -197,7 +204,8 @@ TEST(ValueError, TellsWhatWasExpectedAndWhatCame) {
   EXPECT_EQ(ReadingError<std::vector<std::int32_t>>(std::vector<double>{1.5}),
             "params[0]: expected int32, got double 1.5");
   EXPECT_EQ(ReadingError<std::vector<std::string>>(std::vector<std::int32_t>{1}),
-            "params: expected a list, got int32 list of 1");
+            "params[0]: expected a text, got int32 1");
+  EXPECT_EQ(ReadingError<std::vector<std::string>>("a"), "params: expected a list, got text \"a\"");
   EXPECT_EQ((ReadingError<std::map<std::string, int>>(EncodableMap{{1, 2}})),
             "params: expected a map with text keys, got int32 1");
   EXPECT_EQ(ReadingError<std::string>(std::vector<std::uint8_t>(3)),

@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 
+#include "captured_log.h"
 #include "conversation.h"
 #include "exit_status.h"
 #include "input.h"
@@ -71,17 +72,18 @@ cw::EncodableValue Decode(const QByteArray& bytes) {
   if (bytes.isEmpty()) {
     throw UsageError("there is nothing to decode");
   }
+  const CapturedLog log;
   try {
     const auto value = cw::StandardMessageCodec::GetInstance().DecodeMessage(
         reinterpret_cast<const std::uint8_t*>(bytes.constData()),
         static_cast<std::size_t>(bytes.size()));
-    if (value) {
+    if (value && log.GetText().empty()) {
       return *value;
     }
   } catch (const std::exception& error) {
     throw UsageError(std::string("the bytes are no value: ") + error.what());
   }
-  throw UsageError("the bytes are no value");
+  throw UsageError("the bytes are no value: " + log.GetText().substr(0, log.GetText().find('\n')));
 }
 
 std::string InputText(const Request& request) {

@@ -42,7 +42,7 @@ std::string ReadAll(const std::string& path) {
 cw::EncodableValue ReadParams(const Request& request) {
   const std::string text = request.params == "-" ? ReadAll("-") : request.params;
   cw::EncodableValue params;
-  if (!text.empty()) {
+  if (!text.empty() || request.params == "-") {
     params = FromJson(ParseJson(text, "PARAMS"), request.typed);
   }
   for (const std::string& argument : request.bytes) {

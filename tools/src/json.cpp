@@ -5,9 +5,9 @@
 #include <QtCore/QJsonArray>
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
-#include <iostream>
-#include <streambuf>
+#include <algorithm>
 
+#include "captured_log.h"
 #include "typed_json.h"
 
 namespace tarvctl {
@@ -15,22 +15,6 @@ namespace {
 
 // What Qt indents the elements of an array with.
 constexpr int kIndent = 4;
-
-// The conversion warns of each text that is no number; that is no news to whoever wrote the JSON.
-class QuietLog {
- public:
-  QuietLog() : before_(std::cout.rdbuf(&nowhere_)) {}
-  ~QuietLog() { std::cout.rdbuf(before_); }
-  QuietLog(const QuietLog&) = delete;
-  QuietLog& operator=(const QuietLog&) = delete;
-
- private:
-  struct Nowhere : std::streambuf {
-    int_type overflow(int_type byte) override { return traits_type::not_eof(byte); }
-  };
-  Nowhere nowhere_;
-  std::streambuf* before_;
-};
 
 }  // namespace
 
@@ -41,8 +25,10 @@ QJsonValue ParseJson(std::string_view text, const std::string& what) {
   QJsonParseError error;
   const QJsonArray array = QJsonDocument::fromJson(wrapped, &error).array();
   if (error.error != QJsonParseError::NoError) {
+    // The parser looks past the end of what breaks off.
+    const auto offset = std::min(static_cast<std::size_t>(error.offset - 1), text.size());
     throw JsonError(what + " is no JSON: " + error.errorString().toStdString() + " at byte " +
-                    std::to_string(error.offset - 1) + " of " + std::to_string(text.size()));
+                    std::to_string(offset) + " of " + std::to_string(text.size()));
   }
   if (array.size() != 1) {
     throw JsonError(what + " must be one JSON value, and is " + std::to_string(array.size()));
@@ -64,7 +50,7 @@ cw::EncodableValue FromJson(const QJsonValue& json, bool typed) {
   if (typed) {
     return FromTypedJson(json);
   }
-  const QuietLog quiet;
+  const CapturedLog ignored;
   cw::EncodableValue value;
   if (!vorpc::qt::JsonToEncodable(json, value)) {
     throw JsonError("this JSON nests too deep for a message: " + ToText(json, false).substr(0, 80));
@@ -77,7 +63,7 @@ QJsonValue ToJson(const cw::EncodableValue& value, bool typed) {
   if (typed) {
     return ToTypedJson(value);
   }
-  const QuietLog quiet;
+  const CapturedLog ignored;
   if (!vorpc::qt::EncodableToJson(value, json)) {
     throw JsonError(
         "JSON does not hold this value (an infinity, NaN, or a key that is no text): "

@@ -34,8 +34,15 @@ int Guarded(const CLI::App& app, const Request& request, Output& output) {
   return kUsage;
 }
 
+// The parser's own words for a verb that does not exist are that one is missing.
+std::string MistakeIn(const CLI::App& app, const CLI::ParseError& error, const char* first) {
+  const bool unknown_verb = first != nullptr && *first != '-' && app.get_subcommands().empty();
+  return unknown_verb ? "there is no verb '" + std::string(first) + '\'' : error.what();
+}
+
 // What the parser has to say: help is a result, the rest a mistake of the user's.
-int ReportParsing(const CLI::App& app, const CLI::ParseError& error, Output& output) {
+int ReportParsing(const CLI::App& app, const CLI::ParseError& error, const char* first,
+                  Output& output) {
   std::ostringstream help;
   std::ostringstream mistake;
   const int status = app.exit(error, help, mistake);
@@ -44,7 +51,7 @@ int ReportParsing(const CLI::App& app, const CLI::ParseError& error, Output& out
   if (status == 0) {
     return kDone;
   }
-  output.Complain(error.what());
+  output.Complain(MistakeIn(app, error, first));
   output.Tell("tarvctl --help lists the verbs, tarvctl VERB --help what each takes");
   return kUsage;
 }
@@ -59,7 +66,7 @@ int Main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return ReportParsing(app, error, output);
+    return ReportParsing(app, error, argv[1], output);
   }
   const QCoreApplication application(argc, argv);
   const int status = Guarded(app, request, output);

@@ -22,18 +22,23 @@ std::size_t SizeOf(const RecordLine& line) { return line.data.size() + line.enve
 }  // namespace
 
 RecordReader::RecordReader(const std::string& path)
-    : file_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
+    : path_(path), file_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
   if (file_ < 0) {
-    throw UsageError("cannot read the record '" + path + "': " + std::strerror(errno) +
-                     "; RUNTIME_MANAGER_TRACE=FILE makes one");
+    FailToRead();
   }
+}
+
+void RecordReader::FailToRead() const {
+  throw UsageError("cannot read the record '" + path_ + "': " + std::strerror(errno) +
+                   "; RUNTIME_MANAGER_TRACE=FILE makes one");
 }
 
 RecordReader::~RecordReader() { ::close(file_); }
 
 void RecordReader::EachRawLine(const std::function<void(std::string_view)>& handle) {
   std::string block(kBlock, '\0');
-  for (ssize_t got = 0; (got = ::read(file_, block.data(), block.size())) > 0;) {
+  ssize_t got = 0;
+  while ((got = ::read(file_, block.data(), block.size())) > 0) {
     std::string_view rest(block.data(), static_cast<std::size_t>(got));
     for (std::size_t end = 0; (end = rest.find('\n')) != std::string_view::npos;) {
       const std::string_view line = rest.substr(0, end);
@@ -46,6 +51,9 @@ void RecordReader::EachRawLine(const std::function<void(std::string_view)>& hand
       rest.remove_prefix(end + 1);
     }
     unfinished_.append(rest);
+  }
+  if (got < 0) {
+    FailToRead();
   }
 }
 
@@ -78,8 +86,17 @@ void RecordReader::EachLine(const std::function<void(const RecordLine&)>& handle
       handle(*Pop());
     }
   });
+  if (!unfinished_.empty()) {
+    Take(std::exchange(unfinished_, {}));
+  }
   while (const auto line = Pop()) {
     handle(*line);
+  }
+}
+
+void RecordReader::ExpectARecord() const {
+  if (lines_ == 0 && odd_ > 0) {
+    throw UsageError("'" + path_ + "' is no record: RUNTIME_MANAGER_TRACE=FILE makes one");
   }
 }
 

@@ -16,7 +16,8 @@ namespace tarvctl {
 
 class RecordReader {
  public:
-  // Throws UsageError for a file that cannot be read.
+  // Throws UsageError for a file that cannot be opened, as the readers below do for one that cannot
+  // be read.
   explicit RecordReader(const std::string& path);
   ~RecordReader();
   RecordReader(const RecordReader&) = delete;
@@ -25,12 +26,15 @@ class RecordReader {
   // Each line as it stands in the file.
   void EachRawLine(const std::function<void(std::string_view)>& handle);
   // Each line by its time, to the end of the file. Each process writes when it gets to it, so lines
-  // stand a little out of order: this many are looked over.
+  // stand a little out of order: this many are looked over. What a process that was killed left
+  // unfinished at the end counts as a line.
   void EachLine(const std::function<void(const RecordLine&)>& handle);
   // The lines that have been added since the last call.
   void EachNewLine(const std::function<void(const RecordLine&)>& handle);
   // Lines that are no lines of a record.
   std::size_t CountOdd() const { return odd_; }
+  // Throws UsageError if all lines were of that kind.
+  void ExpectARecord() const;
 
  private:
   struct Held {
@@ -43,9 +47,11 @@ class RecordReader {
     }
   };
 
+  [[noreturn]] void FailToRead() const;
   void Take(std::string_view text);
   std::optional<RecordLine> Pop();
 
+  const std::string path_;
   int file_ = -1;
   std::string unfinished_;  // a line that is still being written
   std::size_t odd_ = 0;

@@ -54,6 +54,7 @@ Script ReadScript(const Request& request) {
   Pairing pairing([&all](Item&& item) { all.push_back(std::move(item)); });
   RecordReader reader(request.file);
   reader.EachLine([&pairing](const RecordLine& line) { pairing.Add(line); });
+  reader.ExpectARecord();
   const std::string task =
       TaskOf(all, request.only_task.empty() ? request.task : request.only_task);
   Script script;

@@ -84,6 +84,7 @@ class Show {
 
   void All() {
     reader_.EachLine([this](const RecordLine& line) { Add(line); });
+    reader_.ExpectARecord();
   }
   // Until Ctrl-C.
   int Follow() {

@@ -35,6 +35,8 @@ class Decode(Case):
         self.expect(2, ["decode", "0g", "--format", "hex"], "", "is no hex")
         self.expect(2, ["decode", '{"datum":1}'], "", 'it has no "data"')
         self.expect(2, ["decode", ""], "", "nothing to decode")
+        self.expect(2, ["decode", "cf"], "", "no value: Unknown type in Standard")
+        self.expect(2, ["decode", "AwcA"], "", "the bytes are no value: ")
 
     def test_is_the_way_back_of_encode(self):
         for value in ('{"int64":7}', '{"bytes":"AAE="}', '["x",{"double":2}]'):
@@ -42,7 +44,7 @@ class Decode(Case):
             self.expect(0, ["decode", "--typed", text], value + "\n")
         self.expect(0, ["encode", "--format", "hex", "7"], "0307000000\n")
         self.expect(0, ["encode", "-"], "AwcAAAA=\n", input="7")
-        self.expect(2, ["encode", "{"], "", "is no JSON")
+        self.expect(2, ["encode", "{"], "", "is no JSON: unterminated object at byte 1 of 1")
 
 
 class Doctor(Case):

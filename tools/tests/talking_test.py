@@ -96,6 +96,8 @@ class Call(Case):
         self.expect(1, ["call", "pytask", "sing"], "", "no such method here")
 
     def test_mistakes_of_the_user_give_2(self):
+        self.expect(2, ["cal", "wordcount", "count"], "", "there is no verb 'cal'")
+        self.expect(2, ["call", "wordcount", "echo", "-"], "", "must be one JSON value", input="")
         self.expect(2, [], "", "subcommand is required")
         self.expect(2, ["sing"], "", "tarvctl --help lists the verbs")
         self.expect(2, ["call", "wordcount"], "", "METHOD is required")

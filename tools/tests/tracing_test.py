@@ -93,6 +93,21 @@ class Trace(Recorded):
         self.expect(0, ["trace", record], golden.SHOWN, "1 lines of")
         self.expect(2, ["trace", "/no/such/record"], "", "cannot read the record '/no/such/record'")
 
+    def test_counts_the_line_that_a_killed_process_left_unfinished(self):
+        whole = golden.record()
+        cut = self.write("cut", whole + whole.splitlines()[-1][:-5])
+        self.assertIn("1 lines of ", self.expect(0, ["trace", cut]).stderr)
+        last = self.write("last", whole[:-1])
+        self.assertEqual(self.expect(0, ["trace", last]).stdout,
+                         self.expect(0, ["trace", self.write("whole", whole)]).stdout)
+
+    def test_refuses_what_is_no_record(self):
+        self.expect(2, ["trace", self.path("tasks")], "", "Is a directory")
+        text = self.write("text", "this\nthat\n")
+        for words in (["trace", text], ["trace", "--json", text],
+                      ["replay", text, "--task", "wordcount"]):
+            self.expect(2, words, None, "'%s' is no record: RUNTIME_MANAGER_TRACE=FILE" % text)
+
     def test_follows_a_record_that_grows(self):
         lines = golden.record().splitlines(True)
         record = self.write("live", "".join(lines[:2]))

@@ -51,7 +51,10 @@ bool WriteUnsigned(std::uint64_t value, cw::EncodableValue& to, Misfit& misfit);
 bool WriteAny(cw::EncodableValue&& value, cw::EncodableValue& to, Misfit& misfit);
 // False at the depth that the codec does not write. True opens a level, which `--depth` closes.
 bool OpenLevel(Misfit& misfit);
-const cw::EncodableList* ReadList(const cw::EncodableValue& from, Misfit& misfit);
+// The list in `from`, or null. A list of numbers, which JSON's lists of numbers become, is spread out
+// into `room`.
+const cw::EncodableList* ReadList(const cw::EncodableValue& from, cw::EncodableList& room,
+                                  Misfit& misfit);
 // The same for a map, which must have text keys alone if `text_keys`.
 const cw::EncodableMap* ReadMap(const cw::EncodableValue& from, bool text_keys, Misfit& misfit);
 void Put(cw::EncodableMap& map, std::string_view key, cw::EncodableValue&& value);

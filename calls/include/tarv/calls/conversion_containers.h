@@ -132,7 +132,8 @@ struct Conversion<std::vector<T>,
     return true;
   }
   static bool Read(const cw::EncodableValue& from, std::vector<T>& to, Misfit& misfit) {
-    const cw::EncodableList* const list = ReadList(from, misfit);
+    cw::EncodableList numbers;
+    const cw::EncodableList* const list = ReadList(from, numbers, misfit);
     if (list == nullptr) {
       return false;
     }
