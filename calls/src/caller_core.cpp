@@ -11,6 +11,9 @@ namespace {
 using OptionalError = std::optional<vorpc::Message::Error>;
 using vorpc::Message;
 
+// From the start of a task to the word that it runs, on a busy machine.
+constexpr Duration kLongestStart = std::chrono::seconds(5);
+
 }  // namespace
 
 CallerCore::CallerCore(std::shared_ptr<Loop> loop, CallerOptions options)
@@ -45,6 +48,7 @@ void CallerCore::Attach(std::shared_ptr<vorpc::IClient> client) {
   client_ = std::move(client);
   requests_ = dynamic_cast<vorpc::IRequests*>(client_.get());
   link_ = Link::kConnecting;
+  attached_ = loop_->Now();
   if (!open_.empty()) {
     first_call_ = loop_->Now();
     SetTimer();
@@ -79,11 +83,32 @@ void CallerCore::ListenToManager() {
 
 void CallerCore::Detach() {
   ++client_number_;
-  link_ = Link::kNone;
+  const Link link = std::exchange(link_, Link::kNone);
   requests_ = nullptr;
   first_call_.reset();
   // The client goes last: its end may run anything.
   const auto client = std::exchange(client_, nullptr);
+  if (link == Link::kConnecting && !client->HasConnectionFailed()) {
+    KeepWhileStarting(client);
+  }
+}
+
+// A client that goes while its task is starting leaves that task running until the manager's end.
+// Nobody tells when a task has started, but it has once it connects, or after a while.
+void CallerCore::KeepWhileStarting(const std::shared_ptr<vorpc::IClient>& client) const {
+  const Loop::Time started = attached_ + kLongestStart;
+  if (loop_->Now() >= started) {
+    return;
+  }
+  const auto kept = std::make_shared<std::shared_ptr<vorpc::IClient>>(client);
+  loop_->WakeAt(started, [kept] { kept->reset(); });
+  client->OnConnected([weak = std::weak_ptr(kept), loop = loop_](const OptionalError& /*error*/) {
+    loop->Post([weak] {
+      if (const auto connected = weak.lock()) {
+        connected->reset();
+      }
+    });
+  });
 }
 
 void CallerCore::Lose(const Loss& loss) {

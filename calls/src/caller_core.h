@@ -96,6 +96,7 @@ class CallerCore : public std::enable_shared_from_this<CallerCore> {
   template <class Argument>
   std::function<void(const Argument&)> Listen(void (CallerCore::*handler)(const Argument&));
   void ListenToManager();
+  void KeepWhileStarting(const std::shared_ptr<vorpc::IClient>& client) const;
 
   void Admit(const StatePtr& state);
   void SendOrKeep(const StatePtr& state);
@@ -139,6 +140,7 @@ class CallerCore : public std::enable_shared_from_this<CallerCore> {
   vorpc::IRequests* requests_ = nullptr;  // of the client, if it has them
   std::uint64_t client_number_ = 0;       // tells what comes from an earlier client
   Link link_ = Link::kNone;
+  Loop::Time attached_;  // when the client was
   Loss loss_{CallReason::kReleased, 0, ""};
   std::optional<Loop::Time> first_call_;  // since the client was attached
   int busy_ = 0;

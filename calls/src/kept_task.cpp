@@ -61,6 +61,7 @@ class details::KeptTaskCore final : public Supervisor,
 
  private:
   using HandlerPtr = std::shared_ptr<KeptTask::NotificationHandler>;
+  struct Hearing {};
 
   template <class Function>
   void Post(Function function) {
@@ -107,6 +108,7 @@ class details::KeptTaskCore final : public Supervisor,
     const auto self = shared_from_this();  // the factory may end everything
     Change({State::kStarting, std::nullopt});
     client_ = factory_();
+    hearing_ = std::make_shared<Hearing>();
     if (!client_) {
       const Loss loss = LossOfMissingClient();
       OnLost(loss);
@@ -119,16 +121,20 @@ class details::KeptTaskCore final : public Supervisor,
     calls_->Attach(client_);
   }
 
-  static void Hear(vorpc::IClient& client, const std::pair<std::string, HandlerPtr>& handler) {
-    client.OnNotify(handler.first,
-                    [shared = handler.second](const vorpc::Message::Notification& notification) {
-                      (*shared)(notification);
-                    });
+  // A client that is let go of may live a little longer, unheard.
+  void Hear(vorpc::IClient& client, const std::pair<std::string, HandlerPtr>& handler) const {
+    client.OnNotify(handler.first, [shared = handler.second, hearing = std::weak_ptr(hearing_)](
+                                       const vorpc::Message::Notification& notification) {
+      if (!hearing.expired()) {
+        (*shared)(notification);
+      }
+    });
   }
 
   void Change(TaskStatus status) {
     if (status.state != State::kStarting && status.state != State::kConnected) {
       client_.reset();
+      hearing_.reset();
     }
     status_ = std::move(status);
     Post([status = status_](KeptTaskCore& core) {
@@ -171,6 +177,7 @@ class details::KeptTaskCore final : public Supervisor,
   const KeepPolicy policy_;
   const std::shared_ptr<CallerCore> calls_;
   std::shared_ptr<vorpc::IClient> client_;
+  std::shared_ptr<Hearing> hearing_;  // as long as that client is heard
   std::vector<std::pair<std::string, HandlerPtr>> handlers_;
   std::function<void(const TaskStatus&)> watcher_;
   TaskStatus status_;

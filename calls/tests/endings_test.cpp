@@ -22,6 +22,7 @@ namespace {
 using testing::AllOf;
 using testing::EndsWith;
 using testing::HasSubstr;
+using testing::SizeIs;
 using namespace std::chrono_literals;
 
 // Tasks in processes of their own.
@@ -180,6 +181,20 @@ TEST_F(Endings, AreNotTheEndOfAKeptTask) {
   EXPECT_EQ(outcome.GetError().GetReason(), CallReason::kTaskKilled);
   EXPECT_THAT(task.GetStatus().why->what(), HasSubstr("a wild pointer; under way: 'do'"));
   EXPECT_TRUE(End(task.Call(mistakes::kPing)));
+}
+
+TEST_F(Endings, OfACallerWhileItsTaskIsStartingAreTheEndOfThatTask) {
+  { const Caller caller(Start("misbehaving", "")); }
+  EXPECT_THAT(Children(), SizeIs(1));
+  EXPECT_TRUE(WaitUntil([] { return Children().empty(); }));
+}
+
+TEST_F(Endings, OfAKeptTaskWhileItIsStartingAreTheEndOfTheProcess) {
+  std::optional<KeptTask> task(std::in_place, *manager_wrapper_, "misbehaving");
+  task->OnChange([&task](const TaskStatus& /*status*/) { task.reset(); });
+  const auto call = task->Call(mistakes::kPing);
+  EXPECT_EQ(End(call).GetError().GetReason(), CallReason::kReleased);
+  EXPECT_TRUE(WaitUntil([] { return Children().empty(); }));
 }
 
 TEST_F(Endings, OfAnotherManagerAreDeathsOfAKeptTask) {

@@ -272,6 +272,34 @@ TEST_F(KeptTaskTest, HearsNothingOfAnEarlierClient) {
   EXPECT_EQ(Ask(), 2);
 }
 
+TEST_F(KeptTaskTest, HearsNothingOfATaskThatItLeftWhileThatWasStarting) {
+  Make();
+  answers_ = false;
+  int heard = 0;
+  task_->OnNotify("late", [&heard](const auto& /*note*/) { ++heard; });
+  const Ending<void> open(task_->Call(kPing));
+  loop_->Pump();
+  ASSERT_EQ(links_.size(), 1U);
+  task_.reset();
+  EXPECT_EQ(open.GetReason(), CallReason::kReleased);
+  EXPECT_FALSE(links_.back()->weak_client.expired()) << "the task would run on";
+  links_.back()->server->SendNotify("late", {});
+  links_.back()->server->Run();
+  loop_->Pump();
+  EXPECT_EQ(heard, 0);
+  EXPECT_TRUE(links_.back()->weak_client.expired());
+}
+
+TEST_F(KeptTaskTest, LeavesATaskThatNeverAnswersAllTheSame) {
+  Make();
+  answers_ = false;
+  const Ending<void> open(task_->Call(kPing));
+  loop_->Pump();
+  task_.reset();
+  loop_->Advance(10s);
+  EXPECT_TRUE(links_.back()->weak_client.expired());
+}
+
 TEST_F(KeptTaskTest, ReleasesItsCallsAtItsEnd) {
   Make();
   const Ending<void> open(task_->Call(kPing));
