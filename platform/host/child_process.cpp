@@ -216,6 +216,7 @@ void ChildProcess::OnEventLoopGone() {
   }
   const auto self = shared_from_this();
   callbacks_ = {};
+  loop_is_gone_ = true;
   ProcessExit::Get().EndChildrenOfThisThread();
   ProcessExit::Get().RemoveChild(self);
 }

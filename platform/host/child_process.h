@@ -54,6 +54,9 @@ class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
   static void EndAll(const std::vector<std::shared_ptr<ChildProcess>>& children);
 
   pid_t GetPid() const { return handle_.GetPid(); }
+  // Whether the event loop is gone that it was watched by. Then the process is gone, too, and no
+  // callback comes any more.
+  bool IsEventLoopGone() const { return loop_is_gone_; }
   // Whether the calling thread is the one that this object belongs to.
   bool IsInItsThread() const { return thread_ == std::this_thread::get_id(); }
   // An error number when it cannot be signalled; 0 also when it has ended already.
@@ -98,6 +101,7 @@ class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
   ChildEnd end_;
   bool running_told_ = false;
   bool end_told_ = false;
+  bool loop_is_gone_ = false;
   std::atomic<bool> end_recorded_{false};
 };
 

@@ -2,7 +2,9 @@
 
 #include <sys/epoll.h>
 
+#include <QtCore/QAbstractEventDispatcher>
 #include <QtCore/QObject>
+#include <QtCore/QPointer>
 #include <cstdint>
 #include <unordered_map>
 
@@ -12,10 +14,10 @@
 
 namespace RuntimeManager::host {
 
-// The descriptors of one thread, behind one that is readable when any of them is.
+// The descriptors of one event loop, behind one that is readable when any of them is.
 class QuietNotifier::Hub {
  public:
-  // The calling thread's.
+  // That of the calling thread's event loop.
   static std::shared_ptr<Hub> Get();
 
   Hub();
@@ -30,27 +32,32 @@ class QuietNotifier::Hub {
   void GivePlaceBack() { --places_; }
 
  private:
+  bool IsOf(QAbstractEventDispatcher* loop) const { return loop_ == loop; }
   void OnReadable();
 
   // So few cost an event loop next to nothing; one more system call for each message does.
   static constexpr int kPlaces = 16;
 
+  const QPointer<QAbstractEventDispatcher> loop_;  // null once it is gone
   int places_ = 0;
   UniqueFd epoll_;
   std::unique_ptr<QSocketNotifier> readable_;
   std::unordered_map<int, QuietNotifier*> notifiers_;  // by their descriptors
 };
 
+// What outlives an application object keeps the hub of its event loop; the next application has an
+// event loop of its own.
 std::shared_ptr<QuietNotifier::Hub> QuietNotifier::Hub::Get() {
   thread_local std::weak_ptr<Hub> hub;
   auto shared = hub.lock();
-  if (shared == nullptr) {
+  if (shared == nullptr || !shared->IsOf(QAbstractEventDispatcher::instance())) {
     hub = shared = std::make_shared<Hub>();
   }
   return shared;
 }
 
-QuietNotifier::Hub::Hub() : epoll_(::epoll_create1(EPOLL_CLOEXEC)) {
+QuietNotifier::Hub::Hub()
+    : loop_(QAbstractEventDispatcher::instance()), epoll_(::epoll_create1(EPOLL_CLOEXEC)) {
   static_cast<void>(IsForkedCopy());
   if (!epoll_.IsValid()) {
     return;

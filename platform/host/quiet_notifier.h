@@ -30,7 +30,7 @@ class QuietNotifier {
 
   const int descriptor_;
   const std::function<void()> on_readable_;
-  std::shared_ptr<Hub> hub_;              // of the thread
+  std::shared_ptr<Hub> hub_;              // of the event loop
   std::unique_ptr<QSocketNotifier> own_;  // where the hub cannot take the descriptor
   bool enabled_ = false;
   bool has_place_ = false;

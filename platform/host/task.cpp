@@ -37,6 +37,9 @@ class Task::Private {
   UniqueFd MakeSocket(Error* error);
   Error Spawn(const host::SpawnRequest& request);
   void ForgetSocket();
+  bool IsOver() const {
+    return state == State::kEnded || (process != nullptr && process->IsEventLoopGone());
+  }
 
   void OnRunning();
   void OnEnded(const ChildEnd& end);
@@ -307,7 +310,7 @@ void Task::stop(StopFlags flags, Completion completion) {
          QString("the task '%1' cannot be stopped: it was never started").arg(d_->name)});
     return;
   }
-  if (d_->state == Private::State::kEnded) {
+  if (d_->IsOver()) {
     d_->CompleteLater(std::move(completion), {});
     return;
   }

@@ -309,6 +309,9 @@ int main(int count, char** arguments) {
   if (verb == "outlive") {
     return StartTaskAndOutliveApplication(words.value(2), std::move(application));
   }
+  if (verb == "two-applications") {
+    return helper::ServeTwoApplications(words.value(2), std::move(application), count, arguments);
+  }
   if (verb == "own") {
     return helper::OwnIntent(words.value(2), words.value(3));
   }

@@ -195,4 +195,65 @@ int ForkWhileSending(const QString& name, const QString& how) {
   return 0;
 }
 
+namespace {
+
+// A task, the connection to it, and what has come of both.
+class Talk {
+ public:
+  explicit Talk(const QString& name) : task_(name) {
+    task_.withIpcSocket(true);
+    QObject::connect(&task_, &Task::finished, [this] { news_ += " finished"; });
+    task_.start([this](const Error& error) { OnStarted(error); });
+  }
+
+  bool WaitFor(const QString& news) {
+    return RunUntil([this, news] { return news_.endsWith(news); });
+  }
+  void Kill() const {
+    if (process_ > 0) {
+      ::kill(process_, SIGKILL);
+    }
+  }
+  void Stop() {
+    task_.stop({}, [this](const Error& error) { news_ += " stopped" + error.message(); });
+  }
+  QString News() const { return news_; }
+
+ private:
+  void OnStarted(const Error& error) {
+    news_ += "started" + error.message();
+    messaging_ = std::make_unique<TaskMessaging>(task_.socketPath());
+    QObject::connect(messaging_.get(), &TaskMessaging::dataReceived,
+                     [this](const QByteArray& text) {
+                       process_ = text.toInt();
+                       news_ += " answered";
+                     });
+    messaging_->sendData("hello");
+  }
+
+  Task task_;
+  std::unique_ptr<TaskMessaging> messaging_;
+  pid_t process_ = 0;
+  QString news_;
+};
+
+}  // namespace
+
+int ServeTwoApplications(const QString& name, std::unique_ptr<QCoreApplication> application,
+                         int count, char** arguments) {
+  auto first = std::make_unique<Talk>(name);
+  first->WaitFor("answered");
+  application.reset();
+  application = std::make_unique<QCoreApplication>(count, arguments);
+  Talk second(name);
+  second.WaitFor("answered");
+  second.Kill();
+  second.WaitFor("finished");
+  first->Stop();
+  first->WaitFor("stopped");
+  Say(first->News());
+  Say(second.News());
+  return 0;
+}
+
 }  // namespace helper

@@ -2,7 +2,9 @@
 #ifndef RUNTIME_MANAGER_TESTS_HELPER_ENDS_H
 #define RUNTIME_MANAGER_TESTS_HELPER_ENDS_H
 
+#include <QtCore/QCoreApplication>
 #include <QtCore/QString>
+#include <memory>
 
 namespace helper {
 
@@ -21,6 +23,10 @@ int LeaveWhileWriting(int listening, bool also_ends);
 // Makes copies of itself, which end by exit() or by a return from main(), while eight threads send
 // to a task that sends everything back; tells whether the task has remained unharmed.
 int ForkWhileSending(const QString& task, const QString& how);
+// Talks in `application` to a task that answers with its process id, ends the application while the
+// objects stay, and does the same in another one, where it kills the task. What has come of each.
+int ServeTwoApplications(const QString& task, std::unique_ptr<QCoreApplication> application,
+                         int count, char** arguments);
 
 }  // namespace helper
 

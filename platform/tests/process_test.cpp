@@ -69,6 +69,17 @@ TEST_F(ProcessTest, EndsTheTaskWhenThereIsNoApplicationObjectAnyMore) {
   }
 }
 
+// The objects of the first application live on, and have what they watch their tasks with.
+TEST_F(ProcessTest, ServesTheNextApplicationObjectAsItDidTheFirst) {
+  AddPythonTask("talk",
+                "c, _ = server.accept()\nc.recv(100)\n"
+                "c.sendall(b'{\"data\":\"%d\"}\\n' % os.getpid())\nc.recv(1)");
+  Process starter(HELPER, {"two-applications", "talk"});
+  EXPECT_EQ(starter.ReadLine(), "started answered stopped");
+  EXPECT_EQ(starter.ReadLine(), "started answered finished");
+  EXPECT_EQ(starter.Wait(), 0);
+}
+
 TEST_F(ProcessTest, FindsTasksBesideItsOwnExecutable) {
   ASSERT_TRUE(QDir(PathOf("")).mkpath("bin/tasks"));
   ASSERT_TRUE(QFile::copy(HELPER, PathOf("bin/starter")));

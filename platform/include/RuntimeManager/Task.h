@@ -24,6 +24,9 @@ namespace RuntimeManager {
 // seconds holds for all. A forked copy of the process does nothing to them; what it begins itself,
 // with any class of the runtime manager, is refused (kWrongState).
 //
+// Tasks end with the application object in whose time they were started. Objects that outlive it hear
+// nothing more, but for stop(), which completes in the next application's event loop.
+//
 // Destroying a Task whose process still runs asks the process to end (SIGTERM, then SIGKILL) and
 // forgets it: no completion is called and nothing is emitted any more. A Task may be destroyed from
 // inside any of its own completions and signals.
