@@ -17,6 +17,8 @@ namespace {
 
 using testing::Contains;
 using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 using vorpc::Message;
@@ -135,6 +137,24 @@ TEST_F(RpcClientWrapper, ShakesHandsOnceBothRunAndStartHaveHappened) {
   Started(0, "", 0);
   ASSERT_EQ(fake_->calls.size(), 1U);
   EXPECT_TRUE(LastSent().IsRequest("vorpc.connected"));
+}
+
+TEST_F(RpcClientWrapper, NamesTheTaskWhoseMessageNobodyWaitsFor) {
+  const auto client = CreateConnectedClient();
+  const std::string lines =
+      StdoutOf([this] { Received(Message::CreateResponse(Message::ID("id7"), {}).ToBase64(), 1); });
+  EXPECT_THAT(lines, HasSubstr("[RPC Receiver]: unhandled message\n"));
+  EXPECT_THAT(lines, EndsWith(" [RPC Receiver]: nobody here waits for the response to id7 from "
+                              "the task 'worker'\n"));
+}
+
+TEST_F(RpcClientWrapper, NamesTheTaskOfWhoseTextNoMessageCanBeMadeAndQuotesItEscaped) {
+  const auto client = CreateConnectedClient();
+  const std::string lines = StdoutOf([this] { Received("\x1b[2J\n" + std::string(200, 'x'), 1); });
+  EXPECT_THAT(lines, HasSubstr("No message can be made of 205 bytes from the task 'worker'; they "
+                               "begin with: \\x1b[2J\\n" +
+                               std::string(75, 'x') + "\n"));
+  EXPECT_THAT(lines, EndsWith("[RPC Receiver]: unhandled message\n"));
 }
 
 TEST_F(RpcClientWrapper, SendsRequestsAndHandsResponsesToTheirCallbacks) {

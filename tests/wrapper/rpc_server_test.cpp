@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <tarv/rpc_server.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -16,6 +17,8 @@ namespace {
 
 using testing::Contains;
 using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::IsSupersetOf;
 using testing::StartsWith;
@@ -45,6 +48,16 @@ class RpcServerWrapper : public Wrapper {
     return server;
   }
 };
+
+TEST_F(RpcServerWrapper, NamesTheTaskInLinesAboutItsStartersMessages) {
+  const auto server = CreateConnectedServer();
+  const std::string task = std::string("the starter of the task '") + program_invocation_short_name;
+  EXPECT_THAT(StdoutOf([this] { Received("garbage!", 1); }),
+              HasSubstr("No message can be made of 8 bytes from " + task +
+                        "'; they begin with: garbage!\n"));
+  EXPECT_THAT(StdoutOf([this] { Received(Message::CreateNotification("ping", {}).ToBase64(), 1); }),
+              EndsWith("nobody here waits for the notification 'ping' from " + task + "'\n"));
+}
 
 TEST_F(RpcServerWrapper, WithoutATableOrAHandleIsEmptyWithoutAWord) {
   const auto library = quarn::Library::Create(std::string(kFolder) + "/libtarv.so");

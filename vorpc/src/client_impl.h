@@ -1,4 +1,4 @@
-// The client behind IClient, IRequests and IOwnedClient.
+// The client behind IClient, IRequests, INamedPeer and IOwnedClient.
 #ifndef VORPC_SRC_CLIENT_IMPL_H
 #define VORPC_SRC_CLIENT_IMPL_H
 
@@ -6,6 +6,7 @@
 #include <quarn/object.h>
 #include <quarn/run_once_signal.h>
 #include <vorpc/client.h>
+#include <vorpc/internal/named_peer.h>
 #include <vorpc/requests.h>
 
 #include <atomic>
@@ -14,6 +15,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <utility>
 
@@ -28,6 +30,7 @@ constexpr std::string_view kConnectMethod = "vorpc.connected";
 
 class Client final : public IOwnedClient,
                      public IRequests,
+                     public INamedPeer,
                      public quarn::details::CounterClient,
                      public std::enable_shared_from_this<Client> {
  public:
@@ -56,6 +59,7 @@ class Client final : public IOwnedClient,
   void SetStarted() override;
   // Operations that are running hold on to the object until they are done.
   void Abandon() override;
+  void SetPeerName(std::string name) override { receiver_.SetPeerName(std::move(name)); }
 
  private:
   enum class State : std::int32_t { Created = 0, Connecting = 1, Connected = 2, Ended = 3 };

@@ -3,7 +3,26 @@
 #include <quarn/escaped.h>
 #include <quarn/listener.h>
 
+#include <sstream>
+
 namespace vorpc::details {
+namespace {
+
+// "the response to id417_1"; nothing for what is no message.
+std::string Describe(const Message& message) {
+  std::ostringstream text;
+  if (const auto* const response = message.GetResponse()) {
+    text << "the response to " << quarn::Escaped{response->id.value};
+  } else if (const auto* const request = message.GetRequest()) {
+    text << "the request " << quarn::Escaped{request->id.value} << " '"
+         << quarn::Escaped{request->method} << "'";
+  } else if (const auto* const notification = message.GetNotification()) {
+    text << "the notification '" << quarn::Escaped{notification->method} << "'";
+  }
+  return text.str();
+}
+
+}  // namespace
 
 void Receiver::SendImmediately(Message&& message) {
   if (send_ && !IsClosed()) {
@@ -16,10 +35,21 @@ void Receiver::ReceiveImmediately(const Message& message) {
     return;
   }
   if (const Message::Notification* const notification = message.GetNotification()) {
-    Notify(*notification);
+    if (!Notify(*notification)) {
+      LogOrigin(message);
+    }
     return;
   }
   QUARN_LOG_WARN() << "[RPC Receiver]: unhandled message";
+  LogOrigin(message);
+}
+
+// In a line of its own: the text of the line before is fixed.
+void Receiver::LogOrigin(const Message& message) const {
+  const std::string what = peer_.empty() ? std::string() : Describe(message);
+  if (!what.empty()) {
+    QUARN_LOG_WARN() << "[RPC Receiver]: nobody here waits for " << what << " from " << peer_;
+  }
 }
 
 void Receiver::SetQueueEnabled() {
@@ -112,7 +142,7 @@ void Receiver::Deliver(Kind kind, Message&& message) {
   }
 }
 
-void Receiver::Notify(const Message::Notification& notification) const {
+bool Receiver::Notify(const Message::Notification& notification) const {
   std::shared_ptr<NotificationSignal> signal;
   {
     const std::shared_lock lock(notification_mutex_);
@@ -123,9 +153,10 @@ void Receiver::Notify(const Message::Notification& notification) const {
   }
   if (signal == nullptr) {
     QUARN_LOG_ERROR() << "Unknown event '" << quarn::Escaped{notification.method} << "()'";
-    return;
+    return false;
   }
   signal->Emit(notification);
+  return true;
 }
 
 ReceiveGuard::~ReceiveGuard() noexcept(false) {

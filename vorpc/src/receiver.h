@@ -64,6 +64,9 @@ class Receiver {
   Receiver(std::function<void(Message&&)>&& send, std::function<bool(const Message&)>&& filter)
       : send_(std::move(send)), filter_(std::move(filter)) {}
 
+  // Whose messages arrive, for the log. Before the first one does.
+  void SetPeerName(std::string name) { peer_ = std::move(name); }
+
   // The message is the caller's until the call returns: what is delivered at once is not moved
   // from, so nobody else may touch it meanwhile.
   void Send(Message&& message) { Enqueue(Kind::Send, std::move(message)); }
@@ -108,10 +111,13 @@ class Receiver {
   bool DeliverOrQueue(Kind kind, Message&& message);
   bool ProcessBatch();
   void Deliver(Kind kind, Message&& message);
-  void Notify(const Message::Notification& notification) const;
+  // False when nobody has registered for it.
+  bool Notify(const Message::Notification& notification) const;
+  void LogOrigin(const Message& message) const;
 
   const std::function<void(Message&&)> send_;
   const std::function<bool(const Message&)> filter_;
+  std::string peer_;  // empty: nobody has named it
 
   mutable std::shared_mutex notification_mutex_;
   NotificationSignals notification_signals_;

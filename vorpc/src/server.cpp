@@ -3,11 +3,13 @@
 #include <quarn/logger.h>
 #include <quarn/run_once_signal.h>
 #include <vorpc/internal/hand_to_user.h>
+#include <vorpc/internal/named_peer.h>
 #include <vorpc/server.h>
 
 #include <atomic>
 #include <mutex>
 #include <shared_mutex>
+#include <string>
 #include <unordered_map>
 #include <utility>
 
@@ -23,7 +25,9 @@ const OptionalError kNoError;
 
 constexpr std::string_view kConnectMethod = "vorpc.connected";
 
-class Server final : public IOwnedServer, public std::enable_shared_from_this<Server> {
+class Server final : public IOwnedServer,
+                     public INamedPeer,
+                     public std::enable_shared_from_this<Server> {
  public:
   class Reply;
 
@@ -41,6 +45,7 @@ class Server final : public IOwnedServer, public std::enable_shared_from_this<Se
   void Receive(Message&& message) override;
   // No reply is sent any more. What is running holds on to the object until it is done.
   void Abandon() override;
+  void SetPeerName(std::string name) override { receiver_.SetPeerName(std::move(name)); }
 
  private:
   // The connect request that waits to be answered; empty before it has come.

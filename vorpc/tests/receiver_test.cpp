@@ -298,6 +298,30 @@ TEST(Receiver, LogsWhateverElseNobodyTakes) {
   }
 }
 
+// Each in a line of its own behind the first, and nothing for what is no message.
+TEST(Receiver, NamesThePeerWhoseMessageNobodyTakesAndTheMessage) {
+  const auto behind = [](const Message& message) {
+    Receiver receiver({}, {});
+    receiver.SetPeerName("the task 'x'");
+    const std::string lines = StdoutOf([&] { receiver.ReceiveImmediately(message); });
+    return lines.substr(lines.find('\n') + 1);
+  };
+  EXPECT_THAT(
+      behind(Message::CreateResponse(ID("id7"), 2)),
+      IsLogLine("warn",
+                "[RPC Receiver]: nobody here waits for the response to id7 from the task 'x'"));
+  EXPECT_THAT(behind(Message::CreateRequest(ID("id8"), "add\n", {})),
+              IsLogLine("warn",
+                        "[RPC Receiver]: nobody here waits for the request id8 'add\\n' from the "
+                        "task 'x'"));
+  EXPECT_THAT(behind(Notice("ping")),
+              IsLogLine("warn",
+                        "[RPC Receiver]: nobody here waits for the notification 'ping' from the "
+                        "task 'x'"));
+  EXPECT_EQ(behind(Message::CreateError(1, "e")), "");
+  EXPECT_EQ(behind(Message()), "");
+}
+
 TEST(Receiver, LogsAResponseWhenThereIsNoFilter) {
   Receiver receiver({}, {});
   EXPECT_THAT(

@@ -1,6 +1,7 @@
 #include <quarn/internal/attempt_all.h>
 #include <tarv/rpc_client.h>
 #include <vorpc/internal/hand_to_user.h>
+#include <vorpc/internal/named_peer.h>
 
 #include <utility>
 
@@ -59,6 +60,7 @@ std::shared_ptr<vorpc::IClient> RpcClient::Create(
   }
   const auto self = Object::Create(dispatcher, api, client, PrivateTag());
   self->name_ = name;
+  vorpc::NamePeer(self->owned_.get(), details::PeerOfClient(name));
   if (!self->owned_ || self->StartTask(name) != QUARN_RESULT_SUCCESS) {
     return nullptr;
   }
@@ -107,7 +109,8 @@ void RpcClient::HandleOnMessage(void* user_data, const char* message, std::size_
   if (!self) {
     return;
   }
-  AttemptAll([&self, message] { details::Deliver(message, *self->owned_); },
+  const auto name_peer = [&self] { return details::PeerOfClient(self->name_); };
+  AttemptAll([&self, message, name_peer] { details::Deliver(message, *self->owned_, name_peer); },
              [&self, chunk] { self->UnlockResources(chunk); });
 }
 

@@ -44,13 +44,33 @@ std::function<void(vorpc::Message&&)> MakeSender(const std::shared_ptr<Api>& tab
   };
 }
 
-// Hands the message of a text that arrived to `end`; nothing for an empty text. Throws
-// std::logic_error for null.
-template <class End>
-void Deliver(const char* message, End& end) {
-  if (const std::string_view text = quarn::FindView(quarn::TextWay::kIn, message); !text.empty()) {
-    end.Receive(vorpc::MessageFromText(text));
+// Whether an end of a connection may have a use for it.
+inline bool IsMessage(const vorpc::Message& message) {
+  return message.GetRequest() != nullptr || message.GetResponse() != nullptr ||
+         message.GetNotification() != nullptr;
+}
+
+// Warns of a text of which no message can be made, and shows its beginning.
+void WarnAboutText(std::string_view text, const std::string& peer);
+
+// "the task 'x'", as log lines name the peer of a client.
+std::string PeerOfClient(const std::string& task);
+// The peer of a server; there is one in a process.
+std::string PeerOfServer();
+
+// Hands the message of a text that arrived to `end`; nothing for an empty text. `name_peer` gives
+// the name of the peer. Throws std::logic_error for null.
+template <class End, class NamePeer>
+void Deliver(const char* message, End& end, const NamePeer& name_peer) {
+  const std::string_view text = quarn::FindView(quarn::TextWay::kIn, message);
+  if (text.empty()) {
+    return;
   }
+  vorpc::Message decoded = vorpc::MessageFromText(text);
+  if (!IsMessage(decoded)) {
+    WarnAboutText(text, name_peer());
+  }
+  end.Receive(std::move(decoded));
 }
 
 }  // namespace tarv::details

@@ -1,6 +1,7 @@
 #include <quarn/internal/attempt_all.h>
 #include <tarv/rpc_server.h>
 #include <vorpc/internal/hand_to_user.h>
+#include <vorpc/internal/named_peer.h>
 
 #include <utility>
 
@@ -27,7 +28,9 @@ RpcServer::RpcServer(const std::shared_ptr<quarn::IDispatcher>& dispatcher,
     : Object(dispatcher),
       api_(api),
       server_(server),
-      owned_(vorpc::IOwnedServer::Create(details::MakeSender(api, server, &FindSend))) {}
+      owned_(vorpc::IOwnedServer::Create(details::MakeSender(api, server, &FindSend))) {
+  vorpc::NamePeer(owned_.get(), details::PeerOfServer());
+}
 
 RpcServer::~RpcServer() {
   owned_.reset();
@@ -69,8 +72,9 @@ void RpcServer::HandleOnMessage(void* user_data, const char* message, std::size_
   if (!self) {
     return;
   }
-  quarn::details::AttemptAll([&self, message] { details::Deliver(message, *self->owned_); },
-                             [&self, chunk] { self->UnlockResources(chunk); });
+  quarn::details::AttemptAll(
+      [&self, message] { details::Deliver(message, *self->owned_, &details::PeerOfServer); },
+      [&self, chunk] { self->UnlockResources(chunk); });
 }
 
 void RpcServer::UnlockResources(std::size_t chunk) const {
