@@ -25,10 +25,11 @@ bool IsListeningSocket(int descriptor) {
 }
 
 // Variables that were meant for another process, a parent's for instance, say nothing to this one.
-bool IsActivated() {
-  return Variable("LISTEN_PID") == QByteArray::number(::getpid()) &&
-         Variable("LISTEN_FDS").toInt() >= 1;
+bool IsForThisProcess(const char* variable) {
+  return Variable(variable) == QByteArray::number(::getpid());
 }
+
+bool IsActivated() { return IsForThisProcess("LISTEN_PID") && Variable("LISTEN_FDS").toInt() >= 1; }
 
 // The file that the socket was bound to.
 QString BoundName(int socket) {
@@ -61,7 +62,7 @@ Activation Take() {
   const bool has_name = activation.socket >= 0 && !given.isEmpty();
   activation.name =
       has_name ? given : QFileInfo(QFileInfo("/proc/self/exe").symLinkTarget()).fileName();
-  for (const char* name : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES"}) {
+  for (const char* name : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES", kTaskVariable}) {
     ::unsetenv(name);
   }
   return activation;
@@ -75,8 +76,9 @@ const Activation& GetActivation() {
 }
 
 bool IsTaskOfRuntimeManager() {
-  return IsActivated() && IsListeningSocket(kActivationSocket) &&
-         IsSocketName(BoundName(kActivationSocket));
+  const bool has_socket = IsActivated() && IsListeningSocket(kActivationSocket) &&
+                          IsSocketName(BoundName(kActivationSocket));
+  return has_socket || IsForThisProcess(kTaskVariable);
 }
 
 }  // namespace RuntimeManager::host

@@ -6,6 +6,9 @@
 
 namespace RuntimeManager::host {
 
+// The variable with the process id of a task without a socket; one with a socket has LISTEN_PID.
+constexpr char kTaskVariable[] = "RUNTIME_MANAGER_TASK_PID";
+
 // The descriptor that socket activation hands over first.
 constexpr int kActivationSocket = 3;
 
@@ -14,12 +17,12 @@ struct Activation {
   QString name;     // the task's name; that of the program when nobody gave one
 };
 
-// Reads the variables of socket activation on first use and removes them, so that no child of this
-// process takes them for its own. Any thread.
+// Reads the variables of a task on first use and removes them, so that no child of this process
+// takes them for its own. Any thread.
 const Activation& GetActivation();
 
-// Whether a runtime manager has started this process as a task with a socket. Only looks, and only
-// until GetActivation() was called.
+// Whether a runtime manager has started this process as a task. Only looks, and only until
+// GetActivation() was called.
 bool IsTaskOfRuntimeManager();
 
 inline QString OwnTaskName() { return GetActivation().name; }

@@ -18,8 +18,6 @@
 namespace RuntimeManager::host {
 namespace {
 
-constexpr char kPidVariable[] = "LISTEN_PID=";
-
 // The descriptors of the child are put in place one after the other, so none of their sources may
 // lie where another one goes.
 UniqueFd Raise(UniqueFd fd) {
@@ -50,24 +48,26 @@ int OpenPipe(Pipe* pipe) {
   return pipe->read.IsValid() && pipe->write.IsValid() ? 0 : errno;
 }
 
-// The starter's variables without those of a socket activation of its own.
-std::vector<QByteArray> Environment(const SpawnRequest& request) {
+// The starter's variables without those that make it a task itself.
+std::vector<QByteArray> InheritedVariables() {
   std::vector<QByteArray> variables;
   for (char** variable = environ; variable != nullptr && *variable != nullptr; ++variable) {
     const QByteArray text(*variable);
     const QByteArray name = text.left(text.indexOf('='));
-    if (name != "LISTEN_PID" && name != "LISTEN_FDS" && name != "LISTEN_FDNAMES") {
+    if (name != "LISTEN_PID" && name != "LISTEN_FDS" && name != "LISTEN_FDNAMES" &&
+        name != kTaskVariable) {
       variables.push_back(text);
     }
   }
-  if (request.listen_socket < 0) {
-    return variables;
-  }
-  variables.emplace_back("LISTEN_FDS=1");
-  variables.push_back("LISTEN_FDNAMES=" + request.task_name);
-  // The number follows after the fork.
-  variables.push_back(kPidVariable + QByteArray(int{kPidDigits}, '\0'));
   return variables;
+}
+
+// The variable that the child's number goes into; empty for what is no task.
+QByteArray PidVariable(const SpawnRequest& request) {
+  if (request.listen_socket >= 0) {
+    return "LISTEN_PID=";
+  }
+  return request.task_name.isEmpty() ? QByteArray() : kTaskVariable + QByteArray("=");
 }
 
 std::vector<char*> Pointers(std::vector<QByteArray>& texts) {
@@ -110,9 +110,17 @@ class ChildTexts {
  public:
   explicit ChildTexts(const SpawnRequest& request)
       : arguments_(request.arguments.begin(), request.arguments.end()),
-        variables_(Environment(request)),
-        has_socket_(request.listen_socket >= 0) {
+        variables_(InheritedVariables()),
+        pid_variable_(PidVariable(request)) {
     arguments_.insert(arguments_.begin(), request.program);
+    if (request.listen_socket >= 0) {
+      variables_.emplace_back("LISTEN_FDS=1");
+      variables_.push_back("LISTEN_FDNAMES=" + request.task_name);
+    }
+    // The number follows after the fork.
+    if (!pid_variable_.isEmpty()) {
+      variables_.push_back(pid_variable_ + QByteArray(int{kPidDigits}, '\0'));
+    }
     argument_pointers_ = Pointers(arguments_);
     variable_pointers_ = Pointers(variables_);
   }
@@ -123,8 +131,9 @@ class ChildTexts {
   char* const* Variables() const { return variable_pointers_.data(); }
   // Where the child writes its process id.
   char* PidDigits() {
-    return has_socket_ ? variable_pointers_[variables_.size() - 1] + sizeof(kPidVariable) - 1
-                       : unused_digits_.data();
+    return pid_variable_.isEmpty()
+               ? unused_digits_.data()
+               : variable_pointers_[variables_.size() - 1] + pid_variable_.size();
   }
 
  private:
@@ -132,7 +141,7 @@ class ChildTexts {
   std::vector<QByteArray> variables_;
   std::vector<char*> argument_pointers_;
   std::vector<char*> variable_pointers_;
-  const bool has_socket_;
+  const QByteArray pid_variable_;
   std::array<char, kPidDigits> unused_digits_{};
 };
 

@@ -14,7 +14,7 @@ namespace RuntimeManager::host {
 struct SpawnRequest {
   QByteArray program;  // the path of the executable, also its own name
   QList<QByteArray> arguments;
-  QByteArray task_name;           // what LISTEN_FDNAMES says, with a socket
+  QByteArray task_name;           // empty for a program that is no task
   int listen_socket = -1;         // becomes descriptor 3, as socket activation has it; -1: none
   bool dies_with_starter = true;  // SIGTERM when the starting thread ends
   bool capture_stderr = true;     // through a pipe; else it is the starter's

@@ -79,11 +79,11 @@ TEST_F(StartersEnd, LeavesNoWordOfItsOwn) {
   }
 }
 
-// It takes no more than the library: it may serve its socket, or not have come to that.
+// It takes no more than the library: it may serve its socket, not have come to that, or have none.
 TEST_F(StartersEnd, IsFollowedByATaskThatIgnoresSigterm) {
-  for (const char* how : {"serving", "idle"}) {
+  for (const char* how : {"serving", "idle", "bare"}) {
     AddShellTask(how, QByteArray("exec ") + HELPER + " stubborn " + how);
-    Process starter(HELPER, {"start", how});
+    Process starter(HELPER, {"start", how, how});
     EXPECT_THAT(starter.ReadLine(), testing::StartsWith("started "));
     const pid_t pid = PidOfTheStubborn();
     QElapsedTimer timer;

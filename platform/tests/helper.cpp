@@ -197,16 +197,16 @@ void WhenTold(const std::function<void()>& call) {
   timer->start(10);
 }
 
-// Starts a task (once its children are in another pid namespace: "apart") and stays, or leaves as it
-// is told to: at once, when the file `go` is there, or
-// when the task has ended.
+// Starts a task (once its children are in another pid namespace: "apart"; without a socket: "bare")
+// and stays, or leaves as it is told to: at once, when the file `go` is there, or when the task has
+// ended.
 int StartTask(const QString& name, const QString& how, const QString& when) {
   if (how == "apart" && ::unshare(CLONE_NEWPID) != 0) {
     Say("only root can");
     return 0;
   }
   static Task* const task = new Task(name);
-  task->withIpcSocket(true);
+  task->withIpcSocket(how != "bare");
   const auto leave = [how] { Leave(task, how); };
   if (when == "ended") {
     QObject::connect(task, &Task::finished, leave);

@@ -238,7 +238,8 @@ TEST_F(TaskTest, StartsOnce) {
 // What the task sees of the process that it was started by.
 constexpr char kLookAround[] =
     "ls -l /proc/$$/fd > $WORLD/fds; grep Sig /proc/self/status > $WORLD/signals\n"
-    "env | grep LISTEN > $WORLD/listen; echo $$ >> $WORLD/listen; echo done > $WORLD/done\n"
+    "env | grep -E '^(LISTEN|RUNTIME_MANAGER_TASK_PID)' > $WORLD/listen; echo $$ >> $WORLD/listen; "
+    "echo done > $WORLD/done\n"
     "exec sleep 60";
 
 TEST_F(TaskTest, GivesTheChildACleanProcess) {
@@ -294,10 +295,13 @@ TEST_F(TaskTest, GivesNoSocketToATaskThatWantsNone) {
   AddShellTask("task", kLookAround);
   const ScopedVariable foreign_count("LISTEN_FDS", "1");
   const ScopedVariable foreign_pid("LISTEN_PID", QByteArray::number(::getpid()));
+  const ScopedVariable foreign_task("RUNTIME_MANAGER_TASK_PID", QByteArray::number(::getpid()));
   Task task("task");
   ExpectStarts(task);
   ASSERT_TRUE(WaitForFile(PathOf("done"), "done"));
-  EXPECT_FALSE(ReadFile(PathOf("listen")).contains("LISTEN"));
+  const QList<QByteArray> lines = ReadFile(PathOf("listen")).trimmed().split('\n');
+  ASSERT_EQ(lines.size(), 2) << "nothing of socket activation";
+  EXPECT_EQ(lines[0], "RUNTIME_MANAGER_TASK_PID=" + lines[1]);
   EXPECT_FALSE(ReadFile(PathOf("fds")).contains(" 3 -> "));
 }
 

@@ -17,8 +17,8 @@ namespace RuntimeManager {
 // and signal arrives from there, never from inside the call that asked for it.
 //
 // A task also hears SIGTERM when the thread that called start() ends: start tasks on a thread that
-// lives as long as they shall. One with a socket that ignores it ends itself 3 seconds later, as soon
-// as its event loop turns, if this library is loaded in it.
+// lives as long as they shall. One that ignores it ends itself 3 seconds later, as soon as its event
+// loop turns, if this library is loaded in it.
 //
 // When the application leaves, by exit() too, all its tasks are told at once, and one deadline of 3
 // seconds holds for all. A forked copy of the process does nothing to them; what it begins itself,
