@@ -39,6 +39,17 @@ if(TARV_COVERAGE)
   target_compile_options(tarv_options INTERFACE --coverage -fprofile-update=atomic)
   target_link_options(tarv_options INTERFACE --coverage)
 endif()
+if(TARV_CHECK_LOCKS)
+  # Only programs: what a library takes from the C library, it takes from the program then.
+  set(lock_order_functions pthread_mutex_lock pthread_mutex_trylock pthread_mutex_unlock
+    pthread_rwlock_rdlock pthread_rwlock_wrlock pthread_rwlock_unlock free
+    tarv_expect_no_lock tarv_locks_held tarv_lock_orders)
+  list(TRANSFORM lock_order_functions PREPEND "-Wl,--export-dynamic-symbol=")
+  set(is_program $<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>)
+  target_link_options(tarv_options INTERFACE
+    "$<${is_program}:-Wl,-u,tarv_locks_held;${lock_order_functions}>")
+  target_link_libraries(tarv_options INTERFACE $<${is_program}:tarv_lock_order>)
+endif()
 
 # Headers that modules share but do not install, included by their path from the root:
 # <quarn/internal/...>.

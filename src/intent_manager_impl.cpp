@@ -2,6 +2,7 @@
 
 #include <cw/encodable_value.h>
 #include <quarn/internal/attempt_all.h>
+#include <quarn/internal/calls_out.h>
 #include <quarn/listener.h>
 #include <quarn/logger.h>
 #include <quarn/sized_struct.h>
@@ -54,6 +55,7 @@ void AskApplication(const quarn::IListener<TARVReplyIntentSlot*>& listener, Send
   slot.callback = &AnswerIntent;
   slot.release = &ReleaseReply;
   slot.user_data = std::make_unique<SendReply>(std::move(send_reply)).release();
+  quarn::details::CallsOut("an intent's callback");
   listener.Invoke(&slot);
 }
 
@@ -177,6 +179,7 @@ void IntentManagerImpl::CompleteFront(bool success) {
     busy_ = false;
   }
   if (completed && completed->completion) {
+    quarn::details::CallsOut("a callback of OpenUri");
     completed->completion(success);
   }
 }

@@ -1,6 +1,7 @@
 #include "rpc_server_impl.h"
 
 #include <RuntimeManager/RuntimeDispatcher.h>
+#include <quarn/internal/calls_out.h>
 #include <quarn/logger.h>
 #include <quarn/sized_struct.h>
 
@@ -25,12 +26,14 @@ std::shared_ptr<RpcServerListener> RpcServerListener::Create(TARVRpcServerSlots*
 
 void RpcServerListener::OnStarted(int code, const char* message, std::size_t chunk) const {
   if (on_started_ != nullptr) {
+    quarn::details::CallsOut("OnStarted of the server");
     on_started_(user_data_, code, message, chunk);
   }
 }
 
 void RpcServerListener::OnMessage(const char* message, std::size_t chunk) const {
   if (on_message_ != nullptr) {
+    quarn::details::CallsOut("OnMessage of the server");
     on_message_(user_data_, message, chunk);
   }
 }

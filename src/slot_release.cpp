@@ -1,6 +1,7 @@
 #include "slot_release.h"
 
 #include <quarn/escaped.h>
+#include <quarn/internal/calls_out.h>
 #include <quarn/logger.h>
 
 #include <exception>
@@ -19,6 +20,7 @@ void CallRelease(void (*release)(void* user_data), void* user_data) noexcept {
   if (release == nullptr) {
     return;
   }
+  quarn::details::CallsOut("a Release callback");
   try {
     release(user_data);
   } catch (const std::exception& exception) {

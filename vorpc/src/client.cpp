@@ -1,4 +1,5 @@
 // Messages out and messages in; client_connection.cpp has the connection's beginning and end.
+#include <quarn/internal/calls_out.h>
 #include <quarn/logger.h>
 #include <vorpc/internal/hand_to_user.h>
 
@@ -51,6 +52,7 @@ void Client::KeepAndSend(Message&& request, PendingRequests::Request&& pending,
 void Client::AnswerAfterEnd(const Message::ID& id, const Message::Error& error) {
   const auto callback = TakeCallback(id);
   if (callback && *callback && !receiver_.IsClosed()) {
+    quarn::details::CallsOut("a request's callback");
     (*callback)(Message::Response(id, error));
   }
 }
@@ -95,6 +97,7 @@ bool Client::TakeResponse(const Message& message) {
     return TakeForgotten(response->id);
   }
   if (*callback) {
+    quarn::details::CallsOut("a request's callback");
     (*callback)(*response);
   } else {
     QUARN_LOG_ERROR() << "Invalid server response";

@@ -1,5 +1,6 @@
 // How a client connects, and how its connection ends.
 #include <quarn/escaped.h>
+#include <quarn/internal/calls_out.h>
 #include <quarn/listener.h>
 #include <quarn/logger.h>
 
@@ -127,6 +128,7 @@ void Client::CompleteHandshake() {
     const std::lock_guard lock(mutex_);
     record.swap(connect_record_);
   }
+  quarn::details::CallsOut("a callback of the connection");
   quarn::details::AttemptAll([this] { connected_.Emit(kNoError); },
                              [this] { receiver_.SetQueueEnabled(); });
 }
@@ -170,6 +172,7 @@ void Client::Close(const OptionalError& error, bool during_handshake) {
     record.swap(connect_record_);
     end_error_ = reported;
   }
+  quarn::details::CallsOut("a callback of the connection's end");
   quarn::details::Attempts steps;
   if (during_handshake) {
     receiver_.DropQueue();

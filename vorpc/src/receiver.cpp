@@ -1,6 +1,7 @@
 #include "receiver.h"
 
 #include <quarn/escaped.h>
+#include <quarn/internal/calls_out.h>
 #include <quarn/listener.h>
 
 #include <sstream>
@@ -155,6 +156,7 @@ bool Receiver::Notify(const Message::Notification& notification) const {
     QUARN_LOG_ERROR() << "Unknown event '" << quarn::Escaped{notification.method} << "()'";
     return false;
   }
+  quarn::details::CallsOut("a handler of notifications");
   signal->Emit(notification);
   return true;
 }

@@ -1,4 +1,5 @@
 #include <quarn/internal/attempt_all.h>
+#include <quarn/internal/calls_out.h>
 #include <quarn/listener.h>
 #include <quarn/logger.h>
 #include <quarn/run_once_signal.h>
@@ -197,6 +198,7 @@ void Server::ReceiveLocked(Message&& message, details::ReceiveGuard& guard, Take
 }
 
 void Server::CompleteHandshake(const Message::Request& request) {
+  quarn::details::CallsOut("a callback of the connection");
   quarn::details::AttemptAll(
       [this] { connected_.Emit(kNoError); },
       [this, &request] { receiver_.SendImmediately(Message::CreateResponse(request.id, {})); },
@@ -210,6 +212,7 @@ bool Server::TakeRequest(const Message& message) {
     return false;
   }
   if (const SharedHandler handler = FindHandler(request->method)) {
+    quarn::details::CallsOut("a request's handler");
     (*handler)(request->method, request->params,
                std::make_unique<Reply>(request->id, weak_from_this()));
     return true;
