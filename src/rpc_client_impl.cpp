@@ -2,6 +2,7 @@
 
 #include <quarn/escaped.h>
 #include <quarn/internal/attempt_all.h>
+#include <quarn/internal/calls_out.h>
 #include <quarn/logger.h>
 #include <quarn/sized_struct.h>
 
@@ -17,6 +18,7 @@
 namespace tarv {
 
 using quarn::details::AttemptAll;
+using quarn::details::CallsOut;
 
 namespace {
 
@@ -46,18 +48,21 @@ std::shared_ptr<RpcClientListener> RpcClientListener::Create(TARVRpcClientSlots*
 
 void RpcClientListener::OnStarted(int code, const char* message, std::size_t chunk) const {
   if (on_started_ != nullptr) {
+    CallsOut("OnStarted of a client");
     on_started_(user_data_, code, message, chunk);
   }
 }
 
 void RpcClientListener::OnDisconnect(int code, const char* message, std::size_t chunk) const {
   if (on_disconnect_ != nullptr) {
+    CallsOut("OnDisconnect of a client");
     on_disconnect_(user_data_, code, message, chunk);
   }
 }
 
 void RpcClientListener::OnMessage(const char* message, std::size_t chunk) const {
   if (on_message_ != nullptr) {
+    CallsOut("OnMessage of a client");
     on_message_(user_data_, message, chunk);
   }
 }
@@ -184,7 +189,11 @@ void RpcClientImpl::OpenMessaging() {
                                });
 }
 
+// A task's end is the last that is heard of it, also by an event loop that OnDisconnect runs.
 void RpcClientImpl::OnMessageReceived(const QJsonObject& object) {
+  if (state_ != kRunning) {
+    return;
+  }
   if (message_log_ != nullptr) {
     message_log_->OnReceived(details::TextOf(object).value_or(QByteArray()).toStdString());
   }
@@ -192,6 +201,9 @@ void RpcClientImpl::OnMessageReceived(const QJsonObject& object) {
 }
 
 void RpcClientImpl::OnTextReceived(QByteArray& text) {
+  if (state_ != kRunning) {
+    return;
+  }
   if (message_log_ != nullptr) {
     message_log_->OnReceived({text.constData(), static_cast<std::size_t>(text.size())});
   }

@@ -101,6 +101,21 @@ TEST_F(LostTask, RefusesToSendInsideOnDisconnect) {
   EXPECT_THAT(seen.results, ElementsAre(QUARN_RESULT_REFUSED, QUARN_RESULT_REFUSED));
 }
 
+TEST_F(LostTask, HearsNothingMoreInsideOnDisconnect) {
+  TARVRpcClientSlots slots = MakeSlots();
+  slots.OnDisconnect = [](void* log, int, const char*, std::size_t) {
+    QByteArray text("late");
+    Q_EMIT Channel().dataReceived(text);
+    Q_EMIT Channel().messageReceived({{"data", "later"}});
+    Log(log, "disconnected");
+  };
+  ASSERT_EQ(table_.StartTask(client_, "worker", "/libs", &slots), QUARN_RESULT_SUCCESS);
+  Task::GetAll().at(0)->complete_start({});
+  Q_EMIT Channel().messageReceived({{"data", "in time"}});
+  Q_EMIT Channel().disconnected({-32003, "hung up"});
+  EXPECT_THAT(log_, ElementsAre("started 0 ", "message in time", "disconnected"));
+}
+
 // ---- The shortcut for texts
 
 class Shortcut : public FakePlatform {};
