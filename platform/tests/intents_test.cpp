@@ -183,10 +183,12 @@ TEST_F(Intents, AnswerWithTheFirstReplyEvenLaterAndFromAnotherThread) {
 
 TEST_F(Intents, FailWhenTheOwnerKeepsTheReplyAndDropALateOne) {
   const auto owner = Owner("Kept", "keep");
-  const ScopedVariable timeout("RUNTIME_MANAGER_INTENT_TIMEOUT", "1");
   IntentsInvoker invoker;
   Replies replies(&invoker);
-  invoker.invoke("Kept", {}, {});
+  {
+    const ScopedVariable timeout("RUNTIME_MANAGER_INTENT_TIMEOUT", "1");
+    invoker.invoke("Kept", {}, {});
+  }
   ASSERT_TRUE(replies.WaitFor(1));
   EXPECT_EQ(replies.errors[0].code(), Error::kIntentFailed);
   EXPECT_THAT(replies.errors[0].message().toStdString(),
@@ -333,6 +335,7 @@ TEST_F(Intents, OpenAUriWithTheChosenProgramAndNoShell) {
   const QString uri = "https://example.com/a%20b?q=$(touch+out2)&x='y';z*#frag";
   const Error error = Open(uri);
   EXPECT_FALSE(error.isError()) << error.message().toStdString();
+  EXPECT_TRUE(WaitForFile(PathOf("out"), "#frag|"));
   EXPECT_EQ(ReadFile(PathOf("out")), ("1|" + uri + "|").toUtf8());
 }
 
@@ -365,7 +368,7 @@ TEST_F(Intents, UseXdgOpenWhenNoProgramIsChosen) {
   const ScopedVariable unset("RUNTIME_MANAGER_URI_HANDLER", QByteArray());
   const ScopedVariable path("PATH", PathOf("tasks").toUtf8() + ":/usr/bin:/bin");
   EXPECT_FALSE(Open("https://example.com/").isError());
-  EXPECT_EQ(ReadFile(PathOf("out")), "https://example.com/\n");
+  EXPECT_TRUE(WaitForFile(PathOf("out"), "https://example.com/\n"));
 }
 
 TEST_F(Intents, PassOnValidAbsoluteUrisOnly) {

@@ -161,6 +161,17 @@ bool Inbox::WaitFor(std::size_t count) {
   return RunUntil([this, count] { return messages.size() >= count; });
 }
 
+bool IsWelcome(const QString& socket_path) {
+  bool is_welcome = false;
+  return RunUntil([&socket_path, &is_welcome] {
+    TaskMessaging messaging(socket_path);
+    Inbox inbox(&messaging);
+    RunUntil([&inbox] { return !inbox.messages.empty() || inbox.disconnects.Arrived(); });
+    is_welcome = !inbox.messages.empty() && inbox.messages[0] == Data("welcome");
+    return is_welcome;
+  });
+}
+
 Process::Process(const QString& program, const QStringList& words) {
   int ends[2];
   EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
@@ -407,7 +418,7 @@ void PlatformTest::TearDown() {
     return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) != 0 && errno == ECHILD;
   };
   EXPECT_TRUE(RunUntil(has_no_child)) << "a child is left";
-  RunUntil([this] { return OpenDescriptors() == descriptors_before_; }, 1000);
+  RunUntil([this] { return OpenDescriptors() == descriptors_before_; }, kLimitSeconds * 1000);
   EXPECT_EQ(OpenDescriptors().join('\n').toStdString(),
             descriptors_before_.join('\n').toStdString());
   EXPECT_EQ(SocketFiles().join(' ').toStdString(), "");

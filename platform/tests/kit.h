@@ -78,6 +78,10 @@ struct Inbox {
   Outcomes disconnects;
 };
 
+// Connects to a task that says "welcome" to each starter, and hangs up. Until such a task has noticed
+// that the starter before has left, it turns the next one away, who then tries again.
+bool IsWelcome(const QString& socket_path);
+
 // A program that runs beside the test, with a pipe on its standard output.
 class Process {
  public:

@@ -178,9 +178,15 @@ TEST(RealTask, IsOneAtATime) {
 
 TEST(RealTask, TellsASocketThatIsLeft) {
   RealTask task(TASK_FOLDER "/litterer", RealTaskOptions().Patience(1s));
-  ASSERT_TRUE(task.WaitUntil([] {
+  const auto has_littered = [] {
     return access((std::string(std::getenv("XDG_RUNTIME_DIR")) + "/litter").c_str(), F_OK) == 0;
-  }));
+  };
+  // The patience is short for what comes last; a loaded machine needs more to start the task.
+  bool is_there = false;
+  for (int i = 0; i < 60 && !is_there; ++i) {
+    is_there = task.WaitUntil(has_littered);
+  }
+  ASSERT_TRUE(is_there);
   EXPECT_THAT(task.Finish(), ElementsAre("the socket litter"));
 }
 

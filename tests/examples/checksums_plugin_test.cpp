@@ -7,6 +7,7 @@
 #include <QCoreApplication>
 #include <chrono>
 #include <fstream>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <thread>
@@ -33,10 +34,18 @@ std::string CpuTime(int process) {
   return nanoseconds;
 }
 
+// Not one that waits for a processor.
+bool Sleeps(int process) {
+  std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+  const std::string stat(std::istreambuf_iterator<char>(file), {});
+  return stat.find(") S ") != std::string::npos;
+}
+
 // Waits, without running events, until a process has nothing left to do.
 void WaitUntilIdle(int process) {
   std::string before;
-  for (std::string now = CpuTime(process); now != before; now = CpuTime(process)) {
+  for (std::string now = CpuTime(process); now != before || !Sleeps(process);
+       now = CpuTime(process)) {
     before = now;
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
   }
