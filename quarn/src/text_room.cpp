@@ -6,9 +6,7 @@ namespace quarn {
 
 TextRoom& TextRoom::Get() {
   // Never destroyed: other objects may still send while the process exits.
-  // GCOVR_EXCL_BR_START: no test can arrange which of two threads makes it.
   static auto* const room = new TextRoom;
-  // GCOVR_EXCL_BR_STOP
   return *room;
 }
 

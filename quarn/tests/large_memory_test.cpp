@@ -1,6 +1,7 @@
 // The advice shows in the flags that the system lists for the process's memory.
 #include <gtest/gtest.h>
 #include <quarn/internal/large_memory.h>
+#include <quarn/resources_cache.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -76,6 +77,14 @@ TEST_F(LargeMemory, IsLeftAloneWhereItIsSmall) {
   const Mapping mapping(4 * kMiB);
   quarn::ExpectFilling(mapping.GetData(), 4 * kMiB - 1);
   EXPECT_FALSE(WantsLargePages(mapping.GetData() + kMiB));
+}
+
+TEST_F(LargeMemory, HoldsALargeTextOfACache) {
+  quarn::ResourcesCache cache;
+  const std::uint64_t chunk = cache.CreateChunk();
+  const std::string text(8 * kMiB, 'x');
+  EXPECT_FALSE(WantsLargePages(text.data() + 4 * kMiB));
+  EXPECT_TRUE(WantsLargePages(cache.AppendStr(chunk, text) + 4 * kMiB));
 }
 
 }  // namespace

@@ -17,6 +17,8 @@ FUNCTIONS = (CursorKind.FUNCTION_DECL, CursorKind.CXX_METHOD, CursorKind.CONSTRU
 CLASSES = (CursorKind.CLASS_DECL, CursorKind.STRUCT_DECL, CursorKind.CLASS_TEMPLATE,
            CursorKind.CLASS_TEMPLATE_PARTIAL_SPECIALIZATION)
 OWNERS = re.compile(r"(const )?std::(shared_ptr|unique_ptr)<")
+# What takes its arguments in either order.
+SYMMETRIC = re.compile(r"_mm\d*_(and|or|xor|add|mullo|mulhi|cmpeq)_|(min|max)$")
 # What the compiler must know while it compiles cannot be switched when the program runs.
 COMPILED_IN = (CursorKind.STATIC_ASSERT, CursorKind.ENUM_DECL)
 
@@ -126,9 +128,9 @@ class Finder:
 
     def look_at_sign(self, cursor, function):
         text = self.text(cursor)
-        for sign, other in (("++", "--"), ("--", "++"), ("!", ""), ("-", "")):
+        for sign, other, shown in (("++", "--", "--"), ("--", "++", "++"), ("!", "!!", "nothing"), ("-", "", "nothing")):
             if text.startswith(sign):
-                self.add(cursor, function, "operator", other + text[len(sign):], f"{sign} -> {other or 'nothing'}")
+                self.add(cursor, function, "operator", other + text[len(sign):], f"{sign} -> {shown}")
                 return
             if len(sign) == 2 and text.endswith(sign):
                 self.add(cursor, function, "operator", text[:-2] + other, f"{sign} -> {other}")
@@ -188,8 +190,9 @@ class Finder:
             text = self.text(argument)
             if is_pointer(argument) and text not in ("nullptr", "this") and not text.startswith('"'):
                 self.add(argument, function, "null", "nullptr", f"{text} -> nullptr", self.text(cursor))
-        for first, second in zip(given, given[1:]):
-            self.look_at_pair(cursor, first, second, function)
+        if not SYMMETRIC.match(cursor.spelling):
+            for first, second in zip(given, given[1:]):
+                self.look_at_pair(cursor, first, second, function)
 
     def look_at_pair(self, call, first, second, function):
         if plain_type(first) != plain_type(second) or self.text(first) == self.text(second):

@@ -27,7 +27,7 @@ SEED = "tarv"
 def arguments():
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("modules", nargs="*", metavar="MODULE", help="one of " + ", ".join(MODULES))
-    parser.add_argument("--sample", type=int, default=100, help="mutants of each module (default 100)")
+    parser.add_argument("--sample", type=int, default=75, help="mutants of each module (default 75)")
     parser.add_argument("--only", default="", help="of these only what has TEXT in its name")
     parser.add_argument("--list", action="store_true", help="say what would be made, and make nothing")
     parser.add_argument("--jobs", type=int, default=os.cpu_count())

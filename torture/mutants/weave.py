@@ -7,15 +7,15 @@ def remove_comments(text):
     return " ".join(line.strip() for line in lines)
 
 
-LINES_AT_THE_HEAD = 2
+LINES_AT_THE_HEAD = 3
 
 
-def weave(source, mutants, switch, path):
-    """The text of the file `path` with all mutants. It says of itself that it is a system's, which spares
-    it the warnings about them."""
+def weave(source, mutants, switch):
+    """The text of a file with all mutants. A header says that it is the system's, which spares those who
+    include it the warnings about them."""
     ordered = sorted(mutants, key=lambda one: (one.start, -one.end, one.form != "statement",
                                                one.form != "condition", one.number))
-    head = f'#include "{switch}"\n# 1 "{path}" 3\n'.encode()
+    head = f'#include "{switch}"\n#pragma GCC system_header\n#line 1\n'.encode()
     return head + Weaver(source).emit(0, len(source), ordered)
 
 

@@ -10,7 +10,6 @@ import candidates
 from mutant import Mutant
 from weave import LINES_AT_THE_HEAD, weave
 
-SWITCH = os.path.join(os.path.dirname(os.path.realpath(__file__)), "switch.h")
 MOST_BUILDS = 12
 NUMBER = re.compile(rb"tarv_mutants::IsOn\((\d+)\)")
 
@@ -55,7 +54,8 @@ def put(tree, mutants):
     of_file = collections.defaultdict(list)
     for mutant in mutants:
         of_file[mutant.path].append(mutant)
-    texts = {name: weave(tree.plain[name], those, SWITCH, os.path.join(tree.copy, name)) for name, those in of_file.items()}
+    switch = tree.write(os.path.join(os.pardir, "switch.h"), tree.switch)
+    texts = {name: weave(tree.plain[name], those, switch) for name, those in of_file.items()}
     for module in tree.modules:
         for name in tree.sources(module):
             tree.write(name, texts.get(name, tree.plain[name]))
