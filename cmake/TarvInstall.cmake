@@ -91,6 +91,9 @@ set(documents "${CMAKE_INSTALL_DATADIR}/doc")
 install(FILES README.md DESTINATION "${documents}/tarv-doc" COMPONENT doc)
 install(DIRECTORY docs DESTINATION "${documents}/tarv-doc" COMPONENT doc
   FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "*.png")
+if(TARV_SITE)
+  install(DIRECTORY "${TARV_SITE}" DESTINATION "${documents}/tarv-doc" COMPONENT doc OPTIONAL)
+endif()
 # tarv-new, and the project that it makes.
 set(TARV_NEW_VERSION "${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}")
 set(template_folder "${CMAKE_INSTALL_FULL_DATADIR}/tarv/template")

@@ -21,6 +21,8 @@ lintian --allow-root --fail-on error,warning --no-cfg "${packages[@]}" || fail "
 
 mkdir "$work/root"
 for package in "${packages[@]}"; do dpkg-deb -x "$package" "$work/root"; done
+source=$(realpath "$here/../..")
+! grep -rlF -- "$source/" "$work/root" || fail "these packed files name the folder $source"
 architecture=$(dpkg-deb -f "$(ls "$folder"/tarv_*.deb)" Architecture)
 [ "$architecture" = "$(dpkg --print-architecture)" ] || exit 0
 
@@ -51,6 +53,9 @@ check_dependencies() {
   rm -rf "$work/one"
 }
 for package in "${packages[@]}"; do check_dependencies "$package"; done
+
+"$source/cmake/docs/check_site.py" "$work/root/usr/share/doc/tarv-doc/html" ||
+  fail "tarv-doc does not hold the whole site"
 
 cd "$work"
 for use in "cmake 20" "pkgconfig 17" c new; do
