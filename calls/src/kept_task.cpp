@@ -15,8 +15,11 @@ CallerOptions OptionsFor(const std::string& name, const KeepPolicy& policy) {
   return CallerOptions().TaskName(name).ConnectTimeout(policy.connect_timeout);
 }
 
+// No client when the manager is gone.
 KeptTask::Factory FactoryOf(const ManagerWrapper& manager, const std::string& name) {
-  return [&manager, name] { return manager.CreateIpcClient(name); };
+  return [&manager, lifetime = manager.GetLifetime(), name] {
+    return lifetime.expired() ? nullptr : manager.CreateIpcClient(name);
+  };
 }
 
 }  // namespace
@@ -27,10 +30,10 @@ class details::KeptTaskCore final : public Supervisor,
  public:
   using State = TaskStatus::State;
 
-  KeptTaskCore(KeptTask::Factory factory, bool of_manager, const KeepPolicy& policy,
-               std::shared_ptr<CallerCore> calls)
+  KeptTaskCore(KeptTask::Factory factory, std::function<bool()> has_manager_ended,
+               const KeepPolicy& policy, std::shared_ptr<CallerCore> calls)
       : factory_(std::move(factory)),
-        of_manager_(of_manager),
+        has_manager_ended_(std::move(has_manager_ended)),
         policy_(policy),
         calls_(std::move(calls)) {}
 
@@ -39,7 +42,7 @@ class details::KeptTaskCore final : public Supervisor,
   }
   void OnConnected() override { Change({State::kConnected, std::nullopt}); }
   void OnLost(const Loss& loss) override {
-    is_over_ = is_over_ || (of_manager_ && loss.is_final);
+    is_over_ = is_over_ || (has_manager_ended_ && loss.is_final);
     deaths_.push_back(calls_->GetLoop()->Now());
     last_ = loss;
     not_before_ = deaths_.back() + Pause();
@@ -110,7 +113,8 @@ class details::KeptTaskCore final : public Supervisor,
     client_ = factory_();
     hearing_ = std::make_shared<Hearing>();
     if (!client_) {
-      const Loss loss = LossOfMissingClient();
+      const bool has_ended = has_manager_ended_ && has_manager_ended_();
+      const Loss loss = has_ended ? LossOfManager(EndedManager::kOwn) : LossOfMissingClient();
       OnLost(loss);
       calls_->FailKept(loss);
       return;
@@ -173,7 +177,7 @@ class details::KeptTaskCore final : public Supervisor,
   }
 
   const KeptTask::Factory factory_;
-  const bool of_manager_;  // whose end is the task's, for good
+  const std::function<bool()> has_manager_ended_;  // null unless its end is the task's, for good
   const KeepPolicy policy_;
   const std::shared_ptr<CallerCore> calls_;
   std::shared_ptr<vorpc::IClient> client_;
@@ -187,21 +191,24 @@ class details::KeptTaskCore final : public Supervisor,
   bool is_over_ = false;
 };
 
-KeptTask::KeptTask(Factory factory, bool of_manager, const std::string& name,
-                   const KeepPolicy& policy, std::shared_ptr<Loop> loop)
+KeptTask::KeptTask(Factory factory, std::function<bool()> has_manager_ended,
+                   const std::string& name, const KeepPolicy& policy, std::shared_ptr<Loop> loop)
     : calls_(std::make_shared<details::CallerCore>(std::move(loop), OptionsFor(name, policy))),
-      core_(
-          std::make_shared<details::KeptTaskCore>(std::move(factory), of_manager, policy, calls_)) {
+      core_(std::make_shared<details::KeptTaskCore>(std::move(factory),
+                                                    std::move(has_manager_ended), policy, calls_)) {
   calls_->SetSupervisor(core_);
 }
 
 KeptTask::KeptTask(Factory factory, const std::string& name, const KeepPolicy& policy,
                    std::shared_ptr<Loop> loop)
-    : KeptTask(std::move(factory), false, name, policy, std::move(loop)) {}
+    : KeptTask(std::move(factory), nullptr, name, policy, std::move(loop)) {}
 
 KeptTask::KeptTask(const ManagerWrapper& manager, const std::string& name, const KeepPolicy& policy,
                    std::shared_ptr<Loop> loop)
-    : KeptTask(FactoryOf(manager, name), true, name, policy, std::move(loop)) {}
+    : KeptTask(
+          FactoryOf(manager, name),
+          [lifetime = manager.GetLifetime()] { return lifetime.expired(); }, name, policy,
+          std::move(loop)) {}
 
 KeptTask::~KeptTask() {
   calls_->Close();

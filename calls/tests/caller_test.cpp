@@ -537,6 +537,30 @@ TEST_F(CallerTest, ReleasesCallsThatBeginDuringItsEnd) {
   EXPECT_THAT(reasons, ElementsAre(CallReason::kReleased, CallReason::kReleased));
 }
 
+TEST_F(CallerTest, ReleasesCallsThatOtherThreadsBeginDuringItsEnd) {
+  Connect();
+  tarv::Caller& caller = *caller_;
+  std::optional<Ending<void>> late;
+  caller.Call(kPing).Then(
+      [&](const Outcome<void>&) { std::thread([&] { late.emplace(caller.Call(kPing)); }).join(); });
+  caller_.reset();
+  ASSERT_TRUE(late);
+  ASSERT_EQ(late->Count(), 1U) << "before the destructor returns";
+  EXPECT_EQ(late->GetReason(), CallReason::kReleased);
+}
+
+TEST_F(CallerTest, LeavesItsCallsToTheLoopOnceItIsGone) {
+  Connect();
+  const auto call = caller_->Call(kPing);
+  caller_.reset();
+  std::thread([&] { call.Cancel(); }).join();
+  const Ending<void> ending(call);
+  EXPECT_EQ(ending.Count(), 0U);
+  link_.Pump();
+  ASSERT_EQ(ending.Count(), 1U);
+  EXPECT_EQ(ending.GetReason(), CallReason::kReleased);
+}
+
 TEST_F(CallerTest, MayEndInsideAConsumer) {
   Connect();
   caller_->Call(kPing).Then([this](const Outcome<void>&) { caller_.reset(); });

@@ -207,6 +207,26 @@ TEST_F(Endings, OfAnotherManagerAreDeathsOfAKeptTask) {
   EXPECT_TRUE(End(task.Call(mistakes::kPing)));
 }
 
+TEST_F(Endings, OfItsManagerBeforeTheFirstCallAreTheEndOfAKeptTask) {
+  KeptTask task(*manager_wrapper_, "misbehaving");
+  EndManager();
+  for (int i = 0; i < 2; ++i) {
+    const auto outcome = End(task.Call(mistakes::kPing));
+    EXPECT_EQ(outcome.GetError().GetReason(), CallReason::kReleased);
+    EXPECT_THAT(outcome.GetError().what(),
+                HasSubstr("the ManagerWrapper that made its client was destroyed"));
+  }
+  EXPECT_EQ(task.GetStatus().state, TaskStatus::State::kEnded);
+}
+
+TEST_F(Endings, OfItsManagerBetweenTwoStartsAreTheEndOfAKeptTask) {
+  KeptTask task(*manager_wrapper_, "misbehaving");
+  EXPECT_EQ(End(task.Call(mistakes::kDo, "crash")).GetError().GetReason(), CallReason::kTaskKilled);
+  const auto waiting = task.Call(mistakes::kPing);
+  EndManager();
+  EXPECT_EQ(End(waiting).GetError().GetReason(), CallReason::kReleased);
+}
+
 TEST_F(Endings, OfItsManagerAreTheEndOfAKeptTask) {
   KeptTask task(*manager_wrapper_, "misbehaving");
   ASSERT_TRUE(End(task.Call(mistakes::kPing)));

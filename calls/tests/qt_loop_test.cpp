@@ -2,9 +2,12 @@
 #include <gtest/gtest.h>
 #include <tarv/calls/loop.h>
 
+#include <QAbstractEventDispatcher>
 #include <QCoreApplication>
 #include <QEventLoop>
 #include <QThread>
+#include <QTimerEvent>
+#include <functional>
 #include <thread>
 #include <vector>
 
@@ -17,6 +20,46 @@ using namespace std::chrono_literals;
 int argument_count = 1;
 char program_name[] = "calls_tests";
 char* arguments[] = {program_name, nullptr};
+
+// Notes how long timers are to run, and keeps none of them: nothing fires by itself.
+class TimerNotes final : public QAbstractEventDispatcher {
+ public:
+  std::vector<int> intervals;
+
+  bool processEvents(QEventLoop::ProcessEventsFlags) override { return false; }
+  bool hasPendingEvents() override { return false; }
+  void registerSocketNotifier(QSocketNotifier*) override {}
+  void unregisterSocketNotifier(QSocketNotifier*) override {}
+  void registerTimer(int, int interval, Qt::TimerType, QObject* timer) override {
+    intervals.push_back(interval);
+    owner = timer;
+  }
+  bool unregisterTimer(int) override { return true; }
+  bool unregisterTimers(QObject*) override { return true; }
+  QList<TimerInfo> registeredTimers(QObject*) const override { return {}; }
+  int remainingTime(int) override { return 0; }
+  void wakeUp() override {}
+  void interrupt() override {}
+  void flush() override {}
+
+  // As if the latest timer fired now.
+  void Fire() const {
+    QTimerEvent fired(1);
+    QCoreApplication::sendEvent(owner, &fired);
+  }
+
+  QObject* owner = nullptr;
+};
+
+// Runs `test` on a thread whose timers are only noted.
+void WithTimerNotes(const std::function<void(Loop& loop, TimerNotes& notes)>& test) {
+  std::thread([&test] {
+    auto* const notes = new TimerNotes;  // the thread's, which destroys it
+    QThread::currentThread()->setEventDispatcher(notes);
+    const auto loop = Loop::OfThisThread();
+    test(*loop, *notes);
+  }).join();
+}
 
 class QtLoop : public testing::Test {
  protected:
@@ -89,6 +132,35 @@ TEST_F(QtLoop, WakesAfterAnotherWakeThatWasSetFromAThread) {
   std::thread other([this] { loop_->WakeAt(loop_->Now() + 5ms, [this] { order_.push_back(1); }); });
   RunUntil([this] { return !order_.empty(); });
   other.join();
+}
+
+TEST_F(QtLoop, WaitsForAFarTimeInPiecesThatATimerHolds) {
+  WithTimerNotes([](Loop& loop, TimerNotes& notes) {
+    loop.WakeAt(loop.Now() + 24h * 60, [] { FAIL() << "two months early"; });
+    QCoreApplication::sendPostedEvents();
+    notes.Fire();
+    EXPECT_THAT(notes.intervals, ElementsAre(3'600'000, 3'600'000));
+  });
+}
+
+TEST_F(QtLoop, WaitsOnWhenItsTimerFiresTooEarly) {
+  WithTimerNotes([](Loop& loop, TimerNotes& notes) {
+    bool ran = false;
+    const auto begin = loop.Now();
+    loop.WakeAt(begin + 500ms, [&ran] { ran = true; });
+    QCoreApplication::sendPostedEvents();
+    notes.Fire();
+    if (loop.Now() - begin < 500ms) {  // else the machine was too busy to be early
+      EXPECT_FALSE(ran);
+      ASSERT_EQ(notes.intervals.size(), 2U);
+      EXPECT_THAT(notes.intervals[1], testing::AllOf(testing::Gt(0), testing::Le(500)));
+    }
+    while (!ran) {
+      std::this_thread::sleep_for(5ms);
+      notes.Fire();
+    }
+    EXPECT_GE(loop.Now() - begin, 500ms);
+  });
 }
 
 TEST_F(QtLoop, DestroysWhatItDoesNotLiveToRun) {

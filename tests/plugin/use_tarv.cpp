@@ -85,6 +85,7 @@ void UseTarv(cw::PluginRegistrar* registrar) {
   intents->OpenUri("no uri", [](bool) {});
   const auto client = manager->CreateIpcClient("minimal");
   PLUGIN_CHECK(client != nullptr && Add(*client) == 42);
+  PLUGIN_CHECK(!manager->GetLifetime().expired());
   UseHandles(client, server);
 }
 

@@ -73,6 +73,16 @@ TEST_F(ManagerWrapperTest, ReleasesTheManagerOnceWhenItDies) {
   EXPECT_THAT(fake_->calls, ElementsAre("Initialize()", "ReleaseManager(11)"));
 }
 
+TEST_F(ManagerWrapperTest, HasALifetimeThatExpiresWithIt) {
+  auto manager = CreateManager();
+  const auto other = CreateManager();
+  const std::weak_ptr<const void> lifetime = manager->GetLifetime();
+  EXPECT_FALSE(lifetime.expired());
+  manager.reset();
+  EXPECT_TRUE(lifetime.expired());
+  EXPECT_FALSE(other->GetLifetime().expired());
+}
+
 TEST_F(ManagerWrapperTest, WithoutReleaseDiesWithoutAWord) {
   fake_->null_entries = {"Release"};
   EXPECT_EQ(StdoutOf([] { EXPECT_TRUE(CreateManager()); }), "");

@@ -7,7 +7,9 @@
 #include <tarv/rpc_server.h>
 
 #include <exception>
+#include <mutex>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 
 #include "made_clients.h"
@@ -54,13 +56,46 @@ void RunAndLog(const Step& step) {
   }
 }
 
+// The lifetimes of the managers there are. They lie here, not in the managers, whose size programs of
+// the last release know.
+class Lifetimes {
+ public:
+  // Never destroyed: managers of static life use it at the end of the process.
+  static Lifetimes& Get() {
+    static auto* const kLifetimes = new Lifetimes();
+    return *kLifetimes;
+  }
+
+  void Begin(const ManagerWrapper* manager) {
+    const auto lifetime = std::make_shared<char>();
+    const std::lock_guard lock(mutex_);
+    lifetimes_[manager] = lifetime;
+  }
+  std::weak_ptr<const void> Find(const ManagerWrapper* manager) {
+    const std::lock_guard lock(mutex_);
+    const auto found = lifetimes_.find(manager);
+    return found == lifetimes_.end() ? std::shared_ptr<const void>() : found->second;
+  }
+  void End(const ManagerWrapper* manager) {
+    const std::lock_guard lock(mutex_);
+    lifetimes_.erase(manager);
+  }
+
+ private:
+  std::mutex mutex_;
+  std::unordered_map<const ManagerWrapper*, std::shared_ptr<const void>> lifetimes_;
+};
+
 }  // namespace
 
 ManagerWrapper::ManagerWrapper(const std::shared_ptr<quarn::IDispatcher>& dispatcher,
                                std::unique_ptr<Api> api, _TARVManagerRef* manager, PrivateTag)
-    : dispatcher_(dispatcher), api_(std::move(api)), manager_(manager) {}
+    : dispatcher_(dispatcher), api_(std::move(api)), manager_(manager) {
+  Lifetimes::Get().Begin(this);
+}
 
 ManagerWrapper::~ManagerWrapper() {
+  Lifetimes::Get().End(this);
   // Tested for null alone: a table that states a small size may still hold this entry.
   if (api_ && manager_ != nullptr && api_->GetTable().Release != nullptr) {
     const auto clients = details::MadeClients::Get().TakeClientsOf(manager_);
@@ -149,6 +184,10 @@ std::shared_ptr<vorpc::IServer> ManagerWrapper::CreateRpcServer() const {
   const std::shared_ptr<RpcServer::Api> api =
       RpcServer::Api::Create(api_->GetLibrary(), load_table);
   return RpcServer::Create(dispatcher_, api, server);
+}
+
+std::weak_ptr<const void> ManagerWrapper::GetLifetime() const {
+  return Lifetimes::Get().Find(this);
 }
 
 }  // namespace tarv

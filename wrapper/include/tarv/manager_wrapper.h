@@ -64,6 +64,10 @@ class TARV_EXPORT ManagerWrapper {
   // Empty on failure.
   std::shared_ptr<vorpc::IServer> CreateRpcServer() const;
 
+  // Expires as the destructor begins: for those who keep a reference to this manager, to use it
+  // later on its thread. Any thread.
+  std::weak_ptr<const void> GetLifetime() const;
+
  private:
   std::shared_ptr<quarn::IDispatcher> dispatcher_;
   std::unique_ptr<Api> api_;

@@ -63,8 +63,8 @@ class KeptTask {
 
   KeptTask(Factory factory, const std::string& name, const KeepPolicy& policy = {},
            std::shared_ptr<Loop> loop = Loop::OfThisThread());
-  // The manager must outlive it. While the task runs, the manager's end ends the calls with
-  // kReleased, and each later one; that of another ManagerWrapper is a death of the task.
+  // The manager's end ends the calls with kReleased, and each later one, also when it comes before
+  // the first; that of another ManagerWrapper is a death of the task while it runs.
   KeptTask(const ManagerWrapper& manager, const std::string& name, const KeepPolicy& policy = {},
            std::shared_ptr<Loop> loop = Loop::OfThisThread());
   // Ends the task, and its open calls with kReleased before it returns.
@@ -98,8 +98,8 @@ class KeptTask {
   Metrics GetMetrics() const;
 
  private:
-  KeptTask(Factory factory, bool of_manager, const std::string& name, const KeepPolicy& policy,
-           std::shared_ptr<Loop> loop);
+  KeptTask(Factory factory, std::function<bool()> has_manager_ended, const std::string& name,
+           const KeepPolicy& policy, std::shared_ptr<Loop> loop);
 
   std::shared_ptr<details::CallerCore> calls_;
   std::shared_ptr<details::KeptTaskCore> core_;
