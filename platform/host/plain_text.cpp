@@ -4,6 +4,9 @@
 
 #if defined(__x86_64__)
 #include <immintrin.h>
+#if __has_include(<sys/platform/x86.h>)
+#include <sys/platform/x86.h>
+#endif
 #elif defined(__aarch64__)
 #include <arm_neon.h>
 #endif
@@ -66,7 +69,13 @@ HOST_AVX2 std::size_t SkipPlainAvx2(const unsigned char* text, std::size_t size)
   return at + SkipPlainSse2(text + at, size - at);
 }
 
+// The C library knows since it started. Who asks the compiler has every process that loads this
+// library ask the processor once more, which takes 60 us in a virtual machine.
+#if defined(CPU_FEATURE_ACTIVE)
+bool HasAvx2() { return CPU_FEATURE_ACTIVE(AVX2); }
+#else
 bool HasAvx2() { return __builtin_cpu_supports("avx2") != 0; }
+#endif
 
 constexpr PlainSearch kVectorSearches[] = {{"AVX2", &HasAvx2, &SkipPlainAvx2},
                                            {"SSE2", &IsAlwaysSupported, &SkipPlainSse2}};

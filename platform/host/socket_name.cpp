@@ -5,18 +5,46 @@
 #include <QtCore/QByteArray>
 #include <QtCore/QFile>
 #include <QtCore/QList>
-#include <QtCore/QRegularExpression>
-#include <QtCore/QRegularExpressionMatch>
+#include <QtCore/QStringList>
+#include <algorithm>
 #include <atomic>
+#include <optional>
 
 namespace RuntimeManager::host {
 namespace {
 
 const QString kHidden = QStringLiteral(".");
 
-QRegularExpressionMatch Match(const QString& file) {
-  static const QRegularExpression form(R"(\A\.?([0-9]+)-([0-9]+)-[0-9]+\.sock\z)");
-  return form.match(file);
+const QString kEnding = QStringLiteral(".sock");
+
+// The process that made a socket.
+struct Starter {
+  QByteArray pid;
+  QByteArray start_time;
+};
+
+bool IsNumber(const QString& text) {
+  return !text.isEmpty() && std::all_of(text.begin(), text.end(), [](QChar character) {
+    return '0' <= character && character <= '9';
+  });
+}
+
+// Reads a name, "PID-START_TIME-NUMBER.sock", which may be hidden; nothing when it is no such name.
+// By hand, because every task does it as it starts: to compile a regular expression takes longer
+// than the handshake.
+std::optional<Starter> StarterOf(QString file) {
+  if (IsHiddenSocketName(file)) {
+    file.remove(0, kHidden.size());
+  }
+  if (!file.endsWith(kEnding)) {
+    return std::nullopt;
+  }
+  file.chop(kEnding.size());
+  const QStringList numbers = file.split('-');
+  if (numbers.size() != 3 || !std::all_of(numbers.begin(), numbers.end(), &IsNumber)) {
+    return std::nullopt;
+  }
+  return Starter{numbers[0].toLatin1(), numbers[1].toLatin1()};
 }
 
 // When the process started, in clock ticks since the machine did; empty when there is no such
@@ -41,19 +69,18 @@ QString UniqueSocketName() {
   static std::atomic<unsigned> counter{0};
   const QByteArray pid = QByteArray::number(::getpid());
   return QString::fromLatin1(pid + '-' + StartTime(pid) + '-') + QString::number(++counter) +
-         QStringLiteral(".sock");
+         kEnding;
 }
 
 QString HiddenSocketName(const QString& name) { return kHidden + name; }
 
 bool IsHiddenSocketName(const QString& file) { return file.startsWith(kHidden); }
 
-bool IsSocketName(const QString& file) { return Match(file).hasMatch(); }
+bool IsSocketName(const QString& file) { return StarterOf(file).has_value(); }
 
 bool HasNoStarter(const QString& file) {
-  const QRegularExpressionMatch match = Match(file);
-  return match.hasMatch() &&
-         StartTime(match.captured(1).toLatin1()) != match.captured(2).toLatin1();
+  const auto starter = StarterOf(file);
+  return starter && StartTime(starter->pid) != starter->start_time;
 }
 
 }  // namespace RuntimeManager::host

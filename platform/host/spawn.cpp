@@ -117,7 +117,7 @@ class ChildTexts {
       variables_.emplace_back("LISTEN_FDS=1");
       variables_.push_back("LISTEN_FDNAMES=" + request.task_name);
     }
-    // The number follows after the fork.
+    // The child writes the number.
     if (!pid_variable_.isEmpty()) {
       variables_.push_back(pid_variable_ + QByteArray(int{kPidDigits}, '\0'));
     }
@@ -145,13 +145,15 @@ class ChildTexts {
   std::array<char, kPidDigits> unused_digits_{};
 };
 
-// Forks with every signal blocked, so that no handler of the application runs in the child.
-pid_t ForkChild(const ChildPlan& plan, int* error_number) {
+// Makes the child with every signal blocked, so that no handler of the application runs in it. Until
+// it runs the program it has the application's memory, and this thread waits: a copy of the map of
+// 500 MiB takes 15 ms, and 100 ms more when the application writes there again.
+pid_t MakeChild(const ChildPlan& plan, int* error_number) {
   sigset_t all;
   sigset_t before;
   ::sigfillset(&all);
   ::pthread_sigmask(SIG_SETMASK, &all, &before);
-  const pid_t pid = ::fork();
+  const pid_t pid = ::vfork();
   if (pid == 0) {
     RunChild(plan);
   }
@@ -186,7 +188,7 @@ int Spawn(const SpawnRequest& request, Spawned* spawned) {
   plan.starter = ::getpid();
   plan.dies_with_starter = request.dies_with_starter;
 
-  spawned->pid = ForkChild(plan, &error_number);
+  spawned->pid = MakeChild(plan, &error_number);
   spawned->exec_status = std::move(files.status.read);
   spawned->stderr_pipe = std::move(files.errors.read);
   return error_number;

@@ -1,4 +1,4 @@
-// Starting a program: fork and exec, without what a shell or a process class would add.
+// Starting a program: vfork and exec, without what a shell or a process class would add.
 #ifndef RUNTIME_MANAGER_HOST_SPAWN_H
 #define RUNTIME_MANAGER_HOST_SPAWN_H
 

@@ -1,4 +1,5 @@
-// Only async-signal-safe calls in this file.
+// Only async-signal-safe calls in this file, and no writing but to the stack and the plan: the memory
+// is the starter's.
 #include "spawn_child.h"
 
 #include <dirent.h>

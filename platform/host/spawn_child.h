@@ -1,4 +1,4 @@
-// What a child does between fork and exec.
+// What a child does between vfork and exec.
 #ifndef RUNTIME_MANAGER_HOST_SPAWN_CHILD_H
 #define RUNTIME_MANAGER_HOST_SPAWN_CHILD_H
 
@@ -15,13 +15,14 @@ constexpr int kStatusDescriptor = kActivationSocket + 1;
 constexpr int kFirstUnused = kStatusDescriptor + 1;
 constexpr std::size_t kPidDigits = 20;
 
-// Everything that the child needs, made before the fork: between fork and exec nothing may be
-// allocated, because another thread may have held a lock of the allocator.
+// Everything that the child needs, made before it is: until exec it is in the starter's memory, where it
+// may allocate nothing, because another thread may hold a lock of the allocator, and writes only
+// what is here for it.
 struct ChildPlan {
   const char* program = nullptr;
   char* const* arguments = nullptr;
   char* const* environment = nullptr;
-  char* pid_digits = nullptr;
+  char* pid_digits = nullptr;  // where the child writes its process id
   int null_device = -1;
   int listen_socket = -1;
   int stderr_pipe = -1;
@@ -31,7 +32,7 @@ struct ChildPlan {
 };
 
 // Becomes the program, or writes the error number to `status` and ends the process. Async-signal-safe,
-// as everything between fork and exec must be.
+// as everything between vfork and exec must be.
 [[noreturn]] void RunChild(const ChildPlan& plan);
 
 }  // namespace RuntimeManager::host
