@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "envelope.h"
 
@@ -15,6 +16,8 @@ namespace {
 constexpr std::size_t kFirstCapacity = std::size_t{256} << 10U;
 // What an idle connection keeps after a long line that was no data line.
 constexpr std::size_t kKeptCapacity = std::size_t{1} << 20U;
+// More than a small request has.
+constexpr int kSpareCapacity = 512;
 
 }  // namespace
 
@@ -181,7 +184,20 @@ QByteArray LineBuffer::Detach(std::string_view text) {
   if (text.size() >= LargeLine::kLarge) {
     return large_.ShareCopy(text);
   }
-  return {text.data(), static_cast<int>(text.size())};
+  const auto size = static_cast<int>(text.size());
+  if (size > kSpareCapacity) {
+    return {text.data(), size};
+  }
+  QByteArray copy = std::exchange(spare_, {});
+  copy.reserve(kSpareCapacity);
+  copy.replace(0, copy.size(), text.data(), size);
+  return copy;
+}
+
+void LineBuffer::Recycle(QByteArray&& text) {
+  if (text.isDetached() && text.capacity() == kSpareCapacity) {
+    spare_ = std::move(text);
+  }
 }
 
 }  // namespace RuntimeManager::host

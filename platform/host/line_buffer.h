@@ -39,6 +39,9 @@ class LineBuffer {
   // Makes the text that was taken last an array that stays. A large one shares its memory with the
   // buffer, which uses it again once the array is gone.
   QByteArray Detach(std::string_view text);
+  // Takes back what Detach() made, when nobody needs it any more: the next small text goes there,
+  // which spares an allocation for each.
+  void Recycle(QByteArray&& text);
   // Whether the line that has begun is too long already.
   bool IsOverlong() const;
 
@@ -63,6 +66,7 @@ class LineBuffer {
   std::size_t searched_ = 0;
   std::size_t end_ = 0;
   bool is_other_ = false;  // it is no data line
+  QByteArray spare_;       // what came back
   LargeLine large_;        // nothing else is here while a line has begun there
 };
 

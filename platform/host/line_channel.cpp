@@ -333,6 +333,7 @@ void LineChannel::DeliverData(std::string_view text) {
   }
   QByteArray data = input_.Detach(text);
   callbacks_.on_data(data);
+  input_.Recycle(std::move(data));
 }
 
 void LineChannel::WarnAboutLine(std::string_view line, const char* what) {

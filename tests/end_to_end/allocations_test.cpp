@@ -55,7 +55,7 @@ TEST_F(Allocations, AreCounted) {
 // road breaks this test; one that is taken out should lower the bound. What not every request
 // takes, as the growth of a buffer, has room of its own.
 TEST_F(Allocations, OfARequestAndItsAnswerStayWithinTheBoundInTheApplication) {
-  constexpr std::size_t kBound = 7;
+  constexpr std::size_t kBound = 6;
   const auto connection = StartConnected("counter");
   CountForRequests(*connection->client);  // buffers and tables grow to their size
   const std::size_t count = CountForRequests(*connection->client);
@@ -64,7 +64,7 @@ TEST_F(Allocations, OfARequestAndItsAnswerStayWithinTheBoundInTheApplication) {
 
 // The same through the task's process, whose number comes by one more request.
 TEST_F(Allocations, OfARequestAndItsAnswerStayWithinTheBoundInTheTask) {
-  constexpr std::size_t kBound = 7;
+  constexpr std::size_t kBound = 6;
   const auto connection = StartConnected("counter");
   CountForRequests(*connection->client);
   const std::size_t before = CountInTask(*connection);

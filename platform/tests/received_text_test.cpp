@@ -1,4 +1,4 @@
-// Large texts as a receiver gets them: in memory that the connection uses again.
+// Texts as a receiver gets them: in memory that the connection uses again.
 #include <RuntimeManager/TaskMessaging.h>
 #include <gmock/gmock.h>
 #include <sys/socket.h>
@@ -111,6 +111,72 @@ TEST_F(BoundedLargeTexts, EndTheConnectionWhenTheyAreLonger) {
   });
   EXPECT_EQ(inbox.disconnects.Wait().code(), Error::kMessageTooLong);
   writer.join();
+}
+
+class SmallTexts : public ServerEnd {
+ protected:
+  void SetUp() override {
+    ServerEnd::SetUp();
+    messaging_ = std::make_unique<TaskMessaging>(listening_);
+    peer_ = Connect();
+  }
+  void TearDown() override {
+    ::close(peer_);
+    messaging_.reset();
+    ServerEnd::TearDown();
+  }
+
+  template <class Handler>
+  void Hear(Handler handler) {
+    QObject::connect(messaging_.get(), &TaskMessaging::dataReceived, std::move(handler));
+  }
+  void Send(const QByteArray& text) const { SendLine(peer_, R"({"data":")" + text + R"("})"); }
+
+  std::unique_ptr<TaskMessaging> messaging_;
+  int peer_ = -1;
+};
+
+TEST_F(SmallTexts, StayAsTheyAreWhileTheyAreHeld) {
+  std::vector<QByteArray> texts;
+  Hear([&texts](const QByteArray& text) { texts.push_back(text); });
+  for (const char* text : {"first", "the second, longer", "", "4th"}) {
+    Send(text);
+  }
+  Send(QByteArray(2000, 'x'));
+  ASSERT_TRUE(RunUntil([&texts] { return texts.size() == 5; }));
+  EXPECT_THAT(
+      texts, testing::ElementsAre("first", "the second, longer", "", "4th", QByteArray(2000, 'x')));
+}
+
+TEST_F(SmallTexts, ComeInTheMemoryOfThoseThatAreDoneWith) {
+  std::vector<const char*> places;
+  std::vector<QByteArray> texts;
+  Hear([&](const QByteArray& text) {
+    places.push_back(text.constData());
+    texts.emplace_back(text.constData(), text.size());
+  });
+  Send("first, longer");
+  Send("second");
+  Send("third one");
+  ASSERT_TRUE(RunUntil([&places] { return places.size() == 3; }));
+  EXPECT_THAT(places, testing::Each(places.at(0)));
+  EXPECT_THAT(texts, testing::ElementsAre("first, longer", "second", "third one"));
+}
+
+TEST_F(SmallTexts, StayAsTheyAreWhileAHandlerRunsAnEventLoop) {
+  std::vector<QByteArray> texts;
+  Hear([&texts](const QByteArray& text) {
+    const bool is_first = texts.empty();
+    texts.emplace_back(text.constData(), text.size());
+    if (is_first) {
+      EXPECT_TRUE(RunUntil([&texts] { return texts.size() == 2; }));
+      EXPECT_EQ(text, "first");
+    }
+  });
+  Send("first");
+  Send("second");
+  ASSERT_TRUE(RunUntil([&texts] { return texts.size() == 2; }));
+  EXPECT_THAT(texts, testing::ElementsAre("first", "second"));
 }
 
 }  // namespace
