@@ -15,9 +15,16 @@ namespace kit {
 
 constexpr int kCrowd = 8;
 
+// Texts that go each way: half of TARV_TEST_MESSAGES. Tasks have the variable of their starter.
+inline int TextsEachWay() {
+  const QByteArray wanted = qgetenv("TARV_TEST_MESSAGES");
+  const int texts = wanted.isEmpty() ? 50'000 : wanted.toInt() / 2;
+  return texts / kCrowd * kCrowd;
+}
+
 // What each thread sends. Most texts are short, some are long.
 struct Share {
-  int texts = 6250;
+  int texts = TextsEachWay() / kCrowd;
   int long_every = 50;
   int long_size = 20000;
 };

@@ -103,6 +103,17 @@ bool RunUntil(const std::function<bool()>& done, int limit_ms) {
   return true;
 }
 
+bool RunUntilStuck(const std::function<bool()>& done, const std::function<int()>& progress) {
+  int before = 0;
+  bool moves = true;
+  while (!done() && moves) {
+    before = progress();
+    moves = RunUntil([&] { return done() || progress() != before; }, kLimitSeconds * 1000);
+  }
+  EXPECT_TRUE(done()) << "nothing has come for " << kLimitSeconds << " s, after " << before;
+  return done();
+}
+
 void RunFor(int ms) {
   QElapsedTimer timer;
   timer.start();

@@ -32,6 +32,9 @@ using RuntimeManager::TaskMessaging;
 bool RunUntil(const std::function<bool()>& done);
 // The same with a limit of its own, after which the test goes on.
 bool RunUntil(const std::function<bool()>& done, int limit_ms);
+// The same for much work, which a slow machine may do in more time: until `progress`, a count of what
+// is done, has stayed the same for the usual limit.
+bool RunUntilStuck(const std::function<bool()>& done, const std::function<int()>& progress);
 // Runs the event loop for a while, for things that must not happen.
 void RunFor(int ms);
 
