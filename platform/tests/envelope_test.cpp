@@ -271,14 +271,12 @@ TEST_F(Envelope, KeepsItsPlaceAmongOthersThatWaitForTheSocket) {
     }
   }
   QByteArray arrived;
-  EXPECT_TRUE(RunUntil([this, &arrived, &expected] {
-    char bytes[65536];
-    ssize_t size = 0;
-    while ((size = ::recv(peer_, bytes, sizeof(bytes), MSG_DONTWAIT)) > 0) {
-      arrived.append(bytes, static_cast<int>(size));
-    }
-    return arrived.size() >= expected.size();
-  }));
+  EXPECT_TRUE(RunUntilStuck(
+      [this, &arrived, &expected] {
+        ReadMore(peer_, &arrived);
+        return arrived.size() >= expected.size();
+      },
+      [&arrived] { return arrived.size(); }));
   EXPECT_TRUE(arrived == expected);
 }
 

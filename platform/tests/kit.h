@@ -168,6 +168,8 @@ int ListenOn(const QString& path);
 // Everything until the end of the file, or until nothing has come for a minute.
 QByteArray ReadToEnd(int descriptor);
 QByteArray ReadLineFrom(int descriptor);
+// Appends what a socket holds now.
+void ReadMore(int socket, QByteArray* bytes);
 
 QJsonObject Data(const QString& text);
 

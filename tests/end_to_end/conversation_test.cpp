@@ -161,7 +161,7 @@ TEST_F(Conversation, AnswersTenThousandRequestsWith64InFlightEachOnce) {
   for (int i = 0; i < kInFlight; ++i) {
     pump.SendNext();
   }
-  ASSERT_TRUE(WaitUntil([&pump] { return pump.CountAnswered() >= kRequests; }, 5 * kPatience));
+  ASSERT_TRUE(WaitUntil([&pump] { return pump.CountAnswered() >= kRequests; }, 3 * kPatience));
   RunEvents(std::chrono::milliseconds(50));
   EXPECT_EQ(pump.CountAnswered(), kRequests);
   ASSERT_THAT(pump.GetAnswers(), SizeIs(kRequests));

@@ -17,7 +17,7 @@
 namespace tarv::test {
 
 // Long enough for a loaded machine under a sanitizer; a test that waits this long has failed.
-constexpr std::chrono::seconds kPatience{60};
+constexpr std::chrono::seconds kPatience{120};
 
 // Where the tests' own tasks lie.
 std::string TaskFolder();

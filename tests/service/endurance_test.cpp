@@ -53,7 +53,7 @@ TEST_F(Endurance, TextOf64MiBGoesBothWaysUnharmed) {
   Client& client = NewRunningClient("echo");
   ASSERT_EQ(client.Send(text), QUARN_RESULT_SUCCESS);
   // So much text takes minutes where a sanitizer watches both processes on a busy machine.
-  ASSERT_TRUE(WaitUntil([&client] { return client.Count(Event::kMessage) > 0; }, 5 * kPatience));
+  ASSERT_TRUE(WaitUntil([&client] { return client.Count(Event::kMessage) > 0; }, 3 * kPatience));
   EXPECT_TRUE(client.Last(Event::kMessage).text == text);
 }
 
