@@ -1,0 +1,318 @@
+// What is promised for any thread, used by eight at once in random order, while what they use ends
+// and begins anew. The thread sanitizer and the checker of locks look on; the test counts.
+#include <gtest/gtest.h>
+#include <quarn/dispatcher.h>
+#include <quarn/object.h>
+#include <quarn/resources_cache.h>
+#include <quarn/run_once_signal.h>
+#include <quarn/signal.h>
+#include <vorpc/client.h>
+#include <vorpc/requests.h>
+#include <vorpc/server.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "support/seed.h"
+
+namespace tarv::torture {
+namespace {
+
+using vorpc::Message;
+
+constexpr int kThreads = 8;
+
+int CountOfMoves() { return std::getenv("TARV_TORTURE") != nullptr ? 100'000 : 1'500; }
+
+// A thing that any thread may take, put or replace. What it held dies outside its lock.
+template <class T>
+class Shared {
+ public:
+  std::shared_ptr<T> Get() const {
+    const std::lock_guard lock(mutex_);
+    return value_;
+  }
+  std::shared_ptr<T> Swap(std::shared_ptr<T> value) {
+    const std::lock_guard lock(mutex_);
+    value_.swap(value);
+    return value;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::shared_ptr<T> value_;
+};
+
+// What a request came to.
+struct Request {
+  std::atomic<int> answers{0};
+  std::atomic<bool> forgotten{false};
+};
+
+// Two ends and what travels between them. Any thread moves messages on, as an event loop would.
+class Link : public std::enable_shared_from_this<Link> {
+ public:
+  void Open() {
+    client = vorpc::IOwnedClient::Create([weak = weak_from_this()](Message&& message) {
+      Put(weak, &Link::to_server_, std::move(message));
+    });
+    server = vorpc::IOwnedServer::Create([weak = weak_from_this()](Message&& message) {
+      Put(weak, &Link::to_client_, std::move(message));
+    });
+    server->OnRequest("ask", [weak = weak_from_this()](const std::string&, const auto&,
+                                                       std::unique_ptr<vorpc::IReply>&& reply) {
+      if (const auto link = weak.lock()) {
+        const std::lock_guard lock(link->mutex_);
+        link->replies_.push_back(std::move(reply));
+      }
+    });
+    server->Run();
+    client->Run();
+    client->SetStarted();
+  }
+
+  // The connection's end answers what is under way, on this thread.
+  void End() { client->Disconnect(Message::Error(-32003, "hung up")); }
+
+  void MoveOne() {
+    Message message;
+    if (Take(to_server_, message)) {
+      server->Receive(std::move(message));
+    }
+    if (Take(to_client_, message)) {
+      client->Receive(std::move(message));
+    }
+  }
+
+  void Ask() {
+    const auto request = std::make_shared<Request>();
+    {
+      const std::lock_guard lock(mutex_);
+      requests_.push_back(request);
+    }
+    const Message::ID id = Requests().StartRequest(
+        "ask", 1, [request](const Message::Response&) { ++request->answers; });
+    const std::lock_guard lock(mutex_);
+    ids_.emplace_back(id, request);
+  }
+
+  void ForgetOne() {
+    std::pair<Message::ID, std::shared_ptr<Request>> asked{Message::ID(""), nullptr};
+    if (TakeFront(ids_, asked) && Requests().ForgetRequest(asked.first)) {
+      asked.second->forgotten = true;
+    }
+  }
+
+  void AnswerOne(bool well) {
+    std::unique_ptr<vorpc::IReply> reply;
+    if (!TakeFront(replies_, reply)) {
+      return;
+    }
+    if (well) {
+      reply->SendResult(7);
+    } else {
+      reply->SendError(3, "no", {});
+    }
+  }
+
+  // Once it has ended and no thread uses it any more.
+  void Check() const {
+    for (const auto& request : requests_) {
+      EXPECT_EQ(request->answers, request->forgotten ? 0 : 1);
+    }
+    EXPECT_TRUE(client->HasConnectionFailed());
+  }
+
+  std::shared_ptr<vorpc::IOwnedClient> client;
+  std::shared_ptr<vorpc::IOwnedServer> server;
+
+ private:
+  using Messages = std::deque<Message>;
+
+  static void Put(const std::weak_ptr<Link>& weak, Messages Link::*queue, Message&& message) {
+    if (const auto link = weak.lock()) {
+      const std::lock_guard lock(link->mutex_);
+      ((*link).*queue).push_back(std::move(message));
+    }
+  }
+  bool Take(Messages& messages, Message& message) { return TakeFront(messages, message); }
+  template <class T>
+  bool TakeFront(std::deque<T>& things, T& thing) {
+    const std::lock_guard lock(mutex_);
+    if (things.empty()) {
+      return false;
+    }
+    thing = std::move(things.front());
+    things.pop_front();
+    return true;
+  }
+  vorpc::IRequests& Requests() const { return dynamic_cast<vorpc::IRequests&>(*client); }
+
+  std::mutex mutex_;
+  Messages to_server_;
+  Messages to_client_;
+  std::deque<std::unique_ptr<vorpc::IReply>> replies_;
+  std::deque<std::pair<Message::ID, std::shared_ptr<Request>>> ids_;
+  std::vector<std::shared_ptr<Request>> requests_;
+};
+
+// Runs what it is given at once.
+class AtOnce final : public quarn::IDispatcher {
+ public:
+  void Invoke(const std::function<void()>& task, unsigned int) override { task(); }
+};
+
+// An object that others know by its handle.
+struct ThingRef;
+class Thing : public quarn::Object<Thing, ThingRef*> {
+  struct PrivateTag {
+    explicit PrivateTag() = default;
+  };
+
+ public:
+  explicit Thing(PrivateTag) : Object(std::make_shared<AtOnce>()) {}
+  static std::shared_ptr<Thing> Create() { return Object::Create(PrivateTag()); }
+};
+
+using Random = std::mt19937;
+using Move = std::function<void(Random&)>;
+
+// Eight threads make moves of a list, each in an order of its own.
+void Hammer(const std::vector<Move>& moves) {
+  const std::uint64_t seed = test::TestSeed(test::NewSeed());
+  SCOPED_TRACE("TARV_TEST_SEED=" + std::to_string(seed));
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&moves, seed, i] {
+      Random random(static_cast<std::uint32_t>(seed) + static_cast<std::uint32_t>(i));
+      for (int n = 0; n < CountOfMoves(); ++n) {
+        moves[random() % moves.size()](random);
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+}
+
+TEST(AnyThread, UsesClientsServersAndRepliesWhileTheyEnd) {
+  Shared<Link> current;
+  std::mutex mutex;
+  std::vector<std::shared_ptr<Link>> ended;
+  const auto begin = [&] {
+    const auto link = std::make_shared<Link>();
+    link->Open();
+    return current.Swap(link);
+  };
+  begin();
+  std::atomic<int> heard{0};
+  const auto with = [&current](void (*move)(Link&)) {
+    return [&current, move](Random&) { move(*current.Get()); };
+  };
+  std::vector<Move> moves = {
+      with([](Link& link) { link.Ask(); }),
+      with([](Link& link) { link.ForgetOne(); }),
+      with([](Link& link) { link.AnswerOne(true); }),
+      with([](Link& link) { link.AnswerOne(false); }),
+      with([](Link& link) { link.client->SendNotify("note", "from the client"); }),
+      with([](Link& link) { link.server->SendNotify("note", "from the server"); }),
+      with([](Link& link) { link.client->IsConnected(); }),
+      with([](Link& link) { link.client->HasConnectionFailed(); }),
+      with([](Link& link) { link.server->OnRequest("other", nullptr); }),
+      with([](Link& link) { link.server->OnRequest("other", [](auto&&...) {}); }),
+      [&](Random&) { current.Get()->client->OnNotify("note", [&](const auto&) { ++heard; }); },
+      [&](Random&) { current.Get()->server->OnNotify("note", [&](const auto&) { ++heard; }); },
+      [&](Random&) { current.Get()->client->OnConnected([&](const auto&) { ++heard; }); },
+      [&](Random&) { current.Get()->client->OnDisconnected([&](const auto&) { ++heard; }); },
+      [&](Random& random) {
+        if (random() % 16 == 0) {
+          const auto link = begin();
+          link->End();
+          const std::lock_guard lock(mutex);
+          ended.push_back(link);
+        }
+      },
+  };
+  for (int i = 0; i < 15; ++i) {
+    moves.push_back(with([](Link& link) { link.MoveOne(); }));
+  }
+  Hammer(moves);
+  current.Get()->End();
+  ended.push_back(current.Get());
+  for (const auto& link : ended) {
+    link->Check();
+  }
+  EXPECT_GT(heard, 0);
+  EXPECT_GT(ended.size(), 8U);
+}
+
+TEST(AnyThread, SubscribesEmitsAndLeavesWhileSignalsEnd) {
+  using Signal = quarn::OwnedSignal<int>;
+  using Once = quarn::OwnedRunOnceSignal<int>;
+  Shared<Signal> signal;
+  Shared<Once> once;
+  signal.Swap(std::make_shared<Signal>());
+  once.Swap(std::make_shared<Once>());
+  std::atomic<int> heard{0};
+  const auto listener = [&heard] {
+    return std::make_shared<quarn::CppStyleListener<int>>([&heard](int) { ++heard; });
+  };
+  const auto weak = listener();
+  Hammer({
+      [&](Random& random) { signal.Get()->Emit(static_cast<int>(random())); },
+      [&](Random&) { signal.Get()->Subscribe(listener()); },
+      [&](Random&) {
+        const auto kept = signal.Get();
+        kept->Unsubscribe(kept->Subscribe(listener()));
+      },
+      [&](Random&) { signal.Get()->SubscribeWeak(weak); },
+      [&](Random& random) { signal.Get()->Unsubscribe(random() % 10'000); },
+      [&](Random&) { signal.Swap(std::make_shared<Signal>()); },
+      [&](Random&) { once.Get()->Subscribe(listener()); },
+      [&](Random&) { once.Get()->SubscribeWeak(weak); },
+      [&](Random&) { once.Get()->Emit(1); },
+      [&](Random&) { once.Swap(std::make_shared<Once>()); },
+  });
+  EXPECT_GT(heard, 0);
+}
+
+TEST(AnyThread, FindsObjectsByHandleAndKeepsTextsWhileTheyEnd) {
+  Shared<Thing> thing;
+  thing.Swap(Thing::Create());
+  std::atomic<std::uint64_t> last{0};
+  std::atomic<int> invoked{0};
+  quarn::ResourcesCache cache;
+  Hammer({
+      [&](Random&) { last = thing.Swap(Thing::Create())->GetId(); },
+      [&](Random&) {
+        const auto found = Thing::FromRef(reinterpret_cast<ThingRef*>(last.load()));
+        EXPECT_TRUE(found == nullptr || found->GetId() <= last);
+      },
+      [&](Random&) {
+        const auto kept = thing.Get();
+        EXPECT_EQ(Thing::FromRef(kept->GetRef()), kept);
+      },
+      [&](Random&) { thing.Get()->Invoke([&invoked] { ++invoked; }, 0); },
+      [&](Random&) { thing.Get()->ResetDispatcher(); },
+      [&](Random& random) {
+        const std::uint64_t chunk = cache.CreateChunk();
+        const std::string text = std::to_string(random());
+        const char* const kept = cache.AppendStr(chunk, text);
+        EXPECT_EQ(text, kept);
+        cache.RemoveChunk(chunk);
+      },
+  });
+  EXPECT_GT(invoked, 0);
+}
+
+}  // namespace
+}  // namespace tarv::torture
