@@ -9,6 +9,7 @@
 #include <QtCore/QFileInfo>
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
+#include <cstdint>
 #include <cstring>
 
 namespace tarvctl {
@@ -51,15 +52,15 @@ struct Search {
 
 int SearchObject(dl_phdr_info* object, std::size_t /*size*/, void* data) {
   auto& search = *static_cast<Search*>(data);
-  if (reinterpret_cast<const void*>(object->dlpi_addr) != search.base) {
+  const auto* const base = static_cast<const char*>(search.base);
+  if (object->dlpi_addr != reinterpret_cast<std::uintptr_t>(base)) {
     return 0;
   }
   for (int i = 0; i < object->dlpi_phnum && search.metadata.isEmpty(); ++i) {
     const auto& segment = object->dlpi_phdr[i];
     if (segment.p_type == PT_NOTE) {
-      const auto* const begin = reinterpret_cast<const char*>(object->dlpi_addr + segment.p_vaddr);
-      search.metadata =
-          FindMetadata(QByteArray::fromRawData(begin, static_cast<int>(segment.p_memsz)));
+      search.metadata = FindMetadata(
+          QByteArray::fromRawData(base + segment.p_vaddr, static_cast<int>(segment.p_memsz)));
     }
   }
   return 1;
