@@ -218,6 +218,31 @@ TEST_F(HeldAnswer, WaitsForOneRunningHandlerAtMost) {
   ::close(peer);
 }
 
+// Whatever the handler does then.
+TEST_F(HeldAnswer, LeavesOnceFourKibibytesAreHeld) {
+  TaskMessaging messaging(listening_);
+  const int peer = Connect();
+  int done = 0;
+  bool has_come_early = true;
+  bool has_come = false;
+  QObject::connect(&messaging, &TaskMessaging::messageReceived, [&, peer] {
+    if (done++ > 0) {
+      return;
+    }
+    messaging.sendData(QByteArray(1000, 'x'));
+    has_come_early = HasCome(peer, 0);
+    for (int i = 0; i < 4; ++i) {
+      messaging.sendData(QByteArray(1000, 'x'));
+    }
+    has_come = HasCome(peer, 0);
+  });
+  SendLine(peer, "{}\n{}\n{}");
+  EXPECT_TRUE(RunUntil([&done] { return done == 3; }));
+  EXPECT_FALSE(has_come_early);
+  EXPECT_TRUE(has_come);
+  ::close(peer);
+}
+
 TEST_F(HeldAnswer, IsTakenAlongByWhatAnotherThreadSends) {
   TaskMessaging messaging(listening_);
   const int peer = Connect();
