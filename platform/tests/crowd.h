@@ -14,6 +14,9 @@
 namespace kit {
 
 constexpr int kCrowd = 8;
+// Each of the five texts of the helper's flood: more than a socket holds, and all together little
+// enough for a busy machine to take within the two seconds that an exit waits.
+constexpr int kFloodText = 300 << 10;
 
 // Texts that go each way: half of TARV_TEST_MESSAGES. Tasks have the variable of their starter.
 inline int TextsEachWay() {

@@ -44,13 +44,13 @@ int Echo() {
   return QCoreApplication::exec();
 }
 
-// Answers the first message with 5 MiB, and is gone: by exit(), or without a word.
+// Answers the first message with five long ones, and is gone: by exit(), or without a word.
 // Unasked, it does so when it has run for a moment.
 int FloodAndExit(const QString& how) {
   auto* messaging = new TaskMessaging(RuntimeDispatcher::instance()->localServerSocket());
   const auto flood = [messaging, how] {
     for (int i = 0; i < 5; ++i) {
-      messaging->sendData(QByteArray(1 << 20, static_cast<char>('a' + i)));
+      messaging->sendData(QByteArray(kit::kFloodText, static_cast<char>('a' + i)));
     }
     if (how == "at-once") {
       Note("flooded", "");

@@ -16,6 +16,7 @@
 #include <csignal>
 #include <memory>
 
+#include "crowd.h"
 #include "kit.h"
 
 namespace kit {
@@ -177,7 +178,6 @@ TEST_F(Messaging, OfATaskThatHasEndedAreDeliveredInOneGo) {
   EXPECT_EQ(messages_before, kMessages);
 }
 
-// More than a socket holds, and little enough for a busy machine to take in the two seconds.
 TEST_F(Messaging, OfATaskThatExitsAtOnceArriveWhole) {
   AddHelperTask("flood");
   Task task("flood");
@@ -190,7 +190,7 @@ TEST_F(Messaging, OfATaskThatExitsAtOnceArriveWhole) {
   ASSERT_TRUE(inbox.WaitFor(5));
   for (int i = 0; i < 5; ++i) {
     EXPECT_TRUE(inbox.messages[static_cast<std::size_t>(i)] ==
-                Data(QString(1 << 20, QChar('a' + i))));
+                Data(QString(kFloodText, QChar('a' + i))));
   }
 }
 
