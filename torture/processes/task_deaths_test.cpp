@@ -108,9 +108,6 @@ class TaskDies : public EndToEndTest, public testing::WithParamInterface<Step> {
     RunEvents(std::chrono::milliseconds(20));
     EXPECT_THAT(connection->record->responses, SizeIs(kRequests)) << "one ends twice";
     ExpectEnds(*connection, death);
-    if (GetParam().name == std::string("with-queue") && death.name == std::string("exit-0")) {
-      EXPECT_THAT(connection->record->notifications, SizeIs(8)) << "what exit() still sends";
-    }
   }
 };
 

@@ -132,11 +132,19 @@ void Print(const std::string& name, qint64 milliseconds, const Row& row) {
 std::vector<fs::path> SocketsBelow(const fs::path& folder) {
   std::vector<fs::path> sockets;
   for (const auto& entry : fs::recursive_directory_iterator(folder)) {
-    if (entry.is_socket()) {
+    // A hidden one whose maker was killed over it is left alone for a minute, as one that is made.
+    if (entry.is_socket() && entry.path().filename().string().front() != '.') {
       sockets.push_back(entry.path());
     }
   }
   return sockets;
+}
+
+bool IsStopped(int process) {
+  std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+  std::string text;
+  std::getline(file, text);
+  return text.find(") T ") != std::string::npos;
 }
 
 class Driver {
@@ -238,7 +246,9 @@ class Driver {
   void Reap() const {
     for (const int child : Children()) {
       if (!IsAnApplication(child)) {
-        kill(child, SIGCONT);
+        if (IsStopped(child)) {
+          kill(child, SIGCONT);
+        }
         waitpid(child, nullptr, WNOHANG);
       }
     }
