@@ -120,4 +120,21 @@ TEST_F(PopupWindow, IsNotOpenedAtAnEntryPointWithANulInside) {
   EXPECT_FALSE(opened);
 }
 
+TEST_F(EmbedderEntries, GetALockBackThatTheyHaveGiven) {
+  EXPECT_TRUE(cw::ViewWrapper::Create(embedder_.MakeContext(72))->GetTheme());
+  EXPECT_THAT(embedder_.log, ElementsAre("lock", "theme", "release lock"));
+}
+
+TEST_F(EmbedderEntries, GetNoLockBackThatTheyHaveRefused) {
+  embedder_.lock_succeeds = false;
+  EXPECT_FALSE(cw::ViewWrapper::Create(embedder_.MakeContext(72))->GetTheme());
+  EXPECT_THAT(embedder_.log, ElementsAre("lock"));
+}
+
+TEST_F(EmbedderEntries, NeedNotWantALockBack) {
+  embedder_.lock_release = nullptr;
+  EXPECT_TRUE(cw::ViewWrapper::Create(embedder_.MakeContext(72))->GetTheme());
+  EXPECT_THAT(embedder_.log, ElementsAre("lock", "theme"));
+}
+
 }  // namespace

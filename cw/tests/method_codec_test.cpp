@@ -207,6 +207,13 @@ TEST(StandardMethodCodec, CallsNothingForAnotherFirstByte) {
   EXPECT_TRUE(recorder.calls.empty());
 }
 
+TEST(StandardMethodCodec, ReadsNothingBehindAnotherFirstByte) {
+  Recorder recorder;
+  const StderrCapture capture;
+  EXPECT_FALSE(Process("FF", &recorder));
+  EXPECT_EQ(capture.GetText(), "");
+}
+
 TEST(StandardMethodCodec, CallsNothingForAnErrorWhoseTextsAreNoTexts) {
   Recorder recorder;
   EXPECT_FALSE(Process("01 03 01 00 00 00 00 00", &recorder));

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "support/memory_usage.h"
 #include "wrapper_fixture.h"
 
 namespace tarv::test {
@@ -302,6 +303,8 @@ TEST_F(ManagerWrapperTest, GivesNothingWithoutAWordWhereTheServiceGivesNull) {
   EXPECT_EQ(OutputOfFailure([&] { return manager->GetIntentManager(); }), "");
   EXPECT_EQ(OutputOfFailure([&] { return manager->CreateIpcClient("worker"); }), "");
   EXPECT_EQ(OutputOfFailure([&] { return manager->CreateRpcServer(); }), "");
+  EXPECT_THAT(fake_->calls, Not(Contains(StartsWith("LoadClient"))));
+  EXPECT_THAT(fake_->calls, Not(Contains(StartsWith("LoadServer"))));
 }
 
 TEST_F(ManagerWrapperTest, GivesNothingAndReleasesNothingWhereATableDoesNotLoad) {
@@ -355,6 +358,55 @@ TEST_F(ManagerWrapperTest, RefusesATaskWhoseNameHoldsANulAndReleasesTheServicesC
                 "out."));
   EXPECT_THAT(fake_->calls, ElementsAre("Initialize()", "CreateRpcClient(11)", "LoadClient(40)",
                                         "ReleaseClient(13)"));
+}
+
+ITaskClient& TaskOf(const std::shared_ptr<vorpc::IClient>& client) {
+  return dynamic_cast<ITaskClient&>(*client);
+}
+
+TEST_F(ManagerWrapperTest, TellsItsClientsOnceThatItHasEnded) {
+  const auto client = CreateClient();
+  std::vector<EndedManager> ended;
+  TaskOf(client).OnManagerEnded([&](EndedManager manager) {
+    ended.push_back(manager);
+    EXPECT_THAT(fake_->calls, ElementsAre("ReleaseManager(11)"));
+  });
+  manager_.reset();
+  EXPECT_THAT(ended, ElementsAre(EndedManager::kOwn));
+  CreateManager();
+  EXPECT_THAT(ended, ElementsAre(EndedManager::kOwn));
+}
+
+TEST_F(ManagerWrapperTest, TellsTheClientsOfAnotherManagerThatItHasEnded) {
+  const auto client = CreateClient();
+  std::vector<EndedManager> ended;
+  TaskOf(client).OnManagerEnded([&](EndedManager manager) { ended.push_back(manager); });
+  CreateManager();
+  EXPECT_THAT(ended, ElementsAre(EndedManager::kAnother));
+}
+
+TEST_F(ManagerWrapperTest, TellsNothingMoreToAClientThatItsUserLetsGo) {
+  auto client = CreateClient();
+  int told = 0;
+  TaskOf(client).OnManagerEnded([&](EndedManager) {
+    ++told;
+    client.reset();
+  });
+  TaskOf(client).OnManagerEnded([&](EndedManager) { ++told; });
+  manager_.reset();
+  EXPECT_EQ(told, 1);
+}
+
+TEST_F(ManagerWrapperTest, KeepsNothingOfAClientThatIsGone) {
+  manager_ = CreateManager();
+  const auto make_and_release = [this] {
+    EXPECT_TRUE(manager_->CreateIpcClient("worker"));
+    fake_->calls.clear();
+  };
+  make_and_release();  // what serves all clients is there from now on
+  const std::size_t before = GetMemoryUsage().held;
+  make_and_release();
+  EXPECT_EQ(GetMemoryUsage().held, before);
 }
 
 TEST_F(ManagerWrapperTest, LogsWhatACallbackThrowsWhileItIsDestroyed) {

@@ -326,6 +326,16 @@ TEST_F(ClientTest, DoesNotTakeRequests) {
               IsLogLine("warn", "[RPC Receiver]: unhandled message"));
 }
 
+TEST_F(ClientTest, TakesNoRequestForTheResponseThatItWaitsFor) {
+  Connect();
+  Request("a");
+  const ID id = recorder_.GetLast().GetRequest()->id;
+  EXPECT_THAT(StdoutOf([&] { client_->Receive(Message::CreateRequest(id, "a", {})); }),
+              IsLogLine("warn", "[RPC Receiver]: unhandled message"));
+  AnswerLast({});
+  EXPECT_THAT(diary_, ElementsAre("connected", "a answered"));
+}
+
 TEST_F(ClientTest, LogsANotificationThatNobodyHandles) {
   Connect();
   EXPECT_THAT(StdoutOf([this] { client_->Receive(Message::CreateNotification("ping", {})); }),

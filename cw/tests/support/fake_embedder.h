@@ -38,7 +38,7 @@ class FakeEmbedder {
                                            MakeEngine(engine),
                                            &LoadApplication,
                                            &SetRegistrarDestroyedCallback,
-                                           nullptr,
+                                           &LoadView,
                                            &LoadTextures,
                                            nullptr,
                                            &LoadMessenger};
@@ -77,6 +77,8 @@ class FakeEmbedder {
       &GetLibraryPath,
       nullptr,
   };
+  bool lock_succeeds = true;
+  void (*lock_release)(void* lock_data) = &ReleaseLock;  // in each lock that is asked for
   FlutterVeltraTextureProcTable texture_table{sizeof(FlutterVeltraTextureProcTable),
                                               &RegisterTexture, &MarkTextureFrameAvailable,
                                               &UnregisterTexture};
@@ -117,6 +119,14 @@ class FakeEmbedder {
                            std::size_t size) {
     return Load("textures", engine, current->texture_table, table, size);
   }
+  static bool LoadView(_FlutterVeltraEngine* engine, FlutterVeltraViewProcTable* table,
+                       std::size_t size) {
+    FlutterVeltraViewProcTable view_table{};
+    view_table.size = sizeof(view_table);
+    view_table.LockResources = &LockResources;
+    view_table.GetTheme = &GetTheme;
+    return Load("view", engine, view_table, table, size);
+  }
   static bool LoadMessenger(_FlutterVeltraEngine* engine, FlutterVeltraMessengerProcTable* table,
                             std::size_t size) {
     current->requested_size = size;
@@ -143,6 +153,17 @@ class FakeEmbedder {
   static const char* GetLibraryPath(_FlutterVeltraEngine* engine, const char* name) {
     Note(engine, "library " + std::string(name));
     return "/lib";
+  }
+
+  static bool LockResources(_FlutterVeltraEngine* engine, FlutterVeltraResourcesLock* lock) {
+    Note(engine, "lock");
+    lock->release = current->lock_release;
+    return current->lock_succeeds;
+  }
+  static void ReleaseLock(void* /*lock_data*/) { current->log.emplace_back("release lock"); }
+  static bool GetTheme(_FlutterVeltraEngine* engine, FlutterVeltraTheme* /*theme*/) {
+    Note(engine, "theme");
+    return true;
   }
 
   static std::int64_t RegisterTexture(_FlutterVeltraEngine* engine,
