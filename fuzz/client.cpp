@@ -1,9 +1,11 @@
 // A whole client against a peer that follows a script: a request is answered once at most, and once
-// exactly when the connection ends; the outcome of connecting is told once at most.
+// exactly when the connection ends; the outcome of connecting is told once, and an end only of what
+// has begun; a client that is let go tells nothing more, and keeps no callback.
 #include <vorpc/client.h>
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -25,21 +27,40 @@ class Conversation {
 
   void Run() {
     Subscribe();
-    while (script_.HasMore()) {
+    while (script_.HasMore() && client_ != nullptr) {
       Step();
     }
-    End();
+    if (client_ != nullptr) {
+      End();
+    }
+    client_.reset();
+    Require(token_.use_count() == 1, "no callback is kept");
   }
 
  private:
   void Subscribe() {
-    client_->OnConnected([this](const auto&) { Require(++outcomes_ == 1, "one outcome"); });
-    client_->OnDisconnected([this](const auto&) { Require(++ends_ == 1, "one end"); });
-    client_->OnNotify("n", [this](const auto&) { Nest(); });
+    client_->OnConnected([this, token = token_](const std::optional<Message::Error>& error) {
+      CheckIsThere();
+      Require(++outcomes_ == 1, "one outcome");
+      has_connected_ = !error.has_value();
+      Nest();
+    });
+    client_->OnDisconnected([this, token = token_](const auto&) {
+      CheckIsThere();
+      Require(has_connected_ && ++ends_ == 1, "one end, of what has begun");
+      Nest();
+    });
+    client_->OnNotify("n", [this, token = token_](const auto&) {
+      CheckIsThere();
+      Require(has_connected_ && ends_ == 0, "notifications come between outcome and end");
+      Nest();
+    });
   }
 
+  void CheckIsThere() const { Require(client_ != nullptr, "who is gone tells nothing"); }
+
   void Step() {
-    switch (script_.Below(9)) {
+    switch (script_.Below(10)) {
       case 0:
         client_->Run();
         break;
@@ -64,8 +85,18 @@ class Conversation {
       case 7:
         client_->Receive(Message::FromBase64(script_.Text()));
         break;
+      case 8:
+        LetGo();
+        break;
       default:
         client_->Disconnect(Message::Error(-1, "the script says so"));
+    }
+  }
+
+  // Rarely, as it is the end of the script.
+  void LetGo() {
+    if (script_.Below(8) == 0) {
+      client_.reset();
     }
   }
 
@@ -73,10 +104,12 @@ class Conversation {
     const std::size_t index = answers_.size();
     answers_.push_back(0);
     const std::string method = script_.Below(8) == 0 ? "vorpc.connected" : script_.Text();
-    client_->SendRequest(method, MakeValue(script_), [this, index](const Message::Response&) {
-      Require(++answers_[index] == 1, "one answer");
-      Nest();
-    });
+    client_->SendRequest(method, MakeValue(script_),
+                         [this, index, token = token_](const Message::Response&) {
+                           CheckIsThere();
+                           Require(++answers_[index] == 1, "one answer");
+                           Nest();
+                         });
   }
 
   // The peer answers one of the requests that it has seen, well or badly.
@@ -95,7 +128,7 @@ class Conversation {
 
   // A callback goes on with the script.
   void Nest() {
-    if (depth_ < 8 && script_.HasMore() && script_.Flag()) {
+    if (depth_ < 8 && client_ != nullptr && script_.HasMore() && script_.Flag()) {
       ++depth_;
       Step();
       --depth_;
@@ -103,10 +136,12 @@ class Conversation {
   }
 
   void End() {
+    depth_ = 8;
     client_->Run();
     client_->SetStarted();
     client_->Disconnect(Message::Error(-1, "the end"));
-    Require(client_->HasConnectionFailed(), "the end is the end");
+    Require(client_->HasConnectionFailed() && !client_->IsConnected(), "the end is the end");
+    Require(outcomes_ == 1 && ends_ == (has_connected_ ? 1 : 0), "both are told");
     for (const int answers : answers_) {
       Require(answers == 1, "every request is answered");
     }
@@ -115,11 +150,16 @@ class Conversation {
   Script& script_;
   std::vector<Message> sent_;
   std::vector<int> answers_;
+  std::shared_ptr<int> token_ = std::make_shared<int>(0);  // held by every callback
+  bool has_connected_ = false;
   int outcomes_ = 0;
   int ends_ = 0;
   int depth_ = 0;
-  std::shared_ptr<vorpc::IOwnedClient> client_ = vorpc::IOwnedClient::Create(
-      [this](Message&& message) { sent_.push_back(std::move(message)); });
+  std::shared_ptr<vorpc::IOwnedClient> client_ =
+      vorpc::IOwnedClient::Create([this](Message&& message) {
+        CheckIsThere();
+        sent_.push_back(std::move(message));
+      });
 };
 
 }  // namespace

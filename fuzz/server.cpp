@@ -1,5 +1,6 @@
 // A whole server against a peer that follows a script: it answers nothing before it runs, a request
-// as often as its handler does, and one without a handler once.
+// as often as its handler does, and one without a handler once; a server that is let go sends and
+// tells nothing more, and keeps no handler.
 #include <vorpc/server.h>
 
 #include <cstdint>
@@ -24,21 +25,52 @@ class Conversation {
   explicit Conversation(Script& script) : script_(script) {}
 
   void Run() {
-    server_->OnConnected([this](const auto&) { Require(++connections_ == 1, "one connection"); });
-    server_->OnNotify("n", [this](const auto&) { Nest(); });
-    server_->OnRequest("kept", [this](const auto&, const auto&, auto reply) {
-      replies_.push_back(std::move(reply));
-      Nest();
-    });
-    while (script_.HasMore()) {
+    Subscribe();
+    while (script_.HasMore() && server_ != nullptr) {
       Step();
     }
-    End();
+    if (server_ != nullptr) {
+      End();
+    }
+    server_.reset();
+    // Answers that come too late go nowhere.
+    while (!replies_.empty()) {
+      Reply();
+    }
+    Require(token_.use_count() == 1, "no callback is kept");
   }
 
  private:
+  void Subscribe() {
+    server_->OnConnected([this, token = token_](const auto&) {
+      CheckIsThere();
+      Require(++connections_ == 1, "one connection");
+      Nest();
+    });
+    server_->OnNotify("n", [this, token = token_](const auto&) {
+      CheckIsThere();
+      Require(connections_ == 1, "nothing is delivered before the handshake");
+      Nest();
+    });
+    Handle();
+  }
+
+  // Anew at times: the new handler takes the place of the old one.
+  void Handle() {
+    const int number = ++handlers_;
+    server_->OnRequest(
+        "kept", [this, number, token = token_](const auto& method, const auto&, auto reply) {
+          CheckIsThere();
+          Require(method == "kept" && number == handlers_, "the latest handler is asked");
+          replies_.push_back(std::move(reply));
+          Nest();
+        });
+  }
+
+  void CheckIsThere() const { Require(server_ != nullptr, "who is gone tells nothing"); }
+
   void Step() {
-    switch (script_.Below(8)) {
+    switch (script_.Below(10)) {
       case 0:
         is_running_ = true;
         server_->Run();
@@ -61,8 +93,21 @@ class Conversation {
       case 6:
         Reply();
         break;
+      case 7:
+        Handle();
+        break;
+      case 8:
+        LetGo();
+        break;
       default:
         server_->SendNotify(script_.Text(), MakeValue(script_));
+    }
+  }
+
+  // Rarely, as it is the end of the script.
+  void LetGo() {
+    if (script_.Below(8) == 0) {
+      server_.reset();
     }
   }
 
@@ -84,7 +129,9 @@ class Conversation {
     std::swap(replies_[script_.Below(256) % replies_.size()], replies_.back());
     const std::unique_ptr<vorpc::IReply> reply = std::move(replies_.back());
     replies_.pop_back();
-    if (script_.Flag()) {
+    if (script_.Below(8) == 1) {
+      ++unanswered_;  // the reply dies unused
+    } else if (script_.Flag()) {
       reply->SendResult(MakeValue(script_));
     } else {
       reply->SendError(-1, script_.Text(), MakeValue(script_));
@@ -92,7 +139,7 @@ class Conversation {
   }
 
   void Nest() {
-    if (depth_ < 8 && script_.HasMore() && script_.Flag()) {
+    if (depth_ < 8 && server_ != nullptr && script_.HasMore() && script_.Flag()) {
       ++depth_;
       Step();
       --depth_;
@@ -100,12 +147,14 @@ class Conversation {
   }
 
   void Send(const Message& message) {
+    CheckIsThere();
     Require(is_running_, "nothing leaves before the server runs");
     answered_ += message.GetResponse() != nullptr ? 1 : 0;
   }
 
   // Everything that was asked is answered once, the handshake among it.
   void End() {
+    depth_ = 8;
     is_running_ = true;
     server_->Run();
     Ask("vorpc.connected");
@@ -113,13 +162,16 @@ class Conversation {
       Reply();
     }
     Require(connections_ == 1, "the client is connected");
-    Require(answered_ == asked_, "every request is answered");
+    Require(answered_ + unanswered_ == asked_, "every request is answered");
   }
 
   Script& script_;
   std::vector<std::unique_ptr<vorpc::IReply>> replies_;
   std::int64_t asked_ = 0;
   std::int64_t answered_ = 0;
+  std::int64_t unanswered_ = 0;
+  int handlers_ = 0;
+  std::shared_ptr<int> token_ = std::make_shared<int>(0);  // held by every callback
   int connections_ = 0;
   int depth_ = 0;
   bool is_running_ = false;

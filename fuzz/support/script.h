@@ -51,6 +51,22 @@ class Script {
     return {bytes.begin(), bytes.end()};
   }
 
+  // Up to the next line end, which is taken, too.
+  std::string Line() {
+    std::string line;
+    for (char sign = 0; HasMore() && (sign = static_cast<char>(Byte())) != '\n';) {
+      line += sign;
+    }
+    return line;
+  }
+
+  // All that is left.
+  std::string Rest() {
+    std::string rest(size_, '\0');
+    Take(reinterpret_cast<std::uint8_t*>(rest.data()), rest.size());
+    return rest;
+  }
+
  private:
   void Take(std::uint8_t* out, std::size_t size) {
     const std::size_t count = std::min(size, size_);

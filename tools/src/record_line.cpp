@@ -5,6 +5,7 @@
 #include <QtCore/QJsonObject>
 #include <array>
 #include <charconv>
+#include <cmath>
 #include <utility>
 
 namespace tarvctl {
@@ -25,15 +26,20 @@ class Scanner {
     rest_.remove_prefix(expected.size());
     return true;
   }
+  // A number as JSON writes it: without a needless zero in front.
   bool Number(std::int64_t* number) {
+    const std::string_view digits = rest_.substr(rest_.substr(0, 1) == "-" ? 1 : 0);
+    if (digits.size() > 1 && digits[0] == '0' && digits[1] != ',') {
+      return false;
+    }
     const auto [end, error] = std::from_chars(rest_.data(), rest_.data() + rest_.size(), *number);
     rest_.remove_prefix(static_cast<std::size_t>(end - rest_.data()));
     return error == std::errc();
   }
-  // A text without escapes, and its closing quote.
+  // A text of plain characters, and its closing quote.
   bool Text(std::string* text) {
-    const std::size_t end = rest_.find_first_of("\"\\");
-    if (end == std::string_view::npos || rest_[end] == '\\') {
+    const std::size_t end = rest_.find('"');
+    if (end == std::string_view::npos || !IsPlain(rest_.substr(0, end))) {
       return false;
     }
     text->assign(rest_.substr(0, end));
@@ -43,6 +49,17 @@ class Scanner {
   bool IsAtEnd() const { return rest_.empty(); }
 
  private:
+  // Whether JSON has the text as it is: no escape, no control character, nothing but ASCII. Without
+  // a branch, as the text of a message is long.
+  static bool IsPlain(std::string_view text) {
+    unsigned strange = 0;
+    for (const char sign : text) {
+      strange |= static_cast<unsigned>(static_cast<signed char>(sign) < ' ') |
+                 static_cast<unsigned>(sign == '\\');
+    }
+    return strange == 0;
+  }
+
   std::string_view rest_;
 };
 
@@ -58,7 +75,8 @@ bool ScanMessage(std::string_view text, RecordLine& line) {
     return false;
   }
   line.kind = direction == "send" ? Kind::kSend : Kind::kReceive;
-  return scanner.Skip(",\"envelope\":{\"data\":\"") && scanner.Text(&line.data) &&
+  return (direction == "send" || direction == "receive") &&
+         scanner.Skip(",\"envelope\":{\"data\":\"") && scanner.Text(&line.data) &&
          scanner.Skip("}}") && scanner.IsAtEnd();
 }
 
@@ -81,8 +99,11 @@ std::optional<Kind> KindOf(const QJsonObject& object) {
   return std::nullopt;
 }
 
+// Of what is no number, or one that does not fit: 0.
 std::int64_t IntegerAt(const QJsonObject& object, const char* key) {
-  return static_cast<std::int64_t>(object.value(key).toDouble());
+  constexpr double kTooLarge = 9223372036854775808.0;
+  const double number = object.value(key).toDouble();
+  return std::abs(number) < kTooLarge ? static_cast<std::int64_t>(number) : 0;
 }
 
 std::string TextAt(const QJsonObject& object, const char* key) {
@@ -119,11 +140,12 @@ std::optional<RecordLine> ParseAny(std::string_view text) {
 }  // namespace
 
 std::optional<RecordLine> ParseRecordLine(std::string_view text) {
-  RecordLine line;
-  if (ScanMessage(text, line)) {
-    return line;
+  std::optional<RecordLine> line{std::in_place};
+  if (!ScanMessage(text, *line)) {
+    line = ParseAny(text);
   }
-  return ParseAny(text);
+  // The machine's clock begins at zero.
+  return line && line->time >= 0 ? line : std::nullopt;
 }
 
 std::string WriteMessageLine(const RecordLine& line) {

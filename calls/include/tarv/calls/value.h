@@ -46,13 +46,13 @@
   void TarvEachMember(const Type*, TarvVisitor&& tarv_visit) {      \
     TARV_DETAILS_EACH(TARV_DETAILS_VISIT_MEMBER, Type, __VA_ARGS__) \
   }                                                                 \
-  constexpr const char* TarvValueName(const Type*) { return #Type; }
+  [[maybe_unused]] constexpr const char* TarvValueName(const Type*) { return #Type; }
 
 // TARV_EMPTY_VALUE(Type): the same for a structure without members: an empty map.
 #define TARV_EMPTY_VALUE(Type)                       \
   template <class TarvVisitor>                       \
   void TarvEachMember(const Type*, TarvVisitor&&) {} \
-  constexpr const char* TarvValueName(const Type*) { return #Type; }
+  [[maybe_unused]] constexpr const char* TarvValueName(const Type*) { return #Type; }
 
 // TARV_ENUM(Enum, kA, ...): lets the values of the enumeration, 1 to 32, travel by these names.
 // Stands in the namespace of the enumeration.
@@ -61,7 +61,7 @@
     return std::array<::tarv::details::EnumName, TARV_DETAILS_COUNT(__VA_ARGS__)>{ \
         {TARV_DETAILS_EACH(TARV_DETAILS_ENUM_NAME, Enum, __VA_ARGS__)}};           \
   }                                                                                \
-  constexpr const char* TarvValueName(const Enum*) { return #Enum; }
+  [[maybe_unused]] constexpr const char* TarvValueName(const Enum*) { return #Enum; }
 
 #define TARV_DETAILS_VISIT_MEMBER(Type, member) tarv_visit(#member, &Type::member);
 #define TARV_DETAILS_ENUM_NAME(Enum, name) \
