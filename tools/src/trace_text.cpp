@@ -1,4 +1,6 @@
 // A record as lines for people.
+#include <quarn/escaped.h>
+
 #include <array>
 #include <cstdio>
 #include <sstream>
@@ -18,6 +20,13 @@ std::string Format(const char* format, Values... values) {
   std::array<char, 400> text{};
   std::snprintf(text.data(), text.size(), format, values...);
   return text.data();
+}
+
+// What peers have named, so that it can neither begin a line nor move the cursor.
+std::string Shown(const std::string& text) {
+  std::ostringstream shown;
+  shown << quarn::Escaped{text};
+  return shown.str();
 }
 
 std::string Payload(const Item& item) {
@@ -60,31 +69,33 @@ std::string TextWriter::Answer(const Item& item) const {
       item.latency < 0 ? std::string("its request is not in the record")
                        : Format("%.3f ms", static_cast<double>(item.latency) / kNanosecondsPerMs);
   const std::string payload = Payload(item);
-  return item.id + ' ' + item.method + ' ' + took + ' ' +
+  return Shown(item.id + ' ' + item.method) + ' ' + took + ' ' +
          (item.is_error ? output_.Paint(Colour::kRed, "error " + payload) : payload);
 }
 
 std::string TextWriter::Line(const Item& item) const {
-  const std::string way = item.from + " → " + item.to + "  ";
+  const std::string way = Shown(item.from) + " → " + Shown(item.to) + "  ";
   switch (item.kind) {
     case Item::Kind::kRequest:
-      return way + item.id + ' ' + output_.Paint(Colour::kBold, item.method) + '(' + Payload(item) +
-             ')';
+      return way + Shown(item.id) + ' ' + output_.Paint(Colour::kBold, Shown(item.method)) + '(' +
+             Payload(item) + ')';
     case Item::Kind::kNotification:
-      return way + output_.Paint(Colour::kCyan, item.method) + '(' + Payload(item) + ')';
+      return way + output_.Paint(Colour::kCyan, Shown(item.method)) + '(' + Payload(item) + ')';
     case Item::Kind::kResponse:
       return way + Answer(item);
     case Item::Kind::kStart:
-      return output_.Paint(Colour::kGreen, item.from + " starts " + item.task) + ", " + item.text;
-    case Item::Kind::kEnd:
-      return output_.Paint(Colour::kYellow, item.task + ' ' + item.text);
-    case Item::Kind::kConnection:
-      return item.from + " is connected with " + item.to;
-    case Item::Kind::kFault:
-      return output_.Paint(Colour::kRed, "fault between " + item.from + " and " + item.to + ": ") +
+      return output_.Paint(Colour::kGreen, Shown(item.from + " starts " + item.task)) + ", " +
              item.text;
+    case Item::Kind::kEnd:
+      return output_.Paint(Colour::kYellow, Shown(item.task + ' ' + item.text));
+    case Item::Kind::kConnection:
+      return Shown(item.from + " is connected with " + item.to);
+    case Item::Kind::kFault:
+      return output_.Paint(Colour::kRed,
+                           Shown("fault between " + item.from + " and " + item.to + ": ")) +
+             Shown(item.text);
     default:
-      return way + (item.text.empty() ? Payload(item) : item.text);
+      return way + (item.text.empty() ? Payload(item) : Shown(item.text));
   }
 }
 
@@ -93,15 +104,15 @@ void TextWriter::Finish(const std::vector<Unanswered>& unanswered,
   for (const Unanswered& request : unanswered) {
     output_.PrintLine(output_.Paint(
         Colour::kRed,
-        "never answered: " + request.id + ' ' + request.method + " of " + request.task +
+        "never answered: " + Shown(request.id + ' ' + request.method + " of " + request.task) +
             Format(", sent at %.6f", static_cast<double>(request.time) / kNanosecondsPerSecond)));
   }
   output_.PrintLine(Format("%-20s %-24s %9s %7s %10s %11s %11s %12s", "task", "method", "count",
                            "errors", "unanswered", "median ms", "99 % ms", "bytes"));
   for (const MethodTotals& sum : totals) {
-    output_.PrintLine(Format("%-20s %-24s %9zu %7zu %10zu %11.3f %11.3f %12zu", sum.task.c_str(),
-                             sum.method.c_str(), sum.count, sum.errors, sum.unanswered,
-                             sum.median_ms, sum.p99_ms, sum.bytes));
+    output_.PrintLine(Format("%-20s %-24s %9zu %7zu %10zu %11.3f %11.3f %12zu",
+                             Shown(sum.task).c_str(), Shown(sum.method).c_str(), sum.count,
+                             sum.errors, sum.unanswered, sum.median_ms, sum.p99_ms, sum.bytes));
   }
 }
 

@@ -93,6 +93,26 @@ class Trace(Recorded):
         self.expect(0, ["trace", record], golden.SHOWN, "1 lines of")
         self.expect(2, ["trace", "/no/such/record"], "", "cannot read the record '/no/such/record'")
 
+    def test_leaves_out_lines_that_only_look_like_a_record(self):
+        good = golden.line(200, 10, "wordcount", "send", golden.request("id9", "late"))
+        lines = [good.replace('"send"', '"sideways"'), good.replace(":200000000,", ":-5,"),
+                 good.replace(":200000000,", ":0200000000,"), good.replace("wordcount", "word\x07count")]
+        self.assertNotIn(good, lines)
+        record = self.write("alike", golden.record() + "".join(lines))
+        self.expect(0, ["trace", record], golden.SHOWN, "4 lines of")
+
+    def test_shows_the_control_characters_of_peers_escaped(self):
+        hostile = golden.line(0, 10, "wordcount", "send", golden.request("id\x1b1", "a\nb", {"p": "\x1b[2J"}))
+        end = golden.event(1, 10, "end", reason="x\x1b[2J")
+        shown = self.expect(0, ["trace", self.write("hostile", hostile + end)]).stdout
+        self.assertNotIn("\x1b", shown)
+        self.assertIn("id\\x1b1 a\\nb(", shown)
+
+    def test_takes_a_number_that_no_clock_shows_for_none(self):
+        end = golden.event(0, 10, "end", reason="over").replace('"time":0', '"time":1e300')
+        shown = self.expect(0, ["trace", "--json", self.write("huge", end)]).stdout
+        self.assertEqual(json.loads(shown.splitlines()[0])["time"], 0)
+
     def test_counts_the_line_that_a_killed_process_left_unfinished(self):
         whole = golden.record()
         cut = self.write("cut", whole + whole.splitlines()[-1][:-5])
