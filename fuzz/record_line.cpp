@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "support/qt_json_leaks.h"
 #include "support/require.h"
 
 namespace {

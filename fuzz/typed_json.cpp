@@ -4,6 +4,7 @@
 #include <string>
 
 #include "json.h"
+#include "support/qt_json_leaks.h"
 #include "support/require.h"
 #include "support/script.h"
 #include "support/values.h"
