@@ -77,7 +77,7 @@ bool ScanMessage(std::string_view text, RecordLine& line) {
   line.kind = direction == "send" ? Kind::kSend : Kind::kReceive;
   return (direction == "send" || direction == "receive") &&
          scanner.Skip(",\"envelope\":{\"data\":\"") && scanner.Text(&line.data) &&
-         scanner.Skip("}}") && scanner.IsAtEnd();
+         !line.data.empty() && scanner.Skip("}}") && scanner.IsAtEnd();
 }
 
 std::optional<Kind> KindOf(const QJsonObject& object) {

@@ -96,10 +96,10 @@ class Trace(Recorded):
     def test_leaves_out_lines_that_only_look_like_a_record(self):
         good = golden.line(200, 10, "wordcount", "send", golden.request("id9", "late"))
         lines = [good.replace('"send"', '"sideways"'), good.replace(":200000000,", ":-5,"),
-                 good.replace(":200000000,", ":0200000000,"), good.replace("wordcount", "word\x07count")]
+                 good.replace(":200000000,", ":0200000000,")]
         self.assertNotIn(good, lines)
         record = self.write("alike", golden.record() + "".join(lines))
-        self.expect(0, ["trace", record], golden.SHOWN, "4 lines of")
+        self.expect(0, ["trace", record], golden.SHOWN, "3 lines of")
 
     def test_shows_the_control_characters_of_peers_escaped(self):
         hostile = golden.line(0, 10, "wordcount", "send", golden.request("id\x1b1", "a\nb", {"p": "\x1b[2J"}))
