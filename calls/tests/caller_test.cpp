@@ -537,6 +537,22 @@ TEST_F(CallerTest, ReleasesCallsThatBeginDuringItsEnd) {
   EXPECT_THAT(reasons, ElementsAre(CallReason::kReleased, CallReason::kReleased));
 }
 
+TEST_F(CallerTest, TakesARefusalWithTheServicesOwnCodeForAFailedStart) {
+  Make();
+  const Ending<void> ending(caller_->Call(kPing));
+  for (int attempt = 0; attempt < 4; ++attempt) {
+    link_.Pump();
+    const auto* const handshake = link_.sent.back().GetRequest();
+    ASSERT_NE(handshake, nullptr);
+    const auto id = handshake->id;
+    link_.client->Receive(vorpc::Message::CreateError(id, -32603, "not today", {}));
+  }
+  link_.Pump();
+  ASSERT_EQ(ending.Count(), 1U);
+  EXPECT_EQ(ending.GetReason(), CallReason::kNotStarted);
+  EXPECT_THAT(ending.GetText(), HasSubstr("not today"));
+}
+
 TEST_F(CallerTest, ReleasesCallsThatOtherThreadsBeginDuringItsEnd) {
   Connect();
   tarv::Caller& caller = *caller_;
