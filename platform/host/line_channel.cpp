@@ -177,8 +177,7 @@ void LineChannel::End(const Error& error) {
     return;
   }
   Close();
-  const auto on_end = std::move(callbacks_.on_end);
-  if (on_end) {
+  if (const auto on_end = std::move(callbacks_.on_end)) {
     on_end(error);
   }
 }
