@@ -4,7 +4,7 @@ CHECKS added to those of .clang-tidy. What it works with is in FOLDER. Prints wh
 fails if that is anything.
 
 Most of its time goes to the headers that the files include. So files that DATABASE compiles by one
-command are joined, and the headers read once for all of them: five times as fast. A joined file is a main
+command are joined, and the headers read once for all of them. A joined file is a main
 file to clang-tidy, so each check looks at all of it. A file in which it finds anything is looked at once
 more, alone, and what it finds then counts: it may be no more than two constants of one name. With --alone,
 each file is looked at so.
