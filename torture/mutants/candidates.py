@@ -5,6 +5,8 @@ from clang.cindex import Cursor, CursorKind, Index, TypeKind
 
 from mutant import Mutant
 
+# What system headers take for granted of the compiler that the tree is built with.
+AS_GCC = ["-D_Bool=bool"]
 OPERATORS = {
     "<": "<=", "<=": "<", ">": ">=", ">=": ">", "==": "!=", "!=": "==", "&&": "||", "||": "&&",
     "+": "-", "-": "+", "*": "/", "/": "*", "%": "/", "&": "|", "|": "&", "^": "&", "<<": ">>",
@@ -25,7 +27,7 @@ COMPILED_IN = (CursorKind.STATIC_ASSERT, CursorKind.ENUM_DECL)
 
 def find(path, name, arguments, files):
     """The candidates in `files` (names by paths), as the compiler meets them in the file `path`."""
-    unit = Index.create().parse(path, args=arguments)
+    unit = Index.create().parse(path, args=[*arguments, *AS_GCC])
     errors = [one for one in unit.diagnostics if one.severity >= 3]
     if errors:
         raise RuntimeError(f"{name}: {errors[0]}; the tree must compile before it is mutated")
