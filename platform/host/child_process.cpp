@@ -13,6 +13,7 @@
 #include "process_exit.h"
 #include "support.h"
 #include "trace.h"
+#include "want_of_memory.h"
 
 namespace RuntimeManager::host {
 namespace {
@@ -24,6 +25,8 @@ constexpr int kKillMs = 1000;
 // What a standard error that takes nothing gets for a task's last words when nobody can wait
 // longer.
 constexpr int kLastWordsMs = 3000;
+// How often the news of a program's start may be announced and not be there.
+constexpr int kMostVainReads = 100;
 // How often a child is looked after where processes have no descriptors.
 constexpr int kPollMs = 20;
 
@@ -33,6 +36,12 @@ QString Describe(const siginfo_t& info) {
   }
   return QString("was killed by signal %1%2")
       .arg(SignalText(info.si_status), info.si_code == CLD_DUMPED ? ", core dumped," : "");
+}
+
+// For a process that has just been forked, and that nobody could watch.
+void KillAndReap(pid_t pid) {
+  ::kill(pid, SIGKILL);
+  RetryOnEintr([pid] { return ::waitpid(pid, nullptr, 0); });
 }
 
 }  // namespace
@@ -46,10 +55,18 @@ int ChildProcess::Start(const SpawnRequest& request, Callbacks callbacks,
   if (error_number != 0) {
     return error_number;
   }
-  child->reset(new ChildProcess(std::move(spawned), request, std::move(callbacks)));
-  (*child)->RecordStart(request, time);
-  ProcessExit::Get().AddChild(*child);
-  (*child)->Watch();
+  const pid_t pid = spawned.pid;
+  try {
+    child->reset(new ChildProcess(std::move(spawned), request, std::move(callbacks)));
+    (*child)->RecordStart(request, time);
+    ProcessExit::Get().AddChild(*child);
+    (*child)->Watch();
+  } catch (const std::bad_alloc&) {
+    KillAndReap(pid);
+    ProcessExit::Get().RemoveChild(*child);
+    child->reset();
+    return ENOMEM;
+  }
   return 0;
 }
 
@@ -81,10 +98,11 @@ void ChildProcess::Watch() {
 int ChildProcess::Terminate(bool kill) {
   const int error_number = kill ? handle_.Signal(SIGKILL) : handle_.AskToEnd();
   // Without an event loop, whoever waits for the end keeps the time.
-  if (error_number == 0 && !end_told_ && !grace_.isActive() && HasEventLoop()) {
-    grace_.start(kGraceMs);
+  if (error_number != 0 || end_told_ || grace_.isActive() || !HasEventLoop()) {
+    return error_number;
   }
-  return error_number;
+  // Without memory for a timer nobody would come back to it.
+  return Attempt([this] { grace_.start(kGraceMs); }) ? 0 : handle_.Signal(SIGKILL);
 }
 
 void ChildProcess::OnExecStatus() {
@@ -92,7 +110,8 @@ void ChildProcess::OnExecStatus() {
   int exec_error = 0;
   const ssize_t size = RetryOnEintr(
       [this, &exec_error] { return ::read(exec_status_.Get(), &exec_error, sizeof(exec_error)); });
-  if (size < 0 && errno == EAGAIN) {
+  // A pipe that says it has something, and does not give it, is not waited for for ever.
+  if (size < 0 && errno == EAGAIN && ++vain_reads_ < kMostVainReads) {
     return;
   }
   exec_notifier_->SetEnabled(false);
@@ -118,14 +137,14 @@ void ChildProcess::OnMaybeEnded() {
   const std::optional<siginfo_t> info = handle_.GetEnd();
   end_.succeeded = info && info->si_code == CLD_EXITED && info->si_status == 0;
   end_.killed = info && info->si_code != CLD_EXITED;
-  end_.how = HowItEnded();
+  end_.how = MadeOr([this] { return HowItEnded(); }, QStringLiteral("ended"));
   RecordEnd();
   StopWatching();
   if (exec_status_.IsValid()) {
     OnExecStatus();
   }
   FinishStderr();
-  end_.last_lines = stderr_.LastLines();
+  end_.last_lines = MadeOr([this] { return stderr_.LastLines(); }, QString());
   const auto on_ended = std::move(callbacks_.on_ended);
   if (on_ended) {
     on_ended(end_);
@@ -148,7 +167,9 @@ void ChildProcess::FinishStderr() {
       ProcessExit::Get().RemoveChild(self);
     }
   };
-  stderr_.Finish(remove);
+  if (!Attempt([this, &remove] { stderr_.Finish(remove); })) {
+    stderr_.Drop();
+  }
   if (!stderr_.HasPending()) {
     remove();
   }
@@ -162,7 +183,7 @@ QString ChildProcess::HowItEnded() const {
 }
 
 void ChildProcess::RecordStart(const SpawnRequest& request, long long time) const {
-  if (!task_.isEmpty()) {
+  if (IsRecorded() && !task_.isEmpty()) {
     TraceEvent(task_, "start",
                {{"process", GetPid()},
                 {"program", QString::fromUtf8(request.program)},
@@ -173,8 +194,10 @@ void ChildProcess::RecordStart(const SpawnRequest& request, long long time) cons
 
 // Whoever reaps it first does this, on whatever thread.
 void ChildProcess::RecordEnd() {
-  if (!task_.isEmpty() && !end_recorded_.exchange(true)) {
-    TraceEvent(task_, "end", {{"process", GetPid()}, {"reason", HowItEnded()}});
+  if (IsRecorded() && !task_.isEmpty() && !end_recorded_.exchange(true)) {
+    Attempt([this] {
+      TraceEvent(task_, "end", {{"process", GetPid()}, {"reason", HowItEnded()}});
+    });
   }
 }
 

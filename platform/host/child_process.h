@@ -99,6 +99,7 @@ class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
   std::unique_ptr<QuietNotifier> ended_notifier_;
   std::unique_ptr<QuietNotifier> exec_notifier_;
   ChildEnd end_;
+  int vain_reads_ = 0;
   bool running_told_ = false;
   bool end_told_ = false;
   bool loop_is_gone_ = false;

@@ -13,6 +13,7 @@
 
 #include "activation.h"
 #include "support.h"
+#include "want_of_memory.h"
 
 namespace RuntimeManager::host {
 namespace {
@@ -155,8 +156,11 @@ void Acceptor::State::OnReadable() {
 
 bool Acceptor::State::AcceptOne() {
   UniqueFd peer(::accept4(socket.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+  const int error_number = errno;
   if (!peer.IsValid()) {
-    return OnFailure(errno);
+    bool goes_on = false;
+    Attempt([&] { goes_on = OnFailure(error_number); });
+    return goes_on;
   }
   shortage_warned = false;
   const Error refusal = CheckPeer(peer.Get());
@@ -215,6 +219,7 @@ struct Dialer::State : std::enable_shared_from_this<State> {
   // Reports success only; whatever else there is to report, the next try does, from the event loop.
   void TryAtOnce();
   void Try();
+  void TryOrFail();
   Error Failure(int error_number) const;
   void Finish(UniqueFd socket, const Error& error, int error_number);
 
@@ -262,6 +267,13 @@ void Dialer::State::Try() {
   Finish({}, Failure(error_number), error_number);
 }
 
+void Dialer::State::TryOrFail() {
+  const auto self = shared_from_this();
+  if (!Attempt([this] { Try(); })) {
+    Finish({}, OutOfMemory(Error::kConnectFailed), ENOMEM);
+  }
+}
+
 Error Dialer::State::Failure(int error_number) const {
   Error error =
       SystemError(Error::kConnectFailed, QString("cannot connect to '%1'").arg(what), error_number);
@@ -288,7 +300,7 @@ Dialer::Dialer(QString what, Connect connect, Done done) : state_(std::make_shar
   state_->since.start();
   state_->retry.setSingleShot(true);
   QObject::connect(&state_->retry, &QTimer::timeout, &state_->retry,
-                   [state = state_.get()] { state->Try(); });
+                   [state = state_.get()] { state->TryOrFail(); });
   state_->TryAtOnce();
 }
 

@@ -12,6 +12,7 @@
 #include "process_exit.h"
 #include "support.h"
 #include "uri_opener.h"
+#include "want_of_memory.h"
 
 namespace RuntimeManager::host {
 namespace {
@@ -77,9 +78,13 @@ class IntentOwner::Invocation : public std::enable_shared_from_this<Invocation> 
   explicit Invocation(IntentOwner* owner) : owner_(owner) {}
   void Open(UniqueFd socket);
   void Send(const QJsonObject& answer) { channel_->Send(answer); }
+  // The invoker sees that there is no answer to come.
+  void Drop();
 
  private:
   void OnObject(const QJsonObject& object);
+  void Prepare(const QJsonObject& object, QJsonObject* parameters,
+               std::function<void(const QJsonObject&)>* reply);
   void OnEnd();
 
   IntentOwner* owner_;
@@ -102,8 +107,14 @@ class Answer {
     if (answered_) {
       return;
     }
-    Send({{intent::kError,
-           QString("the owner of the intent '%1' let it go without an answer").arg(name_)}});
+    const bool told = Attempt([this] {
+      Send({{intent::kError,
+             QString("the owner of the intent '%1' let it go without an answer").arg(name_)}});
+    });
+    const auto live = told || !IsInItsThread() ? nullptr : invocation_.lock();
+    if (live != nullptr) {
+      live->Drop();
+    }
   }
 
   void Reply(const QJsonObject& reply) {
@@ -115,6 +126,8 @@ class Answer {
   }
 
  private:
+  bool IsInItsThread() const { return context_->thread() == QThread::currentThread(); }
+
   // The connection belongs to the owner's thread.
   void Send(const QJsonObject& answer) {
     const auto send = [invocation = invocation_, answer] {
@@ -122,7 +135,7 @@ class Answer {
         live->Send(answer);
       }
     };
-    if (context_->thread() == QThread::currentThread()) {
+    if (IsInItsThread()) {
       send();
       return;
     }
@@ -152,20 +165,40 @@ void IntentOwner::Invocation::OnObject(const QJsonObject& object) {
   if (std::exchange(invoked_, true)) {
     return;
   }
-  const QJsonObject parameters = object.value(intent::kSecond).toObject();
-  const Error refusal = CheckParameters(owner_->name_, parameters);
+  QJsonObject parameters;
+  std::function<void(const QJsonObject&)> reply;
+  if (!Attempt([&] { Prepare(object, &parameters, &reply); })) {
+    Drop();
+    return;
+  }
+  if (reply && owner_->handler_) {
+    owner_->handler_(parameters, std::move(reply));
+  }
+}
+
+// Makes what the handler gets; no reply when it shall not be called.
+void IntentOwner::Invocation::Prepare(const QJsonObject& object, QJsonObject* parameters,
+                                      std::function<void(const QJsonObject&)>* reply) {
+  *parameters = object.value(intent::kSecond).toObject();
+  const Error refusal = CheckParameters(owner_->name_, *parameters);
   if (refusal.isError()) {
     Send({{intent::kError, refusal.message()}});
     return;
   }
-  const auto answer =
+  auto answer =
       std::make_shared<Answer<Invocation>>(weak_from_this(), &owner_->context_, owner_->name_);
-  if (owner_->handler_) {
-    owner_->handler_(parameters, [answer](const QJsonObject& reply) { answer->Reply(reply); });
-  }
+  *reply = [answer = std::move(answer)](const QJsonObject& result) { answer->Reply(result); };
 }
 
 void IntentOwner::Invocation::OnEnd() { owner_->invocations_.erase(shared_from_this()); }
+
+void IntentOwner::Invocation::Drop() {
+  const auto self = shared_from_this();
+  if (channel_ != nullptr) {
+    channel_->Close();
+  }
+  OnEnd();
+}
 
 Error CheckParameters(const QString& name, const QJsonObject& parameters) {
   return name == intent::kOpenUri ? CheckUri(parameters.value(intent::kUri).toString()) : Error();
@@ -210,9 +243,15 @@ IntentOwner::IntentOwner(QString name, RuntimeDispatcher::IntentHandler handler,
                 [this](UniqueFd socket) { OnConnection(std::move(socket)); }) {}
 
 void IntentOwner::OnConnection(UniqueFd socket) {
-  const auto invocation = std::make_shared<Invocation>(this);
-  invocations_.insert(invocation);
-  invocation->Open(std::move(socket));
+  std::shared_ptr<Invocation> invocation;
+  const bool opened = Attempt([&] {
+    invocation = std::make_shared<Invocation>(this);
+    invocations_.insert(invocation);
+    invocation->Open(std::move(socket));
+  });
+  if (!opened && invocation != nullptr) {
+    invocation->Drop();
+  }
 }
 
 }  // namespace RuntimeManager::host

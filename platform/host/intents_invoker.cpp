@@ -13,6 +13,7 @@
 #include "socket_folder.h"
 #include "support.h"
 #include "uri_opener.h"
+#include "want_of_memory.h"
 
 namespace RuntimeManager {
 namespace host {
@@ -53,8 +54,16 @@ class Call : public std::enable_shared_from_this<Call> {
   UniqueFd Connect(int* error_number);
   void OnDialed(UniqueFd socket, const Error& error, int error_number);
   void OnObject(const QJsonObject& object);
-  void OnEnd();
+  void OnEnd(const Error& error);
   void OnTimeout();
+  // From the event loop: a call that memory runs out for fails, as it does for other reasons.
+  template <class Step>
+  void OrFail(const Step& step) {
+    const auto self = shared_from_this();
+    if (!Attempt(step)) {
+      Finish({}, OutOfMemory(Error::kIntentFailed));
+    }
+  }
   void Fail(Error::Code code, const QString& why);
   void Finish(const QJsonObject& reply, const Error& error);
 
@@ -72,24 +81,20 @@ class Call : public std::enable_shared_from_this<Call> {
 
 void Call::Open(const QJsonObject& first) {
   limit_.setSingleShot(true);
-  QObject::connect(&limit_, &QTimer::timeout, &limit_, [this] { OnTimeout(); });
+  QObject::connect(&limit_, &QTimer::timeout, &limit_, [this] { OrFail([this] { OnTimeout(); }); });
   limit_.start(timeout_);
   LineChannel::Callbacks callbacks;
-  callbacks.on_object = [this](const QJsonObject& object) { OnObject(object); };
-  callbacks.on_end = [this](const Error& error) {
-    if (error.code() == Error::kConnectionLost) {
-      OnEnd();
-      return;
-    }
-    Fail(Error::Code(error.code()), error.message());
+  callbacks.on_object = [this](const QJsonObject& object) {
+    OrFail([this, &object] { OnObject(object); });
   };
+  callbacks.on_end = [this](const Error& error) { OrFail([this, &error] { OnEnd(error); }); };
   channel_ = std::make_shared<LineChannel>(
       IntentTitle(name_), QString("the owner of the intent '%1'").arg(name_), std::move(callbacks));
   channel_->Send({{intent::kFirst, first}, {intent::kSecond, second_}});
   dialer_ = std::make_unique<Dialer>(
       IntentTitle(name_), [this](int* error_number) { return Connect(error_number); },
       [this](UniqueFd socket, const Error& error, int error_number) {
-        OnDialed(std::move(socket), error, error_number);
+        OrFail([&] { OnDialed(std::move(socket), error, error_number); });
       });
 }
 
@@ -98,7 +103,9 @@ void Call::Close() {
   limit_.stop();
   dialer_.reset();
   opener_.reset();
-  channel_->Close();
+  if (channel_ != nullptr) {
+    channel_->Close();
+  }
 }
 
 UniqueFd Call::Connect(int* error_number) {
@@ -145,7 +152,11 @@ void Call::OnObject(const QJsonObject& object) {
   Fail(Error::kIntentFailed, why.isEmpty() ? QString("its owner's answer makes no sense") : why);
 }
 
-void Call::OnEnd() {
+void Call::OnEnd(const Error& error) {
+  if (error.code() != Error::kConnectionLost) {
+    Fail(Error::Code(error.code()), error.message());
+    return;
+  }
   Fail(Error::kIntentFailed, QString("its owner, %1, ended before it answered").arg(owner_));
 }
 
@@ -164,7 +175,9 @@ void Call::Fail(Error::Code code, const QString& why) {
 void Call::Finish(const QJsonObject& reply, const Error& error) {
   const auto self = shared_from_this();
   limit_.stop();
-  channel_->Close();
+  if (channel_ != nullptr) {
+    channel_->Close();
+  }
   if (const auto done = std::exchange(done_, nullptr)) {
     done(reply, error);
   }
@@ -208,7 +221,13 @@ void IntentsInvoker::invoke(const QString& name, const QJsonObject& first,
       });
   *slot = call;
   d_->calls.insert(call);
-  call->Open(first);
+  try {
+    call->Open(first);
+  } catch (...) {
+    call->Close();
+    d_->calls.erase(call);
+    throw;
+  }
 }
 
 }  // namespace RuntimeManager

@@ -14,6 +14,7 @@
 #include "process_exit.h"
 #include "support.h"
 #include "trace.h"
+#include "want_of_memory.h"
 
 namespace RuntimeManager::host {
 namespace {
@@ -43,6 +44,8 @@ class LineChannel::CorkScope {
 LineChannel::LineChannel(QString task, QString peer, Callbacks callbacks)
     : task_(std::move(task)),
       peer_(std::move(peer)),
+      out_of_memory_(Error::kConnectionLost,
+                     QString("memory ran out for the messages from and to %1").arg(peer_)),
       limits_(ReadLimits()),
       callbacks_(std::move(callbacks)),
       queue_(std::make_shared<SendQueue>(
@@ -118,20 +121,28 @@ void LineChannel::OnQueueFull() {
     Post(&context_, [this] { OnQueueFull(); });
     return;
   }
-  if (!ended_ && writable_ != nullptr) {
-    writable_->setEnabled(true);
+  const bool waits = Attempt([this] {
+    if (!ended_ && writable_ != nullptr) {
+      writable_->setEnabled(true);
+    }
+  });
+  if (!waits) {
+    EndForMemory();
   }
 }
 
 void LineChannel::OnSendError(int error_number) {
   if (error_number == ENOMEM) {
-    EndSoon({Error::kConnectionLost,
-             QString("memory ran out in the middle of a message to %1").arg(peer_)});
+    EndForMemory();
     return;
   }
-  EndSoon(SystemError(Error::kConnectionLost,
-                      QString("cannot write to %1, which may have ended").arg(peer_),
-                      error_number));
+  EndSoon(MadeOr(
+      [this, error_number] {
+        return SystemError(Error::kConnectionLost,
+                           QString("cannot write to %1, which may have ended").arg(peer_),
+                           error_number);
+      },
+      out_of_memory_));
 }
 
 void LineChannel::EndTooLong() {
@@ -146,21 +157,29 @@ void LineChannel::EndSoon(const Error& error) {
     return;
   }
   queue_->Stop();
-  Post(&context_, [this, error] {
-    const auto self = shared_from_this();
-    Drain();
-    End(error);
+  const bool posted = Attempt([this, &error] {
+    Post(&context_, [this, error] {
+      const auto self = shared_from_this();
+      Drain();
+      End(error);
+    });
   });
+  // The end of the socket wakes the event loop without an event.
+  if (!posted) {
+    queue_->ShutDown();
+  }
 }
 
 // ---- The rest belongs to the thread of the channel. ----
 
 void LineChannel::OnWritable() {
   const auto self = shared_from_this();
-  const bool waits = queue_->Resume();
-  if (!ended_) {
-    writable_->setEnabled(waits);
-  }
+  OrEnd([this] {
+    const bool waits = queue_->Resume();
+    if (!ended_) {
+      writable_->setEnabled(waits);
+    }
+  });
 }
 
 void LineChannel::Close() {
@@ -180,6 +199,17 @@ void LineChannel::End(const Error& error) {
   if (const auto on_end = std::move(callbacks_.on_end)) {
     on_end(error);
   }
+}
+
+// Takes a step of this channel's own, no handler's. What it loses for want of memory cannot be told
+// from here, so the connection ends then, and whoever waits for an answer hears of it.
+template <class Step>
+bool LineChannel::OrEnd(const Step& step) {
+  const bool taken = Attempt(step);
+  if (!taken) {
+    End(out_of_memory_);
+  }
+  return taken;
 }
 
 void LineChannel::Drain() {
@@ -229,11 +259,14 @@ void LineChannel::OnReadError(int error_number) {
     return;
   }
   // A reset is the end that a peer makes which has not read everything.
-  if (error_number == 0 || error_number == ECONNRESET || error_number == EPIPE) {
-    End({Error::kConnectionLost, QString("%1 closed the connection, or has ended").arg(peer_)});
-    return;
-  }
-  End(SystemError(Error::kConnectionLost, QString("cannot read from %1").arg(peer_), error_number));
+  const bool is_end = error_number == 0 || error_number == ECONNRESET || error_number == EPIPE;
+  const auto why = [this, is_end, error_number] {
+    return is_end ? Error(Error::kConnectionLost,
+                          QString("%1 closed the connection, or has ended").arg(peer_))
+                  : SystemError(Error::kConnectionLost, QString("cannot read from %1").arg(peer_),
+                                error_number);
+  };
+  End(MadeOr(why, out_of_memory_));
 }
 
 // False when the time is over; the rest then follows in the next turn of the event loop.
@@ -243,15 +276,15 @@ bool LineChannel::DeliverLines(Turn* turn) {
   const CorkScope scope(queue_.get());
   LineBuffer::Line line;
   // The line is done with before a handler runs, which may run an event loop and read on.
-  while (!ended_ && input_.TakeLine(&line)) {
+  bool has_line = false;
+  while (!ended_ && OrEnd([&] { has_line = input_.TakeLine(&line); }) && has_line) {
     PrepareForTheNext(turn);
     DeliverLine(line);
     if (!turn->HasBegun()) {
       continue;
     }
     const auto now = Turn::Clock::now();
-    if (turn->IsOver(now)) {
-      StopForThisTurn();
+    if (turn->IsOver(now) && StopForThisTurn()) {
       return false;
     }
     queue_->SendOld(now);
@@ -271,11 +304,10 @@ void LineChannel::PrepareForTheNext(Turn* turn) {
   }
 }
 
-void LineChannel::StopForThisTurn() {
-  if (!ended_) {
-    is_over_time_ = true;
-    DeliverRestSoon();
-  }
+// False when nobody would come back for the rest.
+bool LineChannel::StopForThisTurn() {
+  is_over_time_ = !ended_ && DeliverRestSoon();
+  return ended_ || is_over_time_;
 }
 
 void LineChannel::EndIfOverlong() {
@@ -288,11 +320,9 @@ void LineChannel::EndIfOverlong() {
                                    .arg(limits_.max_message)});
 }
 
-void LineChannel::DeliverRestSoon() {
-  if (std::exchange(rest_is_due_, true)) {
-    return;
-  }
-  Post(&context_, [this] { OnRest(); });
+bool LineChannel::DeliverRestSoon() {
+  rest_is_due_ = rest_is_due_ || Attempt([this] { Post(&context_, [this] { OnRest(); }); });
+  return rest_is_due_;
 }
 
 void LineChannel::OnRest() {
@@ -311,28 +341,44 @@ void LineChannel::DeliverLine(const LineBuffer::Line& line) {
     DeliverData(line.text);
     return;
   }
-  const std::optional<QJsonObject> object = DecodeLine(line.text.data(), line.text.size());
+  std::optional<QJsonObject> object;
+  if (OrEnd([&] { object = Decode(line.text); }) && object) {
+    callbacks_.on_object(*object);
+  }
+}
+
+std::optional<QJsonObject> LineChannel::Decode(std::string_view text) {
+  std::optional<QJsonObject> object = DecodeLine(text.data(), text.size());
   if (!object) {
-    WarnAboutLine(line.text, "is dropped: it is not a JSON object");
-    return;
+    WarnAboutLine(text, "is dropped: it is not a JSON object");
+    return object;
   }
-  Trace(task_, Direction::kReceive, {line.text});
+  Trace(task_, Direction::kReceive, {text});
   if (!object->value(QLatin1String("data")).isString() && WantsData()) {
-    WarnAboutLine(line.text, "holds no message: it has no text \"data\"");
+    WarnAboutLine(text, "holds no message: it has no text \"data\"");
   }
-  callbacks_.on_object(*object);
+  return object;
 }
 
 void LineChannel::DeliverData(std::string_view text) {
-  Trace(task_, Direction::kReceive, {kDataHead, text, kDataTail});
-  if (!WantsData()) {
-    callbacks_.on_object({{QStringLiteral("data"),
-                           QString::fromLatin1(text.data(), static_cast<int>(text.size()))}});
-    return;
+  QByteArray data;
+  QJsonObject object;
+  const bool wants_data = WantsData();
+  const bool taken = OrEnd([&] {
+    Trace(task_, Direction::kReceive, {kDataHead, text, kDataTail});
+    if (wants_data) {
+      data = input_.Detach(text);
+    } else {
+      object = {{QStringLiteral("data"),
+                 QString::fromLatin1(text.data(), static_cast<int>(text.size()))}};
+    }
+  });
+  if (taken && wants_data) {
+    callbacks_.on_data(data);
+    input_.Recycle(std::move(data));
+  } else if (taken) {
+    callbacks_.on_object(object);
   }
-  QByteArray data = input_.Detach(text);
-  callbacks_.on_data(data);
-  input_.Recycle(std::move(data));
 }
 
 void LineChannel::WarnAboutLine(std::string_view line, const char* what) {

@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string_view>
 
 #include "line_buffer.h"
@@ -55,6 +56,8 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   void Drain();
   // Ends the channel from its event loop, after what has arrived. Any thread.
   void EndSoon(const Error& error);
+  // The same, when memory has run out: takes none. Any thread.
+  void EndForMemory() { EndSoon(out_of_memory_); }
   // Ends the channel without a word.
   void Close();
   // The process waits for the peer that long when it exits.
@@ -74,19 +77,23 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   void OnReadError(int error_number);
   bool DeliverLines(Turn* turn);
   void PrepareForTheNext(Turn* turn);
-  void StopForThisTurn();
+  bool StopForThisTurn();
   void EndIfOverlong();
-  void DeliverRestSoon();
+  bool DeliverRestSoon();
   void OnRest();
   void DeliverLine(const LineBuffer::Line& line);
+  std::optional<QJsonObject> Decode(std::string_view text);
   void DeliverData(std::string_view text);
   bool WantsData() const { return callbacks_.wants_data && callbacks_.wants_data(); }
   void WarnAboutLine(std::string_view line, const char* what);
+  template <class Step>
+  bool OrEnd(const Step& step);
   void EndTooLong();
   void End(const Error& error);
 
   const QString task_;
   const QString peer_;
+  const Error out_of_memory_;
   const Limits limits_;
   Callbacks callbacks_;
   QObject context_;

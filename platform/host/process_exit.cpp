@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <iterator>
+#include <new>
 #include <utility>
 
 #include "child_process.h"
@@ -60,11 +61,13 @@ Error CheckOriginal() {
 }
 
 ProcessExit& ProcessExit::Get() {
-  // Never destroyed: it is needed until the very end of the process.
+  // Never destroyed: it is needed until the very end of the process. Made without memory: an end
+  // may be the first to ask for it.
+  alignas(ProcessExit) static unsigned char storage[sizeof(ProcessExit)];
   static auto* const process_exit = [] {
     static_cast<void>(IsForkedCopy());
     std::atexit([] { Get().TakeAllSteps(); });
-    return new ProcessExit;
+    return new (storage) ProcessExit;
   }();
   return *process_exit;
 }

@@ -28,7 +28,8 @@ class QuietNotifier::Hub {
   bool Add(int descriptor, QuietNotifier* notifier);
   void Remove(int descriptor);
   // Those of often used descriptors that have a place of their own in the event loop.
-  bool TakePlace() { return places_ < kPlaces && ++places_ > 0; }
+  bool HasPlace() const { return places_ < kPlaces; }
+  void TakePlace() { ++places_; }
   void GivePlaceBack() { --places_; }
 
  private:
@@ -72,11 +73,17 @@ bool QuietNotifier::Hub::Add(int descriptor, QuietNotifier* notifier) {
   epoll_event event{};
   event.events = EPOLLIN;
   event.data.fd = descriptor;
+  notifiers_[descriptor] = notifier;
   if (::epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, descriptor, &event) != 0) {
+    notifiers_.erase(descriptor);
     return false;
   }
-  notifiers_[descriptor] = notifier;
-  readable_->setEnabled(true);
+  try {
+    readable_->setEnabled(true);
+  } catch (...) {
+    Remove(descriptor);
+    throw;
+  }
   return true;
 }
 
@@ -103,16 +110,18 @@ void QuietNotifier::Hub::OnReadable() {
   if (found == notifiers_.end()) {
     return;
   }
-  // A copy: the callback may end the notifier.
   const auto on_readable = found->second->on_readable_;
-  on_readable();
+  (*on_readable)();
 }
 
 QuietNotifier::QuietNotifier(int descriptor, std::function<void()> on_readable, Use use)
-    : descriptor_(descriptor), on_readable_(std::move(on_readable)), hub_(Hub::Get()) {
-  if (use == Use::kOften && hub_->TakePlace()) {
-    has_place_ = enabled_ = true;
+    : descriptor_(descriptor),
+      on_readable_(std::make_shared<const std::function<void()>>(std::move(on_readable))),
+      hub_(Hub::Get()) {
+  if (use == Use::kOften && hub_->HasPlace()) {
     MakeOwn();
+    hub_->TakePlace();
+    has_place_ = enabled_ = true;
     return;
   }
   SetEnabled(true);
@@ -128,25 +137,21 @@ QuietNotifier::~QuietNotifier() {
 void QuietNotifier::MakeOwn() {
   own_ = std::make_unique<QSocketNotifier>(descriptor_, QSocketNotifier::Read);
   QObject::connect(own_.get(), &QSocketNotifier::activated, own_.get(),
-                   [on_readable = on_readable_] { on_readable(); });
+                   [on_readable = on_readable_] { (*on_readable)(); });
 }
 
 void QuietNotifier::SetEnabled(bool enabled) {
   if (enabled == enabled_) {
     return;
   }
-  enabled_ = enabled;
   if (own_ != nullptr) {
     own_->setEnabled(enabled);
-    return;
-  }
-  if (!enabled) {
+  } else if (!enabled) {
     hub_->Remove(descriptor_);
-    return;
-  }
-  if (!hub_->Add(descriptor_, this)) {
+  } else if (!hub_->Add(descriptor_, this)) {
     MakeOwn();
   }
+  enabled_ = enabled;
 }
 
 }  // namespace RuntimeManager::host

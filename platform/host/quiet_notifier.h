@@ -29,7 +29,8 @@ class QuietNotifier {
   void MakeOwn();
 
   const int descriptor_;
-  const std::function<void()> on_readable_;
+  // Shared with the call that is under way, which may end the notifier.
+  const std::shared_ptr<const std::function<void()>> on_readable_;
   std::shared_ptr<Hub> hub_;              // of the event loop
   std::unique_ptr<QSocketNotifier> own_;  // where the hub cannot take the descriptor
   bool enabled_ = false;

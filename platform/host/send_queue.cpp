@@ -11,6 +11,7 @@
 #include "process_exit.h"
 #include "socket_writes.h"
 #include "trace.h"
+#include "want_of_memory.h"
 
 namespace RuntimeManager::host {
 namespace {
@@ -29,6 +30,8 @@ constexpr int kTailRoom = kBatch + static_cast<int>(kSmall);
 constexpr std::chrono::microseconds kHoldTime{200};
 // How often it is asked whether another thread has stopped writing.
 constexpr std::chrono::milliseconds kWriterPatience{1};
+// A socket that says it has room, and takes nothing for so long, is taken for broken.
+constexpr std::chrono::seconds kRefusalLimit{5};
 
 }  // namespace
 
@@ -185,6 +188,7 @@ SendQueue::News SendQueue::Write(Lock& lock, Clock::time_point patience) {
     if (size < 0) {
       return is_stopped_ ? News::kNone : Judge(errno);
     }
+    refused_since_.reset();
     DropWritten(static_cast<std::size_t>(size), time);
     if (is_stopped_) {
       return News::kNone;
@@ -230,8 +234,19 @@ ssize_t SendQueue::WriteSome(Lock& lock, Clock::time_point patience, long long* 
   return size;
 }
 
+bool SendQueue::IsPassing(int error_number) {
+  if (error_number != EAGAIN && error_number != ENOBUFS && error_number != ENOMEM) {
+    return false;
+  }
+  const auto now = Clock::now();
+  if (has_room_ && !refused_since_) {
+    refused_since_ = now;
+  }
+  return !has_room_ || now - *refused_since_ < kRefusalLimit;
+}
+
 SendQueue::News SendQueue::Judge(int error_number) {
-  if (error_number == EAGAIN || error_number == ENOBUFS || error_number == ENOMEM) {
+  if (IsPassing(error_number)) {
     waits_for_room_ = true;
     return News::kFull;
   }
@@ -267,7 +282,12 @@ void SendQueue::Attach(UniqueFd socket) {
 bool SendQueue::Resume() {
   Lock lock(mutex_);
   waits_for_room_ = false;
-  WriteAndTell(lock);
+  has_room_ = true;
+  const bool written = Attempt([this, &lock] { WriteAndTell(lock); });
+  has_room_ = false;
+  if (!written) {
+    TellOfWant(lock);
+  }
   return waits_for_room_;
 }
 
@@ -276,8 +296,20 @@ void SendQueue::Uncork() {
   if (!std::exchange(holds_, false) || IsForkedCopy()) {
     return;
   }
+  SendHeld();
+}
+
+// From the event loop: nobody else would hear that memory ran out.
+void SendQueue::SendHeld() {
   Lock lock(mutex_);
-  WriteAndTell(lock);
+  if (!Attempt([this, &lock] { WriteAndTell(lock); })) {
+    TellOfWant(lock);
+  }
+}
+
+void SendQueue::TellOfWant(Lock& lock) {
+  error_ = ENOMEM;
+  Tell(lock, News::kError);
 }
 
 void SendQueue::SendOld(Clock::time_point now) {
@@ -285,8 +317,7 @@ void SendQueue::SendOld(Clock::time_point now) {
     return;
   }
   holds_ = false;
-  Lock lock(mutex_);
-  WriteAndTell(lock);
+  SendHeld();
 }
 
 void SendQueue::FlushUntil(Clock::time_point deadline) {
@@ -307,11 +338,16 @@ void SendQueue::FlushUntil(Clock::time_point deadline) {
 
 void SendQueue::Stop() {
   Lock lock(mutex_);
-  Write(lock);
+  Attempt([this, &lock] { Write(lock); });
   is_stopped_ = true;
   if (!is_writing_) {
     Drop();
   }
+}
+
+void SendQueue::ShutDown() {
+  const Lock lock(mutex_);
+  ::shutdown(socket_.Get(), SHUT_RDWR);
 }
 
 void SendQueue::Close() {
@@ -319,7 +355,7 @@ void SendQueue::Close() {
     return;
   }
   Lock lock(mutex_);
-  Write(lock);
+  Attempt([this, &lock] { Write(lock); });
   is_stopped_ = is_closed_ = true;
   if (!is_writing_) {
     Drop();

@@ -12,6 +12,7 @@
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include "out_line.h"
@@ -33,7 +34,7 @@ class SendQueue {
     // The socket is full: call Resume() when there is room.
     std::function<void()> on_full;
     // Once at most: nothing can be sent any more. The number is errno's; ENOMEM when memory ran out
-    // in the middle of a line.
+    // for what waits.
     std::function<void(int error_number)> on_error;
   };
   enum class Outcome { kTaken, kTooMuch, kClosed };
@@ -51,6 +52,8 @@ class SendQueue {
   void FlushUntil(Clock::time_point deadline);
   // Takes nothing more and drops what waits, after one last try to send it. Any thread.
   void Stop();
+  // Ends the socket, which stays open: whoever reads from it sees its end. Any thread.
+  void ShutDown();
 
   // The rest is for the thread that made the queue.
 
@@ -84,12 +87,16 @@ class SendQueue {
   News KeepRest(const OutLine& line, bool is_torn);
   News Write(Lock& lock, Clock::time_point patience = {});
   void WriteAndTell(Lock& lock);
+  void SendHeld();
+  void TellOfWant(Lock& lock);
   void Tell(Lock& lock, News news);
   std::size_t Gather(iovec* parts, std::size_t most) const;
   ssize_t WriteSome(Lock& lock, Clock::time_point patience, long long* time);
   News Judge(int error_number);
   void DropWritten(std::size_t size, long long time);
   void Drop();
+  // An errno for which the socket takes nothing now, and may later.
+  bool IsPassing(int error_number);
 
   const QString task_;
   const std::size_t max_waiting_;
@@ -104,11 +111,13 @@ class SendQueue {
   std::mutex mutex_;  // guards what follows; the writer alone touches the front of the queue
   UniqueFd socket_;
   std::deque<QByteArray> queue_;
-  QByteArray tail_;              // small lines behind the queue
-  std::size_t front_sent_ = 0;   // bytes of the front that are sent
-  std::size_t waiting_ = 0;      // bytes that were put in and are not sent
-  bool is_writing_ = false;      // a thread is the writer
-  bool waits_for_room_ = false;  // only Resume() and FlushUntil() go on
+  QByteArray tail_;                                 // small lines behind the queue
+  std::size_t front_sent_ = 0;                      // bytes of the front that are sent
+  std::size_t waiting_ = 0;                         // bytes that were put in and are not sent
+  bool is_writing_ = false;                         // a thread is the writer
+  bool waits_for_room_ = false;                     // only Resume() and FlushUntil() go on
+  bool has_room_ = false;                           // the socket says so
+  std::optional<Clock::time_point> refused_since_;  // although it has room
   bool is_stopped_ = false;
   bool is_closed_ = false;
   int error_ = 0;

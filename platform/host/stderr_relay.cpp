@@ -12,6 +12,7 @@
 
 #include "sigpipe_guard.h"
 #include "support.h"
+#include "want_of_memory.h"
 
 namespace RuntimeManager::host {
 namespace {
@@ -96,10 +97,10 @@ StderrRelay::~StderrRelay() {
 }
 
 void StderrRelay::OnEvent() {
-  Pump();
+  // What memory runs out for is missing among the lines.
+  Attempt([this] { Pump(); });
   SetReading(!HasPending() && pipe_.IsValid());
-  if (HasPending()) {
-    resume_.start(kRetryMs);
+  if (HasPending() && Attempt([this] { resume_.start(kRetryMs); })) {
     return;
   }
   const auto on_forwarded = std::exchange(on_forwarded_, nullptr);
@@ -205,6 +206,11 @@ void StderrRelay::Finish(std::function<void()> on_forwarded) {
   }
   on_forwarded_ = std::move(on_forwarded);
   resume_.start(kRetryMs);
+}
+
+void StderrRelay::Drop() {
+  Close();
+  pending_.clear();
 }
 
 void StderrRelay::FinishNow(int limit_ms) {

@@ -39,6 +39,8 @@ class StderrRelay {
   // The same without an event loop: waits here until standard error has taken everything, for up to
   // `limit_ms`.
   void FinishNow(int limit_ms);
+  // Reads and forwards no more.
+  void Drop();
   // Whether the relay holds something that is still to be forwarded.
   bool HasPending() const { return !pending_.isEmpty(); }
   // The last lines in one: escaped, with " | " between them, and without the last one's end; empty

@@ -12,12 +12,15 @@
 #include "support.h"
 #include "task_registry.h"
 #include "task_request.h"
+#include "want_of_memory.h"
 
 namespace RuntimeManager {
 
+using host::Attempt;
 using host::ChildEnd;
 using host::ChildProcess;
 using host::FaultRelay;
+using host::MadeOr;
 using host::SocketFile;
 using host::SocketFolder;
 using host::TaskRegistry;
@@ -33,6 +36,8 @@ class Task::Private {
   Private& operator=(const Private&) = delete;
 
   Error Start();
+  Error Make();
+  void Undo();
   Error AddFaults(UniqueFd* connection) const;
   UniqueFd MakeSocket(Error* error);
   Error Spawn(const host::SpawnRequest& request);
@@ -55,6 +60,8 @@ class Task::Private {
   QString Title() const;
 
   Task* const owner;
+  // Qt makes what QPointers share with the first one: here, where memory may still run out.
+  const QPointer<Task> first_pointer{owner};
   const QString name;
   bool has_socket = false;
   QStringList arguments;
@@ -68,12 +75,7 @@ class Task::Private {
   std::vector<Completion> stop_completions;
 };
 
-Task::Private::~Private() {
-  ForgetSocket();
-  if (process != nullptr) {
-    process->Abandon();
-  }
-}
+Task::Private::~Private() { Undo(); }
 
 void Task::Private::ForgetSocket() {
   TaskRegistry::Get().RemoveTask(socket_path);
@@ -102,23 +104,42 @@ UniqueFd Task::Private::MakeSocket(Error* error) {
     return {};
   }
   const QString file = host::UniqueSocketName();
-  UniqueFd first;
-  UniqueFd socket = folder.ListenConnected(file, &first, error);
-  if (!socket.IsValid()) {
-    return socket;
-  }
-  *error = AddFaults(&first);
-  if (error->isError()) {
-    folder.Remove(file);
-    return {};
-  }
+  // The file is known before it exists, so that it goes with its owner whatever follows.
   socket_path = folder.PathOf(file);
   socket_file = SocketFile(socket_path);
+  UniqueFd first;
+  UniqueFd socket = folder.ListenConnected(file, &first, error);
+  if (socket.IsValid()) {
+    *error = AddFaults(&first);
+  }
+  if (error->isError()) {
+    ForgetSocket();
+    socket_path.clear();
+    return {};
+  }
   TaskRegistry::Get().AddTask(socket_path, name, std::move(first));
   return socket;
 }
 
+// Leaves nothing behind when memory runs out on the way.
 Error Task::Private::Start() {
+  try {
+    return Make();
+  } catch (const std::bad_alloc&) {
+    Undo();
+    throw;
+  }
+}
+
+void Task::Private::Undo() {
+  state = State::kEnded;
+  ForgetSocket();
+  if (process != nullptr) {
+    process->Abandon();
+  }
+}
+
+Error Task::Private::Make() {
   host::SpawnRequest request;
   Error error = host::MakeTaskRequest(name, arguments, &request);
   if (!error.isError()) {
@@ -201,8 +222,13 @@ void Task::Private::OnEnded(const ChildEnd& end) {
     OnRanAndEnded(end);
     return;
   }
-  OnNeverRan({Error::kStartFailed, QString("the task '%1' cannot be started: %2")
-                                       .arg(name, host::ExecFailureText(program, end.exec_error))});
+  OnNeverRan(MadeOr(
+      [this, &end] {
+        return Error(Error::kStartFailed,
+                     QString("the task '%1' cannot be started: %2")
+                         .arg(name, host::ExecFailureText(program, end.exec_error)));
+      },
+      host::OutOfMemory(Error::kStartFailed)));
 }
 
 void Task::Private::OnNeverRan(const Error& error) {
@@ -214,7 +240,7 @@ void Task::Private::OnNeverRan(const Error& error) {
   if (!alive.isNull()) {
     CompleteStops({});
   }
-  TaskRegistry::Get().TellEnded(path, error);
+  Attempt([&path, &error] { TaskRegistry::Get().TellEnded(path, error); });
   TaskRegistry::Get().RemoveTask(path);
 }
 
@@ -249,13 +275,14 @@ void Task::Private::TellFinished(const Error& why) {
 void Task::Private::OnRanAndEnded(const ChildEnd& end) {
   const QPointer<Task> alive(owner);
   const QString path = socket_path;
-  const Error why = WhyEnded(end);
+  const Error why = MadeOr([this, &end] { return WhyEnded(end); },
+                           host::OutOfMemory(end.killed ? Error::kTaskKilled : Error::kTaskExited));
   if (start_completion) {
     OnRunning();
   }
   // Whatever the task sent before it ended comes before the news of its end.
   if (!alive.isNull() && has_socket) {
-    DrainSocket();
+    Attempt([this] { DrainSocket(); });
   }
   if (!alive.isNull()) {
     TellFinished(why);
@@ -265,7 +292,7 @@ void Task::Private::OnRanAndEnded(const ChildEnd& end) {
   }
   // Until here, messaging that is made in one of the callbacks takes the first connection, and gets
   // what the task has sent.
-  TaskRegistry::Get().TellEnded(path, why);
+  Attempt([&path, &why] { TaskRegistry::Get().TellEnded(path, why); });
   TaskRegistry::Get().RemoveTask(path);
 }
 
@@ -314,6 +341,7 @@ void Task::stop(StopFlags flags, Completion completion) {
     d_->CompleteLater(std::move(completion), {});
     return;
   }
+  d_->stop_completions.reserve(d_->stop_completions.size() + 1);
   const int error_number = d_->process->Terminate(flags.testFlag(StopFlag::Kill));
   if (error_number != 0) {
     d_->CompleteLater(

@@ -14,6 +14,7 @@
 #include "socket_folder.h"
 #include "support.h"
 #include "task_registry.h"
+#include "want_of_memory.h"
 
 namespace RuntimeManager {
 
@@ -43,6 +44,9 @@ class TaskMessaging::Private : public host::TaskWatcher,
   explicit Private(TaskMessaging* owner) : owner_(owner) {}
 
   bool IsRefused(const QString& peer);
+  // Closes again what it has opened when `open` throws.
+  template <class Open>
+  void Guard(const Open& open);
   void OpenPath(const QString& path);
   void OpenDescriptor(int descriptor);
   void Close();
@@ -56,6 +60,7 @@ class TaskMessaging::Private : public host::TaskWatcher,
   bool HearsData() const;
   void OnDialed(UniqueFd socket, const Error& error);
   void OnConnection(UniqueFd socket);
+  void Attach(UniqueFd socket);
   void OnChannelEnd(const Error& error);
   void Report(const Error& error);
   void StopWatching();
@@ -96,6 +101,16 @@ bool TaskMessaging::Private::IsRefused(const QString& peer) {
     channel_->EndSoon(refusal);
   }
   return refusal.isError();
+}
+
+template <class Open>
+void TaskMessaging::Private::Guard(const Open& open) {
+  try {
+    open();
+  } catch (...) {
+    Close();
+    throw;
+  }
 }
 
 void TaskMessaging::Private::OpenPath(const QString& path) {
@@ -153,15 +168,24 @@ void TaskMessaging::Private::Close() {
   StopWatching();
   dialer_.reset();
   acceptor_.reset();
-  channel_->Close();
+  if (channel_ != nullptr) {
+    channel_->Close();
+  }
 }
 
 void TaskMessaging::Private::OnDialed(UniqueFd socket, const Error& error) {
-  if (socket.IsValid()) {
-    channel_->Attach(std::move(socket));
+  if (!socket.IsValid()) {
+    channel_->EndSoon(error);
     return;
   }
-  channel_->EndSoon(error);
+  Attach(std::move(socket));
+}
+
+// From the event loop, where nobody hears of an exception.
+void TaskMessaging::Private::Attach(UniqueFd socket) {
+  if (!host::Attempt([this, &socket] { channel_->Attach(std::move(socket)); })) {
+    channel_->EndForMemory();
+  }
 }
 
 void TaskMessaging::Private::OnConnection(UniqueFd socket) {
@@ -170,15 +194,15 @@ void TaskMessaging::Private::OnConnection(UniqueFd socket) {
     return;
   }
   has_peer_ = true;
-  channel_->Attach(std::move(socket));
+  Attach(std::move(socket));
 }
 
 void TaskMessaging::Private::OnChannelEnd(const Error& error) {
   loss_ = error;
   const bool may_be_over =
       error.code() == Error::kConnectionLost || error.code() == Error::kConnectFailed;
-  if (may_be_over && TaskRegistry::Get().HasTask(path_)) {
-    last_words_.start(kLastWordsMs);
+  if (may_be_over && TaskRegistry::Get().HasTask(path_) &&
+      host::Attempt([this] { last_words_.start(kLastWordsMs); })) {
     return;
   }
   Report(error);
@@ -204,13 +228,13 @@ void TaskMessaging::Private::Report(const Error& error) {
 TaskMessaging::TaskMessaging(const QString& socket_path, QObject* parent)
     : QObject(parent), d_(std::make_shared<Private>(this)) {
   qRegisterMetaType<RuntimeManager::Error>();
-  d_->OpenPath(socket_path);
+  d_->Guard([this, &socket_path] { d_->OpenPath(socket_path); });
 }
 
 TaskMessaging::TaskMessaging(int descriptor, QObject* parent)
     : QObject(parent), d_(std::make_shared<Private>(this)) {
   qRegisterMetaType<RuntimeManager::Error>();
-  d_->OpenDescriptor(descriptor);
+  d_->Guard([this, descriptor] { d_->OpenDescriptor(descriptor); });
 }
 
 TaskMessaging::~TaskMessaging() { d_->Close(); }

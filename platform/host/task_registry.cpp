@@ -2,6 +2,7 @@
 
 #include <QtCore/QThread>
 #include <algorithm>
+#include <new>
 #include <utility>
 
 #include "process_exit.h"
@@ -10,8 +11,10 @@
 namespace RuntimeManager::host {
 
 TaskRegistry& TaskRegistry::Get() {
-  // Never destroyed: objects that outlive static destruction still report here.
-  static auto* const registry = new TaskRegistry;
+  // Never destroyed: objects that outlive static destruction still report here. Made without
+  // memory: the end of a Task may be the first to ask for it.
+  alignas(TaskRegistry) static unsigned char storage[sizeof(TaskRegistry)];
+  static auto* const registry = new (storage) TaskRegistry;
   return *registry;
 }
 

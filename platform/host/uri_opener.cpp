@@ -7,6 +7,7 @@
 #include "exec_failure.h"
 #include "support.h"
 #include "task_finder.h"
+#include "want_of_memory.h"
 
 namespace RuntimeManager::host {
 namespace {
@@ -75,11 +76,13 @@ Error UriOpener::Start(const QString& uri) {
 }
 
 void UriOpener::OnEnded(const ChildEnd& end) {
-  if (end.exec_error != 0) {
-    Finish(HandlerError(program_, "fails: " + ExecFailureText(path_, end.exec_error)));
-    return;
-  }
-  Finish(end.succeeded ? Error() : HandlerError(program_, end.how));
+  const auto failure = [this, &end] {
+    return HandlerError(program_, end.exec_error != 0
+                                      ? "fails: " + ExecFailureText(path_, end.exec_error)
+                                      : end.how);
+  };
+  const bool succeeded = end.exec_error == 0 && end.succeeded;
+  Finish(succeeded ? Error() : MadeOr(failure, OutOfMemory(Error::kUriHandlerFailed)));
 }
 
 void UriOpener::Finish(const Error& error) {
