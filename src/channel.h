@@ -10,6 +10,7 @@
 #include <QMetaObject>
 #include <QObject>
 #include <memory>
+#include <new>
 #include <utility>
 
 #include "optional_members.h"
@@ -69,9 +70,11 @@ class Channel {
  private:
   using OpenChannels = quarn::details::ObjectRegistry<Messaging, Ref>;
 
-  // Never destroyed: threads may still send while the process ends.
+  // Never destroyed: threads may still send while the process ends. Made without memory: an end may
+  // be the first to ask for it.
   static OpenChannels& GetOpenChannels() {
-    static auto* const channels = new OpenChannels;
+    alignas(OpenChannels) static unsigned char storage[sizeof(OpenChannels)];
+    static auto* const channels = new (storage) OpenChannels;
     return *channels;
   }
 

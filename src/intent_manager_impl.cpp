@@ -10,6 +10,7 @@
 
 #include <QJsonValue>
 #include <QString>
+#include <new>
 #include <optional>
 #include <utility>
 
@@ -187,12 +188,26 @@ void IntentManagerImpl::CompleteFront(bool success) {
 // Always the front request: a completion that asks for another URI must not overtake those that
 // wait.
 void IntentManagerImpl::InvokeNext() {
+  quarn::details::Attempts steps;
+  while (!TryInvokeNext()) {
+    steps.Run([this] { CompleteFront(false); });
+  }
+  steps.Finish();
+}
+
+// False when memory ran out for the request, which has failed thereby.
+bool IntentManagerImpl::TryInvokeNext() {
   std::unique_lock lock(mutex_);
   if (replies_.empty() || busy_) {
-    return;
+    return true;
   }
-  const Reply next{replies_.front().name, replies_.front().first, replies_.front().second, {}};
-  busy_ = true;
-  lock.unlock();
-  InvokeIntent(next.name, next.first, next.second);
+  try {
+    const Reply next{replies_.front().name, replies_.front().first, replies_.front().second, {}};
+    busy_ = true;
+    lock.unlock();
+    InvokeIntent(next.name, next.first, next.second);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  return true;
 }

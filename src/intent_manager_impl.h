@@ -54,6 +54,7 @@ class IntentManagerImpl final : public quarn::Object<IntentManagerImpl, _TARVInt
                                  const RuntimeManager::Error& error);
   void CompleteFront(bool success);
   void InvokeNext();
+  bool TryInvokeNext();
 
   std::deque<Reply> replies_;  // the front one is in flight while busy_ is set
   std::mutex mutex_;           // guards replies_ and busy_; never held while others are called

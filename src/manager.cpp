@@ -115,13 +115,15 @@ std::shared_ptr<RpcClientImpl> Manager::CreateRpcClient() {
 }
 
 void Manager::RemoveRpcClient(_TARVRpcClientRef* client) {
-  const auto stopped =
-      std::stable_partition(rpc_clients_.begin(), rpc_clients_.end(),
-                            [client](const auto& entry) { return entry->GetRef() != client; });
-  // They die after the list is whole again: their callbacks may come back to it.
-  const std::vector<std::shared_ptr<RpcClientImpl>> removed(
-      std::make_move_iterator(stopped), std::make_move_iterator(rpc_clients_.end()));
-  rpc_clients_.erase(stopped, rpc_clients_.end());
+  const auto found =
+      std::find_if(rpc_clients_.begin(), rpc_clients_.end(),
+                   [client](const auto& entry) { return entry->GetRef() == client; });
+  if (found == rpc_clients_.end()) {
+    return;
+  }
+  // It dies after the list is whole again: its callbacks may come back to it.
+  const auto removed = std::move(*found);
+  rpc_clients_.erase(found);
 }
 
 }  // namespace tarv::details

@@ -3,21 +3,34 @@
 #define TARV_SRC_PLATFORM_OBJECT_H
 
 #include <QObject>
+#include <QThread>
 #include <memory>
+#include <new>
 
 namespace tarv::details {
 
 // The object dies on its own thread, whatever thread lets it go: on that thread's event loop, or as
 // the thread ends. So it may be ended from inside its own signals.
+//
+// Without memory for the event that this takes, it dies at once, if this is its thread. On another
+// one it has to stay: nothing it does reaches anybody any more.
 struct DeleteLater {
-  void operator()(QObject* object) const { object->deleteLater(); }
+  void operator()(QObject* object) const noexcept {
+    try {
+      object->deleteLater();
+    } catch (const std::bad_alloc&) {
+      if (object->thread() == QThread::currentThread()) {
+        delete object;
+      }
+    }
+  }
 };
 
 // The same, and nothing that the object still emits is heard.
 struct DisconnectAndDeleteLater {
-  void operator()(QObject* object) const {
+  void operator()(QObject* object) const noexcept {
     object->disconnect();
-    object->deleteLater();
+    DeleteLater()(object);
   }
 };
 

@@ -8,6 +8,7 @@
 
 #include <QString>
 #include <QStringList>
+#include <new>
 #include <utility>
 
 #include "empty_if_throws.h"
@@ -24,6 +25,10 @@ namespace {
 
 // JSON-RPC's "internal error", for whatever has no code that a JSON-RPC client can take.
 constexpr int kInternalError = -32603;
+
+// Texts that take no memory, and no chunk.
+constexpr char kNoMemoryForChannel[] = "Memory ran out while the channel to the task was opened.";
+constexpr char kNoMemoryForMessage[] = "Memory ran out for a message from the task.";
 
 // The platform's code where it lies in the range that JSON-RPC leaves to servers.
 int DisconnectCode(const RuntimeManager::Error& error) {
@@ -159,15 +164,42 @@ void RpcClientImpl::StartTask(const std::string& task_name, const std::string& l
   });
 }
 
+// Takes a step of a delivery. When memory runs out in it, here or at the receiver's, the message is
+// lost, and a request may wait for it: that is the end.
+template <class Step>
+void RpcClientImpl::OrEnd(const Step& step) {
+  try {
+    step();
+  } catch (const std::bad_alloc&) {
+    if (Transit(kRunning, kStopping)) {
+      Stop(kInternalError, kNoMemoryForMessage, 0);
+    }
+  }
+}
+
 void RpcClientImpl::OnStartCompleted(const RuntimeManager::Error& error) {
   if (error.isError()) {
     OnStartFailed(error);
     return;
   }
-  if (Transit(kStarting, kRunning) && listener_) {
-    OpenMessaging();
-    listener_->OnStarted(0, "", 0);
+  if (!Transit(kStarting, kRunning) || !listener_) {
+    return;
   }
+  try {
+    OpenMessaging();
+  } catch (const std::bad_alloc&) {
+    OnNoChannel();
+    return;
+  }
+  OrEnd([this] { listener_->OnStarted(0, "", 0); });
+}
+
+// The task runs, and memory ran out for its channel.
+void RpcClientImpl::OnNoChannel() {
+  Transit(kRunning, kStopping);
+  channel_.Close();
+  AttemptAll([this] { listener_->OnStarted(kInternalError, kNoMemoryForChannel, 0); },
+             [this] { StopTask(); });
 }
 
 void RpcClientImpl::OnStartFailed(const RuntimeManager::Error& error) {
@@ -194,20 +226,24 @@ void RpcClientImpl::OnMessageReceived(const QJsonObject& object) {
   if (state_ != kRunning) {
     return;
   }
-  if (message_log_ != nullptr) {
-    message_log_->OnReceived(details::TextOf(object).value_or(QByteArray()).toStdString());
-  }
-  details::DeliverTextOf(object, texts_, listener_.get());
+  OrEnd([this, &object] {
+    if (message_log_ != nullptr) {
+      message_log_->OnReceived(details::TextOf(object).value_or(QByteArray()).toStdString());
+    }
+    details::DeliverTextOf(object, texts_, listener_.get());
+  });
 }
 
 void RpcClientImpl::OnTextReceived(QByteArray& text) {
   if (state_ != kRunning) {
     return;
   }
-  if (message_log_ != nullptr) {
-    message_log_->OnReceived({text.constData(), static_cast<std::size_t>(text.size())});
-  }
-  details::DeliverText(text, texts_, listener_.get());
+  OrEnd([this, &text] {
+    if (message_log_ != nullptr) {
+      message_log_->OnReceived({text.constData(), static_cast<std::size_t>(text.size())});
+    }
+    details::DeliverText(text, texts_, listener_.get());
+  });
 }
 
 QuarnResult RpcClientImpl::HandleSendMessage(_TARVRpcClientRef* client, const char* message) {
@@ -274,6 +310,16 @@ void RpcClientImpl::StopTask() {
     OnStop();
     return;
   }
+  try {
+    AskTaskToStop();
+  } catch (const std::bad_alloc&) {
+    // Destroyed, it ends its process, too, and tells nobody.
+    CleanupTask();
+    OnStop();
+  }
+}
+
+void RpcClientImpl::AskTaskToStop() {
   task_->stop({}, [client = weak_from_this()](const RuntimeManager::Error& error) {
     const auto self = client.lock();
     if (!self) {

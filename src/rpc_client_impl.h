@@ -99,6 +99,9 @@ class RpcClientImpl final : public quarn::Object<RpcClientImpl, _TARVRpcClientRe
   void OnStartCompleted(const RuntimeManager::Error& error);
   void OnStartFailed(const RuntimeManager::Error& error);
   void OpenMessaging();
+  void OnNoChannel();
+  template <class Step>
+  void OrEnd(const Step& step);
   void OnMessageReceived(const QJsonObject& object);
   void OnTextReceived(QByteArray& text);
   void Release();
@@ -106,6 +109,7 @@ class RpcClientImpl final : public quarn::Object<RpcClientImpl, _TARVRpcClientRe
   CachedText Cache(const QString& text);
   void Stop(int code, const char* message, std::size_t chunk);
   void StopTask();
+  void AskTaskToStop();
   void OnStop();
   void CleanupMessaging(int code, const char* message, std::size_t chunk);
   void CleanupTask();

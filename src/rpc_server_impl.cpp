@@ -5,6 +5,7 @@
 #include <quarn/logger.h>
 #include <quarn/sized_struct.h>
 
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -81,12 +82,24 @@ void RpcServerImpl::Run(TARVRpcServerSlots* slots) {
   listener_->OnStarted(0, "", 0);
 }
 
+// Delivers a message. When memory runs out for it, here or at the receiver's, it is lost, and the
+// starter may wait for the answer: it sees the channel end.
+template <class Step>
+void RpcServerImpl::OrEnd(const Step& step) {
+  try {
+    step();
+  } catch (const std::bad_alloc&) {
+    QUARN_LOG_ERROR() << "Memory ran out for a message from the starter: the channel is closed.";
+    channel_.Close();
+  }
+}
+
 void RpcServerImpl::OnMessageReceived(const QJsonObject& object) {
-  details::DeliverTextOf(object, texts_, listener_.get());
+  OrEnd([this, &object] { details::DeliverTextOf(object, texts_, listener_.get()); });
 }
 
 void RpcServerImpl::OnTextReceived(QByteArray& text) {
-  details::DeliverText(text, texts_, listener_.get());
+  OrEnd([this, &text] { details::DeliverText(text, texts_, listener_.get()); });
 }
 
 void RpcServerImpl::HandleUnlockResources(_TARVRpcServerRef* server, std::size_t chunk) {

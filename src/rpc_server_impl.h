@@ -67,6 +67,8 @@ class RpcServerImpl final : public quarn::Object<RpcServerImpl, _TARVRpcServerRe
   void Run(TARVRpcServerSlots* slots);
   void OnMessageReceived(const QJsonObject& object);
   void OnTextReceived(QByteArray& text);
+  template <class Step>
+  void OrEnd(const Step& step);
 
   details::ReceivedTexts texts_;
   std::shared_ptr<RpcServerListener> listener_;

@@ -8,7 +8,7 @@
 
 namespace vorpc {
 
-// As Message::FromBase64, without a copy of the text. Throws nothing.
+// As Message::FromBase64, without a copy of the text. Throws std::bad_alloc when memory runs out.
 Message MessageFromText(std::string_view text);
 
 }  // namespace vorpc

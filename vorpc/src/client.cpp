@@ -3,6 +3,8 @@
 #include <quarn/logger.h>
 #include <vorpc/internal/hand_to_user.h>
 
+#include <new>
+
 #include "client_impl.h"
 #include "request_id.h"
 
@@ -17,7 +19,14 @@ Message::ID Client::StartRequest(std::string_view method, const cw::EncodableVal
   OptionalError end;
   quarn::details::AttemptAll(
       [&] {
-        KeepAndSend(Message::CreateRequest(id, method, params), {number, std::move(callback)}, end);
+        try {
+          KeepAndSend(Message::CreateRequest(id, method, params), {number, std::move(callback)},
+                      end);
+        } catch (const std::bad_alloc&) {
+          // The exception is the request's outcome: no response shall follow.
+          TakeCallback(id);
+          throw;
+        }
       },
       [&] {
         if (end) {

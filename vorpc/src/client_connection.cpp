@@ -4,12 +4,26 @@
 #include <quarn/listener.h>
 #include <quarn/logger.h>
 
+#include <new>
+
 #include "client_impl.h"
 
 namespace vorpc::details {
 namespace {
 
 const OptionalError kNoError;
+
+// So short that it takes no memory.
+constexpr char kOutOfMemory[] = "Out of memory";
+
+// The error, or that memory ran out for it.
+Message::Error CopyOf(const Message::Error& error) {
+  try {
+    return error;
+  } catch (const std::bad_alloc&) {
+    return {Message::kInternalError, kOutOfMemory};
+  }
+}
 
 // A server that refuses as often as this is not going to change its mind.
 constexpr std::uint32_t kMaxConnectAttempts = 4;
@@ -160,25 +174,36 @@ bool Client::EndConnection(const OptionalError& error) {
   return true;
 }
 
+// An outcome that memory runs out for is told all the same, in short. Emitted once, a signal does
+// nothing a second time.
+void Client::Tell(OutcomeSignal& signal, const OptionalError& error) {
+  try {
+    signal.Emit(error);
+  } catch (const std::bad_alloc&) {
+    signal.Emit(Message::Error(Message::kInternalError, kOutOfMemory));
+    throw;
+  }
+}
+
 // Called once at most, by whoever has moved the state to Ended.
 void Client::Close(const OptionalError& error, bool during_handshake) {
   const Message::Error reported =
-      error.value_or(Message::Error(Message::kInternalError, "Unknown runtime error"));
+      error ? CopyOf(*error) : CopyOf({Message::kInternalError, "Unknown runtime error"});
   PendingRequests requests;
   std::unique_ptr<ConnectRecord> record;  // destroyed after unlocking
   {
     const std::lock_guard lock(mutex_);
     std::swap(requests, pending_requests_);
     record.swap(connect_record_);
-    end_error_ = reported;
+    end_error_ = CopyOf(reported);
   }
   quarn::details::CallsOut("a callback of the connection's end");
   quarn::details::Attempts steps;
   if (during_handshake) {
     receiver_.DropQueue();
-    steps.Run([this, &reported] { connected_.Emit(reported); });
+    steps.Run([this, &reported] { Tell(connected_, reported); });
   } else {
-    steps.Run([this, &error] { disconnected_.Emit(error); });
+    steps.Run([this, &error] { Tell(disconnected_, error); });
   }
   AnswerAll(std::move(requests), reported, steps);
   steps.Finish();
@@ -187,11 +212,21 @@ void Client::Close(const OptionalError& error, bool during_handshake) {
 // Answers the requests with the error, in the order in which they were made.
 void Client::AnswerAll(PendingRequests&& requests, const Message::Error& error,
                        quarn::details::Attempts& steps) const {
-  for (auto& [id, request] : requests.TakeAll()) {
-    const ResponseCallback callback = std::move(request.callback);
-    if (callback && !receiver_.IsClosed()) {
-      steps.Run([&id = id, &callback, &error] { callback(Message::Response(id, error)); });
-    }
+  for (PendingRequests::Entry& entry : requests.TakeAll()) {
+    AnswerOne(std::move(entry), error, steps);
+  }
+  for (auto entry = requests.TakeFirst(); !entry.empty(); entry = requests.TakeFirst()) {
+    AnswerOne(std::move(entry), error, steps);
+  }
+}
+
+void Client::AnswerOne(PendingRequests::Entry&& entry, const Message::Error& error,
+                       quarn::details::Attempts& steps) const {
+  const ResponseCallback callback = std::move(entry.mapped().callback);
+  if (callback && !receiver_.IsClosed()) {
+    steps.Run([&entry, &callback, &error] {
+      callback(Message::Response(std::move(entry.key()), CopyOf(error)));
+    });
   }
 }
 

@@ -93,7 +93,10 @@ class Client final : public IOwnedClient,
   bool FailHandshake(const OptionalError& error);
   bool EndConnection(const OptionalError& error);
   void Close(const OptionalError& error, bool during_handshake);
+  static void Tell(OutcomeSignal& signal, const OptionalError& error);
   void AnswerAll(PendingRequests&& requests, const Message::Error& error,
+                 quarn::details::Attempts& steps) const;
+  void AnswerOne(PendingRequests::Entry&& entry, const Message::Error& error,
                  quarn::details::Attempts& steps) const;
 
   Receiver receiver_;

@@ -56,8 +56,6 @@ Message FromBytes(const std::uint8_t* data, std::size_t size) {
   } catch (const std::length_error&) {
     // Beyond the codec's bounds.
     return details::MakeUnreadable();
-  } catch (const std::bad_alloc&) {
-    return details::MakeUnreadable();
   }
   return details::MakeMessage(reader.GetMembers());
 }
@@ -108,7 +106,13 @@ Message FromText(std::string_view text) {
 
 }  // namespace
 
-Message Message::FromBase64(const std::string& text) { return MessageFromText(text); }
+Message Message::FromBase64(const std::string& text) {
+  try {
+    return MessageFromText(text);
+  } catch (const std::bad_alloc&) {
+    return details::MakeUnreadable();
+  }
+}
 
 Message MessageFromText(std::string_view text) { return text.empty() ? Message() : FromText(text); }
 

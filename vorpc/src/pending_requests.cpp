@@ -1,6 +1,7 @@
 #include "pending_requests.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 namespace vorpc::details {
@@ -35,16 +36,26 @@ bool PendingRequests::TakeForgotten(const Message::ID& id) {
   return true;
 }
 
-std::vector<PendingRequests::Entry> PendingRequests::TakeAll() {
+std::vector<PendingRequests::Entry> PendingRequests::TakeAll() noexcept {
   std::vector<Entry> entries;
-  entries.reserve(requests_.size());
-  for (auto& [id, request] : requests_) {
-    entries.push_back({id, std::move(request)});
+  try {
+    entries.reserve(requests_.size());
+  } catch (const std::bad_alloc&) {
+    return entries;
   }
-  requests_.clear();
+  while (!requests_.empty()) {
+    entries.push_back(requests_.extract(requests_.begin()));
+  }
   std::sort(entries.begin(), entries.end(),
-            [](const Entry& a, const Entry& b) { return a.request.number < b.request.number; });
+            [](const Entry& a, const Entry& b) { return a.mapped().number < b.mapped().number; });
   return entries;
+}
+
+PendingRequests::Entry PendingRequests::TakeFirst() {
+  const auto first = std::min_element(
+      requests_.begin(), requests_.end(),
+      [](const auto& a, const auto& b) { return a.second.number < b.second.number; });
+  return first == requests_.end() ? Entry() : requests_.extract(first);
 }
 
 }  // namespace vorpc::details

@@ -6,8 +6,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
+#include <list>
 #include <optional>
 #include <unordered_map>
 #include <vector>
@@ -28,10 +28,7 @@ class PendingRequests {
     std::uint64_t number;  // requests are answered in the order of their numbers when all end
     ResponseCallback callback;
   };
-  struct Entry {
-    Message::ID id;
-    Request request;
-  };
+  using Entry = std::unordered_map<Message::ID, Request>::node_type;
 
   void Add(const Message::ID& id, Request&& request) { requests_.emplace(id, std::move(request)); }
 
@@ -42,12 +39,16 @@ class PendingRequests {
   // True, once, for the id of a request that was forgotten.
   bool TakeForgotten(const Message::ID& id);
 
-  // All that wait, in the order of their numbers.
-  std::vector<Entry> TakeAll();
+  // All that wait, in the order of their numbers; none of them when memory runs out for the list.
+  std::vector<Entry> TakeAll() noexcept;
+  // The one with the lowest number; an empty entry when none waits. Takes no memory, but time.
+  Entry TakeFirst();
 
  private:
   std::unordered_map<Message::ID, Request> requests_;
-  std::deque<Message::ID> forgotten_;  // the last one at the end
+  // The last one at the end. A list, because even an empty deque takes memory, and an end of the
+  // client makes an empty one of these.
+  std::list<Message::ID> forgotten_;
 };
 
 }  // namespace vorpc::details

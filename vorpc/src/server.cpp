@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <new>
 #include <shared_mutex>
 #include <string>
 #include <unordered_map>
@@ -84,22 +85,30 @@ class Server::Reply final : public IReply {
   Reply& operator=(const Reply&) = delete;
 
   void SendResult(cw::EncodableValue result) override {
-    answered_ = true;
-    if (const auto server = server_.lock()) {
-      server->receiver_.Send(Message::CreateResponse(id_, std::move(result)));
-    }
+    Send([&] { return Message::CreateResponse(id_, std::move(result)); });
   }
 
   void SendError(int code, std::string_view message, const cw::EncodableValue& data) override {
-    answered_ = true;
-    if (const auto server = server_.lock()) {
-      server->receiver_.Send(Message::CreateError(id_, code, message, data));
-    }
+    Send([&] { return Message::CreateError(id_, code, message, data); });
   }
 
   Message::ID GetRequestId() const override { return id_; }
 
  private:
+  // What memory runs out for may be answered again, with less.
+  template <class Make>
+  void Send(const Make& make) {
+    answered_ = true;
+    try {
+      if (const auto server = server_.lock()) {
+        server->receiver_.Send(make());
+      }
+    } catch (const std::bad_alloc&) {
+      answered_ = false;
+      throw;
+    }
+  }
+
   const Message::ID id_;
   const std::weak_ptr<Server> server_;
   std::atomic<bool> answered_{false};

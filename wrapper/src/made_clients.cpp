@@ -1,10 +1,14 @@
 #include "made_clients.h"
 
+#include <new>
+
 namespace tarv::details {
 
-// Never destroyed: managers and clients of static life use it at the end of the process.
+// Never destroyed: managers and clients of static life use it at the end of the process. Made
+// without memory: the end of a client may be the first to ask for it.
 MadeClients& MadeClients::Get() {
-  static auto* const kClients = new MadeClients();
+  alignas(MadeClients) static unsigned char storage[sizeof(MadeClients)];
+  static auto* const kClients = new (storage) MadeClients();
   return *kClients;
 }
 

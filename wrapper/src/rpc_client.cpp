@@ -3,6 +3,7 @@
 #include <vorpc/internal/hand_to_user.h>
 #include <vorpc/internal/named_peer.h>
 
+#include <new>
 #include <utility>
 
 #include "c_text.h"
@@ -26,11 +27,26 @@ bool HasAllEntries(const TARVRpcClientProcTable& table) {
          QUARN_FIND_ENTRY(table, Release) != nullptr;
 }
 
+// When memory runs out for the text, the error has a shorter one, which takes none.
 std::optional<vorpc::Message::Error> MakeError(int code, const char* message) {
   if (code == 0) {
     return std::nullopt;
   }
-  return vorpc::Message::Error(code, message);
+  try {
+    return vorpc::Message::Error(code, message);
+  } catch (const std::bad_alloc&) {
+    return vorpc::Message::Error(code, "Out of memory");
+  }
+}
+
+// The end is told once; when memory runs out on the way to it, in short.
+void Disconnect(vorpc::IOwnedClient& client, int code, const char* message) {
+  try {
+    client.Disconnect(MakeError(code, message));
+  } catch (const std::bad_alloc&) {
+    client.Disconnect(MakeError(vorpc::Message::kInternalError, ""));
+    throw;
+  }
 }
 
 }  // namespace
@@ -92,7 +108,7 @@ void RpcClient::HandleOnStarted(void* user_data, int code, const char* message, 
   AttemptAll(
       [&self, code, message] {
         if (code != 0) {
-          self->owned_->Disconnect(MakeError(code, message));
+          Disconnect(*self->owned_, code, message);
         }
       },
       [&self, chunk] {
@@ -120,7 +136,7 @@ void RpcClient::HandleOnDisconnect(void* user_data, int code, const char* messag
   if (!self) {
     return;
   }
-  AttemptAll([&self, code, message] { self->owned_->Disconnect(MakeError(code, message)); },
+  AttemptAll([&self, code, message] { Disconnect(*self->owned_, code, message); },
              [&self, chunk] { self->UnlockResources(chunk); });
 }
 
