@@ -1,0 +1,325 @@
+// One run: an operation in which one allocation fails, or all from that one on, and what comes of it.
+//
+//   torture_memory OPERATION NTH once|lasting
+//
+// The last line of its output is a JSON object: how many allocations the operation asks for, how
+// many failed, who asked for the first, and what is wrong. NTH is 0 to count only.
+
+#include <cw/encodable_value.h>
+#include <sys/types.h>
+#include <unistd.h>
+#include <vorpc/message.h>
+
+#include <QCoreApplication>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <iostream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "failing_memory.h"
+#include "kit/surroundings.h"
+#include "talk.h"
+
+namespace tarv::torture {
+namespace {
+
+using std::chrono::milliseconds;
+
+const std::string kEcho = "echo";
+constexpr milliseconds kPatience(4000);
+// How long memory stays away when nothing tells that the operation is over.
+constexpr milliseconds kWant(150);
+const std::string kTask = "torture_memory_task";
+
+struct Run {
+  std::string operation;
+  long nth = 0;
+  bool lasting = false;
+};
+
+QJsonObject facts;
+
+void Tell() {
+  facts["allocations"] = static_cast<int>(CountAllocations());
+  facts["failures"] = static_cast<int>(CountFailures());
+  facts["who"] = QString::fromStdString(WhoFailed());
+  const QByteArray line = QJsonDocument(facts).toJson(QJsonDocument::Compact);
+  std::printf("\n%s\n", line.constData());
+  std::fflush(stdout);
+}
+
+void Wrong(const std::string& what) {
+  if (!what.empty() && !facts.contains("wrong")) {
+    facts["wrong"] = QString::fromStdString(what);
+  }
+}
+
+[[noreturn]] void OnAbort(int /*signal*/) {
+  MendMemory();
+  facts["wrong"] = "aborted";
+  facts["abort"] = QString::fromStdString(WhoCalls());
+  Tell();
+  std::_Exit(1);
+}
+
+// Ends what is broken for good, and tells what is wrong.
+[[noreturn]] void GiveUp(const std::string& what) {
+  Wrong(what);
+  Tell();
+  std::_Exit(1);
+}
+
+class Torture {
+ public:
+  explicit Torture(Run run) : run_(std::move(run)) {}
+
+  void Play();
+
+ private:
+  using Step = void (Torture::*)();
+
+  void Prepare();
+  void Begin();
+  void Act();
+  void Recover();
+  void Converse(const char* what);
+  bool EndTasks();
+
+  void Start();
+  void Call();
+  void Notify();
+  void Release();
+  void EndManager();
+  void OpenUri();
+  void AskTask();
+  void Code();
+
+  bool Is(const char* name) const { return run_.operation == name; }
+  bool NeedsTask() const { return !Is("start") && !Is("code"); }
+
+  const Run run_;
+  const std::vector<cw::EncodableValue> numbers_{cw::EncodableMap{{"number", 1}},
+                                                 cw::EncodableMap{{"number", 2}}, "three"};
+  const cw::EncodableValue list_ = cw::EncodableList{"a text of some length, not short", 1, true};
+  int refusals_ = 0;
+  int task_allocations_ = 0;
+  Loop loop_;
+  Talk talk_{&loop_};
+};
+
+// Start, a request, a notification each way, the end: all of it must work.
+void Torture::Converse(const char* what) {
+  Talk talk(&loop_);
+  talk.MakeManager();
+  talk.StartTask(kTask);
+  if (!talk.Settle(kPatience) || !talk.IsConnected()) {
+    GiveUp(std::string(what) + " does not start");
+  }
+  talk.Request("echo", 7);
+  talk.Say(1);
+  if (!talk.Settle(kPatience) || !talk.HasResult() ||
+      !loop_.RunUntil([&talk] { return talk.CountSaid() == 1; }, kPatience)) {
+    GiveUp(std::string(what) + " is not served");
+  }
+  talk.OpenUri();
+  talk.Settle(kPatience);
+  talk.EndClient();
+  EndTasks();
+  talk.EndManager();
+}
+
+bool Torture::EndTasks() {
+  return loop_.RunUntil([] { return test::Children().empty(); }, kPatience);
+}
+
+void Torture::Prepare() {
+  if (!Is("first start")) {
+    Converse("the first conversation");
+    Converse("the second conversation");
+  }
+}
+
+void Torture::Begin() {
+  if (Is("first start")) {
+    return;
+  }
+  talk_.MakeManager();
+  if (NeedsTask()) {
+    talk_.StartTask(kTask);
+    talk_.Settle(kPatience);
+    talk_.Request("echo", 1);
+    talk_.Settle(kPatience);
+  }
+}
+
+void Torture::Start() {
+  talk_.MakeManager();
+  talk_.StartTask(kTask);
+  talk_.Settle(run_.lasting && run_.nth > 0 ? kWant : kPatience);
+}
+
+void Torture::Call() {
+  for (const cw::EncodableValue& number : numbers_) {
+    talk_.Request(kEcho, number);
+  }
+  talk_.Settle(run_.lasting && run_.nth > 0 ? kWant : kPatience);
+}
+
+void Torture::Notify() {
+  talk_.Say(1);
+  loop_.RunUntil([this] { return talk_.CountSaid() > 0 || talk_.HasEnded(); }, kWant);
+}
+
+void Torture::Release() {
+  talk_.Say(1);
+  talk_.EndClient();
+  loop_.RunUntil([] { return test::Children().empty(); }, kWant);
+}
+
+void Torture::EndManager() {
+  talk_.EndManager();
+  loop_.RunUntil([] { return test::Children().empty(); }, kWant);
+}
+
+void Torture::OpenUri() {
+  talk_.OpenUri();
+  talk_.Settle(run_.lasting && run_.nth > 0 ? kWant : kPatience);
+}
+
+// A message's way to its text and back, which needs neither an event loop nor a task.
+void Torture::Code() {
+  try {
+    const vorpc::Message message =
+        vorpc::Message::CreateRequest(vorpc::Message::ID("id_1"), "method of some length", list_);
+    const vorpc::Message decoded = vorpc::Message::FromBase64(message.ToBase64());
+    const bool is_whole = decoded == message;
+    if (!is_whole && CountFailures() == 0) {
+      Wrong("decoded otherwise");
+    }
+  } catch (const std::bad_alloc&) {
+    refusals_ = 1;
+  }
+}
+
+// The task's memory fails while it answers; this process has as much as it likes. The task may
+// answer, let its channel end, or end itself: each request ends.
+void Torture::AskTask() {
+  MendMemory();
+  talk_.Request("process");
+  talk_.Settle(kPatience);
+  const pid_t task = static_cast<pid_t>(talk_.GetResult().AsInt64().value_or(0));
+  talk_.Request("fail", run_.lasting ? -run_.nth : run_.nth);
+  talk_.Settle(kPatience);
+  for (const cw::EncodableValue& number : numbers_) {
+    talk_.Request(kEcho, number);
+  }
+  talk_.Say(1);
+  talk_.Settle(kWant);
+  if (task > 0) {
+    ::kill(task, SIGUSR1);
+  }
+  talk_.Settle(kPatience);
+  if (run_.nth == 0) {
+    talk_.Request("count");
+    talk_.Settle(kPatience);
+    task_allocations_ = static_cast<int>(talk_.GetResult().AsInt64().value_or(0));
+  }
+}
+
+void Torture::Act() {
+  static const std::vector<std::pair<const char*, Step>> kSteps = {
+      {"first start", &Torture::Start}, {"start", &Torture::Start},
+      {"call", &Torture::Call},         {"notify", &Torture::Notify},
+      {"release", &Torture::Release},   {"end manager", &Torture::EndManager},
+      {"open uri", &Torture::OpenUri},  {"code", &Torture::Code},
+      {"task", &Torture::AskTask}};
+  for (const auto& [name, step] : kSteps) {
+    if (Is(name)) {
+      LetMemoryFail(run_.nth, run_.lasting);
+      (this->*step)();
+      MendMemory();
+      return;
+    }
+  }
+  GiveUp("no such operation");
+}
+
+// With memory back, what is owed comes, what still lives works, and what does not can be let go.
+void Torture::Recover() {
+  facts["refusals"] = talk_.CountRefusals() + refusals_;
+  facts["escaped"] = loop_.CountEscapedExceptions();
+  if (!talk_.Settle(kPatience)) {
+    Wrong("unanswered");
+  }
+  if (talk_.GetClient() != nullptr) {
+    if (!talk_.IsConnected() && !talk_.HasEnded() && !talk_.GetClient()->HasConnectionFailed()) {
+      Wrong("neither connected nor ended");
+    }
+    talk_.Request("echo", 2);
+    if (!talk_.Settle(kPatience)) {
+      Wrong("deaf");
+    }
+    if (!talk_.HasEnded() && !talk_.HasResult()) {
+      Wrong("connected, but errs");
+    }
+    facts["goes on"] = talk_.HasResult();
+  }
+  talk_.EndClient();
+  talk_.EndManager();
+  facts["errors"] = talk_.CountErrors();
+  Wrong(talk_.WhatIsWrong());
+  if (!EndTasks()) {
+    Wrong("a task goes on");
+  }
+}
+
+void Torture::Play() {
+  Prepare();
+  const long descriptors = static_cast<long>(test::CountDescriptors());
+  const long blocks = CountBlocks();
+  if (std::getenv("TORTURE_ORIGINS") != nullptr) {
+    WatchBlocks();
+  }
+  Begin();
+  Act();
+  Recover();
+  if (!Is("first start")) {
+    Converse("the last conversation");
+  }
+  if (task_allocations_ > 0) {
+    facts["of the task"] = task_allocations_;
+  }
+  facts["blocks"] = static_cast<int>(CountBlocks() - blocks);
+  facts["descriptors"] =
+      static_cast<int>(static_cast<long>(test::CountDescriptors()) - descriptors);
+  if (std::getenv("TORTURE_ORIGINS") != nullptr) {
+    std::fputs(LivingBlocks().c_str(), stderr);
+  }
+}
+
+}  // namespace
+}  // namespace tarv::torture
+
+int main(int argc, char** argv) {
+  using namespace tarv::torture;
+  if (argc != 4) {
+    std::fprintf(stderr, "usage: %s OPERATION NTH once|lasting\n", argv[0]);
+    return 2;
+  }
+  PrepareMemory();
+  std::signal(SIGABRT, &OnAbort);
+  QCoreApplication application(argc, argv);
+  {
+    Torture torture({argv[1], std::atol(argv[2]), std::strcmp(argv[3], "lasting") == 0});
+    torture.Play();
+  }
+  Tell();
+  return 0;
+}

@@ -1,0 +1,233 @@
+#include "failing_memory.h"
+
+#include <cxxabi.h>
+#include <dlfcn.h>
+#include <execinfo.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace tarv::torture {
+namespace {
+
+struct Stack {
+  std::array<void*, 48> frames{};
+  int depth = 0;
+
+  void Fill() { depth = ::backtrace(frames.data(), static_cast<int>(frames.size())); }
+};
+
+thread_local bool counts = false;
+thread_local long nth_fails = 0;
+thread_local bool goes_on_failing = false;
+thread_local long asked = 0;
+thread_local long failed = 0;
+std::atomic<long> blocks{0};
+Stack first_failure;
+
+// Living blocks and where they come from. A table of fixed size: it may take no memory itself.
+struct Origin {
+  const void* block = nullptr;
+  Stack stack;
+};
+std::array<Origin, 4096> origins;
+bool watches = false;
+
+Origin* FindOrigin(const void* block) {
+  const auto found = std::find_if(origins.begin(), origins.end(),
+                                  [block](const Origin& origin) { return origin.block == block; });
+  return found == origins.end() ? nullptr : &*found;
+}
+
+void OnTaken(const void* block) {
+  if (block == nullptr) {
+    return;
+  }
+  ++blocks;
+  Origin* const origin = watches ? FindOrigin(nullptr) : nullptr;
+  if (origin != nullptr) {
+    origin->block = block;
+    origin->stack.Fill();
+  }
+}
+
+void OnGivenBack(const void* block) {
+  if (block == nullptr) {
+    return;
+  }
+  --blocks;
+  Origin* const origin = watches ? FindOrigin(block) : nullptr;
+  if (origin != nullptr) {
+    origin->block = nullptr;
+  }
+}
+
+bool MustFail() {
+  if (!counts) {
+    return false;
+  }
+  ++asked;
+  const bool fails =
+      nth_fails > 0 && (asked == nth_fails || (goes_on_failing && asked > nth_fails));
+  if (fails && ++failed == 1) {
+    counts = false;
+    first_failure.Fill();
+    counts = true;
+  }
+  return fails;
+}
+
+void* Fail() {
+  errno = ENOMEM;
+  return nullptr;
+}
+
+std::string FrameText(void* frame) {
+  Dl_info info{};
+  if (::dladdr(frame, &info) == 0) {
+    return "?";
+  }
+  const char* const slash = std::strrchr(info.dli_fname, '/');
+  const std::string library = slash != nullptr ? slash + 1 : info.dli_fname;
+  if (info.dli_sname == nullptr) {
+    const auto offset = static_cast<char*>(frame) - static_cast<char*>(info.dli_fbase);
+    return library + "+" + std::to_string(offset);
+  }
+  int status = 0;
+  char* const readable = abi::__cxa_demangle(info.dli_sname, nullptr, nullptr, &status);
+  const std::string name = status == 0 ? readable : info.dli_sname;
+  std::free(readable);
+  return library + ":" + name;
+}
+
+std::string Text(const Stack& stack) {
+  std::string text;
+  for (int i = 0; i < stack.depth; ++i) {
+    text += (i == 0 ? "" : " < ") + FrameText(stack.frames[static_cast<std::size_t>(i)]);
+  }
+  return text;
+}
+
+}  // namespace
+
+void LetMemoryFail(long nth, bool lasting) {
+  nth_fails = nth;
+  goes_on_failing = lasting;
+  asked = failed = 0;
+  first_failure = {};
+  counts = true;
+}
+
+// Async-signal-safe, and final: a scope of one's own memory may be under way.
+void MendMemory() {
+  counts = false;
+  nth_fails = 0;
+}
+
+OwnMemory::OwnMemory() : before_(counts) { counts = false; }
+OwnMemory::~OwnMemory() { counts = before_; }
+
+long CountAllocations() { return asked; }
+long CountFailures() { return failed; }
+long CountBlocks() { return blocks; }
+
+std::string WhoFailed() { return Text(first_failure); }
+
+std::string WhoCalls() {
+  Stack here;
+  here.Fill();
+  return Text(here);
+}
+
+void PrepareMemory() {
+  static_cast<void>(WhoCalls());
+  std::puts("memory is prepared");
+}
+
+void WatchBlocks() { watches = true; }
+
+std::string LivingBlocks() {
+  watches = false;
+  std::string text;
+  for (const Origin& origin : origins) {
+    text += origin.block == nullptr ? "" : Text(origin.stack) + "\n";
+  }
+  return text;
+}
+
+}  // namespace tarv::torture
+
+// The C library's own names of what stands before them here.
+extern "C" {
+void* __libc_malloc(std::size_t size);                     // NOLINT(bugprone-reserved-identifier)
+void* __libc_calloc(std::size_t count, std::size_t size);  // NOLINT(bugprone-reserved-identifier)
+void* __libc_realloc(void* memory, std::size_t size);      // NOLINT(bugprone-reserved-identifier)
+void* __libc_memalign(std::size_t alignment,
+                      std::size_t size);  // NOLINT(bugprone-reserved-identifier)
+void __libc_free(void* memory);           // NOLINT(bugprone-reserved-identifier)
+
+#define TORTURE_EXPORT __attribute__((visibility("default")))
+
+TORTURE_EXPORT void* malloc(std::size_t size) {
+  if (tarv::torture::MustFail()) {
+    return tarv::torture::Fail();
+  }
+  void* const block = __libc_malloc(size);
+  tarv::torture::OnTaken(block);
+  return block;
+}
+
+TORTURE_EXPORT void* calloc(std::size_t count, std::size_t size) {
+  if (tarv::torture::MustFail()) {
+    return tarv::torture::Fail();
+  }
+  void* const block = __libc_calloc(count, size);
+  tarv::torture::OnTaken(block);
+  return block;
+}
+
+TORTURE_EXPORT void* realloc(void* memory, std::size_t size) {
+  if (tarv::torture::MustFail()) {
+    return tarv::torture::Fail();
+  }
+  void* const block = __libc_realloc(memory, size);
+  if (block != nullptr || size == 0) {
+    tarv::torture::OnGivenBack(memory);
+    tarv::torture::OnTaken(block);
+  }
+  return block;
+}
+
+TORTURE_EXPORT void* memalign(std::size_t alignment, std::size_t size) {
+  if (tarv::torture::MustFail()) {
+    return tarv::torture::Fail();
+  }
+  void* const block = __libc_memalign(alignment, size);
+  tarv::torture::OnTaken(block);
+  return block;
+}
+
+TORTURE_EXPORT void* aligned_alloc(std::size_t alignment, std::size_t size) {
+  return memalign(alignment, size);
+}
+
+TORTURE_EXPORT int posix_memalign(void** memory, std::size_t alignment, std::size_t size) {
+  void* const block = memalign(alignment, size);
+  if (block == nullptr) {
+    return ENOMEM;
+  }
+  *memory = block;
+  return 0;
+}
+
+TORTURE_EXPORT void free(void* memory) {
+  tarv::torture::OnGivenBack(memory);
+  __libc_free(memory);
+}
+}

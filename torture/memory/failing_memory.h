@@ -1,0 +1,50 @@
+// Memory that runs out at a chosen allocation: failing_memory.cpp puts itself before malloc and its
+// kin for the whole process, so that operator new, Qt and the C library all feel it.
+#ifndef TORTURE_FAILING_MEMORY_H
+#define TORTURE_FAILING_MEMORY_H
+
+#include <string>
+
+namespace tarv::torture {
+
+// From now on the allocation with the number `nth`, counted from 1, of this thread fails; with
+// `lasting`, all later ones, too. 0: none fails, but they are counted.
+void LetMemoryFail(long nth, bool lasting);
+// All succeed again.
+void MendMemory();
+
+// What the torture itself takes in this scope never fails, and is not counted.
+class OwnMemory {
+ public:
+  OwnMemory();
+  ~OwnMemory();
+  OwnMemory(const OwnMemory&) = delete;
+  OwnMemory& operator=(const OwnMemory&) = delete;
+
+ private:
+  const bool before_;
+};
+
+// Allocations that this thread has asked for since the latest LetMemoryFail(), up to the mending.
+long CountAllocations();
+// How many of them failed.
+long CountFailures();
+// Blocks that the process has and has not given back.
+long CountBlocks();
+
+// Who asked for the first allocation that failed: functions and libraries, the innermost first.
+std::string WhoFailed();
+// The same of the function that calls this.
+std::string WhoCalls();
+
+// Makes what is looked up once be looked up now, before memory fails.
+void PrepareMemory();
+
+// From now on, where each living block comes from is kept.
+void WatchBlocks();
+// Where the blocks come from that live now and have been taken since WatchBlocks().
+std::string LivingBlocks();
+
+}  // namespace tarv::torture
+
+#endif  // TORTURE_FAILING_MEMORY_H
