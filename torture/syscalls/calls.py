@@ -1,0 +1,202 @@
+#!/usr/bin/env python3
+"""Lets system calls fail under an application and its task, and says what comes of it.
+
+    calls.py SHIM PROGRAM TASK_FOLDER [--every N] [--only CALL] [--whose qt] [--jobs N]
+
+Each run is a whole program: three conversations with tasks, of which one call fails at one place,
+once or from then on. failing_calls.cpp makes it fail; conversation.cpp asks that each request ends
+once, in time and with a text. Here it is added what one may expect of the conversations:
+
+- what is interrupted (EINTR) or falls short is mended without a trace: all three go well;
+- a single failure spoils one conversation at most: later work succeeds;
+- a lasting one ends each request in an error, and the program in time;
+- no process and no socket file is there two seconds later.
+"""
+import argparse
+import collections
+import concurrent.futures
+import os
+import pathlib
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+
+RESOURCES = ["EMFILE", "ENFILE", "ENOMEM"]
+ERRORS = {
+    "socket": RESOURCES + ["ENOBUFS", "EACCES"],
+    "bind": ["ENOMEM", "ENOSPC", "EACCES", "EIO"],
+    "listen": ["EACCES", "ENOBUFS"],
+    "accept4": RESOURCES + ["ENOBUFS", "EINTR", "EAGAIN", "EIO"],
+    "connect": ["EACCES", "EAGAIN", "EINTR", "ENOMEM"],
+    "fork": ["EAGAIN", "ENOMEM"],
+    "execve": ["EACCES", "ENOMEM", "EIO", "EMFILE"],
+    "pipe2": ["EMFILE", "ENFILE"],
+    "read": ["EIO", "EINTR", "EAGAIN", "short"],
+    "write": ["EIO", "ENOSPC", "EPIPE", "EINTR", "EAGAIN", "short"],
+    "sendmsg": ["EPIPE", "ENOBUFS", "ENOMEM", "EAGAIN", "EINTR", "EIO", "short"],
+    "recv": ["EIO", "EINTR", "EAGAIN", "ENOMEM", "short"],
+    "poll": ["EINTR", "ENOMEM"],
+    "epoll_create1": RESOURCES,
+    "epoll_ctl": ["ENOMEM", "ENOSPC"],
+    "epoll_wait": ["EINTR"],
+    "waitid": ["EINTR", "EIO"],
+    "unlink": ["EACCES", "EIO"],
+    "unlinkat": ["EACCES", "EIO"],
+    "open": RESOURCES + ["EACCES", "EINTR"],
+    "openat": RESOURCES + ["EACCES", "EIO"],
+    "rename": ["EACCES", "ENOSPC"],
+    "mkdir": ["EACCES", "ENOSPC"],
+    "mkdirat": ["EACCES", "ENOSPC"],
+    "fcntl": ["EMFILE"],
+}
+PROGRAMS = ["torture_calls", "torture_calls_task"]
+MENDED = ["EINTR", "short"]
+LIMIT = 200  # seconds that a run may take: several times the patience of its steps
+
+
+def living(folder):
+    """Processes that have this runtime folder, and are no zombies."""
+    mark = f"XDG_RUNTIME_DIR={folder}".encode()
+    found = []
+    for process in pathlib.Path("/proc").iterdir():
+        try:
+            if process.name.isdigit() and mark in (process / "environ").read_bytes().split(b"\0"):
+                if (process / "stat").read_text().rsplit(")", 1)[1].split()[0] != "Z":
+                    found.append(int(process.name))
+        except OSError:
+            pass
+    return found
+
+
+def what_is_left(folder):
+    deadline = time.monotonic() + 2
+    while True:
+        left = ["process"] * len(living(folder))
+        left += ["socket file" for path in pathlib.Path(folder).rglob("*") if path.is_socket()]
+        if not left or time.monotonic() > deadline:
+            return left
+        time.sleep(0.05)
+
+
+def play(arguments, fault, folder):
+    log = pathlib.Path(folder) / "calls"
+    environment = dict(os.environ, XDG_RUNTIME_DIR=folder, RUNTIME_MANAGER_URI_HANDLER="/bin/true",
+                       RUNTIME_MANAGER_TASK_PATH=arguments.task_folder, LD_PRELOAD=arguments.shim,
+                       FAIL_LOG=str(log), FAIL_WHOSE=arguments.whose, **fault)
+    process = subprocess.Popen([arguments.program], env=environment, stdout=subprocess.PIPE,
+                               stderr=subprocess.STDOUT, text=True, errors="replace")
+    try:
+        output, _ = process.communicate(timeout=LIMIT)
+    except subprocess.TimeoutExpired:
+        process.kill()
+        output, _ = process.communicate()
+        output += "\nWRONG program: no end of it\n"
+    lines = log.read_text().splitlines() if log.exists() else []
+    return output, process.returncode, lines
+
+
+def counts_of(lines, program):
+    """How often a process of this program made each call, at most."""
+    counts = collections.Counter()
+    for line in lines:
+        name, *numbers = line.split()
+        if name == program:
+            counts |= collections.Counter({key: int(value) for key, value in
+                                           (number.split("=") for number in numbers)})
+    return counts
+
+
+def judge(output, status, fault):
+    wrong = [line for line in output.splitlines() if line.startswith("WRONG")]
+    if wrong:
+        return wrong[0]
+    if status != 0:
+        return f"WRONG end: {status}"
+    good = output.rsplit("good: ", 1)[-1].split()[0]
+    lasting = fault.get("FAIL_LASTS") == "1"
+    if fault.get("FAIL_ERROR") in MENDED and good != "111":
+        return f"WRONG not mended: {good}"
+    if not lasting and good.count("0") > 1:
+        return f"WRONG one failure spoiled more: {good}"
+    return "mended without a trace" if good == "111" else "an error"
+
+
+def run(arguments, fault):
+    with tempfile.TemporaryDirectory(prefix="tarv-calls-", ignore_cleanup_errors=True) as folder:
+        output, status, lines = play(arguments, fault, folder)
+        outcome = judge(output, status, fault)
+        left = what_is_left(folder)
+        if left and not outcome.startswith("WRONG") and not is_lasting_unlink(fault):
+            outcome = f"WRONG a {left[0]} is left behind"
+        for process in living(folder):
+            os.kill(process, signal.SIGKILL)
+    is_seen = fault["FAIL_CALL"] == "execve" or any("struck=0" not in line for line in lines)
+    if not is_seen and not outcome.startswith("WRONG"):
+        outcome = "not struck"  # another course than the counted one, or in a process that was killed
+    return outcome, output, lines
+
+
+def is_lasting_unlink(fault):
+    """Files that nobody may remove stay."""
+    return fault.get("FAIL_CALL", "").startswith("unlink")
+
+
+def faults_of(arguments):
+    _, status, lines = play_clean(arguments)
+    if status != 0:
+        sys.exit(f"without any fault the program ends with {status}")
+    for program in PROGRAMS:
+        counts = counts_of(lines, program)
+        # It is called in the forked child, which keeps no account: once in each.
+        counts["execve"] = 1 if counts["fork"] else 0
+        for call, errors in ERRORS.items():
+            for nth in range(1, counts[call] + 1):
+                for error in errors:
+                    for lasts in "01":
+                        # What is interrupted for ever may be tried for ever, and each child's
+                        # first execve is every child's.
+                        if not (lasts == "1" and error == "EINTR") and (lasts, call) != ("0", "execve"):
+                            yield {"FAIL_IN": program, "FAIL_CALL": call, "FAIL_ERROR": error,
+                                   "FAIL_AT": str(nth), "FAIL_LASTS": lasts}
+
+
+def play_clean(arguments):
+    with tempfile.TemporaryDirectory(prefix="tarv-calls-") as folder:
+        return play(arguments, {}, folder)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("shim")
+    parser.add_argument("program")
+    parser.add_argument("task_folder")
+    parser.add_argument("--every", type=int, default=int(os.environ.get("TORTURE_EVERY", "1")))
+    parser.add_argument("--only", choices=ERRORS)
+    parser.add_argument("--whose", choices=["ours", "qt"], default="ours")
+    parser.add_argument("--jobs", type=int, default=2 * (os.cpu_count() or 1))
+    arguments = parser.parse_args()
+    faults = [fault for fault in faults_of(arguments)
+              if arguments.only in (None, fault["FAIL_CALL"])][::arguments.every]
+    table = collections.defaultdict(collections.Counter)
+    wrong = 0
+    with concurrent.futures.ThreadPoolExecutor(arguments.jobs) as pool:
+        jobs = [(fault, pool.submit(run, arguments, fault)) for fault in faults]
+        for fault, job in jobs:
+            outcome, output, _ = job.result()
+            table[fault["FAIL_CALL"]][outcome] += 1
+            if outcome.startswith("WRONG"):
+                wrong += 1
+                print(" ".join(f"{key}={value}" for key, value in fault.items()), outcome, flush=True)
+                if os.environ.get("TORTURE_OUTPUT"):
+                    print(output, flush=True)
+    for call, outcomes in table.items():
+        print(f"{call}: " + ", ".join(f"{count} {what}" for what, count in outcomes.most_common()))
+    print(f"{len(faults)} runs, {wrong} wrong")
+    # What Qt makes of its own failing calls is listed, not asked for.
+    sys.exit(1 if wrong and arguments.whose == "ours" else 0)
+
+
+main()
