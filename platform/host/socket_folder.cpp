@@ -258,7 +258,7 @@ UniqueFd SocketFolder::Listen(const QString& name, Error* error) const {
   if (error_number == 0 && (::fchmodat(Descriptor(), entry.constData(), kSocketMode, 0) != 0 ||
                             ::listen(socket.Get(), kBacklog) != 0)) {
     error_number = errno;
-    Remove(name);
+    ::unlinkat(Descriptor(), entry.constData(), 0);
   }
   if (error_number == 0) {
     return socket;
@@ -270,20 +270,27 @@ UniqueFd SocketFolder::Listen(const QString& name, Error* error) const {
 
 UniqueFd SocketFolder::ListenConnected(const QString& name, UniqueFd* first, Error* error) const {
   const QString hidden = HiddenSocketName(name);
+  const QByteArray from = hidden.toUtf8();
+  const QByteArray to = name.toUtf8();
   UniqueFd socket = Listen(hidden, error);
   if (!socket.IsValid()) {
     return socket;
   }
+  // Under its hidden name it stays in no case, also not when memory runs out.
+  const auto remove = [this](const QByteArray* file) {
+    ::unlinkat(Descriptor(), file->constData(), 0);
+  };
+  std::unique_ptr<const QByteArray, decltype(remove)> hidden_file(&from, remove);
   int error_number = 0;
   *first = Connect(hidden, &error_number);
-  if (error_number == 0 && ::renameat(Descriptor(), hidden.toUtf8().constData(), Descriptor(),
-                                      name.toUtf8().constData()) != 0) {
+  if (error_number == 0 &&
+      ::renameat(Descriptor(), from.constData(), Descriptor(), to.constData()) != 0) {
     error_number = errno;
   }
   if (error_number == 0) {
+    static_cast<void>(hidden_file.release());
     return socket;
   }
-  Remove(hidden);
   *error =
       SystemError(Error::kRuntimeFolder,
                   QString("cannot connect to the new socket '%1'").arg(PathOf(name)), error_number);
