@@ -84,60 +84,62 @@ TEST(MessageText, LeavesItsMemoryToTheNextOneThatIsSent) {
   }
   quarn::TextRoom::Get().GiveBack();
   EXPECT_LT(GetMemoryUsage().held + message.ToBase64().size() / 2, held);
-  // A connected client with requests that wait, and the order in which they end.
-  class ClientEnd : public testing::Test {
-   protected:
-    ClientEnd() {
-      client_->Run();
-      client_->SetStarted();
-      client_->Receive(Message::CreateResponse(*connect_id_, {}));
-      for (int number = 0; number < kRequests; ++number) {
-        client_->SendRequest("m", {}, [this, number](const Message::Response& response) {
-          order_[static_cast<std::size_t>(ended_++)] = number;
-          short_texts_ += response.GetError()->message == "Out of memory" ? 1 : 0;
-        });
-      }
+}
+
+// A connected client with requests that wait, and the order in which they end.
+class ClientEnd : public testing::Test {
+ protected:
+  ClientEnd() {
+    client_->Run();
+    client_->SetStarted();
+    client_->Receive(Message::CreateResponse(*connect_id_, {}));
+    for (int number = 0; number < kRequests; ++number) {
+      client_->SendRequest("m", {}, [this, number](const Message::Response& response) {
+        order_[static_cast<std::size_t>(ended_++)] = number;
+        short_texts_ += response.GetError()->message == "Out of memory" ? 1 : 0;
+      });
     }
+  }
 
-    template <class End>
-    static void WithoutMemory(const End& end) {
-      GetMemoryUsage().limit = 0;
-      end();
-      GetMemoryUsage().limit = std::numeric_limits<std::size_t>::max();
+  template <class End>
+  static void WithoutMemory(const End& end) {
+    GetMemoryUsage().limit = 0;
+    end();
+    GetMemoryUsage().limit = std::numeric_limits<std::size_t>::max();
+  }
+
+  static constexpr int kRequests = 3;
+  std::optional<Message::ID> connect_id_;
+  std::array<int, kRequests> order_{};
+  int ended_ = 0;
+  int short_texts_ = 0;
+  std::shared_ptr<IOwnedClient> client_ = IOwnedClient::Create([this](Message&& message) {
+    if (message.IsRequest("vorpc.connected")) {
+      connect_id_ = message.GetRequest()->id;
     }
+  });
+};
 
-    static constexpr int kRequests = 3;
-    std::optional<Message::ID> connect_id_;
-    std::array<int, kRequests> order_{};
-    int ended_ = 0;
-    int short_texts_ = 0;
-    std::shared_ptr<IOwnedClient> client_ = IOwnedClient::Create([this](Message&& message) {
-      if (message.IsRequest("vorpc.connected")) {
-        connect_id_ = message.GetRequest()->id;
-      }
-    });
-  };
+TEST_F(ClientEnd, AnswersEachRequestInItsTurnWhenNoMemoryIsLeft) {
+  WithoutMemory([this] { client_->Disconnect(Message::Error(1, "gone")); });
+  EXPECT_EQ(ended_, kRequests);
+  EXPECT_EQ(order_, (std::array<int, kRequests>{0, 1, 2}));
+  EXPECT_EQ(short_texts_, 0);
+}
 
-  TEST_F(ClientEnd, AnswersEachRequestInItsTurnWhenNoMemoryIsLeft) {
-    WithoutMemory([this] { client_->Disconnect(Message::Error(1, "gone")); });
-    EXPECT_EQ(ended_, kRequests);
-    EXPECT_EQ(order_, (std::array<int, kRequests>{0, 1, 2}));
-    EXPECT_EQ(short_texts_, 0);
-  }
+TEST_F(ClientEnd, AnswersInShortWhenNoMemoryIsLeftForTheReason) {
+  std::optional<Message::Error> reason(
+      std::in_place, 1, "a reason that is too long to stand where the text itself stands");
+  WithoutMemory(
+      [this, &reason] { EXPECT_THROW(client_->Disconnect(std::move(reason)), std::bad_alloc); });
+  EXPECT_EQ(ended_, kRequests);
+  EXPECT_EQ(short_texts_, kRequests);
+}
 
-  TEST_F(ClientEnd, AnswersInShortWhenNoMemoryIsLeftForTheReason) {
-    std::optional<Message::Error> reason(
-        std::in_place, 1, "a reason that is too long to stand where the text itself stands");
-    WithoutMemory(
-        [this, &reason] { EXPECT_THROW(client_->Disconnect(std::move(reason)), std::bad_alloc); });
-    EXPECT_EQ(ended_, kRequests);
-    EXPECT_EQ(short_texts_, kRequests);
-  }
-
-  TEST_F(ClientEnd, IsLetGoWhenNoMemoryIsLeft) {
-    WithoutMemory([this] { client_.reset(); });
-    EXPECT_EQ(ended_, 0);
-  }
+TEST_F(ClientEnd, IsLetGoWhenNoMemoryIsLeft) {
+  WithoutMemory([this] { client_.reset(); });
+  EXPECT_EQ(ended_, 0);
+}
 
 }  // namespace
 }  // namespace vorpc
