@@ -55,7 +55,7 @@ TEST_F(PluginRegistrarTest, IsMadeOnceAndKeepsItsPluginsWhenItIsAskedForAgain) {
   PluginRegistrar* const registrar = GetRegistrar(context);
   registrar->AddPlugin(std::make_shared<NotedPlugin>(&log_, registrar));
   const std::vector<std::string> loads = embedder.loads;
-  EXPECT_THAT(loads, ElementsAre("application 88", "messenger 40", "textures 32"));
+  EXPECT_THAT(loads, ElementsAre("application 88", "view 312", "messenger 40", "textures 32"));
   for (int i = 0; i < 3; ++i) {
     EXPECT_EQ(GetRegistrar(embedder.MakeContext(72, 1004)), registrar);
   }

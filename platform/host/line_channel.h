@@ -23,6 +23,7 @@
 #include "send_queue.h"
 #include "turn.h"
 #include "unique_fd.h"
+#include "want_of_memory.h"
 
 namespace RuntimeManager::host {
 
@@ -86,8 +87,16 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   void DeliverData(std::string_view text);
   bool WantsData() const { return callbacks_.wants_data && callbacks_.wants_data(); }
   void WarnAboutLine(std::string_view line, const char* what);
+  // Takes a step of this channel's own, no handler's. What it loses for want of memory cannot be told
+  // from here, so the connection ends then, and whoever waits for an answer hears of it.
   template <class Step>
-  bool OrEnd(const Step& step);
+  bool OrEnd(const Step& step) {
+    const bool taken = Attempt(step);
+    if (!taken) {
+      End(out_of_memory_);
+    }
+    return taken;
+  }
   void EndTooLong();
   void End(const Error& error);
 

@@ -15,6 +15,7 @@
 #include <set>
 #include <vector>
 
+#include "hidden_file.h"
 #include "socket_name.h"
 #include "support.h"
 
@@ -270,25 +271,17 @@ UniqueFd SocketFolder::Listen(const QString& name, Error* error) const {
 
 UniqueFd SocketFolder::ListenConnected(const QString& name, UniqueFd* first, Error* error) const {
   const QString hidden = HiddenSocketName(name);
-  const QByteArray from = hidden.toUtf8();
-  const QByteArray to = name.toUtf8();
+  HiddenFile file(Descriptor(), hidden);
   UniqueFd socket = Listen(hidden, error);
   if (!socket.IsValid()) {
     return socket;
   }
-  // Under its hidden name it stays in no case, also not when memory runs out.
-  const auto remove = [this](const QByteArray* file) {
-    ::unlinkat(Descriptor(), file->constData(), 0);
-  };
-  std::unique_ptr<const QByteArray, decltype(remove)> hidden_file(&from, remove);
   int error_number = 0;
   *first = Connect(hidden, &error_number);
-  if (error_number == 0 &&
-      ::renameat(Descriptor(), from.constData(), Descriptor(), to.constData()) != 0) {
-    error_number = errno;
+  if (error_number == 0) {
+    error_number = file.Rename(name);
   }
   if (error_number == 0) {
-    static_cast<void>(hidden_file.release());
     return socket;
   }
   *error =

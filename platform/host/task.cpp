@@ -5,11 +5,11 @@
 #include <vector>
 
 #include "child_process.h"
-#include "exec_failure.h"
 #include "fault_relay.h"
 #include "socket_folder.h"
 #include "socket_name.h"
 #include "support.h"
+#include "task_end.h"
 #include "task_registry.h"
 #include "task_request.h"
 #include "want_of_memory.h"
@@ -20,7 +20,6 @@ using host::Attempt;
 using host::ChildEnd;
 using host::ChildProcess;
 using host::FaultRelay;
-using host::MadeOr;
 using host::SocketFile;
 using host::SocketFolder;
 using host::TaskRegistry;
@@ -49,15 +48,13 @@ class Task::Private {
   void OnRunning();
   void OnEnded(const ChildEnd& end);
   void OnNeverRan(const Error& error);
-  Error WhyEnded(const ChildEnd& end) const;
   void OnRanAndEnded(const ChildEnd& end);
   void DrainSocket();
   void TellFinished(const Error& why);
   void CompleteStart(const Error& error);
   void CompleteStops(const Error& error);
   void CompleteLater(Completion completion, const Error& error) const;
-  // "the task 'echo' (process 12)"
-  QString Title() const;
+  QString Title() const { return host::TaskTitle(name, process->GetPid()); }
 
   Task* const owner;
   // Qt makes what QPointers share with the first one: here, where memory may still run out.
@@ -80,10 +77,6 @@ Task::Private::~Private() { Undo(); }
 void Task::Private::ForgetSocket() {
   TaskRegistry::Get().RemoveTask(socket_path);
   socket_file.Remove();
-}
-
-QString Task::Private::Title() const {
-  return QString("the task '%1' (process %2)").arg(name).arg(process->GetPid());
 }
 
 Error Task::Private::AddFaults(UniqueFd* connection) const {
@@ -222,13 +215,7 @@ void Task::Private::OnEnded(const ChildEnd& end) {
     OnRanAndEnded(end);
     return;
   }
-  OnNeverRan(MadeOr(
-      [this, &end] {
-        return Error(Error::kStartFailed,
-                     QString("the task '%1' cannot be started: %2")
-                         .arg(name, host::ExecFailureText(program, end.exec_error)));
-      },
-      host::OutOfMemory(Error::kStartFailed)));
+  OnNeverRan(host::WhyNeverRan(name, program, end));
 }
 
 void Task::Private::OnNeverRan(const Error& error) {
@@ -242,14 +229,6 @@ void Task::Private::OnNeverRan(const Error& error) {
   }
   Attempt([&path, &error] { TaskRegistry::Get().TellEnded(path, error); });
   TaskRegistry::Get().RemoveTask(path);
-}
-
-Error Task::Private::WhyEnded(const ChildEnd& end) const {
-  QString text = Title() + ' ' + end.how;
-  if (!end.last_lines.isEmpty()) {
-    text += "; its last words: " + end.last_lines;
-  }
-  return {end.killed ? Error::kTaskKilled : Error::kTaskExited, text};
 }
 
 // Handlers may destroy the Task meanwhile.
@@ -275,8 +254,7 @@ void Task::Private::TellFinished(const Error& why) {
 void Task::Private::OnRanAndEnded(const ChildEnd& end) {
   const QPointer<Task> alive(owner);
   const QString path = socket_path;
-  const Error why = MadeOr([this, &end] { return WhyEnded(end); },
-                           host::OutOfMemory(end.killed ? Error::kTaskKilled : Error::kTaskExited));
+  const Error why = host::WhyEnded(name, process->GetPid(), end);
   if (start_completion) {
     OnRunning();
   }
