@@ -62,7 +62,7 @@ std::string Run(tarvctl::Run run, const Request& request) {
   } catch (const tarvctl::JsonError&) {
     return {};
   }
-  const std::string result = Results::Get().Take();
+  std::string result = Results::Get().Take();
   Require(!result.empty() && result.back() == '\n', "a result is lines");
   return result;
 }

@@ -104,16 +104,8 @@ class Answer {
   Answer(const Answer&) = delete;
   Answer& operator=(const Answer&) = delete;
   ~Answer() {
-    if (answered_) {
-      return;
-    }
-    const bool told = Attempt([this] {
-      Send({{intent::kError,
-             QString("the owner of the intent '%1' let it go without an answer").arg(name_)}});
-    });
-    const auto live = told || !IsInItsThread() ? nullptr : invocation_.lock();
-    if (live != nullptr) {
-      live->Drop();
+    if (!answered_) {
+      TellThereIsNone();
     }
   }
 
@@ -126,6 +118,18 @@ class Answer {
   }
 
  private:
+  // When memory runs out for the words, the invoker sees the end of the connection.
+  void TellThereIsNone() {
+    const bool told = Attempt([this] {
+      Send({{intent::kError,
+             QString("the owner of the intent '%1' let it go without an answer").arg(name_)}});
+    });
+    const auto live = told || !IsInItsThread() ? nullptr : invocation_.lock();
+    if (live != nullptr) {
+      live->Drop();
+    }
+  }
+
   bool IsInItsThread() const { return context_->thread() == QThread::currentThread(); }
 
   // The connection belongs to the owner's thread.
@@ -193,7 +197,7 @@ void IntentOwner::Invocation::Prepare(const QJsonObject& object, QJsonObject* pa
 void IntentOwner::Invocation::OnEnd() { owner_->invocations_.erase(shared_from_this()); }
 
 void IntentOwner::Invocation::Drop() {
-  const auto self = shared_from_this();
+  const auto self = weak_from_this().lock();
   if (channel_ != nullptr) {
     channel_->Close();
   }

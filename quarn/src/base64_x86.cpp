@@ -10,7 +10,8 @@
 #if defined(__x86_64__)
 
 #include <immintrin.h>
-#if __has_include(<sys/platform/x86.h>)
+// Clang does not know the name of C's bool that this header uses.
+#if __has_include(<sys/platform/x86.h>) && !defined(__clang__)
 #include <sys/platform/x86.h>
 #endif
 

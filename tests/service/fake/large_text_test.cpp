@@ -8,6 +8,7 @@
 
 #include "../failing_allocation.h"
 #include "fake_platform.h"
+#include "received_texts.h"
 #include "support/capture.h"
 
 namespace tarv::test {
@@ -31,29 +32,6 @@ class LargeShortcut : public FakePlatform {
     };
     slots.user_data = &last_;
     server_table_.Run(server_, &slots);
-  }
-
-  void Receive(int size) {
-    QByteArray text(size, 'x');
-    Q_EMIT Channel().dataReceived(text);
-  }
-
-  // Whether the text is received when memory runs out after so many allocations.
-  bool ReceiveWithSpareMemory(int size, int allocations) {
-    QByteArray text(size, 'x');
-    const ExhaustedMemory exhausted(allocations);
-    try {
-      Q_EMIT Channel().dataReceived(text);
-    } catch (const std::bad_alloc&) {
-      return false;
-    }
-    return true;
-  }
-
-  // Whether there is no chunk of this id; from now on there is none.
-  bool IsNoChunk(std::size_t id) {
-    const std::string output = StdoutOf([&] { server_table_.UnlockResources(server_, id); });
-    return output.find("Invalid chunk ID <" + std::to_string(id) + ">") != std::string::npos;
   }
 
   HandedOut last_;
@@ -121,23 +99,50 @@ TEST_F(LargeShortcut, TakesNoMemoryForTheTextsAfterTheFirst) {
   }
 }
 
+// The channel does not outlive a want of memory, but what keeps its texts may.
+class KeptTexts : public testing::TestWithParam<int> {
+ protected:
+  // Whether the text is kept when memory runs out after so many allocations; its chunk is the
+  // caller's.
+  bool KeepWithSpareMemory(int allocations) {
+    QByteArray text(GetParam(), 'x');
+    const ExhaustedMemory exhausted(allocations);
+    try {
+      chunks_.insert(texts_.Keep(text).chunk);
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
+    return true;
+  }
+
+  std::uint64_t Keep() {
+    QByteArray text(GetParam(), 'x');
+    return *chunks_.insert(texts_.Keep(text).chunk).first;
+  }
+
+  // Whether there is no chunk of this id; from now on there is none.
+  bool IsNoChunk(std::uint64_t id) {
+    const std::string output = StdoutOf([&] { texts_.Remove(id); });
+    return output.find("Invalid chunk ID <" + std::to_string(id) + ">") != std::string::npos;
+  }
+
+  tarv::details::ReceivedTexts texts_;
+  std::set<std::uint64_t> chunks_;  // handed out
+};
+
 // The ids of the chunks that were made meanwhile and not handed out are those of none.
-TEST_F(LargeShortcut, LeavesNoChunkOfATextForWhichMemoryRunsOut) {
-  for (const int size : {100, 64 << 10}) {
-    Receive(size);
-    std::size_t id = last_.chunk;
-    std::set<std::size_t> handed_out{id};
-    for (int spare = 0; spare < 8; ++spare) {
-      const bool is_received = ReceiveWithSpareMemory(size, spare);
-      EXPECT_TRUE(is_received || spare < 7);
-      handed_out.insert(last_.chunk);
-    }
-    Receive(size);
-    for (; id < last_.chunk; ++id) {
-      EXPECT_EQ(handed_out.count(id) == 0, IsNoChunk(id)) << id;
-    }
+TEST_P(KeptTexts, LeaveNoChunkOfATextForWhichMemoryRunsOut) {
+  std::uint64_t id = Keep();
+  for (int spare = 0; spare < 8; ++spare) {
+    const bool is_kept = KeepWithSpareMemory(spare);
+    EXPECT_TRUE(is_kept || spare < 7);
+  }
+  for (const std::uint64_t last = Keep(); id <= last; ++id) {
+    EXPECT_EQ(chunks_.count(id) == 0, IsNoChunk(id)) << id;
   }
 }
+
+INSTANTIATE_TEST_SUITE_P(SmallAndLarge, KeptTexts, testing::Values(100, 64 << 10));
 
 }  // namespace
 }  // namespace tarv::test
