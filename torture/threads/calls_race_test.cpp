@@ -24,7 +24,8 @@ extern "C" {
 
 int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
 
-int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
+// Visible, because with sanitizers the linker wants it for libraries, too.
+__attribute__((visibility("default"))) int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
   if (const auto step = std::exchange(before_lock, nullptr)) {
     step();
   }
