@@ -100,15 +100,24 @@ void CallerCore::KeepWhileStarting(const std::shared_ptr<vorpc::IClient>& client
   if (loop_->Now() >= started) {
     return;
   }
+  // Qt's loop lives as long as somebody has it. Any other has an owner, and is not kept from its end.
+  const auto qt_loop = loop_ == Loop::OfThisThread() ? loop_ : nullptr;
   const auto kept = std::make_shared<std::shared_ptr<vorpc::IClient>>(client);
+  const auto let_go = [weak = std::weak_ptr(kept)] {
+    if (const auto held = weak.lock()) {
+      held->reset();
+    }
+  };
   loop_->WakeAt(started, [kept] { kept->reset(); });
-  client->OnConnected([weak = std::weak_ptr(kept), loop = loop_](const OptionalError& /*error*/) {
-    loop->Post([weak] {
-      if (const auto connected = weak.lock()) {
-        connected->reset();
-      }
-    });
-  });
+  client->OnConnected(
+      [let_go, qt_loop, weak = std::weak_ptr(loop_)](const OptionalError& /*error*/) {
+        if (const auto loop = weak.lock()) {
+          loop->Post(let_go);
+        }
+      });
+  if (auto* const task = dynamic_cast<ITaskClient*>(client.get())) {
+    task->OnManagerEnded([let_go, qt_loop](EndedManager /*manager*/) { let_go(); });
+  }
 }
 
 void CallerCore::Lose(const Loss& loss) {
