@@ -37,6 +37,9 @@ enum class Callback {
 constexpr Callback kLastCallback = Callback::kIntent;
 const char* NameOf(Callback callback);
 
+// What the platform does with an exception of a callback: it goes on.
+void Survive(const std::function<void()>& step);
+
 // The slots of one object, as a caller has them: what was called, and whether that was right.
 struct Slots {
   std::string name;
@@ -113,6 +116,7 @@ class ServiceWorld {
   void HearText(Slots& slots, Callback callback, const char* text,
                 const std::function<void()>& unlock);
   void Fault(const Slots& slots, const std::string& what);
+  std::vector<std::function<void()>> StepsOfALife();
   void RunInLoop(const std::function<void()>& step);
   void CheckEnd();
 

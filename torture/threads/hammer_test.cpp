@@ -204,19 +204,45 @@ void Hammer(const std::vector<Move>& moves) {
   }
 }
 
-TEST(AnyThread, UsesClientsServersAndRepliesWhileTheyEnd) {
-  Shared<Link> current;
-  std::mutex mutex;
-  std::vector<std::shared_ptr<Link>> ended;
-  const auto begin = [&] {
+// Links, one after the other: threads use the current one while others end it.
+class Links {
+ public:
+  Links() { Begin(); }
+
+  std::shared_ptr<Link> Get() const { return current_.Get(); }
+  void EndCurrent() {
+    const auto link = Begin();
+    link->End();
+    const std::lock_guard lock(mutex_);
+    ended_.push_back(link);
+  }
+  // Ends the last one, too, and looks at all; how many there were.
+  std::size_t EndAll() {
+    EndCurrent();
+    Get()->End();
+    for (const auto& link : ended_) {
+      link->Check();
+    }
+    return ended_.size();
+  }
+
+ private:
+  // The one before.
+  std::shared_ptr<Link> Begin() {
     const auto link = std::make_shared<Link>();
     link->Open();
-    return current.Swap(link);
-  };
-  begin();
-  std::atomic<int> heard{0};
-  const auto with = [&current](void (*move)(Link&)) {
-    return [&current, move](Random&) { move(*current.Get()); };
+    return current_.Swap(link);
+  }
+
+  Shared<Link> current_;
+  std::mutex mutex_;
+  std::vector<std::shared_ptr<Link>> ended_;
+};
+
+// What any thread may do to a link, and what brings a message from one end to the other.
+std::vector<Move> MovesOfALink(const Links& links) {
+  const auto with = [&links](void (*move)(Link&)) {
+    return [&links, move](Random&) { move(*links.Get()); };
   };
   std::vector<Move> moves = {
       with([](Link& link) { link.Ask(); }),
@@ -229,30 +255,28 @@ TEST(AnyThread, UsesClientsServersAndRepliesWhileTheyEnd) {
       with([](Link& link) { link.client->HasConnectionFailed(); }),
       with([](Link& link) { link.server->OnRequest("other", nullptr); }),
       with([](Link& link) { link.server->OnRequest("other", [](auto&&...) {}); }),
-      [&](Random&) { current.Get()->client->OnNotify("note", [&](const auto&) { ++heard; }); },
-      [&](Random&) { current.Get()->server->OnNotify("note", [&](const auto&) { ++heard; }); },
-      [&](Random&) { current.Get()->client->OnConnected([&](const auto&) { ++heard; }); },
-      [&](Random&) { current.Get()->client->OnDisconnected([&](const auto&) { ++heard; }); },
-      [&](Random& random) {
-        if (random() % 16 == 0) {
-          const auto link = begin();
-          link->End();
-          const std::lock_guard lock(mutex);
-          ended.push_back(link);
-        }
-      },
   };
-  for (int i = 0; i < 15; ++i) {
-    moves.push_back(with([](Link& link) { link.MoveOne(); }));
-  }
+  moves.insert(moves.end(), 15, with([](Link& link) { link.MoveOne(); }));
+  return moves;
+}
+
+TEST(AnyThread, UsesClientsServersAndRepliesWhileTheyEnd) {
+  std::atomic<int> heard{0};
+  Links links;
+  const auto hear = [&heard](const auto&) { ++heard; };
+  std::vector<Move> moves = MovesOfALink(links);
+  moves.emplace_back([&](Random&) { links.Get()->client->OnNotify("note", hear); });
+  moves.emplace_back([&](Random&) { links.Get()->server->OnNotify("note", hear); });
+  moves.emplace_back([&](Random&) { links.Get()->client->OnConnected(hear); });
+  moves.emplace_back([&](Random&) { links.Get()->client->OnDisconnected(hear); });
+  moves.emplace_back([&](Random& random) {
+    if (random() % 16 == 0) {
+      links.EndCurrent();
+    }
+  });
   Hammer(moves);
-  current.Get()->End();
-  ended.push_back(current.Get());
-  for (const auto& link : ended) {
-    link->Check();
-  }
+  EXPECT_GT(links.EndAll(), 8U);
   EXPECT_GT(heard, 0);
-  EXPECT_GT(ended.size(), 8U);
 }
 
 TEST(AnyThread, SubscribesEmitsAndLeavesWhileSignalsEnd) {
