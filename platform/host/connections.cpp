@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "activation.h"
+#include "quiet_notifier.h"
 #include "support.h"
 #include "want_of_memory.h"
 
@@ -113,7 +114,7 @@ struct Acceptor::State : std::enable_shared_from_this<State> {
   QString what;
   std::function<void(UniqueFd)> on_connection;
   UniqueFd socket;
-  std::unique_ptr<QSocketNotifier> readable;
+  std::unique_ptr<QuietNotifier> readable;
   QTimer retry;
   Error error;
   bool shortage_warned = false;
@@ -135,12 +136,11 @@ void Acceptor::State::Open(int listening) {
         errno);
     return;
   }
-  readable = std::make_unique<QSocketNotifier>(socket.Get(), QSocketNotifier::Read);
-  QObject::connect(readable.get(), &QSocketNotifier::activated, &retry, [this] { OnReadable(); });
+  readable = std::make_unique<QuietNotifier>(socket.Get(), [this] { OnReadable(); });
   retry.setSingleShot(true);
   QObject::connect(&retry, &QTimer::timeout, &retry, [this] {
     if (readable != nullptr) {
-      readable->setEnabled(true);
+      readable->SetEnabled(true);
     }
   });
 }
@@ -190,14 +190,14 @@ void Acceptor::State::Pause(int error_number) {
                   IsShortage(error_number) ? "; it is tried again until there is room"
                                            : "; it is tried again"));
   }
-  readable->setEnabled(false);
+  readable->SetEnabled(false);
   retry.start(kShortageRetryMs);
 }
 
 void Acceptor::State::Close() {
   retry.stop();
   if (readable != nullptr) {
-    readable->setEnabled(false);
+    readable->SetEnabled(false);
   }
   socket.Reset();
 }

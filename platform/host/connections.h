@@ -7,7 +7,6 @@
 
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QJsonObject>
-#include <QtCore/QSocketNotifier>
 #include <QtCore/QString>
 #include <QtCore/QTimer>
 #include <functional>

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <QtCore/QCoreApplication>
-#include <QtCore/QSocketNotifier>
 #include <QtCore/QTimer>
 #include <csignal>
 #include <memory>
@@ -14,6 +13,7 @@
 #include "activation.h"
 #include "child_handle.h"
 #include "process_exit.h"
+#include "quiet_notifier.h"
 #include "support.h"
 
 namespace RuntimeManager::host {
@@ -52,7 +52,7 @@ class Watch : public QObject {
   void LeaveSoon() { QTimer::singleShot(kGraceMs, this, &Leave); }
 
   const UniqueFd starter_ = OpenProcess(starter);
-  std::unique_ptr<QSocketNotifier> ended_;
+  std::unique_ptr<QuietNotifier> ended_;
   QTimer timer_;
 };
 
@@ -69,9 +69,8 @@ Watch::Watch(QObject* application) : QObject(application) {
 
 // The descriptor costs each turn of the event loop less than a timer does, and wakes nobody.
 void Watch::WaitForItsEnd() {
-  ended_ = std::make_unique<QSocketNotifier>(starter_.Get(), QSocketNotifier::Read);
-  connect(ended_.get(), &QSocketNotifier::activated, this, [this] {
-    ended_->setEnabled(false);
+  ended_ = std::make_unique<QuietNotifier>(starter_.Get(), [this] {
+    ended_->SetEnabled(false);
     if (::getpid() == self) {
       LeaveSoon();
     }

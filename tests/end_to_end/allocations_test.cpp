@@ -1,4 +1,5 @@
-// What a small message costs in memory allocations: a figure that is the same on every machine.
+// What a small message costs in memory allocations, and in descriptors that are looked at while it is
+// waited for: figures that are the same on every machine.
 #include "allocations.h"
 
 #include <QEventLoop>
@@ -7,6 +8,7 @@
 #include <stdexcept>
 
 #include "application.h"
+#include "watched.h"
 
 namespace tarv::test {
 namespace {
@@ -14,12 +16,12 @@ namespace {
 constexpr std::size_t kRequests = 500;
 constexpr std::size_t kGrowth = 10;
 
-// The two processes of a connection; the task tells its own number.
-class Allocations : public EndToEndTest {
+// The two processes of a connection; the task tells its own numbers.
+class CostOfRequests : public EndToEndTest {
  protected:
-  // Makes kRequests requests, each from inside the answer to the one before. The number of
-  // allocations that this takes here.
-  static std::size_t CountForRequests(vorpc::IClient& client) {
+  // Makes kRequests requests, each from inside the answer to the one before. By how much
+  // `count_all` grows here for them.
+  static std::size_t CountForRequests(vorpc::IClient& client, std::size_t (*count_all)()) {
     const cw::EncodableValue params = cw::EncodableMap{{"n", 1}};
     std::size_t count = kRequests;
     QEventLoop loop;
@@ -32,17 +34,20 @@ class Allocations : public EndToEndTest {
       client.SendRequest("echo", params,
                          [&on_answer](const Response& response) { on_answer(response); });
     };
-    const std::size_t before = CountAllocations();
+    const std::size_t before = count_all();
     send();
     loop.exec();
-    return CountAllocations() - before;
+    return count_all() - before;
   }
 
-  static std::size_t CountInTask(Connection& connection) {
-    const auto count = connection.Ask("count allocations").AsInt64();
+  static std::size_t CountInTask(Connection& connection, const std::string& what) {
+    const auto count = connection.Ask(what).AsInt64();
     return count ? static_cast<std::size_t>(*count) : throw std::runtime_error("no number");
   }
 };
+
+using Allocations = CostOfRequests;
+using WatchedDescriptors = CostOfRequests;
 
 TEST_F(Allocations, AreCounted) {
   const std::size_t before = CountAllocations();
@@ -57,8 +62,9 @@ TEST_F(Allocations, AreCounted) {
 TEST_F(Allocations, OfARequestAndItsAnswerStayWithinTheBoundInTheApplication) {
   constexpr std::size_t kBound = 6;
   const auto connection = StartConnected("counter");
-  CountForRequests(*connection->client);  // buffers and tables grow to their size
-  const std::size_t count = CountForRequests(*connection->client);
+  // Buffers and tables grow to their size first.
+  CountForRequests(*connection->client, &CountAllocations);
+  const std::size_t count = CountForRequests(*connection->client, &CountAllocations);
   EXPECT_LE(count, kBound * kRequests + kGrowth) << "for " << kRequests << " requests";
 }
 
@@ -66,12 +72,40 @@ TEST_F(Allocations, OfARequestAndItsAnswerStayWithinTheBoundInTheApplication) {
 TEST_F(Allocations, OfARequestAndItsAnswerStayWithinTheBoundInTheTask) {
   constexpr std::size_t kBound = 6;
   const auto connection = StartConnected("counter");
-  CountForRequests(*connection->client);
-  const std::size_t before = CountInTask(*connection);
-  CountForRequests(*connection->client);
-  const std::size_t count = CountInTask(*connection) - before;
+  CountForRequests(*connection->client, &CountAllocations);
+  const std::size_t before = CountInTask(*connection, "count allocations");
+  CountForRequests(*connection->client, &CountAllocations);
+  const std::size_t count = CountInTask(*connection, "count allocations") - before;
   EXPECT_GE(count, kRequests);
   EXPECT_LE(count, kBound * kRequests + kGrowth) << "for " << kRequests << " requests";
+}
+
+TEST_F(WatchedDescriptors, AreCounted) {
+  const std::size_t before = CountWatched();
+  QEventLoop().processEvents();
+  EXPECT_GT(CountWatched() - before, 0U);
+}
+
+// An event loop asks the system about every descriptor of its own for every message. Three are
+// needed: the connection's, that which wakes the event loop, and one for all that is seldom ready.
+TEST_F(WatchedDescriptors, OfARequestAndItsAnswerStayWithinTheBoundInTheApplication) {
+  constexpr std::size_t kBound = 3;
+  const auto connection = StartConnected("counter");
+  CountForRequests(*connection->client, &CountWatched);
+  const std::size_t count = CountForRequests(*connection->client, &CountWatched);
+  EXPECT_LE(count, kBound * (kRequests + kGrowth)) << "for " << kRequests << " requests";
+}
+
+// One more: the embedder's, which hears the signals that end a task.
+TEST_F(WatchedDescriptors, OfARequestAndItsAnswerStayWithinTheBoundInTheTask) {
+  constexpr std::size_t kBound = 4;
+  const auto connection = StartConnected("counter");
+  CountForRequests(*connection->client, &CountWatched);
+  const std::size_t before = CountInTask(*connection, "count watched");
+  CountForRequests(*connection->client, &CountWatched);
+  const std::size_t count = CountInTask(*connection, "count watched") - before;
+  EXPECT_GE(count, kRequests);
+  EXPECT_LE(count, kBound * (kRequests + kGrowth)) << "for " << kRequests << " requests";
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The task "counter": echoes, and tells what its process has taken of memory.
+// The task "counter": echoes, and tells what its process has taken of memory and looked at.
 
 #include <cw/plugin.h>
 #include <cw/plugin_registrar.h>
@@ -12,6 +12,7 @@
 
 #include "end_to_end/allocations.h"
 #include "end_to_end/memory_figures.h"
+#include "end_to_end/watched.h"
 
 namespace {
 
@@ -24,6 +25,7 @@ class Counter final : public cw::Plugin {
     server_->OnRequest("echo", [](const std::string& /*method*/, const cw::EncodableValue& params,
                                   Reply&& reply) { reply->SendResult(params); });
     Tell("count allocations", &tarv::test::CountAllocations);
+    Tell("count watched", &tarv::test::CountWatched);
     Tell("count faults", &tarv::test::CountFaults);
     Tell("count held", &tarv::test::CountHeld);
     Tell("peak memory", &tarv::test::PeakMemory);
