@@ -38,10 +38,24 @@ class Watch {
   bool is_on_ = true;
 };
 
+void Look(QObject* context, const std::shared_ptr<Watch>& watch);
+
+// The timer is the object's child, and goes with it: QTimer::singleShot() would hold the watch until
+// the time has passed.
+void LookAfter(std::chrono::milliseconds time, QObject* context,
+               const std::shared_ptr<Watch>& watch) {
+  auto* const timer = new QTimer(context);
+  timer->setSingleShot(true);
+  timer->callOnTimeout(timer, [timer, context, watch] {
+    timer->deleteLater();
+    Look(context, watch);
+  });
+  timer->start(time);
+}
+
 void Look(QObject* context, const std::shared_ptr<Watch>& watch) {
   if (const auto left = TextRoom::Get().GiveBackIdle()) {
-    QTimer::singleShot(std::chrono::ceil<std::chrono::milliseconds>(*left), context,
-                       [context, watch] { Look(context, watch); });
+    LookAfter(std::chrono::ceil<std::chrono::milliseconds>(*left), context, watch);
     return;
   }
   watch->End();

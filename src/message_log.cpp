@@ -81,7 +81,7 @@ std::string MessageLog::Describe(const vorpc::Message& message, std::string_view
   } else if (const auto* const response = message.GetResponse()) {
     line << quarn::Escaped{response->id.value} << ' ' << TakeRequest(response->id.value);
     if (response->IsError()) {
-      line << "error " << *response->GetError();
+      line << *response->GetError();
     } else {
       line << *response->GetResult();
     }

@@ -24,23 +24,19 @@ std::optional<QByteArray> TextOf(const QJsonObject& object);
 
 // Hands a text in UTF-8, without a NUL, to `listener`, in a chunk of its own. A large one is taken.
 template <class Listener>
-void DeliverText(QByteArray& text, ReceivedTexts& texts, const Listener* listener) {
-  if (listener == nullptr) {
-    return;
-  }
+void DeliverText(QByteArray& text, ReceivedTexts& texts, const Listener& listener) {
   const auto size = static_cast<std::size_t>(text.size());
   const ReceivedTexts::Text kept = texts.Keep(text);
   const quarn::KnownLength known(quarn::TextWay::kIn, {kept.message, size});
-  listener->OnMessage(kept.message, kept.chunk);
+  listener.OnMessage(kept.message, kept.chunk);
 }
 
 // The same for the text of a JSON object, in which a NUL may stand: there it ends for C.
 template <class Listener>
-void DeliverTextOf(const QJsonObject& object, ReceivedTexts& texts, const Listener* listener) {
-  auto text = TextOf(object);
-  if (text && listener != nullptr) {
+void DeliverTextOf(const QJsonObject& object, ReceivedTexts& texts, const Listener& listener) {
+  if (auto text = TextOf(object)) {
     const ReceivedTexts::Text kept = texts.Keep(*text);
-    listener->OnMessage(kept.message, kept.chunk);
+    listener.OnMessage(kept.message, kept.chunk);
   }
 }
 

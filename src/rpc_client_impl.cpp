@@ -182,7 +182,7 @@ void RpcClientImpl::OnStartCompleted(const RuntimeManager::Error& error) {
     OnStartFailed(error);
     return;
   }
-  if (!Transit(kStarting, kRunning) || !listener_) {
+  if (!Transit(kStarting, kRunning)) {
     return;
   }
   try {
@@ -203,7 +203,7 @@ void RpcClientImpl::OnNoChannel() {
 }
 
 void RpcClientImpl::OnStartFailed(const RuntimeManager::Error& error) {
-  if (!Transit(kStarting, kStartFailed) || !listener_) {
+  if (!Transit(kStarting, kStartFailed)) {
     return;
   }
   const CachedText text = Cache(error.message());
@@ -230,7 +230,7 @@ void RpcClientImpl::OnMessageReceived(const QJsonObject& object) {
     if (message_log_ != nullptr) {
       message_log_->OnReceived(details::TextOf(object).value_or(QByteArray()).toStdString());
     }
-    details::DeliverTextOf(object, texts_, listener_.get());
+    details::DeliverTextOf(object, texts_, *listener_);
   });
 }
 
@@ -242,7 +242,7 @@ void RpcClientImpl::OnTextReceived(QByteArray& text) {
     if (message_log_ != nullptr) {
       message_log_->OnReceived({text.constData(), static_cast<std::size_t>(text.size())});
     }
-    details::DeliverText(text, texts_, listener_.get());
+    details::DeliverText(text, texts_, *listener_);
   });
 }
 

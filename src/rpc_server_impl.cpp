@@ -95,11 +95,11 @@ void RpcServerImpl::OrEnd(const Step& step) {
 }
 
 void RpcServerImpl::OnMessageReceived(const QJsonObject& object) {
-  OrEnd([this, &object] { details::DeliverTextOf(object, texts_, listener_.get()); });
+  OrEnd([this, &object] { details::DeliverTextOf(object, texts_, *listener_); });
 }
 
 void RpcServerImpl::OnTextReceived(QByteArray& text) {
-  OrEnd([this, &text] { details::DeliverText(text, texts_, listener_.get()); });
+  OrEnd([this, &text] { details::DeliverText(text, texts_, *listener_); });
 }
 
 void RpcServerImpl::HandleUnlockResources(_TARVRpcServerRef* server, std::size_t chunk) {

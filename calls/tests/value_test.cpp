@@ -2,8 +2,11 @@
 #include <gtest/gtest.h>
 #include <tarv/calls/value.h>
 
+#include <cmath>
 #include <limits>
 #include <sstream>
+#include <utility>
+#include <vector>
 
 #include "values.h"
 
@@ -162,6 +165,16 @@ TEST(Value, ReadsIntegersOfEitherWidthThatFit) {
   EXPECT_EQ(FromEncodable<double>(5), 5.0);
 }
 
+TEST(Value, ReadsEveryNumberThatAFloatHolds) {
+  const double greatest = std::numeric_limits<float>::max();
+  EXPECT_EQ(FromEncodable<float>(greatest), std::numeric_limits<float>::max());
+  EXPECT_EQ(FromEncodable<float>(-greatest), std::numeric_limits<float>::lowest());
+  EXPECT_EQ(ReadingError<float>(2 * greatest).substr(0, 24), "params: expected a float");
+  const double infinity = std::numeric_limits<double>::infinity();
+  EXPECT_EQ(FromEncodable<float>(-infinity), -std::numeric_limits<float>::infinity());
+  EXPECT_TRUE(std::isnan(FromEncodable<float>(std::numeric_limits<double>::quiet_NaN())));
+}
+
 TEST(Value, IgnoresMembersThatItDoesNotKnow) {
   EXPECT_EQ(FromEncodable<counting::Step>(EncodableMap{{"done", 1}, {"of", 2}, {"new", 3}}).of, 2);
 }
@@ -210,6 +223,34 @@ TEST(ValueError, TellsWhatWasExpectedAndWhatCame) {
             "params: expected a map with text keys, got int32 1");
   EXPECT_EQ(ReadingError<std::string>(std::vector<std::uint8_t>(3)),
             "params: expected a text, got bytes of 3");
+}
+
+TEST(ValueError, ShowsEveryKindOfValue) {
+  const std::vector<std::pair<EncodableValue, std::string>> shown{
+      {nullptr, "null"},
+      {true, "bool true"},
+      {false, "bool false"},
+      {7, "int32 7"},
+      {std::int64_t{7}, "int64 7"},
+      {0.5, "double 0.5"},
+      {EncodableList{1, 2}, "list of 2"},
+      {EncodableMap{{1, 2}}, "map of 1"},
+      {std::vector<std::uint8_t>(3), "bytes of 3"},
+      {std::vector<std::int32_t>(4), "int32 list of 4"},
+      {std::vector<std::int64_t>(5), "int64 list of 5"},
+      {std::vector<double>(6), "double list of 6"},
+      {std::vector<float>(7), "float list of 7"},
+      {EncodableValue(cw::CustomEncodableValue(1)), "a custom value"}};
+  for (const auto& [value, text] : shown) {
+    EXPECT_EQ(ReadingError<std::string>(value), "params: expected a text, got " + text);
+  }
+}
+
+TEST(ValueError, ShowsTheHeadOfALongText) {
+  const std::string whole(40, 'x');
+  EXPECT_EQ(ReadingError<bool>(whole), "params: expected a bool, got text \"" + whole + "\"");
+  EXPECT_EQ(ReadingError<bool>(whole + "y"),
+            "params: expected a bool, got text \"" + whole + "\"...");
 }
 
 TEST(ValueError, ClipsWhatCame) {

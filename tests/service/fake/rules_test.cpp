@@ -8,6 +8,7 @@
 #include <new>
 #include <utility>
 
+#include "../failing_allocation.h"
 #include "fake_platform.h"
 #include "support/capture.h"
 #include "support/log_line.h"
@@ -35,6 +36,18 @@ class Rules : public FakePlatform {
     EXPECT_EQ(StartTask(nullptr, "/libs"), QUARN_RESULT_INVALID_ARGUMENT);
     EXPECT_EQ(StartTask("worker", nullptr), QUARN_RESULT_INVALID_ARGUMENT);
     EXPECT_EQ(StartTask("worker", "/libs"), QUARN_RESULT_REFUSED);
+  }
+
+  // Whether a new client starts when memory runs out after so many allocations.
+  bool StartsWithSpareMemory(int allocations) {
+    _TARVRpcClientRef* const client = root_.CreateRpcClient(manager_);
+    TARVRpcClientSlots slots = MakeSlots();
+    const ExhaustedMemory exhausted(allocations);
+    try {
+      return table_.StartTask(client, "worker", "/libs", &slots) == QUARN_RESULT_SUCCESS;
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
   }
 
   // Keeps what it hears, as "TEXT" with its chunk.
@@ -78,6 +91,17 @@ TEST_F(Rules, SlotsOfAStartThatFailsForWantOfMemoryStayTheCallers) {
   EXPECT_EQ(table_.StartTask(client_, "worker", "/libs", &slots), QUARN_RESULT_REFUSED);
   root_.Release(manager_);
   EXPECT_THAT(log_, IsEmpty());
+}
+
+TEST_F(Rules, SlotsStayTheCallersWhereverInAStartMemoryRunsOut) {
+  int spare = 0;
+  while (spare < 100 && !StartsWithSpareMemory(spare)) {
+    ++spare;
+  }
+  EXPECT_GT(spare, 1);
+  EXPECT_LT(spare, 100);
+  root_.Release(manager_);
+  EXPECT_THAT(log_, ElementsAre("released"));
 }
 
 // ---- The order of a server's checks
