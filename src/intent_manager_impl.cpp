@@ -106,8 +106,8 @@ QuarnResult IntentManagerImpl::HandleOpenUri(_TARVIntentManagerRef* intents, con
     QUARN_LOG_ERROR() << "Intent Manager is not initialized.";
     return QUARN_RESULT_REFUSED;
   }
-  const auto listener = std::make_shared<quarn::CStyleListener<bool>>(slot);
-  self->OpenURI(uri, [listener](bool success) { listener->Invoke(success); });
+  const quarn::CStyleListener<bool> listener(slot);
+  self->OpenURI(uri, [listener](bool success) { listener.Invoke(success); });
   return QUARN_RESULT_SUCCESS;
 }
 
@@ -124,11 +124,11 @@ QuarnResult IntentManagerImpl::HandleRegisterIntent(_TARVIntentManagerRef* inten
     return QUARN_RESULT_REFUSED;
   }
   const bool answers = quarn::ReadField(slot, &TARVRegisterIntentSlot::callback) != nullptr;
-  const auto listener = std::make_shared<quarn::CStyleListener<TARVReplyIntentSlot*>>(slot);
+  const quarn::CStyleListener<TARVReplyIntentSlot*> listener(slot);
   self->RegisterIntent(name, [listener, answers](const QJsonObject&, SendReply send_reply) {
     // Without a callback nobody would release the reply: it goes at once, and the platform knows.
     if (answers) {
-      AskApplication(*listener, std::move(send_reply));
+      AskApplication(listener, std::move(send_reply));
     }
   });
   return QUARN_RESULT_SUCCESS;

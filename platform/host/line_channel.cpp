@@ -170,6 +170,9 @@ void LineChannel::Close() {
   ended_ = is_ending_ = true;
   if (readable_ != nullptr) {
     readable_->SetEnabled(false);
+  }
+  // Memory may have run out between the two.
+  if (writable_ != nullptr) {
     writable_->setEnabled(false);
   }
   queue_->Close();

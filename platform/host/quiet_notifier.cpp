@@ -15,12 +15,13 @@
 namespace RuntimeManager::host {
 
 // The descriptors of one event loop, behind one that is readable when any of them is.
-class QuietNotifier::Hub {
+class QuietNotifier::Hub : public std::enable_shared_from_this<QuietNotifier::Hub> {
  public:
   // That of the calling thread's event loop.
   static std::shared_ptr<Hub> Get();
 
   Hub();
+  ~Hub();
   Hub(const Hub&) = delete;
   Hub& operator=(const Hub&) = delete;
 
@@ -39,6 +40,10 @@ class QuietNotifier::Hub {
   // So few cost an event loop next to nothing; one more system call for each message does.
   static constexpr int kPlaces = 16;
 
+  // Of the thread. A plain pointer: for the destructor of anything more the C library takes memory,
+  // and ends the process when it gets none.
+  static thread_local Hub* latest_;
+
   const QPointer<QAbstractEventDispatcher> loop_;  // null once it is gone
   int places_ = 0;
   UniqueFd epoll_;
@@ -46,15 +51,24 @@ class QuietNotifier::Hub {
   std::unordered_map<int, QuietNotifier*> notifiers_;  // by their descriptors
 };
 
+thread_local QuietNotifier::Hub* QuietNotifier::Hub::latest_ = nullptr;
+
 // What outlives an application object keeps the hub of its event loop; the next application has an
 // event loop of its own.
 std::shared_ptr<QuietNotifier::Hub> QuietNotifier::Hub::Get() {
-  thread_local std::weak_ptr<Hub> hub;
-  auto shared = hub.lock();
-  if (shared == nullptr || !shared->IsOf(QAbstractEventDispatcher::instance())) {
-    hub = shared = std::make_shared<Hub>();
+  if (latest_ != nullptr && latest_->IsOf(QAbstractEventDispatcher::instance())) {
+    return latest_->shared_from_this();
   }
-  return shared;
+  const auto hub = std::make_shared<Hub>();
+  latest_ = hub.get();
+  return hub;
+}
+
+// In its thread, as its notifiers are.
+QuietNotifier::Hub::~Hub() {
+  if (latest_ == this) {
+    latest_ = nullptr;
+  }
 }
 
 QuietNotifier::Hub::Hub()

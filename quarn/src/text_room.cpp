@@ -1,12 +1,16 @@
 #include <quarn/internal/text_room.h>
 
+#include <cstddef>
+#include <new>
 #include <utility>
 
 namespace quarn {
 
 TextRoom& TextRoom::Get() {
-  // Never destroyed: other objects may still send while the process exits.
-  static auto* const room = new TextRoom;
+  // Never destroyed: other objects may still send while the process exits. In memory that is there
+  // from the start: texts are given where nobody may throw.
+  alignas(TextRoom) static std::byte memory[sizeof(TextRoom)];
+  static auto* const room = new (memory) TextRoom;
   return *room;
 }
 

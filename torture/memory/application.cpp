@@ -3,7 +3,7 @@
 //   torture_memory OPERATION NTH once|lasting
 //
 // The last line of its output is a JSON object: how many allocations the operation asks for, how
-// many failed, who asked for the first, and what is wrong. NTH is 0 to count only.
+// many failed, and what is wrong. NTH is 0 to count only.
 
 #include <cw/encodable_value.h>
 #include <sys/types.h>
@@ -49,7 +49,6 @@ QJsonObject facts;
 void Tell() {
   facts["allocations"] = static_cast<int>(CountAllocations());
   facts["failures"] = static_cast<int>(CountFailures());
-  facts["who"] = QString::fromStdString(WhoFailed());
   const QByteArray line = QJsonDocument(facts).toJson(QJsonDocument::Compact);
   std::printf("\n%s\n", line.constData());
   std::fflush(stdout);
@@ -59,14 +58,6 @@ void Wrong(const std::string& what) {
   if (!what.empty() && !facts.contains("wrong")) {
     facts["wrong"] = QString::fromStdString(what);
   }
-}
-
-[[noreturn]] void OnAbort(int /*signal*/) {
-  MendMemory();
-  facts["wrong"] = "aborted";
-  facts["abort"] = QString::fromStdString(WhoCalls());
-  Tell();
-  std::_Exit(1);
 }
 
 // Ends what is broken for good, and tells what is wrong.
@@ -314,7 +305,6 @@ int main(int argc, char** argv) {
     return 2;
   }
   PrepareMemory();
-  std::signal(SIGABRT, &OnAbort);
   QCoreApplication application(argc, argv);
   {
     Torture torture({argv[1], std::atol(argv[2]), std::strcmp(argv[3], "lasting") == 0});

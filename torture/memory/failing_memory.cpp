@@ -3,11 +3,14 @@
 #include <cxxabi.h>
 #include <dlfcn.h>
 #include <execinfo.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -29,7 +32,6 @@ thread_local bool goes_on_failing = false;
 thread_local long asked = 0;
 thread_local long failed = 0;
 std::atomic<long> blocks{0};
-Stack first_failure;
 
 // Living blocks and where they come from. A table of fixed size: it may take no memory itself.
 struct Origin {
@@ -68,37 +70,20 @@ void OnGivenBack(const void* block) {
   }
 }
 
-bool MustFail() {
-  if (!counts) {
-    return false;
-  }
-  ++asked;
-  const bool fails =
-      nth_fails > 0 && (asked == nth_fails || (goes_on_failing && asked > nth_fails));
-  if (fails && ++failed == 1) {
-    counts = false;
-    first_failure.Fill();
-    counts = true;
-  }
-  return fails;
-}
-
-void* Fail() {
-  errno = ENOMEM;
-  return nullptr;
-}
-
+// A function that has no name outside its library is told by its place: "/path/libx.so+0x1234".
 std::string FrameText(void* frame) {
   Dl_info info{};
   if (::dladdr(frame, &info) == 0) {
     return "?";
   }
+  if (info.dli_sname == nullptr) {
+    std::array<char, 32> place{};
+    std::snprintf(place.data(), place.size(), "+0x%tx",
+                  static_cast<char*>(frame) - static_cast<char*>(info.dli_fbase));
+    return std::string(info.dli_fname) + place.data();
+  }
   const char* const slash = std::strrchr(info.dli_fname, '/');
   const std::string library = slash != nullptr ? slash + 1 : info.dli_fname;
-  if (info.dli_sname == nullptr) {
-    const auto offset = static_cast<char*>(frame) - static_cast<char*>(info.dli_fbase);
-    return library + "+" + std::to_string(offset);
-  }
   int status = 0;
   char* const readable = abi::__cxa_demangle(info.dli_sname, nullptr, nullptr, &status);
   const std::string name = status == 0 ? readable : info.dli_sname;
@@ -114,13 +99,59 @@ std::string Text(const Stack& stack) {
   return text;
 }
 
+// Written at once, past all buffers: the process may not live to tell it later.
+void WriteStack(const char* what) {
+  Stack here;
+  here.Fill();
+  const std::string line = "\n" + std::string(what) + ": " + Text(here) + "\n";
+  static_cast<void>(!::write(STDERR_FILENO, line.data(), line.size()));
+}
+
+bool MustFail() {
+  if (!counts) {
+    return false;
+  }
+  ++asked;
+  const bool fails =
+      nth_fails > 0 && (asked == nth_fails || (goes_on_failing && asked > nth_fails));
+  if (fails && ++failed == 1) {
+    const OwnMemory own;
+    WriteStack("memory fails");
+  }
+  return fails;
+}
+
+void* Fail() {
+  errno = ENOMEM;
+  return nullptr;
+}
+
+// The alarm ends a telling that gets stuck, for what has crashed may hold locks. The signal goes on
+// to end the process.
+void OnCrash(int signal) {
+  MendMemory();
+  ::alarm(2);
+  WriteStack("it crashed");
+  static_cast<void>(::raise(signal));
+}
+
+void TellOfCrashes() {
+  const rlimit no_core{};
+  static_cast<void>(::setrlimit(RLIMIT_CORE, &no_core));
+  struct sigaction action {};
+  action.sa_handler = &OnCrash;
+  action.sa_flags = SA_RESETHAND | SA_NODEFER;
+  for (const int signal : {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV}) {
+    static_cast<void>(::sigaction(signal, &action, nullptr));
+  }
+}
+
 }  // namespace
 
 void LetMemoryFail(long nth, bool lasting) {
   nth_fails = nth;
   goes_on_failing = lasting;
   asked = failed = 0;
-  first_failure = {};
   counts = true;
 }
 
@@ -137,16 +168,11 @@ long CountAllocations() { return asked; }
 long CountFailures() { return failed; }
 long CountBlocks() { return blocks; }
 
-std::string WhoFailed() { return Text(first_failure); }
-
-std::string WhoCalls() {
+void PrepareMemory() {
+  TellOfCrashes();
   Stack here;
   here.Fill();
-  return Text(here);
-}
-
-void PrepareMemory() {
-  static_cast<void>(WhoCalls());
+  static_cast<void>(Text(here));
   std::puts("memory is prepared");
 }
 

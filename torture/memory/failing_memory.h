@@ -32,12 +32,9 @@ long CountFailures();
 // Blocks that the process has and has not given back.
 long CountBlocks();
 
-// Who asked for the first allocation that failed: functions and libraries, the innermost first.
-std::string WhoFailed();
-// The same of the function that calls this.
-std::string WhoCalls();
-
-// Makes what is looked up once be looked up now, before memory fails.
+// Makes what is looked up once be looked up now, before memory fails. From now on the process tells
+// on its standard error, a line each, who asked for the first allocation that failed ("memory fails:
+// ") and where it crashed ("it crashed: "): functions and libraries, the innermost first.
 void PrepareMemory();
 
 // From now on, where each living block comes from is kept.

@@ -15,9 +15,11 @@ hand: the lines of --keep FILE have its operation, its number and its kind.
 import argparse
 import collections
 import concurrent.futures
+import functools
 import json
 import os
 import pathlib
+import re
 import signal
 import subprocess
 import sys
@@ -30,66 +32,117 @@ OPERATIONS = ["start", "call", "notify", "release", "end manager", "open uri", "
               "task"]
 LIMIT = 60  # seconds that a run may take
 
-# What goes wrong inside Qt itself when its own allocation fails, whoever calls it: (the function in
-# whose allocation it begins, what may come of it, why). Nothing outside can mend it.
+# What goes wrong inside Qt itself when its own allocation fails, whoever calls it; nothing outside can
+# mend it. (The functions of Qt from the one that asks for the memory up to the one that we call, as
+# a regular expression; what may come of it; why.) A crash is Qt's only when Qt's code crashes, too.
 INSIDE_QT = [
-    ("QObjectPrivate::connectImpl(", ["memory leaked"],
+    (r"QObjectPrivate::addConnection < .*QObject::connectImpl$", ["crashed", "stuck"],
+     "QObject::connect writes through a null pointer when a signal's list finds no memory; when the "
+     "receiver's list finds none, the sender keeps the connection that has been freed"),
+    (r"^operator new < QObjectPrivate::connectImpl < QObject::connectImpl$", ["memory leaked"],
      "QObject::connect leaks the slot object that it was handed"),
-    ("QObjectPrivate::addConnection(", ["memory leaked", "crashed"],
-     "QObject::connect leaves a list of connections half made, and reads it later"),
-    ("QObject::startTimer(", ["memory leaked", "crashed"],
+    (r"QObject::startTimer < QTimer::start$", ["memory leaked", "crashed"],
      "the timer runs, its object does not know it, and does not stop it when it dies"),
-    ("QTimerInfoList::registerTimer(", ["memory leaked", "crashed"], "the same"),
-    ("QSocketNotifier::event(", ["an exception left the event loop"],
-     "takes memory before it emits its signal; the descriptor stays readable, and it is tried again"),
-    ("QSocketNotifier::QSocketNotifier(", ["memory leaked", "crashed"],
-     "the event dispatcher keeps a notifier that was not made"),
-    ("QEventDispatcherUNIX::", ["an exception left the event loop", "memory leaked", "crashed"],
-     "the event dispatcher's own lists"),
-    ("QCoreApplicationPrivate::sendPostedEvents(", ["an exception left the event loop"],
-     "posts the events again that it may not deliver yet"),
-    ("QJsonObject::", ["memory leaked"], "leaks what it has copied when a member finds no room"),
-    ("QCborValue::", ["memory leaked"], "the same: a value that is not made whole"),
-    ("QRegularExpression::", ["memory leaked"], "leaks what it has compiled"),
-    ("libQt5Core.so.5+", ["memory leaked"],
-     "functions without a name, such as QUrl's parser: a QUrl that is not made whole leaks itself"),
-    ("QThreadData::", ["memory leaked", "crashed"], "what Qt keeps of a thread, made once"),
+    (r"ExternalRefCountData::getAndRef < QSocketNotifier::event < .*processEvents",
+     ["an exception left the event loop"],
+     "QSocketNotifier takes memory before it emits; the descriptor stays readable, and it tries again"),
+    (r"QEventDispatcherUNIX::processEvents", ["an exception left the event loop"],
+     "the event dispatcher's own lists; what it has not told it tells in the next turn"),
+    (r"QCborValue::QCborValue < ", ["memory leaked"],
+     "a text in a JSON value leaks its container when it finds no room"),
+    (r"QRegularExpression::match$", ["memory leaked"],
+     "QRegularExpression leaks what it has compiled"),
 ]
 
 
 def inside_qt(facts, what):
     """Why Qt is to blame; None when it is not."""
-    frames = facts.get("who", "").split(" < ")
-    inner = [frame for frame in frames if "libQt5Core" in frame][:8]
-    for function, outcomes, why in INSIDE_QT:
-        if what in outcomes and any(function in frame for frame in inner):
-            return f"{function.rstrip('(:')}: {why}"
+    chain = qt_chain(facts["who"])
+    if what in ("crashed", "stuck") and "libQt5Core" not in facts["crash"].split(" < ")[0]:
+        return None
+    for functions, outcomes, why in INSIDE_QT:
+        if what in outcomes and re.search(functions, chain):
+            return why
     return None
 
 
-def last_object(output):
-    for line in reversed(output.splitlines()):
-        if line.startswith("{"):
-            return json.loads(line)
-    return {}
+def qt_chain(stack):
+    """From the one that asks for memory up to the function of Qt that another library calls."""
+    chain = []
+    for frame in stack.split(" < "):
+        if not re.search(r"libQt5Core|libstdc\+\+|libc\.so", frame):
+            break
+        chain.append(re.sub(r"\(.*$", "", frame.rpartition(".so")[2].partition(":")[2]) or "?")
+    return " < ".join(chain) if any("Q" in frame for frame in chain) else ""
+
+
+def last_line(output, start):
+    """The rest of the last line that starts so; "" when none does."""
+    lines = [line for line in output.splitlines() if line.startswith(start)]
+    return lines[-1][len(start):] if lines else ""
+
+
+def without_the_teller(stack):
+    """A stack without the frames of failing_memory.cpp, and of the signal that told it."""
+    frames = stack.split(" < ")
+    while len(frames) > 1 and ("torture_memory" in frames[0] or "/libc.so.6+" in frames[0]):
+        frames.pop(0)
+    return " < ".join(frames)
+
+
+@functools.lru_cache(maxsize=None)
+def function_at(library, offset):
+    """The function at a place of a library, which has no name outside it."""
+    place = f"{library}+{offset:#x}"
+    try:
+        told = subprocess.run(["addr2line", "-Cfs", "-e", library, hex(offset - 1)], text=True,
+                              stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=False).stdout
+    except FileNotFoundError:
+        return place
+    name, _, line = told.strip().partition("\n")
+    return place if name in ("", "??") else f"{os.path.basename(library)}:{name} ({line})"
+
+
+def readable(stack):
+    """The stack with the names that only the debugger's tables know, and without arguments."""
+    named = re.sub(r"(/\S+)\+(0x[0-9a-f]+)", lambda found: function_at(found[1], int(found[2], 16)),
+                   stack)
+    return " < ".join(re.sub(r"\(.*\) const$|\(.*\)$", "", frame) if "0x" in frame or ".cpp:" not in
+                      frame else frame for frame in named.split(" < "))
+
+
+def environment_of(arguments, folder):
+    """The same on every machine: the processes take memory for each variable."""
+    kept = {name: os.environ[name] for name in ("LD_LIBRARY_PATH", "TORTURE_ORIGINS")
+            if name in os.environ}
+    return dict(kept, PATH="/usr/bin:/bin", LANG="C.UTF-8", XDG_RUNTIME_DIR=folder,
+                RUNTIME_MANAGER_URI_HANDLER="/bin/true",
+                QT_NO_GLIB="1",  # GLib ends the process when it gets no memory
+                RUNTIME_MANAGER_TASK_PATH=arguments.task_folder)
 
 
 def play(arguments, operation, nth, kind, folder):
-    environment = dict(os.environ, XDG_RUNTIME_DIR=folder, RUNTIME_MANAGER_URI_HANDLER="/bin/true",
-                       QT_NO_GLIB="1",  # GLib ends the process when it gets no memory
-                       RUNTIME_MANAGER_TASK_PATH=arguments.task_folder)
-    process = subprocess.Popen([arguments.program, operation, str(nth), kind], env=environment,
-                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT, errors="replace",
-                               text=True)
+    process = subprocess.Popen([arguments.program, operation, str(nth), kind],
+                               env=environment_of(arguments, folder), errors="replace", text=True,
+                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    stuck = False
     try:
         output, _ = process.communicate(timeout=LIMIT)
     except subprocess.TimeoutExpired:
-        process.kill()
-        return {"wrong": "stuck", "output": ""}
-    facts = last_object(output)
+        stuck = True
+        process.send_signal(signal.SIGABRT)  # it tells where
+        output, _ = process.communicate()
+    facts = json.loads("{" + (last_line(output, "{") or "}"))
     facts["output"] = output
-    if process.returncode < 0:
-        facts["wrong"] = "crashed"
+    facts["who"] = without_the_teller(last_line(output, "memory fails: "))
+    facts["crash"] = without_the_teller(last_line(output, "it crashed: "))
+    if stuck:
+        facts["wrong"] = "stuck"
+    elif process.returncode < 0:
+        name = signal.Signals(-process.returncode).name
+        facts["wrong"] = {"SIGSEGV": "crashed", "SIGABRT": "aborted"}.get(name, f"ended by {name}")
+    elif facts["crash"]:
+        facts["wrong"] = "the task crashed"
     elif process.returncode > 0:
         facts.setdefault("wrong", f"ended with {process.returncode}")
     return facts
@@ -100,7 +153,7 @@ def run(arguments, operation, nth, kind):
         facts = play(arguments, operation, nth, kind, folder)
         left = what_is_left(folder)
         # A process that crashed inside Qt could not clean up.
-        if left and facts.get("wrong") != "crashed":
+        if left and not facts["crash"]:
             facts.setdefault("wrong", f"a {left[0]} is left behind")
         for process in living(folder):
             os.kill(process, signal.SIGKILL)
@@ -129,6 +182,13 @@ def judge(facts, clean):
     return "done all the same" if facts.get("goes on") and not facts["errors"] else "an error"
 
 
+def tell(facts):
+    print(f"WRONG: {facts['wrong']}: torture_memory '{facts['operation']}' {facts['nth']} "
+          f"{facts['kind']}\n    memory fails in {readable(facts['who'])}", flush=True)
+    if facts["crash"]:
+        print(f"    it crashes in {readable(facts['crash'])}", flush=True)
+
+
 def torture(arguments, operation, pool):
     clean = run(arguments, operation, 0, "once")
     if "wrong" in clean:
@@ -143,8 +203,7 @@ def torture(arguments, operation, pool):
             with open(arguments.keep, "a", encoding="utf-8") as file:
                 file.write(json.dumps(facts) + "\n")
         if "wrong" in facts:
-            print(f"WRONG: {facts['wrong']}: torture_memory '{operation}' {facts['nth']} "
-                  f"{facts['kind']}: {facts.get('who', '')[:600]}", flush=True)
+            tell(facts)
             outcomes["WRONG"] += 1
     print(f"{operation}: " + ", ".join(f"{count} {what}" for what, count in outcomes.most_common()),
           flush=True)

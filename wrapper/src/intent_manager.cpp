@@ -28,7 +28,7 @@ void IntentManager::OpenUri(const std::string& uri, std::function<void(bool)>&& 
   }
   auto slot = quarn::CreateSlot<TARVOpenUriSlot, bool>(std::move(taken));
   // A service that refuses has not taken the slot; what it holds is then deliberately left alone,
-  // since a service that did take it releases it.
+  // since a service that did take it releases it, also when it throws.
   open_uri(intents_, uri.c_str(), &slot);
 }
 

@@ -71,12 +71,11 @@ template <class... Args>
 class CStyleListener : public IListener<Args...> {
  public:
   // Copies the slot's `callback`, `release` and `user_data` as far as its size covers them; all are
-  // null for a null slot.
+  // null for a null slot. Without memory for that, `release` has run when std::bad_alloc comes out.
   template <class Slot>
   explicit CStyleListener(const Slot* slot)
-      : target_(std::make_shared<const Target>(ReadField(slot, &Slot::callback),
-                                               ReadField(slot, &Slot::release),
-                                               ReadField(slot, &Slot::user_data))) {}
+      : target_(MakeTarget(ReadField(slot, &Slot::callback), ReadField(slot, &Slot::release),
+                           ReadField(slot, &Slot::user_data))) {}
 
   void Invoke(Args... args) const override { Call(target_, std::move(args)...); }
 
@@ -100,6 +99,18 @@ class CStyleListener : public IListener<Args...> {
     void (*release)(void* user_data);
     void* user_data;
   };
+
+  static std::shared_ptr<const Target> MakeTarget(void (*callback)(void*, Args...),
+                                                  void (*release)(void*), void* user_data) {
+    try {
+      return std::make_shared<const Target>(callback, release, user_data);
+    } catch (...) {
+      if (release != nullptr) {
+        release(user_data);
+      }
+      throw;
+    }
+  }
 
   // By value: what the callback does to the listener does not end its target before it returns.
   static void Call(std::shared_ptr<const Target> target, Args... args) {
