@@ -41,13 +41,14 @@ QString BoundName(int socket) {
   return QString::fromUtf8(address.sun_path).section('/', -1);
 }
 
-int TakeSocket() {
+int TakeSocket(const QString& name) {
   if (!IsActivated()) {
     return -1;
   }
   if (!IsListeningSocket(kActivationSocket)) {
-    Warn(QString("LISTEN_FDS promises a socket as descriptor %1, but that is "
-                 "no listening Unix socket: messages cannot be served")
+    Warn(QString("the task '%1': LISTEN_FDS promises a socket as descriptor %2, but that is no "
+                 "listening Unix socket: messages cannot be served")
+             .arg(name)
              .arg(kActivationSocket));
     return -1;
   }
@@ -56,12 +57,11 @@ int TakeSocket() {
 }
 
 Activation Take() {
-  Activation activation;
-  activation.socket = TakeSocket();
   const QString given = QString::fromUtf8(Variable("LISTEN_FDNAMES")).section(':', 0, 0);
-  const bool has_name = activation.socket >= 0 && !given.isEmpty();
-  activation.name =
-      has_name ? given : QFileInfo(QFileInfo("/proc/self/exe").symLinkTarget()).fileName();
+  const QString program = QFileInfo(QFileInfo("/proc/self/exe").symLinkTarget()).fileName();
+  Activation activation;
+  activation.socket = TakeSocket(given.isEmpty() ? program : given);
+  activation.name = activation.socket < 0 || given.isEmpty() ? program : given;
   for (const char* name : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES", kTaskVariable}) {
     ::unsetenv(name);
   }

@@ -76,7 +76,7 @@ ChildProcess::ChildProcess(Spawned spawned, const SpawnRequest& request, Callbac
       task_(QString::fromUtf8(request.task_name)),
       callbacks_(std::move(callbacks)),
       exec_status_(std::move(spawned.exec_status)),
-      stderr_(std::move(spawned.stderr_pipe)) {
+      stderr_(task_, std::move(spawned.stderr_pipe)) {
   since_start_.start();
 }
 

@@ -62,7 +62,7 @@ ssize_t WriteChunk(int descriptor, const QByteArray& bytes) {
 
 // The file of the user's that gets a copy of what tasks write; invalid when none is wanted, and,
 // after a warning, when it cannot be used.
-UniqueFd OpenCopy() {
+UniqueFd OpenCopy(const QString& task) {
   const QByteArray path = Variable("RUNTIME_MANAGER_STDERR");
   if (path.isEmpty()) {
     return {};
@@ -71,20 +71,21 @@ UniqueFd OpenCopy() {
                          O_NONBLOCK;  // a pipe without a reader is no file
   UniqueFd file(::open(path.constData(), kFlags, 0600));
   if (!file.IsValid()) {
-    Warn(QString("the standard error of a task is not copied: RUNTIME_MANAGER_STDERR '%1' cannot "
-                 "be opened: %2")
-             .arg(QString::fromUtf8(path), ErrnoText(errno)));
+    Warn(QString("the standard error of the task '%1' is not copied: RUNTIME_MANAGER_STDERR '%2' "
+                 "cannot be opened: %3")
+             .arg(task, QString::fromUtf8(path), ErrnoText(errno)));
   }
   return file;
 }
 
 }  // namespace
 
-StderrRelay::StderrRelay(UniqueFd pipe) : pipe_(std::move(pipe)) {
+StderrRelay::StderrRelay(QString task, UniqueFd pipe)
+    : task_(std::move(task)), pipe_(std::move(pipe)) {
   if (!pipe_.IsValid()) {
     return;
   }
-  copy_ = OpenCopy();
+  copy_ = OpenCopy(task_);
   readable_ = std::make_unique<QuietNotifier>(pipe_.Get(), [this] { OnEvent(); });
   resume_.setSingleShot(true);
   QObject::connect(&resume_, &QTimer::timeout, &resume_, [this] { OnEvent(); });
@@ -156,8 +157,10 @@ void StderrRelay::Copy(const QByteArray& chunk) {
   const ssize_t written =
       RetryOnEintr([&] { return ::write(copy_.Get(), chunk.constData(), size); });
   if (written != chunk.size()) {
-    Warn("the copy of a task's standard error in RUNTIME_MANAGER_STDERR ends here: " +
-         (written < 0 ? ErrnoText(errno) : QStringLiteral("a line was cut short")));
+    const QString why = written < 0 ? ErrnoText(errno) : QStringLiteral("a line was cut short");
+    Warn(QString("the copy of the standard error of the task '%1' in RUNTIME_MANAGER_STDERR ends "
+                 "here: %2")
+             .arg(task_, why));
     copy_.Reset();
   }
 }

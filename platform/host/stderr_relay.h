@@ -18,9 +18,9 @@ namespace RuntimeManager::host {
 // SIGPIPE. Belongs to the thread that made it.
 class StderrRelay {
  public:
-  // The read end of the pipe, which does not block. An invalid one makes a relay with nothing to
-  // do.
-  explicit StderrRelay(UniqueFd pipe);
+  // The task's name, for warnings, and the read end of the pipe, which does not block. An invalid one
+  // makes a relay with nothing to do.
+  StderrRelay(QString task, UniqueFd pipe);
   ~StderrRelay();
   StderrRelay(const StderrRelay&) = delete;
   StderrRelay& operator=(const StderrRelay&) = delete;
@@ -59,6 +59,7 @@ class StderrRelay {
   void SetReading(bool enabled);
   void Close();
 
+  const QString task_;
   UniqueFd pipe_;
   UniqueFd copy_;  // the file that RUNTIME_MANAGER_STDERR names; none without it
   std::unique_ptr<QuietNotifier> readable_;  // none without a pipe

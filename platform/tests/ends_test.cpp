@@ -76,10 +76,15 @@ TEST_F(StartersEnd, LeavesNoWordOfItsOwn) {
   }
 }
 
-// It takes no more than the library: it may serve its socket, not have come to that, or have none.
+// It takes no more than the library: it may serve its socket, not have come to that, or have none. What
+// it leaves behind is its starter's: the file of its own socket.
 TEST_F(StartersEnd, IsFollowedByATaskThatIgnoresSigterm) {
-  for (const char* how : {"serving", "idle", "bare"}) {
-    AddShellTask(how, QByteArray("exec ") + HELPER + " stubborn " + how);
+  AddHelperTask("echo");
+  const std::map<std::string, int> files_left = {
+      {"serving", 1}, {"idle", 1}, {"bare", 0}, {"starter", 1}};
+  for (const auto& [how_it_is, files] : files_left) {
+    const QString how = QString::fromStdString(how_it_is);
+    AddShellTask(how, "exec " HELPER " stubborn " + how.toUtf8() + " 2> $WORLD/words");
     Process starter(HELPER, {"start", how, how});
     EXPECT_THAT(starter.ReadLine(), testing::StartsWith("started "));
     const pid_t pid = PidOfTheStubborn();
@@ -87,9 +92,14 @@ TEST_F(StartersEnd, IsFollowedByATaskThatIgnoresSigterm) {
     timer.start();
     starter.Kill();
     starter.Wait();
-    EXPECT_FALSE(IsGone(pid)) << how;
-    EXPECT_TRUE(RunUntil([pid] { return IsGone(pid); })) << how;
-    EXPECT_GE(timer.elapsed(), 2500) << how;
+    EXPECT_FALSE(IsGone(pid)) << how_it_is;
+    EXPECT_TRUE(RunUntil([pid] { return IsGone(pid); })) << how_it_is;
+    EXPECT_GE(timer.elapsed(), 2500) << how_it_is;
+    const std::string task = files == 0 ? "platform_helper" : how_it_is;
+    EXPECT_THAT(
+        ReadFile(PathOf("words")).toStdString(),
+        testing::HasSubstr("the task '" + task + "' ends: its starter ended 3 seconds ago"));
+    EXPECT_EQ(SocketFiles().size(), files) << how_it_is;
     for (const QString& name : SocketFiles()) {
       QFile::remove(RuntimeFolder() + '/' + name);
     }

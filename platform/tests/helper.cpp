@@ -5,23 +5,41 @@
 #include <RuntimeManager/RuntimeDispatcher.h>
 #include <RuntimeManager/Task.h>
 #include <RuntimeManager/TaskMessaging.h>
+#include <dlfcn.h>
 #include <sched.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QFile>
 #include <QtCore/QTimer>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <functional>
 #include <memory>
+#include <thread>
 #include <utility>
 
 #include "crowd.h"
 #include "helper_ends.h"
 #include "helper_intents.h"
+
+// With SLOW_SENDS in the environment, the socket has a message long before the call returns that sent
+// it.
+extern "C" __attribute__((visibility("default"))) ssize_t sendmsg(int socket, const msghdr* message,
+                                                                  int flags) {
+  using Call = ssize_t (*)(int, const msghdr*, int);
+  static const auto call = reinterpret_cast<Call>(::dlsym(RTLD_NEXT, "sendmsg"));
+  static const bool is_slow = std::getenv("SLOW_SENDS") != nullptr;
+  const ssize_t size = call(socket, message, flags);
+  if (is_slow) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  }
+  return size;
+}
 
 namespace {
 
@@ -123,6 +141,23 @@ QString SocketOf(const QString& path_or_name) {
   return task->socketPath();
 }
 
+// Makes a copy of the process, which destroys the object and is gone, or returns from the handler and
+// from main(). It sends, which no copy shall do.
+void Fork(TaskMessaging* messaging, bool returns) {
+  const pid_t copy = ::fork();
+  if (copy == 0 && !returns) {
+    delete messaging;
+    ::_exit(0);
+  }
+  if (copy == 0) {
+    QObject::connect(messaging, &TaskMessaging::dataReceived,
+                     [messaging] { messaging->sendData("of a copy"); });
+  } else {
+    ::waitpid(copy, nullptr, 0);
+  }
+  QCoreApplication::quit();
+}
+
 // A starter's end that answers the first message and leaves at the second, in one way or another.
 int AnswerAndLeave(const QString& peer, const QString& how) {
   auto* messaging = new TaskMessaging(SocketOf(peer));
@@ -130,18 +165,11 @@ int AnswerAndLeave(const QString& peer, const QString& how) {
   QObject::connect(messaging, &TaskMessaging::dataReceived, messaging, [messaging, how] {
     if (++messages == 1) {
       messaging->sendData("first");
-      return;
-    }
-    if (how != "fork") {
+    } else if (messages == 2 && how.startsWith("fork")) {
+      Fork(messaging, how == "fork-and-return");
+    } else if (messages == 2) {
       End(how);
     }
-    const pid_t copy = ::fork();
-    if (copy == 0) {
-      delete messaging;
-      ::_exit(0);
-    }
-    ::waitpid(copy, nullptr, 0);
-    QCoreApplication::quit();
   });
   return QCoreApplication::exec();
 }

@@ -122,6 +122,12 @@ int IgnoreTheEnd(const QString& how) {
   if (how == "serving") {
     messaging = std::make_unique<TaskMessaging>(RuntimeDispatcher::instance()->localServerSocket());
   }
+  std::unique_ptr<Task> own;
+  if (how == "starter") {
+    own = std::make_unique<Task>("echo");
+    own->withIpcSocket(true);
+    own->start({});
+  }
   QFile pid(qEnvironmentVariable("WORLD") + "/pid");
   if (pid.open(QIODevice::WriteOnly)) {
     pid.write(QByteArray::number(::getpid()) + '\n');

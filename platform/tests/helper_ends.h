@@ -15,7 +15,8 @@ int Intrude();
 // Starts `count` tasks that nobody stops, and leaves when all run: by exit(), by a return from
 // main(), or by a return while the tasks are objects of main().
 int StartMany(const QString& name, int count, const QString& how);
-// A task that ignores SIGTERM, and serves its socket or has nothing but an event loop.
+// A task that ignores SIGTERM, and serves its socket, has started a task of its own, or has nothing but
+// an event loop.
 int IgnoreTheEnd(const QString& how);
 // Serves `listening`. At the first message it sends 20 messages of 100,013 bytes and leaves by
 // exit(). Another of its threads may end the connection meanwhile; the file "ended" tells of that.

@@ -109,7 +109,7 @@ TEST_F(Messaging, EndTheConnectionWhenTooMuchWaits) {
   const WarningCatcher warnings;
   messaging.sendMessage(Data("late"));
   messaging.sendMessage(Data("later"));
-  EXPECT_EQ(warnings.Count("are dropped"), 1);
+  EXPECT_EQ(warnings.Count("messages to task 'deaf' are dropped: its connection has ended"), 1);
   RunFor(100);
   EXPECT_EQ(inbox.disconnects.errors.size(), 1U);
 }
@@ -251,6 +251,7 @@ class HeldMessages : public Messaging {
 TEST_F(HeldMessages, AreSentOnceByAProcessThatEndsInGoodOrder) {
   EXPECT_EQ(SentBefore("exit"), "{\"data\":\"first\"}\n");
   EXPECT_EQ(SentBefore("fork"), "{\"data\":\"first\"}\n");
+  EXPECT_EQ(SentBefore("fork-and-return"), "{\"data\":\"first\"}\n");
 }
 
 // Unless the handlers took so long that they have left.
@@ -279,6 +280,34 @@ TEST_F(Messaging, AreRefusedToAForkedCopyOfTheProcess) {
   EXPECT_EXIT(::_exit(is_refused(PathOf("peer")) && is_refused(listening) ? 0 : 1),
               testing::ExitedWithCode(0), "");
   ::close(listening);
+}
+
+// More connections than an event loop has places of their own for: the rest share a set of descriptors
+// with the copy.
+TEST_F(ServerEnd, IsHeardOnAfterAForkedCopyHasDestroyedItsObjects) {
+  std::vector<std::unique_ptr<TaskMessaging>> all;
+  std::vector<std::unique_ptr<Inbox>> inboxes;
+  std::vector<int> peers;
+  for (int i = 0; i < 40; ++i) {
+    all.push_back(std::make_unique<TaskMessaging>(PathOf("server")));
+    inboxes.push_back(std::make_unique<Inbox>(all.back().get()));
+    peers.push_back(::accept4(listening_, nullptr, nullptr, SOCK_CLOEXEC));
+  }
+  const auto end_as_copy = [&all] {
+    all.clear();
+    ::_exit(0);
+  };
+  EXPECT_EXIT(end_as_copy(), testing::ExitedWithCode(0), "");
+  for (const int peer : peers) {
+    SendLine(peer, "{}");
+  }
+  for (const auto& inbox : inboxes) {
+    EXPECT_TRUE(inbox->WaitFor(1));
+    EXPECT_FALSE(inbox->disconnects.Arrived());
+  }
+  for (const int peer : peers) {
+    ::close(peer);
+  }
 }
 
 // The starter's connection is there, but nobody takes it.
@@ -613,7 +642,10 @@ TEST_F(ServerEnd, DisconnectsAPeerOfAnotherUserAndWaitsOn) {
   EXPECT_TRUE(
       RunUntil([stranger, &status] { return ::waitpid(stranger, &status, WNOHANG) == stranger; }));
   EXPECT_EQ(status, 0);
-  EXPECT_EQ(warnings.Count("65534"), 1);
+  EXPECT_EQ(warnings.Count(QString("the task 'platform_tests': a connection with process %1 is "
+                                   "refused: it belongs to the user with id 65534, ")
+                               .arg(stranger)),
+            1);
   const int peer = Connect();
   SendLine(peer, R"({"n":1})");
   EXPECT_TRUE(inbox.WaitFor(1));

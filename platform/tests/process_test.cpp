@@ -112,6 +112,18 @@ TEST_F(ProcessTest, IgnoresAnActivationThatWasMeantForAnother) {
   EXPECT_EQ(ReadFile(PathOf("report")).trimmed(), "set 1 socket -1 left");
 }
 
+TEST_F(ProcessTest, SaysWhichTaskHasNoSocketAlthoughItIsActivated) {
+  const QString activated =
+      "LISTEN_PID=$$ LISTEN_FDS=1 LISTEN_FDNAMES=promised exec " HELPER " report 3< /dev/null";
+  StderrPipe words;
+  Process process("/bin/sh", {"-c", activated});
+  EXPECT_EQ(process.Wait(), 0);
+  EXPECT_EQ(ReadFile(PathOf("report")).trimmed(), "set 1 socket -1 left");
+  EXPECT_THAT(words.ReadToEnd().toStdString(),
+              testing::HasSubstr("the task 'promised': LISTEN_FDS promises a socket as descriptor "
+                                 "3, but that is no listening Unix socket"));
+}
+
 // The record of one envelope that a starter sent to the task "echo", and its way back.
 void ExpectRecordOfEcho(const QByteArray& trace, const QJsonObject& envelope) {
   QList<QByteArray> lines;
@@ -147,6 +159,15 @@ void ExpectRecordOfEcho(const QByteArray& trace, const QJsonObject& envelope) {
 
 TEST_F(ProcessTest, RecordsEveryEnvelopeOfBothProcesses) {
   const ScopedVariable trace("RUNTIME_MANAGER_TRACE", PathOf("trace").toUtf8());
+  AddHelperTask("echo");
+  Process starter(HELPER, {"talk", "echo"});
+  EXPECT_EQ(starter.Wait(), 0);
+  ExpectRecordOfEcho(ReadFile(PathOf("trace")), Data("hello \"you\""));
+}
+
+TEST_F(ProcessTest, RecordsTheTimeBeforeTheCallThatSentTheMessage) {
+  const ScopedVariable trace("RUNTIME_MANAGER_TRACE", PathOf("trace").toUtf8());
+  const ScopedVariable slow("SLOW_SENDS", "1");
   AddHelperTask("echo");
   Process starter(HELPER, {"talk", "echo"});
   EXPECT_EQ(starter.Wait(), 0);

@@ -70,7 +70,21 @@ TEST_F(TaskStderr, IsForwardedAllTheSameWhereItCannotBeCopied) {
   StderrPipe pipe;
   RunToItsEnd("task");
   EXPECT_THAT(pipe.ReadToEnd().toStdString(), HasSubstr("first\n"));
-  EXPECT_EQ(warnings.Count("is not copied: RUNTIME_MANAGER_STDERR"), 1);
+  EXPECT_EQ(warnings.Count("the standard error of the task 'task' is not copied: "
+                           "RUNTIME_MANAGER_STDERR '"),
+            1);
+}
+
+TEST_F(TaskStderr, IsForwardedAllTheSameWhereItsCopyIsFull) {
+  AddShellTask("task", "echo first >&2; exit 1");
+  const ScopedVariable copy("RUNTIME_MANAGER_STDERR", "/dev/full");
+  const WarningCatcher warnings;
+  StderrPipe pipe;
+  RunToItsEnd("task");
+  EXPECT_THAT(pipe.ReadToEnd().toStdString(), HasSubstr("first\n"));
+  EXPECT_EQ(warnings.Count("the copy of the standard error of the task 'task' in "
+                           "RUNTIME_MANAGER_STDERR ends here: No space left on device"),
+            1);
 }
 
 TEST_F(TaskStderr, IsQuotedInOneLineWithoutControlCharacters) {

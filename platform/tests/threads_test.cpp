@@ -3,7 +3,9 @@
 #include <RuntimeManager/TaskMessaging.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <linux/sockios.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -215,6 +217,64 @@ TEST_F(HeldAnswer, WaitsForOneRunningHandlerAtMost) {
       [&has_come, peer] { has_come = HasCome(peer, 20000); }));
   EXPECT_TRUE(has_come);
   EXPECT_EQ(ReadLineFrom(peer), R"({"data":"early"})");
+  ::close(peer);
+}
+
+// What the socket's owner has in it that nobody has read yet, as the kernel counts it: with what each
+// system call costs besides.
+int Weight(int socket) {
+  int weight = 0;
+  EXPECT_EQ(::ioctl(socket, SIOCOUTQ, &weight), 0);
+  return weight;
+}
+
+int WeightOfOneWrite(int size) {
+  int ends[2] = {-1, -1};
+  EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+  const QByteArray bytes(size, 'x');
+  EXPECT_EQ(::send(ends[0], bytes.constData(), static_cast<std::size_t>(size), 0), size);
+  const int weight = Weight(ends[0]);
+  ::close(ends[0]);
+  ::close(ends[1]);
+  return weight;
+}
+
+// The connection that is served: the only socket that was not there before.
+int NewSocket(const QStringList& before) {
+  for (const QString& descriptor : OpenDescriptors()) {
+    if (!before.contains(descriptor) && descriptor.contains("socket:")) {
+      return descriptor.section(' ', 0, 0).toInt();
+    }
+  }
+  return -1;
+}
+
+// A busy machine may come between the two, for longer than an answer is held: then once more.
+TEST_F(HeldAnswer, LeavesInOneSystemCallWithThatToTheNextMessageOfTheRead) {
+  const QByteArray answer = R"({"data":"answer"})";
+  TaskMessaging messaging(listening_);
+  const int peer = Connect();
+  const QStringList before = OpenDescriptors();
+  int messages = 0;
+  QObject::connect(&messaging, &TaskMessaging::messageReceived, [&messages, &messaging] {
+    ++messages;
+    messaging.sendData("answer");
+  });
+  SendLine(peer, "{}");
+  EXPECT_EQ(ReadLineFrom(peer), answer);
+  const int served = NewSocket(before);
+  ASSERT_GE(served, 0);
+  const int wanted = WeightOfOneWrite(2 * (answer.size() + 1));
+  EXPECT_LT(wanted, 2 * WeightOfOneWrite(answer.size() + 1));
+  EXPECT_TRUE(RunUntil([&] {
+    const int until = messages + 2;
+    SendLine(peer, "{}\n{}");
+    EXPECT_TRUE(RunUntil([&] { return messages == until; }));
+    const int weight = Weight(served);
+    EXPECT_EQ(ReadLineFrom(peer), answer);
+    EXPECT_EQ(ReadLineFrom(peer), answer);
+    return weight == wanted;
+  }));
   ::close(peer);
 }
 
