@@ -198,6 +198,8 @@ Process::Process(const QString& program, const QStringList& words) {
   arguments.push_back(nullptr);
   pid_ = ::fork();
   if (pid_ == 0) {
+    // A shell has the programs that it runs in the background ignore it.
+    std::signal(SIGINT, SIG_DFL);
     ::dup2(ends[1], STDOUT_FILENO);
     ::execv(arguments[0], arguments.data());
     ::_exit(127);
