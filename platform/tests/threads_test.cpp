@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <QtCore/QEventLoop>
 #include <QtCore/QJsonDocument>
 #include <QtCore/QTimer>
 #include <atomic>
@@ -208,16 +209,41 @@ class HeldAnswer : public ServerEnd {
   }
 };
 
-TEST_F(HeldAnswer, WaitsForOneRunningHandlerAtMost) {
+// Nothing else comes that would take it along.
+TEST_F(HeldAnswer, LeavesWithTheEndOfTheRead) {
   TaskMessaging messaging(listening_);
   const int peer = Connect();
-  bool has_come = false;
-  EXPECT_TRUE(Run(
-      &messaging, peer, [] { ::usleep(1000); },
-      [&has_come, peer] { has_come = HasCome(peer, 20000); }));
-  EXPECT_TRUE(has_come);
-  EXPECT_EQ(ReadLineFrom(peer), R"({"data":"early"})");
+  QEventLoop loop;
+  QTimer::singleShot(120'000, &loop, &QEventLoop::quit);
+  int done = 0;
+  QObject::connect(&messaging, &TaskMessaging::messageReceived, [&done, &loop, &messaging] {
+    if (++done == 1) {
+      messaging.sendData("early");
+    }
+    if (done == 3) {
+      loop.quit();
+    }
+  });
+  SendLine(peer, "{}\n{}\n{}");
+  loop.exec();
+  EXPECT_EQ(done, 3);
+  EXPECT_TRUE(HasCome(peer, 0));
   ::close(peer);
+}
+
+// Again and again: where the machine is so busy that the turn is over meanwhile, it leaves with that.
+TEST_F(HeldAnswer, WaitsForOneRunningHandlerAtMost) {
+  for (int round = 0; round < 30 && !HasFailure(); ++round) {
+    TaskMessaging messaging(listening_);
+    const int peer = Connect();
+    bool has_come = false;
+    EXPECT_TRUE(Run(
+        &messaging, peer, [] { ::usleep(1000); },
+        [&has_come, peer] { has_come = HasCome(peer, 20000); }));
+    EXPECT_TRUE(has_come);
+    EXPECT_EQ(ReadLineFrom(peer), R"({"data":"early"})");
+    ::close(peer);
+  }
 }
 
 // What the socket's owner has in it that nobody has read yet, as the kernel counts it: with what each
