@@ -37,7 +37,9 @@ class CrowdReader {
   CrowdReader(const CrowdReader&) = delete;
   CrowdReader& operator=(const CrowdReader&) = delete;
 
-  bool IsDone() const { return done_; }
+  bool WaitUntilDone() const {
+    return RunUntilStuck([this] { return done_.load(); }, [this] { return bytes_.load(); });
+  }
   // How many messages came, and what was wrong with them. Ends the connection.
   std::string Finish() {
     if (thread_.joinable()) {
@@ -53,6 +55,7 @@ class CrowdReader {
     QByteArray line;
     ssize_t size = 0;
     while (!tally_.IsWhole() && (size = ::recv(peer_, bytes.data(), piece, 0)) > 0) {
+      bytes_ += static_cast<int>(size);
       line.append(bytes.data(), static_cast<int>(size));
       for (int end = line.indexOf('\n'); end >= 0; end = line.indexOf('\n')) {
         tally_.Add(QJsonDocument::fromJson(line.left(end)).object()["data"].toString().toUtf8());
@@ -64,6 +67,7 @@ class CrowdReader {
 
   const int peer_;
   Tally tally_;
+  std::atomic<int> bytes_{0};
   std::atomic<bool> done_{false};
   std::thread thread_;
 };
@@ -97,7 +101,7 @@ TEST_F(AnyThread, LosesNothingToASlowReader) {
   const int peer = Connect();
   CrowdReader reader(peer, share, 16);
   Crowd crowd(&messaging, share);
-  EXPECT_TRUE(RunUntil([&reader] { return reader.IsDone(); }));
+  EXPECT_TRUE(reader.WaitUntilDone());
   crowd.Join();
   EXPECT_EQ(reader.Finish(), "4000 ");
   ::close(peer);
@@ -110,7 +114,7 @@ TEST_F(AnyThread, TearsNoLongMessage) {
   const int peer = Connect();
   CrowdReader reader(peer, share, 1 << 16);
   Crowd crowd(&messaging, share);
-  EXPECT_TRUE(RunUntil([&reader] { return reader.IsDone(); }));
+  EXPECT_TRUE(reader.WaitUntilDone());
   crowd.Join();
   EXPECT_EQ(reader.Finish(), "240 ");
   ::close(peer);
