@@ -1,9 +1,12 @@
 // A whole client against a peer that follows a script: a request is answered once at most, and once
-// exactly when the connection ends; the outcome of connecting is told once, and an end only of what
-// has begun; a client that is let go tells nothing more, and keeps no callback.
+// exactly when the connection ends, unless it is forgotten; the outcome of connecting is told once, and
+// an end only of what has begun; a client that is let go tells nothing more, and keeps no callback.
 #include <vorpc/client.h>
+#include <vorpc/requests.h>
 
 #include <cstdint>
+#include <deque>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -20,6 +23,14 @@ using tarv::fuzz::MakeValue;
 using tarv::fuzz::Require;
 using tarv::fuzz::Script;
 using vorpc::Message;
+
+// What became of a request.
+struct Asked {
+  Message::ID id{""};  // until it has been started
+  int answers = 0;
+  bool is_forgotten = false;
+  std::weak_ptr<int> callback;  // gone once no callback is kept
+};
 
 class Conversation {
  public:
@@ -60,7 +71,7 @@ class Conversation {
   void CheckIsThere() const { Require(client_ != nullptr, "who is gone tells nothing"); }
 
   void Step() {
-    switch (script_.Below(10)) {
+    switch (script_.Below(12)) {
       case 0:
         client_->Run();
         break;
@@ -88,6 +99,12 @@ class Conversation {
       case 8:
         LetGo();
         break;
+      case 9:
+        Start();
+        break;
+      case 10:
+        Forget();
+        break;
       default:
         client_->Disconnect(Message::Error(-1, "the script says so"));
     }
@@ -101,15 +118,49 @@ class Conversation {
   }
 
   void Request() {
-    const std::size_t index = answers_.size();
-    answers_.push_back(0);
-    const std::string method = script_.Below(8) == 0 ? "vorpc.connected" : script_.Text();
-    client_->SendRequest(method, MakeValue(script_),
-                         [this, index, token = token_](const Message::Response&) {
-                           CheckIsThere();
-                           Require(++answers_[index] == 1, "one answer");
-                           Nest();
-                         });
+    const std::string method = PickMethod();
+    client_->SendRequest(method, MakeValue(script_), MakeCallback());
+  }
+
+  // The client may be let go, and answer, before it returns the id.
+  void Start() {
+    const std::string method = PickMethod();
+    const std::size_t index = asked_.size();
+    const Message::ID id = GetRequests().StartRequest(method, MakeValue(script_), MakeCallback());
+    Require(!id.value.empty(), "a request has an id");
+    asked_[index].id = id;
+  }
+
+  // Any request, answered, forgotten or made without an id as it may be; or one that never was.
+  void Forget() {
+    const std::size_t index = script_.Byte();
+    if (index >= asked_.size()) {
+      Require(!GetRequests().ForgetRequest(Message::ID("stranger")), "a stranger does not wait");
+      return;
+    }
+    Asked& asked = asked_[index];
+    const bool waits = !asked.id.value.empty() && asked.answers == 0 && !asked.is_forgotten;
+    const bool has_ended = client_->HasConnectionFailed();  // it may be about to answer
+    const bool is_forgotten = GetRequests().ForgetRequest(asked.id);
+    Require(is_forgotten ? waits : !waits || has_ended, "what waits is forgotten, once");
+    asked.is_forgotten = asked.is_forgotten || is_forgotten;
+    Require(!is_forgotten || asked.callback.expired(), "what is forgotten keeps no callback");
+  }
+
+  vorpc::IRequests& GetRequests() { return dynamic_cast<vorpc::IRequests&>(*client_); }
+
+  std::string PickMethod() { return script_.Below(8) == 0 ? "vorpc.connected" : script_.Text(); }
+
+  std::function<void(const Message::Response&)> MakeCallback() {
+    const std::size_t index = asked_.size();
+    const auto kept = std::make_shared<int>(0);
+    asked_.push_back({Message::ID(""), 0, false, kept});
+    return [this, index, kept, token = token_](const Message::Response&) {
+      CheckIsThere();
+      Require(!asked_[index].is_forgotten, "what is forgotten is not answered");
+      Require(++asked_[index].answers == 1, "one answer");
+      Nest();
+    };
   }
 
   // The peer answers one of the requests that it has seen, well or badly.
@@ -142,14 +193,14 @@ class Conversation {
     client_->Disconnect(Message::Error(-1, "the end"));
     Require(client_->HasConnectionFailed() && !client_->IsConnected(), "the end is the end");
     Require(outcomes_ == 1 && ends_ == (has_connected_ ? 1 : 0), "both are told");
-    for (const int answers : answers_) {
-      Require(answers == 1, "every request is answered");
+    for (const Asked& asked : asked_) {
+      Require(asked.answers == (asked.is_forgotten ? 0 : 1), "every request is answered");
     }
   }
 
   Script& script_;
   std::vector<Message> sent_;
-  std::vector<int> answers_;
+  std::deque<Asked> asked_;  // a deque, as a callback may ask for more
   std::shared_ptr<int> token_ = std::make_shared<int>(0);  // held by every callback
   bool has_connected_ = false;
   int outcomes_ = 0;

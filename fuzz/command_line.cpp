@@ -6,7 +6,6 @@
 
 #include "commands.h"
 #include "json.h"
-#include "support/qt_json_leaks.h"
 #include "support/require.h"
 #include "support/script.h"
 #include "support/tool.h"

@@ -26,7 +26,6 @@
 #include <utility>
 #include <vector>
 
-#include "support/qt_json_leaks.h"
 #include "support/require.h"
 #include "support/script.h"
 

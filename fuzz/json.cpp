@@ -4,7 +4,6 @@
 #include <QByteArray>
 #include <QJsonDocument>
 
-#include "support/qt_json_leaks.h"
 #include "support/require.h"
 #include "support/values.h"
 

@@ -15,7 +15,6 @@
 
 #include "record_line.h"
 #include "support/memory_file.h"
-#include "support/qt_json_leaks.h"
 #include "support/require.h"
 #include "support/script.h"
 #include "support/tool.h"

@@ -7,7 +7,6 @@
 #include <string>
 #include <string_view>
 
-#include "support/qt_json_leaks.h"
 #include "support/require.h"
 
 namespace {

@@ -4,7 +4,6 @@
 #include <string>
 
 #include "json.h"
-#include "support/qt_json_leaks.h"
 #include "support/require.h"
 #include "support/script.h"
 #include "support/values.h"
