@@ -12,8 +12,9 @@ namespace tarv::details {
 // The object dies on its own thread, whatever thread lets it go: on that thread's event loop, or as
 // the thread ends. So it may be ended from inside its own signals.
 //
-// Without memory for the event that this takes, it dies at once, if this is its thread. On another
-// one it has to stay: nothing it does reaches anybody any more.
+// Without memory for the event that this takes, it dies at once, if this is its thread: the platform's
+// objects may be destroyed from inside their signals, too. On another one it has to stay: nothing it
+// does reaches anybody any more.
 struct DeleteLater {
   void operator()(QObject* object) const noexcept {
     try {

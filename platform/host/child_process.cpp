@@ -81,14 +81,14 @@ ChildProcess::ChildProcess(Spawned spawned, const SpawnRequest& request, Callbac
 }
 
 void ChildProcess::Watch() {
-  WatchEventLoop();
   exec_notifier_ = std::make_unique<QuietNotifier>(exec_status_.Get(), [this] { OnExecStatus(); });
   grace_.setSingleShot(true);
   grace_.setTimerType(Qt::PreciseTimer);
-  QObject::connect(&grace_, &QTimer::timeout, &context_, [this] { handle_.Signal(SIGKILL); });
-  QObject::connect(&poll_, &QTimer::timeout, &context_, [this] { OnMaybeEnded(); });
+  QObject::connect(&grace_, &QTimer::timeout, &grace_, [this] { handle_.Signal(SIGKILL); });
+  WatchEventLoop();
+  QObject::connect(&poll_, &QTimer::timeout, &poll_, [this] { OnMaybeEnded(); });
   if (handle_.GetDescriptor() < 0) {
-    poll_.start(kPollMs);
+    StartTimer(poll_, kPollMs);
     return;
   }
   ended_notifier_ =
@@ -102,7 +102,7 @@ int ChildProcess::Terminate(bool kill) {
     return error_number;
   }
   // Without memory for a timer nobody would come back to it.
-  return Attempt([this] { grace_.start(kGraceMs); }) ? 0 : handle_.Signal(SIGKILL);
+  return Attempt([this] { StartTimer(grace_, kGraceMs); }) ? 0 : handle_.Signal(SIGKILL);
 }
 
 void ChildProcess::OnExecStatus() {
@@ -215,6 +215,9 @@ void ChildProcess::Abandon() {
 
 void ChildProcess::LetGo() { callbacks_ = {}; }
 
+// The timer stands for this object, and has had a connection before: QObject::connect() leaves a freed
+// connection with the sender, which outlives this object, when it gets no memory for its receiver's
+// first one.
 void ChildProcess::WatchEventLoop() {
   const auto on_gone = [weak = weak_from_this()] {
     if (const auto self = weak.lock()) {
@@ -223,9 +226,9 @@ void ChildProcess::WatchEventLoop() {
   };
   QObject* application = QCoreApplication::instance();
   if (application != nullptr && application->thread() == QThread::currentThread()) {
-    QObject::connect(application, &QObject::destroyed, &context_, on_gone);
+    QObject::connect(application, &QObject::destroyed, &grace_, on_gone);
   } else {
-    QObject::connect(QThread::currentThread(), &QThread::finished, &context_, on_gone,
+    QObject::connect(QThread::currentThread(), &QThread::finished, &grace_, on_gone,
                      Qt::DirectConnection);
   }
 }

@@ -92,7 +92,6 @@ class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
   Callbacks callbacks_;
   UniqueFd exec_status_;
   StderrRelay stderr_;
-  QObject context_;
   QTimer grace_;
   QTimer poll_;
   QElapsedTimer since_start_;

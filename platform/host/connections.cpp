@@ -191,7 +191,7 @@ void Acceptor::State::Pause(int error_number) {
                                            : "; it is tried again"));
   }
   readable->SetEnabled(false);
-  retry.start(kShortageRetryMs);
+  StartTimer(retry, kShortageRetryMs);
 }
 
 void Acceptor::State::Close() {
@@ -241,7 +241,7 @@ void Dialer::State::TryAtOnce() {
       return;
     }
   }
-  retry.start(error_number == EAGAIN ? kDialRetryMs : 0);
+  StartTimer(retry, error_number == EAGAIN ? kDialRetryMs : 0);
 }
 
 void Dialer::State::Try() {
@@ -261,7 +261,7 @@ void Dialer::State::Try() {
     return;
   }
   if (error_number == EAGAIN && since.elapsed() < kDialLimitMs) {
-    retry.start(kDialRetryMs);
+    StartTimer(retry, kDialRetryMs);
     return;
   }
   Finish({}, Failure(error_number), error_number);

@@ -82,7 +82,7 @@ class Call : public std::enable_shared_from_this<Call> {
 void Call::Open(const QJsonObject& first) {
   limit_.setSingleShot(true);
   QObject::connect(&limit_, &QTimer::timeout, &limit_, [this] { OrFail([this] { OnTimeout(); }); });
-  limit_.start(timeout_);
+  StartTimer(limit_, timeout_);
   LineChannel::Callbacks callbacks;
   callbacks.on_object = [this](const QJsonObject& object) {
     OrFail([this, &object] { OnObject(object); });

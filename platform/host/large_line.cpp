@@ -11,6 +11,7 @@
 #include "envelope.h"
 #include "plain_text.h"
 #include "support.h"
+#include "want_of_memory.h"
 
 namespace RuntimeManager::host {
 namespace {
@@ -125,7 +126,7 @@ void LargeLine::KeepForAWhile() {
     timer_->setSingleShot(true);
     QObject::connect(timer_.get(), &QTimer::timeout, timer_.get(), [this] { OnIdle(); });
   }
-  timer_->start(kKeepTime);
+  StartTimer(*timer_, kKeepTime);
 }
 
 void LargeLine::OnIdle() {

@@ -48,7 +48,7 @@ void LineChannel::Attach(UniqueFd socket) {
       socket_, [this] { OnReadable(); }, QuietNotifier::Use::kOften);
   writable_ = std::make_unique<QSocketNotifier>(socket_, QSocketNotifier::Write);
   writable_->setEnabled(false);
-  QObject::connect(writable_.get(), &QSocketNotifier::activated, &context_,
+  QObject::connect(writable_.get(), &QSocketNotifier::activated, writable_.get(),
                    [this] { OnWritable(); });
   queue_->Attach(std::move(socket));
 }

@@ -101,7 +101,7 @@ void StderrRelay::OnEvent() {
   // What memory runs out for is missing among the lines.
   Attempt([this] { Pump(); });
   SetReading(!HasPending() && pipe_.IsValid());
-  if (HasPending() && Attempt([this] { resume_.start(kRetryMs); })) {
+  if (HasPending() && Attempt([this] { StartTimer(resume_, kRetryMs); })) {
     return;
   }
   const auto on_forwarded = std::exchange(on_forwarded_, nullptr);
@@ -208,7 +208,7 @@ void StderrRelay::Finish(std::function<void()> on_forwarded) {
     return;
   }
   on_forwarded_ = std::move(on_forwarded);
-  resume_.start(kRetryMs);
+  StartTimer(resume_, kRetryMs);
 }
 
 void StderrRelay::Drop() {

@@ -1,4 +1,5 @@
 #include <RuntimeManager/Task.h>
+#include <quarn/internal/attempt_all.h>
 
 #include <QtCore/QPointer>
 #include <utility>
@@ -223,16 +224,22 @@ void Task::Private::OnNeverRan(const Error& error) {
   const QString path = socket_path;
   state = State::kEnded;
   socket_file.Remove();
-  CompleteStart(error);
-  if (!alive.isNull()) {
-    CompleteStops({});
-  }
-  Attempt([&path, &error] { TaskRegistry::Get().TellEnded(path, error); });
-  TaskRegistry::Get().RemoveTask(path);
+  quarn::details::AttemptAll(
+      [this, &error] { CompleteStart(error); },
+      [this, &alive] {
+        if (!alive.isNull()) {
+          CompleteStops({});
+        }
+      },
+      [&path, &error] { Attempt([&path, &error] { TaskRegistry::Get().TellEnded(path, error); }); },
+      [&path] { TaskRegistry::Get().RemoveTask(path); });
 }
 
 // Handlers may destroy the Task meanwhile.
 void Task::Private::DrainSocket() {
+  if (!has_socket) {
+    return;
+  }
   const auto relay = faults;
   const QString path = socket_path;
   bool has_more = true;
@@ -258,20 +265,22 @@ void Task::Private::OnRanAndEnded(const ChildEnd& end) {
   if (start_completion) {
     OnRunning();
   }
-  // Whatever the task sent before it ended comes before the news of its end.
-  if (!alive.isNull() && has_socket) {
-    Attempt([this] { DrainSocket(); });
-  }
-  if (!alive.isNull()) {
-    TellFinished(why);
-  }
-  if (!alive.isNull()) {
-    CompleteStops({});
-  }
-  // Until here, messaging that is made in one of the callbacks takes the first connection, and gets
-  // what the task has sent.
-  Attempt([&path, &why] { TaskRegistry::Get().TellEnded(path, why); });
-  TaskRegistry::Get().RemoveTask(path);
+  const auto while_alive = [this, &alive](auto&& step) {
+    return [this, &alive, step] {
+      if (!alive.isNull()) {
+        step(*this);
+      }
+    };
+  };
+  // Whatever the task sent before it ended comes before the news of its end. What a handler throws
+  // goes on to the event loop, but keeps nobody from that news. Until the last step, messaging that
+  // is made in one of the callbacks takes the first connection, and gets what the task has sent.
+  quarn::details::AttemptAll(
+      while_alive([](Private& task) { task.DrainSocket(); }),
+      while_alive([&why](Private& task) { task.TellFinished(why); }),
+      while_alive([](Private& task) { task.CompleteStops({}); }),
+      [&path, &why] { Attempt([&path, &why] { TaskRegistry::Get().TellEnded(path, why); }); },
+      [&path] { TaskRegistry::Get().RemoveTask(path); });
 }
 
 Task::Task(const QString& name, QObject* parent)

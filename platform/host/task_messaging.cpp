@@ -202,7 +202,7 @@ void TaskMessaging::Private::OnChannelEnd(const Error& error) {
   const bool may_be_over =
       error.code() == Error::kConnectionLost || error.code() == Error::kConnectFailed;
   if (may_be_over && TaskRegistry::Get().HasTask(path_) &&
-      host::Attempt([this] { last_words_.start(kLastWordsMs); })) {
+      host::Attempt([this] { host::StartTimer(last_words_, kLastWordsMs); })) {
     return;
   }
   Report(error);

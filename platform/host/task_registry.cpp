@@ -7,6 +7,7 @@
 
 #include "process_exit.h"
 #include "support.h"
+#include "want_of_memory.h"
 
 namespace RuntimeManager::host {
 
@@ -65,10 +66,9 @@ void TaskRegistry::Unwatch(const QObject* context) {
                   watchers_.end());
 }
 
-std::vector<std::weak_ptr<TaskWatcher>> TaskRegistry::WatchersOfThisThread(
-    const QString& path) const {
+TaskRegistry::Watchers TaskRegistry::WatchersOfThisThread(const QString& path) const {
   const std::lock_guard lock(mutex_);
-  std::vector<std::weak_ptr<TaskWatcher>> found;
+  Watchers found;
   for (const Entry& entry : watchers_) {
     if (entry.path == path && entry.context->thread() == QThread::currentThread()) {
       found.push_back(entry.watcher);
@@ -77,8 +77,10 @@ std::vector<std::weak_ptr<TaskWatcher>> TaskRegistry::WatchersOfThisThread(
   return found;
 }
 
+// Without memory to gather them, they read when they are told of the end.
 void TaskRegistry::DrainTask(const QString& path) {
-  for (const auto& weak : WatchersOfThisThread(path)) {
+  const auto watchers = MadeOr([this, &path] { return WatchersOfThisThread(path); }, Watchers());
+  for (const auto& weak : watchers) {
     if (const auto watcher = weak.lock()) {
       watcher->DrainTask();
     }

@@ -59,7 +59,8 @@ class TaskRegistry {
     std::weak_ptr<TaskWatcher> watcher;
     QObject* context;
   };
-  std::vector<std::weak_ptr<TaskWatcher>> WatchersOfThisThread(const QString& path) const;
+  using Watchers = std::vector<std::weak_ptr<TaskWatcher>>;
+  Watchers WatchersOfThisThread(const QString& path) const;
 
   mutable std::mutex mutex_;
   std::map<QString, Task> tasks_;

@@ -51,7 +51,7 @@ UriOpener::UriOpener(const QString& uri, std::function<void(const Error&)> done)
   settled_.setSingleShot(true);
   const Error error = Start(uri);
   QObject::connect(&settled_, &QTimer::timeout, &settled_, [this, error] { Finish(error); });
-  settled_.start(error.isError() ? 0 : kSettledMs);
+  StartTimer(settled_, error.isError() ? 0 : kSettledMs);
 }
 
 UriOpener::~UriOpener() {

@@ -4,7 +4,9 @@
 
 #include <RuntimeManager/Error.h>
 
+#include <QtCore/QAbstractEventDispatcher>
 #include <QtCore/QString>
+#include <QtCore/QTimer>
 #include <new>
 #include <utility>
 
@@ -28,6 +30,18 @@ T MadeOr(const Make& make, T plainer) {
     return make();
   } catch (const std::bad_alloc&) {
     return plainer;
+  }
+}
+
+// Starts a QTimer or, when memory runs out, leaves nothing behind: QTimer::start() alone leaves a timer
+// to the event loop that its object does not know of, and that would call it after its end.
+template <class Time>
+void StartTimer(QTimer& timer, Time time) {
+  try {
+    timer.start(time);
+  } catch (const std::bad_alloc&) {
+    QAbstractEventDispatcher::instance()->unregisterTimers(&timer);
+    throw;
   }
 }
 

@@ -178,6 +178,28 @@ TEST_F(Messaging, OfATaskThatHasEndedAreDeliveredInOneGo) {
   EXPECT_EQ(messages_before, kMessages);
 }
 
+TEST_F(Messaging, WhoseHandlerThrowsKeepNobodyFromTheNewsOfTheEnd) {
+  AddPythonTask("leaves",
+                "c, _ = server.accept()\nc.recv(10)\nc.sendall(b'{}\\n' * 200)\nos._exit(0)");
+  const auto task = Started("leaves");
+  TaskMessaging messaging(task->socketPath());
+  int messages = 0;
+  QObject::connect(&messaging, &TaskMessaging::messageReceived, [&messages] {
+    ::usleep(1000);
+    if (++messages == 200) {
+      throw std::runtime_error("the last");
+    }
+  });
+  Outcomes finished;
+  QObject::connect(task.get(), &Task::finished, finished.Recorder());
+  Outcomes disconnected;
+  QObject::connect(&messaging, &TaskMessaging::disconnected, disconnected.Recorder());
+  messaging.sendMessage(Data("go"));
+  EXPECT_THROW(finished.Wait(), std::runtime_error);
+  EXPECT_THAT(finished.Wait().message().toStdString(), HasSubstr("exited with status 0"));
+  EXPECT_EQ(disconnected.Wait().code(), Error::kTaskExited);
+}
+
 TEST_F(Messaging, OfATaskThatExitsAtOnceArriveWhole) {
   AddHelperTask("flood");
   Task task("flood");

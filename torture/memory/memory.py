@@ -34,34 +34,33 @@ LIMIT = 60  # seconds that a run may take
 
 # What goes wrong inside Qt itself when its own allocation fails, whoever calls it; nothing outside can
 # mend it. (The functions of Qt from the one that asks for the memory up to the one that we call, as
-# a regular expression; what may come of it; why.) A crash is Qt's only when Qt's code crashes, too.
+# a regular expression; what may come of it; why.) A crash is Qt's only in the very function that
+# got no memory.
 INSIDE_QT = [
-    (r"QObjectPrivate::addConnection < .*QObject::connectImpl$", ["crashed", "stuck"],
-     "QObject::connect writes through a null pointer when a signal's list finds no memory; when the "
-     "receiver's list finds none, the sender keeps the connection that has been freed"),
-    (r"^operator new < QObjectPrivate::connectImpl < QObject::connectImpl$", ["memory leaked"],
+    (r"^QObjectPrivate::addConnection < QObjectPrivate::connectImpl < QObject::connectImpl$",
+     "crashed", "QObject::connect writes to the list of signals that it got no memory for"),
+    (r"^operator new < QObjectPrivate::connectImpl < QObject::connectImpl$", "memory leaked",
      "QObject::connect leaks the slot object that it was handed"),
-    (r"QObject::startTimer < QTimer::start$", ["memory leaked", "crashed"],
-     "the timer runs, its object does not know it, and does not stop it when it dies"),
-    (r"ExternalRefCountData::getAndRef < QSocketNotifier::event < .*processEvents",
-     ["an exception left the event loop"],
+    (r"< ExternalRefCountData::getAndRef < QSocketNotifier::event < .*processEvents$",
+     "an exception left the event loop",
      "QSocketNotifier takes memory before it emits; the descriptor stays readable, and it tries again"),
-    (r"QEventDispatcherUNIX::processEvents", ["an exception left the event loop"],
+    (r"< QEventDispatcherUNIX::processEvents$", "an exception left the event loop",
      "the event dispatcher's own lists; what it has not told it tells in the next turn"),
-    (r"QCborValue::QCborValue < ", ["memory leaked"],
+    (r"< QCborValue::QCborValue < ", "memory leaked",
      "a text in a JSON value leaks its container when it finds no room"),
-    (r"QRegularExpression::match$", ["memory leaked"],
-     "QRegularExpression leaks what it has compiled"),
+    (r"< QRegularExpression::match$", "memory leaked",
+     "QRegularExpression leaks what it has found"),
 ]
 
 
 def inside_qt(facts, what):
     """Why Qt is to blame; None when it is not."""
     chain = qt_chain(facts["who"])
-    if what in ("crashed", "stuck") and "libQt5Core" not in facts["crash"].split(" < ")[0]:
+    crashing = qt_chain(facts["crash"]).split(" < ")[0]
+    if what == "crashed" and crashing != chain.split(" < ")[0]:
         return None
-    for functions, outcomes, why in INSIDE_QT:
-        if what in outcomes and re.search(functions, chain):
+    for functions, outcome, why in INSIDE_QT:
+        if what == outcome and re.search(functions, chain):
             return why
     return None
 
