@@ -257,6 +257,29 @@ TEST_F(TaskSocket, LeavesAConnectionThatNobodyTakesUnread) {
   EXPECT_TRUE(WaitForFile(PathOf("end"), "unread\n"));
 }
 
+// Although the Task lives on, and nobody has taken the starter's connection.
+TEST_F(TaskSocket, LeavesNoConnectionBehindOnceItsTaskHasEnded) {
+  AddShellTask("ends", "exit 0");
+  AddShellTask("fails", "");
+  QFile script(PathOf("tasks/fails"));
+  ASSERT_TRUE(script.open(QIODevice::WriteOnly | QIODevice::Truncate));
+  script.write("#!/no/such/interpreter\n");
+  script.close();
+  for (const char* name : {"ends", "fails"}) {
+    const auto sockets = [] { return OpenDescriptors().filter("socket:"); };
+    const QStringList before = sockets();
+    Task task(name);
+    task.withIpcSocket(true);
+    Outcomes started;
+    Outcomes finished;
+    QObject::connect(&task, &Task::finished, finished.Recorder());
+    task.start(started.Recorder());
+    EXPECT_GT(sockets().size(), before.size());
+    EXPECT_TRUE(started.Wait().isError() || finished.Wait().isError()) << name;
+    EXPECT_TRUE(RunUntil([&before, sockets] { return sockets() == before; })) << name;
+  }
+}
+
 TEST_F(TaskSocket, GoesWithItsTask) {
   AddShellTask("ends", "exit 0");
   Task ends("ends");

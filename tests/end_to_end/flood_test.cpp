@@ -125,17 +125,18 @@ TEST_F(Crowded, ConversationLosesNothingAndKeepsTheOrderOfEachThread) {
 }
 
 TEST_F(Crowded, ConversationOfATaskThatIsKilledAnswersEveryRequestOnce) {
-  constexpr int kMost = 100'000;  // of each thread; the task is dead long before
+  constexpr int kMost = 100'000;   // of each thread; the task is dead long before
+  const int of_task = Messages();  // the same; answers wait behind them
   const int most_in_flight = Messages() / 20;
   constexpr int kAfterwards = 100;
   Account answers(kMost);
-  Account notifications(kMost);
+  Account notifications(of_task);
   std::atomic<int> asked{0};
   std::atomic<int> failed{0};
   std::atomic<int> strange{0};
   const auto connection = StartConnected("pool");
   Count(*connection, notifications);
-  connection->client->SendNotify("send", kMost);
+  connection->client->SendNotify("send", of_task);
   const auto ask = [&](int thread, int number) {
     connection->client->SendRequest("work", 1, [&, thread, number](const Response& response) {
       if (const Message::Error* const error = response.GetError()) {
@@ -156,8 +157,8 @@ TEST_F(Crowded, ConversationOfATaskThatIsKilledAnswersEveryRequestOnce) {
     }
   });
   const int enough = Messages() / 100;
-  EXPECT_TRUE(
-      WaitUntil([&] { return answers.Count() > enough && notifications.Count() > enough; }));
+  EXPECT_TRUE(WaitUntil([&] { return answers.Count() > enough && notifications.Count() > enough; },
+                        kLongPatience));
   ASSERT_THAT(Children(), SizeIs(1));
   kill(Children().front(), SIGKILL);
   EXPECT_TRUE(connection->WaitForDisconnected());
