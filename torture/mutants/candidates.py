@@ -107,7 +107,7 @@ class Finder:
         elif kind == CursorKind.CALL_EXPR:
             self.look_at_call(cursor, function)
         elif kind == CursorKind.RETURN_STMT:
-            self.look_at_return(cursor, function)
+            self.look_at_return(cursor, above, function)
         if kind == CursorKind.COMPOUND_STMT:
             for child in cursor.get_children():
                 self.look_at_statement(child, function)
@@ -175,7 +175,9 @@ class Finder:
                 CursorKind.BREAK_STMT, CursorKind.CONTINUE_STMT):
             self.add(cursor, function, "statement", "", "deleted", form="statement")
 
-    def look_at_return(self, cursor, function):
+    def look_at_return(self, cursor, above, function):
+        if returns_reference(above):
+            return
         for child in cursor.get_children():
             if is_pointer(child) and self.text(child) != "nullptr":
                 self.add(child, function, "null", "nullptr", "returned -> nullptr")
@@ -222,6 +224,13 @@ def qualified(cursor):
 def plain_type(cursor):
     spelling = cursor.type.get_canonical().spelling
     return re.sub(r"\bconst\b|&", "", spelling).strip() or None
+
+
+def returns_reference(above):
+    """Null would be an object that is gone by then."""
+    innermost = next((one for one in reversed(above)
+                      if one.kind in FUNCTIONS or one.kind == CursorKind.LAMBDA_EXPR), None)
+    return innermost is not None and innermost.result_type.kind == TypeKind.LVALUEREFERENCE
 
 
 def is_pointer(cursor):

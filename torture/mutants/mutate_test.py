@@ -10,6 +10,7 @@ import sys
 import tempfile
 import types
 import unittest
+from unittest import mock
 
 HERE = os.path.dirname(os.path.realpath(__file__))
 SKIPPED = 77
@@ -24,6 +25,7 @@ import candidates  # noqa: E402
 import mutate  # noqa: E402
 from mutant import give_names, give_numbers  # noqa: E402
 from results import read_list  # noqa: E402
+import survey  # noqa: E402
 from tree import Tree  # noqa: E402
 import verdict  # noqa: E402
 from weave import LINES_AT_THE_HEAD, weave  # noqa: E402
@@ -73,6 +75,10 @@ class Candidates(unittest.TestCase):
             self.names("void G(int, int, int*); void F(int a, int b, int* c) { G(a, b, c); }"),
             ["F: G(a, b, c): deleted", "F: G(a, b, c): a <-> b", "F: G(a, b, c): c -> nullptr"])
 
+    def test_a_pointer_that_is_returned_becomes_null_unless_it_is_a_reference(self):
+        self.assertCountEqual(self.names("int* F(int* a) { return a; }"), ["F: a: returned -> nullptr"])
+        self.assertEqual(self.names("int* const& F(int* const& a) { return a; }"), [])
+
     def test_what_the_compiler_must_know_stays(self):
         self.assertEqual(self.names("static_assert(1 < 2); constexpr int F() { return 1 + 2; } enum { kA = 1 };"), [])
 
@@ -93,6 +99,20 @@ class Candidates(unittest.TestCase):
         woven = weave(text, mutants, "switch.h")
         self.assertEqual(woven.count(b"\n"), text.count(b"\n") + LINES_AT_THE_HEAD)
         self.assertIn(f"tarv_mutants::IsOn({mutants[0].number}) ? (a - b)".encode(), woven)
+
+
+class BrokenCopy(unittest.TestCase):
+    def test_is_told_when_most_tests_of_a_program_fail_without_a_mutant(self):
+        with tempfile.TemporaryDirectory() as folder:
+            for name in ("bin/program", "lib/libtarv.so"):
+                os.makedirs(os.path.join(folder, os.path.dirname(name)), exist_ok=True)
+                shutil.copy(__file__, os.path.join(folder, name))
+            kept = types.SimpleNamespace(get=lambda *_: None, put=lambda *_: None, save=lambda: None)
+            with mock.patch("survey.list_tests", lambda _: ["A.Passes", "A.Fails", "A.FailsToo"]), \
+                    mock.patch("survey.reach", lambda _, test, __: {} if test == "A.Passes" else None), \
+                    contextlib.redirect_stderr(io.StringIO()), \
+                    self.assertRaisesRegex(RuntimeError, "most tests of program fail"):
+                survey.Survey(types.SimpleNamespace(build=folder), ["program"], [], kept, 1)
 
 
 class Whole(unittest.TestCase):

@@ -36,6 +36,8 @@ class Survey:
             left_out = sorted(set(tests) - set(known["tests"]))
             if left_out:
                 print(f"mutate: slow, or fail unchanged: {' '.join(left_out)}", file=sys.stderr, flush=True)
+            if 2 * len(left_out) > len(tests):
+                raise RuntimeError(f"most tests of {name} fail although no mutant is on: the copy is at fault")
             self.results.put("survey", name, known)
         for test, one in known["tests"].items():
             self.tests[(program, test)] = (one["seconds"], set(one["reached"]))
