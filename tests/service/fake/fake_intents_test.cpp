@@ -8,11 +8,13 @@
 
 #include <QCoreApplication>
 #include <future>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "../failing_allocation.h"
 #include "support/capture.h"
 #include "support/log_line.h"
 
@@ -445,6 +447,45 @@ TEST_F(FakeIntents, UnknownHandleIsRefusedWithALineAndTheSlotNotTaken) {
                 }),
                 IsLogLine("error", "Intent Manager is not initialized."));
   }
+}
+
+TEST_F(FakeIntents, AreMadeWithoutALine) {
+  root_.Release(manager_);
+  EXPECT_EQ(StdoutOf([this] { intents_ = root_.GetIntentManager(manager_); }), "");
+  EXPECT_NE(intents_, nullptr);
+}
+
+// A request for which memory runs out fails inside OpenUri, to which its callback may throw.
+TEST_F(FakeIntents, PassOnWhatTheCallbackOfAFailedRequestThrows) {
+  struct Refusal {};
+  struct Slot {
+    static void Answer(void* called, bool success) {
+      allocations_until_failure = -1;
+      if (!success) {
+        ++*static_cast<int*>(called);
+        throw Refusal();
+      }
+    }
+  };
+  int called = 0;
+  int caught = 0;
+  for (int spare = 0; spare < 100 && IntentsInvoker::GetLatest()->invocations.empty(); ++spare) {
+    TARVOpenUriSlot slot{};
+    slot.size = sizeof(slot);
+    slot.callback = &Slot::Answer;
+    slot.user_data = &called;
+    try {
+      allocations_until_failure = spare;
+      table_.OpenUri(intents_, "https://example.org/a/long/way", &slot);
+    } catch (const std::bad_alloc&) {
+    } catch (const Refusal&) {
+      ++caught;
+    }
+    allocations_until_failure = -1;
+  }
+  EXPECT_GT(called, 0);
+  EXPECT_EQ(caught, called);
+  EXPECT_FALSE(IntentsInvoker::GetLatest()->invocations.empty());
 }
 
 }  // namespace

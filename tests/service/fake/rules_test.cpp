@@ -50,6 +50,22 @@ class Rules : public FakePlatform {
     }
   }
 
+  // Starts a new client's task. The codes of its OnStarted are kept, and from the first on there is
+  // memory again.
+  Task& StartAnother(std::vector<int>& codes) {
+    client_ = root_.CreateRpcClient(manager_);
+    Task::GetAll().clear();
+    TARVRpcClientSlots slots{};
+    slots.size = sizeof(slots);
+    slots.OnStarted = [](void* list, int code, const char*, std::size_t) {
+      allocations_until_failure = -1;
+      static_cast<std::vector<int>*>(list)->push_back(code);
+    };
+    slots.user_data = &codes;
+    EXPECT_EQ(table_.StartTask(client_, "worker", "/libs", &slots), QUARN_RESULT_SUCCESS);
+    return *Task::GetAll().at(0);
+  }
+
   // Keeps what it hears, as "TEXT" with its chunk.
   using Heard = std::vector<std::pair<const char*, std::size_t>>;
 
@@ -91,6 +107,27 @@ TEST_F(Rules, SlotsOfAStartThatFailsForWantOfMemoryStayTheCallers) {
   EXPECT_EQ(table_.StartTask(client_, "worker", "/libs", &slots), QUARN_RESULT_REFUSED);
   root_.Release(manager_);
   EXPECT_THAT(log_, IsEmpty());
+}
+
+TEST_F(Rules, StartWhoseChannelFindsNoMemoryFailsOnceAndStopsTheTask) {
+  std::vector<int> codes;
+  codes.reserve(10);
+  int spare = 0;
+  for (; spare < 100 && (codes.empty() || codes.front() != 0); ++spare) {
+    codes.clear();
+    Task& task = StartAnother(codes);
+    allocations_until_failure = spare;
+    task.complete_start(Error());
+    allocations_until_failure = -1;
+    EXPECT_EQ(codes.size(), 1U) << spare;
+    if (codes.front() != 0) {
+      EXPECT_EQ(codes.front(), -32603);
+      EXPECT_TRUE(task.complete_stop) << spare;
+      EXPECT_EQ(table_.SendMessage(client_, "late"), QUARN_RESULT_REFUSED) << spare;
+    }
+  }
+  EXPECT_GT(spare, 1);
+  EXPECT_LT(spare, 100);
 }
 
 TEST_F(Rules, SlotsStayTheCallersWhereverInAStartMemoryRunsOut) {
