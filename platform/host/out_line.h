@@ -41,6 +41,13 @@ class OutLine {
     });
     return parts;
   }
+  // Writes what is left to `out`; returns the end.
+  char* CopyTo(char* out) const {
+    for (const std::string_view part : parts_) {
+      out = std::copy(part.begin(), part.end(), out);
+    }
+    return out;
+  }
   // `size` bytes have been sent.
   void Skip(std::size_t size) {
     for (std::string_view& part : parts_) {

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <optional>
 
@@ -20,6 +21,22 @@ using std::chrono::milliseconds;
 constexpr std::size_t kWorthWaiting = std::size_t{256} << 10U;
 constexpr milliseconds kCopyTime{1};
 constexpr milliseconds kReaderPatience{2};
+
+// Lines up to this size go as one piece: to gather a line's parts takes the system longer than the
+// copy takes.
+constexpr std::size_t kOnePiece = 512;
+
+ssize_t Send(int socket, const OutLine& line) {
+  if (line.Size() > kOnePiece) {
+    auto parts = line.Gather();
+    return SendParts(socket, parts.data(), parts.size());
+  }
+  std::array<char, kOnePiece> bytes;
+  const auto size = static_cast<std::size_t>(line.CopyTo(bytes.data()) - bytes.data());
+  return RetryOnEintr([socket, &bytes, size] {
+    return ::send(socket, bytes.data(), size, MSG_NOSIGNAL | MSG_DONTWAIT);
+  });
+}
 
 bool IsWorthWaiting(const OutLine& line) {
   return line.IsBorrowed() && line.Size() >= kWorthWaiting;
@@ -45,8 +62,7 @@ bool WaitForRoom(int socket, Clock::time_point until) {
 void SendPatiently(int socket, OutLine* line) {
   std::optional<Clock::time_point> until;
   while (line->Size() > 0) {
-    auto parts = line->Gather();
-    const ssize_t sent = SendParts(socket, parts.data(), parts.size());
+    const ssize_t sent = Send(socket, *line);
     if (sent > 0) {
       line->Skip(static_cast<std::size_t>(sent));
       continue;

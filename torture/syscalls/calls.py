@@ -37,6 +37,7 @@ ERRORS = {
     "pipe2": ["EMFILE", "ENFILE"],
     "read": ["EIO", "EINTR", "EAGAIN", "short"],
     "write": ["EIO", "ENOSPC", "EPIPE", "EINTR", "EAGAIN", "short"],
+    "send": ["EPIPE", "ENOBUFS", "ENOMEM", "EAGAIN", "EINTR", "EIO", "short"],
     "sendmsg": ["EPIPE", "ENOBUFS", "ENOMEM", "EAGAIN", "EINTR", "EIO", "short"],
     "recv": ["EIO", "EINTR", "EAGAIN", "ENOMEM", "short"],
     "poll": ["EINTR", "ENOMEM"],

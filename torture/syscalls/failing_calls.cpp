@@ -43,6 +43,7 @@ enum Call {
   kPipe2,
   kRead,
   kWrite,
+  kSend,
   kSendmsg,
   kRecv,
   kPoll,
@@ -62,10 +63,10 @@ enum Call {
   kCalls
 };
 constexpr std::array<const char*, kCalls> kNames = {
-    "socket",        "bind",      "listen",     "accept4", "connect", "fork",     "execve",
-    "pipe2",         "read",      "write",      "sendmsg", "recv",    "poll",     "ppoll",
-    "epoll_create1", "epoll_ctl", "epoll_wait", "waitid",  "unlink",  "unlinkat", "open",
-    "openat",        "rename",    "mkdir",      "mkdirat", "fcntl"};
+    "socket", "bind",          "listen",    "accept4",    "connect", "fork",   "execve",
+    "pipe2",  "read",          "write",     "send",       "sendmsg", "recv",   "poll",
+    "ppoll",  "epoll_create1", "epoll_ctl", "epoll_wait", "waitid",  "unlink", "unlinkat",
+    "open",   "openat",        "rename",    "mkdir",      "mkdirat", "fcntl"};
 
 std::array<std::atomic<int>, kCalls> counts;
 std::atomic<int> struck{0};
@@ -241,6 +242,17 @@ __attribute__((visibility("default"))) ssize_t recv(int fd, void* data, size_t s
   }
   // A short read is no news unless it is very short.
   return real(fd, data, strikes ? 7 : size, flags);
+}
+
+__attribute__((visibility("default"))) ssize_t send(int fd, const void* data, size_t size,
+                                                    int flags) {
+  static const auto real = Real<ssize_t(int, const void*, size_t, int)>("send");
+  const bool strikes = Strikes(kSend, CALLER);
+  if (strikes && !falls_short) {
+    errno = error_number;
+    return -1;
+  }
+  return real(fd, data, strikes ? Cut(size) : size, flags);
 }
 
 __attribute__((visibility("default"))) ssize_t sendmsg(int fd, const msghdr* message, int flags) {
