@@ -92,14 +92,14 @@ class Channel {
         Qt::DirectConnection);
   }
 
-  // Calls a function with the owner, if both still live. It keeps the messaging object for so long:
-  // were a send on another thread the last to let it go, an event loop inside a callback could
-  // delete it while it emits.
+  // Calls a function with the owner, of which this is a part, if it still lives. It keeps the
+  // messaging object for so long: were a send on another thread the last to let it go, an event
+  // loop inside a callback could delete it while it emits.
   auto MakeHearer() const {
-    return [owner = owner_, channel = std::weak_ptr<Messaging>(messaging_)](auto&& tell) {
-      const auto messaging = channel.lock();
-      const auto end = messaging ? End::FromRef(owner) : nullptr;
-      if (end) {
+    return [this, owner = owner_](auto&& tell) {
+      const auto end = End::FromRef(owner);
+      const auto messaging = end ? messaging_ : nullptr;
+      if (messaging) {
         tell(*end);
       }
     };

@@ -21,8 +21,8 @@ class KnownLength {
   KnownLength& operator=(const KnownLength&) = delete;
 
  private:
-  TextWay way_;
-  std::string_view outer_;
+  std::string_view& known_;  // of this way and thread
+  const std::string_view outer_;
 };
 
 // The text that was handed over, up to its NUL, as strings::ViewOf gives it. Throws std::logic_error

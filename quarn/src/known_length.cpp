@@ -14,9 +14,9 @@ std::string_view& KnownOf(TextWay way) { return way == TextWay::kOut ? known_out
 }  // namespace
 
 KnownLength::KnownLength(TextWay way, std::string_view text)
-    : way_(way), outer_(std::exchange(KnownOf(way), text)) {}
+    : known_(KnownOf(way)), outer_(std::exchange(known_, text)) {}
 
-KnownLength::~KnownLength() { KnownOf(way_) = outer_; }
+KnownLength::~KnownLength() { known_ = outer_; }
 
 std::string_view FindView(TextWay way, const char* text) {
   const std::string_view known = KnownOf(way);
