@@ -110,7 +110,7 @@ class details::KeptTaskCore final : public Supervisor,
   void StartTask() {
     const auto self = shared_from_this();  // the factory may end everything
     Change({State::kStarting, std::nullopt});
-    client_ = factory_();
+    RunGuarded("the factory", calls_->GetTaskName(), [this] { client_ = factory_(); });
     hearing_ = std::make_shared<Hearing>();
     if (!client_) {
       const bool has_ended = has_manager_ended_ && has_manager_ended_();

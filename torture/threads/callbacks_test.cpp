@@ -3,14 +3,12 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <chrono>
-#include <cstdlib>
 #include <functional>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <tuple>
 
+#include "deed.h"
 #include "end_to_end/application.h"
 
 namespace tarv::test {
@@ -19,13 +17,8 @@ namespace {
 enum class Callback { kConnected, kResponse, kNotification, kDisconnected, kFailedResponse };
 constexpr const char* kCallbacks[] = {"OnConnected", "AResponse", "ANotification", "OnDisconnected",
                                       "AFailedResponse"};
-enum class Deed { kThrows, kSleeps };
 
 using Case = std::tuple<Callback, Deed>;
-
-std::chrono::milliseconds Sleep() {
-  return std::chrono::milliseconds(std::getenv("TARV_TORTURE") != nullptr ? 5000 : 200);
-}
 
 class CallbackThat : public EndToEndTest, public testing::WithParamInterface<Case> {
  protected:
@@ -36,10 +29,7 @@ class CallbackThat : public EndToEndTest, public testing::WithParamInterface<Cas
       return;
     }
     done_ = true;
-    if (Throws()) {
-      throw std::runtime_error("not now");
-    }
-    std::this_thread::sleep_for(Sleep());
+    Do(std::get<Deed>(GetParam()));
   }
 
   void Prepare(vorpc::IClient& client) {
@@ -60,7 +50,7 @@ class CallbackThat : public EndToEndTest, public testing::WithParamInterface<Cas
       try {
         return WaitUntil(condition);
       } catch (const std::runtime_error& error) {
-        EXPECT_STREQ(error.what(), "not now");
+        EXPECT_STREQ(error.what(), kThrown);
         ++thrown_;
       }
     }
@@ -71,18 +61,17 @@ class CallbackThat : public EndToEndTest, public testing::WithParamInterface<Cas
   int held_answers_ = 0;
 };
 
-std::string NameOf(const testing::TestParamInfo<Case>& info) {
-  return std::string(kCallbacks[static_cast<int>(std::get<Callback>(info.param))]) +
-         (std::get<Deed>(info.param) == Deed::kThrows ? "Throws" : "Sleeps");
-}
-
 INSTANTIATE_TEST_SUITE_P(Each, CallbackThat,
                          testing::Combine(testing::Values(Callback::kConnected, Callback::kResponse,
                                                           Callback::kNotification,
                                                           Callback::kDisconnected,
                                                           Callback::kFailedResponse),
                                           testing::Values(Deed::kThrows, Deed::kSleeps)),
-                         NameOf);
+                         [](const auto& test) {
+                           return NameOf(
+                               kCallbacks[static_cast<int>(std::get<Callback>(test.param))],
+                               std::get<Deed>(test.param));
+                         });
 
 TEST_P(CallbackThat, LetsTheNextMessageBeServed) {
   const auto connection = Start();

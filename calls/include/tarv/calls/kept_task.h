@@ -57,7 +57,8 @@ struct TaskStatus {
 // gets a new client from the factory, and the task's own notification handlers.
 class KeptTask {
  public:
-  // Starts the task and gives its client, not run yet; null when that fails.
+  // Starts the task and gives its client, not run yet; null when that fails. What it throws is logged
+  // and is such a failure.
   using Factory = std::function<std::shared_ptr<vorpc::IClient>()>;
   using NotificationHandler = std::function<void(const vorpc::Message::Notification&)>;
 
