@@ -44,8 +44,12 @@ Error CheckUri(const QString& uri) {
                                        .arg(EscapedHead(uri.toUtf8(), kShownOfUri))};
 }
 
+UriOpener::UriOpener(std::function<void(const Error&)> done) : done_(std::move(done)) {}
+
+// The object is whole before the program starts, so that its destructor lets the program go when
+// there is no memory for the rest.
 UriOpener::UriOpener(const QString& uri, std::function<void(const Error&)> done)
-    : done_(std::move(done)) {
+    : UriOpener(std::move(done)) {
   const QString chosen = QString::fromUtf8(Variable("RUNTIME_MANAGER_URI_HANDLER"));
   program_ = chosen.isEmpty() ? QStringLiteral("xdg-open") : chosen;
   settled_.setSingleShot(true);

@@ -28,6 +28,8 @@ class UriOpener {
   UriOpener& operator=(const UriOpener&) = delete;
 
  private:
+  explicit UriOpener(std::function<void(const Error&)> done);
+
   Error Start(const QString& uri);
   void OnEnded(const ChildEnd& end);
   void Finish(const Error& error);

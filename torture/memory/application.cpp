@@ -35,6 +35,7 @@ using std::chrono::milliseconds;
 const std::string kEcho = "echo";
 // Only what goes wrong takes so long, or a machine that is very busy.
 constexpr milliseconds kPatience(20000);
+constexpr milliseconds kSettling(3000);
 // How long memory stays away when nothing tells that the operation is over.
 constexpr milliseconds kWant(150);
 const std::string kTask = "torture_memory_task";
@@ -43,6 +44,7 @@ struct Run {
   std::string operation;
   long nth = 0;
   bool lasting = false;
+  long blocks = 0;  // that a conversation with memory for all leaves
 };
 
 QJsonObject facts;
@@ -275,6 +277,8 @@ void Torture::Play() {
   if (task_allocations_ > 0) {
     facts["of the task"] = task_allocations_;
   }
+  // What a task's end still has to do may take a moment.
+  loop_.RunUntil([&] { return CountBlocks() - blocks <= run_.blocks; }, kSettling);
   facts["blocks"] = static_cast<int>(CountBlocks() - blocks);
   facts["descriptors"] =
       static_cast<int>(static_cast<long>(test::CountDescriptors()) - descriptors);
@@ -314,13 +318,14 @@ void PlayPure(PureOperation play, const Run& run) {
 
 int main(int argc, char** argv) {
   using namespace tarv::torture;
-  if (argc != 4) {
-    std::fprintf(stderr, "usage: %s OPERATION NTH once|lasting\n", argv[0]);
+  if (argc != 5) {
+    std::fprintf(stderr, "usage: %s OPERATION NTH once|lasting BLOCKS\n", argv[0]);
     return 2;
   }
   PrepareMemory();
   QCoreApplication application(argc, argv);
-  const Run run{argv[1], std::atol(argv[2]), std::strcmp(argv[3], "lasting") == 0};
+  const Run run{argv[1], std::atol(argv[2]), std::strcmp(argv[3], "lasting") == 0,
+                std::atol(argv[4])};
   if (const PureOperation pure = FindPureOperation(run.operation)) {
     PlayPure(pure, run);
   } else {
