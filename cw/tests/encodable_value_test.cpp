@@ -393,7 +393,7 @@ TEST(EncodableValueOrder, TakesDeeplyNestedEqualKeysOfAMessageInItsStride) {
 TEST(EncodableValueOrder, OfListsAndMapsIsThatOfTheStandardContainers) {
   const std::vector<EncodableValue> ascending = {
       EncodableList{},        EncodableList{1},       EncodableList{1, 1},
-      EncodableList{1, "a"},  EncodableList{2},       EncodableList{EncodableList{}},
+      EncodableList{1, "a"},  EncodableList{2},       EncodableList(1, EncodableList{}),
       EncodableMap{},         EncodableMap{{"a", 1}}, EncodableMap{{"a", 1}, {"b", 0}},
       EncodableMap{{"a", 2}}, EncodableMap{{"b", 0}},
   };

@@ -16,7 +16,7 @@ inline std::size_t Sized(std::size_t full, std::size_t part) {
 }
 
 // Sanitizers keep what is given back for a while, so memory says nothing.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef TARV_SANITIZED
 constexpr bool kMemoryCounts = false;
 #else
 constexpr bool kMemoryCounts = true;

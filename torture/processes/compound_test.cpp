@@ -62,20 +62,22 @@ KeepPolicy Policy() {
 
 class KeptTaskIsMended : public EndToEndTest {
  protected:
-  // Ends once.
-  void Ask(std::int32_t value) {
+  // Ends once. Returns the call's place among the ends.
+  std::size_t Ask(std::int32_t value) {
     const std::size_t place = ends_.size();
     ends_.push_back(0);
+    outcomes_.emplace_back();
     const auto call = task_->Call(kEcho, value, CallOptions().Timeout(30s));
     call.Then([this, place](const Outcome<std::int32_t>& outcome) {
       ++ends_[place];
-      last_ = outcome;
+      outcomes_[place] = outcome;
     });
+    return place;
   }
   bool IsServed(std::int32_t value) {
-    last_.reset();
-    Ask(value);
-    return WaitUntil([this] { return last_.has_value(); }) && *last_ && **last_ == value;
+    const std::size_t place = Ask(value);
+    return WaitUntil([this, place] { return outcomes_[place].has_value(); }) && *outcomes_[place] &&
+           **outcomes_[place] == value;
   }
   // The task dies; then each start fails, until `cure` is called.
   void DieAndFail(const std::function<void()>& cause, const std::function<void()>& cure) {
@@ -101,7 +103,7 @@ class KeptTaskIsMended : public EndToEndTest {
   }
 
   std::vector<int> ends_;
-  std::optional<Outcome<std::int32_t>> last_;
+  std::vector<std::optional<Outcome<std::int32_t>>> outcomes_;
   std::unique_ptr<KeptTask> task_ =
       std::make_unique<KeptTask>(*manager_wrapper_, "mortal", Policy());
 };

@@ -28,7 +28,7 @@ namespace {
 namespace fs = std::filesystem;
 
 // Sanitizers keep what is given back for a while, so memory says nothing.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef TARV_SANITIZED
 constexpr bool kMemoryCounts = false;
 #else
 constexpr bool kMemoryCounts = true;
