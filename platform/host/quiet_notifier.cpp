@@ -59,7 +59,7 @@ std::shared_ptr<QuietNotifier::Hub> QuietNotifier::Hub::Get() {
   if (latest_ != nullptr && latest_->IsOf(QAbstractEventDispatcher::instance())) {
     return latest_->shared_from_this();
   }
-  const auto hub = std::make_shared<Hub>();
+  auto hub = std::make_shared<Hub>();
   latest_ = hub.get();
   return hub;
 }
