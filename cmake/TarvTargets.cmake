@@ -28,7 +28,7 @@ if(TARV_SANITIZE)
   target_compile_options(tarv_options INTERFACE
     -fsanitize=${TARV_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(tarv_options INTERFACE -fsanitize=${TARV_SANITIZE})
-  # Memory is not what it is without.
+  # Sanitizers keep what is given back for a while: tests that measure memory must know.
   target_compile_definitions(tarv_options INTERFACE TARV_SANITIZED)
   if(TARV_SANITIZE MATCHES undefined)
     # Its look at an object opens a pipe, and takes the want of descriptors that some tests make for
