@@ -75,6 +75,12 @@ const Activation& GetActivation() {
   return activation;
 }
 
+void AbandonActivationSocket() {
+  if (::dup3(STDIN_FILENO, kActivationSocket, O_CLOEXEC) < 0) {
+    ::close(kActivationSocket);
+  }
+}
+
 bool IsTaskOfRuntimeManager() {
   const bool has_socket = IsActivated() && IsListeningSocket(kActivationSocket) &&
                           IsSocketName(BoundName(kActivationSocket));

@@ -21,6 +21,10 @@ struct Activation {
 // takes them for its own. Any thread.
 const Activation& GetActivation();
 
+// Nobody will serve this task's socket: whoever has connected to it hears of the end of the connection.
+// The descriptor's number stays taken.
+void AbandonActivationSocket();
+
 // Whether a runtime manager has started this process as a task. Only looks, and only until
 // GetActivation() was called.
 bool IsTaskOfRuntimeManager();

@@ -8,7 +8,6 @@
 #include "support.h"
 
 namespace RuntimeManager::host {
-
 UniqueFd OpenProcess(pid_t pid) {
 #ifdef SYS_pidfd_open
   return UniqueFd(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0U)));
@@ -35,8 +34,8 @@ int ChildHandle::Signal(int signal) {
       ::syscall(SYS_pidfd_send_signal, descriptor_.Get(), signal, nullptr, 0U) == 0) {
     return 0;
   }
-  if (descriptor_.IsValid() && errno != ENOSYS) {
-    return errno == ESRCH ? 0 : errno;
+  if (descriptor_.IsValid() && errno == ESRCH) {
+    return 0;
   }
 #endif
   return SignalByNumber(signal);
@@ -45,8 +44,11 @@ int ChildHandle::Signal(int signal) {
 // The number is safe to use while the process waits to be reaped here, and only then.
 int ChildHandle::SignalByNumber(int signal) const {
   siginfo_t info{};
-  if (::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) != 0) {
-    return 0;
+  const int result = RetryOnEintr([this, &info] {
+    return ::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT);
+  });
+  if (result != 0) {
+    return errno == ECHILD ? 0 : errno;
   }
   if (info.si_pid != 0 || ::kill(pid_, signal) == 0) {
     return 0;
@@ -72,6 +74,10 @@ bool ChildHandle::Reap() {
   const int result = RetryOnEintr(
       [this, &info] { return ::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG); });
   if (result == 0 && info.si_pid == 0) {
+    return false;
+  }
+  // The application may have taken the child; any other failure passes, or there is no way to learn more.
+  if (result != 0 && errno != ECHILD && ++vain_reaps_ < kMostVainTries) {
     return false;
   }
   is_reaped_ = true;

@@ -47,6 +47,7 @@ class ChildHandle {
   mutable std::mutex mutex_;  // guards what follows
   UniqueFd descriptor_;
   bool is_reaped_ = false;
+  int vain_reaps_ = 0;
   std::optional<siginfo_t> end_;
 };
 

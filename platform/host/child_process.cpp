@@ -25,8 +25,6 @@ constexpr int kKillMs = 1000;
 // What a standard error that takes nothing gets for a task's last words when nobody can wait
 // longer.
 constexpr int kLastWordsMs = 3000;
-// How often the news of a program's start may be announced and not be there.
-constexpr int kMostVainReads = 100;
 // How often a child is looked after where processes have no descriptors.
 constexpr int kPollMs = 20;
 
@@ -110,8 +108,7 @@ void ChildProcess::OnExecStatus() {
   int exec_error = 0;
   const ssize_t size = RetryOnEintr(
       [this, &exec_error] { return ::read(exec_status_.Get(), &exec_error, sizeof(exec_error)); });
-  // A pipe that says it has something, and does not give it, is not waited for for ever.
-  if (size < 0 && errno == EAGAIN && ++vain_reads_ < kMostVainReads) {
+  if (size < 0 && errno == EAGAIN && ++vain_reads_ < kMostVainTries) {
     return;
   }
   exec_notifier_->SetEnabled(false);

@@ -21,6 +21,8 @@ namespace {
 
 // Descriptors come back when the process closes some; nobody tells when.
 constexpr int kShortageRetryMs = 100;
+// A process that cannot accept its first connection for so long is of no use to whoever waits there.
+constexpr int kShortageLimitMs = 5000;
 // Connections taken in one turn of the event loop.
 constexpr int kAcceptsPerTurn = 64;
 // A full queue means a task that does not run; it shall get some time to.
@@ -109,10 +111,15 @@ struct Acceptor::State : std::enable_shared_from_this<State> {
   bool AcceptOne();
   bool OnFailure(int error_number);
   void Pause(int error_number);
+  bool IsHopeless();
+  void GiveUp(int error_number);
   void Close();
 
   QString what;
   std::function<void(UniqueFd)> on_connection;
+  std::function<void(const Error&)> on_failure;  // empty once a connection was accepted
+  QElapsedTimer since_failure;                   // valid while nothing can be accepted
+  int vain_turns = 0;                            // in a row
   UniqueFd socket;
   std::unique_ptr<QuietNotifier> readable;
   QTimer retry;
@@ -134,6 +141,7 @@ void Acceptor::State::Open(int listening) {
         Error::kConnectFailed,
         QString("cannot accept connections to %1 on descriptor %2").arg(what).arg(listening),
         errno);
+    socket.Reset();
     return;
   }
   readable = std::make_unique<QuietNotifier>(socket.Get(), [this] { OnReadable(); });
@@ -147,6 +155,7 @@ void Acceptor::State::Open(int listening) {
 
 void Acceptor::State::OnReadable() {
   const auto self = shared_from_this();
+  ++vain_turns;
   for (int i = 0; i < kAcceptsPerTurn && socket.IsValid(); ++i) {
     if (!AcceptOne()) {
       return;
@@ -163,6 +172,9 @@ bool Acceptor::State::AcceptOne() {
     return goes_on;
   }
   shortage_warned = false;
+  vain_turns = 0;
+  since_failure.invalidate();
+  on_failure = nullptr;
   const Error refusal = CheckPeer(peer.Get());
   if (refusal.isError()) {
     Warn(QString("%1: %2").arg(what, refusal.message()));
@@ -173,14 +185,35 @@ bool Acceptor::State::AcceptOne() {
 }
 
 bool Acceptor::State::OnFailure(int error_number) {
-  if (error_number == EAGAIN) {
+  if (error_number == EAGAIN && vain_turns < kMostVainTries) {
     return false;
   }
   if (IsPassing(error_number)) {
     return true;
   }
-  Pause(error_number);
+  if (IsHopeless()) {
+    GiveUp(error_number);
+  } else {
+    Pause(error_number);
+  }
   return false;
+}
+
+bool Acceptor::State::IsHopeless() {
+  if (!since_failure.isValid()) {
+    since_failure.start();
+  }
+  return on_failure && since_failure.hasExpired(kShortageLimitMs);
+}
+
+void Acceptor::State::GiveUp(int error_number) {
+  const Error failure = SystemError(Error::kConnectFailed,
+                                    QString("no connection to %1 could be accepted for %2 s")
+                                        .arg(what)
+                                        .arg(kShortageLimitMs / 1000),
+                                    error_number);
+  Close();
+  std::exchange(on_failure, nullptr)(failure);
 }
 
 void Acceptor::State::Pause(int error_number) {
@@ -203,9 +236,14 @@ void Acceptor::State::Close() {
 }
 
 Acceptor::Acceptor(QString what, int listening, std::function<void(UniqueFd)> on_connection)
+    : Acceptor(std::move(what), listening, std::move(on_connection), nullptr) {}
+
+Acceptor::Acceptor(QString what, int listening, std::function<void(UniqueFd)> on_connection,
+                   std::function<void(const Error&)> on_failure)
     : state_(std::make_shared<State>()) {
   state_->what = std::move(what);
   state_->on_connection = std::move(on_connection);
+  state_->on_failure = std::move(on_failure);
   state_->Open(listening);
 }
 

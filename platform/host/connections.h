@@ -40,6 +40,10 @@ class Acceptor {
   // Keeps a duplicate of `listening`. `on_connection` gets connected, non-blocking sockets. `what`
   // is served there, for the log: "the task 'x'".
   Acceptor(QString what, int listening, std::function<void(UniqueFd)> on_connection);
+  // The same for a process whose work waits for the first connection: when none could be accepted for
+  // five seconds although one was there, `on_failure` is called, and nothing more is accepted.
+  Acceptor(QString what, int listening, std::function<void(UniqueFd)> on_connection,
+           std::function<void(const Error&)> on_failure);
   ~Acceptor();
   Acceptor(const Acceptor&) = delete;
   Acceptor& operator=(const Acceptor&) = delete;

@@ -48,7 +48,10 @@ FaultLane::FaultLane(Config config, int from, int to)
   QObject::connect(&due_, &QTimer::timeout, &due_, [this] { Write(); });
   QObject::connect(&tick_, &QTimer::timeout, &tick_, [this] { OnTick(); });
   QObject::connect(&readable_, &QSocketNotifier::activated, &due_, [this] { OnReadable(); });
-  QObject::connect(&writable_, &QSocketNotifier::activated, &due_, [this] { Write(); });
+  QObject::connect(&writable_, &QSocketNotifier::activated, &due_, [this] {
+    ++vain_writes_;
+    Write();
+  });
   for (const FaultRule& rule : config_.rules) {
     if (rule.kind == Kind::kSlow) {
       bytes_per_tick_ = std::max<quint64>(rule.least / kTicksPerSecond, 1);
@@ -64,6 +67,7 @@ bool FaultLane::IsFull() const {
 }
 
 void FaultLane::OnReadable() {
+  ++vain_reads_;
   Read(kBytesPerRead);
   Write();
 }
@@ -81,9 +85,10 @@ FaultLane::News FaultLane::Read(std::size_t most) {
   std::array<char, kBytesPerRead> buffer;
   const ssize_t size = RetryOnEintr(
       [&] { return ::recv(from_, buffer.data(), std::min(most, buffer.size()), MSG_DONTWAIT); });
-  if (size < 0 && errno == EAGAIN) {
+  if (size < 0 && errno == EAGAIN && vain_reads_ < kMostVainTries) {
     return News::kNone;
   }
+  vain_reads_ = 0;
   if (size <= 0) {
     has_ended_ = true;
     readable_.setEnabled(false);
@@ -193,7 +198,8 @@ void FaultLane::Write() {
     return ::send(to_, out_.constData(), static_cast<std::size_t>(out_.size()),
                   MSG_DONTWAIT | MSG_NOSIGNAL);
   });
-  if (size < 0 && errno != EAGAIN) {
+  vain_writes_ = size < 0 ? vain_writes_ : 0;
+  if (size < 0 && (errno != EAGAIN || vain_writes_ >= kMostVainTries)) {
     DropAll();
   }
   const auto lines = size > 0 ? out_.left(static_cast<int>(size)).count('\n') : 0;

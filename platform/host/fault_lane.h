@@ -75,6 +75,8 @@ class FaultLane {
   std::size_t held_size_ = 0;
   QByteArray out_;          // what the other socket has not taken
   bool has_ended_ = false;  // nothing more comes
+  int vain_reads_ = 0;      // in a row
+  int vain_writes_ = 0;
   QTimer due_;
   QTimer tick_;
   QSocketNotifier readable_;

@@ -197,6 +197,7 @@ void LineChannel::OnReadable() {
   const auto self = shared_from_this();
   // The other half of the turn does it.
   if (!is_over_time_) {
+    ++vain_reads_;
     Read(kBytesPerTurn, Turn::Short(), false);
   }
 }
@@ -224,14 +225,18 @@ void LineChannel::Read(std::size_t budget, Turn turn, bool to_the_end) {
 }
 
 // The negative number of the error; 0 at the end of the stream.
-ssize_t LineChannel::ReadSome(const LineBuffer::Room& room) const {
+ssize_t LineChannel::ReadSome(const LineBuffer::Room& room) {
   const ssize_t size =
       RetryOnEintr([this, &room] { return ::recv(socket_, room.data, room.size, MSG_DONTWAIT); });
-  return size < 0 ? -errno : size;
+  if (size < 0) {
+    return -errno;
+  }
+  vain_reads_ = 0;
+  return size;
 }
 
 void LineChannel::OnReadError(int error_number) {
-  if (error_number == EAGAIN) {
+  if (error_number == EAGAIN && vain_reads_ < kMostVainTries) {
     return;
   }
   // A reset is the end that a peer makes which has not read everything.

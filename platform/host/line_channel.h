@@ -74,7 +74,7 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   void OnWritable();
   bool IsInItsThread() const;
   void Read(std::size_t budget, Turn turn, bool to_the_end);
-  ssize_t ReadSome(const LineBuffer::Room& room) const;
+  ssize_t ReadSome(const LineBuffer::Room& room);
   void OnReadError(int error_number);
   bool DeliverLines(Turn* turn);
   void PrepareForTheNext(Turn* turn);
@@ -112,6 +112,7 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   std::unique_ptr<QSocketNotifier> writable_;
   LineBuffer input_;
   int line_warnings_ = 0;
+  int vain_reads_ = 0;  // in a row
   bool ended_ = false;
   bool rest_is_due_ = false;
   bool is_over_time_ = false;  // the rest is due because the turn was over

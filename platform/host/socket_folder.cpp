@@ -304,7 +304,8 @@ int SocketFolder::Probe(const QString& name) const {
   }
   const UniqueFd probe(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   const auto* target = reinterpret_cast<const sockaddr*>(&address);
-  if (!probe.IsValid() || ::connect(probe.Get(), target, sizeof(address)) != 0) {
+  const auto connect = [&] { return ::connect(probe.Get(), target, sizeof(address)); };
+  if (!probe.IsValid() || RetryOnEintr(connect) != 0) {
     return errno == EPROTOTYPE ? 0 : errno;
   }
   return 0;

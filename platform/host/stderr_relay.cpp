@@ -124,9 +124,10 @@ bool StderrRelay::ReadChunk() {
   std::array<char, kChunk> chunk{};
   const ssize_t size =
       RetryOnEintr([this, &chunk] { return ::read(pipe_.Get(), chunk.data(), chunk.size()); });
-  if (size < 0 && errno == EAGAIN) {
+  if (size < 0 && errno == EAGAIN && ++vain_reads_ < kMostVainTries) {
     return false;
   }
+  vain_reads_ = 0;
   if (size <= 0) {
     Close();
     return false;
@@ -166,12 +167,13 @@ void StderrRelay::Copy(const QByteArray& chunk) {
 }
 
 void StderrRelay::Forward() {
-  if (!HasPending() || !TakesBytes(STDERR_FILENO, 0)) {
+  if (!HasPending()) {
     return;
   }
   const UniqueFd non_blocking = OpenNonBlocking(STDERR_FILENO);
-  const int target = non_blocking.IsValid() ? non_blocking.Get() : STDERR_FILENO;
-  while (HasPending() && TakesBytes(target, 0)) {
+  const bool may_block = !non_blocking.IsValid();
+  const int target = may_block ? STDERR_FILENO : non_blocking.Get();
+  while (HasPending() && (!may_block || TakesBytes(target, 0))) {
     const ssize_t written = WriteChunk(target, pending_);
     if (written == -EAGAIN) {
       return;

@@ -67,6 +67,7 @@ class StderrRelay {
   QByteArray pending_;  // read, not yet forwarded
   QByteArray tail_;
   std::function<void()> on_forwarded_;
+  int vain_reads_ = 0;  // in a row
   bool forwards_ = true;
   bool keeps_backlog_ = false;
 };

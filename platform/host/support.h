@@ -73,6 +73,10 @@ auto RetryOnEintr(Call call) {
   return result;
 }
 
+// How often in a row a descriptor may announce news and have none before it is taken for broken:
+// waiting for it would take all of a processor, and have no end.
+constexpr int kMostVainTries = 100;
+
 // Waits until a descriptor can be written to, up to `wait_ms`. Also true when writing would fail.
 bool TakesBytes(int descriptor, int wait_ms);
 

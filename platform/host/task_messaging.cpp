@@ -60,6 +60,7 @@ class TaskMessaging::Private : public host::TaskWatcher,
   bool HearsData() const;
   void OnDialed(UniqueFd socket, const Error& error);
   void OnConnection(UniqueFd socket);
+  void OnNoService(int descriptor, const Error& error);
   void Attach(UniqueFd socket);
   void OnChannelEnd(const Error& error);
   void Report(const Error& error);
@@ -149,13 +150,22 @@ void TaskMessaging::Private::OpenDescriptor(int descriptor) {
                   "a task with a socket");
   if (descriptor >= 0) {
     acceptor_ = std::make_unique<Acceptor>(
-        title, descriptor, [this](UniqueFd socket) { OnConnection(std::move(socket)); });
+        title, descriptor, [this](UniqueFd socket) { OnConnection(std::move(socket)); },
+        [this, descriptor](const Error& failure) { OnNoService(descriptor, failure); });
     error = acceptor_->GetError();
   }
   if (error.isError()) {
-    host::Warn(error.message());
-    channel_->EndSoon(error);
+    OnNoService(descriptor, error);
   }
+}
+
+// The starter's connection waits in the socket, which nobody else would end.
+void TaskMessaging::Private::OnNoService(int descriptor, const Error& error) {
+  host::Warn(error.message());
+  if (descriptor >= 0 && descriptor == host::GetActivation().socket) {
+    host::AbandonActivationSocket();
+  }
+  channel_->EndSoon(error);
 }
 
 void TaskMessaging::Private::StopWatching() {

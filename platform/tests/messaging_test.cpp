@@ -697,6 +697,27 @@ TEST_F(ServerEnd, IsNotDeafAfterItRanOutOfDescriptors) {
   ::close(peer);
 }
 
+// Whoever waits for its starter's connection, and cannot have it, tells.
+TEST_F(ServerEnd, GivesUpWhenItsFirstConnectionCannotBeAcceptedForFiveSeconds) {
+  TaskMessaging messaging(listening_);
+  Inbox inbox(&messaging);
+  const int peer = Connect();
+  const int lowest = ::dup(STDERR_FILENO);
+  ::close(lowest);
+  rlimit before{};
+  ::getrlimit(RLIMIT_NOFILE, &before);
+  rlimit tight = before;
+  tight.rlim_cur = static_cast<rlim_t>(lowest);
+  ::setrlimit(RLIMIT_NOFILE, &tight);
+  const bool gives_up = RunUntil([&inbox] { return !inbox.disconnects.errors.empty(); });
+  ::setrlimit(RLIMIT_NOFILE, &before);
+  ASSERT_TRUE(gives_up);
+  EXPECT_EQ(
+      inbox.disconnects.errors.front().message(),
+      "no connection to the task 'platform_tests' could be accepted for 5 s: Too many open files");
+  ::close(peer);
+}
+
 TEST_F(ServerEnd, SurvivesAPeerThatLeavesInTheMiddleOfAWrite) {
   const auto before = std::signal(SIGPIPE, SIG_DFL);
   TaskMessaging messaging(listening_);
