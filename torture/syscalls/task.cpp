@@ -1,10 +1,12 @@
 // The task of the conversation under failing system calls.
 
+#include <RuntimeManager/RuntimeDispatcher.h>
 #include <cw/plugin.h>
 #include <cw/plugin_registrar.h>
 #include <tarv/manager_wrapper.h>
 #include <veltra/host/run.h>
 
+#include <cstdio>
 #include <memory>
 #include <string>
 
@@ -17,8 +19,12 @@ class Peer final : public cw::Plugin {
     server_->OnRequest("echo", [](const std::string& /*method*/, const cw::EncodableValue& params,
                                   auto&& reply) { reply->SendResult(params); });
     server_->OnNotify("say", [this](const vorpc::Message::Notification& notification) {
+      std::fputs("the task says something\n", stderr);
       server_->SendNotify("said", notification.params);
     });
+    RuntimeManager::RuntimeDispatcher::instance()->registerIntent(
+        "torture-calls",
+        [](const QJsonObject& parameters, const auto& reply) { reply(parameters); });
     server_->Run();
   }
 
