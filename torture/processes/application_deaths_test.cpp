@@ -15,9 +15,10 @@
 #include <vector>
 
 #include "deaths.h"
+#include "in_time.h"
 #include "kit/service.h"
 #include "kit/surroundings.h"
-#include "stopped.h"
+#include "support/process_state.h"
 
 namespace tarv::test {
 namespace {
@@ -27,13 +28,16 @@ using testing::IsEmpty;
 constexpr const char* kSteps[] = {"starting",  "started",  "connected", "asking",
                                   "half-sent", "answered", "stopping",  "releasing"};
 
-bool Wait(const std::function<bool()>& condition) {
-  constexpr int kLooks = 6000;
+bool Wait(const std::function<bool()>& condition, std::chrono::milliseconds limit = kPatience) {
+  const auto end = std::chrono::steady_clock::now() + limit;
   constexpr unsigned kPauseUs = 10'000;
-  for (int look = 0; look < kLooks && !condition(); ++look) {
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) {
+      return false;
+    }
     usleep(kPauseUs);
   }
-  return condition();
+  return true;
 }
 
 // What it inherits is no pipe that somebody reads to its end: a task that is stopped would hold it.
@@ -94,7 +98,9 @@ class ApplicationDies : public testing::TestWithParam<const char*> {
       application.Signal(GoesOn(death) ? SIGCONT : SIGKILL);
     }
     EXPECT_EQ(application.WaitForStatus(), death.status);
-    EXPECT_TRUE(Wait([] { return HaveOrphansGone(); })) << "a task outlives its application";
+    EXPECT_TRUE(IsOverInTime([](std::chrono::milliseconds limit) {
+      return Wait([] { return HaveOrphansGone(); }, limit);
+    })) << "a task outlives its application";
     ExpectNoFiles(death);
   }
 

@@ -12,9 +12,13 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <thread>
 #include <vector>
 
 #include "end_to_end/application.h"
+#include "in_time.h"
+#include "small_disk.h"
+#include "support/process_state.h"
 
 namespace tarv::test {
 namespace {
@@ -50,6 +54,10 @@ class NoDescriptors {
   rlimit before_{};
   std::vector<int> taken_;
 };
+
+bool HaveAllGone(std::chrono::milliseconds limit) {
+  return WaitUntil([] { return Children().empty(); }, limit);
+}
 
 KeepPolicy Policy() {
   KeepPolicy policy;
@@ -98,7 +106,7 @@ class KeptTaskIsMended : public EndToEndTest {
   }
   void End() {
     task_.reset();
-    EXPECT_TRUE(WaitUntil([] { return Children().empty(); }));
+    EXPECT_TRUE(IsOverInTime(HaveAllGone));
     EXPECT_THAT(SocketsBelow(folder_.GetPath()), IsEmpty());
   }
 
@@ -119,6 +127,26 @@ TEST_F(KeptTaskIsMended, AfterARuntimeFolderThatIsUnsafeDuringItsRestart) {
   constexpr mode_t kOpenToAll = 0777;
   constexpr mode_t kSafe = 0700;
   DieAndFail([&] { chmod(folder.c_str(), kOpenToAll); }, [&] { chmod(folder.c_str(), kSafe); });
+  End();
+}
+
+TEST_F(KeptTaskIsMended, AfterAFullDiskDuringItsRestart) {
+  const SmallDisk disk(folder_.GetPath() / "disk");
+  if (!disk.WhyNot().empty()) {
+    GTEST_SKIP() << disk.WhyNot();
+  }
+  const ScopedVariable runtime("XDG_RUNTIME_DIR", disk.GetPath().string());
+  const auto fill = [&disk] {
+    // The dead task's socket would give its place to the next one.
+    while (StateOf(Children().front()) != 'Z') {
+      std::this_thread::sleep_for(1ms);
+    }
+    for (const std::string& socket : SocketsBelow(disk.GetPath())) {
+      std::filesystem::remove(socket);
+    }
+    disk.FillWithFiles();
+  };
+  DieAndFail(fill, [&disk] { disk.Clear(); });
   End();
 }
 
@@ -172,7 +200,7 @@ TEST_F(Stop, AtAnyMomentOfAStartLeavesNothing) {
     RunEvents(moment);
   }
   EXPECT_THAT(ends, testing::Each(testing::Pointee(1)));
-  EXPECT_TRUE(WaitUntil([] { return Children().empty(); }));
+  EXPECT_TRUE(IsOverInTime(HaveAllGone));
   EXPECT_THAT(SocketsBelow(folder_.GetPath()), IsEmpty());
 }
 
@@ -186,7 +214,7 @@ TEST_F(Stop, DoesNotMeetTheStartsThatBeginMeanwhile) {
     EXPECT_EQ(connection->Ask("echo", time), cw::EncodableValue(time));
   }
   connection.reset();
-  EXPECT_TRUE(WaitUntil([] { return Children().empty(); }));
+  EXPECT_TRUE(IsOverInTime(HaveAllGone));
 }
 
 }  // namespace
