@@ -86,7 +86,10 @@ StderrRelay::StderrRelay(QString task, UniqueFd pipe)
     return;
   }
   copy_ = OpenCopy(task_);
-  readable_ = std::make_unique<QuietNotifier>(pipe_.Get(), [this] { OnEvent(); });
+  readable_ = std::make_unique<QuietNotifier>(pipe_.Get(), [this] {
+    ++vain_reads_;
+    OnEvent();
+  });
   resume_.setSingleShot(true);
   QObject::connect(&resume_, &QTimer::timeout, &resume_, [this] { OnEvent(); });
 }
@@ -124,7 +127,7 @@ bool StderrRelay::ReadChunk() {
   std::array<char, kChunk> chunk{};
   const ssize_t size =
       RetryOnEintr([this, &chunk] { return ::read(pipe_.Get(), chunk.data(), chunk.size()); });
-  if (size < 0 && errno == EAGAIN && ++vain_reads_ < kMostVainTries) {
+  if (size < 0 && errno == EAGAIN && vain_reads_ < kMostVainTries) {
     return false;
   }
   vain_reads_ = 0;

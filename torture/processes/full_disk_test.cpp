@@ -95,8 +95,9 @@ TEST_F(RecordOnAFullDisk, HasGapsThatAreToldAndNobodyElseIsDisturbed) {
   EXPECT_THAT(
       Converse(),
       AllOf(HasSubstr("the record in RUNTIME_MANAGER_TRACE has gaps: No space left on device"),
-            HasSubstr("the copy of a task's standard error in RUNTIME_MANAGER_STDERR ends here: No "
-                      "space left on device")));
+            HasSubstr("the copy of the standard error of the task 'mortal' in "
+                      "RUNTIME_MANAGER_STDERR ends here: "
+                      "No space left on device")));
   EXPECT_EQ(TextOf(GetRecord()), "");
   disk_->Clear();
   EXPECT_EQ(Converse(), "");
