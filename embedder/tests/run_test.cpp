@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
@@ -45,6 +46,12 @@ TEST(RunApplication, EndsInOrderOnASignal) {
   const Outcome outcome = RunSample("application wait-for-signal");
   EXPECT_NE(outcome.output.find("reporting released\n"), std::string::npos) << outcome.output;
   EXPECT_EQ(outcome.exit_code, 128 + 15);
+}
+
+TEST(RunApplication, EndsAtOnceByASignalThatItCannotTellItself) {
+  const Outcome outcome = RunSample("application block-and-wait-for-signal");
+  EXPECT_EQ(outcome.output.find("reporting released"), std::string::npos) << outcome.output;
+  EXPECT_THAT(outcome.exit_code, testing::AnyOf(128 + 15, -15)) << outcome.output;
 }
 
 TEST(RunApplication, EndsWhenExitOrASignalComesWhileDartRunsTheLoop) {

@@ -1,5 +1,6 @@
 // A program made of two plug-ins, as an application or as a task: sample_program KIND ARGUMENT...
 #include <cw/plugin_registrar.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <veltra/host/run.h>
 
@@ -35,10 +36,26 @@ void ReportingRegisterWithRegistrar(FlutterVeltraPluginContext* context) {
   }
 }
 
+// Leaves no room in any pipe of this program's own.
+void FillPipes() {
+  constexpr int kDescriptors = 64;
+  for (int descriptor = STDERR_FILENO + 1; descriptor < kDescriptors; ++descriptor) {
+    struct stat facts {};
+    const bool is_pipe = fstat(descriptor, &facts) == 0 && S_ISFIFO(facts.st_mode);
+    while (is_pipe && write(descriptor, "", 1) == 1) {
+    }
+  }
+}
+
 void ExitingRegisterWithRegistrar(FlutterVeltraPluginContext* context) {
   const auto application = GetRegistrar(context)->GetApplicationWrapper();
   const auto arguments = application->GetDartEntryPointArgs();
-  if (!arguments.empty() && arguments.front() == "wait-for-signal") {
+  if (!arguments.empty() && arguments.front() == "block-and-wait-for-signal") {
+    constexpr int kLimitSeconds = 20;
+    alarm(kLimitSeconds);
+    FillPipes();
+    kill(getpid(), SIGTERM);
+  } else if (!arguments.empty() && arguments.front() == "wait-for-signal") {
     application->EnqueueTask([] { kill(getpid(), SIGTERM); }, 0);
   } else {
     application->Exit(7);

@@ -23,12 +23,21 @@ constexpr int kSignalExitBase = 128;  // how shells report a signal
 
 // Where the signal handler writes; -1 while nobody reads.
 volatile std::sig_atomic_t signal_pipe = -1;
+// The signal that came last; 0 for none.
+volatile std::sig_atomic_t latest_signal = 0;
 
 void OnSignal(int signal_number) {
   const int interrupted_errno = errno;
-  const auto byte = static_cast<unsigned char>(signal_number);
-  // A full pipe holds a signal already.
-  [[maybe_unused]] const ssize_t written = write(signal_pipe, &byte, 1);
+  latest_signal = signal_number;
+  ssize_t written = 0;
+  do {
+    written = write(signal_pipe, "", 1);
+  } while (written < 0 && errno == EINTR);
+  if (written != 1) {
+    // Nobody would hear of it: the process ends as if it had not asked for the signal.
+    signal(signal_number, SIG_DFL);
+    raise(signal_number);
+  }
   errno = interrupted_errno;
 }
 
@@ -42,6 +51,7 @@ class SignalWatch {
     notifier_ = std::make_unique<QSocketNotifier>(pipe_[0], QSocketNotifier::Read);
     QObject::connect(notifier_.get(), &QSocketNotifier::activated, notifier_.get(),
                      [this] { ExitForSignal(); });
+    latest_signal = 0;
     signal_pipe = pipe_[1];
     struct sigaction action {};
     action.sa_handler = &OnSignal;
@@ -68,12 +78,12 @@ class SignalWatch {
  private:
   static constexpr std::array<int, 2> kSignals = {SIGTERM, SIGINT};
 
+  // What the pipe holds only wakes the event loop, so it does not matter whether it can be read.
   void ExitForSignal() {
-    unsigned char signal_number = 0;
-    if (read(pipe_[0], &signal_number, 1) == 1) {
-      exit_code_ = kSignalExitBase + signal_number;
-      QCoreApplication::exit(*exit_code_);
-    }
+    char byte = 0;
+    [[maybe_unused]] const ssize_t size = read(pipe_[0], &byte, 1);
+    exit_code_ = kSignalExitBase + latest_signal;
+    QCoreApplication::exit(*exit_code_);
   }
 
   std::optional<int> exit_code_;
