@@ -2,10 +2,12 @@
 
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <QtCore/QFileInfo>
+#include <cerrno>
 #include <cstdlib>
 
 #include "socket_name.h"
@@ -14,14 +16,16 @@
 namespace RuntimeManager::host {
 namespace {
 
-bool IsListeningSocket(int descriptor) {
+// 0 for a listening Unix socket; ENOTSOCK for anything else; another error when the system does not tell.
+int WhyNotListening(int descriptor) {
   int listening = 0;
   int domain = 0;
   socklen_t size = sizeof(int);
-  return ::getsockopt(descriptor, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 &&
-         domain == AF_UNIX &&
-         ::getsockopt(descriptor, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) == 0 &&
-         listening != 0;
+  if (::getsockopt(descriptor, SOL_SOCKET, SO_DOMAIN, &domain, &size) != 0 ||
+      ::getsockopt(descriptor, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) != 0) {
+    return errno;
+  }
+  return domain == AF_UNIX && listening != 0 ? 0 : ENOTSOCK;
 }
 
 // Variables that were meant for another process, a parent's for instance, say nothing to this one.
@@ -30,6 +34,11 @@ bool IsForThisProcess(const char* variable) {
 }
 
 bool IsActivated() { return IsForThisProcess("LISTEN_PID") && Variable("LISTEN_FDS").toInt() >= 1; }
+
+bool IsSocket(int descriptor) {
+  struct stat facts {};
+  return ::fstat(descriptor, &facts) == 0 && S_ISSOCK(facts.st_mode);
+}
 
 // The file that the socket was bound to.
 QString BoundName(int socket) {
@@ -41,15 +50,24 @@ QString BoundName(int socket) {
   return QString::fromUtf8(address.sun_path).section('/', -1);
 }
 
-int TakeSocket(const QString& name) {
+void WarnOfSocket(const QString& task, int error_number) {
+  const bool is_another_thing = error_number == ENOTSOCK || error_number == EBADF;
+  Warn(QString("the task '%1': LISTEN_FDS promises a socket as descriptor %2, but %3: messages "
+               "cannot be served")
+           .arg(task)
+           .arg(kActivationSocket)
+           .arg(is_another_thing ? "that is no listening Unix socket"
+                                 : "it cannot be examined: " + ErrnoText(error_number)));
+}
+
+int TakeSocket(const QString& task) {
   if (!IsActivated()) {
     return -1;
   }
-  if (!IsListeningSocket(kActivationSocket)) {
-    Warn(QString("the task '%1': LISTEN_FDS promises a socket as descriptor %2, but that is no "
-                 "listening Unix socket: messages cannot be served")
-             .arg(name)
-             .arg(kActivationSocket));
+  const int error_number = WhyNotListening(kActivationSocket);
+  if (error_number != 0) {
+    WarnOfSocket(task, error_number);
+    AbandonActivationSocket();
     return -1;
   }
   ::fcntl(kActivationSocket, F_SETFD, FD_CLOEXEC);
@@ -76,13 +94,13 @@ const Activation& GetActivation() {
 }
 
 void AbandonActivationSocket() {
-  if (::dup3(STDIN_FILENO, kActivationSocket, O_CLOEXEC) < 0) {
+  if (IsSocket(kActivationSocket) && ::dup3(STDIN_FILENO, kActivationSocket, O_CLOEXEC) < 0) {
     ::close(kActivationSocket);
   }
 }
 
 bool IsTaskOfRuntimeManager() {
-  const bool has_socket = IsActivated() && IsListeningSocket(kActivationSocket) &&
+  const bool has_socket = IsActivated() && WhyNotListening(kActivationSocket) == 0 &&
                           IsSocketName(BoundName(kActivationSocket));
   return has_socket || IsForThisProcess(kTaskVariable);
 }

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <iterator>
 #include <new>
@@ -11,6 +12,8 @@
 
 #include "child_process.h"
 #include "send_queue.h"
+#include "support.h"
+#include "want_of_memory.h"
 
 namespace RuntimeManager::host {
 
@@ -39,6 +42,18 @@ const volatile char* MakeMark() {
   }
   *static_cast<char*>(page) = 1;
   return static_cast<const volatile char*>(page);
+}
+
+void Unlink(const QByteArray& path) {
+  if (::unlink(path.constData()) == 0 || errno == ENOENT) {
+    return;
+  }
+  const int error_number = errno;
+  Attempt([&path, error_number] {
+    Warn(QString("the socket file '%1' stays behind: %2; the next process that uses its folder "
+                 "removes it")
+             .arg(QString::fromUtf8(path), ErrnoText(error_number)));
+  });
 }
 
 }  // namespace
@@ -98,9 +113,12 @@ void ProcessExit::RemoveFile(const QByteArray& path) {
   if (IsForkedCopy()) {
     return;
   }
-  const std::lock_guard lock(mutex_);
-  if (files_.erase(path) > 0) {
-    ::unlink(path.constData());
+  const bool is_known = [this, &path] {
+    const std::lock_guard lock(mutex_);
+    return files_.erase(path) > 0;
+  }();
+  if (is_known) {
+    Unlink(path);
   }
 }
 
@@ -152,9 +170,12 @@ void ProcessExit::EndChildrenOfThisThread() {
 }
 
 void ProcessExit::RemoveFiles() {
-  const std::lock_guard lock(mutex_);
-  for (const QByteArray& path : std::exchange(files_, {})) {
-    ::unlink(path.constData());
+  const auto files = [this] {
+    const std::lock_guard lock(mutex_);
+    return std::exchange(files_, {});
+  }();
+  for (const QByteArray& path : files) {
+    Unlink(path);
   }
 }
 

@@ -25,6 +25,8 @@ constexpr int kTailBytes = 8192;
 constexpr int kTailLines = 20;
 // How often a standard error that takes nothing is tried again.
 constexpr int kRetryMs = 50;
+// How often in a row it may say that it takes something, and not take it: a second of tries.
+constexpr int kMostVainWrites = 20;
 // A dead task has left no more in its pipe: the kernel bounds it.
 constexpr int kChunksAtTheEnd = 256;
 // Dead tasks whose rest waits for a standard error that takes nothing: about what the pipes of so
@@ -178,7 +180,7 @@ void StderrRelay::Forward() {
   const int target = may_block ? STDERR_FILENO : non_blocking.Get();
   while (HasPending() && (!may_block || TakesBytes(target, 0))) {
     const ssize_t written = WriteChunk(target, pending_);
-    if (written == -EAGAIN) {
+    if (written == -EAGAIN && !IsBroken(target)) {
       return;
     }
     if (written < 0) {
@@ -188,8 +190,15 @@ void StderrRelay::Forward() {
       return;
     }
     given_up = false;
+    vain_writes_ = 0;
     pending_.remove(0, static_cast<int>(written));
   }
+}
+
+// After a write that found no room.
+bool StderrRelay::IsBroken(int target) {
+  vain_writes_ = TakesBytes(target, 0) ? vain_writes_ + 1 : 0;
+  return vain_writes_ >= kMostVainWrites;
 }
 
 void StderrRelay::SetReading(bool enabled) {

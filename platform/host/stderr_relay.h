@@ -54,6 +54,7 @@ class StderrRelay {
   void Remember(const QByteArray& chunk);
   void Copy(const QByteArray& chunk);
   void Forward();
+  bool IsBroken(int target);
   void TakeRest();
   void KeepBacklog();
   void SetReading(bool enabled);
@@ -68,6 +69,7 @@ class StderrRelay {
   QByteArray tail_;
   std::function<void()> on_forwarded_;
   int vain_reads_ = 0;  // in a row
+  int vain_writes_ = 0;
   bool forwards_ = true;
   bool keeps_backlog_ = false;
 };

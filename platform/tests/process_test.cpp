@@ -124,6 +124,34 @@ TEST_F(ProcessTest, SaysWhichTaskHasNoSocketAlthoughItIsActivated) {
                                  "3, but that is no listening Unix socket"));
 }
 
+// Whoever waits at a socket that nobody will serve hears of it, although the process lives on.
+TEST_F(ProcessTest, ClosesASocketThatItCannotServe) {
+  QFile script(PathOf("activate"));
+  ASSERT_TRUE(script.open(QIODevice::WriteOnly));
+  script.write(
+      "import os, signal, socket, time\n"
+      "own, other = socket.socketpair()\n"
+      "child = os.fork()\n"
+      "if child == 0:\n"
+      "  own.close()\n"
+      "  os.dup2(other.fileno(), 3)\n"
+      "  os.set_inheritable(3, True)\n"
+      "  os.environ.update(LISTEN_PID=str(os.getpid()), LISTEN_FDS='1')\n"
+      "  os.execv('" HELPER
+      "', ['helper', 'stubborn', 'serving'])\n"
+      "other.close()\n"
+      "own.settimeout(20)\n"
+      "try:\n"
+      "  is_over = own.recv(1) == b'' and os.waitpid(child, os.WNOHANG) == (0, 0)\n"
+      "except TimeoutError:\n"
+      "  is_over = False\n"
+      "os.kill(child, signal.SIGKILL)\n"
+      "os.waitpid(child, 0)\n"
+      "raise SystemExit(0 if is_over else 1)\n");
+  script.close();
+  EXPECT_EQ(Process(PYTHON, {"-S", script.fileName()}).Wait(), 0);
+}
+
 // The record of one envelope that a starter sent to the task "echo", and its way back.
 void ExpectRecordOfEcho(const QByteArray& trace, const QJsonObject& envelope) {
   QList<QByteArray> lines;

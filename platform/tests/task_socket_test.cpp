@@ -300,6 +300,28 @@ TEST_F(TaskSocket, GoesWithItsTask) {
   EXPECT_FALSE(QFile::exists(stopped.socketPath()));
 }
 
+TEST_F(TaskSocket, IsSaidToStayBehindWhenItCannotBeRemoved) {
+  StderrPipe words;
+  QString path;
+  {
+    Task task("task");
+    task.withIpcSocket(true);
+    ExpectStarts(task);
+    path = task.socketPath();
+    // Not even root unlinks a folder.
+    ASSERT_TRUE(QFile::remove(path));
+    ASSERT_TRUE(QDir().mkdir(path));
+    Outcomes stop;
+    task.stop({}, stop.Recorder());
+    EXPECT_FALSE(stop.Wait().isError());
+  }
+  EXPECT_TRUE(QDir().rmdir(path));
+  EXPECT_THAT(words.ReadToEnd().toStdString(),
+              HasSubstr("the socket file '" + path.toStdString() +
+                        "' stays behind: Is a directory; the next process that uses its folder "
+                        "removes it"));
+}
+
 TEST_F(TaskSocket, HasAnotherNameForEveryTask) {
   Task one("task");
   Task other("task");
