@@ -1,5 +1,6 @@
 #include "kept_memory.h"
 
+#include <qt/internal/start_timer.h>
 #include <quarn/internal/text_room.h>
 
 #include <QMetaObject>
@@ -7,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <new>
 
 namespace tarv::details {
 namespace {
@@ -44,18 +46,23 @@ void Look(QObject* context, const std::shared_ptr<Watch>& watch);
 // the time has passed.
 void LookAfter(std::chrono::milliseconds time, QObject* context,
                const std::shared_ptr<Watch>& watch) {
-  auto* const timer = new QTimer(context);
+  auto timer = std::make_unique<QTimer>(context);
   timer->setSingleShot(true);
-  timer->callOnTimeout(timer, [timer, context, watch] {
+  timer->callOnTimeout(timer.get(), [timer = timer.get(), context, watch] {
     timer->deleteLater();
     Look(context, watch);
   });
-  timer->start(time);
+  qt::details::StartTimer(*timer, time);
+  timer.release();  // NOLINT(bugprone-unused-return-value): its parent has it
 }
 
 void Look(QObject* context, const std::shared_ptr<Watch>& watch) {
   if (const auto left = TextRoom::Get().GiveBackIdle()) {
-    LookAfter(std::chrono::ceil<std::chrono::milliseconds>(*left), context, watch);
+    try {
+      LookAfter(std::chrono::ceil<std::chrono::milliseconds>(*left), context, watch);
+    } catch (const std::bad_alloc&) {
+      // The watch ends with the event that holds it, and memory is given back when it is wanted.
+    }
     return;
   }
   watch->End();
@@ -67,13 +74,18 @@ void Look(QObject* context, const std::shared_ptr<Watch>& watch) {
 
 }  // namespace
 
-void GiveBackWhenIdle(QObject* context) {
+void GiveBackWhenIdle(QObject* context) noexcept {
   if (is_watched.exchange(true)) {
     return;
   }
-  QMetaObject::invokeMethod(
-      context, [context, watch = std::make_shared<Watch>()] { Look(context, watch); },
-      Qt::QueuedConnection);
+  try {
+    QMetaObject::invokeMethod(
+        context, [context, watch = std::make_shared<Watch>()] { Look(context, watch); },
+        Qt::QueuedConnection);
+  } catch (const std::bad_alloc&) {
+    TextRoom::Get().GiveBack();
+    is_watched = false;
+  }
 }
 
 }  // namespace tarv::details

@@ -1,3 +1,4 @@
+#include <qt/internal/start_timer.h>
 #include <tarv/calls/loop.h>
 
 #include <QCoreApplication>
@@ -6,6 +7,9 @@
 #include <QThread>
 #include <algorithm>
 #include <mutex>
+#include <new>
+#include <thread>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -28,12 +32,12 @@ bool IsLater(const Wake& a, const Wake& b) {
 // The wakes of one thread. Any thread adds, the thread takes.
 class Agenda {
  public:
-  // True when the thread must set its timer anew.
-  bool Add(Loop::Time time, Loop::Function&& function) {
+  // Its number when it is the earliest, so that the thread must set its timer anew; else 0.
+  std::uint64_t Add(Loop::Time time, Loop::Function&& function) {
     const std::lock_guard lock(mutex_);
     wakes_.push_back({time, ++number_, std::move(function)});
     std::push_heap(wakes_.begin(), wakes_.end(), IsLater);
-    return wakes_.front().number == number_;
+    return wakes_.front().number == number_ ? number_ : 0;
   }
   // An empty function when none is due.
   Loop::Function TakeDue(Loop::Time now) {
@@ -45,6 +49,17 @@ class Agenda {
     Loop::Function function = std::move(wakes_.back().function);
     wakes_.pop_back();
     return function;
+  }
+  void Drop(std::uint64_t number) {
+    Loop::Function function;  // destroyed after unlocking
+    const std::lock_guard lock(mutex_);
+    const auto found = std::find_if(wakes_.begin(), wakes_.end(),
+                                    [number](const Wake& wake) { return wake.number == number; });
+    if (found != wakes_.end()) {
+      function.swap(found->function);
+      wakes_.erase(found);
+      std::make_heap(wakes_.begin(), wakes_.end(), IsLater);
+    }
   }
   // False when there is none.
   bool FindEarliest(Loop::Time& time) const {
@@ -84,16 +99,24 @@ class Clerk final : public QObject {
  public:
   explicit Clerk(std::weak_ptr<Agenda> agenda) : agenda_(std::move(agenda)) {}
 
+  // Throws std::bad_alloc: there is no timer then, until the next event tries again.
   void SetTimer() {
     const auto agenda = agenda_.lock();
     if (timer_ != 0) {
       killTimer(std::exchange(timer_, 0));
     }
     Loop::Time earliest;
-    if (agenda && agenda->FindEarliest(earliest)) {
+    has_wakes_ = agenda && agenda->FindEarliest(earliest);
+    if (has_wakes_) {
       // Rounded up: a timer that fires too early would only be set again.
       const auto wait = std::chrono::ceil<std::chrono::milliseconds>(earliest - Loop::Clock::now());
-      timer_ = startTimer(std::clamp(wait, kNow, kLongest), Qt::PreciseTimer);
+      timer_ = qt::details::StartTimer(*this, std::clamp(wait, kNow, kLongest), Qt::PreciseTimer);
+    }
+  }
+  void TrySetTimer() noexcept {
+    try {
+      SetTimer();
+    } catch (const std::bad_alloc&) {
     }
   }
   bool IsRunning() const { return running_ > 0; }
@@ -104,13 +127,15 @@ class Clerk final : public QObject {
     if (!is_function && event->type() != QEvent::Timer) {
       return QObject::event(event);
     }
-    ++running_;
+    const Run run(running_);
+    if (has_wakes_ && timer_ == 0) {
+      TrySetTimer();
+    }
     if (!is_function) {
       RunDue();
     } else if (!agenda_.expired()) {
       static_cast<const FunctionEvent*>(event)->Run();
     }
-    --running_;
     return true;
   }
 
@@ -118,10 +143,22 @@ class Clerk final : public QObject {
   static constexpr std::chrono::milliseconds kNow{0};
   static constexpr std::chrono::milliseconds kLongest = std::chrono::hours(1);
 
+  // Counts the functions that run inside each other, also when one throws.
+  class Run {
+   public:
+    explicit Run(int& running) : running_(running) { ++running_; }
+    ~Run() { --running_; }
+    Run(const Run&) = delete;
+    Run& operator=(const Run&) = delete;
+
+   private:
+    int& running_;
+  };
+
   void RunDue() {
     const auto agenda = agenda_.lock();
     const Loop::Function function = agenda ? agenda->TakeDue(Loop::Clock::now()) : Loop::Function();
-    SetTimer();
+    TrySetTimer();
     if (function) {
       function();
     }
@@ -129,12 +166,37 @@ class Clerk final : public QObject {
 
   const std::weak_ptr<Agenda> agenda_;
   int timer_ = 0;
+  bool has_wakes_ = false;  // when the timer was set
   int running_ = 0;
 };
+
+// The loops there are, by their threads. No thread_local: the C library ends the process when it
+// finds no memory to destroy one at the thread's end.
+struct Registry {
+  std::mutex mutex;
+  std::unordered_map<std::thread::id, std::weak_ptr<Loop>> loops;
+};
+
+// Never destroyed: objects that outlive main() may ask for their loop.
+Registry& GetRegistry() {
+  static auto* const registry = new Registry;
+  return *registry;
+}
+
+// Unless the thread has another loop by now, or another thread the number.
+void ForgetLoopOf(std::thread::id thread) {
+  Registry& registry = GetRegistry();
+  const std::lock_guard lock(registry.mutex);
+  const auto found = registry.loops.find(thread);
+  if (found != registry.loops.end() && found->second.expired()) {
+    registry.loops.erase(found);
+  }
+}
 
 class QtLoop final : public Loop {
  public:
   ~QtLoop() override {
+    ForgetLoopOf(maker_);
     agenda_.reset();
     if (IsCurrent() && !clerk_->IsRunning()) {
       delete clerk_;
@@ -149,12 +211,28 @@ class QtLoop final : public Loop {
   }
   Time Now() const override { return Clock::now(); }
   void WakeAt(Time time, Function function) override {
-    if (agenda_->Add(time, std::move(function))) {
-      Post([clerk = clerk_] { clerk->SetTimer(); });
+    const std::uint64_t earliest = agenda_->Add(time, std::move(function));
+    if (earliest == 0) {
+      return;
+    }
+    try {
+      SetTimer();
+    } catch (const std::bad_alloc&) {
+      agenda_->Drop(earliest);
+      throw;
     }
   }
 
  private:
+  void SetTimer() {
+    if (IsCurrent()) {
+      clerk_->SetTimer();
+    } else {
+      Post([clerk = clerk_] { clerk->TrySetTimer(); });
+    }
+  }
+
+  const std::thread::id maker_ = std::this_thread::get_id();
   std::shared_ptr<Agenda> agenda_ = std::make_shared<Agenda>();
   Clerk* const clerk_ = new Clerk(agenda_);
 };
@@ -164,10 +242,14 @@ class QtLoop final : public Loop {
 Loop::~Loop() = default;
 
 std::shared_ptr<Loop> Loop::OfThisThread() {
-  thread_local std::weak_ptr<Loop> known;
+  Registry& registry = GetRegistry();
+  std::shared_ptr<Loop> stale;  // destroyed after unlocking
+  const std::lock_guard lock(registry.mutex);
+  std::weak_ptr<Loop>& known = registry.loops[std::this_thread::get_id()];
   auto loop = known.lock();
-  if (!loop) {
-    loop = std::make_shared<QtLoop>();
+  // A thread that has ended leaves its number to a new one.
+  if (!loop || !loop->IsCurrent()) {
+    stale = std::exchange(loop, std::make_shared<QtLoop>());
     known = loop;
   }
   return loop;

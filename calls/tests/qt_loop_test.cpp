@@ -7,7 +7,9 @@
 #include <QEventLoop>
 #include <QThread>
 #include <QTimerEvent>
+#include <algorithm>
 #include <functional>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -83,6 +85,18 @@ TEST_F(QtLoop, IsOneForAThread) {
     EXPECT_FALSE(loop_->IsCurrent());
     EXPECT_NE(Loop::OfThisThread(), loop_);
   }).join();
+}
+
+TEST_F(QtLoop, IsNewForAThreadThatHasTheNumberOfOneThatEnded) {
+  std::vector<std::shared_ptr<Loop>> ended;
+  for (int i = 0; i < 20; ++i) {
+    std::thread([&ended] {
+      const auto loop = Loop::OfThisThread();
+      EXPECT_TRUE(loop->IsCurrent());
+      EXPECT_EQ(std::count(ended.begin(), ended.end(), loop), 0);
+      ended.push_back(loop);
+    }).join();
+  }
 }
 
 TEST_F(QtLoop, RunsWhatIsPostedLaterAndInOrder) {

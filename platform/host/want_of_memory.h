@@ -3,10 +3,9 @@
 #define RUNTIME_MANAGER_HOST_WANT_OF_MEMORY_H
 
 #include <RuntimeManager/Error.h>
+#include <qt/internal/start_timer.h>
 
-#include <QtCore/QAbstractEventDispatcher>
 #include <QtCore/QString>
-#include <QtCore/QTimer>
 #include <new>
 #include <utility>
 
@@ -33,17 +32,7 @@ T MadeOr(const Make& make, T plainer) {
   }
 }
 
-// Starts a QTimer or, when memory runs out, leaves nothing behind: QTimer::start() alone leaves a timer
-// to the event loop that its object does not know of, and that would call it after its end.
-template <class Time>
-void StartTimer(QTimer& timer, Time time) {
-  try {
-    timer.start(time);
-  } catch (const std::bad_alloc&) {
-    QAbstractEventDispatcher::instance()->unregisterTimers(&timer);
-    throw;
-  }
-}
+using qt::details::StartTimer;
 
 // An error that takes no memory itself.
 inline Error OutOfMemory(Error::Code code) {

@@ -1,5 +1,7 @@
 #include "platform_thread.h"
 
+#include <qt/internal/start_timer.h>
+
 #include <QCoreApplication>
 #include <QMetaObject>
 #include <QTimer>
@@ -50,24 +52,26 @@ void PlatformThread::PostDelayed(Task task, std::chrono::milliseconds delay) {
 
 void PlatformThread::StartTimer(const Task& task, std::chrono::milliseconds delay) {
   const std::uint64_t id = ++last_delayed_;
-  delayed_.emplace(id, task);
-  auto* const timer = new QTimer(receiver_);
+  auto timer = std::make_unique<QTimer>(receiver_);
   timer->setSingleShot(true);
   const auto turn = std::min(delay, kLongestWait);
-  QObject::connect(timer, &QTimer::timeout, receiver_,
-                   [weak_self = weak_from_this(), id, timer, rest = delay - turn]() mutable {
-                     if (rest.count() > 0) {
-                       const auto next = std::min(rest, kLongestWait);
-                       rest -= next;
-                       timer->start(next);
-                       return;
-                     }
-                     timer->deleteLater();
-                     if (const auto self = weak_self.lock()) {
-                       self->RunDelayed(id);
-                     }
-                   });
-  timer->start(turn);
+  QObject::connect(
+      timer.get(), &QTimer::timeout, receiver_,
+      [weak_self = weak_from_this(), id, timer = timer.get(), rest = delay - turn]() mutable {
+        if (rest.count() > 0) {
+          const auto next = std::min(rest, kLongestWait);
+          rest -= next;
+          qt::details::StartTimer(*timer, next);
+          return;
+        }
+        timer->deleteLater();
+        if (const auto self = weak_self.lock()) {
+          self->RunDelayed(id);
+        }
+      });
+  qt::details::StartTimer(*timer, turn);
+  delayed_.emplace(id, task);
+  timer.release();  // NOLINT(bugprone-unused-return-value): the receiver has it
 }
 
 void PlatformThread::RunDelayed(std::uint64_t id) {
