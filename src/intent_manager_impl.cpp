@@ -60,6 +60,17 @@ void AskApplication(const quarn::IListener<TARVReplyIntentSlot*>& listener, Send
   listener.Invoke(&slot);
 }
 
+// Takes a step of an invocation. When memory runs out in it, here or at the application, no exception
+// reaches the platform, which sees that the reply function goes unused.
+template <class Step>
+void OrLog(const Step& step) {
+  try {
+    step();
+  } catch (const std::bad_alloc&) {
+    QUARN_LOG_ERROR() << "Memory ran out for an intent: its invoker may get no answer.";
+  }
+}
+
 }  // namespace
 
 IntentManagerImpl::IntentManagerImpl(PrivateTag)
@@ -128,7 +139,7 @@ QuarnResult IntentManagerImpl::HandleRegisterIntent(_TARVIntentManagerRef* inten
   self->RegisterIntent(name, [listener, answers](const QJsonObject&, SendReply send_reply) {
     // Without a callback nobody would release the reply: it goes at once, and the platform knows.
     if (answers) {
-      AskApplication(listener, std::move(send_reply));
+      OrLog([&] { AskApplication(listener, std::move(send_reply)); });
     }
   });
   return QUARN_RESULT_SUCCESS;

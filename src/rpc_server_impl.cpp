@@ -40,11 +40,17 @@ void RpcServerListener::OnMessage(const char* message, std::size_t chunk) const 
 }
 
 void RpcServerListener::Release() {
+  const auto release = release_;
+  void* const user_data = user_data_;
+  Disown();
+  details::CallRelease(release, user_data);
+}
+
+void RpcServerListener::Disown() {
   on_started_ = nullptr;
   on_message_ = nullptr;
-  const auto release = std::exchange(release_, nullptr);
-  void* const user_data = std::exchange(user_data_, nullptr);
-  details::CallRelease(release, user_data);
+  release_ = nullptr;
+  user_data_ = nullptr;
 }
 
 RpcServerImpl::RpcServerImpl(PrivateTag) : Object(quarn::IDispatcher::CreateEmpty()) {}
@@ -77,8 +83,15 @@ void RpcServerImpl::HandleRun(_TARVRpcServerRef* server, TARVRpcServerSlots* slo
 
 void RpcServerImpl::Run(TARVRpcServerSlots* slots) {
   listener_ = RpcServerListener::Create(slots);
-  const int socket = RuntimeManager::RuntimeDispatcher::instance()->localServerSocket();
-  channel_.Open(new RuntimeManager::TaskMessaging(socket, nullptr), GetRef());
+  try {
+    const int socket = RuntimeManager::RuntimeDispatcher::instance()->localServerSocket();
+    channel_.Open(new RuntimeManager::TaskMessaging(socket, nullptr), GetRef());
+  } catch (...) {
+    // The caller learns of it at once, keeps its slots, and may try again.
+    channel_.Close();
+    listener_->Disown();
+    throw;
+  }
   listener_->OnStarted(0, "", 0);
 }
 

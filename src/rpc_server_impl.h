@@ -33,6 +33,8 @@ class RpcServerListener {
   void OnMessage(const char* message, std::size_t chunk) const;
   // Calls the Release callback and forgets all four fields.
   void Release();
+  // Forgets them without a call: they stay the caller's.
+  void Disown();
 
  private:
   decltype(TARVRpcServerSlots::OnStarted) on_started_;

@@ -27,7 +27,9 @@
  *     application or task uses the library: entries are called there, and callbacks run there,
  *     synchronously. [any] may be called from any thread, also while the object ends on its own.
  *  8. Exceptions. No entry throws but for exhausted memory, a null message to the server's
- *     SendMessage, and what a callback that it runs throws. An exception of the Release callback of
+ *     SendMessage, and what a callback that it runs throws. When memory runs out, StartTask and Run
+ *     have not taken their slots, which the caller still owns; OpenUri and RegisterIntent have taken
+ *     and released theirs. An exception of the Release callback of
  *     a client's or server's slots becomes an error line of the log; the release callbacks of the
  *     other slots must not throw, for that would end the process.
  */

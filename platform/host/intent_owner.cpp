@@ -6,6 +6,7 @@
 
 #include <QtCore/QThread>
 #include <atomic>
+#include <new>
 #include <utility>
 
 #include "line_channel.h"
@@ -109,9 +110,15 @@ class Answer {
     }
   }
 
+  // When memory runs out for the answer, there may be another one.
   void Reply(const QJsonObject& reply) {
     if (!answered_.exchange(true)) {
-      Send({{intent::kReply, reply}});
+      try {
+        Send({{intent::kReply, reply}});
+      } catch (const std::bad_alloc&) {
+        answered_ = false;
+        throw;
+      }
       return;
     }
     Warn(QString("a second reply to the intent '%1' is dropped").arg(name_));
@@ -175,8 +182,12 @@ void IntentOwner::Invocation::OnObject(const QJsonObject& object) {
     Drop();
     return;
   }
-  if (reply && owner_->handler_) {
-    owner_->handler_(parameters, std::move(reply));
+  if (!reply || !owner_->handler_) {
+    return;
+  }
+  // Whom memory fails in a handler cannot say what it has cost.
+  if (!Attempt([&] { owner_->handler_(parameters, std::move(reply)); })) {
+    Drop();
   }
 }
 

@@ -10,8 +10,6 @@
 #include <unistd.h>
 
 #include <QCoreApplication>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -22,9 +20,11 @@
 #include <utility>
 #include <vector>
 
+#include "facts.h"
 #include "failing_memory.h"
 #include "kit/surroundings.h"
 #include "pure.h"
+#include "scenario.h"
 #include "talk.h"
 
 namespace tarv::torture {
@@ -33,48 +33,8 @@ namespace {
 using std::chrono::milliseconds;
 
 const std::string kEcho = "echo";
-// Only what goes wrong takes so long, or a machine that is very busy.
-constexpr milliseconds kPatience(20000);
 constexpr milliseconds kSettling(3000);
-// How long memory stays away when nothing tells that the operation is over.
-constexpr milliseconds kWant(150);
 const std::string kTask = "torture_memory_task";
-
-struct Run {
-  std::string operation;
-  long nth = 0;
-  bool lasting = false;
-  long blocks = 0;  // that a conversation with memory for all leaves
-};
-
-QJsonObject facts;
-
-void KeepCounts() {
-  facts["allocations"] = static_cast<int>(CountAllocations());
-  facts["failures"] = static_cast<int>(CountFailures());
-}
-
-void Tell() {
-  if (!facts.contains("allocations")) {
-    KeepCounts();
-  }
-  const QByteArray line = QJsonDocument(facts).toJson(QJsonDocument::Compact);
-  std::printf("\n%s\n", line.constData());
-  std::fflush(stdout);
-}
-
-void Wrong(const std::string& what) {
-  if (!what.empty() && !facts.contains("wrong")) {
-    facts["wrong"] = QString::fromStdString(what);
-  }
-}
-
-// Ends what is broken for good, and tells what is wrong.
-[[noreturn]] void GiveUp(const std::string& what) {
-  Wrong(what);
-  Tell();
-  std::_Exit(1);
-}
 
 class Torture {
  public:
@@ -234,8 +194,8 @@ void Torture::Act() {
 
 // With memory back, what is owed comes, what still lives works, and what does not can be let go.
 void Torture::Recover() {
-  facts["refusals"] = talk_.CountRefusals();
-  facts["escaped"] = loop_.CountEscapedExceptions();
+  SetFact("refusals", talk_.CountRefusals());
+  SetFact("escaped", loop_.CountEscapedExceptions());
   if (!talk_.Settle(kPatience)) {
     Wrong("unanswered");
   }
@@ -250,11 +210,11 @@ void Torture::Recover() {
     if (!talk_.HasEnded() && !talk_.HasResult()) {
       Wrong("connected, but errs");
     }
-    facts["goes on"] = talk_.HasResult();
+    SetFact("goes on", talk_.HasResult());
   }
   talk_.EndClient();
   talk_.EndManager();
-  facts["errors"] = talk_.CountErrors();
+  SetFact("errors", talk_.CountErrors());
   Wrong(talk_.WhatIsWrong());
   if (!EndTasks()) {
     Wrong("a task goes on");
@@ -275,13 +235,13 @@ void Torture::Play() {
     Converse("the last conversation");
   }
   if (task_allocations_ > 0) {
-    facts["of the task"] = task_allocations_;
+    SetFact("of the task", task_allocations_);
   }
   // What a task's end still has to do may take a moment.
   loop_.RunUntil([&] { return CountBlocks() - blocks <= run_.blocks; }, kSettling);
-  facts["blocks"] = static_cast<int>(CountBlocks() - blocks);
-  facts["descriptors"] =
-      static_cast<int>(static_cast<long>(test::CountDescriptors()) - descriptors);
+  SetFact("blocks", CountBlocks() - blocks);
+  SetFact("descriptors",
+          static_cast<int>(static_cast<long>(test::CountDescriptors()) - descriptors));
   if (std::getenv("TORTURE_ORIGINS") != nullptr) {
     std::fputs(LivingBlocks().c_str(), stderr);
   }
@@ -303,11 +263,11 @@ void PlayPure(PureOperation play, const Run& run) {
   const long left = CountBlocks() - blocks;
   Wrong(wrong);
   KeepCounts();
-  facts["blocks"] = static_cast<int>(left);
-  facts["refusals"] = refusals;
-  facts["descriptors"] = 0;
-  facts["escaped"] = 0;
-  facts["errors"] = refusals == 0 && CountFailures() > 0 ? 1 : 0;
+  SetFact("blocks", left);
+  SetFact("refusals", refusals);
+  SetFact("descriptors", 0);
+  SetFact("escaped", 0);
+  SetFact("errors", refusals == 0 && CountFailures() > 0 ? 1 : 0);
   LetMemoryFail(0, false);
   Wrong(play(&refusals));
   MendMemory();
@@ -328,6 +288,8 @@ int main(int argc, char** argv) {
                 std::atol(argv[4])};
   if (const PureOperation pure = FindPureOperation(run.operation)) {
     PlayPure(pure, run);
+  } else if (const ScenarioMaker make = FindScenario(run.operation)) {
+    PlayScenario(make, run);
   } else {
     Torture(run).Play();
   }

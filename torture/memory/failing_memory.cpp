@@ -10,11 +10,13 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <clocale>
 #include <csignal>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <system_error>
 
 namespace tarv::torture {
 namespace {
@@ -31,6 +33,7 @@ thread_local long nth_fails = 0;
 thread_local bool goes_on_failing = false;
 thread_local long asked = 0;
 thread_local long failed = 0;
+thread_local Stack latest_failure;
 std::atomic<long> blocks{0};
 
 // Living blocks and where they come from. A table of fixed size: it may take no memory itself.
@@ -100,11 +103,15 @@ std::string Text(const Stack& stack) {
 }
 
 // Written at once, past all buffers: the process may not live to tell it later.
+void WriteStack(const char* what, const Stack& stack) {
+  const std::string line = "\n" + std::string(what) + ": " + Text(stack) + "\n";
+  static_cast<void>(!::write(STDERR_FILENO, line.data(), line.size()));
+}
+
 void WriteStack(const char* what) {
   Stack here;
   here.Fill();
-  const std::string line = "\n" + std::string(what) + ": " + Text(here) + "\n";
-  static_cast<void>(!::write(STDERR_FILENO, line.data(), line.size()));
+  WriteStack(what, here);
 }
 
 bool MustFail() {
@@ -114,9 +121,12 @@ bool MustFail() {
   ++asked;
   const bool fails =
       nth_fails > 0 && (asked == nth_fails || (goes_on_failing && asked > nth_fails));
-  if (fails && ++failed == 1) {
+  if (fails) {
     const OwnMemory own;
-    WriteStack("memory fails");
+    latest_failure.Fill();
+    if (++failed == 1) {
+      WriteStack("memory fails", latest_failure);
+    }
   }
   return fails;
 }
@@ -168,12 +178,20 @@ long CountAllocations() { return asked; }
 long CountFailures() { return failed; }
 long CountBlocks() { return blocks; }
 
+void TellLatestFailure() {
+  const OwnMemory own;
+  WriteStack("its exception escapes", latest_failure);
+}
+
 void PrepareMemory() {
   TellOfCrashes();
   Stack here;
   here.Fill();
   static_cast<void>(Text(here));
   std::puts("memory is prepared");
+  // The C library looks for translations of its errors in the locale, which Qt sets.
+  std::setlocale(LC_ALL, "");
+  static_cast<void>(std::generic_category().message(ENOMEM));
 }
 
 void WatchBlocks() { watches = true; }

@@ -37,6 +37,9 @@ long CountBlocks();
 // ") and where it crashed ("it crashed: "): functions and libraries, the innermost first.
 void PrepareMemory();
 
+// Tells in the same way who asked for the latest allocation that failed ("its exception escapes: ").
+void TellLatestFailure();
+
 // From now on, where each living block comes from is kept.
 void WatchBlocks();
 // Where the blocks come from that live now and have been taken since WatchBlocks().

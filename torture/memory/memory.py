@@ -29,7 +29,8 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support
 from leftovers import living, what_is_left  # noqa: E402
 
 OPERATIONS = ["values", "messages", "json", "vorpc", "first start", "start", "call", "notify",
-              "release", "end manager", "open uri", "task"]
+              "release", "end manager", "open uri", "task", "task alone", "tables", "server's tables",
+              "register intent", "invoke intent", "timers"]
 NO_MATTER = 1_000_000_000  # blocks that a run may leave, as far as it looks itself
 LIMIT = 120  # seconds that a run may take
 
@@ -59,7 +60,7 @@ INSIDE_QT = [
 
 def inside_qt(facts, what):
     """Why Qt is to blame; None when it is not."""
-    chain = qt_chain(facts["who"])
+    chain = qt_chain(facts["escape"] if what == "an exception left the event loop" else facts["who"])
     crashing = qt_chain(facts["crash"]).split(" < ")[0]
     if what == "crashed" and crashing != chain.split(" < ")[0]:
         return None
@@ -142,6 +143,7 @@ def play(arguments, operation, nth, kind, blocks, folder):
     facts["output"] = output
     facts["who"] = without_the_teller(last_line(output, "memory fails: "))
     facts["crash"] = without_the_teller(last_line(output, "it crashed: "))
+    facts["escape"] = without_the_teller(last_line(output, "its exception escapes: "))
     if stuck:
         facts["wrong"] = "stuck"
     elif process.returncode < 0:
@@ -173,7 +175,7 @@ def judge(facts, clean):
     if ("wrong" not in facts and facts["blocks"] > clean["blocks"]
             and facts["operation"] != "first start"):
         facts["wrong"] = "memory leaked"
-    if "wrong" not in facts and facts["descriptors"] != 0:
+    if "wrong" not in facts and facts["descriptors"] not in (0, clean["descriptors"]):
         facts["wrong"] = "descriptors leaked"
     if "wrong" not in facts and facts["escaped"]:
         facts["wrong"] = "an exception left the event loop"
@@ -193,6 +195,8 @@ def tell(facts):
           f"{facts['kind']}\n    memory fails in {readable(facts['who'])}", flush=True)
     if facts["crash"]:
         print(f"    it crashes in {readable(facts['crash'])}", flush=True)
+    if facts["escape"]:
+        print(f"    what escapes comes from {readable(facts['escape'])}", flush=True)
 
 
 def torture(arguments, operation, pool):

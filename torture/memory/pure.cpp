@@ -1,23 +1,29 @@
 #include "pure.h"
 
 #include <cw/encodable_value.h>
+#include <qt/internal/start_timer.h>
 #include <vorpc/client.h>
 #include <vorpc/message.h>
 #include <vorpc/qt/utils.h>
 #include <vorpc/server.h>
 
+#include <QAbstractEventDispatcher>
 #include <QJsonValue>
+#include <QObject>
+#include <QTimer>
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
 #include <memory>
 #include <new>
+#include <optional>
 #include <utility>
 #include <vector>
 
+#include "account.h"
 #include "failing_memory.h"
-#include "talk.h"
 
 namespace tarv::torture {
 namespace {
@@ -234,11 +240,41 @@ std::string Conversation(int* refusals) {
   return Recover(pair.get());
 }
 
+// How many timers the event loop has for an object, whatever that knows itself.
+int CountTimers(QObject* object) {
+  const OwnMemory own;
+  return QAbstractEventDispatcher::instance()->registeredTimers(object).size();
+}
+
+// A timer that could not be started does not run.
+std::string Timers(int* refusals) {
+  std::optional<QTimer> timer;
+  std::optional<QObject> object;
+  {
+    const OwnMemory own;
+    timer.emplace();
+    object.emplace();
+  }
+  bool are_started = false;
+  try {
+    qt::details::StartTimer(*timer, 1000);
+    qt::details::StartTimer(*object, std::chrono::seconds(1), Qt::PreciseTimer);
+    are_started = true;
+  } catch (const std::bad_alloc&) {
+    ++*refusals;
+  }
+  const int expected = are_started ? 2 : timer->isActive() ? 1 : 0;
+  return CountTimers(&*timer) + CountTimers(&*object) == expected ? "" : "a timer is left";
+}
+
 }  // namespace
 
 PureOperation FindPureOperation(const std::string& name) {
-  static const std::map<std::string, PureOperation> kOperations = {
-      {"values", &Values}, {"messages", &Messages}, {"json", &Json}, {"vorpc", &Conversation}};
+  static const std::map<std::string, PureOperation> kOperations = {{"values", &Values},
+                                                                   {"messages", &Messages},
+                                                                   {"json", &Json},
+                                                                   {"vorpc", &Conversation},
+                                                                   {"timers", &Timers}};
   const auto found = kOperations.find(name);
   return found == kOperations.end() ? nullptr : found->second;
 }

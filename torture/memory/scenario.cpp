@@ -1,0 +1,104 @@
+#include "scenario.h"
+
+#include <map>
+
+#include "facts.h"
+#include "failing_memory.h"
+#include "kit/surroundings.h"
+
+namespace tarv::torture {
+namespace {
+
+constexpr std::chrono::milliseconds kSettling(3000);
+
+// With memory for all.
+void PlayWhole(ScenarioMaker make, Loop& loop, const char* when) {
+  const auto scenario = make(loop);
+  scenario->Begin();
+  scenario->Act();
+  const std::string wrong = scenario->Recover();
+  if (!wrong.empty() || !scenario->WhatIsWrong().empty() || scenario->CountErrors() > 0 ||
+      scenario->CountRefusals() > 0) {
+    GiveUp(std::string(when) + ": " + wrong + scenario->WhatIsWrong() + ", " +
+           std::to_string(scenario->CountErrors()) + " errors, " +
+           std::to_string(scenario->CountRefusals()) + " refusals");
+  }
+}
+
+void PlayInWant(ScenarioMaker make, Loop& loop, const Run& run) {
+  const auto scenario = make(loop);
+  scenario->Begin();
+  if (run.lasting && run.nth > 0) {
+    scenario->SetLimit(kWant);
+  }
+  LetMemoryFail(run.nth, run.lasting);
+  scenario->Act();
+  MendMemory();
+  KeepCounts();
+  scenario->SetLimit(kPatience);
+  const int refusals = scenario->CountRefusals();
+  Wrong(scenario->Recover());
+  Wrong(scenario->WhatIsWrong());
+  SetFact("refusals", refusals);
+  SetFact("errors", scenario->CountErrors());
+  SetFact("goes on", scenario->CountErrors() == 0 ? 1 : 0);
+}
+
+// What an end still has to do may take a moment.
+void Rest(Loop& loop) {
+  constexpr int kLooks = 10;
+  long before = -1;
+  int looks = 0;
+  loop.RunUntil(
+      [&] {
+        looks = CountBlocks() == before ? looks + 1 : 0;
+        before = CountBlocks();
+        return looks == kLooks;
+      },
+      kSettling);
+}
+
+bool EndTasks(Loop& loop) {
+  return loop.RunUntil([] { return test::Children().empty(); }, kPatience);
+}
+
+}  // namespace
+
+ScenarioMaker FindScenario(const std::string& operation) {
+  static const std::map<std::string, ScenarioMaker> kMakers = {
+      {"task alone", &MakeTaskAlone},           {"tables", &MakeTables},
+      {"server's tables", &MakeTablesOfServer}, {"register intent", &MakeRegisterIntent},
+      {"invoke intent", &MakeInvokeIntent},
+  };
+  const auto found = kMakers.find(operation);
+  return found == kMakers.end() ? nullptr : found->second;
+}
+
+void PlayScenario(ScenarioMaker make, const Run& run) {
+  Loop loop;
+  PlayWhole(make, loop, "the first time");
+  PlayWhole(make, loop, "the second time");
+  EndTasks(loop);
+  Rest(loop);
+  const long descriptors = static_cast<long>(test::CountDescriptors());
+  const long blocks = CountBlocks();
+  if (std::getenv("TORTURE_ORIGINS") != nullptr) {
+    WatchBlocks();
+  }
+  PlayInWant(make, loop, run);
+  if (!EndTasks(loop)) {
+    Wrong("a task goes on");
+  }
+  PlayWhole(make, loop, "the last time");
+  EndTasks(loop);
+  Rest(loop);
+  loop.RunUntil([&] { return CountBlocks() - blocks <= run.blocks; }, kSettling);
+  SetFact("escaped", loop.CountEscapedExceptions());
+  SetFact("blocks", CountBlocks() - blocks);
+  SetFact("descriptors", static_cast<long>(test::CountDescriptors()) - descriptors);
+  if (std::getenv("TORTURE_ORIGINS") != nullptr) {
+    std::fputs(LivingBlocks().c_str(), stderr);
+  }
+}
+
+}  // namespace tarv::torture
