@@ -27,7 +27,7 @@ fs::path FillerFolder(const fs::path& disk) { return disk / "filler"; }
 
 SmallDisk::SmallDisk(fs::path folder) : path_(std::move(folder)) {
   fs::create_directory(path_);
-  if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+  if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0 ||
       mount("tmpfs", path_.c_str(), "tmpfs", 0, kSize) != 0) {
     why_not_ = std::string("a file system cannot be mounted here: ") + std::strerror(errno);
     return;

@@ -1,12 +1,14 @@
 // An application that talks to its task while system calls fail: start, handshake, requests,
 // notifications both ways, an intent of the task's, a URI, stop, and the same again, the third time
-// over the relay that faults stand in. A last task is ended by the end of the application.
+// over the relay that faults stand in. A last task is ended by the end of the application. With
+// TORTURE_DEATH=1 each conversation loses its task to SIGKILL first, and starts it again.
 //
 // It prints what came of each step, a line each, and ends with 0 when every request ended once, by
 // an answer or an error, in good time, and nothing of it is left behind.
 
 #include <RuntimeManager/IntentsInvoker.h>
 #include <cw/encodable_value.h>
+#include <signal.h>
 #include <tarv/manager_wrapper.h>
 #include <vorpc/client.h>
 
@@ -70,6 +72,14 @@ bool HasChildren() {
                      [reaps](int child) { return reaps || test::StateOf(child) != 'Z'; });
 }
 
+void SignalTasks(int signal) {
+  for (const int child : test::Children()) {
+    if (test::StateOf(child) != 'Z') {
+      kill(child, signal);
+    }
+  }
+}
+
 class Conversation {
  public:
   explicit Conversation(std::string name) : name_(std::move(name)) {}
@@ -81,6 +91,7 @@ class Conversation {
  private:
   bool MakeManager();
   void Start();
+  void LoseTask();
   void Ask(int number);
   void Hear();
   void Invoke();
@@ -95,6 +106,7 @@ class Conversation {
   int said_ = 0;
   bool is_good_ = true;
   bool has_ended_ = false;
+  bool is_to_end_ = false;  // its end is no failure
 };
 
 void Conversation::Tell(const char* what, const OptionalError& error) {
@@ -120,13 +132,34 @@ void Conversation::Start() {
   });
   client_->OnDisconnected([this](const OptionalError& error) {
     has_ended_ = true;
-    Tell("end", error);
+    if (!is_to_end_) {
+      Tell("end", error);
+    }
   });
   client_->OnNotify("said", [this](const auto& /*notification*/) { ++said_; });
   client_->Run();
   if (!WaitUntil([&] { return told > 0; })) {
     Fail(Step("start"), "no end of it");
   }
+}
+
+// It dies with a request that it has not answered.
+void Conversation::LoseTask() {
+  auto told = std::make_shared<int>(0);
+  is_to_end_ = true;
+  SignalTasks(SIGSTOP);
+  client_->SendRequest("echo", 0,
+                       [told](const vorpc::Message::Response& /*response*/) { ++*told; });
+  SignalTasks(SIGKILL);
+  if (!WaitUntil([&] { return *told > 0 && has_ended_; })) {
+    Fail(Step("death"), "no end of it");
+  }
+  client_.reset();
+  QCoreApplication::processEvents();
+  if (*told > 1) {
+    Fail(Step("request at the death"), "ended twice");
+  }
+  is_to_end_ = has_ended_ = false;
 }
 
 void Conversation::Ask(int number) {
@@ -212,6 +245,10 @@ bool Conversation::Play() {
     return false;
   }
   Start();
+  if (qEnvironmentVariableIsSet("TORTURE_DEATH") && client_ != nullptr && !has_ended_) {
+    LoseTask();
+    Start();
+  }
   for (int number = 0; client_ != nullptr && number < 3; ++number) {
     Ask(number);
   }

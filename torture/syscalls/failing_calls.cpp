@@ -4,10 +4,11 @@
 //   FAIL_ERROR=EMFILE    as what: an error's name, or "short" for half of what read and write move
 //   FAIL_AT=3            at which call, counted from 1
 //   FAIL_LASTS=1         all later ones fail, too, and those of every process
-//   FAIL_ONCE=FILE       else the one that makes this file fails, and no other process's
+//   FAIL_ONCE=FILE       else the one that makes this file fails, and no other process's; it tells
+//                        that a call has failed
 //   FAIL_IN=name         in the program of this name alone; empty: in every one
 //   FAIL_WHOSE=qt        those that Qt makes; else those of this project's libraries
-//   FAIL_LOG=FILE        each process appends how often it called what, and what failed
+//   FAIL_LOG=FILE        each process appends how often it called what
 //
 // What the C library calls inside itself does not come by here; of the calls by number only those do
 // that open a process and signal it. A child of vfork has its starter's memory: what it calls before it
@@ -113,7 +114,6 @@ constexpr std::array<const char*, kCalls> kNames = {"socket",
                                                     "fchmodat"};
 
 std::array<std::atomic<int>, kCalls> counts;
-std::atomic<int> struck{0};
 int failing_call = -1;
 int error_number = 0;
 bool falls_short = false;
@@ -196,10 +196,8 @@ bool Strikes(Call call, const void* caller) {
   const int before = errno;
   const int number = IsCounted(caller) ? ++counts[call] : 0;
   errno = before;
-  const bool strikes = call == failing_call && number > 0 &&
-                       ((number == nth && (lasts || IsFirst())) || (lasts && number > nth));
-  struck += strikes ? 1 : 0;
-  return strikes;
+  return call == failing_call && number > 0 &&
+         ((number == nth && (IsFirst() || lasts)) || (lasts && number > nth));
 }
 
 bool Fails(Call call, const void* caller) {
@@ -249,8 +247,7 @@ __attribute__((destructor)) void End() {
     return;
   }
   char line[1500];
-  int size = std::snprintf(line, sizeof(line), "%s struck=%d", program_invocation_short_name,
-                           struck.load());
+  int size = std::snprintf(line, sizeof(line), "%s", program_invocation_short_name);
   for (std::size_t call = 0; call < kCalls; ++call) {
     size += std::snprintf(line + size, sizeof(line) - static_cast<std::size_t>(size), " %s=%d",
                           kNames[call], counts[call].load());
