@@ -136,7 +136,7 @@ def run(arguments, fault):
         output, status, _ = play(arguments, fault, folder)
         outcome = judge(output, status, fault)
         is_struck = struck_mark(folder).exists()
-        if removes_no_file(fault):
+        if may_leave_files(fault, arguments.deaths):
             play(arguments, {}, folder)
         left = what_is_left(folder, lambda: time_of_a_clean_run(arguments))
         if left and not outcome.startswith("WRONG"):
@@ -149,13 +149,15 @@ def run(arguments, fault):
     return outcome, output
 
 
-def removes_no_file(fault):
+def may_leave_files(fault, deaths):
     """Whether a file may not be removed, or a task ends without having time to.
 
-    All that a task writes to is the pipe that tells it to end.
+    What a killed task leaves goes with the next one, which a lasting failure may keep from starting. All
+    that a task writes to is the pipe that tells it to end.
     """
     call, program = fault.get("FAIL_CALL", ""), fault.get("FAIL_IN", "")
-    return call.startswith("unlink") or (call, program) == ("write", "torture_calls_task")
+    is_kept = call.startswith("unlink") or (call, program) == ("write", "torture_calls_task")
+    return is_kept or (deaths and fault.get("FAIL_LASTS") == "1")
 
 
 def faults_of(arguments):

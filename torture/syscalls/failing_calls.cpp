@@ -7,7 +7,7 @@
 //   FAIL_ONCE=FILE       else the one that makes this file fails, and no other process's; it tells
 //                        that a call has failed
 //   FAIL_IN=name         in the program of this name alone; empty: in every one
-//   FAIL_WHOSE=qt        those that Qt makes; else those of this project's libraries
+//   FAIL_WHOSE=qt        those that Qt and its event loop make; else those of this project's libraries
 //   FAIL_LOG=FILE        each process appends how often it called what
 //
 // What the C library calls inside itself does not come by here; of the calls by number only those do
@@ -170,7 +170,7 @@ bool IsCounted(const void* caller) {
   const auto lies_in = [&info](const char* name) {
     return std::strstr(info.dli_fname, name) != nullptr;
   };
-  return of_qt ? lies_in("/libQt5Core")
+  return of_qt ? lies_in("/libQt5Core") || lies_in("/libglib")
                : lies_in("/libtarv") || lies_in("/libruntimemanager") || lies_in("/libveltra_host");
 }
 
