@@ -42,7 +42,8 @@ void CallerCore::Attach(std::shared_ptr<vorpc::IClient> client) {
   }
   Detach();
   if (!client) {
-    Lose(LossOfMissingClient());
+    link_ = Link::kLost;
+    loss_ = LossOfMissingClient();
     return;
   }
   client_ = std::move(client);
@@ -118,13 +119,6 @@ void CallerCore::KeepWhileStarting(const std::shared_ptr<vorpc::IClient>& client
   if (auto* const task = dynamic_cast<ITaskClient*>(client.get())) {
     task->OnManagerEnded([let_go, qt_loop](EndedManager /*manager*/) { let_go(); });
   }
-}
-
-void CallerCore::Lose(const Loss& loss) {
-  Detach();
-  link_ = Link::kLost;
-  loss_ = loss;
-  EndAllLost();
 }
 
 void CallerCore::FailKept(const Loss& loss) {

@@ -46,12 +46,11 @@ class CallerCore : public std::enable_shared_from_this<CallerCore> {
     supervisor_ = std::move(supervisor);
     supervised_ = true;
   }
-  // Connects with this client instead of the last one. Calls that wait go to it.
+  // Connects with this client instead of the last one. Calls that wait go to it. None, before any
+  // call: each call ends so.
   void Attach(std::shared_ptr<vorpc::IClient> client);
   // Lets the client go. Calls that come now wait for the next one.
   void Detach();
-  // There will be no connection: the open calls end so.
-  void Lose(const Loss& loss);
   // There will be no connection for the calls that wait: they end so.
   void FailKept(const Loss& loss);
   void Close();

@@ -131,6 +131,7 @@ TEST_F(CallerTest, TellsATasksError) {
   EXPECT_EQ(ending.Get().GetError().GetMessage(), "no ball");
   EXPECT_EQ(ending.Get().GetError().GetData(), cw::EncodableValue(cw::EncodableMap{{"errno", 2}}));
   EXPECT_EQ(ending.GetText(), "'ping' of the task 'words' answered with the error 42: no ball");
+  EXPECT_EQ(link_.CountSent("$/describe"), 0U) << "the names help with unknown methods alone";
 }
 
 TEST_F(CallerTest, EndsACallWithoutAnAnswerAfterItsTime) {

@@ -205,6 +205,7 @@ TEST_F(KeptTaskTest, GivesUpOnACrashLoopUntilTheWindowHasMovedOn) {
   EXPECT_EQ(ending.GetText(),
             "'ping' of the task 'words' was not sent: the task 'words' has died 5 times within "
             "180 s and is not started again for now; its last words: killed by SIGSEGV");
+  EXPECT_EQ(task_->GetStatus().why->GetReason(), CallReason::kCrashLoop);
   const auto changes = states_.size();
   const Ending<void> again(task_->Call(kPing));
   loop_->Pump();
@@ -251,6 +252,16 @@ TEST_F(KeptTaskTest, CarriesNotificationHandlersOver) {
   links_.back()->server->SendNotify("late", {});
   loop_->Pump();
   EXPECT_THAT(heard, ElementsAre("early", "late"));
+}
+
+TEST_F(KeptTaskTest, HearsWithAHandlerThatComesWhileTheTaskRuns) {
+  Make();
+  EXPECT_EQ(Ask(), 1);
+  int heard = 0;
+  task_->OnNotify("late", [&heard](const auto& /*note*/) { ++heard; });
+  links_.back()->server->SendNotify("late", {});
+  loop_->Pump();
+  EXPECT_EQ(heard, 1);
 }
 
 TEST_F(KeptTaskTest, HearsNothingOfAnEarlierClient) {

@@ -177,6 +177,27 @@ TEST_F(QtLoop, WaitsOnWhenItsTimerFiresTooEarly) {
   });
 }
 
+TEST_F(QtLoop, SetsNoTimerWhenNothingWaits) {
+  WithTimerNotes([](Loop& loop, TimerNotes& notes) {
+    bool ran = false;
+    loop.WakeAt(loop.Now(), [&ran] { ran = true; });
+    QCoreApplication::sendPostedEvents();
+    notes.Fire();
+    EXPECT_TRUE(ran);
+    EXPECT_EQ(notes.intervals.size(), 1U);
+  });
+}
+
+TEST_F(QtLoop, DestroysWhatItDoesNotLiveToRunAlsoAfterItRanSomething) {
+  bool ran = false;
+  loop_->Post([&ran] { ran = true; });
+  RunUntil([&ran] { return ran; });
+  const auto witness = std::make_shared<int>();
+  loop_->Post([witness] {});
+  loop_.reset();
+  EXPECT_EQ(witness.use_count(), 1);
+}
+
 TEST_F(QtLoop, DestroysWhatItDoesNotLiveToRun) {
   const auto witness = std::make_shared<int>();
   loop_->Post([witness] {});

@@ -68,6 +68,8 @@ TEST_F(ServiceTest, AnswersWithWhatAHandlerThrows) {
   EXPECT_EQ(say.Get().GetError().GetCode(), 1);
   EXPECT_EQ(say.Get().GetError().GetData(), cw::EncodableValue(cw::EncodableMap{{"errno", 2}}));
   EXPECT_EQ(next.Get().GetError().GetCode(), -32603);
+  EXPECT_EQ(next.Get().GetError().GetMessage(),
+            "The handler of 'next' threw something that is no std::exception.");
 }
 
 TEST_F(ServiceTest, LetsAHandlerAnswerLater) {
