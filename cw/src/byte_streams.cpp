@@ -50,10 +50,8 @@ void FaultReports::Add(const std::string& line) {
 }
 
 void FaultReports::Write() {
-  if (!held_.empty()) {
-    WriteDiagnostic(held_);
-    held_.clear();
-  }
+  WriteDiagnostic(held_);
+  held_.clear();
 }
 
 }  // namespace internal

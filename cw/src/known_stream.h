@@ -11,8 +11,9 @@ namespace cw::internal {
 // The stream as one that is known, if that is what it is and the serializer has no overrides.
 template <class Known, class Stream>
 Known* AsKnown(const StandardCodecSerializer* serializer, Stream* stream) {
+  const Stream& given = *stream;
   const bool known =
-      serializer == &StandardCodecSerializer::GetInstance() && typeid(*stream) == typeid(Known);
+      serializer == &StandardCodecSerializer::GetInstance() && typeid(given) == typeid(Known);
   return known ? static_cast<Known*>(stream) : nullptr;
 }
 

@@ -163,6 +163,29 @@ TEST(EmptyTypedList, AsksItsStreamWhetherItIsPadded) {
   EXPECT_EQ(reader.asked_for, (std::vector<int>{4, 8, 8, 4}));
 }
 
+// Reads an empty list of one's own kind, whose items need not be aligned.
+class BytewiseSerializer : public StandardCodecSerializer {
+ public:
+  EncodableValue ReadValueOfType(std::uint8_t type, ByteStreamReader* stream) const override {
+    if (type != 0x20) {
+      return StandardCodecSerializer::ReadValueOfType(type, stream);
+    }
+    stream->ReadEmptyListAlignment(0);
+    return EncodableValue("mine");
+  }
+};
+
+TEST(EmptyTypedList, HasNoPaddingWhereItsItemsNeedNoAlignment) {
+  static const BytewiseSerializer serializer;
+  const Bytes bytes = FromHex("0C 02 20 01");
+  const StderrCapture capture;
+  const auto value =
+      StandardMessageCodec::GetInstance(&serializer).DecodeMessage(bytes.data(), bytes.size());
+  ASSERT_NE(value, nullptr);
+  EXPECT_EQ(*value, (EncodableList{"mine", true}));
+  EXPECT_EQ(capture.GetText(), "");
+}
+
 // ---- In messages of the codecs
 
 TEST(EmptyTypedList, ComesBackInAMessage) {

@@ -22,10 +22,13 @@ std::vector<Coder> MakeCoders() {
   return coders;
 }
 
+const Coder& FindBestCoder() {
+  return *std::find_if(GetCoders().begin(), GetCoders().end(),
+                       [](const Coder& candidate) { return candidate.is_supported(); });
+}
+
 const Coder& BestCoder() {
-  static const Coder coder =
-      *std::find_if(GetCoders().begin(), GetCoders().end(),
-                    [](const Coder& candidate) { return candidate.is_supported(); });
+  static const Coder& coder = FindBestCoder();
   return coder;
 }
 

@@ -15,8 +15,6 @@
 #include <sys/platform/x86.h>
 #endif
 
-#include <cstring>
-
 #define QUARN_SSSE3 __attribute__((target("ssse3")))
 #define QUARN_AVX2 __attribute__((target("avx2")))
 
@@ -137,8 +135,7 @@ QUARN_SSSE3 inline bool Decode16(__m128i text, __m128i* bytes) {
 
 QUARN_SSSE3 inline void Store12(__m128i bytes, std::uint8_t* out) {
   _mm_storel_epi64(reinterpret_cast<__m128i*>(out), bytes);
-  const int last = _mm_cvtsi128_si32(_mm_srli_si128(bytes, 8));
-  std::memcpy(out + 8, &last, sizeof(last));
+  _mm_storeu_si32(out + 8, _mm_srli_si128(bytes, 8));
 }
 
 QUARN_SSSE3 std::size_t DecodeSsse3(const char* text, std::size_t length, std::uint8_t* out) {

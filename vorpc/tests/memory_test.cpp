@@ -86,6 +86,20 @@ TEST(MessageText, LeavesItsMemoryToTheNextOneThatIsSent) {
   EXPECT_LT(GetMemoryUsage().held + message.ToBase64().size() / 2, held);
 }
 
+TEST(MessageText, OfFewBytesLeavesTheKeptMemoryToALargeOne) {
+  const Message large = MakeLargeMessage();
+  { const OutgoingText first(large); }
+  const std::size_t held = GetMemoryUsage().held;
+  const Message small = Message::CreateNotification("m", {});
+  const OutgoingText short_text(small);
+  EXPECT_EQ(short_text.Get(), small.ToBase64());
+  {
+    const OutgoingText next(large);
+    EXPECT_LT(GetMemoryUsage().held, held + next.Get().size() / 4);
+  }
+  quarn::TextRoom::Get().GiveBack();
+}
+
 // A connected client with requests that wait, and the order in which they end.
 class ClientEnd : public testing::Test {
  protected:
