@@ -50,6 +50,22 @@ void Life::Live(const std::vector<Move>& ends) {
   EndEverything();
 }
 
+std::shared_ptr<void> Life::Hold(const char* place) {
+  ++held_[place];
+  return {nullptr, [this, place](void*) {
+            --held_[place];
+            Hear(place);
+          }};
+}
+
+void Life::ExpectNothingHeld() {
+  for (const auto& [place, count] : held_) {
+    if (count != 0) {
+      Fault(std::to_string(count) + " never come: " + place);
+    }
+  }
+}
+
 void Life::Hear(const std::string& callback) {
   const int most = always_ ? kMostActions : 1;
   if (!action_ || planned_ != callback || actions_ >= most || depth_ == kDeepest) {

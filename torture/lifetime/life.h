@@ -7,6 +7,8 @@
 #define TORTURE_LIFETIME_LIFE_H
 
 #include <functional>
+#include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -36,6 +38,10 @@ class Life {
   // Each callback calls this with its name. An exception of the action comes out.
   void Hear(const std::string& callback);
   void Fault(const std::string& what) { faults_.push_back(what); }
+  // To be held by a callback, whose end is a callback, too: `place`.
+  std::shared_ptr<void> Hold(const char* place);
+  // At the end: each callback must have come to its own.
+  void ExpectNothingHeld();
 
   virtual std::vector<Move> GetSteps() = 0;
   // One turn of what brings the news.
@@ -54,6 +60,7 @@ class Life {
   int actions_ = 0;
   int depth_ = 0;
   std::vector<std::string> faults_;
+  std::map<std::string, int> held_;  // callbacks that have not been destroyed
 };
 
 }  // namespace tarv::torture

@@ -15,13 +15,15 @@ class LifeInLoop : public Life {
   // A nested event loop in which everything that may arrive does.
   void RunNestedLoop() {
     QEventLoop loop;
-    QTimer::singleShot(0, &loop, [this] { ArriveEverywhere(); });
-    QTimer::singleShot(0, &loop, [this] { ArriveEverywhere(); });
+    QTimer::singleShot(0, &loop, [this] { ArriveInNestedLoop(); });
+    QTimer::singleShot(0, &loop, [this] { ArriveInNestedLoop(); });
     QTimer::singleShot(1, &loop, [&loop] { loop.quit(); });
     loop.exec();
   }
 
  protected:
+  virtual void ArriveInNestedLoop() { ArriveEverywhere(); }
+
   // One turn of the loop. What is deleted later is gone after it.
   void Turn(const Move& move) override {
     QEventLoop loop;

@@ -10,7 +10,6 @@
 #include <vorpc/server.h>
 
 #include <QPointer>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -69,7 +68,6 @@ class PluginWorld : public LifeInLoop {
   void OpenUri();
   void HearOf(const TaskOfPlugin& task, const char* place);
   void HearOfServer(const char* place);
-  std::shared_ptr<void> Hold(const char* place);
 
   std::unique_ptr<ManagerWrapper> first_;
   std::unique_ptr<ManagerWrapper> second_;
@@ -80,7 +78,6 @@ class PluginWorld : public LifeInLoop {
   bool is_server_gone_ = false;
   QPointer<RuntimeManager::TaskMessaging> server_channel_;
   std::vector<std::unique_ptr<TaskOfPlugin>> tasks_;
-  std::map<std::string, int> held_;  // callbacks that have not been destroyed
 };
 
 }  // namespace tarv::torture

@@ -3,8 +3,6 @@
 #include <RuntimeManager/IntentsInvoker.h>
 #include <RuntimeManager/RuntimeDispatcher.h>
 
-#include <QEventLoop>
-#include <QTimer>
 #include <utility>
 
 #include "service_world.h"
@@ -30,50 +28,50 @@ struct Hearing {
   static void OnClientStarted(void* data, int code, const char* text, std::size_t chunk) {
     Slots& slots = Of(data);
     if (++slots.started > 1 || slots.disconnected > 0) {
-      slots.world->Fault(slots, "started twice, or after its end");
+      slots.world->FaultOf(slots, "started twice, or after its end");
     }
     OneClient* const client = Find(slots);
-    slots.world->HearText(slots, code == 0 ? Callback::kClientStarted : Callback::kClientNotStarted,
-                          text, Unlock(client, chunk));
+    slots.world->HearText(slots, code == 0 ? place::kClientStarted : place::kClientNotStarted, text,
+                          Unlock(client, chunk));
   }
   static void OnClientDisconnect(void* data, int, const char* text, std::size_t chunk) {
     Slots& slots = Of(data);
     if (++slots.disconnected > 1) {
-      slots.world->Fault(slots, "disconnected twice");
+      slots.world->FaultOf(slots, "disconnected twice");
     }
-    slots.world->HearText(slots, Callback::kClientDisconnect, text, Unlock(Find(slots), chunk));
+    slots.world->HearText(slots, place::kClientDisconnect, text, Unlock(Find(slots), chunk));
   }
   static void OnClientMessage(void* data, const char* text, std::size_t chunk) {
     Slots& slots = Of(data);
     if (slots.disconnected > 0) {
-      slots.world->Fault(slots, "a message after OnDisconnect");
+      slots.world->FaultOf(slots, "a message after OnDisconnect");
     }
-    slots.world->HearText(slots, Callback::kClientMessage, text, Unlock(Find(slots), chunk));
+    slots.world->HearText(slots, place::kClientMessage, text, Unlock(Find(slots), chunk));
   }
   static void OnServerStarted(void* data, int, const char*, std::size_t) {
     if (++Of(data).started > 1) {
-      Of(data).world->Fault(Of(data), "started twice");
+      Of(data).world->FaultOf(Of(data), "started twice");
     }
-    Of(data).world->Hear(Of(data), Callback::kServerStarted);
+    Of(data).world->HearOf(Of(data), place::kServerStarted);
   }
   static void OnServerMessage(void* data, const char* text, std::size_t chunk) {
     ServiceWorld* const world = Of(data).world;
-    world->HearText(Of(data), Callback::kServerMessage, text,
+    world->HearText(Of(data), place::kServerMessage, text,
                     [world, chunk] { world->server_table.UnlockResources(world->server, chunk); });
   }
   static void OnUri(void* data, bool) {
     if (++Of(data).answered > 1) {
-      Of(data).world->Fault(Of(data), "answered twice");
+      Of(data).world->FaultOf(Of(data), "answered twice");
     }
-    Of(data).world->Hear(Of(data), Callback::kUri);
+    Of(data).world->HearOf(Of(data), place::kUri);
   }
   static void OnIntent(void* data, TARVReplyIntentSlot* reply) {
     Of(data).world->replies_.push_back(*reply);
-    Of(data).world->Hear(Of(data), Callback::kIntent);
+    Of(data).world->HearOf(Of(data), place::kIntent);
   }
-  template <Callback kCallback>
+  template <const char* kPlace>
   static void OnRelease(void* data) {
-    Of(data).world->Hear(Of(data), kCallback);
+    Of(data).world->HearOf(Of(data), kPlace);
   }
 
  private:
@@ -103,7 +101,7 @@ void ServiceWorld::Start(OneClient& client) {
   slots.OnStarted = &Hearing::OnClientStarted;
   slots.OnDisconnect = &Hearing::OnClientDisconnect;
   slots.OnMessage = &Hearing::OnClientMessage;
-  slots.Release = &Hearing::OnRelease<Callback::kClientRelease>;
+  slots.Release = &Hearing::OnRelease<place::kClientRelease>;
   slots.user_data = client.slots;
   client.slots->is_taken =
       table.StartTask(client.handle, "worker", "/libs", &slots) == QUARN_RESULT_SUCCESS;
@@ -158,7 +156,7 @@ void ServiceWorld::RunServer() {
   slots.size = sizeof(slots);
   slots.OnStarted = &Hearing::OnServerStarted;
   slots.OnMessage = &Hearing::OnServerMessage;
-  slots.Release = &Hearing::OnRelease<Callback::kServerRelease>;
+  slots.Release = &Hearing::OnRelease<place::kServerRelease>;
   slots.user_data = &own;
   const std::size_t channels = TaskMessaging::GetAll().size();
   Survive([&] { server_table.Run(server, &slots); });
@@ -181,7 +179,7 @@ void ServiceWorld::OpenUri() {
   TARVOpenUriSlot slot{};
   slot.size = sizeof(slot);
   slot.callback = &Hearing::OnUri;
-  slot.release = &Hearing::OnRelease<Callback::kUriRelease>;
+  slot.release = &Hearing::OnRelease<place::kUriRelease>;
   slot.user_data = &own;
   own.is_taken = true;  // its release may come before OpenUri returns
   own.is_taken = intent_table.OpenUri(intents, "a:1", &slot) == QUARN_RESULT_SUCCESS;
@@ -258,15 +256,30 @@ void ServiceWorld::UseForeignHandles() {
   }
 }
 
-void ServiceWorld::RunNestedLoop() {
-  QEventLoop loop;
-  QTimer::singleShot(0, &loop, [&] {
-    ArriveEverywhere();
-    CompleteStops();
-  });
-  QTimer::singleShot(0, &loop, [&] { ArriveEverywhere(); });
-  QTimer::singleShot(1, &loop, [&] { loop.quit(); });
-  loop.exec();
+void ServiceWorld::ReleaseClients() {
+  for (std::size_t i = 0; i < clients.size(); ++i) {
+    ReleaseClient(*clients[i]);
+  }
+}
+
+void ServiceWorld::LoseClients() {
+  for (std::size_t i = 0; i < clients.size(); ++i) {
+    LoseClient(*clients[i]);
+  }
+}
+
+void ServiceWorld::MakeAnew() {
+  OneClient& client = NewClient();
+  Start(client);
+  CompleteStart(client, true);
+  RunServer();
+  OpenUri();
+  RegisterIntent();
+}
+
+void ServiceWorld::ArriveInNestedLoop() {
+  ArriveEverywhere();
+  CompleteStops();
 }
 
 void ServiceWorld::ArriveEverywhere() {

@@ -2,10 +2,6 @@
 
 #include <RuntimeManager/RuntimeDispatcher.h>
 
-#include <QEventLoop>
-#include <QTimer>
-#include <array>
-#include <exception>
 #include <utility>
 
 namespace tarv::torture {
@@ -13,36 +9,6 @@ namespace tarv::torture {
 using RuntimeManager::RuntimeDispatcher;
 using RuntimeManager::Task;
 using RuntimeManager::TaskMessaging;
-
-namespace {
-
-// An action that leads to its own callback ends there; so does a life that it makes larger and larger.
-constexpr int kDeepest = 4;
-constexpr int kMostActions = 8;
-
-}  // namespace
-
-void Survive(const std::function<void()>& step) {
-  try {
-    step();
-  } catch (const std::exception&) {
-  }
-}
-
-const char* NameOf(Callback callback) {
-  constexpr std::array kNames = {"client started",
-                                 "client not started",
-                                 "client message",
-                                 "client disconnect",
-                                 "client release",
-                                 "server started",
-                                 "server message",
-                                 "server release",
-                                 "uri",
-                                 "uri release",
-                                 "intent"};
-  return kNames.at(static_cast<std::size_t>(callback));
-}
 
 ServiceWorld::ServiceWorld() {
   Task::GetAll().clear();
@@ -60,31 +26,7 @@ ServiceWorld::~ServiceWorld() {
   RuntimeDispatcher::instance()->handlers.clear();
 }
 
-void ServiceWorld::Plan(Callback callback, std::function<void()> action, bool always) {
-  planned_ = callback;
-  action_ = std::move(action);
-  always_ = always;
-}
-
-void ServiceWorld::Live(const std::vector<std::function<void()>>& ends) {
-  for (const auto& step : StepsOfALife()) {
-    RunInLoop(step);
-  }
-  for (const auto& end : ends) {
-    RunInLoop(end);
-    RunInLoop([&] { UseEverything(); });
-    RunInLoop([&] { ArriveEverywhere(); });
-  }
-  RunInLoop([&] { CompleteStops(); });
-  RunInLoop([&] { AnswerIntents(); });
-  RunInLoop([&] { ReleaseManager(); });
-  // What an action made inside the manager's Release stays: one more ends it.
-  action_ = nullptr;
-  RunInLoop([&] { ReleaseManager(); });
-  CheckEnd();
-}
-
-std::vector<std::function<void()>> ServiceWorld::StepsOfALife() {
+std::vector<Life::Move> ServiceWorld::GetSteps() {
   OneClient& first = NewClient();
   OneClient& second = NewClient();
   NewClient();  // stays idle
@@ -106,38 +48,28 @@ std::vector<std::function<void()>> ServiceWorld::StepsOfALife() {
           [&] { ArriveEverywhere(); }};
 }
 
-// One turn of an event loop, as the platform's. What is deleted later is gone after it.
-void ServiceWorld::RunInLoop(const std::function<void()>& step) {
-  QEventLoop loop;
-  QTimer::singleShot(0, &loop, [&] {
-    Survive(step);
-    loop.quit();
-  });
-  loop.exec();
-  QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-}
-
-void ServiceWorld::CheckEnd() {
+// What is made inside the manager's Release stays: one more ends it.
+void ServiceWorld::EndEverything() {
+  Turn([this] { CompleteStops(); });
+  Turn([this] { AnswerIntents(); });
+  Turn([this] { ReleaseManager(); });
+  Turn([this] { ReleaseManager(); });
   for (const auto& slots : slots_) {
     const int expected = slots->is_taken && !slots->ends_with_process ? 1 : 0;
     if (slots->released != expected) {
-      Fault(*slots, "released " + std::to_string(slots->released) + " times");
+      FaultOf(*slots, "released " + std::to_string(slots->released) + " times");
     }
   }
   for (const auto& channel : TaskMessaging::GetAll()) {
     if (channel != nullptr) {
-      faults_.push_back("a channel is left");
+      Fault("a channel is left");
     }
   }
   for (const auto& client : clients) {
     if (client->task != nullptr) {
-      faults_.push_back("a task is left");
+      Fault("a task is left");
     }
   }
-}
-
-void ServiceWorld::Fault(const Slots& slots, const std::string& what) {
-  faults_.push_back(slots.name + ": " + what);
 }
 
 Slots& ServiceWorld::NewSlots(const std::string& name) {
@@ -147,34 +79,23 @@ Slots& ServiceWorld::NewSlots(const std::string& name) {
   return slots;
 }
 
-void ServiceWorld::Hear(Slots& slots, Callback callback) {
+void ServiceWorld::HearOf(Slots& slots, const char* place) {
   if (slots.released > 0) {
-    Fault(slots, std::string("a callback after Release: ") + NameOf(callback));
+    FaultOf(slots, std::string("a callback after Release: ") + place);
   }
-  const bool is_release = callback == Callback::kClientRelease ||
-                          callback == Callback::kServerRelease || callback == Callback::kUriRelease;
+  const bool is_release = place == place::kClientRelease || place == place::kServerRelease ||
+                          place == place::kUriRelease;
   slots.released += is_release ? 1 : 0;
-  if (!action_ || planned_ != callback || actions_ >= (always_ ? kMostActions : 1) ||
-      depth_ == kDeepest) {
-    return;
-  }
-  ++actions_;
-  struct Deeper {
-    int& depth;
-    explicit Deeper(int& of) : depth(of) { ++depth; }
-    ~Deeper() { --depth; }
-  } const deeper(depth_);
-  const auto action = action_;
-  action();
+  Hear(place);
 }
 
 // The text is whole as long as the callback runs, whatever the action ends.
-void ServiceWorld::HearText(Slots& slots, Callback callback, const char* text,
+void ServiceWorld::HearText(Slots& slots, const char* place, const char* text,
                             const std::function<void()>& unlock) {
   const std::string copy = text;
-  Hear(slots, callback);
+  HearOf(slots, place);
   if (copy != text) {
-    Fault(slots, "its text has changed while its callback ran");
+    FaultOf(slots, "its text has changed while its callback ran");
   }
   unlock();
 }

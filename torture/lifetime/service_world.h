@@ -1,8 +1,4 @@
-// A life of everything that the C interface has, on a platform of which the world decides every move.
-//
-// The life is a row of steps in an order that never changes; between two steps the event loop turns.
-// What changes is an action, taken inside one of the callbacks. Nothing in the life asks whether the
-// action has ended what a step is about, so each step is a use after the end, too.
+// Everything that the C interface has, on a platform of which the world decides every move.
 #ifndef TORTURE_LIFETIME_SERVICE_WORLD_H
 #define TORTURE_LIFETIME_SERVICE_WORLD_H
 
@@ -10,35 +6,31 @@
 #include <RuntimeManager/TaskMessaging.h>
 #include <tarv/tarv_capi.h>
 
-#include <QCoreApplication>
 #include <QPointer>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
+
+#include "course.h"
+#include "life_in_loop.h"
 
 namespace tarv::torture {
 
 // Every callback that the C interface makes.
-enum class Callback {
-  kClientStarted,
-  kClientNotStarted,
-  kClientMessage,
-  kClientDisconnect,
-  kClientRelease,
-  kServerStarted,
-  kServerMessage,
-  kServerRelease,
-  kUri,
-  kUriRelease,
-  kIntent,
-};
-constexpr Callback kLastCallback = Callback::kIntent;
-const char* NameOf(Callback callback);
-
-// What the platform does with an exception of a callback: it goes on.
-void Survive(const std::function<void()>& step);
+namespace place {
+inline constexpr char kClientStarted[] = "client started";
+inline constexpr char kClientNotStarted[] = "client not started";
+inline constexpr char kClientMessage[] = "client message";
+inline constexpr char kClientDisconnect[] = "client disconnect";
+inline constexpr char kClientRelease[] = "client release";
+inline constexpr char kServerStarted[] = "server started";
+inline constexpr char kServerMessage[] = "server message";
+inline constexpr char kServerRelease[] = "server release";
+inline constexpr char kUri[] = "uri";
+inline constexpr char kUriRelease[] = "uri release";
+inline constexpr char kIntent[] = "intent";
+}  // namespace place
 
 // The slots of one object, as a caller has them: what was called, and whether that was right.
 struct Slots {
@@ -59,20 +51,20 @@ struct OneClient {
   Slots* slots = nullptr;
 };
 
-class ServiceWorld {
+class ServiceWorld : public LifeInLoop {
  public:
+  static const std::vector<Place> kPlaces;
+  static const std::vector<Deed<ServiceWorld>> kDeeds;
+  static const std::vector<Deed<ServiceWorld>> kEnds;
+
   ServiceWorld();
-  ~ServiceWorld();
+  ~ServiceWorld() override;
   ServiceWorld(const ServiceWorld&) = delete;
   ServiceWorld& operator=(const ServiceWorld&) = delete;
 
-  // Takes `action` the first time that `callback` comes; each time, if `always`.
-  void Plan(Callback callback, std::function<void()> action, bool always = false);
-  // Plays the life in an event loop, and then ends what is left in the order of `ends`.
-  void Live(const std::vector<std::function<void()>>& ends);
-  bool HasActed() const { return actions_ > 0; }
-  // What was not as it is promised, a line for each.
-  const std::vector<std::string>& GetFaults() const { return faults_; }
+  // Every entry with this client's, the server's and the intents' handles, dead or alive.
+  void UseEverything() override;
+  void ArriveEverywhere() override;
 
   // ---- Moves, of which actions, ends and lives are made
 
@@ -91,13 +83,11 @@ class ServiceWorld {
   void AnswerIntents();
   void ReleaseClient(OneClient& client) const { table.Release(client.handle); }
   void ReleaseManager() const { root.Release(manager); }
-  // Every entry with this client's, the server's and the intents' handles, dead or alive.
-  void UseEverything();
+  void ReleaseClients();
+  void LoseClients();
+  void MakeAnew();
   // Every entry with handles of other types.
   void UseForeignHandles();
-  // A nested event loop in which everything that may arrive does.
-  void RunNestedLoop();
-  void ArriveEverywhere();
 
   TARVProcTable root{};
   TARVRpcClientProcTable table{};
@@ -111,24 +101,19 @@ class ServiceWorld {
  private:
   friend struct Hearing;
 
+  std::vector<Move> GetSteps() override;
+  void EndEverything() override;
+  void ArriveInNestedLoop() override;
+
   Slots& NewSlots(const std::string& name);
-  void Hear(Slots& slots, Callback callback);
-  void HearText(Slots& slots, Callback callback, const char* text,
+  void HearOf(Slots& slots, const char* place);
+  void HearText(Slots& slots, const char* place, const char* text,
                 const std::function<void()>& unlock);
-  void Fault(const Slots& slots, const std::string& what);
-  std::vector<std::function<void()>> StepsOfALife();
-  void RunInLoop(const std::function<void()>& step);
-  void CheckEnd();
+  void FaultOf(const Slots& slots, const std::string& what) { Fault(slots.name + ": " + what); }
 
   std::vector<std::unique_ptr<Slots>> slots_;
   std::vector<TARVReplyIntentSlot> replies_;
   QPointer<RuntimeManager::TaskMessaging> server_channel_;
-  std::optional<Callback> planned_;
-  std::function<void()> action_;
-  bool always_ = false;
-  int actions_ = 0;
-  int depth_ = 0;
-  std::vector<std::string> faults_;
 };
 
 }  // namespace tarv::torture

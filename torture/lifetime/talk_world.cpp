@@ -23,14 +23,6 @@ void To(const std::shared_ptr<End>& end, Action&& action) {
 
 }  // namespace
 
-std::shared_ptr<void> TalkWorld::Hold(const char* place) {
-  ++held_;
-  return {nullptr, [this, place](void*) {
-            --held_;
-            Hear(place);
-          }};
-}
-
 void TalkWorld::HearOfClient(const Talk& talk, const char* place) {
   if (talk.is_client_gone) {
     Fault(std::string("a client that is gone tells: ") + place);
@@ -273,9 +265,7 @@ void TalkWorld::EndEverything() {
   DropReplies();
   DropClients();
   DropServers();
-  if (held_ != 0) {
-    Fault(std::to_string(held_) + " callbacks are left");
-  }
+  ExpectNothingHeld();
 }
 
 // Whoever still has its client has been told everything.

@@ -70,13 +70,10 @@ class TalkWorld : public Life {
   static void Note(Talk& talk);
   static void Deliver(Talk& talk);
   void Check(const Talk& talk);
-  // To be held by a callback: when the callback is destroyed, that is a callback, too.
-  std::shared_ptr<void> Hold(const char* place);
   void HearOfClient(const Talk& talk, const char* place);
   void HearOfServer(const Talk& talk, const char* place);
 
   std::vector<std::unique_ptr<Talk>> talks_;
-  int held_ = 0;  // callbacks that have not been destroyed
 };
 
 }  // namespace tarv::torture
