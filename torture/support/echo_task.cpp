@@ -14,7 +14,7 @@ constexpr int kLeft = 7;             // the exit status
 
 bool WriteAll(int socket, std::string_view bytes) {
   while (!bytes.empty()) {
-    const ssize_t written = ::write(socket, bytes.data(), bytes.size());
+    const ssize_t written = ::send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
     if (written < 0) {
       return false;
     }
@@ -23,10 +23,8 @@ bool WriteAll(int socket, std::string_view bytes) {
   return true;
 }
 
-}  // namespace
-
-int main() {
-  const int socket = ::accept(kListeningSocket, nullptr, nullptr);
+// Until the other end goes.
+void Serve(int socket) {
   std::array<char, 65536> buffer{};
   ssize_t read = 0;
   while ((read = ::read(socket, buffer.data(), buffer.size())) > 0) {
@@ -35,9 +33,21 @@ int main() {
       std::exit(kLeft);
     }
     if (!WriteAll(socket, bytes)) {
-      return EXIT_FAILURE;
+      return;
     }
   }
-  // Its starter ends it, or has gone.
-  ::pause();
+}
+
+}  // namespace
+
+// Its starter ends it.
+int main() {
+  for (;;) {
+    const int socket = ::accept(kListeningSocket, nullptr, nullptr);
+    if (socket < 0) {
+      return EXIT_FAILURE;
+    }
+    Serve(socket);
+    ::close(socket);
+  }
 }
