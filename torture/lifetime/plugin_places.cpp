@@ -62,6 +62,11 @@ const std::vector<Deed<PluginWorld>> PluginWorld::kDeeds = {
     {"use everything", [](PluginWorld& world) { world.UseEverything(); }},
     {"use handles of nothing", [](PluginWorld&) { PluginWorld::UseForeignHandles(); }},
     {"let more arrive", [](PluginWorld& world) { world.ArriveEverywhere(); }},
+    {"drop the server and let more arrive",
+     [](PluginWorld& world) {
+       world.DropServer();
+       world.ArriveEverywhere();
+     }},
     {"run a nested loop", [](PluginWorld& world) { world.RunNestedLoop(); }},
     {"drop the clients and run a nested loop",
      [](PluginWorld& world) {

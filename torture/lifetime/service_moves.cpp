@@ -256,6 +256,14 @@ void ServiceWorld::UseForeignHandles() {
   }
 }
 
+// The handle stops working at once.
+void ServiceWorld::ReleaseClient(OneClient& client) {
+  table.Release(client.handle);
+  if (table.StartTask(client.handle, "again", "/libs", nullptr) != QUARN_RESULT_INVALID_ARGUMENT) {
+    Fault("a handle works after its Release");
+  }
+}
+
 void ServiceWorld::ReleaseClients() {
   for (std::size_t i = 0; i < clients.size(); ++i) {
     ReleaseClient(*clients[i]);

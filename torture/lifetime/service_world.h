@@ -81,7 +81,7 @@ class ServiceWorld : public LifeInLoop {
   void RegisterIntent();
   void InvokeIntent();
   void AnswerIntents();
-  void ReleaseClient(OneClient& client) const { table.Release(client.handle); }
+  void ReleaseClient(OneClient& client);
   void ReleaseManager() const { root.Release(manager); }
   void ReleaseClients();
   void LoseClients();
