@@ -1,8 +1,15 @@
-// Every callback of a task's server, and of a URI, throws, or sleeps: the next message and the next URI
-// are served.
+// Every callback of a task's server, of a URI, and at both ends of an intent throws, or sleeps: the
+// next message, URI and invocation are served.
+#include <RuntimeManager/IntentsInvoker.h>
+#include <cw/encodable_value.h>
 #include <gtest/gtest.h>
+#include <quarn/buffer.h>
+#include <tarv/tarv_capi.h>
 
+#include <QCoreApplication>
+#include <QJsonObject>
 #include <functional>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <tuple>
@@ -77,6 +84,102 @@ TEST_P(UriCallbackThat, LetsTheNextUriBeOpened) {
     });
   }
   ASSERT_TRUE(RunUntil([this] { return answers_ == 3; }));
+  EXPECT_EQ(thrown_, Throws() ? 1 : 0);
+}
+
+// No EndToEndTest: a registered intent keeps its socket as long as the process.
+class IntentCallbackThat : public testing::TestWithParam<Case> {
+ protected:
+  static std::string GetPlace() { return std::get<const char*>(GetParam()); }
+  static bool Throws() { return std::get<Deed>(GetParam()) == Deed::kThrows; }
+
+  // A name of its own for each test: an intent stays registered as long as the process.
+  static QString NewName() {
+    static int number = 0;
+    return QString("awkward%1").arg(++number);
+  }
+
+  void Register(const QString& name) {
+    const Tables tables;
+    TARVIntentManagerProcTable table{};
+    tables.root.IntentManagerProcTableLoad(&table, sizeof(table));
+    TARVRegisterIntentSlot slot{};
+    slot.size = sizeof(slot);
+    slot.callback = &OnIntent;
+    slot.user_data = this;
+    ASSERT_EQ(table.RegisterIntent(tables.root.GetIntentManager(tables.root.Initialize()),
+                                   name.toUtf8().constData(), &slot),
+              QUARN_RESULT_SUCCESS);
+  }
+
+  // The reply is released whatever happens, and before the answer in the place that is about that.
+  static void OnIntent(void* user_data, TARVReplyIntentSlot* reply) {
+    auto& self = *static_cast<IntentCallbackThat*>(user_data);
+    const std::unique_ptr<void, void (*)(void*)> owned(reply->user_data, reply->release);
+    self.Happen("BeforeTheAnswer");
+    const quarn::Buffer answer =
+        cw::EncodableValue(cw::EncodableMap{{"number", ++self.invoked_}}).Serialize();
+    reply->callback(reply->user_data, answer.GetData(), answer.GetSize());
+    self.Happen("AfterTheAnswer");
+  }
+
+  void OnReply(const RuntimeManager::Error& error) {
+    ++replies_;
+    errors_ += error.isError() ? 1 : 0;
+    Happen("AtTheInvoker");
+  }
+
+  void Happen(const std::string& place) {
+    if (place == GetPlace() && !done_) {
+      done_ = true;
+      Do(std::get<Deed>(GetParam()));
+    }
+  }
+
+  // Runs events until the condition holds; counts the exceptions that come out.
+  bool RunUntil(const std::function<bool()>& condition) {
+    for (;;) {
+      try {
+        return WaitUntil(condition);
+      } catch (const std::runtime_error& error) {
+        EXPECT_STREQ(error.what(), kThrown);
+        ++thrown_;
+      }
+    }
+  }
+
+  const RuntimeFolder folder_;
+  int argument_count_ = 1;
+  char program_[8] = "intents";
+  char* arguments_[2] = {program_, nullptr};
+  QCoreApplication application_{argument_count_, arguments_};
+  bool done_ = false;
+  int invoked_ = 0;
+  int replies_ = 0;
+  int errors_ = 0;
+  int thrown_ = 0;
+};
+
+INSTANTIATE_TEST_SUITE_P(Each, IntentCallbackThat,
+                         testing::Combine(testing::Values("BeforeTheAnswer", "AfterTheAnswer",
+                                                          "AtTheInvoker"),
+                                          testing::Values(Deed::kThrows, Deed::kSleeps)),
+                         NameOfCase);
+
+TEST_P(IntentCallbackThat, LetsTheNextInvocationBeServed) {
+  const QString name = NewName();
+  Register(name);
+  RuntimeManager::IntentsInvoker invoker;
+  QObject::connect(
+      &invoker, &RuntimeManager::IntentsInvoker::replyReceived, &invoker,
+      [this](const QJsonObject& /*reply*/, const RuntimeManager::Error& error) { OnReply(error); });
+  for (int i = 0; i < 3; ++i) {
+    invoker.invoke(name, {}, {{"number", i}});
+  }
+  ASSERT_TRUE(RunUntil([this] { return replies_ == 3; }));
+  const bool is_lost = Throws() && GetPlace() == "BeforeTheAnswer";
+  EXPECT_EQ(errors_, is_lost ? 1 : 0);
+  EXPECT_EQ(invoked_, is_lost ? 2 : 3);
   EXPECT_EQ(thrown_, Throws() ? 1 : 0);
 }
 

@@ -1,56 +1,31 @@
 // What is promised for any thread, used by eight at once in random order, while what they use ends
 // and begins anew. The thread sanitizer and the checker of locks look on; the test counts.
+#include "hammer.h"
+
 #include <gtest/gtest.h>
 #include <quarn/dispatcher.h>
 #include <quarn/object.h>
 #include <quarn/resources_cache.h>
 #include <quarn/run_once_signal.h>
 #include <quarn/signal.h>
+#include <tarv/tarv_capi.h>
 #include <vorpc/client.h>
 #include <vorpc/requests.h>
 #include <vorpc/server.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <deque>
-#include <functional>
 #include <memory>
 #include <mutex>
-#include <random>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include "support/seed.h"
-
 namespace tarv::torture {
 namespace {
 
 using vorpc::Message;
-
-constexpr int kThreads = 8;
-
-int CountOfMoves() { return std::getenv("TARV_TORTURE") != nullptr ? 100'000 : 1'500; }
-
-// A thing that any thread may take, put or replace. What it held dies outside its lock.
-template <class T>
-class Shared {
- public:
-  std::shared_ptr<T> Get() const {
-    const std::lock_guard lock(mutex_);
-    return value_;
-  }
-  std::shared_ptr<T> Swap(std::shared_ptr<T> value) {
-    const std::lock_guard lock(mutex_);
-    value_.swap(value);
-    return value;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::shared_ptr<T> value_;
-};
 
 // What a request came to.
 struct Request {
@@ -182,27 +157,6 @@ class Thing : public quarn::Object<Thing, ThingRef*> {
   explicit Thing(PrivateTag) : Object(std::make_shared<AtOnce>()) {}
   static std::shared_ptr<Thing> Create() { return Object::Create(PrivateTag()); }
 };
-
-using Random = std::mt19937;
-using Move = std::function<void(Random&)>;
-
-// Eight threads make moves of a list, each in an order of its own.
-void Hammer(const std::vector<Move>& moves) {
-  const std::uint64_t seed = test::TestSeed(test::NewSeed());
-  SCOPED_TRACE("TARV_TEST_SEED=" + std::to_string(seed));
-  std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) {
-    threads.emplace_back([&moves, seed, i] {
-      Random random(static_cast<std::uint32_t>(seed) + static_cast<std::uint32_t>(i));
-      for (int n = 0; n < CountOfMoves(); ++n) {
-        moves[random() % moves.size()](random);
-      }
-    });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
-}
 
 // Links, one after the other: threads use the current one while others end it.
 class Links {
@@ -337,6 +291,27 @@ TEST(AnyThread, FindsObjectsByHandleAndKeepsTextsWhileTheyEnd) {
       },
   });
   EXPECT_GT(invoked, 0);
+}
+
+// In a process that has made no manager yet, if each test has its own.
+TEST(AnyThread, LoadsTheTablesAndMakesTheOneManager) {
+  std::atomic<_TARVManagerRef*> manager{nullptr};
+  Hammer({[&manager](Random&) {
+            TARVProcTable root{};
+            EXPECT_EQ(TARVProcTableLoad(&root, sizeof(root)), QUARN_RESULT_SUCCESS);
+            _TARVManagerRef* const own = root.Initialize();
+            _TARVManagerRef* expected = nullptr;
+            EXPECT_TRUE(manager.compare_exchange_strong(expected, own) || expected == own);
+          },
+          [](Random& random) {
+            TARVProcTable root{};
+            TARVProcTableLoad(&root, sizeof(root));
+            TARVRpcClientProcTable client{};
+            const std::size_t size = random() % (sizeof(client) + 1);
+            EXPECT_EQ(root.RpcClientProcTableLoad(&client, size), QUARN_RESULT_SUCCESS);
+            EXPECT_EQ(client.Release != nullptr, size == sizeof(client));
+          }});
+  EXPECT_NE(manager, nullptr);
 }
 
 }  // namespace

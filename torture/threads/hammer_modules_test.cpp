@@ -1,0 +1,148 @@
+// What is promised for any thread inside the library and by its free functions, used by eight at once.
+#include <cw/encodable_value.h>
+#include <cw/method_codec.h>
+#include <cw/standard_codec.h>
+#include <cw/standard_message_codec.h>
+#include <gmock/gmock.h>
+#include <quarn/library.h>
+#include <vorpc/message.h>
+#include <vorpc/qt/utils.h>
+
+#include <QJsonValue>
+#include <array>
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "hammer.h"
+#include "receiver.h"
+#include "support/capture.h"
+
+namespace tarv::torture {
+namespace {
+
+using cw::EncodableValue;
+using vorpc::Message;
+using vorpc::details::Receiver;
+
+// Each failure has its own words, whichever threads fail meanwhile.
+TEST(AnyThread, LoadsLibrariesAndFindsTheirFunctions) {
+  Shared<quarn::Library> library;
+  const auto load = [] { return quarn::Library::Create(LOADED_LIBRARY); };
+  library.Swap(load());
+  ASSERT_TRUE(library.Get());
+  std::atomic<int> failures{0};
+  const std::string output = test::StdoutOf([&] {
+    Hammer({
+        [&](Random&) { library.Swap(load()); },
+        [&](Random&) { EXPECT_NE(library.Get()->ResolveImpl("TARVProcTableLoad"), nullptr); },
+        [&](Random&) { EXPECT_EQ(library.Get()->ResolveImpl("none_such"), nullptr); },
+        [&](Random& random) {
+          const auto name = "/no/such/" + std::to_string(random() % 4) + ".so";
+          EXPECT_EQ(quarn::Library::Create(name), nullptr);
+          ++failures;
+        },
+    });
+  });
+  EXPECT_GT(failures, 0);
+  EXPECT_THAT(output, testing::HasSubstr("/no/such/3.so"));
+}
+
+// Serializers of one's own, which threads hand to the codecs for the first time at once.
+TEST(AnyThread, SharesSerializersAndCodecs) {
+  static const std::array<cw::StandardCodecSerializer, 8> kSerializers{};
+  const EncodableValue value = cw::EncodableMap{
+      {"text", "a text"}, {"list", cw::EncodableList{1, 2.5, std::vector<std::int64_t>(9, 7)}}};
+  const auto messages = [](Random& random) -> const cw::StandardMessageCodec& {
+    return cw::StandardMessageCodec::GetInstance(&kSerializers[random() % kSerializers.size()]);
+  };
+  const auto methods = [](Random& random) -> const cw::StandardMethodCodec& {
+    return cw::StandardMethodCodec::GetInstance(&kSerializers[random() % kSerializers.size()]);
+  };
+  Hammer({
+      [&](Random& random) {
+        const auto bytes = messages(random).EncodeMessage(value);
+        const auto back = messages(random).DecodeMessage(bytes.GetData(), bytes.GetSize());
+        EXPECT_TRUE(back != nullptr && *back == value);
+      },
+      [&](Random& random) {
+        const cw::MethodCall<EncodableValue> call("name", std::make_unique<EncodableValue>(value));
+        const auto bytes = methods(random).EncodeMethodCall(call);
+        const auto back = methods(random).DecodeMethodCall(bytes.GetData(), bytes.GetSize());
+        EXPECT_TRUE(back != nullptr && *back->GetArguments() == value);
+      },
+      [&](Random&) {
+        const auto* const own = &cw::StandardMessageCodec::GetInstance();
+        EXPECT_EQ(own, &cw::StandardMessageCodec::GetInstance());
+      },
+  });
+}
+
+TEST(AnyThread, ConvertsMessagesAndJson) {
+  const EncodableValue value = cw::EncodableMap{{"text", "a text"}, {"number", 7}};
+  const Message message = Message::CreateRequest(Message::ID("id"), "method", value);
+  Hammer({
+      [&](Random&) { EXPECT_EQ(Message::FromBase64(message.ToBase64()), message); },
+      [&](Random&) { EXPECT_EQ(Message::FromEncodable(message.ToEncodable()), message); },
+      [&](Random&) {
+        QJsonValue json;
+        EncodableValue back;
+        EXPECT_TRUE(vorpc::qt::EncodableToJson(value, json));
+        EXPECT_TRUE(vorpc::qt::JsonToEncodable(json, back));
+        EXPECT_NE(back.Find("text"), nullptr);
+      },
+  });
+}
+
+// One pump, into which every thread puts messages both ways; each comes out once.
+TEST(AnyThread, PutsMessagesIntoOneReceiverUntilItCloses) {
+  std::atomic<int> put{0};
+  std::atomic<int> sent{0};
+  std::atomic<int> received{0};
+  Receiver receiver([&sent](Message&&) { ++sent; },
+                    [&received](const Message&) {
+                      ++received;
+                      return received % 2 == 0;
+                    });
+  const auto note = [] { return Message::CreateNotification("note", {}); };
+  const auto count = [&put](const auto& move) {
+    return [&put, move](Random&) {
+      ++put;
+      move();
+    };
+  };
+  std::atomic<int> heard{0};
+  receiver.OnNotify("note", [&heard](const Message::Notification&) { ++heard; });
+  const std::vector<Move> moves = {
+      count([&] { receiver.Send(note()); }),
+      count([&] { receiver.Receive(note()); }),
+      count([&] { receiver.SendImmediately(note()); }),
+      count([&] { receiver.ReceiveImmediately(note()); }),
+      [&](Random&) { receiver.ProcessQueue(); },
+      [&](Random& random) {
+        if (random() % 100 == 0) {
+          receiver.OnNotify("note", [](const Message::Notification&) {});
+        }
+      },
+      [&](Random&) { EXPECT_FALSE(receiver.IsClosed()); },
+      [&](Random& random) {
+        if (random() % 1000 == 0) {
+          receiver.SetQueueEnabled();
+        }
+      },
+  };
+  // A handler more now and then makes each message dearer: the long form is shorter here.
+  Hammer(moves, std::min(CountOfMoves(), 10'000));
+  receiver.SetQueueEnabled();
+  EXPECT_EQ(sent + received, put);
+  EXPECT_GT(heard, 0);
+  std::thread closer([&receiver] { receiver.Close(); });
+  Hammer({moves[0], moves[1], moves[2], moves[3], moves[4]}, 200);
+  closer.join();
+  const int before = sent + received;
+  Hammer({moves[0], moves[1], moves[2], moves[3]}, 20);
+  EXPECT_EQ(sent + received, before);
+}
+
+}  // namespace
+}  // namespace tarv::torture
