@@ -304,6 +304,22 @@ TEST_F(ServiceTest, AnswersFromWorkers) {
   EXPECT_THAT(link_.answerers, ElementsAre(here)) << "a worker has touched the server";
 }
 
+TEST_F(ServiceTest, AnswersWrongParametersBeforeAWorkerIsAsked) {
+  tarv::Workers workers(1);
+  std::atomic<bool> ran{false};
+  service_->On(kCount, workers, [&ran](const Texts&, const tarv::Running<Step>&) {
+    ran = true;
+    return Totals();
+  });
+  static constexpr tarv::Method<Totals(cw::EncodableValue)> kAnyCount{"count"};
+  const Ending<Totals> ending(caller_->Call(kAnyCount, cw::EncodableMap{{"texts", 5}}));
+  link_.Pump();
+  ASSERT_EQ(ending.Count(), 1U);
+  EXPECT_EQ(ending.Get().GetError().GetCode(), -32602);
+  EXPECT_EQ(ending.Get().GetError().GetMessage(), "params.texts: expected a list, got int32 5");
+  EXPECT_FALSE(ran);
+}
+
 TEST_F(ServiceTest, RunsAsManyAtATimeAsThereAreWorkers) {
   tarv::Workers workers(3);
   std::atomic<int> inside{0};
