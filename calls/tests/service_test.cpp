@@ -317,6 +317,9 @@ TEST_F(ServiceTest, AnswersWrongParametersBeforeAWorkerIsAsked) {
   ASSERT_EQ(ending.Count(), 1U);
   EXPECT_EQ(ending.Get().GetError().GetCode(), -32602);
   EXPECT_EQ(ending.Get().GetError().GetMessage(), "params.texts: expected a list, got int32 5");
+  service_->On(kNext, workers, [] { return 7; });
+  const Ending<std::int32_t> next(caller_->Call(kNext));  // comes to the worker later
+  PumpUntilEnd(next);
   EXPECT_FALSE(ran);
 }
 

@@ -36,7 +36,9 @@ def read_patterns():
 def ask_gcov(notes):
     """What gcov says of an object file."""
     done = subprocess.run(["gcov", "--json-format", "--stdout", "--branch-probabilities", notes],
-                          check=True, capture_output=True)
+                          check=False, capture_output=True, text=True)
+    if done.returncode != 0:
+        raise SystemExit(f"count.py: gcov cannot read {notes}; remove it and build again:\n{done.stderr}")
     return json.loads(done.stdout)
 
 
@@ -51,7 +53,8 @@ class Counts:
         for source in report["files"]:
             # The build names the repository's files from its root.
             name = os.path.relpath(os.path.join(ROOT, source["file"]), ROOT)
-            if self.patterns["filter"].match(name):
+            # An object file may be older than the file's removal.
+            if self.patterns["filter"].match(name) and os.path.isfile(os.path.join(ROOT, name)):
                 for line in source["lines"]:
                     self.add_line(self.lines[name][line["line_number"]], line)
 

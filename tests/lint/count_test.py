@@ -60,8 +60,16 @@ class Coverage(unittest.TestCase):
         self.assertEqual(self.counted(line(3, "f", 0, 0), line(4, "f", 1, 0), line(5, "f", 1, 0), line(6, "f", 2, 0)),
                          {4: (1, []), 6: (2, [])})
 
-    def test_takes_the_librarys_files_alone(self):
+    def test_takes_the_librarys_files_alone_that_are_there(self):
         self.assertEqual(self.counted(line(2, "f", 1), file="/usr/include/vector"), {})
+        self.assertEqual(self.counted(line(2, "f", 1), file="src/removed.cpp"), {})
+
+    def test_says_which_object_file_gcov_cannot_read(self):
+        path = os.path.join(count.ROOT, "cut_short.gcno")
+        with open(path, "wb") as file:
+            file.write(b"oncg")
+        with self.assertRaisesRegex(SystemExit, "gcov cannot read .*cut_short.gcno; remove it and build again"):
+            count.ask_gcov(path)
 
     def test_reads_its_patterns_from_gcovrs_configuration(self):
         count.ROOT = ROOT
