@@ -11,6 +11,7 @@
 #include "process_exit.h"
 #include "support.h"
 #include "unique_fd.h"
+#include "want_of_memory.h"
 
 namespace RuntimeManager::host {
 
@@ -36,6 +37,7 @@ class QuietNotifier::Hub : public std::enable_shared_from_this<QuietNotifier::Hu
  private:
   bool IsOf(QAbstractEventDispatcher* loop) const { return loop_ == loop; }
   void OnReadable();
+  void Scatter();
 
   // So few cost an event loop next to nothing; one more system call for each message does.
   static constexpr int kPlaces = 16;
@@ -46,6 +48,7 @@ class QuietNotifier::Hub : public std::enable_shared_from_this<QuietNotifier::Hu
 
   const QPointer<QAbstractEventDispatcher> loop_;  // null once it is gone
   int places_ = 0;
+  int vain_waits_ = 0;  // in a row
   UniqueFd epoll_;
   std::unique_ptr<QSocketNotifier> readable_;
   std::unordered_map<int, QuietNotifier*> notifiers_;  // by their descriptors
@@ -117,6 +120,10 @@ void QuietNotifier::Hub::OnReadable() {
   epoll_event event{};
   const int count =
       RetryOnEintr([this, &event] { return ::epoll_wait(epoll_.Get(), &event, 1, 0); });
+  vain_waits_ = count < 0 ? vain_waits_ + 1 : 0;
+  if (vain_waits_ >= kMostVainTries) {
+    Scatter();
+  }
   if (count != 1) {
     return;
   }
@@ -126,6 +133,16 @@ void QuietNotifier::Hub::OnReadable() {
   }
   const auto on_readable = found->second->on_readable_;
   (*on_readable)();
+}
+
+// The set tells nothing any more: each descriptor gets a place of its own in the event loop.
+void QuietNotifier::Hub::Scatter() {
+  const auto notifiers = notifiers_;
+  for (const auto& [descriptor, notifier] : notifiers) {
+    if (Attempt([own = notifier] { own->MakeOwn(); })) {
+      Remove(descriptor);
+    }
+  }
 }
 
 QuietNotifier::QuietNotifier(int descriptor, std::function<void()> on_readable, Use use)

@@ -1,5 +1,6 @@
 // Starting, ending and stopping tasks.
 #include <RuntimeManager/Task.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -52,6 +53,29 @@ TEST(Error, HasFixedCodesForWhatEndsAConnection) {
   EXPECT_EQ(Error::kConnectionLost, -32003);
   EXPECT_EQ(Error::kMessageTooLong, -32004);
   EXPECT_EQ(Error::kQueueFull, -32005);
+}
+
+// The set of descriptors that the event loop watches is not what it was.
+void BreakTheSet() {
+  const int nothing = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  for (const QString& descriptor : OpenDescriptors()) {
+    if (descriptor.endsWith("[eventpoll]")) {
+      ::dup2(nothing, descriptor.section(' ', 0, 0).toInt());
+    }
+  }
+  ::close(nothing);
+}
+
+TEST_F(TaskTest, IsHeardOfAlthoughTheSetOfDescriptorsTellsNothing) {
+  AddShellTask("task", "echo $$ > $WORLD/pid; exec sleep 60");
+  Task task("task");
+  Outcomes finished;
+  QObject::connect(&task, &Task::finished, finished.Recorder());
+  ExpectStarts(task);
+  const pid_t pid = PidIn("pid");
+  BreakTheSet();
+  ::kill(pid, SIGKILL);
+  EXPECT_TRUE(finished.Wait().isError());
 }
 
 TEST_F(TaskTest, StartsAProgramThatItFindsByItsName) {

@@ -58,7 +58,7 @@ ERRORS = {
     "poll": ["EINTR", "ENOMEM"],
     "epoll_create1": RESOURCES,
     "epoll_ctl": ["ENOMEM", "ENOSPC"],
-    "epoll_wait": ["EINTR"],
+    "epoll_wait": ["EINTR", "ENOMEM"],
     "open": RESOURCES + ["EACCES", "ENOSPC", "EIO"],
     "openat": RESOURCES + ["EACCES", "EIO"],
     "unlink": ["EACCES", "EIO"],
@@ -72,7 +72,8 @@ ERRORS = {
 ANY_CALLS = ["EMFILE", "ENFILE", "ENOMEM", "ENOSPC", "EIO", "EACCES", "EAGAIN", "EPIPE"]
 PROGRAMS = ["torture_calls", "torture_calls_task"]
 MENDED = ["EINTR", "short"]
-PATIENCE = {"accept4": ERRORS["accept4"], "connect": ["EAGAIN"], "sendmsg": PASSING}
+PATIENCE = {"accept4": ERRORS["accept4"], "connect": ["EAGAIN"], "sendmsg": PASSING,
+            "poll": ["ENOMEM"]}
 CLEAN_RUNS = 3
 STRIDE = 16  # of the places of a sample
 MOST_NOT_STRUCK = 0.2  # of all runs
