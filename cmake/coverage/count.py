@@ -38,7 +38,7 @@ def ask_gcov(notes):
     done = subprocess.run(["gcov", "--json-format", "--stdout", "--branch-probabilities", notes],
                           check=False, capture_output=True, text=True)
     if done.returncode != 0:
-        raise SystemExit(f"count.py: gcov cannot read {notes}; remove it and build again:\n{done.stderr}")
+        raise SystemExit(f"count.py: gcov cannot read {notes}; remove the build folder and build again:\n{done.stderr}")
     return json.loads(done.stdout)
 
 

@@ -68,7 +68,7 @@ class Coverage(unittest.TestCase):
         path = os.path.join(count.ROOT, "cut_short.gcno")
         with open(path, "wb") as file:
             file.write(b"oncg")
-        with self.assertRaisesRegex(SystemExit, "gcov cannot read .*cut_short.gcno; remove it and build again"):
+        with self.assertRaisesRegex(SystemExit, "gcov cannot read .*cut_short.gcno; remove the build folder and build again"):
             count.ask_gcov(path)
 
     def test_reads_its_patterns_from_gcovrs_configuration(self):

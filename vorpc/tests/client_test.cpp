@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <new>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -562,6 +563,26 @@ TEST_F(ClientTest, AnswersARequestMadeAfterTheEndAlsoWhenSendingItThrows) {
   EXPECT_THROW(client->SendRequest("a", {}, [&answered](const auto&) { ++answered; }),
                std::runtime_error);
   EXPECT_EQ(answered, 1);
+}
+
+TEST_F(ClientTest, GivesWantOfMemoryToTheCallerInPlaceOfAnyAnswer) {
+  bool is_full = false;
+  const auto client = IOwnedClient::Create([&](Message&& message) {
+    if (is_full) {
+      throw std::bad_alloc();
+    }
+    recorder_.Send()(std::move(message));
+  });
+  client->Run();
+  client->SetStarted();
+  client->Receive(Message::CreateResponse(recorder_.GetLast().GetRequest()->id, {}));
+  is_full = true;
+  const auto answered = std::make_shared<int>(0);
+  EXPECT_THROW(client->SendRequest("a", {}, [answered](const auto&) { ++*answered; }),
+               std::bad_alloc);
+  EXPECT_EQ(answered.use_count(), 1) << "the callback is kept";
+  client->Disconnect(kTransportError);
+  EXPECT_EQ(*answered, 0);
 }
 
 TEST_F(ClientTest, TakesARequestWithoutACallbackAfterTheEnd) {
