@@ -90,8 +90,17 @@ void HostWorld::Open(Worker& worker) {
     return;
   }
   worker.channel = std::make_unique<TaskMessaging>(worker.task->socketPath());
-  TaskMessaging* const channel = worker.channel.get();
   worker.echoes_owed = worker.disconnected = 0;
+  ListenForMessages(worker);
+  QObject::connect(worker.channel.get(), &TaskMessaging::disconnected, worker.channel.get(),
+                   [this, &worker, held = Hold("the end of disconnected")](const Error& /*error*/) {
+                     ++worker.disconnected;
+                     HearOfChannel(worker, "disconnected");
+                   });
+}
+
+void HostWorld::ListenForMessages(Worker& worker) {
+  TaskMessaging* const channel = worker.channel.get();
   if (worker.takes_texts) {
     QObject::connect(channel, &TaskMessaging::dataReceived, channel,
                      [this, &worker, held = Hold("the end of dataReceived")](QByteArray& /*text*/) {
@@ -106,11 +115,6 @@ void HostWorld::Open(Worker& worker) {
           HearOfChannel(worker, "messageReceived");
         });
   }
-  QObject::connect(channel, &TaskMessaging::disconnected, channel,
-                   [this, &worker, held = Hold("the end of disconnected")](const Error& /*error*/) {
-                     ++worker.disconnected;
-                     HearOfChannel(worker, "disconnected");
-                   });
 }
 
 void HostWorld::Send(Worker& worker) {

@@ -56,6 +56,7 @@ class HostWorld : public Life {
   void Start(Worker& worker);
   void StopOne(Worker& worker, RuntimeManager::Task::StopFlags flags);
   void Open(Worker& worker);
+  void ListenForMessages(Worker& worker);
   void Send(Worker& worker);
   bool IsSettled() const;
   static void ProcessEvents();

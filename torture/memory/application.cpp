@@ -49,6 +49,7 @@ class Torture {
   void Begin();
   void Act();
   void Recover();
+  void AskAgain();
   void Converse(const char* what);
   bool EndTasks();
 
@@ -200,17 +201,7 @@ void Torture::Recover() {
     Wrong("unanswered");
   }
   if (talk_.GetClient() != nullptr) {
-    if (!talk_.IsConnected() && !talk_.HasEnded() && !talk_.GetClient()->HasConnectionFailed()) {
-      Wrong("neither connected nor ended");
-    }
-    talk_.Request("echo", 2);
-    if (!talk_.Settle(kPatience)) {
-      Wrong("deaf");
-    }
-    if (!talk_.HasEnded() && !talk_.HasResult()) {
-      Wrong("connected, but errs");
-    }
-    SetFact("goes on", talk_.HasResult());
+    AskAgain();
   }
   talk_.EndClient();
   talk_.EndManager();
@@ -219,6 +210,21 @@ void Torture::Recover() {
   if (!EndTasks()) {
     Wrong("a task goes on");
   }
+}
+
+// A client that has not ended answers.
+void Torture::AskAgain() {
+  if (!talk_.IsConnected() && !talk_.HasEnded() && !talk_.GetClient()->HasConnectionFailed()) {
+    Wrong("neither connected nor ended");
+  }
+  talk_.Request("echo", 2);
+  if (!talk_.Settle(kPatience)) {
+    Wrong("deaf");
+  }
+  if (!talk_.HasEnded() && !talk_.HasResult()) {
+    Wrong("connected, but errs");
+  }
+  SetFact("goes on", talk_.HasResult());
 }
 
 void Torture::Play() {

@@ -62,6 +62,14 @@ bool EndTasks(Loop& loop) {
   return loop.RunUntil([] { return test::Children().empty(); }, kPatience);
 }
 
+// What is made once is there after that.
+void MakeWhatIsKept(ScenarioMaker make, Loop& loop) {
+  PlayWhole(make, loop, "the first time");
+  PlayWhole(make, loop, "the second time");
+  EndTasks(loop);
+  Rest(loop);
+}
+
 }  // namespace
 
 ScenarioMaker FindScenario(const std::string& operation) {
@@ -76,13 +84,11 @@ ScenarioMaker FindScenario(const std::string& operation) {
 
 void PlayScenario(ScenarioMaker make, const Run& run) {
   Loop loop;
-  PlayWhole(make, loop, "the first time");
-  PlayWhole(make, loop, "the second time");
-  EndTasks(loop);
-  Rest(loop);
+  MakeWhatIsKept(make, loop);
   const long descriptors = static_cast<long>(test::CountDescriptors());
   const long blocks = CountBlocks();
-  if (std::getenv("TORTURE_ORIGINS") != nullptr) {
+  const bool tells_origins = std::getenv("TORTURE_ORIGINS") != nullptr;
+  if (tells_origins) {
     WatchBlocks();
   }
   PlayInWant(make, loop, run);
@@ -96,7 +102,7 @@ void PlayScenario(ScenarioMaker make, const Run& run) {
   SetFact("escaped", loop.CountEscapedExceptions());
   SetFact("blocks", CountBlocks() - blocks);
   SetFact("descriptors", static_cast<long>(test::CountDescriptors()) - descriptors);
-  if (std::getenv("TORTURE_ORIGINS") != nullptr) {
+  if (tells_origins) {
     std::fputs(LivingBlocks().c_str(), stderr);
   }
 }

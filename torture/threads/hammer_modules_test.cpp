@@ -9,10 +9,13 @@
 #include <vorpc/qt/utils.h>
 
 #include <QJsonValue>
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <memory>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "hammer.h"
 #include "receiver.h"
@@ -94,54 +97,64 @@ TEST(AnyThread, ConvertsMessagesAndJson) {
   });
 }
 
-// One pump, into which every thread puts messages both ways; each comes out once.
-TEST(AnyThread, PutsMessagesIntoOneReceiverUntilItCloses) {
+// One pump, into which every thread puts messages both ways, and what came out.
+struct OneReceiver {
+  static Message Note() { return Message::CreateNotification("note", {}); }
+  int CountDelivered() const { return sent + received; }
+
+  // Each puts one message in.
+  std::vector<Move> MovesThatPut() {
+    const auto count = [this](void (*put_in)(Receiver&)) {
+      return [this, put_in](Random&) {
+        ++put;
+        put_in(receiver);
+      };
+    };
+    return {count([](Receiver& to) { to.Send(Note()); }),
+            count([](Receiver& to) { to.Receive(Note()); }),
+            count([](Receiver& to) { to.SendImmediately(Note()); }),
+            count([](Receiver& to) { to.ReceiveImmediately(Note()); })};
+  }
+
   std::atomic<int> put{0};
   std::atomic<int> sent{0};
   std::atomic<int> received{0};
-  Receiver receiver([&sent](Message&&) { ++sent; },
-                    [&received](const Message&) {
-                      ++received;
-                      return received % 2 == 0;
-                    });
-  const auto note = [] { return Message::CreateNotification("note", {}); };
-  const auto count = [&put](const auto& move) {
-    return [&put, move](Random&) {
-      ++put;
-      move();
-    };
-  };
+  Receiver receiver{[this](Message&&) { ++sent; },
+                    [this](const Message&) { return ++received % 2 == 0; }};
+};
+
+TEST(AnyThread, PutsMessagesIntoOneReceiverEachOfWhichComesOutOnce) {
+  OneReceiver one;
+  Receiver& receiver = one.receiver;
   std::atomic<int> heard{0};
   receiver.OnNotify("note", [&heard](const Message::Notification&) { ++heard; });
-  const std::vector<Move> moves = {
-      count([&] { receiver.Send(note()); }),
-      count([&] { receiver.Receive(note()); }),
-      count([&] { receiver.SendImmediately(note()); }),
-      count([&] { receiver.ReceiveImmediately(note()); }),
-      [&](Random&) { receiver.ProcessQueue(); },
-      [&](Random& random) {
-        if (random() % 100 == 0) {
-          receiver.OnNotify("note", [](const Message::Notification&) {});
-        }
-      },
-      [&](Random&) { EXPECT_FALSE(receiver.IsClosed()); },
-      [&](Random& random) {
-        if (random() % 1000 == 0) {
-          receiver.SetQueueEnabled();
-        }
-      },
+  std::vector<Move> moves = one.MovesThatPut();
+  const auto seldom = [](unsigned int one_in, auto move) {
+    return [one_in, move](Random& random) {
+      if (random() % one_in == 0) {
+        move();
+      }
+    };
   };
+  moves.emplace_back([&](Random&) { receiver.ProcessQueue(); });
+  moves.emplace_back(seldom(100, [&] { receiver.OnNotify("note", [](const auto&) {}); }));
+  moves.emplace_back(seldom(1000, [&] { receiver.SetQueueEnabled(); }));
   // A handler more now and then makes each message dearer: the long form is shorter here.
   Hammer(moves, std::min(CountOfMoves(), 10'000));
   receiver.SetQueueEnabled();
-  EXPECT_EQ(sent + received, put);
+  EXPECT_EQ(one.CountDelivered(), one.put);
   EXPECT_GT(heard, 0);
-  std::thread closer([&receiver] { receiver.Close(); });
-  Hammer({moves[0], moves[1], moves[2], moves[3], moves[4]}, 200);
+}
+
+TEST(AnyThread, PutsMessagesIntoAReceiverThatCloses) {
+  OneReceiver one;
+  one.receiver.SetQueueEnabled();
+  std::thread closer([&one] { one.receiver.Close(); });
+  Hammer(one.MovesThatPut(), 200);
   closer.join();
-  const int before = sent + received;
-  Hammer({moves[0], moves[1], moves[2], moves[3]}, 20);
-  EXPECT_EQ(sent + received, before);
+  const int before = one.CountDelivered();
+  Hammer(one.MovesThatPut(), 20);
+  EXPECT_EQ(one.CountDelivered(), before);
 }
 
 }  // namespace
