@@ -84,6 +84,11 @@ void LineChannel::SendData(std::string_view text) {
 }
 
 void LineChannel::Put(OutLine line) {
+  // A thread that a copy does not have may hold the lock of the queue.
+  if (IsForkedCopy()) {
+    WarnOfDropped(CheckOriginal().message());
+    return;
+  }
   switch (queue_->Put(std::move(line))) {
     case SendQueue::Outcome::kTaken:
       return;
@@ -94,9 +99,13 @@ void LineChannel::Put(OutLine line) {
                                       .arg(limits_.max_queue)});
       return;
     case SendQueue::Outcome::kClosed:
-      if (!late_send_warned_.exchange(true)) {
-        Warn(QString("messages to %1 are dropped: its connection has ended").arg(peer_));
-      }
+      WarnOfDropped("its connection has ended");
+  }
+}
+
+void LineChannel::WarnOfDropped(const QString& why) {
+  if (!late_send_warned_.exchange(true)) {
+    Warn(QString("messages to %1 are dropped: %2").arg(peer_, why));
   }
 }
 

@@ -68,6 +68,7 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   class CorkScope;
 
   void Put(OutLine line);
+  void WarnOfDropped(const QString& why);
   void OnQueueFull();
   void OnSendError(int error_number);
   void OnReadable();

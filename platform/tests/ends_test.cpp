@@ -131,16 +131,41 @@ TEST_F(StartersEnd, IsNotFollowedByAProcessThatIsNoTask) {
   ::kill(pid, SIGKILL);
 }
 
-TEST_F(StartersEnd, OfACopyOfItDoesNothingToTheTask) {
-  // A copy does not have the threads of the original: sanitizers say that they leak in it.
-  const ScopedVariable asan("ASAN_OPTIONS", qgetenv("ASAN_OPTIONS") + ":detect_leaks=0");
-  const ScopedVariable tsan("TSAN_OPTIONS", qgetenv("TSAN_OPTIONS") + ":report_thread_leaks=0");
+// A copy does not have the threads of the original: sanitizers say that they leak in it.
+class CopyOfAStarter : public StartersEnd {
+ private:
+  const ScopedVariable asan_{"ASAN_OPTIONS", qgetenv("ASAN_OPTIONS") + ":detect_leaks=0"};
+  const ScopedVariable tsan_{"TSAN_OPTIONS", qgetenv("TSAN_OPTIONS") + ":report_thread_leaks=0"};
+};
+
+TEST_F(CopyOfAStarter, DoesNothingToTheTaskWhenItEnds) {
   AddHelperTask("echo");
   for (const char* how : {"exit", "return"}) {
     Process starter(HELPER, {"fork", "echo", how});
     EXPECT_EQ(starter.ReadLine(), "copies 1 whole 1 lost 0 file 1 ") << how;
     EXPECT_EQ(starter.Wait(), 0) << how;
   }
+}
+
+// Those locks are held in it for ever, by threads that it does not have.
+TEST_F(CopyOfAStarter, WaitsForNoLockThatAThreadOfTheOriginalHoldsWhileItSends) {
+  AddHelperTask("echo");
+  StderrPipe words;
+  Process starter(HELPER, {"fork-in-handlers", "echo"});
+  EXPECT_EQ(starter.ReadLine(), "done 1 well 1");
+  EXPECT_EQ(starter.Wait(), 0);
+  // It is told that it sends nothing.
+  EXPECT_THAT(
+      words.ReadToEnd().toStdString(),
+      testing::ContainsRegex("messages to task 'echo' are dropped: process [0-9]+ is a forked "
+                             "copy of process [0-9]+"));
+}
+
+TEST_F(CopyOfAStarter, WaitsForNoLockThatAThreadOfTheOriginalHoldsForTheListOfTasks) {
+  AddHelperTask("echo");
+  Process starter(HELPER, {"fork-while-making-tasks", "echo"});
+  EXPECT_EQ(starter.ReadLine(), "well 1");
+  EXPECT_EQ(starter.Wait(), 0);
 }
 
 }  // namespace

@@ -24,6 +24,7 @@
 #include <utility>
 
 #include "crowd.h"
+#include "helper_copies.h"
 #include "helper_ends.h"
 #include "helper_intents.h"
 
@@ -295,7 +296,8 @@ int Talk(const QString& name, bool as_text) {
 }  // namespace
 
 int main(int count, char** arguments) {
-  auto application = std::make_unique<QCoreApplication>(count, arguments);
+  std::unique_ptr<QCoreApplication> application =
+      std::make_unique<helper::Application>(count, arguments);
   const QStringList words = QCoreApplication::arguments();
   const QString verb = words.value(1);
   if (verb == "report") {
@@ -327,6 +329,12 @@ int main(int count, char** arguments) {
   }
   if (verb == "fork") {
     return helper::ForkWhileSending(words.value(2), words.value(3));
+  }
+  if (verb == "fork-in-handlers") {
+    return helper::ForkInHandlers(words.value(2));
+  }
+  if (verb == "fork-while-making-tasks") {
+    return helper::ForkWhileMakingTasks(words.value(2));
   }
   if (verb == "flood") {
     return FloodAndExit(words.value(2));

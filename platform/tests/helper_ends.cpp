@@ -5,7 +5,6 @@
 #include <RuntimeManager/TaskMessaging.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <QtCore/QCoreApplication>
@@ -21,8 +20,6 @@
 #include <thread>
 #include <utility>
 #include <vector>
-
-#include "crowd.h"
 
 namespace helper {
 namespace {
@@ -40,22 +37,6 @@ int Connect(const QString& path) {
   }
   ::close(socket);
   return -1;
-}
-
-// Waits for a copy of this process; whether it ended by itself, with status 0.
-bool EndsWell(pid_t copy) {
-  QElapsedTimer timer;
-  timer.start();
-  int status = -1;
-  while (::waitpid(copy, &status, WNOHANG) == 0) {
-    if (timer.elapsed() > 20000) {
-      ::kill(copy, SIGKILL);
-      ::waitpid(copy, nullptr, 0);
-      return false;
-    }
-    QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-  }
-  return status == 0;
 }
 
 template <typename Done>
@@ -158,47 +139,6 @@ int LeaveWhileWriting(int listening, bool also_ends) {
                      std::exit(0);
                    });
   return QCoreApplication::exec();
-}
-
-int ForkWhileSending(const QString& name, const QString& how) {
-  constexpr int kCopies = 10;
-  kit::Share share;
-  share.texts = 3000;
-  static Task task(name);
-  task.withIpcSocket(true);
-  bool runs = false;
-  task.start([&runs](const Error& error) { runs = !error.isError(); });
-  RunUntil([&runs] { return runs; });
-  static TaskMessaging messaging(task.socketPath());
-  // One that is no static object.
-  const auto unused = std::make_unique<Task>(name);
-  kit::Tally tally(share);
-  tally.Watch(&messaging);
-  bool is_lost = false;
-  QObject::connect(&task, &Task::finished, [&is_lost] { is_lost = true; });
-  // Not destroyed in a copy, which does not have its threads.
-  auto* crowd = new kit::Crowd(&messaging, share);
-  bool copies_end_well = true;
-  for (int i = 0; i < kCopies; ++i) {
-    const pid_t copy = ::fork();
-    if (copy == 0 && how == "exit") {
-      std::exit(0);
-    }
-    if (copy == 0) {
-      return 0;
-    }
-    copies_end_well = EndsWell(copy) && copies_end_well;
-  }
-  const bool is_whole = RunUntil([&tally, &is_lost] { return tally.IsWhole() || is_lost; });
-  delete crowd;
-  const bool has_file = QFile::exists(task.socketPath());
-  Say(QString("copies %1 whole %2 lost %3 file %4 %5")
-          .arg(copies_end_well)
-          .arg(is_whole)
-          .arg(is_lost)
-          .arg(has_file)
-          .arg(QString::fromUtf8(tally.Faults())));
-  return 0;
 }
 
 namespace {

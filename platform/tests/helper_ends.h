@@ -1,4 +1,4 @@
-// Processes that connect uninvited, end, fork, or do not want to end.
+// Processes that connect uninvited, end, or do not want to end.
 #ifndef RUNTIME_MANAGER_TESTS_HELPER_ENDS_H
 #define RUNTIME_MANAGER_TESTS_HELPER_ENDS_H
 
@@ -21,9 +21,6 @@ int IgnoreTheEnd(const QString& how);
 // Serves `listening`. At the first message it sends 20 messages of 100,013 bytes and leaves by
 // exit(). Another of its threads may end the connection meanwhile; the file "ended" tells of that.
 int LeaveWhileWriting(int listening, bool also_ends);
-// Makes copies of itself, which end by exit() or by a return from main(), while eight threads send
-// to a task that sends everything back; tells whether the task has remained unharmed.
-int ForkWhileSending(const QString& task, const QString& how);
 // Talks in `application` to a task that answers with its process id, ends the application while the
 // objects stay, and does the same in another one, where it kills the task. What has come of each.
 int ServeTwoApplications(const QString& task, std::unique_ptr<QCoreApplication> application,
