@@ -75,7 +75,7 @@ endfunction()
 # Tests are read by the compiler far longer than they run: they share one precompiled header (for
 # which all must be compiled alike) and are not optimised, while what they test is.
 function(tarv_compile_fast target)
-  target_compile_options(${target} PRIVATE -fPIC -O0)
+  target_compile_options(${target} PRIVATE -fPIC -O0 -g1)
 endfunction()
 
 # tarv_add_test(NAME SOURCES file... [LINKS target...] [TIMEOUT seconds] [ONE_BY_ONE])
