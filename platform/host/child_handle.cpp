@@ -8,6 +8,7 @@
 #include "support.h"
 
 namespace RuntimeManager::host {
+
 UniqueFd OpenProcess(pid_t pid) {
 #ifdef SYS_pidfd_open
   return UniqueFd(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0U)));
