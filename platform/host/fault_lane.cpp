@@ -48,10 +48,7 @@ FaultLane::FaultLane(Config config, int from, int to)
   QObject::connect(&due_, &QTimer::timeout, &due_, [this] { Write(); });
   QObject::connect(&tick_, &QTimer::timeout, &tick_, [this] { OnTick(); });
   QObject::connect(&readable_, &QSocketNotifier::activated, &due_, [this] { OnReadable(); });
-  QObject::connect(&writable_, &QSocketNotifier::activated, &due_, [this] {
-    ++vain_writes_;
-    Write();
-  });
+  QObject::connect(&writable_, &QSocketNotifier::activated, &due_, [this] { OnWritable(); });
   for (const FaultRule& rule : config_.rules) {
     if (rule.kind == Kind::kSlow) {
       bytes_per_tick_ = std::max<quint64>(rule.least / kTicksPerSecond, 1);
@@ -64,6 +61,11 @@ FaultLane::FaultLane(Config config, int from, int to)
 
 bool FaultLane::IsFull() const {
   return held_size_ + static_cast<std::size_t>(out_.size()) > kMostWaiting;
+}
+
+void FaultLane::OnWritable() {
+  ++vain_writes_;
+  Write();
 }
 
 void FaultLane::OnReadable() {

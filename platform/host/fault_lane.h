@@ -50,6 +50,7 @@ class FaultLane {
   News Read(std::size_t most);
   void OnReadable();
   void OnTick();
+  void OnWritable();
   void TakeLines();
   void TakeLine(QByteArray line);
   void Hold(Line line);
