@@ -198,7 +198,8 @@ class QtLoop final : public Loop {
   ~QtLoop() override {
     ForgetLoopOf(maker_);
     agenda_.reset();
-    if (IsCurrent() && !clerk_->IsRunning()) {
+    const bool is_idle = IsCurrent() && !clerk_->IsRunning();
+    if (is_idle || HasThreadEnded()) {
       delete clerk_;
     } else {
       clerk_->deleteLater();
@@ -224,6 +225,11 @@ class QtLoop final : public Loop {
   }
 
  private:
+  // No event loop would see to anything later then.
+  bool HasThreadEnded() const {
+    const QThread* const thread = clerk_->thread();
+    return thread == nullptr || thread->isFinished();
+  }
   void SetTimer() {
     if (IsCurrent()) {
       clerk_->SetTimer();
