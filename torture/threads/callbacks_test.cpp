@@ -3,13 +3,12 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <functional>
-#include <stdexcept>
 #include <string>
 #include <tuple>
 
 #include "deed.h"
 #include "end_to_end/application.h"
+#include "events.h"
 
 namespace tarv::test {
 namespace {
@@ -20,7 +19,9 @@ constexpr const char* kCallbacks[] = {"OnConnected", "AResponse", "ANotification
 
 using Case = std::tuple<Callback, Deed>;
 
-class CallbackThat : public EndToEndTest, public testing::WithParamInterface<Case> {
+class CallbackThat : public EndToEndTest,
+                     public RunsEvents,
+                     public testing::WithParamInterface<Case> {
  protected:
   static bool Throws() { return std::get<Deed>(GetParam()) == Deed::kThrows; }
 
@@ -44,20 +45,7 @@ class CallbackThat : public EndToEndTest, public testing::WithParamInterface<Cas
     client.Run();
   }
 
-  // Runs events until the condition holds; counts the exceptions that come out.
-  bool RunUntil(const std::function<bool()>& condition) {
-    for (;;) {
-      try {
-        return WaitUntil(condition);
-      } catch (const std::runtime_error& error) {
-        EXPECT_STREQ(error.what(), kThrown);
-        ++thrown_;
-      }
-    }
-  }
-
   bool done_ = false;
-  int thrown_ = 0;
   int held_answers_ = 0;
 };
 

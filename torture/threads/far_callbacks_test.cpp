@@ -8,14 +8,13 @@
 
 #include <QCoreApplication>
 #include <QJsonObject>
-#include <functional>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <tuple>
 
 #include "deed.h"
 #include "end_to_end/application.h"
+#include "events.h"
 
 namespace tarv::test {
 namespace {
@@ -49,25 +48,14 @@ TEST_P(TaskCallbackThat, LetsTheNextMessageBeServed) {
   EXPECT_EQ(connection->Ask("thrown"), cw::EncodableValue(Throws() ? 1 : 0));
 }
 
-class UriCallbackThat : public EndToEndTest, public testing::WithParamInterface<Deed> {
+class UriCallbackThat : public EndToEndTest,
+                        public RunsEvents,
+                        public testing::WithParamInterface<Deed> {
  protected:
   bool Throws() const { return GetParam() == Deed::kThrows; }
 
-  // Runs events until the condition holds; counts the exceptions that come out.
-  bool RunUntil(const std::function<bool()>& condition) {
-    for (;;) {
-      try {
-        return WaitUntil(condition);
-      } catch (const std::runtime_error& error) {
-        EXPECT_STREQ(error.what(), kThrown);
-        ++thrown_;
-      }
-    }
-  }
-
   const ScopedVariable handler_{"RUNTIME_MANAGER_URI_HANDLER", "/bin/true"};
   int answers_ = 0;
-  int thrown_ = 0;
 };
 
 INSTANTIATE_TEST_SUITE_P(Each, UriCallbackThat, testing::Values(Deed::kThrows, Deed::kSleeps),
@@ -88,7 +76,7 @@ TEST_P(UriCallbackThat, LetsTheNextUriBeOpened) {
 }
 
 // No EndToEndTest: a registered intent keeps its socket as long as the process.
-class IntentCallbackThat : public testing::TestWithParam<Case> {
+class IntentCallbackThat : public RunsEvents, public testing::TestWithParam<Case> {
  protected:
   static std::string GetPlace() { return std::get<const char*>(GetParam()); }
   static bool Throws() { return std::get<Deed>(GetParam()) == Deed::kThrows; }
@@ -136,18 +124,6 @@ class IntentCallbackThat : public testing::TestWithParam<Case> {
     }
   }
 
-  // Runs events until the condition holds; counts the exceptions that come out.
-  bool RunUntil(const std::function<bool()>& condition) {
-    for (;;) {
-      try {
-        return WaitUntil(condition);
-      } catch (const std::runtime_error& error) {
-        EXPECT_STREQ(error.what(), kThrown);
-        ++thrown_;
-      }
-    }
-  }
-
   const RuntimeFolder folder_;
   int argument_count_ = 1;
   char program_[8] = "intents";
@@ -157,7 +133,6 @@ class IntentCallbackThat : public testing::TestWithParam<Case> {
   int invoked_ = 0;
   int replies_ = 0;
   int errors_ = 0;
-  int thrown_ = 0;
 };
 
 INSTANTIATE_TEST_SUITE_P(Each, IntentCallbackThat,
