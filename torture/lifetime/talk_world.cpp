@@ -124,28 +124,39 @@ void TalkWorld::Deliver(Talk& talk) {
 
 std::vector<Life::Move> TalkWorld::GetSteps() {
   Talk& talk = NewTalk();
-  Talk& refused = NewTalk();  // its connection does not come about
+  std::vector<Move> steps = GetStepsOfABeginning(talk);
+  for (Move& step : GetStepsOfARefusal(NewTalk())) {
+    steps.push_back(std::move(step));
+  }
+  for (Move& step : GetStepsOfRequests(talk)) {
+    steps.push_back(std::move(step));
+  }
+  return steps;
+}
+
+std::vector<Life::Move> TalkWorld::GetStepsOfABeginning(Talk& talk) {
   return {[&] { Ask(talk, "ask"); },
           [&] { Note(talk); },
           [&] { To(talk.client, [](auto& client) { client.Run(); }); },
           [&] { To(talk.client, [](auto& client) { client.SetStarted(); }); },
           [&] { To(talk.server, [](auto& server) { server.Run(); }); },
-          [&] { ArriveEverywhere(); },
-          [&] { Ask(refused, "ask"); },
-          [&] { To(refused.client, [](auto& client) { client.Run(); }); },
-          [&] { To(refused.client, [](auto& client) { client.SetStarted(); }); },
-          [&] { To(refused.client, [](auto& client) { client.Disconnect(kHungUp); }); },
-          [&] { ArriveEverywhere(); },
-          [&] { AnswerAll(true); },
-          [&] { Ask(talk, "nobody answers this"); },
-          [&] { Ask(talk, "ask"); },
-          [&] { ArriveEverywhere(); },
-          [&] { AnswerAll(false); },
-          [&] { ArriveEverywhere(); },
-          [&] { Ask(talk, "ask"); },
-          [&] { ForgetAll(); },
-          [&] { Ask(talk, "ask"); },
-          [&] { UseEverything(); },
+          [&] { ArriveEverywhere(); }};
+}
+
+// Its connection does not come about.
+std::vector<Life::Move> TalkWorld::GetStepsOfARefusal(Talk& talk) {
+  return {[&] { Ask(talk, "ask"); }, [&] { To(talk.client, [](auto& client) { client.Run(); }); },
+          [&] { To(talk.client, [](auto& client) { client.SetStarted(); }); },
+          [&] { To(talk.client, [](auto& client) { client.Disconnect(kHungUp); }); },
+          [&] { ArriveEverywhere(); }};
+}
+
+std::vector<Life::Move> TalkWorld::GetStepsOfRequests(Talk& talk) {
+  return {[&] { AnswerAll(true); },   [&] { Ask(talk, "nobody answers this"); },
+          [&] { Ask(talk, "ask"); },  [&] { ArriveEverywhere(); },
+          [&] { AnswerAll(false); },  [&] { ArriveEverywhere(); },
+          [&] { Ask(talk, "ask"); },  [&] { ForgetAll(); },
+          [&] { Ask(talk, "ask"); },  [&] { UseEverything(); },
           [&] { ArriveEverywhere(); }};
 }
 

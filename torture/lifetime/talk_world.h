@@ -61,6 +61,9 @@ class TalkWorld : public Life {
 
  private:
   std::vector<Move> GetSteps() override;
+  std::vector<Move> GetStepsOfABeginning(Talk& talk);
+  std::vector<Move> GetStepsOfARefusal(Talk& talk);
+  std::vector<Move> GetStepsOfRequests(Talk& talk);
   void EndEverything() override;
 
   Talk& NewTalk();

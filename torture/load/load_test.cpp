@@ -44,7 +44,26 @@ TEST_F(Load, OfNotificationsToASlowConsumerArrivesAndOthersAreServed) {
   EXPECT_LE(growth.Get("notifications to a slow consumer"), 512 * kMiB);
 }
 
-TEST_F(Load, ForAPeerThatNeverReadsEndsAtTheBoundOfItsQueue) {
+class LoadForADeafPeer : public Load {
+ protected:
+  // Sends to one until its connection fails, while another answers. How much, unless there is no end.
+  static std::optional<std::size_t> SendUntilItFails(Connection& deaf, Connection& other) {
+    const std::string text(1000, 'n');
+    constexpr std::size_t kMost = 100'000;
+    for (std::size_t sent = 1; sent <= kMost; ++sent) {
+      deaf.client->SendNotify("slowly", text);
+      if (sent % 2000 == 0) {
+        EXPECT_EQ(other.Ask("echo", 1), cw::EncodableValue(1));
+      }
+      if (deaf.client->HasConnectionFailed()) {
+        return sent * text.size();
+      }
+    }
+    return std::nullopt;
+  }
+};
+
+TEST_F(LoadForADeafPeer, EndsAtTheBoundOfItsQueue) {
   constexpr std::size_t kQueue = 8 * kMiB;
   const ScopedVariable queue("RUNTIME_MANAGER_MAX_QUEUE", std::to_string(kQueue));
   const auto deaf = StartConnected("loaded");
@@ -52,17 +71,9 @@ TEST_F(Load, ForAPeerThatNeverReadsEndsAtTheBoundOfItsQueue) {
   const PeakGrowth growth;
   deaf->client->SendNotify("sleep", {});
   deaf->Send("echo");
-  const std::string text(1000, 'n');
-  constexpr int kMost = 100'000;
-  int sent = 0;
-  while (sent < kMost && !deaf->client->HasConnectionFailed()) {
-    deaf->client->SendNotify("slowly", text);
-    if (++sent % 2000 == 0) {
-      EXPECT_EQ(other->Ask("echo", sent), cw::EncodableValue(sent));
-    }
-  }
-  ASSERT_LT(sent, kMost) << "the queue has no bound";
-  EXPECT_GT(static_cast<std::size_t>(sent) * text.size(), kQueue / 2) << "the bound is lower";
+  const auto sent = SendUntilItFails(*deaf, *other);
+  ASSERT_TRUE(sent.has_value()) << "the queue has no bound";
+  EXPECT_GT(*sent, kQueue / 2) << "the bound is lower";
   ASSERT_TRUE(deaf->WaitForDisconnected());
   const vorpc::Message::Error error = deaf->record->disconnected[0].value();
   EXPECT_EQ(error.code, RuntimeManager::Error::kQueueFull);
@@ -151,15 +162,10 @@ class LoadOfLockedChunks : public Load {
 TEST_F(LoadOfLockedChunks, TakesNoMoreMemoryTheSecondTimeAndGivesItBack) {
   SCOPED_TRACE("TARV_TEST_SEED=" + std::to_string(seed_));
   const auto chunks = Sized(100'000, 5'000);
-  Client& other = NewRunningClient("echo");
   Client& client = NewRunningClient("echo");
   client.events.clear();
   const std::size_t before = CountHeld();
-  std::vector<std::size_t> ids = Lock(client, chunks);
-  EXPECT_THAT(std::set<std::size_t>(ids.begin(), ids.end()), SizeIs(chunks));
-  other.Send("served meanwhile");
-  EXPECT_TRUE(other.WaitForMessages(1));
-  UnlockInAnyOrder(client, std::exchange(ids, {}));
+  UnlockInAnyOrder(client, Lock(client, chunks));
   const std::size_t free_slots = CountHeld() - before;
   std::cout << "memory for a slot: " << free_slots / chunks << " bytes" << std::endl;
   UnlockInAnyOrder(client, Lock(client, chunks / 10));
@@ -173,6 +179,18 @@ TEST_F(LoadOfLockedChunks, TakesNoMoreMemoryTheSecondTimeAndGivesItBack) {
     EXPECT_LE(after_more, free_slots + kMiB) << "slots are not used again";
     EXPECT_LE(CountHeld(), before + kMiB);
   }
+}
+
+TEST_F(LoadOfLockedChunks, LeavesRoomForOthers) {
+  const auto chunks = Sized(100'000, 5'000);
+  Client& other = NewRunningClient("echo");
+  Client& client = NewRunningClient("echo");
+  client.events.clear();
+  const std::vector<std::size_t> ids = Lock(client, chunks);
+  EXPECT_THAT(std::set<std::size_t>(ids.begin(), ids.end()), SizeIs(chunks));
+  other.Send("served meanwhile");
+  EXPECT_TRUE(other.WaitForMessages(1));
+  UnlockInAnyOrder(client, ids);
 }
 
 }  // namespace

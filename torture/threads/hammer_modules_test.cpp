@@ -52,26 +52,34 @@ TEST(AnyThread, LoadsLibrariesAndFindsTheirFunctions) {
 }
 
 // Serializers of one's own, which threads hand to the codecs for the first time at once.
+class OwnSerializers {
+ public:
+  static const cw::StandardMessageCodec& GetMessageCodec(Random& random) {
+    return cw::StandardMessageCodec::GetInstance(&kSerializers[random() % kSerializers.size()]);
+  }
+  static const cw::StandardMethodCodec& GetMethodCodec(Random& random) {
+    return cw::StandardMethodCodec::GetInstance(&kSerializers[random() % kSerializers.size()]);
+  }
+
+ private:
+  inline static const std::array<cw::StandardCodecSerializer, 8> kSerializers{};
+};
+
 TEST(AnyThread, SharesSerializersAndCodecs) {
-  static const std::array<cw::StandardCodecSerializer, 8> kSerializers{};
   const EncodableValue value = cw::EncodableMap{
       {"text", "a text"}, {"list", cw::EncodableList{1, 2.5, std::vector<std::int64_t>(9, 7)}}};
-  const auto messages = [](Random& random) -> const cw::StandardMessageCodec& {
-    return cw::StandardMessageCodec::GetInstance(&kSerializers[random() % kSerializers.size()]);
-  };
-  const auto methods = [](Random& random) -> const cw::StandardMethodCodec& {
-    return cw::StandardMethodCodec::GetInstance(&kSerializers[random() % kSerializers.size()]);
-  };
   Hammer({
       [&](Random& random) {
-        const auto bytes = messages(random).EncodeMessage(value);
-        const auto back = messages(random).DecodeMessage(bytes.GetData(), bytes.GetSize());
+        const auto bytes = OwnSerializers::GetMessageCodec(random).EncodeMessage(value);
+        const cw::StandardMessageCodec& other = OwnSerializers::GetMessageCodec(random);
+        const auto back = other.DecodeMessage(bytes.GetData(), bytes.GetSize());
         EXPECT_TRUE(back != nullptr && *back == value);
       },
       [&](Random& random) {
         const cw::MethodCall<EncodableValue> call("name", std::make_unique<EncodableValue>(value));
-        const auto bytes = methods(random).EncodeMethodCall(call);
-        const auto back = methods(random).DecodeMethodCall(bytes.GetData(), bytes.GetSize());
+        const auto bytes = OwnSerializers::GetMethodCodec(random).EncodeMethodCall(call);
+        const cw::StandardMethodCodec& other = OwnSerializers::GetMethodCodec(random);
+        const auto back = other.DecodeMethodCall(bytes.GetData(), bytes.GetSize());
         EXPECT_TRUE(back != nullptr && *back->GetArguments() == value);
       },
       [&](Random&) {

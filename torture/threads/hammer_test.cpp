@@ -233,43 +233,60 @@ TEST(AnyThread, UsesClientsServersAndRepliesWhileTheyEnd) {
   EXPECT_GT(heard, 0);
 }
 
-TEST(AnyThread, SubscribesEmitsAndLeavesWhileSignalsEnd) {
+class HammeredSignals : public testing::Test {
+ protected:
   using Signal = quarn::OwnedSignal<int>;
   using Once = quarn::OwnedRunOnceSignal<int>;
-  Shared<Signal> signal;
-  Shared<Once> once;
-  signal.Swap(std::make_shared<Signal>());
-  once.Swap(std::make_shared<Once>());
-  std::atomic<int> heard{0};
-  const auto listener = [&heard] {
-    return std::make_shared<quarn::CppStyleListener<int>>([&heard](int) { ++heard; });
-  };
-  const auto weak = listener();
-  Hammer({
-      [&](Random& random) { signal.Get()->Emit(static_cast<int>(random())); },
-      [&](Random&) { signal.Get()->Subscribe(listener()); },
-      [&](Random&) {
-        const auto kept = signal.Get();
-        kept->Unsubscribe(kept->Subscribe(listener()));
-      },
-      [&](Random&) { signal.Get()->SubscribeWeak(weak); },
-      [&](Random& random) { signal.Get()->Unsubscribe(random() % 10'000); },
-      [&](Random&) { signal.Swap(std::make_shared<Signal>()); },
-      [&](Random&) { once.Get()->Subscribe(listener()); },
-      [&](Random&) { once.Get()->SubscribeWeak(weak); },
-      [&](Random&) { once.Get()->Emit(1); },
-      [&](Random&) { once.Swap(std::make_shared<Once>()); },
-  });
-  EXPECT_GT(heard, 0);
+  using Listener = quarn::CppStyleListener<int>;
+
+  HammeredSignals() {
+    signal_.Swap(std::make_shared<Signal>());
+    once_.Swap(std::make_shared<Once>());
+  }
+  std::shared_ptr<Listener> NewListener() {
+    return std::make_shared<Listener>([this](int) { ++heard_; });
+  }
+  std::vector<Move> MovesOfASignal() {
+    return {
+        [this](Random& random) { signal_.Get()->Emit(static_cast<int>(random())); },
+        [this](Random&) { signal_.Get()->Subscribe(NewListener()); },
+        [this](Random&) {
+          const auto kept = signal_.Get();
+          kept->Unsubscribe(kept->Subscribe(NewListener()));
+        },
+        [this](Random&) { signal_.Get()->SubscribeWeak(weak_); },
+        [this](Random& random) { signal_.Get()->Unsubscribe(random() % 10'000); },
+        [this](Random&) { signal_.Swap(std::make_shared<Signal>()); },
+    };
+  }
+  std::vector<Move> MovesOfAOneShot() {
+    return {
+        [this](Random&) { once_.Get()->Subscribe(NewListener()); },
+        [this](Random&) { once_.Get()->SubscribeWeak(weak_); },
+        [this](Random&) { once_.Get()->Emit(1); },
+        [this](Random&) { once_.Swap(std::make_shared<Once>()); },
+    };
+  }
+
+  Shared<Signal> signal_;
+  Shared<Once> once_;
+  std::atomic<int> heard_{0};
+  const std::shared_ptr<Listener> weak_ = NewListener();
+};
+
+TEST_F(HammeredSignals, AreSubscribedEmittedAndLeftWhileTheyEnd) {
+  std::vector<Move> moves = MovesOfASignal();
+  for (const Move& move : MovesOfAOneShot()) {
+    moves.push_back(move);
+  }
+  Hammer(moves);
+  EXPECT_GT(heard_, 0);
 }
 
-TEST(AnyThread, FindsObjectsByHandleAndKeepsTextsWhileTheyEnd) {
-  Shared<Thing> thing;
-  thing.Swap(Thing::Create());
-  std::atomic<std::uint64_t> last{0};
-  std::atomic<int> invoked{0};
-  quarn::ResourcesCache cache;
-  Hammer({
+// Each thread finds the latest by its number, too.
+std::vector<Move> MovesOfAThing(Shared<Thing>& thing, std::atomic<std::uint64_t>& last,
+                                std::atomic<int>& invoked) {
+  return {
       [&](Random&) { last = thing.Swap(Thing::Create())->GetId(); },
       [&](Random&) {
         const std::uint64_t id = last;
@@ -282,14 +299,24 @@ TEST(AnyThread, FindsObjectsByHandleAndKeepsTextsWhileTheyEnd) {
       },
       [&](Random&) { thing.Get()->Invoke([&invoked] { ++invoked; }, 0); },
       [&](Random&) { thing.Get()->ResetDispatcher(); },
-      [&](Random& random) {
-        const std::uint64_t chunk = cache.CreateChunk();
-        const std::string text = std::to_string(random());
-        const char* const kept = cache.AppendStr(chunk, text);
-        EXPECT_EQ(text, kept);
-        cache.RemoveChunk(chunk);
-      },
+  };
+}
+
+TEST(AnyThread, FindsObjectsByHandleAndKeepsTextsWhileTheyEnd) {
+  Shared<Thing> thing;
+  thing.Swap(Thing::Create());
+  std::atomic<std::uint64_t> last{0};
+  std::atomic<int> invoked{0};
+  quarn::ResourcesCache cache;
+  std::vector<Move> moves = MovesOfAThing(thing, last, invoked);
+  moves.emplace_back([&](Random& random) {
+    const std::uint64_t chunk = cache.CreateChunk();
+    const std::string text = std::to_string(random());
+    const char* const kept = cache.AppendStr(chunk, text);
+    EXPECT_EQ(text, kept);
+    cache.RemoveChunk(chunk);
   });
+  Hammer(moves);
   EXPECT_GT(invoked, 0);
 }
 
