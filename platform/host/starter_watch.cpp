@@ -15,6 +15,7 @@
 #include "process_exit.h"
 #include "quiet_notifier.h"
 #include "support.h"
+#include "want_of_memory.h"
 
 namespace RuntimeManager::host {
 namespace {
@@ -49,14 +50,17 @@ class Watch : public QObject {
  private:
   void WaitForItsEnd();
   void LookFromTimeToTime();
-  void LeaveSoon() { QTimer::singleShot(kGraceMs, this, &Leave); }
+  void LeaveSoon();
 
   const UniqueFd starter_ = OpenProcess(starter);
   std::unique_ptr<QuietNotifier> ended_;
-  QTimer timer_;
+  QTimer look_;
+  QTimer grace_;
 };
 
 Watch::Watch(QObject* application) : QObject(application) {
+  grace_.setSingleShot(true);
+  connect(&grace_, &QTimer::timeout, this, &Leave);
   // A number that belongs to the starter now did so when it was used.
   if (!HasStarter()) {
     LeaveSoon();
@@ -78,13 +82,20 @@ void Watch::WaitForItsEnd() {
 }
 
 void Watch::LookFromTimeToTime() {
-  connect(&timer_, &QTimer::timeout, this, [this] {
+  connect(&look_, &QTimer::timeout, this, [this] {
     if (!HasStarter()) {
-      timer_.stop();
+      look_.stop();
       LeaveSoon();
     }
   });
-  timer_.start(kLookMs);
+  StartTimer(look_, kLookMs);
+}
+
+// Without memory for a timer nobody would come back to it.
+void Watch::LeaveSoon() {
+  if (!Attempt([this] { StartTimer(grace_, kGraceMs); })) {
+    Leave();
+  }
 }
 
 // With every application object of the process, or at once if there is one.
