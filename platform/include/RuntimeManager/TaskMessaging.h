@@ -55,7 +55,9 @@ class RUNTIME_MANAGER_EXPORT TaskMessaging : public QObject {
   void messageReceived(const QJsonObject& message);
   // May come instead of messageReceived() for the message {"data": text}, in the same order, when
   // something is connected here; `text` is UTF-8. The only receiver may take or clear it, so that a
-  // large text does not stay in memory twice.
+  // large text does not stay in memory twice. What is no such message still comes as an object: a
+  // text that JSON writes with escapes, without a word, and anything without a text "data", with a
+  // warning in the log, because whoever takes texts makes no message of it.
   void dataReceived(QByteArray& text);
   // The connection is lost, was refused, or never came to be; `error` says why. Emitted once at
   // most, after the last message; nothing follows it. When the task of that socket was started by
