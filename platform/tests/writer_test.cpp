@@ -1,0 +1,196 @@
+// What becomes of a connection while a thread writes a large text to it, and waits for its reader.
+#include <RuntimeManager/TaskMessaging.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <QtCore/QByteArray>
+#include <array>
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "kit.h"
+
+namespace kit {
+namespace {
+
+constexpr int kLarge = 32 << 20;
+
+// Reads on a thread of its own until so much has come: slowly, but so that a writer of a large text
+// goes on waiting for it.
+class SlowReader {
+ public:
+  SlowReader(int peer, int size) : peer_(peer), size_(size), thread_([this] { Read(); }) {}
+  ~SlowReader() {
+    ::shutdown(peer_, SHUT_RDWR);
+    thread_.join();
+    ::close(peer_);
+  }
+  SlowReader(const SlowReader&) = delete;
+  SlowReader& operator=(const SlowReader&) = delete;
+
+  bool HasBegun() const { return count_ > 0; }
+  void Hurry() { is_slow_ = false; }
+  bool WaitUntilDone() const {
+    return RunUntilStuck([this] { return is_done_.load(); }, [this] { return count_.load(); });
+  }
+  // Once it is done.
+  const QByteArray& Bytes() const { return bytes_; }
+
+ private:
+  void Read() {
+    std::vector<char> piece(128 << 10);
+    ssize_t size = 1;
+    while (count_ < size_ && size > 0) {
+      size = ::recv(peer_, piece.data(), piece.size(), 0);
+      bytes_.append(piece.data(), static_cast<int>(size));
+      count_ = bytes_.size();
+      ::usleep(is_slow_ ? 500 : 0);
+    }
+    is_done_ = true;
+  }
+
+  const int peer_;
+  const int size_;
+  QByteArray bytes_;
+  std::atomic<int> count_{0};
+  std::atomic<bool> is_slow_{true};
+  std::atomic<bool> is_done_{false};
+  std::thread thread_;
+};
+
+// Sends a large text on a thread of its own.
+class LargeWriter {
+ public:
+  explicit LargeWriter(TaskMessaging* messaging)
+      : thread_([this, messaging] {
+          messaging->sendData(QByteArray(kLarge, 'a'));
+          is_writing_ = false;
+        }) {}
+  ~LargeWriter() { Join(); }
+  LargeWriter(const LargeWriter&) = delete;
+  LargeWriter& operator=(const LargeWriter&) = delete;
+
+  bool IsWriting() const { return is_writing_; }
+  void Join() {
+    if (thread_.joinable()) {
+      thread_.join();
+    }
+  }
+
+ private:
+  std::atomic<bool> is_writing_{true};
+  std::thread thread_;
+};
+
+class Writer : public ServerEnd {
+ protected:
+  // A busy machine may keep the reader from reading, and the writer then gives up: once more.
+  static constexpr int kRounds = 30;
+
+  // A connection that is served.
+  int ConnectTo(TaskMessaging* messaging) {
+    const int peer = Connect();
+    Inbox inbox(messaging);
+    SendLine(peer, "{}");
+    EXPECT_TRUE(inbox.WaitFor(1));
+    return peer;
+  }
+  static QByteArray LineOf(const QByteArray& text) { return "{\"data\":\"" + text + "\"}\n"; }
+  static void WaitUntilBothAreAtWork(const SlowReader& reader, const LargeWriter& writer) {
+    while (!reader.HasBegun() && writer.IsWriting()) {
+      std::this_thread::yield();
+    }
+  }
+};
+
+// No other thread waits for the reader. What others send meanwhile comes behind the whole text.
+TEST_F(Writer, LetsOthersSendMeanwhile) {
+  constexpr int kSmall = 1000;
+  QByteArray wanted = LineOf(QByteArray(kLarge, 'a'));
+  for (int i = 0; i < kSmall; ++i) {
+    wanted += LineOf(QByteArray::number(i));
+  }
+  bool was_writing = false;
+  for (int round = 0; round < kRounds && !was_writing && !HasFailure(); ++round) {
+    TaskMessaging messaging(listening_);
+    SlowReader reader(ConnectTo(&messaging), wanted.size());
+    LargeWriter writer(&messaging);
+    WaitUntilBothAreAtWork(reader, writer);
+    for (int i = 0; i < kSmall; ++i) {
+      messaging.sendData(QByteArray::number(i));
+    }
+    was_writing = writer.IsWriting();
+    writer.Join();
+    reader.Hurry();
+    EXPECT_TRUE(reader.WaitUntilDone());
+    EXPECT_TRUE(reader.Bytes() == wanted)
+        << "the first small one is at byte " << reader.Bytes().indexOf('0');
+  }
+  EXPECT_TRUE(was_writing) << "they have waited for the large one";
+}
+
+// Descriptors that are opened once a connection has ended.
+class NewSockets {
+ public:
+  NewSockets() {
+    for (auto& pair : pairs_) {
+      EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair.data()), 0);
+    }
+  }
+  ~NewSockets() {
+    for (const auto& pair : pairs_) {
+      ::close(pair[0]);
+      ::close(pair[1]);
+    }
+  }
+  NewSockets(const NewSockets&) = delete;
+  NewSockets& operator=(const NewSockets&) = delete;
+
+  bool HaveGotSomething() const {
+    char byte = 0;
+    for (const auto& pair : pairs_) {
+      if (::recv(pair[0], &byte, 1, MSG_DONTWAIT) > 0 ||
+          ::recv(pair[1], &byte, 1, MSG_DONTWAIT) > 0) {
+        return true;
+      }
+    }
+    return false;
+  }
+
+ private:
+  std::array<std::array<int, 2>, 4> pairs_{};
+};
+
+// The peer hangs up, but reads on. The socket closes when its writer is done with it, and no later.
+TEST_F(Writer, SendsNothingToADescriptorThatTakesTheNumberOfItsOwn) {
+  bool was_writing = false;
+  for (int round = 0; round < kRounds && !was_writing && !HasFailure(); ++round) {
+    const auto sockets = [] { return OpenDescriptors().filter("socket:").size(); };
+    TaskMessaging messaging(listening_);
+    const auto sockets_before = sockets();
+    const int peer = ConnectTo(&messaging);
+    SlowReader reader(peer, kLarge);
+    LargeWriter writer(&messaging);
+    WaitUntilBothAreAtWork(reader, writer);
+    std::unique_ptr<NewSockets> others;
+    QObject::connect(&messaging, &TaskMessaging::disconnected, [&] {
+      others = std::make_unique<NewSockets>();
+      was_writing = writer.IsWriting();
+    });
+    ::shutdown(peer, SHUT_WR);
+    ASSERT_TRUE(RunUntil([&others] { return others != nullptr; }));
+    writer.Join();
+    EXPECT_FALSE(others->HaveGotSomething());
+    others.reset();
+    EXPECT_EQ(sockets(), sockets_before + 1) << "the peer's own is left";
+  }
+  if (!was_writing) {
+    GTEST_SKIP() << "the machine is too busy for two threads at once";
+  }
+}
+
+}  // namespace
+}  // namespace kit
