@@ -47,7 +47,10 @@ if(TARV_CHECK_LOCKS)
     pthread_rwlock_rdlock pthread_rwlock_wrlock pthread_rwlock_unlock free
     tarv_expect_no_lock tarv_locks_held tarv_lock_orders)
   list(TRANSFORM lock_order_functions PREPEND "-Wl,--export-dynamic-symbol=")
+  # Not where time is measured, which it takes.
+  define_property(TARGET PROPERTY TARV_MEASURES INITIALIZE_FROM_VARIABLE TARV_MEASURES)
   set(is_program $<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>)
+  set(is_program $<AND:${is_program},$<NOT:$<BOOL:$<TARGET_PROPERTY:TARV_MEASURES>>>>)
   target_link_options(tarv_options INTERFACE
     "$<${is_program}:-Wl,-u,tarv_locks_held;${lock_order_functions}>")
   target_link_libraries(tarv_options INTERFACE $<${is_program}:tarv_lock_order>)

@@ -1,6 +1,6 @@
 // Finds locks that are taken in more than one order, before two threads meet and wait for ever.
 //
-// Every program of the debug build has these in place of the C library's locks, so that all mutexes
+// Every program that is built with `TARV_CHECK_LOCKS` has these in place of the C library's locks, so that all mutexes
 // of all modules pass here, those of headers and of libraries that it loads among them, and the
 // product itself stays as it is. A thread that waits for lock B while it holds A makes an edge from
 // A to B. An edge that closes a circle ends the process with both sides' stacks; the threads need
