@@ -1,5 +1,6 @@
 #include <cw/internal/size_estimate.h>
 
+#include <algorithm>
 #include <string>
 #include <type_traits>
 #include <variant>
@@ -11,6 +12,7 @@ namespace {
 constexpr std::size_t kPlain = 10;  // a plain value, type and padding included
 constexpr std::size_t kLongestWalked = 16;
 constexpr std::size_t kDeepestWalked = 3;
+constexpr std::size_t kMostGuessed = std::size_t{8} << 20;
 
 std::size_t Estimate(const EncodableValue& value, std::size_t depth);
 
@@ -23,11 +25,13 @@ std::size_t EstimateItem(const EncodableMap::value_type& entry, std::size_t dept
 }
 
 // Long containers are not looked into, nor is what lies deep: of each item is expected what it
-// takes in memory, which holds most items, and what is not needed of it is never touched.
+// takes in memory, which holds most items. What is not needed of that is never touched; but where it
+// comes to more than the C library keeps for the next time, all that is touched would come new from
+// the kernel, page by page, each time. So much is not guessed.
 template <class Container>
 std::size_t EstimateItems(const Container& items, std::size_t depth) {
   if (items.size() > kLongestWalked || depth == kDeepestWalked) {
-    return items.size() * sizeof(typename Container::value_type);
+    return std::min(items.size() * sizeof(typename Container::value_type), kMostGuessed);
   }
   std::size_t size = 0;
   for (const auto& item : items) {

@@ -48,6 +48,11 @@ class AnySink {
   void PutArray(const std::array<std::uint8_t, kLength>& bytes) {
     stream_->WriteBytes(bytes.data(), kLength);
   }
+  void PutDouble(double number) {
+    PutByte(static_cast<std::uint8_t>(TypeByte::Double));
+    Align(sizeof(number));
+    PutBytes(reinterpret_cast<const std::uint8_t*>(&number), sizeof(number));
+  }
   void PutBytes(const std::uint8_t* data, std::size_t length) { stream_->WriteBytes(data, length); }
   void Align(std::uint8_t alignment) { stream_->WriteAlignment(alignment); }
   void PutValue(const EncodableValue& value) { serializer_->WriteValue(value, stream_); }
@@ -138,6 +143,16 @@ class DirectSink {
     out[1] = static_cast<std::uint8_t>(text.size());
     CopyShort(out + 2, reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
     return true;
+  }
+
+  // A whole value: its type, zeros up to a multiple of its size, and the number, without a question
+  // of how many zeros. The number overwrites those that are too many.
+  void PutDouble(double number) {
+    const std::size_t zeros = ~out_->GetSize() % sizeof(number);
+    std::uint8_t* const out = out_->Gather(1 + zeros + sizeof(number));
+    out[0] = static_cast<std::uint8_t>(TypeByte::Double);
+    std::memset(out + 1, 0, sizeof(number));
+    std::memcpy(out + 1 + zeros, &number, sizeof(number));
   }
 
   // At least one byte.

@@ -89,10 +89,7 @@ struct ValueWriter {
   void operator()(bool flag) const { WriteType(flag ? TypeByte::True : TypeByte::False, sink); }
   void operator()(std::int32_t number) const { WriteInteger(TypeByte::Int32, number, sink); }
   void operator()(std::int64_t number) const { WriteInteger(TypeByte::Int64, number, sink); }
-  void operator()(double number) const {
-    WriteType(TypeByte::Double, sink);
-    WriteAligned(&number, 1, sink);
-  }
+  void operator()(double number) const { sink.PutDouble(number); }
   void operator()(const std::string& text) const { WriteText(text, sink); }
   void operator()(const std::vector<std::uint8_t>& list) const {
     WriteTypedList(TypeByte::ByteList, list, sink);
