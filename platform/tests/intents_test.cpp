@@ -284,11 +284,13 @@ TEST_F(Intents, AreRefusedToAForkedCopyOfTheProcess) {
 }
 
 TEST_F(Intents, ArePassedOnWhenTheirOwnerHasDied) {
-  auto first = Owner("Heir", "die");
+  const auto first = Owner("Heir", "die");
+  Outcomes death;
+  QObject::connect(first.get(), &Task::finished, death.Recorder());
   EXPECT_EQ(Invoke("Heir").code(), Error::kIntentFailed);
+  EXPECT_TRUE(death.Wait().isError());
   EXPECT_TRUE(QFile::exists(Socket("Heir"))) << "a crash leaves the file behind";
   EXPECT_EQ(Invoke("Heir").code(), Error::kNoSuchIntent);
-  first.reset();
   QFile::remove(PathOf("tasks/owner"));
   const auto second = Owner("Heir");
   IntentsInvoker invoker;
