@@ -62,6 +62,9 @@ bool LineChannel::IsInItsThread() const { return context_.thread() == QThread::c
 // ---- Sending. Any thread. ----
 
 void LineChannel::Send(const QJsonObject& object) {
+  if (IsDroppedInCopy()) {
+    return;
+  }
   // One over the bound is not even encoded.
   std::optional<QByteArray> line = EncodeLine(object, limits_.max_message);
   if (line) {
@@ -72,6 +75,9 @@ void LineChannel::Send(const QJsonObject& object) {
 }
 
 void LineChannel::SendData(std::string_view text) {
+  if (IsDroppedInCopy()) {
+    return;
+  }
   if (!IsPlainText(text)) {
     Send({{QStringLiteral("data"), QString::fromUtf8(text.data(), static_cast<int>(text.size()))}});
     return;
@@ -83,12 +89,16 @@ void LineChannel::SendData(std::string_view text) {
   EndTooLong();
 }
 
-void LineChannel::Put(OutLine line) {
-  // A thread that a copy does not have may hold the lock of the queue.
-  if (IsForkedCopy()) {
-    WarnOfDropped(CheckOriginal().message());
-    return;
+// A thread that a copy of the process does not have may hold the lock of the queue.
+bool LineChannel::IsDroppedInCopy() {
+  if (!IsForkedCopy()) {
+    return false;
   }
+  WarnOfDropped(CheckOriginal().message());
+  return true;
+}
+
+void LineChannel::Put(OutLine line) {
   switch (queue_->Put(std::move(line))) {
     case SendQueue::Outcome::kTaken:
       return;

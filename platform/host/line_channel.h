@@ -67,6 +67,7 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
  private:
   class CorkScope;
 
+  bool IsDroppedInCopy();
   void Put(OutLine line);
   void WarnOfDropped(const QString& why);
   void OnQueueFull();

@@ -161,6 +161,7 @@ TEST_F(CopyOfAStarter, WaitsForNoLockThatAThreadOfTheOriginalHoldsWhileItSends) 
   if (kAllocatorsLock) {
     GTEST_SKIP() << "a sanitizer's allocator does not survive a fork among threads";
   }
+  const ScopedVariable bound("RUNTIME_MANAGER_MAX_MESSAGE", "100000");
   AddHelperTask("echo");
   StderrPipe words;
   Process starter(HELPER, {"fork-in-handlers", "echo"});

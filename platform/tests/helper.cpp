@@ -42,6 +42,18 @@ extern "C" __attribute__((visibility("default"))) ssize_t sendmsg(int socket, co
   return size;
 }
 
+// With SLOW_CONNECTS, a socket is there for a while before this process connects to it.
+extern "C" __attribute__((visibility("default"))) int connect(int socket, const sockaddr* address,
+                                                              socklen_t size) {
+  using Call = int (*)(int, const sockaddr*, socklen_t);
+  static const auto call = reinterpret_cast<Call>(::dlsym(RTLD_NEXT, "connect"));
+  static const bool is_slow = std::getenv("SLOW_CONNECTS") != nullptr;
+  if (is_slow) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  }
+  return call(socket, address, size);
+}
+
 namespace {
 
 using helper::Say;

@@ -78,6 +78,7 @@ class CopiesInHandlers {
 
  private:
   static constexpr int kCopies = 40;
+  static constexpr int kOverTheBound = 100'000;
   static constexpr int kEvery = 20;
   // Longer than anything that is sent waits for another handler.
   static constexpr std::chrono::microseconds kLong{400};
@@ -88,6 +89,8 @@ class CopiesInHandlers {
     }
     if (ends_behind_this_event) {
       messaging_->sendData("from a copy");
+      messaging_->sendData(QByteArray(kOverTheBound, 'x'));
+      messaging_->sendMessage({{"data", QString(kOverTheBound, 'x')}});
       return;
     }
     if (++handled_ % kEvery != 0 || AreDone()) {

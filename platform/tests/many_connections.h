@@ -26,12 +26,13 @@ class ManyConnections : public ServerEnd {
       peers_.push_back(::accept4(listening_, nullptr, nullptr, SOCK_CLOEXEC));
     }
   }
-  void Close() {
-    ends_.clear();
-    for (const int peer : peers_) {
-      ::close(peer);
+  // All but the first few.
+  void Close(std::size_t kept = 0) {
+    ends_.resize(kept);
+    for (std::size_t i = kept; i < peers_.size(); ++i) {
+      ::close(peers_[i]);
     }
-    peers_.clear();
+    peers_.resize(kept);
   }
 
   std::vector<std::unique_ptr<TaskMessaging>> ends_;

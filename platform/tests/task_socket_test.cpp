@@ -112,6 +112,18 @@ TEST_F(TaskSocket, ServesItsStarterAndNobodyElse) {
   }
 }
 
+// However long its starter takes for that.
+TEST_F(TaskSocket, CannotBeFoundBeforeItsStarterHasConnected) {
+  AddHelperTask("echo");
+  const Process intruder(HELPER, {"intrude"});
+  ASSERT_EQ(intruder.ReadLine(), "ready");
+  const ScopedVariable slow("SLOW_CONNECTS", "1");
+  Process starter(HELPER, {"talk", "echo", "text"});
+  EXPECT_EQ(intruder.ReadLine(), "connected");
+  EXPECT_EQ(intruder.ReadLine(), "closed");
+  EXPECT_EQ(starter.Wait(), 0);
+}
+
 TEST_F(TaskSocket, IsNotServedToAnotherProcessWhenItsStarterHasHungUp) {
   AddHelperTask("again");
   Task task("again");

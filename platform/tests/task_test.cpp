@@ -561,5 +561,30 @@ TEST_F(TaskTest, SaysThatItIsOutOfDescriptors) {
   EXPECT_THAT(Text(started.Wait()), HasSubstr("Too many open files"));
 }
 
+// However far it has come, and although the Task lives on.
+TEST_F(TaskTest, KeepsNoSocketWhenItIsOutOfDescriptors) {
+  AddShellTask("task", "exec sleep 60");
+  rlimit before{};
+  ::getrlimit(RLIMIT_NOFILE, &before);
+  const int highest = ::dup(STDERR_FILENO);
+  ::close(highest);
+  bool has_started = false;
+  for (rlim_t more = 1; !has_started && !HasFailure(); ++more) {
+    const auto sockets = [] { return OpenDescriptors().filter("socket:"); };
+    const QStringList sockets_before = sockets();
+    Task task("task");
+    task.withIpcSocket(true);
+    Outcomes started;
+    rlimit tight = before;
+    tight.rlim_cur = static_cast<rlim_t>(highest) + more;
+    ::setrlimit(RLIMIT_NOFILE, &tight);
+    task.start(started.Recorder());
+    ::setrlimit(RLIMIT_NOFILE, &before);
+    has_started = !started.Wait().isError();
+    EXPECT_TRUE(has_started || sockets() == sockets_before) << more;
+    EXPECT_TRUE(has_started || SocketFiles().isEmpty()) << more;
+  }
+}
+
 }  // namespace
 }  // namespace kit

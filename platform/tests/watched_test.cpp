@@ -2,6 +2,7 @@
 #include "end_to_end/watched.h"
 
 #include <QtCore/QEventLoop>
+#include <QtCore/QTimer>
 
 #include "many_connections.h"
 
@@ -22,14 +23,15 @@ class WatchedDescriptors : public ManyConnections {
 // Some have places of their own, which costs least for a few; the others share one.
 TEST_F(WatchedDescriptors, AreNoMoreForHundredsOfConnectionsThanForAFew) {
   constexpr std::size_t kPlaces = 16;
-  const std::size_t before = CountInATurn();
-  for (const std::size_t count : {1, 64, 200}) {
-    Open(count);
-    const std::size_t watched = CountInATurn();
-    EXPECT_GT(watched, before);
-    EXPECT_LE(watched, before + kPlaces + 1) << count;
-    Close();
-    EXPECT_EQ(CountInATurn(), before) << "none is left behind";
+  const std::size_t of_none = CountInATurn();
+  Open(1);
+  const std::size_t of_one = CountInATurn();
+  EXPECT_EQ(of_one, of_none + 1);
+  for (const std::size_t more : {63, 199}) {
+    Open(more);
+    EXPECT_LE(CountInATurn(), of_none + kPlaces + 1) << more;
+    Close(1);
+    EXPECT_EQ(CountInATurn(), of_one) << "an empty place is left behind";
   }
 }
 
@@ -37,13 +39,31 @@ TEST_F(WatchedDescriptors, AreNoMoreForHundredsOfConnectionsThanForAFew) {
 TEST_F(WatchedDescriptors, OfConnectionsThatFollowManyOthersAreTheirOwn) {
   Open(1);
   const std::size_t of_one = CountInATurn();
-  Close();
   for (int round = 0; round < 3; ++round) {
     Open(15);
-    Close();
+    Close(1);
   }
   Open(2);
-  EXPECT_EQ(CountInATurn(), of_one + 1);
+  EXPECT_EQ(CountInATurn(), of_one + 2);
+}
+
+// A task waits with its words until this process's standard error takes them.
+TEST_F(WatchedDescriptors, AreNotLookedAtAgainAndAgainForWhatHasToWait) {
+  constexpr int kWords = 300'000;
+  AddShellTask("task", "head -c 300000 /dev/zero | tr '\\0' x >&2; exec sleep 60");
+  const StderrPipe pipe;
+  pipe.Fill();
+  Task task("task");
+  ExpectStarts(task);
+  RunFor(300);
+  const std::size_t before = tarv::test::CountWatched();
+  QEventLoop loop;
+  QTimer::singleShot(500, &loop, &QEventLoop::quit);
+  loop.exec();
+  // Twenty turns a second would do.
+  EXPECT_LE(tarv::test::CountWatched() - before, 300U);
+  int forwarded = 0;
+  EXPECT_TRUE(RunUntil([&] { return (forwarded += pipe.Read(1 << 20).count('x')) == kWords; }));
 }
 
 }  // namespace
