@@ -49,6 +49,24 @@ TEST_F(StartersEnd, EndsAllItsTasksAtOnce) {
   }
 }
 
+// Nor does it wait for one after the other where none of them ends: each would take three seconds.
+TEST_F(StartersEnd, KillsAllThatAreLeftAtOneDeadline) {
+  constexpr int kTasks = 4;
+  AddShellTask("stubborn", "trap '' TERM; echo $$ > $WORLD/ready.$$; while :; do sleep 0.05; done");
+  Process starter(HELPER, {"many", "stubborn", QString::number(kTasks), "exit"});
+  EXPECT_EQ(starter.ReadLine(), "started");
+  EXPECT_EQ(starter.ReadLine(), "leaves");
+  QElapsedTimer timer;
+  timer.start();
+  EXPECT_EQ(starter.Wait(), 0);
+  EXPECT_LT(timer.elapsed(), 10'000);
+  const QStringList tasks = QDir(PathOf("")).entryList({"ready.*"});
+  EXPECT_EQ(tasks.size(), kTasks);
+  for (const QString& task : tasks) {
+    EXPECT_TRUE(IsGone(task.section('.', 1).toInt())) << task.toStdString();
+  }
+}
+
 // The task hears its starter's last message before SIGTERM, and its socket's file is there for so
 // long.
 TEST_F(StartersEnd, SendsWhatWaitsThenEndsItsTasksThenRemovesTheirFiles) {
@@ -100,6 +118,7 @@ TEST_F(StartersEnd, IsFollowedByATaskThatIgnoresSigterm) {
         ReadFile(PathOf("words")).toStdString(),
         testing::HasSubstr("the task '" + task + "' ends: its starter ended 3 seconds ago"));
     EXPECT_EQ(SocketFiles().size(), files) << how_it_is;
+    EXPECT_FALSE(QFile::exists(PathOf("exited"))) << "what it has for its own exit is not run";
     for (const QString& name : SocketFiles()) {
       QFile::remove(RuntimeFolder() + '/' + name);
     }

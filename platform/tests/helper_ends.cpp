@@ -99,6 +99,7 @@ int StartMany(const QString& name, int count, const QString& how) {
 
 int IgnoreTheEnd(const QString& how) {
   std::signal(SIGTERM, SIG_IGN);
+  std::atexit([] { QFile(qEnvironmentVariable("WORLD") + "/exited").open(QIODevice::WriteOnly); });
   std::unique_ptr<TaskMessaging> messaging;
   if (how == "serving") {
     messaging = std::make_unique<TaskMessaging>(RuntimeDispatcher::instance()->localServerSocket());

@@ -200,6 +200,28 @@ TEST_F(TaskSocket, ServesOneMessagingAtATime) {
   EXPECT_EQ(first_inbox.messages[0], Data("heard"));
 }
 
+// In a process that serves several.
+TEST_F(ServerEnd, ServesEachSocketToTheProcessThatIsFirstThere) {
+  TaskMessaging own(listening_);
+  Inbox own_inbox(&own);
+  const int peer = Connect();
+  SendLine(peer, "{}");
+  EXPECT_TRUE(own_inbox.WaitFor(1));
+  ASSERT_TRUE(QDir().mkpath(RuntimeFolder()));
+  const int other = ListenOn(RuntimeFolder() + "/other.sock");
+  TaskMessaging messaging(other);
+  Inbox inbox(&messaging);
+  messaging.sendMessage(Data("to a stranger"));
+  const Process stranger(HELPER, {"intrude"});
+  EXPECT_EQ(inbox.disconnects.Wait().code(), Error::kConnectionLost);
+  EXPECT_EQ(stranger.ReadLine(), "ready");
+  EXPECT_EQ(stranger.ReadLine(), "connected");
+  EXPECT_EQ(stranger.ReadLine(), "served");
+  QFile::remove(RuntimeFolder() + "/other.sock");
+  ::close(other);
+  ::close(peer);
+}
+
 TEST_F(TaskSocket, KeepsWhatADeadTaskHasSentForMessagingThatIsMadeInACompletion) {
   AddPythonTask("leaves", "c, _ = server.accept()\nc.sendall(b'{\"n\":1}\\n{\"n\":2}\\n')");
   for (const bool in_finished : {false, true}) {
