@@ -153,9 +153,9 @@ TEST_F(StartersEnd, IsNotFollowedByAProcessThatIsNoTask) {
 // A copy does not have the threads of the original: sanitizers say that they leak in it.
 class CopyOfAStarter : public StartersEnd {
  protected:
-  // Their allocators have locks of their own, which a copy is left with.
+  // Those of the address sanitizer's allocator, which a copy is left with.
   static constexpr bool kAllocatorsLock =
-#ifdef TARV_SANITIZED
+#ifdef FORKS_LOSE_THE_ALLOCATORS_LOCKS
       true;
 #else
       false;
@@ -178,7 +178,7 @@ TEST_F(CopyOfAStarter, DoesNothingToTheTaskWhenItEnds) {
 // Those locks are held in it for ever, by threads that it does not have.
 TEST_F(CopyOfAStarter, WaitsForNoLockThatAThreadOfTheOriginalHoldsWhileItSends) {
   if (kAllocatorsLock) {
-    GTEST_SKIP() << "a sanitizer's allocator does not survive a fork among threads";
+    GTEST_SKIP() << "the address sanitizer's allocator does not survive a fork among threads";
   }
   const ScopedVariable bound("RUNTIME_MANAGER_MAX_MESSAGE", "100000");
   AddHelperTask("echo");
@@ -195,7 +195,7 @@ TEST_F(CopyOfAStarter, WaitsForNoLockThatAThreadOfTheOriginalHoldsWhileItSends) 
 
 TEST_F(CopyOfAStarter, WaitsForNoLockThatAThreadOfTheOriginalHoldsForTheListOfTasks) {
   if (kAllocatorsLock) {
-    GTEST_SKIP() << "a sanitizer's allocator does not survive a fork among threads";
+    GTEST_SKIP() << "the address sanitizer's allocator does not survive a fork among threads";
   }
   AddHelperTask("echo");
   Process starter(HELPER, {"fork-while-making-tasks", "echo"});

@@ -26,6 +26,8 @@ using namespace RuntimeManager;  // NOLINT(google-build-using-namespace)
 
 constexpr int kLimitMs = 60000;
 constexpr int kCopyLimitMs = 20000;
+// Of the texts that threads send meanwhile: the lock is held for as long as one is copied.
+constexpr int kEveryLong = 8;
 
 bool ends_behind_this_event = false;
 
@@ -87,25 +89,28 @@ class CopiesInHandlers {
     if (ends_at_next_handler_) {
       ::_exit(0);
     }
-    if (ends_behind_this_event) {
-      messaging_->sendData("from a copy");
-      messaging_->sendData(QByteArray(kOverTheBound, 'x'));
-      messaging_->sendMessage({{"data", QString(kOverTheBound, 'x')}});
-      return;
-    }
-    if (++handled_ % kEvery != 0 || AreDone()) {
+    if (ends_behind_this_event || ++handled_ % kEvery != 0 || AreDone()) {
       return;
     }
     messaging_->sendData("held");
     std::this_thread::sleep_for(kLong);
     const pid_t copy = ::fork();
     if (copy == 0) {
-      ends_behind_this_event = true;
-      ends_at_next_handler_ = copies_ % 2 == 0;
+      GoOnAsCopy();
       return;
     }
     end_well_ = EndsWell(copy, Sleep);
     ++copies_;
+  }
+  // Every other copy sends.
+  void GoOnAsCopy() {
+    ends_behind_this_event = true;
+    ends_at_next_handler_ = copies_ % 2 == 0;
+    if (!ends_at_next_handler_) {
+      messaging_->sendData("from a copy");
+      messaging_->sendData(QByteArray(kOverTheBound, 'x'));
+      messaging_->sendMessage({{"data", QString(kOverTheBound, 'x')}});
+    }
   }
 
   TaskMessaging* messaging_;
@@ -155,6 +160,7 @@ int ForkWhileSending(const QString& name, const QString& how) {
   constexpr int kCopies = 10;
   kit::Share share;
   share.texts = 3000;
+  share.long_every = kEveryLong;
   static Task task(name);
   StartWithSocket(&task);
   static TaskMessaging messaging(task.socketPath());
@@ -192,6 +198,7 @@ int ForkWhileSending(const QString& name, const QString& how) {
 int ForkInHandlers(const QString& name) {
   kit::Share share;
   share.texts = 20'000;
+  share.long_every = kEveryLong;
   Task task(name);
   StartWithSocket(&task);
   TaskMessaging messaging(task.socketPath());
