@@ -3,19 +3,44 @@
 #include <quarn/logger.h>
 #include <tarv/calls/resuming.h>
 
+#include <utility>
+
 namespace tarv::details {
 
 namespace {
 
-thread_local int resuming = 0;
+thread_local Resuming* outermost = nullptr;
+
+// One at a time: what a coroutine holds may end others.
+void Destroy(Resuming::Works&& works) noexcept {
+  while (!works.empty()) {
+    const auto work = std::move(works.begin()->second);
+    works.erase(works.begin());
+  }
+}
 
 }  // namespace
 
-Resuming::Resuming() { ++resuming; }
+Resuming::Resuming() : is_outermost_(outermost == nullptr) {
+  if (is_outermost_) {
+    outermost = this;
+  }
+}
 
-Resuming::~Resuming() { --resuming; }
+Resuming::~Resuming() {
+  if (is_outermost_) {
+    outermost = nullptr;
+    Destroy(std::move(left_));
+  }
+}
 
-bool Resuming::IsAnywhere() { return resuming > 0; }
+void Resuming::DestroyOutside(Works&& works) noexcept {
+  if (outermost != nullptr) {
+    outermost->left_.merge(works);
+  } else {
+    Destroy(std::move(works));
+  }
+}
 
 void LogLostException(const std::exception_ptr& exception) {
   try {

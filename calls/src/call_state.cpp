@@ -4,6 +4,7 @@
 
 #include <exception>
 #include <future>
+#include <new>
 
 #include "caller_core.h"
 #include "guarded.h"
@@ -40,12 +41,19 @@ void CallState::Consume(Consumer consumer) {
   {
     const std::lock_guard lock(mutex_);
     ClaimConsumer();
-    consumer_ = std::move(consumer);
+    consumer_.swap(consumer);
     if (!finished_) {
       return;
     }
   }
-  core_->DeliverLater(shared_from_this());
+  try {
+    core_->DeliverLater(shared_from_this());
+  } catch (const std::bad_alloc&) {
+    const std::lock_guard lock(mutex_);
+    consumer_.swap(consumer);  // destroyed after unlocking
+    consumed_ = false;
+    throw;
+  }
 }
 
 bool CallState::WaitForEnd() {
@@ -53,13 +61,14 @@ bool CallState::WaitForEnd() {
     return false;
   }
   const auto ended = std::make_shared<std::promise<void>>();
+  Consumer consumer = [ended](CallState& /*state*/) { ended->set_value(); };
   {
     const std::lock_guard lock(mutex_);
     ClaimConsumer();
     if (finished_) {
       return true;
     }
-    consumer_ = [ended](CallState& /*state*/) { ended->set_value(); };
+    consumer_.swap(consumer);
   }
   ended->get_future().wait();
   return true;
@@ -85,7 +94,7 @@ void CallState::SetProgressHandler(ProgressHandler handler) {
 void CallState::Cancel() { core_->Cancel(shared_from_this()); }
 
 CallError CallState::MakeWouldBlockError() const {
-  return CallNames{method_, core_->GetTaskName()}.WouldBlock();
+  return CallNames{method_, core_->GetTaskName(), core_->GetPreparedError()}.WouldBlock();
 }
 
 void CallState::HandleProgress(const cw::EncodableValue& value) {
@@ -99,7 +108,7 @@ void CallState::HandleProgress(const cw::EncodableValue& value) {
   }
 }
 
-void CallState::Finish() {
+void CallState::Finish() noexcept {
   Consumer consumer;
   std::shared_ptr<const ProgressHandler> progress;  // destroyed after unlocking
   {

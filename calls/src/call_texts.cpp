@@ -4,6 +4,8 @@
 #include <string_view>
 #include <utility>
 
+#include "answered_names.h"
+
 namespace tarv::details {
 
 namespace {
@@ -55,6 +57,31 @@ std::string Join(const std::vector<std::string>& names) {
   return text;
 }
 
+// The error that `make` returns; when memory runs out for it, the same with the prepared text.
+template <class Make>
+CallError MadeOr(CallReason reason, std::int32_t code, const CallError& prepared,
+                 const Make& make) noexcept {
+  try {
+    return make();
+  } catch (const std::bad_alloc&) {
+    return {reason, code, prepared};
+  }
+}
+
+// An error that has a text alone.
+template <class MakeText>
+CallError Plain(CallReason reason, const CallError& prepared, const MakeText& make_text) noexcept {
+  return MadeOr(reason, 0, prepared, [&] { return CallError(reason, make_text()); });
+}
+
+// Throws std::bad_alloc once more when memory ran out for the text.
+const std::string& Get(const SharedText& text) {
+  if (text == nullptr) {
+    throw std::bad_alloc();
+  }
+  return *text;
+}
+
 // Says what to do about an error that a task answered with.
 std::string AdviceFor(std::int32_t code) {
   switch (code) {
@@ -71,39 +98,65 @@ std::string AdviceFor(std::int32_t code) {
 
 }  // namespace
 
-Loss LossOf(const std::optional<Message::Error>& error, bool connecting) {
+Loss LossOf(const std::optional<Message::Error>& error, bool connecting) noexcept {
   if (!error) {
-    return {CallReason::kConnectionLost, 0, "the connection was closed by this application"};
+    return {CallReason::kConnectionLost, 0,
+            MakeText([] { return "the connection was closed by this application"; })};
   }
   CallReason reason = ReasonOfCode(error->code);
   if (reason == CallReason::kAnswered) {
     reason = connecting ? ReasonOfConnectError(*error) : CallReason::kConnectionLost;
   }
   const bool refused = reason == CallReason::kNeverConnected;
-  return {reason, error->code,
-          refused ? "it refuses the handshake: " + error->message : error->message};
+  return {reason, error->code, MakeText([&] {
+            return refused ? "it refuses the handshake: " + error->message : error->message;
+          })};
 }
 
-Loss LossOfMissingClient() {
-  return {CallReason::kNotStarted, 0,
-          "there is no client: the manager refused to make one, and the log says why"};
+Loss LossOfMissingClient() noexcept {
+  return {CallReason::kNotStarted, 0, MakeText([] {
+            return "there is no client: the manager refused to make one, and the log says why";
+          })};
 }
 
-Loss LossOfManager(EndedManager manager) {
+Loss LossOfManager(EndedManager manager) noexcept {
+  const bool is_own = manager == EndedManager::kOwn;
   return {
-      CallReason::kReleased, 0,
-      manager == EndedManager::kOwn
-          ? "the ManagerWrapper that made its client was destroyed, and ended the task: keep it "
-            "until the calls have ended, and destroy it after Caller and client"
-          : "another ManagerWrapper of this process was destroyed, which ends the tasks of all: "
-            "keep every one of them as long as any task is called",
-      manager == EndedManager::kOwn};
+      CallReason::kReleased, 0, MakeText([is_own] {
+        return is_own
+                   ? "the ManagerWrapper that made its client was destroyed, and ended the task: "
+                     "keep it until the calls have ended, and destroy it after Caller and client"
+                   : "another ManagerWrapper of this process was destroyed, which ends the tasks "
+                     "of "
+                     "all: keep every one of them as long as any task is called";
+      }),
+      is_own};
 }
 
-Loss LossOfSilentTask(const std::string& task, Duration waited) {
-  return {CallReason::kNeverConnected, 0,
-          TextOfTask(task) + " runs but has not answered the handshake for " + TextOf(waited) +
-              ": does it call server->Run()?"};
+Loss LossOfSilentTask(const std::string& task, Duration waited) noexcept {
+  return {CallReason::kNeverConnected, 0, MakeText([&] {
+            return TextOfTask(task) + " runs but has not answered the handshake for " +
+                   TextOf(waited) + ": does it call server->Run()?";
+          })};
+}
+
+Loss LossOfMemory() noexcept {
+  return {CallReason::kOutOfMemory, 0,
+          MakeText([] { return "memory ran out while the task was started"; })};
+}
+
+CallError PreparedError(const std::string& task) {
+  return {CallReason::kOutOfMemory,
+          "a call of " + TextOfTask(task) +
+              " has ended, and memory ran out for words about it: if its reason is kOutOfMemory it "
+              "ended of that, too; free memory, and call again"};
+}
+
+CallError ErrorOf(const Loss& loss, const CallError& prepared) noexcept {
+  return MadeOr(loss.reason, loss.code, prepared, [&] {
+    const std::string& text = Get(loss.text);
+    return CallError(loss.reason, text, loss.code, text, {});
+  });
 }
 
 std::string TextOfMethods(const std::vector<std::string>& methods) {
@@ -136,68 +189,82 @@ std::string TextOfTask(const std::string& task) {
 
 std::string CallNames::Subject() const { return "'" + method + "' of " + TextOfTask(task); }
 
-CallError CallNames::Lost(const Loss& loss, bool sent) const {
-  return {loss.reason,
-          Subject() + (sent ? " was sent and has no answer: " : " was not sent: ") + loss.text,
-          loss.code,
-          loss.text,
-          {}};
+CallError CallNames::Lost(const Loss& loss, bool sent) const noexcept {
+  return MadeOr(loss.reason, loss.code, prepared, [&] {
+    const std::string& why = Get(loss.text);
+    return CallError(loss.reason,
+                     Subject() + (sent ? " was sent and has no answer: " : " was not sent: ") + why,
+                     loss.code, why, {});
+  });
 }
 
-CallError CallNames::TimedOut(Duration timeout, bool sent) const {
-  return {CallReason::kTimedOut,
-          Subject() + (sent ? " was not answered within " : " was not sent within ") +
-              TextOf(timeout) +
-              (sent ? ": is its handler busy, or does it keep its request? "
-                      "CallOptions().Timeout() gives it longer"
-                    : ": the task has not connected; does it call server->Run()?")};
+CallError CallNames::TimedOut(Duration timeout, bool sent) const noexcept {
+  return Plain(CallReason::kTimedOut, prepared, [&] {
+    return Subject() + (sent ? " was not answered within " : " was not sent within ") +
+           TextOf(timeout) +
+           (sent ? ": is its handler busy, or does it keep its request? "
+                   "CallOptions().Timeout() gives it longer"
+                 : ": the task has not connected; does it call server->Run()?");
+  });
 }
 
-CallError CallNames::Cancelled() const {
-  return {CallReason::kCancelled, Subject() + " was cancelled by Call::Cancel"};
+CallError CallNames::Cancelled() const noexcept {
+  return Plain(CallReason::kCancelled, prepared,
+               [this] { return Subject() + " was cancelled by Call::Cancel"; });
 }
 
-CallError CallNames::Released() const {
-  return {CallReason::kReleased,
-          Subject() +
-              " was open when its Caller was destroyed: keep the Caller until its calls "
-              "have ended"};
+CallError CallNames::Released() const noexcept {
+  return Plain(CallReason::kReleased, prepared, [this] {
+    return Subject() +
+           " was open when its Caller was destroyed: keep the Caller until its calls "
+           "have ended";
+  });
 }
 
-CallError CallNames::WouldBlock() const {
-  return {CallReason::kWouldBlock, "Wait() for " + Subject() +
-                                       " on the thread of its loop would never end: use Then() or "
-                                       "co_await there"};
+CallError CallNames::WouldBlock() const noexcept {
+  return Plain(CallReason::kWouldBlock, prepared, [this] {
+    return "Wait() for " + Subject() +
+           " on the thread of its loop would never end: use Then() or "
+           "co_await there";
+  });
 }
 
-CallError CallNames::BadArguments(const std::string& misfit) const {
-  return {CallReason::kBadArguments, Subject() + " was not sent: " + misfit};
+CallError CallNames::BadArguments(const std::string& misfit) const noexcept {
+  return Plain(CallReason::kBadArguments, prepared,
+               [&] { return Subject() + " was not sent: " + misfit; });
 }
 
-CallError CallNames::NotSent(const std::string& why) const {
-  return {CallReason::kBadArguments, Subject() + " could not be sent: " + why};
+CallError CallNames::NotSent(const char* why) const noexcept {
+  return Plain(CallReason::kBadArguments, prepared,
+               [&] { return Subject() + " could not be sent: " + why; });
 }
 
-CallError CallNames::BadAnswer(const std::string& misfit) const {
-  return {CallReason::kBadAnswer,
-          Subject() + " was answered with something else than its contract says: " + misfit +
-              ": are application and task built from the same contract?"};
+CallError CallNames::BadAnswer(const Misfit& misfit) const noexcept {
+  return Plain(CallReason::kBadAnswer, prepared, [&] {
+    return Subject() +
+           " was answered with something else than its contract says: " + misfit.GetText("result") +
+           ": are application and task built from the same contract?";
+  });
 }
 
-CallError CallNames::Answered(const Message::Error& error) const {
-  return {CallReason::kAnswered,
-          Subject() + " answered with the error " + std::to_string(error.code) + ": " +
-              error.message + AdviceFor(error.code),
-          error.code, error.message, error.data};
+CallError CallNames::Answered(const Message::Error& error) const noexcept {
+  return MadeOr(CallReason::kAnswered, error.code, prepared, [&] {
+    return CallError(CallReason::kAnswered,
+                     Subject() + " answered with the error " + std::to_string(error.code) + ": " +
+                         error.message + AdviceFor(error.code),
+                     error.code, error.message, error.data);
+  });
 }
 
 CallError CallNames::Unknown(const Message::Error& error,
-                             const std::vector<std::string>& known) const {
-  if (known.empty()) {
-    return Answered(error);
-  }
-  return {CallReason::kAnswered, Subject() + " is unknown to it: it answers " + Join(known),
-          error.code, error.message, error.data};
+                             const Message::Response& response) const noexcept {
+  return MadeOr(CallReason::kAnswered, error.code, prepared, [&] {
+    const std::vector<std::string> known = MethodNamesIn(response);
+    return known.empty() ? Answered(error)
+                         : CallError(CallReason::kAnswered,
+                                     Subject() + " is unknown to it: it answers " + Join(known),
+                                     error.code, error.message, error.data);
+  });
 }
 
 }  // namespace tarv::details

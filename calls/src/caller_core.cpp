@@ -1,8 +1,10 @@
 #include "caller_core.h"
 
 #include <algorithm>
+#include <new>
+#include <vector>
 
-#include "answered_names.h"
+#include "guarded.h"
 
 namespace tarv::details {
 
@@ -20,19 +22,23 @@ CallerCore::CallerCore(std::shared_ptr<Loop> loop, CallerOptions options)
     : loop_(std::move(loop)),
       options_(std::move(options)),
       task_name_(options_.task_name),
+      prepared_error_(PreparedError(task_name_)),
       inbox_(loop_) {}
 
 template <class Argument>
 std::function<void(const Argument&)> CallerCore::Listen(
     void (CallerCore::*handler)(const Argument&)) {
   return [weak = weak_from_this(), number = client_number_, handler](const Argument& argument) {
-    if (const auto core = weak.lock()) {
-      core->Route([core, number, handler, argument] {
-        if (core->client_number_ == number) {
-          ((*core).*handler)(argument);
-        }
-      });
+    const auto core = weak.lock();
+    if (!core) {
+      return;
     }
+    const auto hear = [core, number, handler](const Argument& heard) {
+      if (core->client_number_ == number) {
+        ((*core).*handler)(heard);
+      }
+    };
+    core->Route([&] { hear(argument); }, [&] { return [hear, argument] { hear(argument); }; });
   };
 }
 
@@ -50,16 +56,26 @@ void CallerCore::Attach(std::shared_ptr<vorpc::IClient> client) {
   requests_ = dynamic_cast<vorpc::IRequests*>(client_.get());
   link_ = Link::kConnecting;
   attached_ = loop_->Now();
-  if (!open_.empty()) {
+  try {
+    Connect();
+  } catch (...) {
+    Detach();
+    throw;
+  }
+}
+
+void CallerCore::Connect() {
+  if (!open_.IsEmpty()) {
     first_call_ = loop_->Now();
     SetTimer();
   }
   const Busy busy(*this);
-  client_->OnConnected(Listen<OptionalError>(&CallerCore::OnConnected));
-  client_->OnDisconnected(Listen<OptionalError>(&CallerCore::OnDisconnected));
-  client_->OnNotify("$/progress", Listen<Message::Notification>(&CallerCore::OnProgress));
+  const auto client = client_;  // what arrives meanwhile may detach it
+  client->OnConnected(Listen<OptionalError>(&CallerCore::OnConnected));
+  client->OnDisconnected(Listen<OptionalError>(&CallerCore::OnDisconnected));
+  client->OnNotify("$/progress", Listen<Message::Notification>(&CallerCore::OnProgress));
   ListenToManager();
-  client_->Run();
+  client->Run();
 }
 
 // Not at once: in the middle of a manager's end, what a consumer uses may have gone before it.
@@ -69,6 +85,7 @@ void CallerCore::ListenToManager() {
     return;
   }
   if (task_name_.empty() && !supervised_) {
+    prepared_error_ = PreparedError(task->GetTaskName());
     task_name_ = task->GetTaskName();
   }
   task->OnManagerEnded([weak = weak_from_this(), number = client_number_](EndedManager manager) {
@@ -82,7 +99,7 @@ void CallerCore::ListenToManager() {
   });
 }
 
-void CallerCore::Detach() {
+void CallerCore::Detach() noexcept {
   ++client_number_;
   const Link link = std::exchange(link_, Link::kNone);
   requests_ = nullptr;
@@ -90,7 +107,7 @@ void CallerCore::Detach() {
   // The client goes last: its end may run anything.
   const auto client = std::exchange(client_, nullptr);
   if (link == Link::kConnecting && !client->HasConnectionFailed()) {
-    KeepWhileStarting(client);
+    RunGuarded("the wait for the start", task_name_, [&] { KeepWhileStarting(client); });
   }
 }
 
@@ -121,24 +138,24 @@ void CallerCore::KeepWhileStarting(const std::shared_ptr<vorpc::IClient>& client
   }
 }
 
-void CallerCore::FailKept(const Loss& loss) {
+void CallerCore::FailKept(const Loss& loss) noexcept {
   const auto self = shared_from_this();
-  for (const StatePtr& state : CollectOpen()) {
+  open_.ForEach([&](const StatePtr& state) {
     if (state->phase_ == CallState::Phase::kKept) {
       End(state, NamesOf(*state).Lost(loss, false));
     }
-  }
+  });
 }
 
-void CallerCore::Close() {
+void CallerCore::Close() noexcept {
   const auto self = shared_from_this();
   closed_ = true;
   do {
     inbox_.Drain();
-    for (const StatePtr& state : CollectOpen()) {
+    open_.ForEach([this](const StatePtr& state) {
       TellTask(*state);
       End(state, NamesOf(*state).Released());
-    }
+    });
   } while (!inbox_.Close());
   Detach();
 }
@@ -152,46 +169,57 @@ void CallerCore::OnConnected(const OptionalError& error) {
   if (const auto supervisor = supervisor_.lock()) {
     supervisor->OnConnected();
   }
-  for (const StatePtr& state : CollectOpen()) {
-    if (state->phase_ == CallState::Phase::kKept) {
-      Send(state);
+  open_.ForEach([this](const StatePtr& state) {
+    if (state->phase_ == CallState::Phase::kKept && link_ == Link::kConnected) {
+      SendKept(state);
     }
-  }
+  });
 }
 
 void CallerCore::OnDisconnected(const OptionalError& error) { HandleLoss(LossOf(error, false)); }
 
 // A supervisor may have another client ready by the time that the calls of this one end.
-void CallerCore::HandleLoss(const Loss& loss) {
+void CallerCore::HandleLoss(const Loss& loss) noexcept {
   const auto self = shared_from_this();
-  const auto lost = CollectOpen();
-  loss_ = WithMethods(loss, lost);
-  const Loss told = loss_;
+  const std::uint64_t last = open_.GetLatest();
+  const Loss alone = loss;
+  const Loss told = WithMethods(loss);
+  const bool is_one = open_.Count() == 1;
+  loss_ = told;
   Detach();
   link_ = supervised_ ? Link::kNone : Link::kLost;
   if (const auto supervisor = supervisor_.lock()) {
     supervisor->OnLost(told);
   }
-  for (const StatePtr& state : lost) {
+  open_.ForEach(last, [&](const StatePtr& state) {
     // One that was alone under way names its method anyhow.
-    const bool is_alone = lost.size() == 1 && state->phase_ == CallState::Phase::kSent;
-    End(state, LossFor(*state, is_alone ? loss : told));
-  }
+    const bool is_alone = is_one && state->phase_ == CallState::Phase::kSent;
+    End(state, LossFor(*state, is_alone ? alone : told));
+  });
 }
 
 // One of the methods under way may be what the task died of.
-Loss CallerCore::WithMethods(const Loss& loss, const std::vector<StatePtr>& lost) const {
+Loss CallerCore::WithMethods(const Loss& loss) const noexcept {
+  if (loss.reason == CallReason::kReleased || loss.text == nullptr) {
+    return loss;
+  }
+  const SharedText text = MakeText([&] {
+    const std::string methods = TextOfSent();
+    return methods.empty() ? *loss.text : *loss.text + "; under way: " + methods;
+  });
+  Loss told = loss;
+  told.text = text != nullptr ? text : loss.text;
+  return told;
+}
+
+std::string CallerCore::TextOfSent() const {
   std::vector<std::string> methods;
-  for (const StatePtr& state : lost) {
+  open_.ForEach([&methods](const StatePtr& state) {
     if (state->phase_ == CallState::Phase::kSent) {
       methods.push_back(state->GetMethod());
     }
-  }
-  Loss told = loss;
-  if (!methods.empty() && loss.reason != CallReason::kReleased) {
-    told.text += "; under way: " + TextOfMethods(methods);
-  }
-  return told;
+  });
+  return TextOfMethods(methods);
 }
 
 void CallerCore::OnProgress(const Message::Notification& progress) {
@@ -214,12 +242,18 @@ void CallerCore::OnResponse(const StatePtr& state, const Message::Response& resp
     OnError(state, *error);
     return;
   }
-  meter_.AddBytes(state->meter_, 0, CountBytes(*response.GetResult()));
-  Misfit misfit;
-  if (state->KeepResult(*response.GetResult(), misfit)) {
-    End(state, std::nullopt);
-  } else {
-    End(state, NamesOf(*state).BadAnswer(misfit.GetText("result")));
+  End(state, Read(*state, *response.GetResult()));
+}
+
+// Keeps the result; the error when that cannot be.
+std::optional<CallError> CallerCore::Read(CallState& state, const cw::EncodableValue& result) {
+  meter_.AddBytes(state.meter_, 0, CountBytes(result));
+  try {
+    Misfit misfit;
+    return state.KeepResult(result, misfit) ? std::nullopt
+                                            : std::optional(NamesOf(state).BadAnswer(misfit));
+  } catch (const std::bad_alloc&) {
+    return prepared_error_;
   }
 }
 
@@ -234,44 +268,67 @@ void CallerCore::OnError(const StatePtr& state, const Message::Error& error) {
   }
 }
 
-// The error shall tell what the task knows instead. Until it does, the call is open.
+// The error shall tell what the task knows instead. Until it does, the call is open. What memory
+// runs out for is not told.
 void CallerCore::AskForNames(const StatePtr& state, const Message::Error& error) {
-  const Busy busy(*this);
   state->error_ = NamesOf(*state).Answered(error);
-  SendThroughClient(*state, "$/describe", {}, [state, error](const Message::Response& response) {
-    CallerCore& core = *state->core_;
-    core.Route([state, error, response] { state->core_->OnNames(state, error, response); });
-  });
+  try {
+    const Busy busy(*this);
+    SendThroughClient(*state, "$/describe", {}, [state, error](const Message::Response& response) {
+      CallerCore& core = *state->core_;
+      core.Route([&] { core.OnNames(state, error, response); },
+                 [&] {
+                   return
+                       [state, error, response] { state->core_->OnNames(state, error, response); };
+                 });
+    });
+  } catch (const std::bad_alloc&) {
+    End(state, state->error_);
+  }
 }
 
 void CallerCore::OnNames(const StatePtr& state, const Message::Error& error,
                          const Message::Response& response) {
-  End(state, NamesOf(*state).Unknown(error, MethodNamesIn(response)));
+  End(state, NamesOf(*state).Unknown(error, response));
 }
 
-void CallerCore::OnWake() {
+void CallerCore::OnWake() noexcept {
   const auto self = shared_from_this();
   const Loop::Time now = loop_->Now();
-  while (!open_.empty() && open_.begin()->first.first <= now) {
-    Expire(StatePtr(open_.begin()->second));
+  while (open_.GetDeadline() <= now && !open_.IsEmpty()) {
+    const StatePtr state = open_.GetFirstDue();
+    const CallError error = TimeOutOf(*state);
+    TellTask(*state);
+    End(state, error);
   }
-  if (!open_.empty() && IsOverdue()) {
+  if (!open_.IsEmpty() && IsOverdue()) {
     loss_ = LossOfSilentTask(task_name_, loop_->Now() - *first_call_);
     if (supervised_) {
       HandleLoss(Loss(loss_));
     } else {
-      EndAllLost();
+      open_.ForEach([this](const StatePtr& state) { End(state, LossFor(*state, loss_)); });
     }
   }
-  SetTimer();
+  KeepTime();
 }
 
-void CallerCore::Expire(const StatePtr& state) {
-  const bool sent = state->phase_ == CallState::Phase::kSent;
-  TellTask(*state);
-  // A call that has its error, but not yet the names that go with it, ends with that.
-  End(state, state->error_ ? *state->error_
-                           : NamesOf(*state).TimedOut(state->deadline_ - state->started_, sent));
+// The calls whose time cannot be kept for want of memory end.
+void CallerCore::KeepTime() noexcept {
+  try {
+    SetTimer();
+  } catch (const std::bad_alloc&) {
+    open_.ForEach([this](const StatePtr& state) {
+      TellTask(*state);
+      End(state, prepared_error_);
+    });
+  }
+}
+
+// A call that has its error, but not yet the names that go with it, ends with that.
+CallError CallerCore::TimeOutOf(const CallState& state) const noexcept {
+  const bool sent = state.phase_ == CallState::Phase::kSent;
+  return state.error_ ? *state.error_
+                      : NamesOf(state).TimedOut(state.deadline_ - state.started_, sent);
 }
 
 bool CallerCore::IsOverdue() const {
@@ -288,71 +345,78 @@ Loop::Time CallerCore::ConnectDeadline() const {
 }
 
 // Whoever is early finds nothing to do, so a wake that comes before the earliest deadline serves.
+// Throws std::bad_alloc: nothing has changed then.
 void CallerCore::SetTimer() {
-  if (open_.empty()) {
+  if (open_.IsEmpty()) {
     return;
   }
   const Loop::Time earliest =
-      std::min(open_.begin()->first.first, IsOverdue() ? Loop::Time::max() : ConnectDeadline());
+      std::min(open_.GetDeadline(), IsOverdue() ? Loop::Time::max() : ConnectDeadline());
   if (earliest == Loop::Time::max() || (!wakes_.empty() && *wakes_.begin() <= earliest)) {
     return;
   }
-  wakes_.insert(earliest);
-  loop_->WakeAt(earliest, [weak = weak_from_this(), earliest] {
-    if (const auto core = weak.lock()) {
-      core->wakes_.erase(earliest);
-      core->OnWake();
-    }
-  });
-}
-
-CallNames CallerCore::NamesOf(const CallState& state) const {
-  return {state.GetMethod(), task_name_};
+  const auto wake = wakes_.insert(earliest).first;
+  try {
+    loop_->WakeAt(earliest, [weak = weak_from_this(), earliest] {
+      if (const auto core = weak.lock()) {
+        core->wakes_.erase(earliest);
+        core->OnWake();
+      }
+    });
+  } catch (...) {
+    wakes_.erase(wake);
+    throw;
+  }
 }
 
 // A call that has its error, but not yet the names that go with it, ends with that.
-CallError CallerCore::LossFor(const CallState& state, const Loss& loss) const {
+CallError CallerCore::LossFor(const CallState& state, const Loss& loss) const noexcept {
   return state.error_ ? *state.error_
                       : NamesOf(state).Lost(loss, state.phase_ == CallState::Phase::kSent);
 }
 
 // Of several ends of one call the first counts.
-void CallerCore::End(const StatePtr& state, std::optional<CallError> error) {
+void CallerCore::End(const StatePtr& state, std::optional<CallError> error) noexcept {
   if (state->phase_ == CallState::Phase::kEnded) {
     return;
   }
-  open_.erase({state->deadline_, state->number_});
+  Conclude(state, std::move(error));
+  if (busy_ == 0 || !TryDeliverLater(state)) {
+    state->Finish();
+  }
+}
+
+bool CallerCore::TryDeliverLater(const StatePtr& state) noexcept {
+  try {
+    DeliverLater(state);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  return true;
+}
+
+// Inside an operation of the user, who hears by std::bad_alloc that nothing has happened.
+void CallerCore::EndInside(const StatePtr& state, CallError error) {
+  if (state->phase_ == CallState::Phase::kEnded) {
+    return;
+  }
+  DeliverLater(state);
+  TellTask(*state);
+  Conclude(state, std::move(error));
+}
+
+void CallerCore::Conclude(const StatePtr& state, std::optional<CallError> error) noexcept {
+  open_.Remove(*state);
   if (state->has_progress_) {
     progress_.erase(state->id_.value);
   }
-  const auto reason = error ? std::optional(error->GetReason()) : std::nullopt;
-  meter_.End(state->meter_, reason, loop_->Now() - state->started_);
+  if (state->meter_ != nullptr) {
+    const auto reason = error ? std::optional(error->GetReason()) : std::nullopt;
+    meter_.End(state->meter_, reason, loop_->Now() - state->started_);
+  }
   state->phase_ = CallState::Phase::kEnded;
   state->params_ = nullptr;
   state->error_ = std::move(error);
-  if (busy_ == 0) {
-    state->Finish();
-  } else {
-    DeliverLater(state);
-  }
-}
-
-void CallerCore::EndAllLost() {
-  for (const StatePtr& state : CollectOpen()) {
-    End(state, LossFor(*state, loss_));
-  }
-}
-
-// By value: what ends one call may begin and end others.
-std::vector<CallerCore::StatePtr> CallerCore::CollectOpen() const {
-  std::vector<StatePtr> states;
-  states.reserve(open_.size());
-  for (const auto& [key, state] : open_) {
-    states.push_back(state);
-  }
-  std::sort(states.begin(), states.end(),
-            [](const StatePtr& a, const StatePtr& b) { return a->number_ < b->number_; });
-  return states;
 }
 
 }  // namespace tarv::details

@@ -11,7 +11,7 @@
 namespace tarv::details {
 
 template <class Function>
-void RunGuarded(const char* what, const std::string& method, Function&& function) {
+void RunGuarded(const char* what, const std::string& method, Function&& function) noexcept {
   try {
     function();
   } catch (const std::exception& error) {

@@ -4,6 +4,7 @@
 
 #include <tarv/calls/loop.h>
 
+#include <cstdint>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -16,7 +17,8 @@ class Inbox {
  public:
   explicit Inbox(std::shared_ptr<Loop> loop) : loop_(std::move(loop)) {}
 
-  // After Close, the loop alone runs the function, or destroys it.
+  // After Close, the loop alone runs the function, or destroys it. What the loop throws, for want of
+  // memory above all, comes out, and the function is gone.
   void Add(Loop::Function function);
   bool IsEmpty() const { return state_->IsEmpty(); }
   void Drain() {
@@ -29,18 +31,26 @@ class Inbox {
  private:
   class State {
    public:
-    // False when closed: the function is still there.
-    bool Add(Loop::Function& function);
+    // Its number; 0 when closed: the function is still there.
+    std::uint64_t Add(Loop::Function& function);
+    // False when it has run, or runs.
+    bool TakeBack(std::uint64_t number);
     bool IsEmpty() const;
     // False when there is none.
     bool RunFirst();
     bool Close();
 
    private:
+    struct Entry {
+      std::uint64_t number;
+      Loop::Function function;
+    };
+
     bool TakeFirst(Loop::Function& function);
 
     mutable std::mutex mutex_;
-    std::deque<Loop::Function> functions_;
+    std::deque<Entry> entries_;
+    std::uint64_t number_ = 0;
     bool closed_ = false;
   };
 

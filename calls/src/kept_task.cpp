@@ -1,7 +1,9 @@
 #include <tarv/calls/kept_task.h>
 
 #include <algorithm>
-#include <deque>
+#include <cstdint>
+#include <new>
+#include <utility>
 #include <vector>
 
 #include "caller_core.h"
@@ -35,15 +37,21 @@ class details::KeptTaskCore final : public Supervisor,
       : factory_(std::move(factory)),
         has_manager_ended_(std::move(has_manager_ended)),
         policy_(policy),
-        calls_(std::move(calls)) {}
+        calls_(std::move(calls)) {
+    deaths_.reserve(1);
+  }
 
   void OnClientWanted() override {
     Post([](KeptTaskCore& core) { core.Consider(); });
   }
-  void OnConnected() override { Change({State::kConnected, std::nullopt}); }
-  void OnLost(const Loss& loss) override {
+  void OnConnected() noexcept override {
+    const Turn turn(*this);
+    Change({State::kConnected, std::nullopt});
+  }
+  void OnLost(const Loss& loss) noexcept override {
+    const Turn turn(*this);
     is_over_ = is_over_ || (has_manager_ended_ && loss.is_final);
-    deaths_.push_back(calls_->GetLoop()->Now());
+    AddDeath();
     last_ = loss;
     not_before_ = deaths_.back() + Pause();
     Change({State::kEnded, ErrorOf(loss)});
@@ -52,19 +60,45 @@ class details::KeptTaskCore final : public Supervisor,
     }
   }
 
+  // Throws std::bad_alloc: nothing has changed then.
   void AddHandler(const std::string& method, KeptTask::NotificationHandler handler) {
     const auto shared = std::make_shared<KeptTask::NotificationHandler>(std::move(handler));
     handlers_.emplace_back(method, shared);
-    if (client_) {
-      Hear(*client_, handlers_.back());
+    try {
+      if (client_) {
+        Hear(*client_, handlers_.back());
+      }
+    } catch (...) {
+      handlers_.pop_back();
+      throw;
     }
   }
-  void Watch(std::function<void(const TaskStatus&)> watcher) { watcher_ = std::move(watcher); }
+  void Watch(std::function<void(const TaskStatus&)> watcher) {
+    watcher_ = std::make_shared<const Watcher>(std::move(watcher));
+  }
   const TaskStatus& GetStatus() const { return status_; }
 
  private:
   using HandlerPtr = std::shared_ptr<KeptTask::NotificationHandler>;
+  using Watcher = std::function<void(const TaskStatus&)>;
   struct Hearing {};
+
+  // One thing that happens, perhaps inside another. When memory runs out for telling a change later,
+  // the end of the outermost tells it.
+  class Turn {
+   public:
+    explicit Turn(KeptTaskCore& core) : core_(core) { ++core_.turns_; }
+    ~Turn() {
+      if (--core_.turns_ == 0 && std::exchange(core_.is_untold_, false)) {
+        core_.Tell(core_.changes_, core_.status_);
+      }
+    }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+
+   private:
+    KeptTaskCore& core_;
+  };
 
   template <class Function>
   void Post(Function function) {
@@ -76,7 +110,8 @@ class details::KeptTaskCore final : public Supervisor,
   }
 
   // Starts the task, or sees to it that it is started, or says why not.
-  void Consider() {
+  void Consider() noexcept {
+    const Turn turn(*this);
     if (status_.state != State::kStopped && status_.state != State::kEnded) {
       return;
     }
@@ -91,38 +126,56 @@ class details::KeptTaskCore final : public Supervisor,
     }
   }
 
-  void GiveUp(const Loss& loss) {
+  void GiveUp(const Loss& loss) noexcept {
     if (!status_.why || status_.why->GetReason() != loss.reason) {
       Change({State::kEnded, ErrorOf(loss)});
     }
     calls_->FailKept(loss);
   }
 
-  void WaitForPause() {
+  // Without memory for that, the next call tries again.
+  void WaitForPause() noexcept {
     Change({State::kWaiting, ErrorOf(*last_)});
-    calls_->GetLoop()->WakeAt(not_before_, [weak = weak_from_this()] {
-      if (const auto core = weak.lock()) {
-        core->StartTask();
-      }
-    });
+    try {
+      calls_->GetLoop()->WakeAt(not_before_, [weak = weak_from_this()] {
+        if (const auto core = weak.lock()) {
+          core->StartTask();
+        }
+      });
+    } catch (const std::bad_alloc&) {
+      GiveUp(LossOfMemory());
+    }
   }
 
-  void StartTask() {
+  void StartTask() noexcept {
     const auto self = shared_from_this();  // the factory may end everything
+    const Turn turn(*this);
     Change({State::kStarting, std::nullopt});
+    try {
+      deaths_.reserve(deaths_.size() + 1);
+      MakeClient();
+    } catch (const std::bad_alloc&) {
+      Fail(LossOfMemory());
+    }
+  }
+
+  void MakeClient() {
     RunGuarded("the factory", calls_->GetTaskName(), [this] { client_ = factory_(); });
-    hearing_ = std::make_shared<Hearing>();
     if (!client_) {
       const bool has_ended = has_manager_ended_ && has_manager_ended_();
-      const Loss loss = has_ended ? LossOfManager(EndedManager::kOwn) : LossOfMissingClient();
-      OnLost(loss);
-      calls_->FailKept(loss);
+      Fail(has_ended ? LossOfManager(EndedManager::kOwn) : LossOfMissingClient());
       return;
     }
+    hearing_ = std::make_shared<Hearing>();
     for (const auto& handler : handlers_) {
       Hear(*client_, handler);
     }
     calls_->Attach(client_);
+  }
+
+  void Fail(const Loss& loss) noexcept {
+    OnLost(loss);
+    calls_->FailKept(loss);
   }
 
   // A client that is let go of may live a little longer, unheard.
@@ -135,30 +188,52 @@ class details::KeptTaskCore final : public Supervisor,
     });
   }
 
-  void Change(TaskStatus status) {
+  void Change(TaskStatus&& status) noexcept {
     if (status.state != State::kStarting && status.state != State::kConnected) {
       client_.reset();
       hearing_.reset();
     }
     status_ = std::move(status);
-    Post([status = status_](KeptTaskCore& core) {
-      if (const auto watcher = core.watcher_) {
-        RunGuarded("the watcher", core.calls_->GetTaskName(), [&] { watcher(status); });
-      }
-    });
+    try {
+      Post([number = ++changes_, status = status_](KeptTaskCore& core) {
+        core.Tell(number, status);
+      });
+    } catch (const std::bad_alloc&) {
+      is_untold_ = true;
+    }
   }
 
-  bool IsCrashLoop() {
+  // Not what has been overtaken by what there was no memory for.
+  void Tell(std::uint64_t number, TaskStatus status) noexcept {
+    if (number <= told_) {
+      return;
+    }
+    told_ = number;
+    if (const auto watcher = watcher_; watcher && *watcher) {
+      RunGuarded("the watcher", calls_->GetTaskName(), [&] { (*watcher)(status); });
+    }
+  }
+
+  // Where there is no room for one more, it takes the latest one's.
+  void AddDeath() noexcept {
+    const Loop::Time now = calls_->GetLoop()->Now();
+    if (deaths_.size() < deaths_.capacity()) {
+      deaths_.push_back(now);
+    } else {
+      deaths_.back() = now;
+    }
+  }
+  bool IsCrashLoop() noexcept {
     ForgetOldDeaths();
     return deaths_.size() >= policy_.most_deaths;
   }
-  void ForgetOldDeaths() {
+  void ForgetOldDeaths() noexcept {
     const Loop::Time now = calls_->GetLoop()->Now();
-    while (!deaths_.empty() && now - deaths_.front() >= policy_.window) {
-      deaths_.pop_front();
-    }
+    const auto young = std::find_if(deaths_.begin(), deaths_.end(),
+                                    [&](Loop::Time death) { return now - death < policy_.window; });
+    deaths_.erase(deaths_.begin(), young);
   }
-  Duration Pause() {
+  Duration Pause() noexcept {
     ForgetOldDeaths();
     Duration pause = policy_.first_pause;
     for (std::size_t i = 1; i < deaths_.size() && pause < policy_.longest_pause; ++i) {
@@ -166,14 +241,16 @@ class details::KeptTaskCore final : public Supervisor,
     }
     return std::min(pause, policy_.longest_pause);
   }
-  Loss LossOfCrashLoop() const {
-    return {CallReason::kCrashLoop, last_->code,
-            TextOfTask(calls_->GetTaskName()) + " has died " + std::to_string(deaths_.size()) +
-                " times within " + TextOf(policy_.window) +
-                " and is not started again for now; its last words: " + last_->text};
+  Loss LossOfCrashLoop() const noexcept {
+    return {CallReason::kCrashLoop, last_->code, MakeText([this] {
+              return TextOfTask(calls_->GetTaskName()) + " has died " +
+                     std::to_string(deaths_.size()) + " times within " + TextOf(policy_.window) +
+                     " and is not started again for now" +
+                     (last_->text ? "; its last words: " + *last_->text : std::string());
+            })};
   }
-  static CallError ErrorOf(const Loss& loss) {
-    return {loss.reason, loss.text, loss.code, loss.text, {}};
+  CallError ErrorOf(const Loss& loss) const noexcept {
+    return details::ErrorOf(loss, calls_->GetPreparedError());
   }
 
   const KeptTask::Factory factory_;
@@ -183,9 +260,13 @@ class details::KeptTaskCore final : public Supervisor,
   std::shared_ptr<vorpc::IClient> client_;
   std::shared_ptr<Hearing> hearing_;  // as long as that client is heard
   std::vector<std::pair<std::string, HandlerPtr>> handlers_;
-  std::function<void(const TaskStatus&)> watcher_;
+  std::shared_ptr<const Watcher> watcher_;
   TaskStatus status_;
-  std::deque<Loop::Time> deaths_;  // within the window
+  std::uint64_t changes_ = 0;       // of the status
+  std::uint64_t told_ = 0;          // the latest of these that the watcher has heard of
+  bool is_untold_ = false;          // memory ran out for telling the latest
+  int turns_ = 0;                   // inside each other
+  std::vector<Loop::Time> deaths_;  // within the window; has room before a start
   std::optional<Loss> last_;
   Loop::Time not_before_;
   bool is_over_ = false;

@@ -94,16 +94,19 @@ std::uint64_t Histogram::FindQuantile(double share) const {
   return 0;
 }
 
-MethodMeter* Meter::Begin(std::string_view method) {
+MethodMeter* Meter::Find(std::string_view method) {
   const std::lock_guard lock(mutex_);
   auto found = methods_.find(method);
   if (found == methods_.end()) {
     found = methods_.try_emplace(std::string(method)).first;
   }
-  MethodMeter& meter = found->second;
-  ++meter.calls;
-  meter.most_in_flight = std::max(meter.most_in_flight, ++meter.in_flight);
-  return &meter;
+  return &found->second;
+}
+
+void Meter::Begin(MethodMeter* method) {
+  const std::lock_guard lock(mutex_);
+  ++method->calls;
+  method->most_in_flight = std::max(method->most_in_flight, ++method->in_flight);
 }
 
 void Meter::AddBytes(MethodMeter* method, std::size_t sent, std::size_t received) {

@@ -36,7 +36,7 @@ class Histogram {
 
 struct MethodMeter {
   std::uint64_t calls = 0;
-  std::array<std::uint64_t, 2 + static_cast<std::size_t>(CallReason::kWouldBlock)> ends{};
+  std::array<std::uint64_t, 2 + static_cast<std::size_t>(CallReason::kOutOfMemory)> ends{};
   std::uint64_t in_flight = 0;
   std::uint64_t most_in_flight = 0;
   std::uint64_t bytes_sent = 0;
@@ -44,10 +44,11 @@ struct MethodMeter {
   Histogram durations;
 };
 
-// Any thread. What Begin returns is valid as long as the meter.
+// Any thread. What Find returns is valid as long as the meter; Find alone takes memory.
 class Meter {
  public:
-  MethodMeter* Begin(std::string_view method);
+  MethodMeter* Find(std::string_view method);
+  void Begin(MethodMeter* method);
   void AddBytes(MethodMeter* method, std::size_t sent, std::size_t received);
   void End(MethodMeter* method, std::optional<CallReason> error, Duration duration);
   Metrics GetMetrics() const;

@@ -6,6 +6,7 @@
 #include <QObject>
 #include <QThread>
 #include <algorithm>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <thread>
@@ -93,25 +94,50 @@ class FunctionEvent final : public QEvent {
   const Loop::Function function_;
 };
 
+class Clerk;
+
+// A timer of a clerk's, which fires until it is stopped.
+class Ticker final : public QObject {
+ public:
+  explicit Ticker(Clerk& clerk) : clerk_(clerk) {}
+
+  // Throws std::bad_alloc: it does not run then. It must be stopped.
+  void Start(std::chrono::milliseconds wait) {
+    timer_ = qt::details::StartTimer(*this, wait, Qt::PreciseTimer);
+  }
+  void Stop() {
+    if (timer_ != 0) {
+      killTimer(std::exchange(timer_, 0));
+    }
+  }
+  bool IsRunning() const { return timer_ != 0; }
+
+ protected:
+  void timerEvent(QTimerEvent* event) override;
+
+ private:
+  Clerk& clerk_;
+  int timer_ = 0;
+};
+
 // Stands in the thread for the loop: gets its events and has its one timer. Takes one function at a
 // time, so that an event loop inside one runs the next.
 class Clerk final : public QObject {
  public:
   explicit Clerk(std::weak_ptr<Agenda> agenda) : agenda_(std::move(agenda)) {}
 
-  // Throws std::bad_alloc: there is no timer then, until the next event tries again.
+  // Throws std::bad_alloc: the timer that runs goes on then, and when it fires it is tried again.
   void SetTimer() {
     const auto agenda = agenda_.lock();
-    if (timer_ != 0) {
-      killTimer(std::exchange(timer_, 0));
-    }
     Loop::Time earliest;
     has_wakes_ = agenda && agenda->FindEarliest(earliest);
     if (has_wakes_) {
       // Rounded up: a timer that fires too early would only be set again.
       const auto wait = std::chrono::ceil<std::chrono::milliseconds>(earliest - Loop::Clock::now());
-      timer_ = qt::details::StartTimer(*this, std::clamp(wait, kNow, kLongest), Qt::PreciseTimer);
+      next_->Start(std::clamp(wait, kNow, kLongest));
     }
+    ticker_->Stop();
+    std::swap(ticker_, next_);
   }
   void TrySetTimer() noexcept {
     try {
@@ -119,21 +145,27 @@ class Clerk final : public QObject {
     } catch (const std::bad_alloc&) {
     }
   }
+  void RunDue() {
+    const Run run(running_);
+    const auto agenda = agenda_.lock();
+    const Loop::Function function = agenda ? agenda->TakeDue(Loop::Clock::now()) : Loop::Function();
+    TrySetTimer();
+    if (function) {
+      function();
+    }
+  }
   bool IsRunning() const { return running_ > 0; }
 
  protected:
   bool event(QEvent* event) override {
-    const bool is_function = event->type() == FunctionEvent::GetType();
-    if (!is_function && event->type() != QEvent::Timer) {
+    if (event->type() != FunctionEvent::GetType()) {
       return QObject::event(event);
     }
     const Run run(running_);
-    if (has_wakes_ && timer_ == 0) {
+    if (has_wakes_ && !ticker_->IsRunning()) {
       TrySetTimer();
     }
-    if (!is_function) {
-      RunDue();
-    } else if (!agenda_.expired()) {
+    if (!agenda_.expired()) {
       static_cast<const FunctionEvent*>(event)->Run();
     }
     return true;
@@ -155,20 +187,16 @@ class Clerk final : public QObject {
     int& running_;
   };
 
-  void RunDue() {
-    const auto agenda = agenda_.lock();
-    const Loop::Function function = agenda ? agenda->TakeDue(Loop::Clock::now()) : Loop::Function();
-    TrySetTimer();
-    if (function) {
-      function();
-    }
-  }
-
   const std::weak_ptr<Agenda> agenda_;
-  int timer_ = 0;
-  bool has_wakes_ = false;  // when the timer was set
+  Ticker first_{*this};
+  Ticker second_{*this};
+  Ticker* ticker_ = &first_;  // runs
+  Ticker* next_ = &second_;   // runs when the timer is set the next time
+  bool has_wakes_ = false;    // when the timer was set
   int running_ = 0;
 };
+
+void Ticker::timerEvent(QTimerEvent* /*event*/) { clerk_.RunDue(); }
 
 // The loops there are, by their threads. No thread_local: the C library ends the process when it
 // finds no memory to destroy one at the thread's end.
@@ -206,7 +234,11 @@ class QtLoop final : public Loop {
     }
   }
 
-  bool IsCurrent() const override { return QThread::currentThread() == clerk_->thread(); }
+  // The number comes first: on a thread that is not its own, Qt makes itself an object, and crashes
+  // when memory runs out for that. It does not suffice: an ended thread leaves it to a new one.
+  bool IsCurrent() const override {
+    return std::this_thread::get_id() == maker_ && QThread::currentThread() == clerk_->thread();
+  }
   void Post(Function function) override {
     QCoreApplication::postEvent(clerk_, new FunctionEvent(std::move(function)));
   }
@@ -240,7 +272,8 @@ class QtLoop final : public Loop {
 
   const std::thread::id maker_ = std::this_thread::get_id();
   std::shared_ptr<Agenda> agenda_ = std::make_shared<Agenda>();
-  Clerk* const clerk_ = new Clerk(agenda_);
+  // A plain `new` here leaks when the constructor throws: GCC 12 does not give its memory back.
+  Clerk* const clerk_ = std::make_unique<Clerk>(agenda_).release();
 };
 
 }  // namespace
@@ -251,13 +284,20 @@ std::shared_ptr<Loop> Loop::OfThisThread() {
   Registry& registry = GetRegistry();
   std::shared_ptr<Loop> stale;  // destroyed after unlocking
   const std::lock_guard lock(registry.mutex);
-  std::weak_ptr<Loop>& known = registry.loops[std::this_thread::get_id()];
-  auto loop = known.lock();
+  const auto known = registry.loops.try_emplace(std::this_thread::get_id()).first;
+  auto loop = known->second.lock();
   // A thread that has ended leaves its number to a new one.
-  if (!loop || !loop->IsCurrent()) {
-    stale = std::exchange(loop, std::make_shared<QtLoop>());
-    known = loop;
+  if (loop && loop->IsCurrent()) {
+    return loop;
   }
+  stale.swap(loop);
+  try {
+    loop = std::make_shared<QtLoop>();
+  } catch (...) {
+    registry.loops.erase(known);
+    throw;
+  }
+  known->second = loop;
   return loop;
 }
 

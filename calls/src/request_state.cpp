@@ -3,6 +3,7 @@
 #include <tarv/calls/call_error.h>
 #include <tarv/calls/request.h>
 
+#include <new>
 #include <utility>
 
 #include "guarded.h"
@@ -14,94 +15,92 @@ namespace {
 
 using vorpc::Message;
 
-void Count(const OpenRequest& open, std::optional<CallReason> error, std::size_t bytes) {
-  if (open.meter) {
-    open.meter->AddBytes(open.method_meter, bytes, 0);
-    open.meter->End(open.method_meter, error, open.loop->Now() - open.started);
+// Where nobody is left to hear that memory ran out: the service answers later.
+void SendOrOwe(const std::shared_ptr<OpenRequest>& open, Answer&& answer) noexcept {
+  try {
+    SendAnswer(*open, std::move(answer));
+  } catch (const std::bad_alloc&) {
+    Owe(open);
   }
 }
 
-void Forget(const OpenRequest& open) {
-  if (const auto core = open.core.lock()) {
-    core->Forget(open.id);
+void SendOrPost(const std::shared_ptr<OpenRequest>& open, Answer&& answer) {
+  if (open->loop->IsCurrent()) {
+    SendAnswer(*open, std::move(answer));
+  } else {
+    open->loop->Post(
+        [open, answer = std::move(answer)]() mutable { SendOrOwe(open, std::move(answer)); });
   }
-}
-
-// std::function wants to be copied, which a request that is open cannot.
-using SharedOpen = std::shared_ptr<OpenRequest>;
-
-void SendResult(SharedOpen open, cw::EncodableValue&& result) {
-  Count(*open, std::nullopt, open->meter ? CountBytes(result) : 0);
-  const auto loop = open->loop;
-  if (loop->IsCurrent()) {
-    Forget(*open);
-    open->reply->SendResult(std::move(result));
-    return;
-  }
-  loop->Post([open = std::move(open), result = std::move(result)]() mutable {
-    Forget(*open);
-    open->reply->SendResult(std::move(result));
-  });
-}
-
-void SendError(SharedOpen open, std::int32_t code, std::string message, cw::EncodableValue data) {
-  Count(*open, code == kRequestCancelled ? CallReason::kCancelled : CallReason::kAnswered, 0);
-  const auto loop = open->loop;
-  RunOn(loop, [open = std::move(open), code, message = std::move(message), data = std::move(data)] {
-    Forget(*open);
-    open->reply->SendError(code, message, data);
-  });
 }
 
 }  // namespace
 
-RequestState::RequestState(std::unique_ptr<OpenRequest> request)
-    : loop_(request->loop),
-      method_(request->method),
-      id_(request->id),
-      server_(request->server),
-      core_(request->core),
-      open_(std::move(request)) {}
+RequestState::RequestState(const OpenRequest& request)
+    : loop_(request.loop),
+      method_(request.method),
+      id_(request.id),
+      server_(request.server),
+      core_(request.core) {}
+
+void RequestState::Open(std::shared_ptr<OpenRequest> request) noexcept {
+  open_ = std::move(request);
+}
 
 RequestState::~RequestState() {
-  if (!open_) {
+  const auto open = open_;
+  if (!open) {
     return;
   }
-  if (cancelled_) {
-    SendError(std::move(open_), kRequestCancelled, "The request '" + method_ + "' was cancelled.",
-              {});
-  } else {
-    SendError(std::move(open_), Message::kInternalError,
-              "The request '" + method_ + "' was dropped by its handler, unanswered.", {});
+  try {
+    Give(MakeAnswerOfEnd());
+  } catch (const std::bad_alloc&) {
+    Owe(open);
   }
 }
 
-// Null, after a line in the log, when the request has an answer.
-std::unique_ptr<OpenRequest> RequestState::TakeOpen() {
-  std::function<void()> on_cancel;  // destroyed after unlocking
-  std::unique_ptr<OpenRequest> open;
-  {
-    const std::lock_guard lock(mutex_);
-    open = std::move(open_);
-    on_cancel.swap(on_cancel_);
+Answer RequestState::MakeAnswerOfEnd() const {
+  if (cancelled_) {
+    return Answer::Error(kRequestCancelled, "The request '" + method_ + "' was cancelled.");
   }
-  if (!open) {
+  return Answer::Error(Message::kInternalError,
+                       "The request '" + method_ + "' was dropped by its handler, unanswered.");
+}
+
+void RequestState::Give(Answer&& answer) {
+  Taken taken = Take();
+  if (!taken.open) {
     QUARN_LOG_ERROR() << "The request '" << quarn::Escaped{method_}
                       << "' has its answer; another one was given and is dropped.";
+    return;
   }
-  return open;
+  try {
+    SendOrPost(taken.open, std::move(answer));
+  } catch (const std::bad_alloc&) {
+    PutBack(std::move(taken));
+    throw;
+  }
+}
+
+RequestState::Taken RequestState::Take() {
+  Taken taken;
+  const std::lock_guard lock(mutex_);
+  taken.open.swap(open_);
+  taken.on_cancel.swap(on_cancel_);
+  return taken;
+}
+
+void RequestState::PutBack(Taken&& taken) noexcept {
+  const std::lock_guard lock(mutex_);
+  open_.swap(taken.open);
+  on_cancel_.swap(taken.on_cancel);
 }
 
 void RequestState::AnswerResult(cw::EncodableValue&& result) {
-  if (auto open = TakeOpen()) {
-    SendResult(std::move(open), std::move(result));
-  }
+  Give({true, 0, {}, std::move(result)});
 }
 
 void RequestState::AnswerError(std::int32_t code, std::string message, cw::EncodableValue data) {
-  if (auto open = TakeOpen()) {
-    SendError(std::move(open), code, std::move(message), std::move(data));
-  }
+  Give({false, code, std::move(message), std::move(data)});
 }
 
 void RequestState::AnswerMisfit(const Misfit& misfit, const char* root) {
@@ -147,7 +146,13 @@ void RequestState::OnCancel(std::function<void()> callback) {
       return;
     }
   }
-  loop_->Post([self = shared_from_this()] { self->Cancel(); });
+  try {
+    loop_->Post([self = shared_from_this()] { self->Cancel(); });
+  } catch (const std::bad_alloc&) {
+    const std::lock_guard lock(mutex_);
+    on_cancel_.swap(callback);  // destroyed after unlocking
+    throw;
+  }
 }
 
 void RequestState::Cancel() {

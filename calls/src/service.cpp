@@ -29,19 +29,30 @@ std::shared_ptr<Service> Service::For(const std::shared_ptr<vorpc::IServer>& ser
   }
   Registry& registry = GetRegistry();
   const std::lock_guard lock(registry.mutex);
-  std::weak_ptr<Service>& known = registry.services[server.get()];
-  auto service = known.lock();
-  if (!service) {
-    service = std::make_shared<Service>(server, std::move(loop), PrivateTag());
-    known = service;
+  const auto known = registry.services.try_emplace(server.get()).first;
+  auto service = known->second.lock();
+  if (service) {
+    return service;
   }
+  try {
+    service = std::make_shared<Service>(server, std::move(loop), PrivateTag());
+  } catch (...) {
+    registry.services.erase(known);
+    throw;
+  }
+  known->second = service;
   return service;
 }
 
 Service::Service(const std::shared_ptr<vorpc::IServer>& server, std::shared_ptr<Loop> loop,
                  PrivateTag)
     : core_(std::make_shared<details::ServiceCore>(server, std::move(loop))) {
-  core_->Start();
+  try {
+    core_->Start();
+  } catch (...) {
+    core_->Withdraw();
+    throw;
+  }
 }
 
 Service::~Service() {

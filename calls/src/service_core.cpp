@@ -1,11 +1,14 @@
 #include "service_core.h"
 
 #include <cw/codec_limits.h>
-#include <tarv/calls/resuming.h>
 #include <tarv/version.h>
 
+#include <cstddef>
+#include <new>
 #include <stdexcept>
 #include <utility>
+
+#include "guarded.h"
 
 namespace tarv::details {
 
@@ -14,6 +17,8 @@ namespace {
 using vorpc::Message;
 
 constexpr std::int32_t kVersionOfCalls = 1;
+constexpr char kNoMemoryForRequest[] = "Memory ran out for the request.";
+constexpr char kNoMemoryForAnswer[] = "Memory ran out for the answer.";
 // The levels of a message around a parameter, at most.
 constexpr std::size_t kEnvelopeLevels = 3;
 
@@ -27,7 +32,47 @@ void CheckName(const std::string& name) {
   }
 }
 
+// As a server answers for a method that has no handler any more.
+void AnswerUnknown(vorpc::IReply& reply, const std::string& method) {
+  reply.SendError(Message::kUnknownMethod, "Unknown method '" + method + "()'", {});
+}
+
+void Count(const OpenRequest& open, std::optional<CallReason> reason, std::size_t bytes) {
+  if (open.meter) {
+    open.meter->AddBytes(open.method_meter, bytes, 0);
+    open.meter->End(open.method_meter, reason, open.loop->Now() - open.started);
+  }
+}
+
+CallReason ReasonOf(const Answer& error) {
+  return error.code == kRequestCancelled ? CallReason::kCancelled : CallReason::kAnswered;
+}
+
+void Forget(const OpenRequest& open) {
+  if (const auto core = open.core.lock()) {
+    core->Forget(open.id);
+  }
+}
+
 }  // namespace
+
+void SendAnswer(OpenRequest& open, Answer&& answer) {
+  if (answer.is_result) {
+    const std::size_t bytes = open.meter ? CountBytes(answer.value) : 0;
+    open.reply->SendResult(std::move(answer.value));
+    Count(open, std::nullopt, bytes);
+  } else {
+    open.reply->SendError(answer.code, answer.message, answer.value);
+    Count(open, ReasonOf(answer), 0);
+  }
+  Forget(open);
+}
+
+void Owe(const std::shared_ptr<OpenRequest>& open) noexcept {
+  if (const auto core = open->core.lock()) {
+    core->Owe(open);
+  }
+}
 
 ServiceCore::ServiceCore(std::shared_ptr<vorpc::IServer> server, std::shared_ptr<Loop> loop)
     : server_(std::move(server)), loop_(std::move(loop)) {}
@@ -35,7 +80,7 @@ ServiceCore::ServiceCore(std::shared_ptr<vorpc::IServer> server, std::shared_ptr
 // Answers a method that every task has, without counting it.
 template <class Get>
 void ServiceCore::AnswerAlways(std::string_view method, Get get) {
-  const auto entry = std::make_shared<Entry>();
+  const auto entry = own_.emplace_back(std::make_shared<Entry>());
   entry->handler = [get = std::move(get)](const cw::EncodableValue& /*params*/,
                                           const RequestPtr& request) {
     request->AnswerResult(ToEncodable(get()));
@@ -62,64 +107,122 @@ void ServiceCore::Start() {
 void ServiceCore::Add(MethodDescription description, Handler handler) {
   CheckName(description.name);
   const std::string name = description.name;
-  auto entry = std::make_shared<Entry>(Entry{std::move(description), std::move(handler)});
+  std::map<std::string, EntryPtr> added;
+  EntryPtr& entry = added[name];
+  entry = std::make_shared<Entry>(Entry{std::move(description), std::move(handler)});
   Listen(name, entry);
   const std::lock_guard lock(mutex_);
-  // After the swap this holds the old entry; it is destroyed after unlocking.
-  entries_[name].swap(entry);
+  const auto found = entries_.find(name);
+  if (found == entries_.end()) {
+    entries_.merge(added);
+  } else {
+    found->second.swap(entry);  // the old entry is destroyed after unlocking
+  }
 }
 
+// The server's function holds nothing of the service's, so that it may stay there without it.
 void ServiceCore::Listen(const std::string& method, const EntryPtr& entry) {
   server_->OnRequest(
-      method, [weak = weak_from_this(), loop = loop_, entry](
-                  const std::string& /*name*/, const cw::EncodableValue& params, ReplyPtr&& reply) {
-        if (loop->IsCurrent()) {
-          if (const auto core = weak.lock()) {
-            core->Serve(entry, params, std::move(reply));
-          }
-          return;
+      method, [weak = weak_from_this(), weak_entry = std::weak_ptr<Entry>(entry)](
+                  const std::string& name, const cw::EncodableValue& params, ReplyPtr&& reply) {
+        const auto core = weak.lock();
+        const auto locked = weak_entry.lock();
+        if (core && locked) {
+          core->Receive(locked, params, reply);
+        } else {
+          AnswerUnknown(*reply, name);
         }
-        const auto shared = std::make_shared<ReplyPtr>(std::move(reply));
-        loop->Post([weak, entry, params, shared] {
-          if (const auto core = weak.lock()) {
-            core->Serve(entry, params, std::move(*shared));
-          }
-        });
       });
 }
 
-void ServiceCore::Withdraw() {
+// Any thread. A request that memory runs out for is answered so. When there is none for that answer
+// either, the exception ends the connection.
+void ServiceCore::Receive(const EntryPtr& entry, const cw::EncodableValue& params,
+                          ReplyPtr& reply) {
+  try {
+    if (loop_->IsCurrent()) {
+      Serve(entry, params, reply);
+    } else {
+      PassOn(entry, params, reply);
+    }
+  } catch (const std::bad_alloc&) {
+    if (reply == nullptr) {
+      throw;  // it is with its handler
+    }
+    reply->SendError(Message::kInternalError, kNoMemoryForRequest, {});
+  }
+}
+
+void ServiceCore::PassOn(const EntryPtr& entry, const cw::EncodableValue& params, ReplyPtr& reply) {
+  const auto shared = std::make_shared<ReplyPtr>(std::move(reply));
+  try {
+    loop_->Post([weak = weak_from_this(), entry, params, shared] {
+      RunGuarded("the request", entry->description.name, [&] {
+        if (const auto core = weak.lock()) {
+          core->Receive(entry, params, *shared);
+        } else {
+          AnswerUnknown(**shared, entry->description.name);
+        }
+      });
+    });
+  } catch (const std::bad_alloc&) {
+    reply = std::move(*shared);
+    throw;
+  }
+}
+
+void ServiceCore::Withdraw() noexcept {
+  AnswerOwed();
   std::map<std::string, EntryPtr> entries;
   {
     const std::lock_guard lock(mutex_);
     entries.swap(entries_);
   }
   for (const auto& [name, entry] : entries) {
-    server_->OnRequest(name, nullptr);
+    WithdrawMethod(name);
   }
-  server_->OnRequest(kDescribe.name, nullptr);
-  server_->OnRequest(kMetrics.name, nullptr);
-  DestroyKept();
+  WithdrawMethod(std::string(kDescribe.name));
+  WithdrawMethod(std::string(kMetrics.name));
+  own_.clear();
+  Resuming::DestroyOutside(std::exchange(kept_, {}));
 }
 
-// At once, so that they touch nothing that goes after the service; but later if one of them is what
-// ends the service, as nothing destroys a coroutine that runs.
-void ServiceCore::DestroyKept() {
-  if (Resuming::IsAnywhere()) {
-    loop_->Post([kept = std::exchange(kept_, {})] {});
+// Without memory for that, the server's function stays, and answers that the method is unknown.
+void ServiceCore::WithdrawMethod(const std::string& name) noexcept {
+  RunGuarded("the withdrawal", name, [&] { server_->OnRequest(name, nullptr); });
+}
+
+void ServiceCore::Owe(std::shared_ptr<OpenRequest> open) noexcept {
+  const std::lock_guard lock(mutex_);
+  open->next = std::move(owed_);
+  owed_ = std::move(open);
+}
+
+std::shared_ptr<OpenRequest> ServiceCore::TakeOwed() noexcept {
+  const std::lock_guard lock(mutex_);
+  auto open = std::move(owed_);
+  if (open) {
+    owed_ = std::move(open->next);
   }
-  // One at a time: what a coroutine holds may end others.
-  while (!kept_.empty()) {
-    const auto work = std::move(kept_.begin()->second);
-    kept_.erase(kept_.begin());
+  return open;
+}
+
+void ServiceCore::AnswerOwed() noexcept {
+  while (const auto open = TakeOwed()) {
+    try {
+      SendAnswer(*open, Answer::Error(Message::kInternalError, kNoMemoryForAnswer));
+    } catch (const std::bad_alloc&) {
+      Owe(open);
+      return;
+    }
   }
 }
 
-void ServiceCore::Serve(const EntryPtr& entry, const cw::EncodableValue& params, ReplyPtr reply) {
+void ServiceCore::Serve(const EntryPtr& entry, const cw::EncodableValue& params, ReplyPtr& reply) {
   const auto self = shared_from_this();  // the handler may end the service
-  const Resuming resuming;               // and may be a coroutine
-  const std::string& name = entry->description.name;
-  const RequestPtr request = Open(name, params, std::move(reply));
+  Resuming resuming;                     // and may be a coroutine
+  AnswerOwed();
+  const RequestPtr request = Open(entry->description.name, params, reply);
   try {
     entry->handler(params, request);
   } catch (...) {
@@ -127,30 +230,41 @@ void ServiceCore::Serve(const EntryPtr& entry, const cw::EncodableValue& params,
   }
 }
 
+// Takes the reply when nothing can fail any more.
 RequestPtr ServiceCore::Open(const std::string& method, const cw::EncodableValue& params,
-                             ReplyPtr reply) {
-  auto open = std::make_unique<OpenRequest>();
-  open->loop = loop_;
-  open->method = method;
-  open->id = reply->GetRequestId().value;
-  open->server = server_;
-  open->core = weak_from_this();
-  open->started = loop_->Now();
-  open->reply = std::move(reply);
-  if (!method.empty()) {  // the layer's own requests are not counted
-    open->meter = meter_;
-    open->method_meter = meter_->Begin(method);
+                             ReplyPtr& reply) {
+  auto open = MakeOpen(method, *reply);
+  auto request = std::make_shared<RequestState>(*open);
+  open_[open->id] = request;
+  if (open->meter) {
+    meter_->Begin(open->method_meter);
     meter_->AddBytes(open->method_meter, 0, CountBytes(params));
   }
-  const std::string id = open->id;
-  auto request = std::make_shared<RequestState>(std::move(open));
-  open_[id] = request;
+  open->reply = std::move(reply);
+  request->Open(std::move(open));
   return request;
 }
 
-void ServiceCore::Forget(const std::string& id) { open_.erase(id); }
+std::shared_ptr<OpenRequest> ServiceCore::MakeOpen(const std::string& method,
+                                                   const vorpc::IReply& reply) {
+  auto open = std::make_shared<OpenRequest>();
+  open->loop = loop_;
+  open->method = method;
+  open->id = reply.GetRequestId().value;
+  open->server = server_;
+  open->core = weak_from_this();
+  open->started = loop_->Now();
+  if (!method.empty()) {  // the layer's own requests are not counted
+    open->meter = meter_;
+    open->method_meter = meter_->Find(method);
+  }
+  return open;
+}
+
+void ServiceCore::Forget(const std::string& id) noexcept { open_.erase(id); }
 
 void ServiceCore::OnCancel(const Message::Notification& cancel) {
+  AnswerOwed();
   const auto* const id = cancel.params.Find<std::string>("id");
   const auto found = id != nullptr ? open_.find(*id) : open_.end();
   if (found == open_.end()) {
@@ -166,7 +280,7 @@ void ServiceCore::Keep(std::shared_ptr<void> work) {
   kept_.emplace(key, std::move(work));
 }
 
-void ServiceCore::LetGo(const void* work) {
+void ServiceCore::LetGo(const void* work) noexcept {
   const auto found = kept_.find(work);
   if (found != kept_.end()) {
     const auto last = std::move(found->second);  // destroyed after it is out of the map
@@ -174,20 +288,27 @@ void ServiceCore::LetGo(const void* work) {
   }
 }
 
+// On another thread, without memory, it goes with the service.
+static void LetGoOn(const std::shared_ptr<Loop>& loop, const std::weak_ptr<ServiceCore>& core,
+                    const void* work) noexcept {
+  RunGuarded("the end of a coroutine", "Service", [&] {
+    RunOn(loop, [core, work] {
+      if (const auto locked = core.lock()) {
+        locked->LetGo(work);
+      }
+    });
+  });
+}
+
 std::function<void()> KeepUntilDone(const RequestState& request, std::shared_ptr<void> work) {
   const auto core = request.GetCore().lock();
   if (!core) {
     return [] {};
   }
-  const void* const key = work.get();
+  std::function<void()> let_go = [weak = request.GetCore(), key = work.get(),
+                                  loop = core->GetLoop()] { LetGoOn(loop, weak, key); };
   core->Keep(std::move(work));
-  return [weak = request.GetCore(), key, loop = core->GetLoop()] {
-    RunOn(loop, [weak, key] {
-      if (const auto locked = weak.lock()) {
-        locked->LetGo(key);
-      }
-    });
-  };
+  return let_go;
 }
 
 Description ServiceCore::GetDescription() const {

@@ -15,9 +15,15 @@ namespace tarv {
 // Lives until its last thread has ended.
 class Workers::Pool : public std::enable_shared_from_this<Pool> {
  public:
+  // Throws std::bad_alloc, or std::system_error when there is no thread to be had: none runs then.
   void Start(std::size_t threads) {
-    for (std::size_t i = 0; i < std::max<std::size_t>(threads, 1); ++i) {
-      threads_.emplace_back([self = shared_from_this()] { self->Work(); });
+    try {
+      for (std::size_t i = 0; i < std::max<std::size_t>(threads, 1); ++i) {
+        threads_.emplace_back([self = shared_from_this()] { self->Work(); });
+      }
+    } catch (...) {
+      End();
+      throw;
     }
   }
 

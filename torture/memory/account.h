@@ -2,6 +2,7 @@
 #ifndef TORTURE_ACCOUNT_H
 #define TORTURE_ACCOUNT_H
 
+#include <cstddef>
 #include <memory>
 #include <new>
 #include <string>
@@ -25,6 +26,18 @@ class Debt {
   bool is_refused_ = false;
 };
 
+// Debts that are paid in the order in which they were added, as messages keep theirs.
+class DebtQueue {
+ public:
+  void Add(std::shared_ptr<Debt> debt);
+  // Pays the first that was not refused: what was refused was not sent.
+  void PayFirst();
+  void PayAll();
+
+ private:
+  std::vector<std::shared_ptr<Debt>> debts_;
+};
+
 class Account {
  public:
   std::shared_ptr<Debt> Owe();
@@ -46,7 +59,8 @@ class Account {
   }
   void CountError() { ++errors_; }
 
-  bool IsSettled() const;
+  bool IsSettled() const { return CountOwed() == 0; }
+  std::size_t CountOwed() const;
   // What is wrong with one of the debts, or "".
   std::string WhatIsWrong() const;
   int CountRefusals() const { return refusals_; }

@@ -171,6 +171,18 @@ void MendMemory() {
   nth_fails = 0;
 }
 
+Want TakeWant() {
+  const Want want{nth_fails, goes_on_failing, asked, failed};
+  MendMemory();
+  return want;
+}
+
+void PutWant(const Want& want) {
+  LetMemoryFail(want.nth, want.lasting);
+  asked = want.asked;
+  failed = want.failed;
+}
+
 OwnMemory::OwnMemory() : before_(counts) { counts = false; }
 OwnMemory::~OwnMemory() { counts = before_; }
 

@@ -13,6 +13,18 @@ void LetMemoryFail(long nth, bool lasting);
 // All succeed again.
 void MendMemory();
 
+// What LetMemoryFail() has begun, with its counts, on its way to another thread.
+struct Want {
+  long nth = 0;
+  bool lasting = false;
+  long asked = 0;
+  long failed = 0;
+};
+// Ends it on this thread.
+Want TakeWant();
+// Goes on with it on this thread.
+void PutWant(const Want& want);
+
 // What the torture itself takes in this scope never fails, and is not counted.
 class OwnMemory {
  public:

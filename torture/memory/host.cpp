@@ -5,7 +5,6 @@
 #include <QByteArray>
 #include <QJsonObject>
 #include <utility>
-#include <vector>
 
 #include "failing_memory.h"
 #include "scenario.h"
@@ -66,7 +65,7 @@ class TaskAlone final : public Scenario {
     Try([this] {
       auto messaging = std::make_unique<TaskMessaging>(task_->socketPath());
       QObject::connect(messaging.get(), &TaskMessaging::messageReceived, messaging.get(),
-                       [this](const QJsonObject& /*message*/) { PayOne(); });
+                       [this](const QJsonObject& /*message*/) { unanswered_.PayFirst(); });
       QObject::connect(messaging.get(), &TaskMessaging::disconnected, messaging.get(),
                        [this](const Error& /*error*/) { OnLost(); });
       messaging_ = std::move(messaging);
@@ -82,7 +81,7 @@ class TaskAlone final : public Scenario {
     QJsonObject message;
     {
       const OwnMemory own;
-      unanswered_.push_back(debt);
+      unanswered_.Add(debt);
       message = {{"number", number}};
     }
     Try(debt, [&] { messaging_->sendMessage(message); });
@@ -107,32 +106,18 @@ class TaskAlone final : public Scenario {
     };
   }
 
-  // Messages keep their order, and what was refused was not sent.
-  void PayOne() {
-    const OwnMemory own;
-    while (!unanswered_.empty()) {
-      const auto debt = unanswered_.front();
-      unanswered_.erase(unanswered_.begin());
-      if (!debt->IsRefused()) {
-        debt->Pay();
-        return;
-      }
-    }
-  }
   void OnLost() {
     is_lost_ = true;
     if (!has_stopped_) {
       CountError();
     }
-    while (!unanswered_.empty()) {
-      PayOne();
-    }
+    unanswered_.PayAll();
   }
 
   const QString kName = QStringLiteral("echoing");
   std::unique_ptr<Task> task_;
   std::unique_ptr<TaskMessaging> messaging_;
-  std::vector<std::shared_ptr<Debt>> unanswered_;
+  DebtQueue unanswered_;
   bool is_started_ = false;
   bool has_stopped_ = false;
   bool is_lost_ = false;

@@ -1,6 +1,10 @@
 #include "scenario.h"
 
+#include <QCoreApplication>
+#include <QEvent>
+#include <QObject>
 #include <map>
+#include <vector>
 
 #include "facts.h"
 #include "failing_memory.h"
@@ -62,8 +66,20 @@ bool EndTasks(Loop& loop) {
   return loop.RunUntil([] { return test::Children().empty(); }, kPatience);
 }
 
+// Qt keeps the room of its lists of events and timers.
+void GrowListsOfQt(Loop& loop) {
+  constexpr std::size_t kMany = 100;
+  std::vector<QObject> objects(kMany);
+  for (QObject& object : objects) {
+    object.startTimer(std::chrono::hours(1));
+    QCoreApplication::postEvent(&object, new QEvent(QEvent::User));
+  }
+  loop.RunUntil([] { return false; }, std::chrono::milliseconds(10));
+}
+
 // What is made once is there after that.
 void MakeWhatIsKept(ScenarioMaker make, Loop& loop) {
+  GrowListsOfQt(loop);
   PlayWhole(make, loop, "the first time");
   PlayWhole(make, loop, "the second time");
   EndTasks(loop);
@@ -74,9 +90,20 @@ void MakeWhatIsKept(ScenarioMaker make, Loop& loop) {
 
 ScenarioMaker FindScenario(const std::string& operation) {
   static const std::map<std::string, ScenarioMaker> kMakers = {
-      {"task alone", &MakeTaskAlone},           {"tables", &MakeTables},
-      {"server's tables", &MakeTablesOfServer}, {"register intent", &MakeRegisterIntent},
+      {"task alone", &MakeTaskAlone},
+      {"tables", &MakeTables},
+      {"server's tables", &MakeTablesOfServer},
+      {"register intent", &MakeRegisterIntent},
       {"invoke intent", &MakeInvokeIntent},
+      {"service", &MakeServiceMade},
+      {"calls", &MakeCalls},
+      {"steps of a call", &MakeSteps},
+      {"ends of calls", &MakeEndsOfCalls},
+      {"late answers", &MakeLateAnswers},
+      {"answer of a thread", &MakeAnswerOfAThread},
+      {"call of a thread", &MakeCallOfAThread},
+      {"pending calls", &MakePendingCalls},
+      {"kept task", &MakeKeptTask},
   };
   const auto found = kMakers.find(operation);
   return found == kMakers.end() ? nullptr : found->second;

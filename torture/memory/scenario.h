@@ -58,6 +58,15 @@ std::unique_ptr<Scenario> MakeTables(Loop& loop);
 std::unique_ptr<Scenario> MakeTablesOfServer(Loop& loop);
 std::unique_ptr<Scenario> MakeRegisterIntent(Loop& loop);
 std::unique_ptr<Scenario> MakeInvokeIntent(Loop& loop);
+std::unique_ptr<Scenario> MakeServiceMade(Loop& loop);
+std::unique_ptr<Scenario> MakeCalls(Loop& loop);
+std::unique_ptr<Scenario> MakeSteps(Loop& loop);
+std::unique_ptr<Scenario> MakeEndsOfCalls(Loop& loop);
+std::unique_ptr<Scenario> MakeLateAnswers(Loop& loop);
+std::unique_ptr<Scenario> MakeAnswerOfAThread(Loop& loop);
+std::unique_ptr<Scenario> MakeCallOfAThread(Loop& loop);
+std::unique_ptr<Scenario> MakePendingCalls(Loop& loop);
+std::unique_ptr<Scenario> MakeKeptTask(Loop& loop);
 
 // Null when there is no such operation.
 ScenarioMaker FindScenario(const std::string& operation);

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "failing_memory.h"
 #include "scenario.h"
@@ -118,7 +117,7 @@ class TablesOfClient final : public Tables {
       Of(data).OnStarted(code, chunk);
     };
     slots.OnMessage = [](void* data, const char* /*text*/, std::size_t chunk) {
-      Of(data).PayFirst();
+      Of(data).unanswered_.PayFirst();
       Of(data).Unlock(chunk);
     };
     slots.OnDisconnect = [](void* data, int /*code*/, const char* /*text*/, std::size_t chunk) {
@@ -142,10 +141,7 @@ class TablesOfClient final : public Tables {
       return;
     }
     const auto debt = Owe();
-    {
-      const OwnMemory own;
-      unanswered_.push_back(debt);
-    }
+    unanswered_.Add(debt);
     Try(debt, [&] {
       if (clients_.SendMessage(client_, text) != QUARN_RESULT_SUCCESS) {
         CountError();
@@ -190,25 +186,10 @@ class TablesOfClient final : public Tables {
   }
   void OnDisconnect(std::size_t chunk) {
     has_ended_ = true;
-    while (!unanswered_.empty()) {
-      PayFirst();
-    }
+    unanswered_.PayAll();
     Unlock(chunk);
   }
   void Unlock(std::size_t chunk) { clients_.UnlockResources(client_, chunk); }
-
-  // Messages keep their order, and what was refused was not sent.
-  void PayFirst() {
-    const OwnMemory own;
-    while (!unanswered_.empty()) {
-      const auto debt = unanswered_.front();
-      unanswered_.erase(unanswered_.begin());
-      if (!debt->IsRefused()) {
-        debt->Pay();
-        return;
-      }
-    }
-  }
 
   static TablesOfClient& Of(void* data) { return *static_cast<TablesOfClient*>(data); }
 
@@ -217,7 +198,7 @@ class TablesOfClient final : public Tables {
   Slots slots_;
   Uri uri_;
   std::shared_ptr<Debt> starting_;
-  std::vector<std::shared_ptr<Debt>> unanswered_;
+  DebtQueue unanswered_;
   bool slots_are_given_ = false;
   bool is_started_ = false;
   bool has_ended_ = false;

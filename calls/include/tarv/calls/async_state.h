@@ -105,7 +105,7 @@ class CallAwaiter {
     *waiting_ = waiting;
     state_->Consume([shared = waiting_](CallState& /*state*/) {
       if (const auto handle = std::exchange(*shared, nullptr)) {
-        const Resuming resuming;
+        Resuming resuming;
         handle.resume();
       }
     });

@@ -33,7 +33,8 @@ class Call {
   explicit Call(std::shared_ptr<State> state) : state_(std::move(state)) {}
 
   // Calls `consumer` once with the Outcome<Result>, on the loop's thread, never inside this
-  // operation: also when the call has ended already. An exception of it is logged.
+  // operation: also when the call has ended already. An exception of it is logged. Throws
+  // std::bad_alloc: the call has no consumer then, and may be given one again.
   template <class Consumer>
   void Then(Consumer consumer) const {
     state_->Consume([consumer = std::move(consumer)](details::CallState& state) mutable {
@@ -43,7 +44,7 @@ class Call {
 
   // Waits for the end, on another thread than the loop's, which must be running meanwhile. On the
   // loop's own thread, which would wait for itself, it returns kWouldBlock at once, and the call
-  // goes on and may still be consumed.
+  // goes on and may still be consumed. Throws std::bad_alloc: so it may then.
   Outcome<Result> Wait() const {
     if (!state_->WaitForEnd()) {
       return state_->MakeWouldBlockError();
@@ -53,7 +54,8 @@ class Call {
 
   // Calls `handler` with each step that the task reports, on the loop's thread, instead of an
   // earlier handler, until the call ends. Set it on the loop's thread right after the call to miss
-  // none. A step that is not of the type Progress is logged and dropped.
+  // none. A step that is not of the type Progress, or that memory runs out for, is logged and
+  // dropped. Throws std::bad_alloc: the earlier handler stays.
   template <class Handler, class Step = Progress>
   void OnProgress(Handler handler) const {
     static_assert(
@@ -64,7 +66,8 @@ class Call {
     });
   }
 
-  // Ends the call with kCancelled, unless it has ended, and tells the task, which need not work on.
+  // Ends the call with kCancelled, unless it has ended, and tells the task, which need not work on;
+  // without memory for that the task works on in vain. Throws std::bad_alloc: the call goes on then.
   void Cancel() const { state_->Cancel(); }
 
   // For co_await, see coroutine.h: `co_await call.AsOutcome()` gives the Outcome and throws nothing.

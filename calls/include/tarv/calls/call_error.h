@@ -5,9 +5,11 @@
 #include <cw/encodable_value.h>
 
 #include <cstdint>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace tarv {
 
@@ -27,6 +29,7 @@ enum class CallReason {
   kReleased,        // the Caller was destroyed, or a ManagerWrapper under it
   kCrashLoop,       // the task died so often that KeptTask starts it no more
   kWouldBlock,      // Call::Wait on the thread of its loop; the call itself goes on
+  kOutOfMemory,     // memory ran out for the call, its answer or its timer
 };
 
 // "kTimedOut" and so on.
@@ -36,7 +39,9 @@ std::string_view NameOf(CallReason reason);
 inline constexpr std::int32_t kInvalidParams = -32602;
 inline constexpr std::int32_t kRequestCancelled = -32800;
 
-// A value. what() is one text that names the task, the method, the cause and what to do next.
+// A value; a copy takes no memory, and throws nothing. what() is one text that names the task, the
+// method, the cause and what to do next. When memory runs out for that text, reason and code are
+// those of the end all the same, and what() is a text that was made beforehand: it names the task.
 class CallError : public std::runtime_error {
  public:
   CallError(CallReason reason, const std::string& text) : runtime_error(text), reason_(reason) {}
@@ -45,21 +50,27 @@ class CallError : public std::runtime_error {
       : runtime_error(text),
         reason_(reason),
         code_(code),
-        message_(std::move(message)),
-        data_(std::move(data)) {}
+        answer_(std::make_shared<const Answer>(Answer{std::move(message), std::move(data)})) {}
+  // With the text of `prepared`. Takes no memory.
+  CallError(CallReason reason, std::int32_t code, const CallError& prepared) noexcept
+      : runtime_error(prepared), reason_(reason), code_(code) {}
 
   CallReason GetReason() const { return reason_; }
   // With kAnswered the task's error; after the loss of a task the connection's; otherwise 0, an
-  // empty text and null.
+  // empty text and null. Text and data are empty, too, when memory ran out for them.
   std::int32_t GetCode() const { return code_; }
-  const std::string& GetMessage() const { return message_; }
-  const cw::EncodableValue& GetData() const { return data_; }
+  const std::string& GetMessage() const;
+  const cw::EncodableValue& GetData() const;
 
  private:
+  struct Answer {
+    std::string message;
+    cw::EncodableValue data;
+  };
+
   CallReason reason_;
   std::int32_t code_ = 0;
-  std::string message_;
-  cw::EncodableValue data_;
+  std::shared_ptr<const Answer> answer_;  // null: neither message nor data
 };
 
 }  // namespace tarv

@@ -40,10 +40,11 @@ class CallState : public std::enable_shared_from_this<CallState> {
   CallState(const CallState&) = delete;
   CallState& operator=(const CallState&) = delete;
 
-  // Gives the call to its Caller. Any thread, once. A misfit is that of the parameters.
+  // Gives the call to its Caller. Any thread, once. A misfit is that of the parameters. Throws
+  // std::bad_alloc: then nothing more comes of the call.
   void Start(cw::EncodableValue&& params, bool fits, const Misfit& misfit);
   // Any thread. The consumer runs on the loop's thread, once, and never inside this call. A second
-  // one ends the process.
+  // one ends the process. Throws std::bad_alloc: then there is no consumer yet.
   void Consume(Consumer consumer);
   // Any thread but the loop's: waits for the end, whose outcome this thread may then take. False on
   // the loop's thread, where nothing happens.
@@ -64,13 +65,14 @@ class CallState : public std::enable_shared_from_this<CallState> {
 
  private:
   friend class CallerCore;
+  friend class OpenCalls;
 
   // Where the call is.
   enum class Phase { kNew, kKept, kSent, kEnded };
 
   void HandleProgress(const cw::EncodableValue& value);
   // Hands the outcome over. An exception of the consumer is logged.
-  void Finish();
+  void Finish() noexcept;
   void ClaimConsumer();
 
   const std::shared_ptr<CallerCore> core_;
@@ -83,7 +85,9 @@ class CallState : public std::enable_shared_from_this<CallState> {
   std::string misfit_;         // what is wrong with them
   vorpc::Message::ID id_{""};  // once sent, if the client tells
   MethodMeter* meter_ = nullptr;
-  std::uint64_t number_ = 0;  // in the order of calls
+  std::uint64_t number_ = 0;      // in the order of calls, once it is open
+  CallState* earlier_ = nullptr;  // of the open calls
+  CallState* later_ = nullptr;
   std::optional<CallError> error_;
 
   std::mutex mutex_;  // guards what follows

@@ -56,7 +56,7 @@ std::shared_ptr<TypedCallState<Result>> StartCall(const std::shared_ptr<CallerCo
 class Caller {
  public:
   // Runs the client: call its Run() no more. A null client, which a manager gives that cannot start
-  // the task, ends every call with kNotStarted.
+  // the task, ends every call with kNotStarted. Throws std::bad_alloc: let the client go then.
   explicit Caller(std::shared_ptr<vorpc::IClient> client,
                   std::shared_ptr<Loop> loop = Loop::OfThisThread(),
                   const CallerOptions& options = {});
@@ -69,7 +69,9 @@ class Caller {
   Caller& operator=(const Caller&) = delete;
 
   // Calls the method. The clock of the call's deadline starts now. A parameter that no message
-  // holds ends the call with kBadArguments.
+  // holds ends the call with kBadArguments. Throws std::bad_alloc: there is no call then, and the
+  // task is told that nobody waits if it has been asked. A call that exists ends, whatever memory
+  // runs out for: with what it would have ended with, or with kOutOfMemory.
   template <class Result, class Parameter, class Progress>
   tarv::Call<Result, Progress> Call(const Method<Result(Parameter), Progress>& method,
                                     typename details::Given<Parameter>::Type parameter,

@@ -55,6 +55,9 @@ struct TaskStatus {
 //
 // Calls that are open when the task dies end with its reason and are never sent again. Each start
 // gets a new client from the factory, and the task's own notification handlers.
+//
+// Every operation may throw std::bad_alloc, and has changed nothing then. A start that memory runs
+// out for counts as a death, with the reason kOutOfMemory, and the next call tries again.
 class KeptTask {
  public:
   // Starts the task and gives its client, not run yet; null when that fails. What it throws is logged
@@ -93,6 +96,7 @@ class KeptTask {
 
   TaskStatus GetStatus() const;
   // Calls `watcher` after each change, in order, on the loop's thread, instead of an earlier one.
+  // Changes that memory runs out for telling are passed over, but for the latest.
   void OnChange(std::function<void(const TaskStatus&)> watcher);
 
   // Over all starts. Any thread.

@@ -11,7 +11,8 @@ namespace tarv {
 // One thread that runs what it is given, a function at a time. Derive from it to drive the layer
 // from another event loop than Qt's, or from a test with a clock of its own.
 //
-// Exceptions of a function are the loop's to handle; the layer itself gives it none that throws.
+// Exceptions of a function are the loop's to handle; the layer itself gives it none that throws. Post
+// and WakeAt may throw std::bad_alloc, and the function is destroyed then.
 class Loop {
  public:
   using Clock = std::chrono::steady_clock;

@@ -50,6 +50,10 @@ void AnswerWith(RequestState& state, Value&& value) {
 // One request. Copies are handles of the same one. Any thread may use one, each thread its own. Answer
 // it once: when the last handle goes without an answer, the application gets -32603 "... was dropped
 // by its handler", or -32800 once it has cancelled. It may outlive its Service.
+//
+// Every operation may throw std::bad_alloc, and has done nothing then: a request that was to be
+// answered is open, and may be answered with less, or later. One that is let go of while there is no
+// memory for its answer either is answered -32603 when its Service has to do with anything else.
 template <class Result, class Step = void>
 class Request {
  public:

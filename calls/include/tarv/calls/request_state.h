@@ -20,17 +20,25 @@
 namespace tarv::details {
 
 class ServiceCore;
+struct Answer;
 struct OpenRequest;
 
 // One request, without its types. Any thread. Its end answers it if nobody has.
+//
+// Whatever throws std::bad_alloc leaves the request as it was: open, and to be answered with less, or
+// later.
 class RequestState : public std::enable_shared_from_this<RequestState> {
  public:
-  explicit RequestState(std::unique_ptr<OpenRequest> request);
+  // Those of a request that is not there yet.
+  explicit RequestState(const OpenRequest& request);
   ~RequestState();
   RequestState(const RequestState&) = delete;
   RequestState& operator=(const RequestState&) = delete;
 
-  // The first of these three answers; what comes later is logged and dropped.
+  // The request, which this has to answer from now on.
+  void Open(std::shared_ptr<OpenRequest> request) noexcept;
+
+  // The first of these four answers; what comes later is logged and dropped.
   void AnswerResult(cw::EncodableValue&& result);
   void AnswerError(std::int32_t code, std::string message, cw::EncodableValue data);
   // With what the exception says.
@@ -47,7 +55,16 @@ class RequestState : public std::enable_shared_from_this<RequestState> {
   const std::weak_ptr<ServiceCore>& GetCore() const { return core_; }
 
  private:
-  std::unique_ptr<OpenRequest> TakeOpen();
+  // What the answer ends.
+  struct Taken {
+    std::shared_ptr<OpenRequest> open;
+    std::function<void()> on_cancel;
+  };
+
+  void Give(Answer&& answer);
+  Taken Take();
+  void PutBack(Taken&& taken) noexcept;
+  Answer MakeAnswerOfEnd() const;
 
   const std::shared_ptr<Loop> loop_;
   const std::string method_;
@@ -56,7 +73,7 @@ class RequestState : public std::enable_shared_from_this<RequestState> {
   const std::weak_ptr<ServiceCore> core_;
   std::atomic<bool> cancelled_{false};
   std::mutex mutex_;                   // guards what follows
-  std::unique_ptr<OpenRequest> open_;  // null once answered
+  std::shared_ptr<OpenRequest> open_;  // null once answered
   std::function<void()> on_cancel_;
 };
 

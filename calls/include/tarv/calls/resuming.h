@@ -3,6 +3,8 @@
 #define TARV_CALLS_RESUMING_H
 
 #include <exception>
+#include <map>
+#include <memory>
 
 namespace tarv::details {
 
@@ -10,13 +12,21 @@ namespace tarv::details {
 // waits.
 class Resuming {
  public:
+  // Coroutines, by their addresses.
+  using Works = std::map<const void*, std::shared_ptr<void>>;
+
   Resuming();
   ~Resuming();
   Resuming(const Resuming&) = delete;
   Resuming& operator=(const Resuming&) = delete;
 
-  // On this thread.
-  static bool IsAnywhere();
+  // Destroys the works once this thread runs no coroutine: now, or with the outermost mark. Takes no
+  // memory.
+  static void DestroyOutside(Works&& works) noexcept;
+
+ private:
+  const bool is_outermost_;
+  Works left_;  // to be destroyed
 };
 
 // Writes the line about an exception that nobody took.

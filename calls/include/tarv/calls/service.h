@@ -171,6 +171,10 @@ Handler MakeWorkerHandler(Workers& workers, Callee callee) {
 // A handler that throws answers -32603 with what(), or with what its RequestError says; wrong
 // parameters are answered with -32602 and the place before it runs. Plain OnRequest handlers live
 // beside on the same server, undescribed. Each task also answers kDescribe and kMetrics.
+//
+// Every operation may throw std::bad_alloc, and has changed nothing then. A request that memory runs
+// out for is answered -32603; without memory for that, std::bad_alloc goes to who brought the
+// request, and a server of a ManagerWrapper ends its connection.
 class Service {
   struct PrivateTag {
     explicit PrivateTag() = default;

@@ -20,7 +20,7 @@ class Workers {
  public:
   using Job = std::function<void()>;
 
-  // At least one thread.
+  // At least one thread. Throws std::bad_alloc, or std::system_error when the system has none.
   explicit Workers(std::size_t threads);
   // Drops what is queued, whose requests are answered as dropped, and waits for what runs; handlers
   // see IsCancelled(). A handler that ends its own Workers is not waited for.
@@ -28,7 +28,8 @@ class Workers {
   Workers(const Workers&) = delete;
   Workers& operator=(const Workers&) = delete;
 
-  // Runs the job on one of the threads; jobs begin in order. Its exception is logged.
+  // Runs the job on one of the threads; jobs begin in order. Its exception is logged. Throws
+  // std::bad_alloc: the job is gone then.
   void Post(Job job) { GetPost()(std::move(job)); }
 
   // Post, for those who may outlive the object: a job is then destroyed at once.
