@@ -27,7 +27,7 @@ using namespace RuntimeManager;  // NOLINT(google-build-using-namespace)
 constexpr int kLimitMs = 60000;
 constexpr int kCopyLimitMs = 20000;
 // Of the texts that threads send meanwhile: the lock is held for as long as one is copied.
-constexpr int kEveryLong = 8;
+constexpr int kEveryLong = 25;
 
 bool ends_behind_this_event = false;
 
@@ -196,9 +196,8 @@ int ForkWhileSending(const QString& name, const QString& how) {
 }
 
 int ForkInHandlers(const QString& name) {
-  kit::Share share;
-  share.texts = 20'000;
-  share.long_every = kEveryLong;
+  // More than are sent while copies are made: a copy is to be left with locks that are held.
+  const kit::Share share{400'000, 10'000, 1000};
   Task task(name);
   StartWithSocket(&task);
   TaskMessaging messaging(task.socketPath());

@@ -167,6 +167,21 @@ TEST_F(TaskTest, SaysWhyTheProgramCannotRun) {
                                      "directory"));
 }
 
+// In one line, whatever the folder is called.
+TEST_F(TaskTest, SaysWhichProgramCannotRunWithoutControlCharacters) {
+  AddShellTask("task", "");
+  const QString folder = PathOf("odd\n\x1b");
+  ASSERT_TRUE(QDir().rename(PathOf("tasks"), folder));
+  const ScopedVariable path("RUNTIME_MANAGER_TASK_PATH", folder.toUtf8());
+  QFile file(folder + "/task");
+  ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+  file.write("neither");
+  file.close();
+  const Error error = StartError("task");
+  EXPECT_EQ(error.code(), Error::kStartFailed);
+  EXPECT_THAT(Text(error), HasSubstr("odd\\n\\x1b/task' cannot be run"));
+}
+
 TEST_F(TaskTest, SaysWhichInterpreterOfAScriptCannotBeUsed) {
   AddShellTask("task", "");
   const auto error_with = [this](const QByteArray& first_line) {

@@ -140,12 +140,15 @@ std::vector<fs::path> SocketsBelow(const fs::path& folder) {
   return sockets;
 }
 
-bool IsStopped(int process) {
+// The beginning of what the system tells of a process: "12 (soak_task) S".
+std::string StateOf(int process) {
   std::ifstream file("/proc/" + std::to_string(process) + "/stat");
   std::string text;
   std::getline(file, text);
-  return text.find(") T ") != std::string::npos;
+  return text.substr(0, text.rfind(')') + 3);
 }
+
+bool IsStopped(int process) { return StateOf(process).find(") T") != std::string::npos; }
 
 class Driver {
  public:
@@ -176,6 +179,7 @@ class Driver {
     victim_.reset();
     EndOrphans();
     Sweep();
+    EndOrphans();
     return Judge();
   }
 
@@ -279,7 +283,8 @@ class Driver {
     return complaints.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
   }
 
-  // Tasks of killed applications end themselves, after three seconds at most.
+  // Tasks of killed applications end themselves, after three seconds at most; the programs that open
+  // URIs outlive any application.
   void EndOrphans() const {
     constexpr qint64 kPatienceMs = 20'000;
     const QDeadlineTimer limit(kPatienceMs);
@@ -300,7 +305,7 @@ class Driver {
 
   void AddLeftovers(std::vector<std::string>& complaints) const {
     for (const int child : Children()) {
-      complaints.push_back("a process is left behind: " + std::to_string(child));
+      complaints.push_back("a process is left behind: " + StateOf(child));
       kill(child, SIGKILL);
     }
     for (const fs::path& socket : SocketsBelow(std::getenv("XDG_RUNTIME_DIR"))) {
