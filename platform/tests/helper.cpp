@@ -337,7 +337,7 @@ int main(int count, char** arguments) {
     return helper::IgnoreTheEnd(words.value(2));
   }
   if (verb == "leave-while-writing") {
-    return helper::LeaveWhileWriting(words.value(2).toInt(), words.value(3) == "end");
+    return helper::LeaveWhileWriting(words.value(2).toInt(), words.value(3));
   }
   if (verb == "fork") {
     return helper::ForkWhileSending(words.value(2), words.value(3));

@@ -12,6 +12,7 @@
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QTimer>
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -118,27 +119,35 @@ int IgnoreTheEnd(const QString& how) {
   return QCoreApplication::exec();
 }
 
-int LeaveWhileWriting(int listening, bool also_ends) {
+namespace {
+
+// Meanwhile the exit of the process waits for its peer.
+void DoMeanwhile(TaskMessaging* messaging, const QString& how, const std::atomic<bool>& is_over) {
+  constexpr std::chrono::milliseconds kUntilExitWaits(300);
+  std::this_thread::sleep_for(kUntilExitWaits);
+  messaging->sendData(QByteArray(how == "end" ? 300'000 : 10, 'x'));
+  QFile done(qEnvironmentVariable("WORLD") + "/done");
+  if (done.open(QIODevice::WriteOnly)) {
+    done.write(is_over ? "late\n" : "in time\n");
+  }
+}
+
+}  // namespace
+
+int LeaveWhileWriting(int listening, const QString& how) {
+  // What is registered first runs last.
+  static std::atomic<bool> is_over{false};
+  std::atexit([] { is_over = true; });
   auto* const messaging = new TaskMessaging(listening);
-  const auto end = [messaging] {
-    constexpr std::chrono::milliseconds kUntilExitWaits(300);
-    std::this_thread::sleep_for(kUntilExitWaits);
-    messaging->sendData(QByteArray(300'000, 'x'));
-    QFile ended(qEnvironmentVariable("WORLD") + "/ended");
-    if (ended.open(QIODevice::WriteOnly)) {
-      ended.write("\n");
+  QObject::connect(messaging, &TaskMessaging::messageReceived, messaging, [messaging, how] {
+    for (int i = 0; i < 20; ++i) {
+      messaging->sendData(QByteArray(100'000, static_cast<char>('a' + i)));
     }
-  };
-  QObject::connect(messaging, &TaskMessaging::messageReceived, messaging,
-                   [messaging, end, also_ends] {
-                     for (int i = 0; i < 20; ++i) {
-                       messaging->sendData(QByteArray(100'000, static_cast<char>('a' + i)));
-                     }
-                     if (also_ends) {
-                       std::thread(end).detach();
-                     }
-                     std::exit(0);
-                   });
+    if (how == "end" || how == "send") {
+      std::thread([messaging, how] { DoMeanwhile(messaging, how, is_over); }).detach();
+    }
+    std::exit(0);
+  });
   return QCoreApplication::exec();
 }
 

@@ -19,8 +19,9 @@ int StartMany(const QString& name, int count, const QString& how);
 // an event loop.
 int IgnoreTheEnd(const QString& how);
 // Serves `listening`. At the first message it sends 20 messages of 100,013 bytes and leaves by
-// exit(). Another of its threads may end the connection meanwhile; the file "ended" tells of that.
-int LeaveWhileWriting(int listening, bool also_ends);
+// exit(). Meanwhile another of its threads ends the connection ("end"), or sends one more ("send"), and
+// tells in the file "done" whether that was in time, before the exit was over.
+int LeaveWhileWriting(int listening, const QString& how);
 // Talks in `application` to a task that answers with its process id, ends the application while the
 // objects stay, and does the same in another one, where it kills the task. What has come of each.
 int ServeTwoApplications(const QString& task, std::unique_ptr<QCoreApplication> application,

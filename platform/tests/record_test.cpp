@@ -133,7 +133,7 @@ class RecordOfALeaver : public RecordFile {
     const int peer = ConnectTo(PathOf("server"));
     EXPECT_EQ(::send(peer, "{}\n", 3, 0), 3);
     if (how == "end") {
-      EXPECT_TRUE(WaitForFile(PathOf("ended"), "\n"));
+      EXPECT_TRUE(WaitForFile(PathOf("done"), "\n"));
     } else {
       EXPECT_TRUE(RunUntil([peer] {
         int held = 0;

@@ -132,7 +132,7 @@ TEST_F(AnyThread, MayEndTheConnectionWhileAnotherWrites) {
   ::fcntl(listening_, F_SETFD, FD_CLOEXEC);
   const int peer = Connect();
   SendLine(peer, "{}");
-  ASSERT_TRUE(WaitForFile(PathOf("ended"), "\n"));
+  ASSERT_TRUE(WaitForFile(PathOf("done"), "\n"));
   const QByteArray all = ReadToEnd(peer);
   QByteArray sent;
   for (int i = 0; i < 20; ++i) {
@@ -140,6 +140,19 @@ TEST_F(AnyThread, MayEndTheConnectionWhileAnotherWrites) {
   }
   EXPECT_GT(all.size(), 100'000);
   EXPECT_TRUE(sent.startsWith(all)) << "what was freed has been sent";
+  EXPECT_EQ(helper.Wait(), 0);
+  ::close(peer);
+}
+
+// Only the exit itself waits.
+TEST_F(AnyThread, SendsWhileAnExitWaitsForItsReader) {
+  ::fcntl(listening_, F_SETFD, 0);
+  Process helper(HELPER, {"leave-while-writing", QString::number(listening_), "send"});
+  ::fcntl(listening_, F_SETFD, FD_CLOEXEC);
+  const int peer = Connect();
+  SendLine(peer, "{}");
+  EXPECT_TRUE(WaitForFile(PathOf("done"), "\n"));
+  EXPECT_EQ(ReadFile(PathOf("done")), "in time\n");
   EXPECT_EQ(helper.Wait(), 0);
   ::close(peer);
 }
