@@ -332,6 +332,16 @@ TEST_F(Intents, AreNotRegisteredWhileAnotherProcessHoldsTheLockOfTheirNames) {
   ::close(lock);
 }
 
+// What refuses no connection is not dead.
+TEST_F(Intents, AreNotTakenOverWhereNobodyCanTellWhoseTheyAre) {
+  ASSERT_EQ(Invoke("Looped").code(), Error::kNoSuchIntent);
+  ASSERT_TRUE(QFile::link("Looped", Socket("Looped")));
+  const WarningCatcher warnings;
+  RuntimeDispatcher::instance()->registerIntent("Looped", {});
+  EXPECT_EQ(warnings.Count("'Looped' is not registered: cannot tell who owns"), 1);
+  EXPECT_TRUE(QFile::remove(Socket("Looped")));
+}
+
 TEST_F(Intents, OpenAUriWithTheChosenProgramAndNoShell) {
   SetHandler("printf '%s|' $# \"$@\" > $WORLD/out");
   const QString uri = "https://example.com/a%20b?q=$(touch+out2)&x='y';z*#frag";
