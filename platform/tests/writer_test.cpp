@@ -8,6 +8,7 @@
 #include <QtCore/QByteArray>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -18,8 +19,9 @@
 
 namespace {
 
-// What the next call of sendmsg() does first.
+// What the next call of sendmsg() does first, and what each does behind.
 std::atomic<const std::function<void()>*> in_next_send{nullptr};
+std::atomic<const std::function<void()>*> behind_sends{nullptr};
 
 }  // namespace
 
@@ -30,23 +32,31 @@ extern "C" __attribute__((visibility("default"))) ssize_t sendmsg(int socket, co
   if (const auto* const first = in_next_send.exchange(nullptr)) {
     (*first)();
   }
-  return call(socket, message, flags);
+  const ssize_t size = call(socket, message, flags);
+  const int error_number = errno;
+  if (const auto* const then = behind_sends.load()) {
+    (*then)();
+  }
+  errno = error_number;
+  return size;
 }
 
 namespace kit {
 namespace {
 
-// Happens while a thread is inside a send, once.
-class MeanwhileInSend {
+// Has something done by this program's sendmsg(), for a scope.
+class SendHook {
  public:
-  explicit MeanwhileInSend(std::function<void()> what) : what_(std::move(what)) {
-    in_next_send = &what_;
+  using Place = std::atomic<const std::function<void()>*>;
+  SendHook(Place& place, std::function<void()> what) : place_(place), what_(std::move(what)) {
+    place_ = &what_;
   }
-  ~MeanwhileInSend() { in_next_send = nullptr; }
-  MeanwhileInSend(const MeanwhileInSend&) = delete;
-  MeanwhileInSend& operator=(const MeanwhileInSend&) = delete;
+  ~SendHook() { place_ = nullptr; }
+  SendHook(const SendHook&) = delete;
+  SendHook& operator=(const SendHook&) = delete;
 
  private:
+  Place& place_;
   const std::function<void()> what_;
 };
 
@@ -152,7 +162,7 @@ TEST_F(Writer, LetsOthersSendMeanwhile) {
   std::thread another;
   std::atomic<bool> has_sent{false};
   bool has_sent_meanwhile = false;
-  const MeanwhileInSend meanwhile([&] {
+  const SendHook meanwhile(in_next_send, [&] {
     another = std::thread([&messaging, &other, &has_sent] {
       messaging.sendData(other);
       has_sent = true;
@@ -168,6 +178,23 @@ TEST_F(Writer, LetsOthersSendMeanwhile) {
   EXPECT_TRUE(reader.WaitUntilDone());
   EXPECT_TRUE(reader.Bytes() == LineOf(text) + LineOf(other))
       << "the other one begins at byte " << reader.Bytes().indexOf('b');
+}
+
+// The peer reads so fast that there is always room: a turn that ends has not ended because of that.
+TEST_F(Writer, GoesOnUntilEverythingIsSent) {
+  constexpr int kTexts = 5;
+  const QByteArray text(1 << 20, 'a');
+  TaskMessaging messaging(listening_);
+  for (int i = 0; i < kTexts; ++i) {
+    messaging.sendData(text);
+  }
+  const int peer = Connect();
+  QByteArray read;
+  const SendHook drain(behind_sends, [&read, peer] { ReadMore(peer, &read); });
+  const int wanted = kTexts * LineOf(text).size();
+  EXPECT_TRUE(RunUntil([&read, wanted] { return read.size() == wanted; }));
+  EXPECT_TRUE(read == LineOf(text).repeated(kTexts));
+  ::close(peer);
 }
 
 // Descriptors that are opened once a connection has ended.
