@@ -10,7 +10,7 @@
 #include <shared_mutex>
 #include <thread>
 
-// The checker that every program of the debug build carries: tests/support/lock_order.cpp.
+// The checker that every program built with tests carries: tests/support/lock_order.cpp.
 
 namespace {
 
