@@ -164,9 +164,9 @@ Error Outcomes::Wait() {
 }
 
 Inbox::Inbox(TaskMessaging* messaging) {
-  QObject::connect(messaging, &TaskMessaging::messageReceived, messaging,
+  QObject::connect(messaging, &TaskMessaging::messageReceived, &receiver,
                    [this](const QJsonObject& message) { messages.push_back(message); });
-  QObject::connect(messaging, &TaskMessaging::disconnected, messaging, disconnects.Recorder());
+  QObject::connect(messaging, &TaskMessaging::disconnected, &receiver, disconnects.Recorder());
 }
 
 bool Inbox::WaitFor(std::size_t count) {

@@ -10,6 +10,7 @@
 
 #include <QtCore/QByteArray>
 #include <QtCore/QJsonObject>
+#include <QtCore/QObject>
 #include <QtCore/QString>
 #include <QtCore/QStringList>
 #include <QtCore/QTemporaryDir>
@@ -73,12 +74,13 @@ struct Outcomes {
   Error Wait();
 };
 
-// Everything that a connection gave.
+// Everything that a connection gives for as long as this is there.
 struct Inbox {
   explicit Inbox(TaskMessaging* messaging);
   bool WaitFor(std::size_t count);
   std::vector<QJsonObject> messages;
   Outcomes disconnects;
+  QObject receiver;
 };
 
 // Connects to a task that says "welcome" to each starter, and hangs up. Until such a task has noticed
