@@ -33,9 +33,9 @@ OPERATIONS = ["values", "messages", "json", "vorpc", "first start", "start", "ca
               "register intent", "invoke intent", "timers", "service", "calls", "steps of a call",
               "ends of calls", "late answers", "answer of a thread", "call of a thread", "pending calls",
               "kept task"]
-# Blocks more than with memory for all that are no leak: how much a weak reference keeps of what has
-# gone, until the next one is made, differs from run to run when a task is killed.
-SLACK = {"kept task": 1}
+# Blocks more than with memory for all that are no leak: how many of the lists of Qt's event loop grow
+# when a task is killed and started again differs from run to run.
+SLACK = {"kept task": 3}
 NO_MATTER = 1_000_000_000  # blocks that a run may leave, as far as it looks itself
 LIMIT = 120  # seconds that a run may take
 
