@@ -71,7 +71,8 @@ class Caller {
   // Calls the method. The clock of the call's deadline starts now. A parameter that no message
   // holds ends the call with kBadArguments. Throws std::bad_alloc: there is no call then, and the
   // task is told that nobody waits if it has been asked. A call that exists ends, whatever memory
-  // runs out for: with what it would have ended with, or with kOutOfMemory.
+  // runs out for: with what it would have ended with, or with kOutOfMemory; at its deadline where
+  // another thread than the loop's brought the news and found no memory to pass it on.
   template <class Result, class Parameter, class Progress>
   tarv::Call<Result, Progress> Call(const Method<Result(Parameter), Progress>& method,
                                     typename details::Given<Parameter>::Type parameter,
