@@ -11,7 +11,7 @@ using vorpc::Message;
 
 void CallerCore::Start(const StatePtr& state) {
   if (loop_->IsCurrent()) {
-    const auto self = shared_from_this();
+    const auto self = weak_from_this().lock();
     const Busy busy(*this);
     Admit(state);
   } else {
@@ -30,7 +30,7 @@ void CallerCore::StartHere(const StatePtr& state) noexcept {
 
 void CallerCore::Cancel(const StatePtr& state) {
   if (loop_->IsCurrent()) {
-    const auto self = shared_from_this();
+    const auto self = weak_from_this().lock();
     const Busy busy(*this);
     EndInside(state, NamesOf(*state).Cancelled());
   } else {

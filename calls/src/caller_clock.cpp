@@ -7,7 +7,7 @@
 namespace tarv::details {
 
 void CallerCore::OnWake() noexcept {
-  const auto self = shared_from_this();
+  const auto self = weak_from_this().lock();
   const Loop::Time now = loop_->Now();
   while (open_.GetDeadline() <= now && !open_.IsEmpty()) {
     const StatePtr state = open_.GetFirstDue();

@@ -138,7 +138,7 @@ void CallerCore::KeepWhileStarting(const std::shared_ptr<vorpc::IClient>& client
 }
 
 void CallerCore::FailKept(const Loss& loss) noexcept {
-  const auto self = shared_from_this();
+  const auto self = weak_from_this().lock();
   open_.ForEach([&](const StatePtr& state) {
     if (state->phase_ == CallState::Phase::kKept) {
       End(state, NamesOf(*state).Lost(loss, false));
@@ -147,7 +147,7 @@ void CallerCore::FailKept(const Loss& loss) noexcept {
 }
 
 void CallerCore::Close() noexcept {
-  const auto self = shared_from_this();
+  const auto self = weak_from_this().lock();
   closed_ = true;
   do {
     inbox_.Drain();
@@ -179,7 +179,7 @@ void CallerCore::OnDisconnected(const OptionalError& error) { HandleLoss(LossOf(
 
 // A supervisor may have another client ready by the time that the calls of this one end.
 void CallerCore::HandleLoss(const Loss& loss) noexcept {
-  const auto self = shared_from_this();
+  const auto self = weak_from_this().lock();
   const std::uint64_t last = open_.GetLatest();
   const Loss alone = loss;
   const Loss told = WithMethods(loss);

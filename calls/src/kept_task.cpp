@@ -148,7 +148,7 @@ class details::KeptTaskCore final : public Supervisor,
   }
 
   void StartTask() noexcept {
-    const auto self = shared_from_this();  // the factory may end everything
+    const auto self = weak_from_this().lock();  // the factory may end everything
     const Turn turn(*this);
     Change({State::kStarting, std::nullopt});
     try {

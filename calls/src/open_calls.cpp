@@ -28,7 +28,7 @@ OpenCalls::StatePtr OpenCalls::FindNext(const CallState& state) const noexcept {
   if (!is_open) {
     return FindAfter(state.number_);
   }
-  return state.later_ != nullptr ? state.later_->shared_from_this() : nullptr;
+  return state.later_ != nullptr ? state.later_->weak_from_this().lock() : nullptr;
 }
 
 OpenCalls::StatePtr OpenCalls::FindAfter(std::uint64_t number) const noexcept {
@@ -36,7 +36,7 @@ OpenCalls::StatePtr OpenCalls::FindAfter(std::uint64_t number) const noexcept {
   while (state != nullptr && state->number_ <= number) {
     state = state->later_;
   }
-  return state != nullptr ? state->shared_from_this() : nullptr;
+  return state != nullptr ? state->weak_from_this().lock() : nullptr;
 }
 
 }  // namespace tarv::details
