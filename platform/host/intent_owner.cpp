@@ -78,7 +78,7 @@ class IntentOwner::Invocation : public std::enable_shared_from_this<Invocation> 
  public:
   explicit Invocation(IntentOwner* owner) : owner_(owner) {}
   void Open(UniqueFd socket);
-  void Send(const QJsonObject& answer) { channel_->Send(answer); }
+  void Send(const QJsonObject& answer);
   // The invoker sees that there is no answer to come.
   void Drop();
 
@@ -189,6 +189,17 @@ void IntentOwner::Invocation::OnObject(const QJsonObject& object) {
   if (!Attempt([&] { owner_->handler_(parameters, std::move(reply)); })) {
     Drop();
   }
+}
+
+// An answer that is too large for one message ends in an error that says so.
+void IntentOwner::Invocation::Send(const QJsonObject& answer) {
+  if (channel_->SendIfItFits(answer)) {
+    return;
+  }
+  const QString why = QString("is over the bound of %1 bytes that RUNTIME_MANAGER_MAX_MESSAGE sets")
+                          .arg(channel_->GetMostBytesOfAMessage());
+  Warn(QString("the reply to the intent '%1' %2").arg(owner_->name_, why));
+  channel_->Send({{intent::kError, QString("its owner's reply %1").arg(why)}});
 }
 
 // Makes what the handler gets; no reply when it shall not be called.

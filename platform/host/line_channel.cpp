@@ -62,16 +62,21 @@ bool LineChannel::IsInItsThread() const { return context_.thread() == QThread::c
 // ---- Sending. Any thread. ----
 
 void LineChannel::Send(const QJsonObject& object) {
+  if (!SendIfItFits(object)) {
+    EndTooLong();
+  }
+}
+
+bool LineChannel::SendIfItFits(const QJsonObject& object) {
   if (IsDroppedInCopy()) {
-    return;
+    return true;
   }
   // One over the bound is not even encoded.
   std::optional<QByteArray> line = EncodeLine(object, limits_.max_message);
   if (line) {
     Put(OutLine(*std::move(line)));
-    return;
   }
-  EndTooLong();
+  return line.has_value();
 }
 
 void LineChannel::SendData(std::string_view text) {

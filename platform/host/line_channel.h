@@ -51,6 +51,9 @@ class LineChannel : public std::enable_shared_from_this<LineChannel> {
   // Sends after all earlier objects of the calling thread. An object over the bound of a message,
   // and one too much for the queue, end the channel. Any thread.
   void Send(const QJsonObject& object);
+  // The same, but an object over the bound of a message leaves the channel as it is: false.
+  bool SendIfItFits(const QJsonObject& object);
+  std::size_t GetMostBytesOfAMessage() const { return limits_.max_message; }
   // Sends the object {"data": text}; `text` is UTF-8. Any thread.
   void SendData(std::string_view text);
   // Delivers what has arrived by now, whole.
