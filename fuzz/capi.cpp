@@ -14,6 +14,7 @@
 #include <QPointer>
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <map>
@@ -121,6 +122,10 @@ class World final : public Listeners {
     }
   }
 
+  static bool IsAmong(const std::vector<void*>& handles, void* handle) {
+    return std::find(handles.begin(), handles.end(), handle) != handles.end();
+  }
+
   // A text without NUL; null at times, empty at times.
   const char* PickText() {
     if (script_.Below(16) == 0) {
@@ -140,16 +145,45 @@ class World final : public Listeners {
 
   // A table of any size is filled so far and no further; the size itself is told in any case.
   void LoadTables() {
-    alignas(8) std::array<unsigned char, sizeof(TARVProcTable) + 16> memory{};
+    switch (script_.Below(4)) {
+      case 0:
+        LoadTable<TARVProcTable>(&TARVProcTableLoad);
+        break;
+      case 1:
+        LoadTable<TARVRpcClientProcTable>(root_.RpcClientProcTableLoad);
+        break;
+      case 2:
+        LoadTable<TARVRpcServerProcTable>(root_.RpcServerProcTableLoad);
+        break;
+      default:
+        LoadTable<TARVIntentManagerProcTable>(root_.IntentManagerProcTableLoad);
+    }
+  }
+
+  template <class Table>
+  void LoadTable(QuarnResult (*load)(Table*, std::size_t)) {
+    alignas(8) std::array<unsigned char, sizeof(Table) + 16> memory{};
     memory.fill(0xa5);
-    const std::size_t size = script_.Below(sizeof(TARVProcTable) + 1);
-    auto* const table = reinterpret_cast<TARVProcTable*>(memory.data());
-    const QuarnResult result = TARVProcTableLoad(script_.Below(8) == 0 ? nullptr : table, size);
-    Require(result == QUARN_RESULT_SUCCESS || memory[0] == 0xa5, "a null table is refused");
-    const std::size_t end = std::max(size, sizeof(std::size_t));
+    const std::size_t size = script_.Below(sizeof(Table) + 1);
+    auto* const table = reinterpret_cast<Table*>(memory.data());
+    const bool is_null = script_.Below(8) == 0;
+    const QuarnResult result = load(is_null ? nullptr : table, size);
+    Require(result == (is_null ? QUARN_RESULT_INVALID_ARGUMENT : QUARN_RESULT_SUCCESS),
+            "a table is filled, unless there is none");
+    const std::size_t end = is_null ? 0 : std::max(size, sizeof(std::size_t));
     Require(std::all_of(memory.begin() + static_cast<std::ptrdiff_t>(end), memory.end(),
                         [](unsigned char byte) { return byte == 0xa5; }),
             "nothing is written beyond the size");
+    Require(is_null || table->size == size, "the size is told");
+    for (std::size_t at = sizeof(std::size_t); at + sizeof(void*) <= end; at += sizeof(void*)) {
+      CheckEntry(memory.data() + at);
+    }
+  }
+
+  static void CheckEntry(const unsigned char* bytes) {
+    std::uintptr_t entry = 0;
+    std::memcpy(&entry, bytes, sizeof(entry));
+    Require(entry != 0 && entry != 0xa5a5a5a5a5a5a5a5, "an entry that the size covers is there");
   }
 
   void CreateClient() {
@@ -194,8 +228,17 @@ class World final : public Listeners {
       return;
     }
     const LockedText locked = GetTexts()[script_.Below(256) % GetTexts().size()];
-    clients_.UnlockResources(static_cast<_TARVRpcClientRef*>(locked.handle), locked.chunk);
-    servers_.UnlockResources(static_cast<_TARVRpcServerRef*>(locked.handle), locked.chunk);
+    const std::array<std::function<void()>, 2> unlocks{
+        [this, &locked] {
+          clients_.UnlockResources(static_cast<_TARVRpcClientRef*>(locked.handle), locked.chunk);
+        },
+        [this, &locked] {
+          servers_.UnlockResources(static_cast<_TARVRpcServerRef*>(locked.handle), locked.chunk);
+        }};
+    const std::size_t right = IsAmong(client_handles_, locked.handle) ? 0 : 1;
+    unlocks.at(1 - right)();
+    CheckTexts();  // the entry for the other kind does nothing
+    unlocks.at(right)();
     ForgetText(locked.handle, locked.chunk);
   }
 
@@ -204,7 +247,9 @@ class World final : public Listeners {
     const char* const text = PickText();
     const QuarnResult result = clients_.SendMessage(client, text);
     Require(text != nullptr || result == QUARN_RESULT_REFUSED, "a null message is refused");
-    Require(result == QUARN_RESULT_SUCCESS || result == QUARN_RESULT_REFUSED, "sent, or refused");
+    Require(result == QUARN_RESULT_REFUSED ||
+                (result == QUARN_RESULT_SUCCESS && IsAmong(client_handles_, client)),
+            "sent by a client, or refused");
   }
 
   void Release() {
@@ -238,7 +283,9 @@ class World final : public Listeners {
     const char* const text = PickText();
     if (text != nullptr) {
       const QuarnResult result = servers_.SendMessage(server, text);
-      Require(result == QUARN_RESULT_SUCCESS || result == QUARN_RESULT_REFUSED, "sent, or refused");
+      Require(result == QUARN_RESULT_REFUSED ||
+                  (result == QUARN_RESULT_SUCCESS && IsAmong(server_handles_, server)),
+              "sent by a server, or refused");
     }
   }
 
@@ -247,6 +294,8 @@ class World final : public Listeners {
     auto* const intents = root_.GetIntentManager(manager);
     Require((intents != nullptr) == (manager == manager_), "the manager's intent manager");
     Keep(intents, intent_handles_);
+    // While the manager lets go of all, what is there may be next.
+    intents_there_ = is_releasing_ ? nullptr : intents != nullptr ? intents : intents_there_;
   }
 
   void OpenUri() {
@@ -254,7 +303,7 @@ class World final : public Listeners {
     const char* const uri = PickText();
     TARVOpenUriSlot slot = MakeUriSlot(intents, PickSize(sizeof(slot)));
     const std::size_t index = Count() - 1;
-    CheckTaken(index, uri, intents_.OpenUri(intents, uri, &slot));
+    CheckTaken(index, uri, intents, intents_.OpenUri(intents, uri, &slot));
   }
 
   void RegisterIntent() {
@@ -262,12 +311,18 @@ class World final : public Listeners {
     const char* const name = PickText();
     TARVRegisterIntentSlot slot = MakeIntentSlot(intents, PickSize(sizeof(slot)));
     const std::size_t index = Count() - 1;
-    CheckTaken(index, name, intents_.RegisterIntent(intents, name, &slot));
+    CheckTaken(index, name, intents, intents_.RegisterIntent(intents, name, &slot));
   }
 
-  // A slot is taken only with success.
-  void CheckTaken(std::size_t index, const char* text, QuarnResult result) {
+  // A slot is taken only with success, which only a text for an intent manager has.
+  void CheckTaken(std::size_t index, const char* text, _TARVIntentManagerRef* intents,
+                  QuarnResult result) {
     Require((text == nullptr) == (result == QUARN_RESULT_INVALID_ARGUMENT), "null is refused");
+    Require(result != QUARN_RESULT_SUCCESS || IsAmong(intent_handles_, intents),
+            "a handle of another kind is refused");
+    Require(text == nullptr || intents_there_ == nullptr || intents != intents_there_ ||
+                result == QUARN_RESULT_SUCCESS,
+            "the intent manager that is there takes a slot");
     if (result != QUARN_RESULT_SUCCESS) {
       Disown(index);
     }
@@ -279,7 +334,11 @@ class World final : public Listeners {
     _TARVManagerRef* const manager = PickManager();
     const std::set<const void*> before = manager == manager_ ? idle_ : std::set<const void*>();
     const bool was_releasing = std::exchange(is_releasing_, true);
+    const bool ends_intents = manager == manager_;
+    intents_there_ = ends_intents ? nullptr : intents_there_;
     root_.Release(manager);
+    // What a callback has made meanwhile may have gone again.
+    intents_there_ = ends_intents ? nullptr : intents_there_;
     is_releasing_ = was_releasing;
     for (const void* const client : before) {
       idle_.erase(client);
@@ -434,7 +493,8 @@ class World final : public Listeners {
   std::vector<void*> client_handles_;
   std::vector<void*> server_handles_;
   std::vector<void*> intent_handles_;
-  std::set<const void*> idle_;  // clients that have not been started
+  _TARVIntentManagerRef* intents_there_ = nullptr;  // null when it may have ended
+  std::set<const void*> idle_;                      // clients that have not been started
   std::vector<QPointer<Task>> tasks_;
   std::vector<std::shared_ptr<int>> invocations_;
   std::string text_;

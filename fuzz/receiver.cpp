@@ -5,8 +5,7 @@
 #include <vorpc/message.h>
 
 #include <cstdint>
-#include <string>
-#include <vector>
+#include <deque>
 
 #include "support/require.h"
 #include "support/script.h"
@@ -36,7 +35,7 @@ class Pump {
     }
     is_enabled_ = true;
     receiver_.SetQueueEnabled();
-    Require(delivered_ == handed_in_, "everything comes out in the end");
+    Require(waiting_.empty(), "everything comes out in the end");
   }
 
  private:
@@ -44,9 +43,11 @@ class Pump {
     switch (script_.Below(6)) {
       case 0:
         receiver_.Send(Next());
+        CheckAtOnce();
         break;
       case 1:
         receiver_.Receive(Next());
+        CheckAtOnce();
         break;
       case 2:
         receiver_.SendImmediately(Passing());
@@ -63,7 +64,16 @@ class Pump {
     }
   }
 
-  Message Next() { return Message::CreateNotification("queued", ++handed_in_); }
+  Message Next() {
+    ++handed_in_;
+    if (is_enabled_) {
+      at_once_ = handed_in_;
+    } else {
+      waiting_.push_back(handed_in_);
+    }
+    return Message::CreateNotification("queued", handed_in_);
+  }
+  void CheckAtOnce() const { Require(at_once_ == 0, "what need not wait does not"); }
   Message Passing() {
     ++passing_;
     return Message::CreateNotification("passing", passing_);
@@ -76,11 +86,21 @@ class Pump {
     Require(number != nullptr, "a message keeps its content");
     if (notification->method == "queued") {
       Require(is_enabled_, "the queue holds until it may flow");
-      ++delivered_;
+      TakeQueued(*number);
     } else {
       Require(*number == passing_, "what passes the queue by comes at once");
     }
     Nest();
+  }
+
+  // What had to wait comes in its order, anything else at once.
+  void TakeQueued(std::int64_t number) {
+    if (number == at_once_) {
+      at_once_ = 0;
+    } else {
+      Require(!waiting_.empty() && waiting_.front() == number, "the queue keeps its order");
+      waiting_.pop_front();
+    }
   }
 
   // A handler goes on with the script.
@@ -97,7 +117,8 @@ class Pump {
   bool is_enabled_ = false;
   int depth_ = 0;
   std::int64_t handed_in_ = 0;
-  std::int64_t delivered_ = 0;
+  std::int64_t at_once_ = 0;  // handed in, and not come out though nothing keeps it; 0: none
+  std::deque<std::int64_t> waiting_;  // handed in before the queue might flow
   std::int64_t passing_ = 0;
 };
 

@@ -1,8 +1,9 @@
 // A whole server against a peer that follows a script: it answers nothing before it runs, a request
-// as often as its handler does, and one without a handler once; a server that is let go sends and
+// as often as its handler does, and one without a handler once, each by its own id; a server that is let go sends and
 // tells nothing more, and keeps no handler.
 #include <vorpc/server.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -112,12 +113,16 @@ class Conversation {
   }
 
   void Ask(const std::string& method) {
-    server_->Receive(Message::CreateRequest(Message::ID(++asked_), method, MakeValue(script_)));
+    const Message::ID id(++last_id_);
+    open_.push_back(id.value);
+    server_->Receive(Message::CreateRequest(id, method, MakeValue(script_)));
   }
 
   // Whatever it is: as a request, it is to be answered.
   void Receive(Message&& message) {
-    asked_ += message.GetRequest() != nullptr ? 1 : 0;
+    if (const Message::Request* const request = message.GetRequest()) {
+      open_.push_back(request->id.value);
+    }
     server_->Receive(std::move(message));
   }
 
@@ -149,7 +154,11 @@ class Conversation {
   void Send(const Message& message) {
     CheckIsThere();
     Require(is_running_, "nothing leaves before the server runs");
-    answered_ += message.GetResponse() != nullptr ? 1 : 0;
+    if (const Message::Response* const response = message.GetResponse()) {
+      const auto asked = std::find(open_.begin(), open_.end(), response->id.value);
+      Require(asked != open_.end(), "an answer is to what was asked, once");
+      open_.erase(asked);
+    }
   }
 
   // Everything that was asked is answered once, the handshake among it.
@@ -162,14 +171,15 @@ class Conversation {
       Reply();
     }
     Require(connections_ == 1, "the client is connected");
-    Require(answered_ + unanswered_ == asked_, "every request is answered");
+    Require(open_.size() == unanswered_, "every request is answered");
   }
 
   Script& script_;
   std::vector<std::unique_ptr<vorpc::IReply>> replies_;
-  std::int64_t asked_ = 0;
-  std::int64_t answered_ = 0;
-  std::int64_t unanswered_ = 0;
+  std::int64_t last_id_ = 0;
+  std::vector<std::string>
+      open_;  // the ids of requests without an answer; a peer may use one twice
+  std::size_t unanswered_ = 0;
   int handlers_ = 0;
   std::shared_ptr<int> token_ = std::make_shared<int>(0);  // held by every callback
   int connections_ = 0;
