@@ -2,16 +2,18 @@
 """Lets system calls fail under an application and its task, and says what comes of it.
 
     calls.py SHIM PROGRAM TASK_FOLDER [--sample] [--every N] [--only CALL] [--every-error] [--deaths]
-                [--whose qt] [--jobs N]
+                [--spells] [--whose qt] [--jobs N]
 
 Each run is a whole program: three conversations with tasks, of which one call fails at one place,
 once or from then on. With --deaths each conversation loses its first task to SIGKILL, so that calls
-fail while that is mended. failing_calls.cpp makes them fail; conversation.cpp asks that each request
+fail while that is mended. With --spells what fails from the first or second conversation on does so
+no more in the third. failing_calls.cpp makes them fail; conversation.cpp asks that each request
 ends once, in time and with a text. Here it is added what one may expect of the conversations:
 
 - what is interrupted (EINTR) or falls short is mended without a trace: all three go well;
 - a single failure spoils one conversation at most: later work succeeds;
 - a lasting one ends each request in an error, and the program in time;
+- when a lasting one has passed, the third conversation goes well;
 - no process and no socket file is there two seconds later; a file that nobody could remove goes with
   the next run.
 """
@@ -67,6 +69,10 @@ ERRORS = {
     "fchmod": ["EACCES", "EIO"],
     "fchmodat": ["EACCES", "EIO"],
 }
+# Made only where something has failed already, or is cleared away after a death: with --deaths.
+MENDING = {
+    "unlinkat": ["EACCES", "EIO"],
+}
 # What --every-error adds: also what the call never says of itself, but a security module, a quota or
 # a container may make it say.
 ANY_CALLS = ["EMFILE", "ENFILE", "ENOMEM", "ENOSPC", "EIO", "EACCES", "EAGAIN", "EPIPE"]
@@ -90,6 +96,8 @@ def play(arguments, fault, folder):
                        FAIL_LOG=str(log), FAIL_ONCE=str(struck_mark(folder)), FAIL_WHOSE=arguments.whose, **fault)
     if arguments.deaths:
         environment["TORTURE_DEATH"] = "1"
+    if arguments.spells:
+        environment["FAIL_UNTIL"] = str(pathlib.Path(folder) / "over")
     process = subprocess.Popen([arguments.program], env=environment, stdout=subprocess.PIPE,
                                stderr=subprocess.STDOUT, text=True, errors="replace")
     try:
@@ -117,7 +125,7 @@ def counts_of(lines, program):
     return counts
 
 
-def judge(output, status, fault):
+def judge(output, status, fault, spells):
     wrong = [line for line in output.splitlines() if line.startswith("WRONG")]
     if wrong:
         return wrong[0]
@@ -127,6 +135,8 @@ def judge(output, status, fault):
     lasting = fault.get("FAIL_LASTS") == "1"
     if fault.get("FAIL_ERROR") in MENDED and good != "111":
         return f"WRONG not mended: {good}"
+    if spells and not good.endswith("1"):
+        return f"WRONG it has passed, and all is not well: {good}"
     if not lasting and good.count("0") > 1:
         return f"WRONG one failure spoiled more: {good}"
     return "mended without a trace" if good == "111" else "an error"
@@ -135,7 +145,7 @@ def judge(output, status, fault):
 def run(arguments, fault):
     with tempfile.TemporaryDirectory(prefix="tarv-calls-", ignore_cleanup_errors=True) as folder:
         output, status, _ = play(arguments, fault, folder)
-        outcome = judge(output, status, fault)
+        outcome = judge(output, status, fault, arguments.spells)
         is_struck = struck_mark(folder).exists()
         if may_leave_files(fault, arguments.deaths):
             play(arguments, {}, folder)
@@ -171,20 +181,31 @@ def faults_of(arguments):
             sys.exit(f"without any fault the program ends with {status}, and says:\n{output}")
         for program in PROGRAMS:
             counts[program] |= counts_of(lines, program)
+    calls = dict(ERRORS, **MENDING) if arguments.deaths else ERRORS
     # Who calls something else in its place from now on would not be asked any more.
-    uncalled = [call for call in ERRORS if not any(count[call] for count in counts.values())]
+    uncalled = [call for call in calls if not any(count[call] for count in counts.values())]
     if uncalled and arguments.whose == "ours":
         sys.exit(f"nobody calls {', '.join(uncalled)} any more: put what is called instead into "
                  "ERRORS and into failing_calls.cpp")
     for program in PROGRAMS:
-        for call, errors in ERRORS.items():
+        for call, errors in calls.items():
             added = [error for error in ANY_CALLS if error not in errors]
-            for nth in range(1, counts[program][call] + 1):
+            for nth in places(counts[program][call], arguments.spells):
                 for error in errors + (added if arguments.every_error else []):
-                    # What is interrupted for ever may be tried for ever.
-                    for lasts in "0" if error == "EINTR" else "01":
+                    for lasts in lasting(error, arguments.spells):
                         yield {"FAIL_IN": program, "FAIL_CALL": call, "FAIL_ERROR": error,
                                "FAIL_AT": str(nth), "FAIL_LASTS": lasts}
+
+
+def places(count, spells):
+    """Where a call may fail. A spell begins in the first conversation, or in the second."""
+    return sorted({1, count // 2} - {0}) if spells and count else range(1, count + 1)
+
+
+def lasting(error, spells):
+    """What is interrupted for ever may be tried for ever."""
+    kinds = "0" if error == "EINTR" else "01"
+    return kinds.replace("0", "") if spells else kinds
 
 
 def sample_of(faults):
@@ -228,7 +249,8 @@ def main():
     parser.add_argument("--every", type=int, default=int(os.environ.get("TORTURE_EVERY", "1")))
     parser.add_argument("--every-error", action="store_true")
     parser.add_argument("--deaths", action="store_true")
-    parser.add_argument("--only", choices=ERRORS)
+    parser.add_argument("--spells", action="store_true")
+    parser.add_argument("--only", choices=[*ERRORS, *MENDING])
     parser.add_argument("--whose", choices=["ours", "qt"], default="ours")
     parser.add_argument("--jobs", type=int, default=2 * (os.cpu_count() or 1))
     arguments = parser.parse_args()

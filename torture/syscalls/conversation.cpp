@@ -1,7 +1,9 @@
 // An application that talks to its task while system calls fail: start, handshake, requests,
 // notifications both ways, an intent of the task's, a URI, stop, and the same again, the third time
 // over the relay that faults stand in. A last task is ended by the end of the application. With
-// TORTURE_DEATH=1 each conversation loses its task to SIGKILL first, and starts it again.
+// TORTURE_DEATH=1 each conversation first starts a task that cannot run, and then loses its own to
+// SIGKILL, and starts it again. Before the third conversation the file FAIL_UNTIL is made, if that
+// variable is there: whatever failed until then does so no more.
 //
 // It prints what came of each step, a line each, and ends with 0 when every request ended once, by
 // an answer or an error, in good time, and nothing of it is left behind.
@@ -20,6 +22,7 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <string>
@@ -91,6 +94,7 @@ class Conversation {
  private:
   bool MakeManager();
   void Start();
+  void StartInVain();
   void LoseTask();
   void Ask(int number);
   void Hear();
@@ -140,6 +144,25 @@ void Conversation::Start() {
   client_->Run();
   if (!WaitUntil([&] { return told > 0; })) {
     Fail(Step("start"), "no end of it");
+  }
+}
+
+// What runs it is not there.
+void Conversation::StartInVain() {
+  const auto told = std::make_shared<int>(0);
+  const auto client = manager_->CreateIpcClient("torture_calls_cannot_run");
+  if (client == nullptr) {
+    return;
+  }
+  client->OnConnected([this, told](const OptionalError& error) {
+    ++*told;
+    if (!error || error->message.empty()) {
+      Fail(Step("start in vain"), "no error, or one without a text");
+    }
+  });
+  client->Run();
+  if (!WaitUntil([&] { return *told > 0; })) {
+    Fail(Step("start in vain"), "no end of it");
   }
 }
 
@@ -244,8 +267,12 @@ bool Conversation::Play() {
   if (!MakeManager()) {
     return false;
   }
+  const bool is_to_die = qEnvironmentVariableIsSet("TORTURE_DEATH");
+  if (is_to_die) {
+    StartInVain();
+  }
   Start();
-  if (qEnvironmentVariableIsSet("TORTURE_DEATH") && client_ != nullptr && !has_ended_) {
+  if (is_to_die && client_ != nullptr && !has_ended_) {
     LoseTask();
     Start();
   }
@@ -264,6 +291,13 @@ bool Conversation::Play() {
 void Conversation::Begin() {
   if (MakeManager()) {
     Start();
+  }
+}
+
+void EndTheCause() {
+  const QByteArray path = qgetenv("FAIL_UNTIL");
+  if (!path.isEmpty()) {
+    std::ofstream(path.constData()).close();
   }
 }
 
@@ -316,6 +350,7 @@ int main(int argc, char** argv) {
   const auto before = torture::Descriptors();
   const bool first = torture::Conversation("first").Play();
   const bool second = torture::Conversation("second").Play();
+  torture::EndTheCause();
   const bool third = torture::PlayOverARelay();
   torture::Say("good", std::to_string(first) + std::to_string(second) + std::to_string(third));
   torture::ExpectDescriptors(before);

@@ -6,6 +6,7 @@
 //   FAIL_LASTS=1         all later ones fail, too, and those of every process
 //   FAIL_ONCE=FILE       else the one that makes this file fails, and no other process's; it tells
 //                        that a call has failed
+//   FAIL_UNTIL=FILE      as long as there is no such file
 //   FAIL_IN=name         in the program of this name alone; empty: in every one
 //   FAIL_WHOSE=qt        those that Qt and its event loop make; else those of this project's libraries
 //   FAIL_LOG=FILE        each process appends how often it called what

@@ -124,6 +124,15 @@ bool IsFirst() {
   return is_first;
 }
 
+// Whether what causes the failures has gone.
+bool IsOver() {
+  const char* const path = Variable("FAIL_UNTIL");
+  const int before = errno;
+  const bool is_over = *path != '\0' && ::access(path, F_OK) == 0;
+  errno = before;
+  return is_over;
+}
+
 __attribute__((destructor)) void End() {
   const char* const path = Variable("FAIL_LOG");
   const int log = *path == '\0' ? -1
@@ -149,7 +158,7 @@ bool Strikes(Call call, const void* caller) {
   const int before = errno;
   const int number = IsCounted(caller) ? ++counts[call] : 0;
   errno = before;
-  return call == failing_call && number > 0 &&
+  return call == failing_call && number > 0 && !IsOver() &&
          ((number == nth && (IsFirst() || lasts)) || (lasts && number > nth));
 }
 
