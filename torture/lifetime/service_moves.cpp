@@ -235,24 +235,58 @@ void ServiceWorld::UseEverything() {
   intent_table.OpenUri(intents, "a:2", &slot);
 }
 
+// Each entry is for handles of one kind, and refuses the others.
 void ServiceWorld::UseForeignHandles() {
-  const std::vector<void*> handles = {manager, server, intents, clients.front()->handle, this};
-  for (void* const handle : handles) {
-    if (handle != clients.front()->handle) {
-      auto* const client = static_cast<_TARVRpcClientRef*>(handle);
-      table.SendMessage(client, "text");
-      table.UnlockResources(client, 1);
-      table.StartTask(client, "task", "/libs", nullptr);
-      table.Release(client);
+  _TARVRpcClientRef* const client = clients.front()->handle;
+  for (void* const handle : std::vector<void*>{manager, server, intents, client, this, nullptr}) {
+    if (handle != client) {
+      UseAsClient(static_cast<_TARVRpcClientRef*>(handle));
     }
     if (handle != server) {
-      server_table.Run(static_cast<_TARVRpcServerRef*>(handle), nullptr);
-      server_table.SendMessage(static_cast<_TARVRpcServerRef*>(handle), "text");
+      UseAsServer(static_cast<_TARVRpcServerRef*>(handle));
+    }
+    if (handle != intents) {
+      UseAsIntents(static_cast<_TARVIntentManagerRef*>(handle));
     }
     if (handle != manager) {
-      root.Release(static_cast<_TARVManagerRef*>(handle));
-      root.GetRpcServer(static_cast<_TARVManagerRef*>(handle));
+      UseAsManager(static_cast<_TARVManagerRef*>(handle));
     }
+  }
+}
+
+void ServiceWorld::UseAsClient(_TARVRpcClientRef* handle) {
+  ExpectRefused(table.SendMessage(handle, "text") == QUARN_RESULT_REFUSED);
+  table.UnlockResources(handle, 1);
+  ExpectRefused(table.StartTask(handle, "task", "/libs", nullptr) == QUARN_RESULT_INVALID_ARGUMENT);
+  table.Release(handle);
+}
+
+void ServiceWorld::UseAsServer(_TARVRpcServerRef* handle) {
+  server_table.Run(handle, nullptr);
+  server_table.UnlockResources(handle, 1);
+  ExpectRefused(server_table.SendMessage(handle, "text") == QUARN_RESULT_REFUSED);
+}
+
+void ServiceWorld::UseAsIntents(_TARVIntentManagerRef* handle) {
+  TARVOpenUriSlot uri_slot{};
+  uri_slot.size = sizeof(uri_slot);
+  ExpectRefused(intent_table.OpenUri(handle, "a:3", &uri_slot) == QUARN_RESULT_REFUSED);
+  TARVRegisterIntentSlot intent_slot{};
+  intent_slot.size = sizeof(intent_slot);
+  ExpectRefused(intent_table.RegisterIntent(handle, "foreign", &intent_slot) ==
+                QUARN_RESULT_REFUSED);
+}
+
+void ServiceWorld::UseAsManager(_TARVManagerRef* handle) {
+  root.Release(handle);
+  ExpectRefused(root.GetRpcServer(handle) == nullptr);
+  ExpectRefused(root.CreateRpcClient(handle) == nullptr);
+  ExpectRefused(root.GetIntentManager(handle) == nullptr);
+}
+
+void ServiceWorld::ExpectRefused(bool is_refused) {
+  if (!is_refused) {
+    Fault("a handle of another kind is not refused");
   }
 }
 

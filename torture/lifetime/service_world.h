@@ -105,6 +105,11 @@ class ServiceWorld : public LifeInLoop {
   void EndEverything() override;
   void ArriveInNestedLoop() override;
 
+  void UseAsClient(_TARVRpcClientRef* handle);
+  void UseAsServer(_TARVRpcServerRef* handle);
+  void UseAsIntents(_TARVIntentManagerRef* handle);
+  void UseAsManager(_TARVManagerRef* handle);
+  void ExpectRefused(bool is_refused);
   Slots& NewSlots(const std::string& name);
   void HearOf(Slots& slots, const char* place);
   void HearText(Slots& slots, const char* place, const char* text,
