@@ -200,6 +200,7 @@ void LineChannel::Close() {
     writable_->setEnabled(false);
   }
   queue_->Close();
+  ProcessExit::Get().RemoveQueue(queue_);
 }
 
 void LineChannel::End(const Error& error) {

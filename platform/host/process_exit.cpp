@@ -89,9 +89,19 @@ ProcessExit& ProcessExit::Get() {
 
 void ProcessExit::AddQueue(const std::shared_ptr<SendQueue>& queue, Patience patience) {
   const std::lock_guard lock(mutex_);
-  const auto is_gone = [](const Entry& entry) { return entry.queue.expired(); };
-  queues_.erase(std::remove_if(queues_.begin(), queues_.end(), is_gone), queues_.end());
-  queues_.push_back({queue, patience});
+  queues_.emplace_back(queue, patience);
+}
+
+void ProcessExit::RemoveQueue(const std::shared_ptr<SendQueue>& queue) {
+  if (IsForkedCopy()) {
+    return;
+  }
+  const std::lock_guard lock(mutex_);
+  const auto found = std::find_if(queues_.begin(), queues_.end(),
+                                  [&queue](const auto& entry) { return entry.first == queue; });
+  if (found != queues_.end()) {
+    queues_.erase(found);
+  }
 }
 
 void ProcessExit::AddChild(const std::shared_ptr<ChildProcess>& child) {
@@ -142,10 +152,8 @@ void ProcessExit::SendWhatWaits() {
     const std::lock_guard lock(mutex_);
     return queues_;
   }();
-  for (const Entry& entry : queues) {
-    if (const auto queue = entry.queue.lock()) {
-      queue->FlushUntil(now + entry.patience);
-    }
+  for (const auto& [queue, patience] : queues) {
+    queue->FlushUntil(now + patience);
   }
 }
 

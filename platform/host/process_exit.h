@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <utility>
 #include <vector>
 
 namespace RuntimeManager::host {
@@ -34,8 +35,10 @@ class ProcessExit {
 
   static ProcessExit& Get();
 
-  // `patience` is how long the process waits for the peer to take what waits for it.
+  // Keeps the queue until it is removed. `patience` is how long the process waits for the peer to
+  // take what waits for it.
   void AddQueue(const std::shared_ptr<SendQueue>& queue, Patience patience);
+  void RemoveQueue(const std::shared_ptr<SendQueue>& queue);
 
   // Keeps the child until it is removed.
   void AddChild(const std::shared_ptr<ChildProcess>& child);
@@ -51,18 +54,13 @@ class ProcessExit {
   [[noreturn]] void LeaveNow(int status);
 
  private:
-  struct Entry {
-    std::weak_ptr<SendQueue> queue;
-    Patience patience;
-  };
-
   void TakeAllSteps();
   void SendWhatWaits();
   void EndChildren();
   void RemoveFiles();
 
   std::mutex mutex_;  // held for the lists alone, never while something is done with them
-  std::vector<Entry> queues_;
+  std::vector<std::pair<std::shared_ptr<SendQueue>, Patience>> queues_;
   std::set<std::shared_ptr<ChildProcess>> children_;
   std::set<QByteArray> files_;
 };

@@ -73,7 +73,10 @@ class TablesOfClient final : public Tables {
       return;
     }
     Start();
-    Settle();
+    // A start that goes on once there is memory is not cut off: nothing would be heard of it.
+    if (!Settle()) {
+      return;
+    }
     Send("\"small\"");
     Send(large_.c_str());
     Settle();

@@ -13,15 +13,27 @@ namespace {
 
 const OptionalError kNoError;
 
-// So short that it takes no memory.
-constexpr char kOutOfMemory[] = "Out of memory";
+// Its text is so short that it takes no memory.
+Message::Error OutOfMemory() { return {Message::kInternalError, "Out of memory"}; }
 
 // The error, or that memory ran out for it.
-Message::Error CopyOf(const Message::Error& error) {
+Message::Error CopyOf(const Message::Error& error) noexcept {
   try {
     return error;
   } catch (const std::bad_alloc&) {
-    return {Message::kInternalError, kOutOfMemory};
+    return OutOfMemory();
+  }
+}
+OptionalError CopyOf(const OptionalError& error) noexcept {
+  return error ? OptionalError(CopyOf(*error)) : std::nullopt;
+}
+
+// Where the end has no reason.
+Message::Error UnknownError() {
+  try {
+    return {Message::kInternalError, "Unknown runtime error"};
+  } catch (const std::bad_alloc&) {
+    return OutOfMemory();
   }
 }
 
@@ -50,8 +62,14 @@ void Client::OnDisconnected(std::function<void(const OptionalError&)>&& callback
 void Client::Subscribe(OutcomeSignal& signal,
                        std::function<void(const OptionalError&)>&& callback) {
   const auto self = KeepAlive();
-  signal.Subscribe(std::make_shared<quarn::CppStyleListener<OptionalError>>(
-      receiver_.UntilClosed(std::move(callback))));
+  signal.Subscribe(std::make_shared<quarn::CppStyleListener<Outcome>>(
+      [tell = receiver_.UntilClosed(std::move(callback))](const Outcome& outcome) {
+        if (outcome != nullptr) {
+          tell(*outcome);
+        } else {
+          tell(OutOfMemory());
+        }
+      }));
 }
 
 void Client::SetStarted() {
@@ -74,8 +92,8 @@ void Client::Disconnect(OptionalError error) {
 void Client::Abandon() {
   receiver_.Close();
   // These reach nobody any more: they let the listeners go while the object is still whole.
-  connected_.Emit(kNoError);
-  disconnected_.Emit(kNoError);
+  connected_.Emit(Success());
+  disconnected_.Emit(Success());
   PendingRequests requests;  // these are destroyed after unlocking
   std::unique_ptr<ConnectRecord> record;
   const std::lock_guard lock(mutex_);
@@ -143,15 +161,16 @@ void Client::CompleteHandshake() {
     record.swap(connect_record_);
   }
   quarn::details::CallsOut("a callback of the connection");
-  quarn::details::AttemptAll([this] { connected_.Emit(kNoError); },
+  quarn::details::AttemptAll([this] { connected_.Emit(Success()); },
                              [this] { receiver_.SetQueueEnabled(); });
 }
 
 // The transport has gone before the handshake: if one comes, it shall fail.
-void Client::RecordClose(OptionalError error) {
+void Client::RecordClose(const OptionalError& error) {
+  OptionalError copy = CopyOf(error);  // the old one dies after unlocking
   const std::lock_guard lock(mutex_);
   if (connect_record_ != nullptr) {
-    connect_record_->close_error.swap(error);
+    connect_record_->close_error.swap(copy);
     connect_record_->closed = true;
   }
 }
@@ -174,21 +193,20 @@ bool Client::EndConnection(const OptionalError& error) {
   return true;
 }
 
-// An outcome that memory runs out for is told all the same, in short. Emitted once, a signal does
-// nothing a second time.
-void Client::Tell(OutcomeSignal& signal, const OptionalError& error) {
+Client::Outcome Client::Success() { return {std::shared_ptr<void>(), &kNoError}; }
+
+// Null where memory runs out for it: what is heard then is that.
+Client::Outcome Client::MakeOutcome(const Message::Error& error) noexcept {
   try {
-    signal.Emit(error);
+    return std::make_shared<const OptionalError>(error);
   } catch (const std::bad_alloc&) {
-    signal.Emit(Message::Error(Message::kInternalError, kOutOfMemory));
-    throw;
+    return nullptr;
   }
 }
 
 // Called once at most, by whoever has moved the state to Ended.
 void Client::Close(const OptionalError& error, bool during_handshake) {
-  const Message::Error reported =
-      error ? CopyOf(*error) : CopyOf({Message::kInternalError, "Unknown runtime error"});
+  const Message::Error reported = error ? CopyOf(*error) : UnknownError();
   PendingRequests requests;
   std::unique_ptr<ConnectRecord> record;  // destroyed after unlocking
   {
@@ -201,9 +219,9 @@ void Client::Close(const OptionalError& error, bool during_handshake) {
   quarn::details::Attempts steps;
   if (during_handshake) {
     receiver_.DropQueue();
-    steps.Run([this, &reported] { Tell(connected_, reported); });
+    steps.Run([this, &reported] { connected_.Emit(MakeOutcome(reported)); });
   } else {
-    steps.Run([this, &error] { Tell(disconnected_, error); });
+    steps.Run([this, &error] { disconnected_.Emit(error ? MakeOutcome(*error) : Success()); });
   }
   AnswerAll(std::move(requests), reported, steps);
   steps.Finish();

@@ -71,7 +71,9 @@ class Client final : public IOwnedClient,
     Message request;
   };
 
-  using OutcomeSignal = quarn::OwnedRunOnceSignal<OptionalError>;
+  // Shared, so that telling everybody of it takes no memory; null for a want of memory.
+  using Outcome = std::shared_ptr<const OptionalError>;
+  using OutcomeSignal = quarn::OwnedRunOnceSignal<Outcome>;
 
   // Keeps the object alive during an operation, since any callback may drop the last reference from
   // outside. Empty when the object is being destroyed.
@@ -89,11 +91,12 @@ class Client final : public IOwnedClient,
   std::optional<ResponseCallback> TakeCallback(const Message::ID& id);
   bool TakeForgotten(const Message::ID& id);
   void AnswerAfterEnd(const Message::ID& id, const Message::Error& error);
-  void RecordClose(OptionalError error);
+  void RecordClose(const OptionalError& error);
   bool FailHandshake(const OptionalError& error);
   bool EndConnection(const OptionalError& error);
   void Close(const OptionalError& error, bool during_handshake);
-  static void Tell(OutcomeSignal& signal, const OptionalError& error);
+  static Outcome Success();
+  static Outcome MakeOutcome(const Message::Error& error) noexcept;
   void AnswerAll(PendingRequests&& requests, const Message::Error& error,
                  quarn::details::Attempts& steps) const;
   void AnswerOne(PendingRequests::Entry&& entry, const Message::Error& error,

@@ -144,10 +144,37 @@ TEST_F(ClientEnd, AnswersEachRequestInItsTurnWhenNoMemoryIsLeft) {
 TEST_F(ClientEnd, AnswersInShortWhenNoMemoryIsLeftForTheReason) {
   std::optional<Message::Error> reason(
       std::in_place, 1, "a reason that is too long to stand where the text itself stands");
-  WithoutMemory(
-      [this, &reason] { EXPECT_THROW(client_->Disconnect(std::move(reason)), std::bad_alloc); });
+  WithoutMemory([this, &reason] { client_->Disconnect(std::move(reason)); });
   EXPECT_EQ(ended_, kRequests);
   EXPECT_EQ(short_texts_, kRequests);
+}
+
+TEST_F(ClientEnd, IsHeardByAllInShortWhenNoMemoryIsLeftForTheReason) {
+  int short_texts = 0;
+  for (int i = 0; i < 2; ++i) {
+    client_->OnDisconnected([&short_texts](const std::optional<Message::Error>& error) {
+      short_texts += error && error->message == "Out of memory" ? 1 : 0;
+    });
+  }
+  std::optional<Message::Error> reason(
+      std::in_place, 1, "a reason that is too long to stand where the text itself stands");
+  WithoutMemory([this, &reason] { client_->Disconnect(std::move(reason)); });
+  EXPECT_EQ(short_texts, 2);
+}
+
+TEST(ClientEndEarly, IsHeardInShortWhenNoMemoryIsLeftForTheReason) {
+  const auto client = IOwnedClient::Create([](Message&& /*message*/) {});
+  std::string heard;
+  client->OnConnected(
+      [&heard](const auto& error) { heard = error ? error->message : "connected"; });
+  std::optional<Message::Error> reason(
+      std::in_place, 1, "a reason that is too long to stand where the text itself stands");
+  GetMemoryUsage().limit = 0;
+  client->Disconnect(std::move(reason));
+  GetMemoryUsage().limit = std::numeric_limits<std::size_t>::max();
+  client->Run();
+  client->SetStarted();
+  EXPECT_EQ(heard, "Out of memory");
 }
 
 TEST_F(ClientEnd, IsLetGoWhenNoMemoryIsLeft) {

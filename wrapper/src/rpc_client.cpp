@@ -28,7 +28,7 @@ bool HasAllEntries(const TARVRpcClientProcTable& table) {
 }
 
 // When memory runs out for the text, the error has a shorter one, which takes none.
-std::optional<vorpc::Message::Error> MakeError(int code, const char* message) {
+std::optional<vorpc::Message::Error> MakeError(int code, const char* message) noexcept {
   if (code == 0) {
     return std::nullopt;
   }
@@ -36,16 +36,6 @@ std::optional<vorpc::Message::Error> MakeError(int code, const char* message) {
     return vorpc::Message::Error(code, message);
   } catch (const std::bad_alloc&) {
     return vorpc::Message::Error(code, "Out of memory");
-  }
-}
-
-// The end is told once; when memory runs out on the way to it, in short.
-void Disconnect(vorpc::IOwnedClient& client, int code, const char* message) {
-  try {
-    client.Disconnect(MakeError(code, message));
-  } catch (const std::bad_alloc&) {
-    client.Disconnect(MakeError(vorpc::Message::kInternalError, ""));
-    throw;
   }
 }
 
@@ -108,7 +98,7 @@ void RpcClient::HandleOnStarted(void* user_data, int code, const char* message, 
   AttemptAll(
       [&self, code, message] {
         if (code != 0) {
-          Disconnect(*self->owned_, code, message);
+          self->owned_->Disconnect(MakeError(code, message));
         }
       },
       [&self, chunk] {
@@ -136,7 +126,7 @@ void RpcClient::HandleOnDisconnect(void* user_data, int code, const char* messag
   if (!self) {
     return;
   }
-  AttemptAll([&self, code, message] { Disconnect(*self->owned_, code, message); },
+  AttemptAll([&self, code, message] { self->owned_->Disconnect(MakeError(code, message)); },
              [&self, chunk] { self->UnlockResources(chunk); });
 }
 
