@@ -11,17 +11,15 @@
 namespace vorpc::details {
 namespace {
 
-const OptionalError kNoError;
-
-// Its text is so short that it takes no memory.
-Message::Error OutOfMemory() { return {Message::kInternalError, "Out of memory"}; }
+// For an error with this code. The text is so short that it takes no memory.
+Message::Error OutOfMemory(std::int32_t code) { return {code, "Out of memory"}; }
 
 // The error, or that memory ran out for it.
 Message::Error CopyOf(const Message::Error& error) noexcept {
   try {
     return error;
   } catch (const std::bad_alloc&) {
-    return OutOfMemory();
+    return OutOfMemory(error.code);
   }
 }
 OptionalError CopyOf(const OptionalError& error) noexcept {
@@ -33,7 +31,7 @@ Message::Error UnknownError() {
   try {
     return {Message::kInternalError, "Unknown runtime error"};
   } catch (const std::bad_alloc&) {
-    return OutOfMemory();
+    return OutOfMemory(Message::kInternalError);
   }
 }
 
@@ -64,10 +62,12 @@ void Client::Subscribe(OutcomeSignal& signal,
   const auto self = KeepAlive();
   signal.Subscribe(std::make_shared<quarn::CppStyleListener<Outcome>>(
       [tell = receiver_.UntilClosed(std::move(callback))](const Outcome& outcome) {
-        if (outcome != nullptr) {
-          tell(*outcome);
+        if (outcome.error != nullptr) {
+          tell(*outcome.error);
+        } else if (outcome.code_alone) {
+          tell(OutOfMemory(*outcome.code_alone));
         } else {
-          tell(OutOfMemory());
+          tell(std::nullopt);
         }
       }));
 }
@@ -92,8 +92,8 @@ void Client::Disconnect(OptionalError error) {
 void Client::Abandon() {
   receiver_.Close();
   // These reach nobody any more: they let the listeners go while the object is still whole.
-  connected_.Emit(Success());
-  disconnected_.Emit(Success());
+  connected_.Emit({});
+  disconnected_.Emit({});
   PendingRequests requests;  // these are destroyed after unlocking
   std::unique_ptr<ConnectRecord> record;
   const std::lock_guard lock(mutex_);
@@ -161,7 +161,7 @@ void Client::CompleteHandshake() {
     record.swap(connect_record_);
   }
   quarn::details::CallsOut("a callback of the connection");
-  quarn::details::AttemptAll([this] { connected_.Emit(Success()); },
+  quarn::details::AttemptAll([this] { connected_.Emit({}); },
                              [this] { receiver_.SetQueueEnabled(); });
 }
 
@@ -193,14 +193,11 @@ bool Client::EndConnection(const OptionalError& error) {
   return true;
 }
 
-Client::Outcome Client::Success() { return {std::shared_ptr<void>(), &kNoError}; }
-
-// Null where memory runs out for it: what is heard then is that.
 Client::Outcome Client::MakeOutcome(const Message::Error& error) noexcept {
   try {
-    return std::make_shared<const OptionalError>(error);
+    return {std::make_shared<const OptionalError>(error), std::nullopt};
   } catch (const std::bad_alloc&) {
-    return nullptr;
+    return {nullptr, error.code};
   }
 }
 
@@ -221,7 +218,7 @@ void Client::Close(const OptionalError& error, bool during_handshake) {
     receiver_.DropQueue();
     steps.Run([this, &reported] { connected_.Emit(MakeOutcome(reported)); });
   } else {
-    steps.Run([this, &error] { disconnected_.Emit(error ? MakeOutcome(*error) : Success()); });
+    steps.Run([this, &error] { disconnected_.Emit(error ? MakeOutcome(*error) : Outcome()); });
   }
   AnswerAll(std::move(requests), reported, steps);
   steps.Finish();

@@ -71,8 +71,12 @@ class Client final : public IOwnedClient,
     Message request;
   };
 
-  // Shared, so that telling everybody of it takes no memory; null for a want of memory.
-  using Outcome = std::shared_ptr<const OptionalError>;
+  // Of the handshake or of the connection; by default a good one. The error is shared, so that
+  // telling everybody of it takes no memory; where there was none for it, its code is left.
+  struct Outcome {
+    std::shared_ptr<const OptionalError> error;
+    std::optional<std::int32_t> code_alone;
+  };
   using OutcomeSignal = quarn::OwnedRunOnceSignal<Outcome>;
 
   // Keeps the object alive during an operation, since any callback may drop the last reference from
@@ -95,7 +99,6 @@ class Client final : public IOwnedClient,
   bool FailHandshake(const OptionalError& error);
   bool EndConnection(const OptionalError& error);
   void Close(const OptionalError& error, bool during_handshake);
-  static Outcome Success();
   static Outcome MakeOutcome(const Message::Error& error) noexcept;
   void AnswerAll(PendingRequests&& requests, const Message::Error& error,
                  quarn::details::Attempts& steps) const;

@@ -153,11 +153,11 @@ TEST_F(ClientEnd, IsHeardByAllInShortWhenNoMemoryIsLeftForTheReason) {
   int short_texts = 0;
   for (int i = 0; i < 2; ++i) {
     client_->OnDisconnected([&short_texts](const std::optional<Message::Error>& error) {
-      short_texts += error && error->message == "Out of memory" ? 1 : 0;
+      short_texts += error == Message::Error(-32002, "Out of memory") ? 1 : 0;
     });
   }
   std::optional<Message::Error> reason(
-      std::in_place, 1, "a reason that is too long to stand where the text itself stands");
+      std::in_place, -32002, "a reason that is too long to stand where the text itself stands");
   WithoutMemory([this, &reason] { client_->Disconnect(std::move(reason)); });
   EXPECT_EQ(short_texts, 2);
 }
