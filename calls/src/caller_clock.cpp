@@ -64,8 +64,7 @@ void CallerCore::SetTimer() {
   if (open_.IsEmpty()) {
     return;
   }
-  const Loop::Time earliest =
-      std::min(open_.GetDeadline(), IsOverdue() ? Loop::Time::max() : ConnectDeadline());
+  const Loop::Time earliest = std::min(open_.GetDeadline(), ConnectDeadline());
   if (earliest == Loop::Time::max() || (!wakes_.empty() && *wakes_.begin() <= earliest)) {
     return;
   }

@@ -107,11 +107,8 @@ class Ticker final : public QObject {
   void Start(std::chrono::milliseconds wait) {
     timer_ = qt::details::StartTimer(*this, wait, Qt::PreciseTimer);
   }
-  void Stop() {
-    if (timer_ != 0) {
-      killTimer(std::exchange(timer_, 0));
-    }
-  }
+  // Nothing, when it does not run.
+  void Stop() { killTimer(std::exchange(timer_, 0)); }
   bool IsRunning() const { return timer_ != 0; }
 
  protected:

@@ -38,15 +38,15 @@ class Workers::Pool : public std::enable_shared_from_this<Pool> {
     changed_.notify_one();
   }
 
-  void End() {
-    std::deque<Job> dropped;  // destroyed after unlocking
+  // Takes no memory.
+  void End() noexcept {
     {
       const std::lock_guard lock(mutex_);
       *ending_ = true;
-      dropped.swap(jobs_);
     }
     changed_.notify_all();
-    dropped.clear();
+    while (const Job dropped = Drop()) {
+    }
     for (std::thread& thread : threads_) {
       if (thread.get_id() == std::this_thread::get_id()) {
         thread.detach();
@@ -69,6 +69,15 @@ class Workers::Pool : public std::enable_shared_from_this<Pool> {
   Job Take() {
     std::unique_lock lock(mutex_);
     changed_.wait(lock, [this] { return *ending_ || !jobs_.empty(); });
+    return *ending_ ? Job() : TakeFirst();
+  }
+  // An empty one when there is none.
+  Job Drop() {
+    const std::lock_guard lock(mutex_);
+    return TakeFirst();
+  }
+  // With the lock held.
+  Job TakeFirst() {
     if (jobs_.empty()) {
       return {};
     }

@@ -213,6 +213,14 @@ TEST_F(CallerTest, DoesNotGatherTimersWhileShortCallsEndBeforeALongOne) {
   EXPECT_EQ(patient.GetReason(), CallReason::kTimedOut);
 }
 
+TEST_F(CallerTest, SetsNoTimerWhenNoCallIsOpen) {
+  Make();
+  const Ending<void> ending(caller_->Call(kPing, CallOptions().Timeout(1s)));
+  link_.loop->Advance(1s);
+  EXPECT_EQ(ending.GetReason(), CallReason::kTimedOut);
+  EXPECT_EQ(link_.loop->CountWakes(), 0U);
+}
+
 TEST_F(CallerTest, CancelsOnTheWireAndEndsTheCall) {
   Connect();
   const auto call = caller_->Call(kPing);
@@ -290,6 +298,7 @@ TEST_F(CallerTest, TellsThatTheConnectionWasClosed) {
   const Ending<void> ending(caller_->Call(kPing));
   link_.client->Disconnect(std::nullopt);
   EXPECT_EQ(ending.GetReason(), CallReason::kConnectionLost);
+  EXPECT_EQ(ending.Get().GetError().GetCode(), 0);
   EXPECT_THAT(ending.GetText(), HasSubstr("the connection was closed by this application"));
 }
 
@@ -576,6 +585,33 @@ TEST_F(CallerTest, LeavesItsCallsToTheLoopOnceItIsGone) {
   link_.Pump();
   ASSERT_EQ(ending.Count(), 1U);
   EXPECT_EQ(ending.GetReason(), CallReason::kReleased);
+}
+
+// Runs nothing, and drops it in the end.
+class IdleLoop final : public tarv::Loop {
+ public:
+  bool IsCurrent() const override { return true; }
+  void Post(Function function) override { kept_.push_back(std::move(function)); }
+  Time Now() const override { return Time(1h); }
+  void WakeAt(Time /*time*/, Function function) override { kept_.push_back(std::move(function)); }
+  void Drop() { kept_.clear(); }
+
+ private:
+  std::vector<Function> kept_;
+};
+
+TEST(Caller, LeavesNothingWithALoopThatDropsWhatComesAfterItsEnd) {
+  const auto witness = std::make_shared<int>();
+  const auto loop = std::make_shared<IdleLoop>();
+  {
+    auto caller = std::make_unique<tarv::Caller>(nullptr, loop);
+    const auto call = caller->Call(kPing);
+    caller.reset();
+    call.Then([witness](const Outcome<void>&) {});
+  }
+  EXPECT_EQ(witness.use_count(), 2);
+  loop->Drop();
+  EXPECT_EQ(witness.use_count(), 1);
 }
 
 TEST_F(CallerTest, MayEndInsideAConsumer) {
@@ -927,6 +963,14 @@ TEST_F(CallerTest, CountsWhatHappens) {
   EXPECT_GE(metrics.p99_ns, 1'000'000'000U);
   EXPECT_EQ(metrics.bytes_sent, 7U + 5U + 7U);
   EXPECT_EQ(metrics.bytes_received, 4U);
+}
+
+TEST_F(CallerTest, TellsNoTimesBeforeACallHasEnded) {
+  Connect();
+  const auto call = caller_->Call(kPing);
+  const tarv::MethodMetrics metrics = caller_->GetMetrics().methods.at("ping");
+  EXPECT_EQ(metrics.median_ns, 0U);
+  EXPECT_EQ(metrics.p99_ns, 0U);
 }
 
 TEST_F(CallerTest, TellsTheTimeThatNearlyAllStayedWithin) {

@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <set>
 #include <string>
 #include <thread>
@@ -44,6 +45,12 @@ class TestLoop final : public Loop {
       function();
     }
   }
+  // Runs the next thing there is to do.
+  void RunNext() {
+    if (const Function function = TakeNext()) {
+      function();
+    }
+  }
   void Advance(Duration duration) {
     {
       const std::lock_guard lock(mutex_);
@@ -51,6 +58,8 @@ class TestLoop final : public Loop {
     }
     Pump();
   }
+  // The wakes that are to come.
+  std::size_t CountWakes() const { return wakes_.size(); }
   // The wakes that were set at one time, at most.
   std::size_t GetMostWakes() const { return most_wakes_; }
 
@@ -93,10 +102,19 @@ class LinkOn {
       if (const auto running = loop.lock()) {
         running->Post([text = message.ToBase64(), to] {
           if (const auto end = to.lock()) {
-            end->Receive(vorpc::Message::FromBase64(text));
+            end->Receive(Read(text));
           }
         });
       }
+    }
+
+    // What was a message is one, unless memory runs out for it.
+    static vorpc::Message Read(const std::string& text) {
+      vorpc::Message message = vorpc::Message::FromBase64(text);
+      if (message.GetType() == vorpc::Message::Type::Error) {  // what is unreadable
+        throw std::bad_alloc();
+      }
+      return message;
     }
 
     std::weak_ptr<LoopType> loop;

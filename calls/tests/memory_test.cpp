@@ -264,6 +264,73 @@ TEST_F(CallsWithoutMemory, AnswerADroppedRequestWithTheNextOne) {
   EXPECT_EQ(service_->GetMetrics().methods.at("ping").in_flight, 0U);
 }
 
+TEST_F(CallsWithoutMemory, AnswerADroppedRequestWhenAnotherOneIsCancelled) {
+  Hear(1, caller_->Call(kPing));
+  const tarv::Call<void> other = caller_->Call(kPing);
+  link_.Pump();
+  WithoutMemory([this] { open_.erase(open_.begin()); });
+  link_.Pump();
+  EXPECT_TRUE(heard_.empty());
+  other.Cancel();
+  link_.Pump();
+  ASSERT_EQ(heard_.size(), 1U);
+  EXPECT_EQ(heard_[0].error->GetCode(), -32603);
+}
+
+// Ends its user in the middle of a send.
+class FatalClient final : public vorpc::IClient {
+ public:
+  using Callback = std::function<void(const std::optional<vorpc::Message::Error>&)>;
+
+  bool IsConnected() const override { return true; }
+  bool HasConnectionFailed() const override { return false; }
+  void Run() override { connected_(std::nullopt); }
+  void OnConnected(Callback&& callback) override { connected_ = std::move(callback); }
+  void OnDisconnected(Callback&& /*callback*/) override {}
+  void SendRequest(std::string_view method, const cw::EncodableValue& /*params*/,
+                   std::function<void(const vorpc::Message::Response&)>&& /*callback*/) override {
+    if (method == kSay.name) {
+      end_user();
+    }
+  }
+  void SendNotify(std::string_view /*method*/, const cw::EncodableValue& /*params*/) override {}
+  void OnNotify(std::string_view /*method*/,
+                std::function<void(const vorpc::Message::Notification&)>&& /*callback*/) override {}
+
+  std::function<void()> end_user;
+
+ private:
+  Callback connected_;
+};
+
+TEST_F(CallsWithoutMemory, EndWithACallerThatEndsInTheMiddleOfASend) {
+  const auto client = std::make_shared<FatalClient>();
+  auto caller = std::make_unique<tarv::Caller>(client, link_.loop);
+  link_.Pump();
+  Hear(1, caller->Call(kPing));
+  client->end_user = [&caller] { WithoutMemory([&caller] { caller.reset(); }); };
+  const tarv::Call<void> last = caller->Call(kSay, "a");
+  Hear(2, last);
+  link_.Pump();
+  EXPECT_THAT(NumbersHeard(), ElementsAre(1, 2));
+  EXPECT_EQ(heard_[0].error->GetReason(), CallReason::kReleased);
+  EXPECT_EQ(heard_[1].error->GetReason(), CallReason::kReleased);
+}
+
+TEST(ServiceAndItsServer, LeaveNothingWhenTheyEnd) {
+  const auto loop = std::make_shared<TestLoop>();
+  const auto make = [&loop] {
+    const Link link(loop);
+    tarv::Service::For(link.server, loop)->On(kPing, [] {});
+  };
+  make();
+  const std::size_t before = GetMemoryUsage().held;
+  for (int i = 0; i < 10; ++i) {
+    make();
+  }
+  EXPECT_EQ(GetMemoryUsage().held, before);
+}
+
 // A task that is killed while there is no memory.
 TEST(KeptTaskWithoutMemory, TellsTheLatestChangeAndStartsAgain) {
   const auto loop = std::make_shared<TestLoop>();

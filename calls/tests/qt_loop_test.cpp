@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <functional>
 #include <memory>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -27,16 +28,18 @@ char* arguments[] = {program_name, nullptr};
 class TimerNotes final : public QAbstractEventDispatcher {
  public:
   std::vector<int> intervals;
+  std::set<int> running;
 
   bool processEvents(QEventLoop::ProcessEventsFlags) override { return false; }
   bool hasPendingEvents() override { return false; }
   void registerSocketNotifier(QSocketNotifier*) override {}
   void unregisterSocketNotifier(QSocketNotifier*) override {}
-  void registerTimer(int, int interval, Qt::TimerType, QObject* timer) override {
+  void registerTimer(int number, int interval, Qt::TimerType, QObject* timer) override {
     intervals.push_back(interval);
+    running.insert(number);
     owner = timer;
   }
-  bool unregisterTimer(int) override { return true; }
+  bool unregisterTimer(int number) override { return running.erase(number) > 0; }
   bool unregisterTimers(QObject*) override { return true; }
   QList<TimerInfo> registeredTimers(QObject*) const override { return {}; }
   int remainingTime(int) override { return 0; }
@@ -182,9 +185,11 @@ TEST_F(QtLoop, SetsNoTimerWhenNothingWaits) {
     bool ran = false;
     loop.WakeAt(loop.Now(), [&ran] { ran = true; });
     QCoreApplication::sendPostedEvents();
+    EXPECT_EQ(notes.running.size(), 1U);
     notes.Fire();
     EXPECT_TRUE(ran);
     EXPECT_EQ(notes.intervals.size(), 1U);
+    EXPECT_TRUE(notes.running.empty());
   });
 }
 
@@ -210,13 +215,17 @@ TEST_F(QtLoop, DestroysWhatItDoesNotLiveToRun) {
 
 TEST_F(QtLoop, MayEndInsideWhatItRuns) {
   bool ran = false;
-  loop_->Post([this, &ran] {
+  const auto witness = std::make_shared<int>();
+  loop_->Post([this, &ran, &witness] {
     ran = true;
     loop_.reset();
+    EXPECT_EQ(witness.use_count(), 2) << "what runs this is gone";
   });
-  loop_->Post([] { FAIL() << "the loop is gone"; });
+  loop_->Post([witness] { FAIL() << "the loop is gone"; });
   RunUntil([&ran] { return ran; });
   QCoreApplication::processEvents();
+  QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+  EXPECT_EQ(witness.use_count(), 1);
 }
 
 TEST_F(QtLoop, MayEndInsideAWake) {
@@ -229,9 +238,23 @@ TEST_F(QtLoop, MayEndInsideAWake) {
 }
 
 TEST_F(QtLoop, MayEndOnAnotherThread) {
+  const auto witness = std::make_shared<int>();
+  loop_->Post([witness] { FAIL() << "the loop is gone"; });
   std::thread([loop = std::move(loop_)]() mutable { loop.reset(); }).join();
+  EXPECT_EQ(witness.use_count(), 2) << "ended on a thread that is not the loop's";
   QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-  SUCCEED() << "the address sanitizer says whether something is left";
+  EXPECT_EQ(witness.use_count(), 1);
+}
+
+TEST_F(QtLoop, LeavesNothingWhenItsThreadHasEndedBeforeIt) {
+  const auto witness = std::make_shared<int>();
+  std::shared_ptr<Loop> loop;
+  std::thread([&loop, &witness] {
+    loop = Loop::OfThisThread();
+    loop->Post([witness] { FAIL() << "the thread runs no events"; });
+  }).join();
+  loop.reset();
+  EXPECT_EQ(witness.use_count(), 1);
 }
 
 }  // namespace

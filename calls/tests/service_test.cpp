@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <set>
 
 #include "fixture.h"
 
@@ -264,6 +265,60 @@ TEST_F(ServiceTest, WithdrawsItsMethodsAtItsEnd) {
   open_.at(0).Answer();
   link_.Pump();
   EXPECT_TRUE(early.Get().HasValue());
+}
+
+TEST_F(ServiceTest, IsToldOfNoCancellationAfterItsEnd) {
+  KeepPings();
+  const auto call = caller_->Call(kPing);
+  link_.Pump();
+  std::thread([this] {
+    link_.server->Receive(
+        vorpc::Message::CreateNotification("$/cancelRequest", cw::EncodableMap{{"id", "x1"}}));
+  }).join();
+  service_.reset();
+  call.Cancel();
+  link_.Pump();
+  EXPECT_FALSE(open_.at(0).IsCancelled());
+}
+
+TEST_F(ServiceTest, TellsHowLongItsHandlersTook) {
+  KeepPings();
+  const Ending<void> ending(caller_->Call(kPing));
+  link_.Pump();
+  link_.loop->Advance(10ms);
+  open_.at(0).Answer();
+  const tarv::MethodMetrics metrics = service_->GetMetrics().methods.at("ping");
+  EXPECT_NEAR(static_cast<double>(metrics.median_ns), 10e6, 0.7e6);
+}
+
+// Notes what has a handler.
+class HandlerNotes final : public vorpc::IServer {
+ public:
+  void SendNotify(std::string_view /*method*/, const cw::EncodableValue& /*params*/) override {}
+  void OnConnected(
+      std::function<void(const std::optional<vorpc::Message::Error>&)>&& /*callback*/) override {}
+  void OnRequest(std::string_view method, RequestHandler handler) override {
+    if (handler) {
+      handled.emplace(method);
+    } else {
+      handled.erase(std::string(method));
+    }
+  }
+  void OnNotify(std::string_view /*method*/,
+                std::function<void(const vorpc::Message::Notification&)>&& /*callback*/) override {}
+  void Run() override {}
+
+  std::set<std::string> handled;
+};
+
+TEST_F(ServiceTest, TakesAllItsHandlersFromTheServerAtItsEnd) {
+  const auto server = std::make_shared<HandlerNotes>();
+  auto service = tarv::Service::For(server, link_.loop);
+  service->On(kNext, [] { return 1; });
+  service->On(kPing, [] {});
+  EXPECT_THAT(server->handled, ElementsAre("$/describe", "$/metrics", "next", "ping"));
+  service.reset();
+  EXPECT_THAT(server->handled, testing::IsEmpty());
 }
 
 TEST_F(ServiceTest, MayEndInsideItsHandlerAndComeBack) {

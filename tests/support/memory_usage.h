@@ -13,6 +13,10 @@ struct MemoryUsage {
   std::size_t peak = 0;         // the most that was held; whoever measures sets it back
   std::size_t allocations = 0;  // how often memory was taken
   std::size_t limit = std::numeric_limits<std::size_t>::max();  // a larger block is refused
+  // After so many blocks that are given out one is refused, and with `goes_on` each later one.
+  std::size_t until_refusal = std::numeric_limits<std::size_t>::max();
+  bool goes_on = false;
+  std::size_t refusals = 0;  // how often a block was refused
 };
 
 // The calling thread's.
