@@ -11,6 +11,7 @@
 #include <limits>
 
 #include "link.h"
+#include "plain_client.h"
 #include "values.h"
 
 namespace {
@@ -27,6 +28,7 @@ using tarv::CallReason;
 using tarv::Outcome;
 using tarv::test::Ending;
 using tarv::test::Link;
+using tarv::test::PlainClient;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using namespace std::chrono_literals;
@@ -751,38 +753,6 @@ TEST_F(CallerTest, HearsOnItsLoopWhatComesOnAnotherThread) {
   const auto here = std::this_thread::get_id();
   EXPECT_THAT(heard_on, ElementsAre(here, here));
 }
-
-// What somebody else's client may be: it has no ids to tell.
-class PlainClient : public vorpc::IClient {
- public:
-  explicit PlainClient(std::shared_ptr<vorpc::IClient> client) : client_(std::move(client)) {}
-
-  bool IsConnected() const override { return client_->IsConnected(); }
-  bool HasConnectionFailed() const override { return client_->HasConnectionFailed(); }
-  void Run() override { client_->Run(); }
-  void OnConnected(
-      std::function<void(const std::optional<vorpc::Message::Error>&)>&& callback) override {
-    client_->OnConnected(std::move(callback));
-  }
-  void OnDisconnected(
-      std::function<void(const std::optional<vorpc::Message::Error>&)>&& callback) override {
-    client_->OnDisconnected(std::move(callback));
-  }
-  void SendRequest(std::string_view method, const cw::EncodableValue& params,
-                   std::function<void(const vorpc::Message::Response&)>&& callback) override {
-    client_->SendRequest(method, params, std::move(callback));
-  }
-  void SendNotify(std::string_view method, const cw::EncodableValue& params) override {
-    client_->SendNotify(method, params);
-  }
-  void OnNotify(std::string_view method,
-                std::function<void(const vorpc::Message::Notification&)>&& callback) override {
-    client_->OnNotify(method, std::move(callback));
-  }
-
- private:
-  const std::shared_ptr<vorpc::IClient> client_;
-};
 
 TEST_F(CallerTest, EndsItsCallsAlsoWithAClientThatTellsNoIds) {
   caller_ = std::make_unique<tarv::Caller>(std::make_shared<PlainClient>(link_.client), link_.loop);

@@ -252,4 +252,46 @@ TEST_F(CoroutineHandlerTest, MayEndTheService) {
   ASSERT_EQ(ending.Count(), 1U);
 }
 
+// What it runs inside itself ends before it.
+TEST_F(CoroutineHandlerTest, LivesOnWhenItEndsTheServiceAfterAHandlerInsideIt) {
+  Witness witness;
+  service_->On(kCount, [&, this](const Texts&, Request<Totals, Step>) -> Async<Totals> {
+    const auto held = witness.Hold();
+    co_await far_caller_.Call(kNext);
+    const Ending<std::int32_t> inner(caller_->Call(kNext));
+    link_.Pump();
+    EXPECT_EQ(inner.Count(), 1U);
+    service_.reset();
+    EXPECT_FALSE(witness.IsFree()) << "destroyed while it runs";
+    co_return Totals();
+  });
+  const Ending<Totals> ending(caller_->Call(kCount, {}));
+  PumpBoth();
+  EXPECT_EQ(ending.Count(), 1U);
+  EXPECT_TRUE(witness.IsFree());
+}
+
+TEST_F(CoroutineHandlerTest, MayBeDoneInsideAHandlerThatEndsTheService) {
+  Witness witness;
+  service_->On(kCount, [&, this](const Texts&, Request<Totals, Step>) -> Async<Totals> {
+    const auto held = witness.Hold();
+    co_await far_caller_.Call(kPing);
+    co_return Totals{5, {}};
+  });
+  const Ending<Totals> ending(caller_->Call(kCount, {}));
+  PumpBoth();
+  service_->On(kNext, [this] {
+    service_.reset();
+    open_.at(0).Answer();
+    far_.Pump();
+    return 1;
+  });
+  const Ending<std::int32_t> next(caller_->Call(kNext));
+  PumpBoth();
+  EXPECT_EQ(next.Count(), 1U);
+  ASSERT_TRUE(ending.Get().HasValue());
+  EXPECT_EQ(ending.Get()->total, 5);
+  EXPECT_TRUE(witness.IsFree());
+}
+
 }  // namespace

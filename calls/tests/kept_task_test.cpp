@@ -1,8 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <tarv/calls/kept_task.h>
+#include <tarv/task_client.h>
 
 #include "link.h"
+#include "plain_client.h"
 #include "values.h"
 
 namespace {
@@ -281,6 +283,42 @@ TEST_F(KeptTaskTest, HearsNothingOfAnEarlierClient) {
   loop_->Pump();
   EXPECT_EQ(open.Count(), 0U);
   EXPECT_EQ(Ask(), 2);
+}
+
+// A manager's client, which tells of the manager's end when the test says so.
+class ManagedClient final : public tarv::test::PlainClient, public tarv::ITaskClient {
+ public:
+  using ManagerCallback = std::function<void(tarv::EndedManager)>;
+
+  ManagedClient(std::shared_ptr<vorpc::IClient> client, std::vector<ManagerCallback>& callbacks)
+      : PlainClient(std::move(client)), callbacks_(callbacks) {}
+  const std::string& GetTaskName() const override { return name_; }
+  void OnManagerEnded(ManagerCallback&& callback) override {
+    callbacks_.push_back(std::move(callback));
+  }
+
+ private:
+  const std::string name_ = "words";
+  std::vector<ManagerCallback>& callbacks_;
+};
+
+TEST_F(KeptTaskTest, HearsNothingOfTheManagerOfAnEarlierClient) {
+  std::vector<ManagedClient::ManagerCallback> managers;
+  task_ = std::make_unique<tarv::KeptTask>(
+      [&] { return std::make_shared<ManagedClient>(Start(), managers); }, "words", KeepPolicy(),
+      loop_);
+  EXPECT_EQ(Ask(), 1);
+  Die();
+  EXPECT_EQ(Ask(), 2);
+  ASSERT_EQ(managers.size(), 2U);
+  const Ending<void> open(task_->Call(kPing));
+  loop_->Pump();
+  managers[0](tarv::EndedManager::kOwn);
+  loop_->Pump();
+  EXPECT_EQ(open.Count(), 0U);
+  managers[1](tarv::EndedManager::kOwn);
+  loop_->Pump();
+  EXPECT_EQ(open.GetReason(), CallReason::kReleased);
 }
 
 TEST_F(KeptTaskTest, HearsNothingOfATaskThatItLeftWhileThatWasStarting) {

@@ -286,4 +286,19 @@ INSTANTIATE_TEST_SUITE_P(Each, Lifetimes, testing::ValuesIn(AllCases()), [](cons
          kMoments[static_cast<int>(std::get<Moment>(test.param))];
 });
 
+// Nobody else has the loop, which has to let the client go once the task has started.
+TEST(ALoop, LivesUntilATaskThatIsStartingHasConnected) {
+  const QCoreApplication application(argument_count, arguments);
+  tarv::test::LinkOn<tarv::Loop> link(tarv::Loop::OfThisThread());
+  auto caller = std::make_unique<tarv::Caller>(std::move(link.client), link.loop);
+  caller.reset();
+  const std::weak_ptr<tarv::Loop> loop = std::exchange(link.loop, nullptr);
+  EXPECT_FALSE(loop.expired());
+  EXPECT_FALSE(link.weak_client.expired()) << "the task would run on";
+  link.server->Run();
+  while (!loop.expired() || !link.weak_client.expired()) {
+    QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 20);
+  }
+}
+
 }  // namespace
