@@ -8,7 +8,8 @@ Each run is a whole program: three conversations with tasks, of which one call f
 once or from then on. With --deaths each conversation loses its first task to SIGKILL, so that calls
 fail while that is mended. With --spells what fails from the first or second conversation on does so
 no more in the third. failing_calls.cpp makes them fail; conversation.cpp asks that each request
-ends once, in time and with a text. Here it is added what one may expect of the conversations:
+ends once, in time and with a text. SHIM is empty where it is part of the programs. Here it is added
+what one may expect of the conversations:
 
 - what is interrupted (EINTR) or falls short is mended without a trace: all three go well;
 - a single failure spoils one conversation at most: later work succeeds;
@@ -89,11 +90,13 @@ LIMIT = 300  # seconds that a run may take: several times the patience of its st
 def play(arguments, fault, folder):
     log = pathlib.Path(folder) / "calls"
     environment = dict(os.environ, XDG_RUNTIME_DIR=folder, RUNTIME_MANAGER_URI_HANDLER="/bin/true",
-                       RUNTIME_MANAGER_TASK_PATH=arguments.task_folder, LD_PRELOAD=arguments.shim,
+                       RUNTIME_MANAGER_TASK_PATH=arguments.task_folder,
                        RUNTIME_MANAGER_INTENT_TIMEOUT="3",
                        RUNTIME_MANAGER_TRACE=str(pathlib.Path(folder) / "record"),
                        RUNTIME_MANAGER_STDERR=str(pathlib.Path(folder) / "errors"),
                        FAIL_LOG=str(log), FAIL_ONCE=str(struck_mark(folder)), FAIL_WHOSE=arguments.whose, **fault)
+    if arguments.shim:
+        environment["LD_PRELOAD"] = arguments.shim
     if arguments.deaths:
         environment["TORTURE_DEATH"] = "1"
     if arguments.spells:
@@ -129,6 +132,10 @@ def judge(output, status, fault, spells):
     wrong = [line for line in output.splitlines() if line.startswith("WRONG")]
     if wrong:
         return wrong[0]
+    # A task's, too: what it says comes through its starter.
+    found = [line for line in output.splitlines() if "Sanitizer:" in line or "runtime error:" in line]
+    if found:
+        return f"WRONG {found[0].split('ERROR: ')[-1].strip()}"
     if status != 0:
         return f"WRONG end: {status}"
     good = output.rsplit("good: ", 1)[-1].split()[0]

@@ -1,5 +1,6 @@
 #include "strike.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -153,6 +154,13 @@ __attribute__((destructor)) void End() {
 }
 
 }  // namespace
+
+void* FindReal(const char* name) {
+  std::array<char, 64> checked{};
+  std::snprintf(checked.data(), checked.size(), "__interceptor_%s", name);
+  void* const found = ::dlsym(RTLD_DEFAULT, checked.data());
+  return found != nullptr ? found : ::dlsym(RTLD_NEXT, name);
+}
 
 bool Strikes(Call call, const void* caller) {
   const int before = errno;

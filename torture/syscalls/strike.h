@@ -2,8 +2,6 @@
 #ifndef TORTURE_SYSCALLS_STRIKE_H
 #define TORTURE_SYSCALLS_STRIKE_H
 
-#include <dlfcn.h>
-
 namespace failing {
 
 enum Call {
@@ -46,10 +44,11 @@ enum Call {
   kCalls
 };
 
-// The function behind this library's own of that name.
+// The function behind this library's own of that name: the address sanitizer's, if there is one.
+void* FindReal(const char* name);
 template <class Function>
 Function* Real(const char* name) {
-  return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
+  return reinterpret_cast<Function*>(FindReal(name));
 }
 
 // Counts a call of the code at that address. Whether it is to fail or to fall short.
