@@ -30,11 +30,20 @@ std::int64_t ReadPrivateKib() {
 
 }  // namespace
 
+void LeaveOutLargeBlocks() {
+#ifdef __GLIBC__
+  constexpr int kLarge = 32 * 1024;
+  mallopt(M_MMAP_THRESHOLD, kLarge);
+#endif
+}
+
 Figures MeasureSelf() {
+  Figures figures;
 #ifdef __GLIBC__
   malloc_trim(0);
+  const struct mallinfo2 heap = mallinfo2();
+  figures.held = static_cast<std::int64_t>(heap.uordblks);
 #endif
-  Figures figures;
   figures.private_kib = ReadPrivateKib();
   figures.descriptors = CountEntries("/proc/self/fd");
   figures.threads = CountEntries("/proc/self/task");

@@ -20,7 +20,7 @@ inline constexpr tarv::Method<std::int64_t(std::int64_t), std::int64_t> kSteps{"
 inline constexpr tarv::Method<void()> kKeep{"keep"};
 // Sleeps in its handler for so many milliseconds, in which nothing is read.
 inline constexpr tarv::Method<void(std::int64_t)> kNap{"nap"};
-// "exit 0", "exit 1", "segv", "kill" or "hang up".
+// "exit 0", "exit 1", "segv", "kill", "endless line" or "hang up".
 inline constexpr tarv::Method<void(std::string)> kDie{"die"};
 inline constexpr tarv::Method<Figures()> kMeasure{"measure"};
 

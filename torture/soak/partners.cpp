@@ -10,6 +10,7 @@
 #include <thread>
 #include <utility>
 
+#include "locking_client.h"
 #include "methods.h"
 
 namespace soak {
@@ -23,7 +24,8 @@ using namespace std::chrono_literals;
 
 constexpr std::int64_t kSmall = 200;
 constexpr std::int64_t kLarge = std::int64_t{4} << 20;
-constexpr std::array<const char*, 5> kDeaths{"exit 0", "exit 1", "segv", "kill", "hang up"};
+constexpr std::array<const char*, 6> kDeaths{"exit 0", "exit 1",       "segv",
+                                             "kill",   "endless line", "hang up"};
 
 // Mostly small, now and then large.
 std::int64_t DrawSize(Random& random) {
@@ -147,6 +149,10 @@ class RawPartner final : public Partner {
   void Act() override {
     constexpr int kMostNotes = 2000;
     const auto notes = Draw(table_.random, 1, kMostNotes);
+    if (Draw(table_.random, 0, 299) == 0) {
+      FillTheQueue();
+      return;
+    }
     switch (Draw(table_.random, 0, 9)) {
       case 0:
         client_->SendNotify(kFlood, notes);
@@ -181,6 +187,17 @@ class RawPartner final : public Partner {
  private:
   static constexpr std::int64_t kNapMs = 20;
 
+  // More than may wait for a task that sleeps.
+  void FillTheQueue() {
+    constexpr std::int64_t kLongNapMs = 1500;
+    constexpr int kTexts = 40;
+    Ask("nap", kLongNapMs);
+    const std::string text(std::size_t{1} << 20, 'q');
+    for (int i = 0; i < kTexts; ++i) {
+      client_->SendNotify(kNote, text);
+    }
+  }
+
   // A reader that is slow.
   void NapAtTimes() {
     if (Draw(table_.random, 0, 999) == 0) {
@@ -194,7 +211,8 @@ class RawPartner final : public Partner {
     open_.insert(entry);
     client_->SendRequest(method, params, [this, entry](const Message::Response& response) {
       open_.erase(entry);
-      table_.ledger.End(entry, response.IsError() ? "an error" : "a result");
+      const Message::Error* const error = response.GetError();
+      table_.ledger.End(entry, error ? "error " + std::to_string(error->code) : "a result");
     });
   }
 
@@ -244,6 +262,12 @@ std::unique_ptr<Partner> MakeRawPartner(const tarv::ManagerWrapper& manager,
                                         const std::string& task, const Table& table) {
   ++table.starts;
   return std::make_unique<RawPartner>(manager.CreateIpcClient(task), task, table);
+}
+
+std::unique_ptr<Partner> MakeLockingPartner(const tarv::ManagerWrapper& /*manager*/,
+                                            const std::string& task, const Table& table) {
+  ++table.starts;
+  return std::make_unique<RawPartner>(MakeLockingClient(task, table.ledger), task, table);
 }
 
 }  // namespace soak

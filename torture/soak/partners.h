@@ -46,6 +46,8 @@ std::unique_ptr<Partner> MakeKeptPartner(const tarv::ManagerWrapper& manager,
                                          const std::string& task, const Table& table);
 std::unique_ptr<Partner> MakeRawPartner(const tarv::ManagerWrapper& manager,
                                         const std::string& task, const Table& table);
+std::unique_ptr<Partner> MakeLockingPartner(const tarv::ManagerWrapper& manager,
+                                            const std::string& task, const Table& table);
 
 }  // namespace soak
 

@@ -179,7 +179,8 @@ class Player {
     }
     const Table table{ledger_, random_, starts_};
     const std::string task = Draw(random_, 0, 1) == 0 ? "soak_task" : "faulty";
-    constexpr std::array kMakers{&MakeCallerPartner, &MakeKeptPartner, &MakeRawPartner};
+    constexpr std::array kMakers{&MakeCallerPartner, &MakeKeptPartner, &MakeRawPartner,
+                                 &MakeLockingPartner};
     partners_.push_back(
         kMakers.at(static_cast<std::size_t>(DrawIndex(kMakers)))(*manager_, task, table));
     partners_.back()->Act();
@@ -313,6 +314,7 @@ class Player {
     }
     steady_process_ = Children().front();
     row.task_private_kib = task->private_kib;
+    row.task_held = task->held;
     row.task_descriptors = task->descriptors;
     Fill(row);
     std::cout << ToLine(row) << std::endl;
@@ -334,12 +336,26 @@ class Player {
     row.sockets = CountOwnSockets();
     const Figures figures = MeasureSelf();
     row.private_kib = figures.private_kib;
+    row.held = figures.held;
     row.descriptors = figures.descriptors;
     row.threads = figures.threads;
     row.children = figures.children;
   }
 
-  int Judge() const {
+  // In a mix that leaves something out nothing is shown of it.
+  void ExpectEachEnd() {
+    for (const char* how : {"kValue", "kTimedOut", "kCancelled", "kReleased", "a result",
+                            "error -32001", "error -32002", "error -32004", "error -32005"}) {
+      if (ledger_.GetEnds().count(how) == 0) {
+        ledger_.Complain(std::string("nothing has ended with ") + how);
+      }
+    }
+  }
+
+  int Judge() {
+    if (play_.seconds >= kLong) {
+      ExpectEachEnd();
+    }
     for (const auto& [how, count] : ledger_.GetEnds()) {
       std::cerr << "soak: " << play_.name << ": " << count << " ended with " << how << "\n";
     }
@@ -355,6 +371,7 @@ class Player {
     QDeadlineTimer until;
   };
   static constexpr std::chrono::milliseconds kRest{4000};
+  static constexpr double kLong = 500;  // seconds
 
   const Play play_;
   Random random_;
@@ -380,8 +397,9 @@ std::string ToLine(const Row& row) {
   std::ostringstream line;
   line << Row::kMark << ' ' << row.round << ' ' << row.begun << ' ' << row.values << ' '
        << row.errors << ' ' << row.forgotten << ' ' << row.starts << ' ' << row.signals << ' '
-       << row.private_kib << ' ' << row.descriptors << ' ' << row.threads << ' ' << row.children
-       << ' ' << row.sockets << ' ' << row.task_private_kib << ' ' << row.task_descriptors;
+       << row.private_kib << ' ' << row.held << ' ' << row.descriptors << ' ' << row.threads << ' '
+       << row.children << ' ' << row.sockets << ' ' << row.task_private_kib << ' ' << row.task_held
+       << ' ' << row.task_descriptors;
   return line.str();
 }
 
@@ -389,8 +407,8 @@ bool FromLine(const std::string& line, Row& row) {
   std::istringstream words(line);
   std::string mark;
   words >> mark >> row.round >> row.begun >> row.values >> row.errors >> row.forgotten >>
-      row.starts >> row.signals >> row.private_kib >> row.descriptors >> row.threads >>
-      row.children >> row.sockets >> row.task_private_kib >> row.task_descriptors;
+      row.starts >> row.signals >> row.private_kib >> row.held >> row.descriptors >> row.threads >>
+      row.children >> row.sockets >> row.task_private_kib >> row.task_held >> row.task_descriptors;
   return mark == Row::kMark && !words.fail();
 }
 

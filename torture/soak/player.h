@@ -33,11 +33,13 @@ struct Row {
   std::uint64_t starts = 0;     // of tasks
   std::uint64_t signals = 0;    // sent to tasks
   std::int64_t private_kib = 0;
+  std::int64_t held = 0;  // bytes
   std::int64_t descriptors = 0;
   std::int64_t threads = 0;
   std::int64_t children = 0;
   std::int64_t sockets = 0;           // files of this process in the runtime folder
   std::int64_t task_private_kib = 0;  // of the task that lives through all rounds
+  std::int64_t task_held = 0;
   std::int64_t task_descriptors = 0;
 };
 

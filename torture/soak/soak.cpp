@@ -12,6 +12,7 @@
 #include <random>
 
 #include "driver.h"
+#include "figures.h"
 #include "player.h"
 
 namespace {
@@ -32,6 +33,7 @@ soak::Play PlayOf(const QStringList& arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  soak::LeaveOutLargeBlocks();
   const QCoreApplication application(argc, argv);
   const QStringList arguments = QCoreApplication::arguments();
   constexpr int kArgumentsOfAPlay = 8;

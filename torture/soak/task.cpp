@@ -2,6 +2,7 @@
 
 #include <cw/plugin.h>
 #include <cw/plugin_registrar.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <tarv/calls/service.h>
@@ -10,6 +11,7 @@
 #include <veltra/host/run.h>
 
 #include <QCoreApplication>
+#include <cerrno>
 #include <chrono>
 #include <iostream>
 #include <string>
@@ -29,6 +31,24 @@ void HangUp() {
   }
 }
 
+// Into each connection; until it ends, because nobody holds so long a line.
+void WriteALineWithoutAnEnd() {
+  constexpr int kMostDescriptors = 64;
+  constexpr std::size_t kMost = std::size_t{16} << 20;
+  const std::string piece(std::size_t{64} << 10, 'x');
+  for (int descriptor = 3; descriptor < kMostDescriptors; ++descriptor) {
+    pollfd ready{descriptor, POLLOUT, 0};
+    for (std::size_t written = 0; written < kMost && poll(&ready, 1, 1000) == 1;) {
+      const ssize_t more =
+          send(descriptor, piece.data(), piece.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+      if (more < 0 && errno != EAGAIN) {
+        break;
+      }
+      written += more > 0 ? static_cast<std::size_t>(more) : 0;
+    }
+  }
+}
+
 void Die(const std::string& how) {
   std::cerr << "dies as told: " << how << std::endl;
   if (how == "exit 0" || how == "exit 1") {
@@ -38,6 +58,8 @@ void Die(const std::string& how) {
     raise(SIGSEGV);
   } else if (how == "kill") {
     raise(SIGKILL);
+  } else if (how == "endless line") {
+    WriteALineWithoutAnEnd();
   } else {
     HangUp();
   }
@@ -93,4 +115,7 @@ void RegisterTask(FlutterVeltraPluginContext* context) {
 }  // namespace
 }  // namespace soak
 
-int main(int argc, char** argv) { return veltra::host::RunTask(argc, argv, {soak::RegisterTask}); }
+int main(int argc, char** argv) {
+  soak::LeaveOutLargeBlocks();
+  return veltra::host::RunTask(argc, argv, {soak::RegisterTask});
+}
