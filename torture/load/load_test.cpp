@@ -44,7 +44,7 @@ TEST_F(Load, OfNotificationsToASlowConsumerArrivesAndOthersAreServed) {
   // What waits is the text of each, and no more.
   constexpr std::size_t kMostOfANotification = 200;
   EXPECT_LE(growth.Get("notifications to a slow consumer"),
-            static_cast<std::size_t>(notifications) * kMostOfANotification + 4 * kMiB);
+            static_cast<std::size_t>(notifications) * kMostOfANotification + kMiB);
 }
 
 class LoadForADeafPeer : public Load {
@@ -126,7 +126,7 @@ TEST_F(Load, OfPendingRequestsLeavesRoomForOthersAndEachEndsOnce) {
   }
   EXPECT_EQ(connection->Ask("count held"), cw::EncodableValue(static_cast<std::int64_t>(pending)));
   EXPECT_EQ(connection->Ask("echo", 1), cw::EncodableValue(1));
-  EXPECT_LE(growth.Get("pending requests"), pending * 1024 + kMiB);
+  EXPECT_LE(growth.Get("pending requests"), pending * 512);
   kill(Children().front(), SIGKILL);
   ASSERT_TRUE(connection->WaitForDisconnected());
   RunEvents(std::chrono::milliseconds(20));
