@@ -256,13 +256,14 @@ TEST_F(CoroutineHandlerTest, MayEndTheService) {
 TEST_F(CoroutineHandlerTest, LivesOnWhenItEndsTheServiceAfterAHandlerInsideIt) {
   Witness witness;
   service_->On(kCount, [&, this](const Texts&, Request<Totals, Step>) -> Async<Totals> {
-    const auto held = witness.Hold();
+    Witness& kept = witness;  // what the function captures goes with the service
+    const auto held = kept.Hold();
     co_await far_caller_.Call(kNext);
     const Ending<std::int32_t> inner(caller_->Call(kNext));
     link_.Pump();
     EXPECT_EQ(inner.Count(), 1U);
     service_.reset();
-    EXPECT_FALSE(witness.IsFree()) << "destroyed while it runs";
+    EXPECT_FALSE(kept.IsFree()) << "destroyed while it runs";
     co_return Totals();
   });
   const Ending<Totals> ending(caller_->Call(kCount, {}));
