@@ -21,10 +21,12 @@ bool IsKept(const QJsonValue& before, const QJsonValue& after);
 
 std::size_t DepthOf(const QJsonValue& json) {
   std::size_t deepest = 0;
-  for (const QJsonValue& element : json.toArray()) {
+  const QJsonArray elements = json.toArray();
+  for (const QJsonValue& element : elements) {
     deepest = std::max(deepest, DepthOf(element));
   }
-  for (const QJsonValue& member : json.toObject()) {
+  const QJsonObject members = json.toObject();
+  for (const QJsonValue& member : members) {
     deepest = std::max(deepest, DepthOf(member));
   }
   return deepest + (json.isArray() || json.isObject() ? 1 : 0);
