@@ -73,10 +73,11 @@ bool LineChannel::SendIfItFits(const QJsonObject& object) {
   }
   // One over the bound is not even encoded.
   std::optional<QByteArray> line = EncodeLine(object, limits_.max_message);
-  if (line) {
-    Put(OutLine(*std::move(line)));
+  if (!line) {
+    return false;
   }
-  return line.has_value();
+  Put(OutLine(*std::move(line)));
+  return true;
 }
 
 void LineChannel::SendData(std::string_view text) {
