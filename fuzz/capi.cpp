@@ -103,7 +103,10 @@ class World final : public Listeners {
       return nullptr;
     }
     if (choice == 1) {
-      return reinterpret_cast<Ref>(script_.Number<std::uintptr_t>());
+      Ref foreign;
+      const auto number = script_.Number<std::uintptr_t>();
+      std::memcpy(&foreign, &number, sizeof(number));
+      return foreign;
     }
     const std::vector<void*>& from = choice == 2 || right.empty() ? all_ : right;
     return from.empty() ? nullptr : reinterpret_cast<Ref>(from[script_.Below(256) % from.size()]);
