@@ -1,15 +1,15 @@
 #!/usr/bin/env python3
 """Lets system calls fail under an application and its task, and says what comes of it.
 
-    calls.py SHIM PROGRAM TASK_FOLDER [--sample] [--every N] [--only CALL] [--every-error] [--deaths]
+    calls.py PROGRAM TASK_FOLDER [--preload FILE] [--sample] [--every N] [--only CALL] [--every-error] [--deaths]
                 [--spells] [--whose qt] [--jobs N]
 
 Each run is a whole program: three conversations with tasks, of which one call fails at one place,
 once or from then on. With --deaths each conversation loses its first task to SIGKILL, so that calls
 fail while that is mended. With --spells what fails from the first or second conversation on does so
-no more in the third. failing_calls.cpp makes them fail; conversation.cpp asks that each request
-ends once, in time and with a text. SHIM is empty where it is part of the programs. Here it is added
-what one may expect of the conversations:
+no more in the third. failing_calls.cpp makes them fail, in a library that is preloaded or as part of the programs;
+conversation.cpp asks that each request ends once, in time and with a text. Here it is added what one
+may expect of the conversations:
 
 - what is interrupted (EINTR) or falls short is mended without a trace: all three go well;
 - a single failure spoils one conversation at most: later work succeeds;
@@ -95,8 +95,8 @@ def play(arguments, fault, folder):
                        RUNTIME_MANAGER_TRACE=str(pathlib.Path(folder) / "record"),
                        RUNTIME_MANAGER_STDERR=str(pathlib.Path(folder) / "errors"),
                        FAIL_LOG=str(log), FAIL_ONCE=str(struck_mark(folder)), FAIL_WHOSE=arguments.whose, **fault)
-    if arguments.shim:
-        environment["LD_PRELOAD"] = arguments.shim
+    if arguments.preload:
+        environment["LD_PRELOAD"] = arguments.preload
     if arguments.deaths:
         environment["TORTURE_DEATH"] = "1"
     if arguments.spells:
@@ -249,7 +249,7 @@ def play_clean(arguments):
 def main():
     parser = argparse.ArgumentParser(description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("shim")
+    parser.add_argument("--preload", help="the library that fails, where it is no part of the programs")
     parser.add_argument("program")
     parser.add_argument("task_folder")
     parser.add_argument("--sample", action="store_true")
