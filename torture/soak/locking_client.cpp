@@ -88,8 +88,9 @@ class LockingClient : public std::enable_shared_from_this<LockingClient> {
   }
   static void OnMessage(void* user_data, const char* text, std::size_t chunk) {
     LockingClient& self = Of(user_data);
-    self.Keep(text, chunk);
-    self.client_->Receive(Message::FromBase64(text));
+    Message message = Message::FromBase64(text);
+    self.Keep(text, chunk);  // it may give the text back at once
+    self.client_->Receive(std::move(message));
   }
   static void OnRelease(void* user_data) {
     const std::unique_ptr<std::shared_ptr<LockingClient>> owner(
