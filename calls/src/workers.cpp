@@ -28,6 +28,9 @@ class Workers::Pool : public std::enable_shared_from_this<Pool> {
   }
 
   void Post(Job job) {
+    if (!job) {
+      return;  // to a worker it would be the end
+    }
     {
       const std::lock_guard lock(mutex_);
       if (*ending_) {

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <future>
 #include <set>
 
 #include "fixture.h"
@@ -376,6 +378,14 @@ TEST_F(ServiceTest, AnswersWrongParametersBeforeAWorkerIsAsked) {
   const Ending<std::int32_t> next(caller_->Call(kNext));  // comes to the worker later
   PumpUntilEnd(next);
   EXPECT_FALSE(ran);
+}
+
+TEST(WorkersTest, GoOnAfterAnEmptyJob) {
+  tarv::Workers workers(1);
+  workers.Post({});
+  std::promise<void> ran;
+  workers.Post([&ran] { ran.set_value(); });
+  EXPECT_EQ(ran.get_future().wait_for(10s), std::future_status::ready);
 }
 
 TEST_F(ServiceTest, RunsAsManyAtATimeAsThereAreWorkers) {

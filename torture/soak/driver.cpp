@@ -20,7 +20,7 @@
 #include <vector>
 
 #include "figures.h"
-#include "player.h"
+#include "row.h"
 
 namespace soak {
 namespace {

@@ -28,8 +28,8 @@ class Workers {
   Workers(const Workers&) = delete;
   Workers& operator=(const Workers&) = delete;
 
-  // Runs the job on one of the threads; jobs begin in order. Its exception is logged. Throws
-  // std::bad_alloc: the job is gone then.
+  // Runs the job on one of the threads; jobs begin in order. Its exception is logged. An empty job
+  // does nothing. Throws std::bad_alloc: the job is gone then.
   void Post(Job job) { GetPost()(std::move(job)); }
 
   // Post, for those who may outlive the object: a job is then destroyed at once.
